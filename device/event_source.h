@@ -1,0 +1,15 @@
+// What the embedded event queue offers beyond device/event_queue.h. All of it is declared weak: with a device's own
+// queue library the addresses may be null, and the daemon runs without.
+#pragma once
+
+extern "C" {
+
+// Queues one event. `type` is its code; `type_name` 1 to 127 bytes without blanks and control characters; `info`
+// "name=value" items joined by "&" (null counts as empty); all are copied. Any thread, from helper_init until the
+// process is gone. Returns 1 queued, -1 bad argument or queue closed, -2 queue full.
+__attribute__((weak)) int event_post(int type, const char* type_name, const char* info);
+
+// The number of events that event_dequeue would return at once, without waiting and without a system call. Script
+// thread only.
+__attribute__((weak)) int event_pending();
+}

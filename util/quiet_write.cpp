@@ -1,0 +1,48 @@
+#include "util/quiet_write.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+namespace {
+
+bool write_all(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written > 0) {
+      data += written;
+      size -= static_cast<size_t>(written);
+    } else if (written == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool is_pending(int signal_number) {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, signal_number) == 1;
+}
+
+}  // namespace
+
+bool write_quietly(int fd, const char* data, size_t size) {
+  sigset_t pipe_only;
+  sigset_t before;
+  sigemptyset(&pipe_only);
+  sigaddset(&pipe_only, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_only, &before);
+  const bool pending_before = is_pending(SIGPIPE);  // somebody else's: not ours to take away
+  const bool done = write_all(fd, data, size);
+  const int error = errno;
+  if (!done && error == EPIPE && !pending_before) {
+    const timespec at_once{0, 0};
+    while (sigtimedwait(&pipe_only, nullptr, &at_once) == -1 && errno == EINTR) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  errno = error;
+  return done;
+}

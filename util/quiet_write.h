@@ -1,0 +1,9 @@
+// Writing to a standard stream or a log whose reader may be gone.
+#pragma once
+
+#include <cstddef>
+
+// Writes all `size` bytes to `fd`, going on after interruptions. A SIGPIPE that this raises is taken away before
+// anybody sees it: a dead log must not be the cause of another log line. Returns false when not everything could be
+// written, with errno set. Any thread; keeps the calling thread's signal mask.
+bool write_quietly(int fd, const char* data, size_t size);

@@ -1,0 +1,9 @@
+// The daemon's own threads beside the main one.
+#pragma once
+
+#include <pthread.h>
+
+// Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked, so that those reach the main thread
+// and never cut a script's sleep or a poll short; SIGPIPE stays as it is. The handle goes to *thread, which the caller
+// joins. Returns 0, or an error number as pthread_create does; *thread is then 0. Main thread only.
+int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument);
