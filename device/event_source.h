@@ -2,6 +2,10 @@
 // queue library the addresses may be null, and the daemon runs without.
 #pragma once
 
+// Where the embedded queue takes events from other processes, behind DEVICE_ROOT: a Unix stream socket, one event a
+// line (util/event_line.h).
+constexpr char kEventSocketPath[] = "/run/zelvind/events.sock";
+
 extern "C" {
 
 // Queues one event. `type` is its code; `type_name` 1 to 127 bytes without blanks and control characters; `info`

@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "util/clock.h"
+#include "util/event_line.h"
 #include "util/text.h"
 
 namespace {
@@ -39,6 +40,47 @@ TEST(QueryField, FirstMatchingItemDecides) {
     char out[64] = "left over";
     EXPECT_EQ(query_field(row.text, row.key, out, row.max), row.result);
     EXPECT_STREQ(out, row.value);
+  }
+}
+
+struct LineCase {
+  std::string line;
+  const char* error;  // null: a good line
+  int type;
+  const char* name;
+  const char* info;
+};
+
+TEST(EventLine, GoodAndBadLines) {
+  const std::string name_127(127, 'n');
+  const LineCase cases[] = {
+      {"1 door state=open&by=me", nullptr, 1, "door", "state=open&by=me"},
+      {"-2147483648 n", nullptr, -2147483648, "n", ""},
+      {"1 door ", nullptr, 1, "door", ""},
+      {"1 door  two blanks\t\x01", nullptr, 1, "door", " two blanks\t\x01"},
+      {"1 " + name_127, nullptr, 1, name_127.c_str(), ""},
+      {"1 " + name_127 + "n", "the name is longer than 127 bytes", 0, "", ""},
+      {"", "the line is empty", 0, "", ""},
+      {"7", "the name is missing", 0, "", ""},
+      {"7 ", "the name is missing", 0, "", ""},
+      {"7  x", "the name is missing", 0, "", ""},
+      {"x door", "the type is no whole number", 0, "", ""},
+      {"+1 door", "the type is no whole number", 0, "", ""},
+      {"1.5 door", "the type is no whole number", 0, "", ""},
+      {"2147483648 door", "the type is out of range", 0, "", ""},
+      {"1 do\tor", "the name holds a blank or a control character", 0, "", ""},
+      {std::string("1 door a\0b", 10), "the line holds a zero byte", 0, "", ""},
+      {"1 n " + std::string(64997, 'x'), "the line is longer than 65000 bytes", 0, "", ""},
+  };
+  for (const LineCase& row : cases) {
+    SCOPED_TRACE(row.line.substr(0, 40));
+    EventLine event{};
+    const char* error = parse_event_line(row.line, event);
+    EXPECT_STREQ(error, row.error);
+    if (error != nullptr || row.error != nullptr) continue;
+    EXPECT_EQ(event.type, row.type);
+    EXPECT_EQ(event.name, row.name);
+    EXPECT_EQ(event.info, row.info);
   }
 }
 

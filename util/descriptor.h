@@ -1,0 +1,34 @@
+// Descriptors: their owner, and the rule that none of ours stands where a standard stream belongs.
+#pragma once
+
+#include <unistd.h>
+
+// Owns a descriptor, or nothing (-1). Closing keeps errno. Not shared between threads.
+class Descriptor {
+ public:
+  explicit Descriptor(int owned = -1) : fd(owned) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : fd(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  ~Descriptor() { reset(); }
+
+  int get() const { return fd; }
+  int release() {
+    const int released = fd;
+    fd = -1;
+    return released;
+  }
+  void reset(int owned = -1);
+
+ private:
+  int fd;
+};
+
+// Moves `fd` to a number of at least 3, close-on-exec, when it is below: a script's print must not go into a socket
+// because the daemon was started with its standard streams closed. Returns the descriptor to use, or -1 with errno set
+// (then `fd` is closed); -1 is passed through. Any thread.
+int above_standard_streams(int fd);

@@ -1,0 +1,27 @@
+// One event as a line of text, the form in which other processes post events:
+//
+//   TYPE NAME[ INFO]
+//
+// TYPE is a decimal signed 32-bit integer, NAME 1 to 127 bytes without blanks and control characters, INFO the rest of
+// the line as it is; single blanks stand between them. A line has at most 65,000 bytes, no zero byte, and is ended by a
+// line feed that does not belong to it. Described for posters in docs/events.md.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+constexpr size_t kEventLineMax = 65000;  // bytes, without the line feed
+constexpr size_t kEventNameMax = 127;    // bytes
+
+struct EventLine {
+  int32_t type;
+  std::string_view name;  // both point into the line
+  std::string_view info;
+};
+
+// Takes a line apart. Returns null and fills `event`, or says what is wrong with the line. Any thread.
+const char* parse_event_line(std::string_view line, EventLine& event);
+
+// What is wrong with an event type's name, or null. Any thread.
+const char* check_event_name(std::string_view name);

@@ -1,0 +1,14 @@
+// Unix stream sockets at paths of any length. A socket address holds 107 bytes of path; a longer one is reached
+// through the folder's descriptor.
+#pragma once
+
+#include <string>
+
+// A new Unix stream socket, close-on-exec and never below descriptor 3. Returns it, or -1 with errno set. Any thread.
+int unix_stream_socket();
+
+// Binds `fd` to `path`; its folder must exist. Returns 0, or -1 with errno set. Any thread.
+int unix_bind(int fd, const std::string& path);
+
+// Connects `fd` to the socket at `path`. Returns 0, or -1 with errno set. Any thread.
+int unix_connect(int fd, const std::string& path);
