@@ -1,0 +1,39 @@
+// A device made for tests, linked behind the headers of device/: events from a vector, settings from a map, log lines
+// into a vector. Everything may be called from any thread.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace standin {
+
+// Forgets events, settings and log lines.
+void reset();
+
+// The store file "zelvind.info" with one key more; without any the file does not exist.
+void set(const std::string& key, const std::string& value);
+
+// Adds an event at the end of the queue.
+void post(int type, const std::string& type_name, const std::string& info);
+
+// The lines logged since reset, one string a call of elog or elogr, as "<level> text".
+std::vector<std::string> log_lines();
+
+// Those of them that hold `part`.
+std::vector<std::string> log_lines_with(const std::string& part);
+
+// Waits until a line that holds `part` has been logged `count` times; false after 10 s.
+bool wait_for_line(const std::string& part, size_t count = 1);
+
+// Events handed out by event_dequeue and not yet given back.
+int events_outstanding();
+
+// Calls of event_arrange since reset, and the time-outs passed to event_dequeue since reset.
+int arrange_calls();
+std::vector<int> dequeue_waits();
+
+// Store handles opened and not yet closed.
+int handles_open();
+
+}  // namespace standin
