@@ -1,0 +1,22 @@
+// The daemon's settings file in the configuration store, open.
+#pragma once
+
+#include <string>
+
+struct econf_handle;
+
+class ConfFile {
+ public:
+  // Opens "zelvind.info". Throws except_conf when there is none. Main thread, like everything here.
+  ConfFile();
+  ConfFile(const ConfFile&) = delete;
+  ConfFile& operator=(const ConfFile&) = delete;
+  ~ConfFile();
+
+  // The value at `key`, or the default when the key is missing or no good; says nothing about either.
+  int get_int(const char* key, int otherwise);
+  std::string get_str(const char* key, const std::string& otherwise);
+
+ private:
+  econf_handle* handle;
+};

@@ -1,0 +1,82 @@
+// Process entry: options, detaching, pid file, signals; everything else is run().
+
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "app/run.h"
+#include "app/signals.h"
+#include "device/log.h"
+#include "util/text.h"
+
+namespace {
+
+constexpr size_t kPidFileMax = 1023;
+
+// Returns the path of the pid file, or an empty text. Options that the daemon does not know, and those that it accepts
+// and ignores, never keep it from starting: it runs where nobody reads a usage text.
+std::string parse_options(int argc, char** argv) {
+  static const option kOptions[] = {
+      {"version", no_argument, nullptr, 'v'},
+      {"pidfile", required_argument, nullptr, 'p'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  std::string pid_file;
+  for (int letter = 0; letter != -1;) {
+    letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);
+    if (letter != 'p') continue;
+    printf("pid file indicated : %s\n", optarg);
+    pid_file = optarg;
+  }
+  if (pid_file.size() <= kPidFileMax) return pid_file;
+  fprintf(stderr, "%s: the path of the pid file is longer than %zu characters, none is written\n", argv[0],
+          kPidFileMax);
+  return "";
+}
+
+void detach() {
+  fflush(stdout);  // or both processes would write what is still held
+  const pid_t child = fork();
+  if (child < 0) fprintf(stderr, "Failed to fork current process\n");
+  if (child != 0) exit(0);
+}
+
+// The session's id is the daemon's process id.
+void write_pid_file(pid_t session, const std::string& path) {
+  if (path.empty()) return;
+  if (system(sstr("echo %d > %s", session, path.c_str()).c_str()) != 0) return;  // the daemon runs without one
+}
+
+int run_to_end() {
+  try {
+    run();
+    write_signal_lines();
+  } catch (const std::exception& error) {
+    write_signal_lines();
+    elog(1, "zelvind: %s", error.what());
+    return 1;
+  } catch (...) {
+    write_signal_lines();
+    elog(1, "zelvind: unknown error");
+    return 1;
+  }
+  elog(1, "zelvind: zelvind end");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string pid_file = parse_options(argc, argv);
+  block_signals();
+  detach();
+  if (chdir("/") != 0) perror("zelvind: chdir");
+  write_pid_file(setsid(), pid_file);
+  install_signals();
+  return run_to_end();
+}

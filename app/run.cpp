@@ -1,0 +1,117 @@
+#include "app/run.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <exception>
+#include <string>
+
+#include "app/conf_file.h"
+#include "app/exe_dir.h"
+#include "app/signals.h"
+#include "device/log.h"
+#include "script/manager_script.h"
+
+namespace {
+
+constexpr useconds_t kIdleUs = 100000;
+
+struct Settings {
+  std::string script_path;
+  std::string external_path;
+  std::string dll_path;
+};
+
+Settings read_settings(ConfFile& conf) {
+  elog_set_level("zelvind", conf.get_int("log_level", 1));
+  Settings settings;
+  settings.script_path = conf.get_str("script_path", exe_dir());
+  settings.external_path = conf.get_str("external_path", "");
+  settings.dll_path = conf.get_str("dll_path", "/usr/lib");
+  return settings;
+}
+
+// Descriptor 0 means "none" to the socket layer and the listener. When it is free, a socket is put there for good, so
+// that no other one gets it.
+void occupy_descriptor_0() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd > 0) close(fd);
+}
+
+struct Managers {
+  ManagerScript script;
+};
+
+// Returns false when a step failed.
+bool start(Managers& managers, const Settings& settings) {
+  try {
+    managers.script.init();
+    managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
+    managers.script.start_thread();
+  } catch (const std::exception& error) {
+    elog(1, "zelvind: %s", error.what());
+    return false;
+  }
+  elog(2, "zelvind: complete to start program");
+  return true;
+}
+
+void stop_threads(Managers& managers) {
+  managers.script.stop_thread();
+}
+
+void reload(Managers& managers, const Settings& settings) {
+  elog(2, "zelvind: reloading ...");
+  managers.script.reload(settings.script_path.c_str(), settings.external_path.c_str());
+  resume_running();
+}
+
+// Idles until a stop is asked for. A SIGHUP clears g_running too, after it has set g_reload: a cleared g_running with
+// g_reload clear is a stop. Each request is taken before it is carried out, so that one which comes meanwhile counts
+// again; but once a stop is asked for, at most one more reload is done.
+void idle(Managers& managers, const Settings& settings) {
+  for (;;) {
+    write_signal_lines();
+    const bool stopping = g_stop != 0;
+    if (g_reload.exchange(0) != 0) {
+      reload(managers, settings);
+      if (stopping) return;
+    } else if (g_running == 0 && g_reload == 0) {
+      return;
+    } else {
+      usleep(kIdleUs);
+    }
+  }
+}
+
+void stop(Managers& managers) {
+  stop_threads(managers);
+  managers.script.call_cleanup();
+  managers.script.cleanup();
+}
+
+}  // namespace
+
+void run() {
+  elog_set_level("zelvind", 1);
+  errlog_init(3, "zelvind");
+  elog(1, "Start zelvind...");
+  Managers managers;
+  resume_running();
+  occupy_descriptor_0();
+  ConfFile conf;
+  const Settings settings = read_settings(conf);
+  if (!start(managers, settings)) return;
+  try {
+    idle(managers, settings);
+  } catch (const std::exception& error) {  // a reload failed
+    elog(1, "zelvind: %s", error.what());
+    stop_threads(managers);  // before what they use is destroyed; nothing else is cleaned up
+    return;
+  } catch (...) {
+    stop_threads(managers);
+    throw;
+  }
+  write_signal_lines();
+  stop(managers);
+}

@@ -1,0 +1,112 @@
+#include "app/signals.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <initializer_list>
+
+#include "device/log.h"
+#include "util/quiet_write.h"
+
+std::atomic<int> g_running{0};
+std::atomic<int> g_reload{0};
+std::atomic<int> g_stop{0};
+
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler must not wait");
+
+namespace {
+
+// Signals that wait for their lines. Handlers of several threads take slots in arrival order; the run loop empties
+// them.
+class SignalRing {
+ public:
+  void add(int signal_number) {
+    uint32_t slot = next_free.load();
+    do {
+      if (slot - next_read.load() >= kSlots) return;
+    } while (!next_free.compare_exchange_weak(slot, slot + 1));
+    slots[slot % kSlots].store(signal_number);
+  }
+
+  // The oldest signal, or 0. A slot that is taken and not yet filled counts as none: it is there the next time.
+  int take() {
+    const uint32_t slot = next_read.load();
+    const int signal_number = slots[slot % kSlots].exchange(0);
+    if (signal_number != 0) next_read.store(slot + 1);
+    return signal_number;
+  }
+
+ private:
+  static constexpr uint32_t kSlots = 256;
+  std::atomic<int> slots[kSlots] = {};
+  std::atomic<uint32_t> next_free{0};
+  std::atomic<uint32_t> next_read{0};
+};
+
+SignalRing g_arrived;
+
+sigset_t run_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal_number : {SIGHUP, SIGINT, SIGTERM, SIGPIPE}) sigaddset(&set, signal_number);
+  return set;
+}
+
+const char* line_of(int signal_number) {
+  switch (signal_number) {
+    case SIGHUP:
+      return "signal_handler: SIGHUP";
+    case SIGINT:
+      return "signal_handler: SIGINT";
+    case SIGTERM:
+      return "signal_handler: SIGTERM";
+    default:
+      return "signal_handler: SIGPIPE";
+  }
+}
+
+}  // namespace
+
+void signal_handler(int signal_number) {
+  const int error = errno;
+  if (signal_number == SIGHUP) {
+    g_reload = 1;
+    g_running = 0;
+  } else if (signal_number == SIGINT || signal_number == SIGTERM) {
+    g_stop = 1;
+    g_running = 0;
+  }
+  g_arrived.add(signal_number);
+  errno = error;
+}
+
+void block_signals() {
+  const sigset_t set = run_signals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int install_signals() {
+  struct sigaction action {};
+  action.sa_handler = signal_handler;
+  action.sa_mask = run_signals();
+  sigaddset(&action.sa_mask, SIGSEGV);
+  for (const int signal_number : {SIGINT, SIGHUP, SIGTERM, SIGPIPE}) sigaction(signal_number, &action, nullptr);
+  const sigset_t set = run_signals();
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  return 0;
+}
+
+void write_signal_lines() {
+  constexpr char kLine[] = "signal_handle\n";
+  while (const int signal_number = g_arrived.take()) {
+    write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
+    elog(1, "%s", line_of(signal_number));
+  }
+}
+
+void resume_running() {
+  g_running = 1;
+  if (g_stop != 0) g_running = 0;  // the handler sets g_stop first: a stop that came in between is seen here
+}

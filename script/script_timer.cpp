@@ -1,0 +1,103 @@
+#include "script/script_timer.h"
+
+#include <algorithm>
+#include <cassert>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+
+#include "device/log.h"
+#include "script/manager_script.h"
+#include "util/lua_binding.h"
+
+int get_target_time(int now, int interval, int origin) {
+  const int64_t distance = int64_t{now} - origin;
+  const int64_t since_point = (distance % interval + interval) % interval;  // s since the last instant of the grid
+  return static_cast<int>(std::min<int64_t>(int64_t{now} + interval - since_point, INT_MAX));
+}
+
+int tmr_add(lua_State* L) {
+  ManagerScript& script = *g_mscript;
+  if (lua_isnone(L, 1)) throw ArgumentError(1, "function expected, got no value");
+  const int interval = int_arg(L, 2);
+  if (interval < 1) throw ArgumentError(2, "an interval of at least 1 s expected");
+  const int origin = int_arg(L, 3);
+  if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
+  if (script.timers.size() >= kMaxTimers) throw ScriptError("too many timers");
+  lua_pushvalue(L, 1);
+  const int callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
+  const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
+  const int next_due = get_target_time(script.clock.seconds(), interval, origin);
+  script.timers.push_back(std::make_unique<ScriptTimer>(
+      ScriptTimer{interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()}));
+  return 0;
+}
+
+int tmr_delete(lua_State* L) {
+  ManagerScript& script = *g_mscript;
+  const ScriptTimer* const timer = script.current_timer;
+  if (timer == nullptr) throw ScriptError("This is not timer callback");
+  luaL_unref(L, LUA_REGISTRYINDEX, timer->callback_ref);
+  luaL_unref(L, LUA_REGISTRYINDEX, timer->argument_ref);
+  script.timers.erase(std::find_if(script.timers.begin(), script.timers.end(),
+                                   [timer](const auto& record) { return record.get() == timer; }));
+  script.timers_changed = true;
+  script.current_timer = nullptr;
+  return 0;
+}
+
+int timer_time(lua_State* L) {
+  constexpr int kFields = 6;  // year, month from 0, day of month, hour, minute, second
+  const int given = lua_gettop(L);
+  if (given > kFields) throw ScriptError("timer_time takes at most six arguments");
+  int fields[kFields] = {-1, -1, -1, -1, -1, -1};
+  for (int i = 0; i < given; ++i) fields[kFields - given + i] = int_arg(L, i + 1);
+  const time_t now = g_mscript->clock.seconds();
+  tm local{};
+  localtime_r(&now, &local);
+  if (fields[0] != -1) local.tm_year = static_cast<int>(std::max<int64_t>(int64_t{fields[0]} - 1900, INT_MIN));
+  if (fields[1] != -1) local.tm_mon = fields[1];
+  if (fields[2] != -1) local.tm_mday = fields[2];
+  if (fields[3] != -1) local.tm_hour = fields[3];
+  if (fields[4] != -1) local.tm_min = fields[4];
+  if (fields[5] != -1) local.tm_sec = fields[5];
+  lua_pushinteger(L, static_cast<int>(mktime(&local)));
+  return 1;
+}
+
+namespace {
+
+void call_back(ManagerScript& script, ScriptTimer& timer) {
+  const int callback_ref = timer.callback_ref;  // the callback may delete the record
+  const int argument_ref = timer.argument_ref;
+  script.current_timer = &timer;
+  std::string error;
+  const bool done = protect(script.lua_state, error, [&](lua_State* L) {
+    lua_rawgeti(L, LUA_REGISTRYINDEX, callback_ref);
+    lua_rawgeti(L, LUA_REGISTRYINDEX, argument_ref);
+    lua_call(L, 1, 0);
+  });
+  if (!done) elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
+}
+
+}  // namespace
+
+void ManagerScript::run_timers() {
+  assert(gate.held_here());
+  const int now = clock.seconds();
+  // Callbacks append timers, none of which is due yet, and delete their own. After a deletion the next record stands at
+  // the same index; all before it have run or are not due, so there is nothing to start again for.
+  for (size_t i = 0; i < timers.size();) {
+    ScriptTimer& timer = *timers[i];
+    timers_changed = false;
+    if (int64_t{timer.next_due} - now > timer.interval) {  // the clock was set back
+      timer.next_due = get_target_time(now, timer.interval, timer.origin);
+    }
+    if (timer.next_due <= now) {
+      timer.next_due = get_target_time(now, timer.interval, timer.origin);
+      call_back(*this, timer);
+    }
+    if (!timers_changed) ++i;
+  }
+  current_timer = nullptr;
+}
