@@ -4,11 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
-#include <fstream>
+#include <chrono>
 #include <thread>
 
-#include "device/log.h"
 #include "script/clua.h"
 #include "script/event_loop.h"
 #include "script/manager_script.h"
@@ -103,39 +101,29 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesWhenIdle) {
   EXPECT_LE(*std::max_element(waits.begin(), waits.end()), 400);
 }
 
-// A reload gets the state at the end of the pass in progress, although the queue is never empty.
-TEST_F(EventLoop, ReloadComesBetweenTwoPassesOfAFlood) {
-  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "zelvind-flood";
-  std::filesystem::create_directories(folder);
-  std::ofstream(folder / "a.lua") << "script_define('a', 1) trace(2, 'reloaded')";
-  run_lua("es_a = { list_func = { { 't', function() end } } }");
-  std::atomic<bool> flooding{true};
-  std::thread flood([&] {
-    while (flooding) {
-      if (standin::log_lines_with("event(a)").size() < 100000) standin::post(1, "a", "");
+// A reload gets the state when the pass in progress ends, although the loop wants it again at once.
+TEST(LuaGate, AWishComesBeforeTheNextPass) {
+  for (int round = 0; round < 20; ++round) {
+    LuaGate gate;
+    std::atomic<bool> wishing{false};
+    std::atomic<int> turns{0};
+    std::thread reload;
+    {
+      const LuaTurn pass(gate);
+      reload = std::thread([&] {
+        wishing = true;
+        const LuaTurn turn(gate, LuaGate::Turn::next);
+        ++turns;
+      });
+      while (!wishing) std::this_thread::yield();
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));  // until the wish is there
     }
-  });
-  script.start_thread();
-  ASSERT_TRUE(standin::wait_for_line("event(a)", 3));
-  constexpr size_t kReloads = 20;
-  size_t late = 0;
-  for (size_t i = 1; i <= kReloads; ++i) {
-    elog(2, "reload %zu wanted", i);
-    script.reload(folder.c_str(), "");
-    const std::vector<std::string> lines = standin::log_lines();
-    const auto holds = [](const char* part) {
-      return [part](const std::string& line) { return line.find(part) != std::string::npos; };
-    };
-    const auto got = std::find_if(lines.rbegin(), lines.rend(), holds("load script files from"));
-    const auto wanted = std::find_if(got, lines.rend(), holds("wanted"));
-    if (std::count_if(got, wanted, holds("mscript: event(")) > 2) ++late;
+    {
+      const LuaTurn next_pass(gate);
+      EXPECT_EQ(turns, 1) << "round " << round;
+    }
+    reload.join();
   }
-  EXPECT_LE(late, kReloads / 4);  // this thread may be put to sleep between its line and its wish
-  flooding = false;
-  flood.join();
-  script.stop_thread();
-  EXPECT_EQ(standin::log_lines_with("reloaded").size(), kReloads);
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace
