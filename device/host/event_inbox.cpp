@@ -10,6 +10,12 @@ namespace {
 
 using Lock = std::lock_guard<std::mutex>;
 
+// For a counter with one writer at a time: no atomic addition.
+template <typename Number>
+void add(std::atomic<Number>& counter, Number count, std::memory_order order) {
+  counter.store(counter.load(std::memory_order_relaxed) + count, order);
+}
+
 }  // namespace
 
 bool EventInbox::open() {
@@ -29,8 +35,8 @@ void EventInbox::close() {
   wake_fd = -1;
   posted.clear();
   taken.clear();
-  events = 0;
-  bytes = 0;
+  taken_events.store(posted_events);
+  taken_bytes.store(posted_bytes);
 }
 
 int EventInbox::post(int type, std::string_view name, std::string_view info) {
@@ -49,8 +55,8 @@ int EventInbox::post(int type, std::string_view name, std::string_view info) {
     return -2;
   }
   posted.push(record);
-  bytes.fetch_add(record->size, std::memory_order_relaxed);
-  events.fetch_add(1, std::memory_order_release);
+  add(posted_bytes, record->size, std::memory_order_relaxed);
+  add(posted_events, 1u, std::memory_order_release);
   if (is_sleeping) {
     // Under the lock, so that the descriptor cannot be closed, and its number reused, in between.
     is_sleeping = false;
@@ -66,8 +72,8 @@ EventRecord* EventInbox::take() {
     taken.take_all(posted);
   }
   EventRecord* record = taken.take();
-  bytes.fetch_sub(record->size, std::memory_order_relaxed);
-  events.fetch_sub(1, std::memory_order_relaxed);
+  add(taken_bytes, record->size, std::memory_order_relaxed);
+  add(taken_events, 1u, std::memory_order_relaxed);
   return record;
 }
 
@@ -79,6 +85,7 @@ bool EventInbox::may_sleep() {
 }
 
 bool EventInbox::is_full(size_t size) const {
-  return events.load(std::memory_order_relaxed) >= kInboxEventsMax ||
-         bytes.load(std::memory_order_relaxed) + size > kInboxBytesMax;
+  return waiting() >= kInboxEventsMax ||
+         posted_bytes.load(std::memory_order_relaxed) - taken_bytes.load(std::memory_order_relaxed) + size >
+             kInboxBytesMax;
 }

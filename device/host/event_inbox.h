@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string_view>
 
@@ -28,7 +29,10 @@ class EventInbox {
   EventRecord* take();
 
   // The number of events that take() would return, without a lock.
-  int waiting() const { return events.load(std::memory_order_acquire); }
+  int waiting() const {
+    return static_cast<int>(posted_events.load(std::memory_order_acquire) -
+                            taken_events.load(std::memory_order_relaxed));
+  }
 
   // True when nothing waits; from then on the next post makes wake_descriptor() ready.
   bool may_sleep();
@@ -43,12 +47,17 @@ class EventInbox {
   bool is_full(size_t size) const;
 
   std::mutex mutex;
-  RecordList posted;           // under mutex
-  bool is_open = false;        // under mutex
-  bool is_sleeping = false;    // under mutex
-  int wake_fd = -1;            // changed under mutex, by the main thread alone
-  RecordList taken;            // script thread: moved here from `posted` in one go, which spares a lock for each event
-  std::atomic<int> events{0};  // in both lists
-  std::atomic<size_t> bytes{0};  // in both lists
+  RecordList posted;         // under mutex
+  bool is_open = false;      // under mutex
+  bool is_sleeping = false;  // under mutex
+  int wake_fd = -1;          // changed under mutex, by the main thread alone
+  RecordList taken;          // script thread: moved here from `posted` in one go, which spares a lock for each event
+
+  // What ever came and went; what waits is the difference. Each has one writer at a time, so that no event costs an
+  // atomic addition, which would wait until the new record has been written out to memory.
+  std::atomic<uint32_t> posted_events{0};  // written under mutex
+  std::atomic<size_t> posted_bytes{0};     // written under mutex
+  std::atomic<uint32_t> taken_events{0};   // written by the script thread
+  std::atomic<size_t> taken_bytes{0};      // written by the script thread
   std::atomic<int> refused{0};
 };

@@ -90,7 +90,7 @@ extern "C" {
 
 int helper_init(lua_State* L) {
   EventQueue& q = queue();
-  if (!q.inbox.open() || !q.posters.open(q.inbox.wake_descriptor())) {
+  if (!q.posters.is_open() && (!q.inbox.open() || !q.posters.open(q.inbox.wake_descriptor()))) {
     elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
     q.inbox.close();
     return -1;
