@@ -1,4 +1,4 @@
-// The wall clock as the scripts and the coroutine scheduler count it.
+// The clocks: the wall clock as the scripts and the coroutine scheduler count it, and a steady one for deadlines.
 #pragma once
 
 #include <cstdint>
@@ -14,3 +14,6 @@ int clock_ms(int64_t seconds, int64_t microseconds);
 inline int ms_between(int earlier, int later) {
   return static_cast<int>(static_cast<uint32_t>(later) - static_cast<uint32_t>(earlier));
 }
+
+// Milliseconds of a clock that no one sets, for deadlines and silences. Any thread.
+int64_t steady_ms();

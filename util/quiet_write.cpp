@@ -1,24 +1,12 @@
 #include "util/quiet_write.h"
 
+#include <poll.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 
 namespace {
-
-bool write_all(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
-    if (written > 0) {
-      data += written;
-      size -= static_cast<size_t>(written);
-    } else if (written == 0 || errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
 
 bool is_pending(int signal_number) {
   sigset_t pending;
@@ -28,6 +16,24 @@ bool is_pending(int signal_number) {
 
 }  // namespace
 
+bool write_fully(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written > 0) {
+      data += written;
+      size -= static_cast<size_t>(written);
+    } else if (written == 0) {
+      return false;
+    } else if (errno == EAGAIN) {
+      pollfd wait{fd, POLLOUT, 0};
+      if (poll(&wait, 1, 1000) == 0) return false;
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool write_quietly(int fd, const char* data, size_t size) {
   sigset_t pipe_only;
   sigset_t before;
@@ -35,7 +41,7 @@ bool write_quietly(int fd, const char* data, size_t size) {
   sigaddset(&pipe_only, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe_only, &before);
   const bool pending_before = is_pending(SIGPIPE);  // somebody else's: not ours to take away
-  const bool done = write_all(fd, data, size);
+  const bool done = write_fully(fd, data, size);
   const int error = errno;
   if (!done && error == EPIPE && !pending_before) {
     const timespec at_once{0, 0};

@@ -1,1 +1,124 @@
 #include "device/log.h"
+
+#include <pthread.h>
+#include <atomic>
+#include <cerrno>
+#include <exception>
+#include <string>
+#include <type_traits>
+
+#include "device/host/log_target.h"
+#include "device/host/log_text.h"
+
+namespace {
+
+// Both may be used until the process is gone, by any thread: nothing here is destroyed at exit.
+std::atomic<int> g_level{1};
+LogTarget g_target;
+static_assert(std::is_trivially_destructible_v<LogTarget>, "the log outlives everything");
+
+constexpr size_t kPiecesMax = 1024 * 1024;  // bytes held for a line that does not end
+
+// What a thread has said of lines that are not complete yet.
+struct Pieces {
+  std::string text;
+  bool framed = false;
+  int level = 0;
+};
+
+void flush(Pieces& pieces) {
+  if (pieces.text.empty()) return;
+  if (pieces.text.back() != '\n') pieces.text += '\n';  // nobody completed it: the next line must not continue it
+  g_target.write(pieces.level, pieces.framed, pieces.text);
+  pieces = Pieces();
+}
+
+void end_of_thread(void* own) {
+  Pieces* pieces = static_cast<Pieces*>(own);
+  flush(*pieces);
+  delete pieces;
+}
+
+pthread_key_t pieces_key() {
+  // Not thread_local: a plug-in may still log while the objects of its thread are being destroyed, and then simply gets
+  // new memory.
+  static const pthread_key_t key = [] {
+    pthread_key_t made{};
+    pthread_key_create(&made, end_of_thread);
+    return made;
+  }();
+  return key;
+}
+
+Pieces& own_pieces() {
+  Pieces* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
+  if (pieces == nullptr) {
+    pieces = new Pieces;
+    pthread_setspecific(pieces_key(), pieces);
+  }
+  return *pieces;
+}
+
+void flush_own_pieces() {
+  Pieces* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
+  if (pieces != nullptr) flush(*pieces);
+}
+
+void say_line(int level, const char* format, va_list arguments) {
+  std::string text = log_text(format, arguments);
+  flush_own_pieces();
+  if (ends_in_blanks(text)) {
+    own_pieces() = Pieces{std::move(text), true, level};
+    return;
+  }
+  if (text.empty() || text.back() != '\n') text += '\n';
+  g_target.write(level, true, text);
+}
+
+void say_piece(int level, const char* format, va_list arguments) {
+  Pieces& pieces = own_pieces();
+  pieces.text += log_text(format, arguments);
+  pieces.level = level;
+  if ((!pieces.text.empty() && pieces.text.back() == '\n') || pieces.text.size() > kPiecesMax) flush(pieces);
+}
+
+using Say = void (*)(int level, const char* format, va_list arguments);
+
+// Callers may look at errno after they have logged it. Without memory the line is lost, and nothing else.
+void say_safely(Say say, int level, const char* format, va_list arguments) {
+  const int error = errno;
+  try {
+    say(level, format, arguments);
+  } catch (const std::exception&) {
+  }
+  errno = error;
+}
+
+}  // namespace
+
+extern "C" {
+
+void elog_set_level(const char*, int level) {
+  g_level.store(level, std::memory_order_relaxed);
+}
+
+void errlog_init(int facility, const char* name) {
+  g_target.open(facility, name);
+}
+
+void elog(int level, const char* format, ...) {
+  if (level > g_level.load(std::memory_order_relaxed)) return;
+  va_list arguments;
+  va_start(arguments, format);
+  say_safely(say_line, level, format, arguments);
+  va_end(arguments);
+}
+
+void elogr(int level, const char* format, ...) {
+  if (level > g_level.load(std::memory_order_relaxed)) return;
+  va_list arguments;
+  va_start(arguments, format);
+  say_safely(say_piece, level, format, arguments);
+  va_end(arguments);
+}
+}

@@ -1,0 +1,197 @@
+#include "device/config_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <tuple>
+
+#include "device/host/device_root.h"
+#include "device/host/store_text.h"
+#include "device/log.h"
+#include "util/descriptor.h"
+#include "util/lua_binding.h"
+#include "util/text.h"
+
+// A handle holds the values as they were when the file was opened; the file itself is closed again.
+struct econf_handle {
+  StoreText store;
+};
+
+namespace {
+
+constexpr char kStoreFolder[] = "/opt/flash/mtd4-cfg";  // where the scripts' files are, and the daemon's
+constexpr off_t kFileMax = 16 * 1024 * 1024;            // bytes
+
+// What identifies a state of a file: complaints are repeated when it has changed.
+using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
+
+struct Complained {
+  std::mutex mutex;
+  std::map<std::string, FileState> files;  // under mutex: those complained about, by path
+};
+
+Complained& complained() {
+  static Complained* const the_complained = new Complained;  // scripts of any thread may come late
+  return *the_complained;
+}
+
+// True once for each state of the file at `path`.
+bool is_news(const std::string& path, const struct stat& status) {
+  const FileState state(status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+  const std::lock_guard<std::mutex> lock(complained().mutex);
+  const auto [entry, is_new] = complained().files.try_emplace(path, state);
+  if (!is_new && entry->second == state) return false;
+  entry->second = state;
+  return true;
+}
+
+void complain_about_file(const std::string& path, const char* reason) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return;  // a file that is not there is its reader's business
+  if (is_news(path, status)) elog(1, "econf: cannot read %s: %s", path.c_str(), reason);
+}
+
+void complain_about_lines(const std::string& path, const struct stat& status, const StoreText& store) {
+  if (store.complaints.empty() || !is_news(path, status)) return;
+  for (const StoreComplaint& complaint : store.complaints) {
+    if (complaint.line == 0) {
+      elog(1, "econf: %s: %s", path.c_str(), complaint.text);
+    } else {
+      elog(1, "econf: %s:%d: %s", path.c_str(), complaint.line, complaint.text);
+    }
+  }
+  if (store.more_complaints > 0) elog(1, "econf: %s: %d more bad lines", path.c_str(), store.more_complaints);
+}
+
+// Reads a regular file whole. Returns null, or why it cannot be read.
+const char* read_file(const std::string& path, std::string& bytes, struct stat& status) {
+  const Descriptor file(above_standard_streams(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)));
+  if (file.get() < 0 || fstat(file.get(), &status) != 0) return strerrordesc_np(errno);
+  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+  if (status.st_size > kFileMax) return "it is larger than 16 MiB";
+  bytes.resize(static_cast<size_t>(status.st_size));
+  size_t size = 0;
+  while (size < bytes.size()) {
+    const ssize_t got = read(file.get(), bytes.data() + size, bytes.size() - size);
+    if (got == 0) break;  // it has become shorter meanwhile
+    if (got < 0 && errno != EINTR) return strerrordesc_np(errno);
+    if (got > 0) size += static_cast<size_t>(got);
+  }
+  bytes.resize(size);
+  return nullptr;
+}
+
+bool load(const std::string& folder, const char* file, StoreText& store) {
+  std::string path;
+  if (!under_device_root(folder + "/" + file, path)) return false;
+  std::string bytes;
+  struct stat status {};
+  if (const char* reason = read_file(path, bytes, status)) {
+    complain_about_file(path, reason);
+    return false;
+  }
+  store = parse_store(bytes);
+  complain_about_lines(path, status, store);
+  return true;
+}
+
+const std::string* find_value(const StoreText& store, const char* key) {
+  const auto found = store.values.find(std::string_view(key));
+  return found == store.values.end() ? nullptr : &found->second;
+}
+
+bool find_int(const StoreText& store, const char* key, int& value) {
+  const std::string* text = find_value(store, key);
+  return text != nullptr && parse_store_int(*text, value);
+}
+
+// The name of a store file in the script's first argument.
+const char* file_arg(lua_State* L) {
+  const char* file = text_arg(L, 1);
+  if (strchr(file, '/') != nullptr) throw ArgumentError(1, "a file name without a slash expected");
+  return file;
+}
+
+// econf_str(file, key [, default]): the text, or the default, or nil.
+int lua_econf_str(lua_State* L) {
+  const char* file = file_arg(L);
+  const char* key = text_arg(L, 2);
+  lua_settop(L, 3);
+  char* value = static_cast<char*>(lua_newuserdata(L, kStoreLineMax));  // Lua's own: pushing the text may raise
+  const auto read_value = [&] {
+    StoreText store;
+    const std::string* text = load(kStoreFolder, file, store) ? find_value(store, key) : nullptr;
+    if (text == nullptr) return -1;
+    memcpy(value, text->data(), text->size());
+    return static_cast<int>(text->size());
+  };
+  const int size = read_value();
+  if (size < 0) {
+    lua_settop(L, 3);
+  } else {
+    lua_pushlstring(L, value, static_cast<size_t>(size));
+  }
+  return 1;
+}
+
+// econf_int(file, key [, default]): the number, or the default, or nil.
+int lua_econf_int(lua_State* L) {
+  const char* file = file_arg(L);
+  const char* key = text_arg(L, 2);
+  lua_settop(L, 3);
+  int value = 0;
+  const auto read_value = [&] {
+    StoreText store;
+    return load(kStoreFolder, file, store) && find_int(store, key, value);
+  };
+  if (read_value()) lua_pushinteger(L, value);
+  return 1;
+}
+
+constexpr luaL_Reg kStoreApi[] = {{"econf_str", api<lua_econf_str>}, {"econf_int", api<lua_econf_int>}};
+
+}  // namespace
+
+extern "C" {
+
+econf_handle* econf_open(int, const char* file, const char* dir) {
+  auto handle = std::make_unique<econf_handle>();
+  return load(dir, file, handle->store) ? handle.release() : nullptr;
+}
+
+int econf_get_int(econf_handle* handle, const char* key, int* value) {
+  return find_int(handle->store, key, *value) ? 0 : -1;
+}
+
+int econf_get_str(econf_handle* handle, const char* key, char* buffer, int size) {
+  const std::string* text = find_value(handle->store, key);
+  if (text == nullptr || size <= 0 || text->size() >= static_cast<size_t>(size)) return -1;
+  copy_text(buffer, static_cast<size_t>(size), text->c_str());
+  return 0;
+}
+
+void econf_close(econf_handle* handle) {
+  delete handle;
+}
+
+int econf_init(lua_State* L) {
+  std::string error;
+  const bool added = protect(L, error, [](lua_State* state) {
+    for (const luaL_Reg& entry : kStoreApi) lua_register(state, entry.name, entry.func);
+  });
+  if (added) return 0;
+  elog(1, "econf: cannot add the store's functions to Lua: %s", error.c_str());
+  return -1;
+}
+
+void econf_cleanup() {
+  const std::lock_guard<std::mutex> lock(complained().mutex);
+  complained().files.clear();
+}
+}

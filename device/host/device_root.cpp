@@ -1,0 +1,23 @@
+#include "device/host/device_root.h"
+
+#include <unistd.h>
+#include <atomic>
+#include <cstdlib>
+
+#include "util/quiet_write.h"
+
+bool under_device_root(const std::string& path, std::string& out) {
+  const char* root = secure_getenv("DEVICE_ROOT");
+  if (root == nullptr) root = "";
+  if (root[0] == '\0' || root[0] == '/') {
+    out = root + path;
+    return true;
+  }
+  static std::atomic<bool> said{false};
+  if (!said.exchange(true)) {
+    constexpr char kLine[] =
+        "device: DEVICE_ROOT is no absolute path: no settings are read and no event socket is made\n";
+    write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
+  }
+  return false;
+}

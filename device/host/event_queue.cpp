@@ -1,0 +1,140 @@
+#include "device/event_queue.h"
+
+#include <malloc.h>
+#include <poll.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "device/event_source.h"
+#include "device/host/event_inbox.h"
+#include "device/host/event_posters.h"
+#include "device/log.h"
+#include "util/clock.h"
+#include "util/lua_binding.h"
+
+namespace {
+
+// The two sources of events, and whose turn it is.
+struct EventQueue {
+  EventInbox inbox;           // the process itself
+  EventPosters posters;       // other processes
+  bool inbox_is_next = true;  // script thread
+  int64_t last_look = 0;      // script thread: when the posters were looked at, in ticks
+};
+
+EventQueue& queue() {
+  static EventQueue* const the_queue = new EventQueue;  // threads of plug-ins may post until the process is gone
+  return *the_queue;
+}
+
+// The sources take turns, so that neither waits for the other to run dry.
+EventRecord* take(EventQueue& q) {
+  q.inbox_is_next = !q.inbox_is_next;
+  EventRecord* record = q.inbox_is_next ? q.inbox.take() : q.posters.take();
+  if (record != nullptr) return record;
+  return q.inbox_is_next ? q.posters.take() : q.inbox.take();
+}
+
+// A clock that is read almost for nothing and moves every few milliseconds.
+int64_t tick() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// While the process itself posts without a pause the loop never waits, and only waiting looks at the posters. So they
+// get a look at every tick then: often enough for them, and no system call for each event.
+void look_at_posters(EventQueue& q) {
+  if (q.posters.waiting() > 0 || q.inbox.waiting() == 0) return;
+  const int64_t now = tick();
+  if (now == q.last_look) return;
+  q.last_look = now;
+  q.posters.wait(0);
+}
+
+EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
+  const int64_t deadline = steady_ms() + timeout_ms;
+  int64_t left = timeout_ms;
+  do {
+    const int wait_ms = q.inbox.may_sleep() ? static_cast<int>(left) : 0;
+    if (!q.posters.wait(wait_ms)) return nullptr;
+    if (EventRecord* record = take(q)) return record;
+    left = deadline - steady_ms();
+  } while (left > 0);
+  return nullptr;
+}
+
+const char* refusal(int result, const char* type_name) {
+  if (result == -2) return "the queue is full";
+  const char* wrong = check_event_name(type_name);
+  return wrong != nullptr ? wrong : "the queue is closed";
+}
+
+// event_post(type, name [, info]): true, or false and a reason.
+int lua_event_post(lua_State* L) {
+  const int type = number_arg(L, 1);
+  const char* type_name = text_arg(L, 2);
+  const char* info = lua_isnoneornil(L, 3) ? "" : text_arg(L, 3);
+  const int result = event_post(type, type_name, info);
+  lua_pushboolean(L, result > 0);
+  if (result > 0) return 1;
+  lua_pushstring(L, refusal(result, type_name));
+  return 2;
+}
+
+}  // namespace
+
+extern "C" {
+
+int helper_init(lua_State* L) {
+  EventQueue& q = queue();
+  if (!q.posters.is_open() && (!q.inbox.open() || !q.posters.open(q.inbox.wake_descriptor()))) {
+    elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
+    q.inbox.close();
+    return -1;
+  }
+  std::string error;
+  if (protect(L, error, [](lua_State* state) { lua_register(state, "event_post", api<lua_event_post>); })) return 0;
+  elog(1, "evq: cannot add event_post to Lua: %s", error.c_str());
+  return -1;
+}
+
+void helper_cleanup() {
+  queue().posters.close();
+  queue().inbox.close();
+}
+
+event_item* event_dequeue(int timeout_ms) {
+  EventQueue& q = queue();
+  if (!q.posters.is_open()) {  // the loop relies on the wait
+    poll(nullptr, 0, timeout_ms);
+    return nullptr;
+  }
+  look_at_posters(q);
+  EventRecord* record = take(q);
+  return record != nullptr ? record : wait_for_event(q, timeout_ms);
+}
+
+void event_item_free(event_item* item) {
+  free_record(static_cast<EventRecord*>(item));
+}
+
+void event_arrange() {
+  const int dropped = queue().posters.take_dropped();
+  const int refused = queue().inbox.take_refused();
+  if (dropped > 0) elog(1, "evq: %d bad lines of other processes dropped", dropped);
+  if (refused > 0) elog(1, "evq: %d events refused because the queue was full", refused);
+  malloc_trim(0);
+}
+
+int event_post(int type, const char* type_name, const char* info) {
+  if (type_name == nullptr || check_event_name(type_name) != nullptr) return -1;
+  return queue().inbox.post(type, type_name, info != nullptr ? info : "");
+}
+
+int event_pending() {
+  return queue().inbox.waiting() + queue().posters.waiting();
+}
+}

@@ -1,0 +1,129 @@
+#include "device/host/event_socket.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "device/event_source.h"
+#include "device/host/device_root.h"
+#include "device/log.h"
+#include "util/unix_socket.h"
+
+namespace {
+
+constexpr char kLockSuffix[] = ".lock";  // instead of ".sock"
+constexpr mode_t kSocketMode = 0660;
+
+EventSocket* g_removed_at_exit = nullptr;  // main thread
+
+void say_without(const std::string& path) {
+  elog(1, "evq: cannot make %s (%s): no events from other processes", path.c_str(), strerrordesc_np(errno));
+}
+
+// Makes the folders above `path`; those it makes can be entered by everybody, whatever the umask.
+bool make_folders(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string folder = path.substr(0, slash);
+    if (mkdir(folder.c_str(), 0755) == 0) {
+      if (chmod(folder.c_str(), 0755) != 0) return false;
+    } else if (errno != EEXIST) {
+      return false;
+    }
+  }
+  return true;
+}
+
+pid_t read_owner(int fd) {
+  char text[16] = "";
+  const ssize_t got = pread(fd, text, sizeof(text) - 1, 0);
+  return got > 0 ? atoi(text) : 0;
+}
+
+}  // namespace
+
+int EventSocket::open() {
+  if (!under_device_root(kEventSocketPath, path)) {
+    elog(1, "evq: DEVICE_ROOT is no absolute path: no events from other processes");
+    return -1;
+  }
+  if (!make_folders(path)) {
+    say_without(path);
+    return -1;
+  }
+  if (!take_lock() || !make_socket()) {
+    close();
+    return -1;
+  }
+  static const int registered = atexit(remove_at_exit);
+  (void)registered;
+  g_removed_at_exit = this;
+  return listening.get();
+}
+
+void EventSocket::close() {
+  remove_file();
+  maker = 0;
+  listening.reset();
+  // A child between its fork and its exec still has the descriptor; letting go by name does not wait for it.
+  if (lock.get() >= 0) flock(lock.get(), LOCK_UN);
+  lock.reset();
+}
+
+bool EventSocket::take_lock() {
+  const std::string lock_path = path.substr(0, path.rfind('.')) + kLockSuffix;
+  // Nobody else may open it: who can read a file can lock it.
+  lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+  if (lock.get() < 0) {
+    say_without(lock_path);
+    return false;
+  }
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    elog(1, "evq: %s belongs to process %d: no events from other processes", path.c_str(), read_owner(lock.get()));
+    lock.reset();
+    return false;
+  }
+  char text[16];
+  const int size = snprintf(text, sizeof(text), "%d\n", getpid());
+  if (ftruncate(lock.get(), 0) != 0 || pwrite(lock.get(), text, static_cast<size_t>(size), 0) != size) {
+    say_without(lock_path);
+    return false;
+  }
+  return true;
+}
+
+bool EventSocket::make_socket() {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());  // its owner is gone
+  listening.reset(unix_stream_socket());
+  const int fd = listening.get();
+  // Before bind, where the umask can only take from it, and after: so it is never wider in between.
+  const bool bound = fd >= 0 && fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && fchmod(fd, kSocketMode) == 0 &&
+                     unix_bind(fd, path) == 0 && lstat(path.c_str(), &status) == 0;
+  if (!bound) {
+    say_without(path);
+    return false;
+  }
+  maker = getpid();
+  device = status.st_dev;
+  inode = status.st_ino;
+  if (chmod(path.c_str(), kSocketMode) == 0 && listen(fd, SOMAXCONN) == 0) return true;
+  say_without(path);
+  return false;
+}
+
+void EventSocket::remove_file() const {
+  struct stat status {};
+  const bool ours =
+      maker == getpid() && lstat(path.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == inode;
+  if (ours) unlink(path.c_str());
+}
+
+void EventSocket::remove_at_exit() {
+  if (g_removed_at_exit != nullptr) g_removed_at_exit->remove_file();
+}

@@ -1,0 +1,151 @@
+#include "device/host/log_target.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "util/descriptor.h"
+#include "util/quiet_write.h"
+#include "util/text.h"
+
+namespace {
+
+constexpr char kFilePrefix[] = "file:";
+
+// Occupies the free ones of the descriptors 0 to 2, so that syslog's socket, made meanwhile, does not land there.
+class LowNumbersHeld {
+ public:
+  LowNumbersHeld() {
+    Descriptor next(open("/dev/null", O_RDWR | O_CLOEXEC));
+    while (next.get() >= 0 && next.get() <= STDERR_FILENO) {
+      held[count++] = std::move(next);
+      next.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+    }
+  }
+  bool any() const { return count > 0; }
+
+ private:
+  Descriptor held[3];
+  int count = 0;
+};
+
+std::string frame(int level, const char* program) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  return sstr("%04d-%02d-%02d %02d:%02d:%02d.%03d %s[%d] <%d> ", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+              local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000), program, getpid(),
+              level);
+}
+
+void say_on_standard_error(const std::string& what, const char* target) {
+  std::string line = "log: " + what + " '";
+  for (const char* c = target; *c != '\0'; ++c) line += static_cast<unsigned char>(*c) < ' ' ? '?' : *c;
+  line += "': using syslog\n";
+  write_quietly(STDERR_FILENO, line.data(), line.size());
+}
+
+int syslog_priority(int level) {
+  if (level <= 1) return LOG_NOTICE;  // errors, but also the notices of a good start and end
+  return level == 2 ? LOG_INFO : LOG_DEBUG;
+}
+
+}  // namespace
+
+void LogTarget::open(int facility, const char* name) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  open_held(facility, name);
+}
+
+void LogTarget::write(int level, bool framed, std::string_view lines) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
+  if (fd >= 0) write_stream(level, framed, lines);
+  if (to_syslog) write_syslog(level, lines);
+}
+
+void LogTarget::open_held(int facility, const char* name) {
+  if (fd > STDERR_FILENO) close(fd);
+  fd = -1;
+  is_regular_file = false;
+  to_syslog = false;
+  copy_text(program, sizeof(program), name);
+  choose();
+  if (to_syslog) {
+    const LowNumbersHeld held;
+    low_numbers_free = held.any();
+    openlog(program, LOG_PID | LOG_NDELAY, facility << 3);
+  }
+  is_open = true;
+}
+
+void LogTarget::choose() {
+  const char* target = secure_getenv("ELOG_TARGET");
+  if (target == nullptr) {
+    to_syslog = true;
+    if (isatty(STDERR_FILENO) != 0) fd = STDERR_FILENO;
+    return;
+  }
+  if (strcmp(target, "stderr") == 0) {
+    fd = STDERR_FILENO;
+    return;
+  }
+  to_syslog = true;
+  if (strcmp(target, "syslog") == 0) return;
+  std::string complaint;
+  if (strncmp(target, kFilePrefix, strlen(kFilePrefix)) != 0) {
+    complaint = "ELOG_TARGET is none of stderr, file:PATH and syslog, but";
+  } else if (open_file(target + strlen(kFilePrefix))) {
+    to_syslog = false;
+  } else {
+    complaint = sstr("cannot open the file of ELOG_TARGET (%s)", strerrordesc_np(errno));
+  }
+  if (!complaint.empty() && !complained) {
+    complained = true;
+    say_on_standard_error(complaint, target);
+  }
+}
+
+bool LogTarget::open_file(const char* path) {
+  // Without O_NONBLOCK a pipe that nobody reads would hold up the start for ever.
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY;
+  fd = above_standard_streams(::open(path, flags | O_NONBLOCK, 0640));
+  if (fd < 0) return false;
+  fcntl(fd, F_SETFL, flags & ~O_CREAT);
+  struct stat status {};
+  is_regular_file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  return true;
+}
+
+void LogTarget::write_stream(int level, bool framed, std::string_view lines) {
+  std::string text;
+  if (framed) text = frame(level, program);
+  text.append(lines);
+  if (is_regular_file) {
+    write_fully(fd, text.data(), text.size());
+  } else {
+    write_quietly(fd, text.data(), text.size());
+  }
+}
+
+void LogTarget::write_syslog(int level, std::string_view lines) {
+  std::optional<LowNumbersHeld> held;
+  if (low_numbers_free) held.emplace();  // the C library makes its socket anew when the syslog daemon was restarted
+  while (!lines.empty()) {
+    const size_t end = lines.find('\n');
+    const std::string_view line = lines.substr(0, end);
+    syslog(syslog_priority(level), "%.*s", static_cast<int>(line.size()), line.data());
+    lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+  }
+}

@@ -1,0 +1,131 @@
+#include "device/host/log_text.h"
+
+#include <clocale>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// A script's os.setlocale is for the whole process; it must not change how the log writes a number.
+class PlainLocale {
+ public:
+  PlainLocale() : before(uselocale(plain())) {}
+  PlainLocale(const PlainLocale&) = delete;
+  PlainLocale& operator=(const PlainLocale&) = delete;
+  ~PlainLocale() { uselocale(before); }
+
+ private:
+  static locale_t plain() {
+    static const locale_t the_locale = newlocale(LC_ALL_MASK, "C", nullptr);  // kept: the last line may come at exit
+    return the_locale;
+  }
+  const locale_t before;
+};
+
+std::string format_text(const char* format, va_list arguments) {
+  const PlainLocale locale;
+  char buffer[1024];
+  va_list again;
+  va_copy(again, arguments);
+  const int length = vsnprintf(buffer, sizeof(buffer), format, arguments);
+  std::string text;
+  if (length < 0) {
+    text = format;
+  } else if (static_cast<size_t>(length) < sizeof(buffer)) {
+    text.assign(buffer, static_cast<size_t>(length));
+  } else {
+    text.resize(static_cast<size_t>(length));
+    vsnprintf(text.data(), text.size() + 1, format, again);
+  }
+  va_end(again);
+  return text;
+}
+
+bool has_conversions(const char* format) {
+  for (const char* c = strchr(format, '%'); c != nullptr; c = strchr(c + 2, '%')) {
+    if (c[1] != '%') return true;
+  }
+  return false;
+}
+
+size_t trailing_white_space(const char* format) {
+  const std::string_view text(format);
+  const size_t last = text.find_last_not_of(" \t\n\v\f\r");
+  return last == std::string_view::npos ? text.size() : text.size() - last - 1;
+}
+
+// Length of the character at the front of `text` when it may go out as it is, else 0.
+size_t harmless_length(std::string_view text) {
+  const unsigned lead = static_cast<unsigned char>(text[0]);
+  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+  if (lead < 0xc2 || lead > 0xf4) return 0;
+  const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+  if (text.size() < length) return 0;
+  uint32_t code = lead & (0xffu >> (length + 1));
+  for (size_t i = 1; i < length; ++i) {
+    const unsigned next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xc0) != 0x80) return 0;
+    code = code << 6 | (next & 0x3f);
+  }
+  constexpr uint32_t kSmallest[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control characters too
+  if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return 0;
+  return length;
+}
+
+size_t harmless_run(std::string_view text) {
+  size_t run = 0;
+  while (run < text.size()) {
+    const size_t length = harmless_length(text.substr(run));
+    if (length == 0) break;
+    run += length;
+  }
+  return run;
+}
+
+void append_escaped(std::string& out, char c) {
+  switch (c) {
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    default: {
+      char text[8];
+      snprintf(text, sizeof(text), "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      out += text;
+    }
+  }
+}
+
+}  // namespace
+
+std::string log_text(const char* format, va_list arguments) {
+  const std::string raw = format_text(format, arguments);
+  const size_t tail = has_conversions(format) ? trailing_white_space(format) : raw.size();
+  std::string text;
+  text.reserve(raw.size() + 8);
+  for (std::string_view rest = raw; !rest.empty();) {
+    const size_t run = harmless_run(rest);
+    text.append(rest.substr(0, run));
+    rest.remove_prefix(run);
+    if (rest.empty()) break;
+    if (rest[0] == '\n' && rest.size() <= tail) {
+      text += '\n';
+    } else {
+      append_escaped(text, rest[0]);
+    }
+    rest.remove_prefix(1);
+  }
+  return text;
+}
+
+bool ends_in_blanks(const std::string& text) {
+  const size_t last = text.find_last_not_of(' ');
+  return last != std::string::npos && last + 1 < text.size() && text[last] == '\n';
+}

@@ -1,0 +1,66 @@
+// Cuts the bytes of one poster into lines.
+//
+// Holds nothing while the bytes end in a line end, else the beginning of one line, at most kEventLineMax bytes and one.
+// A line that grows longer is handed on right then, as long as it is, which is too long for an event, and the rest of
+// it up to its line feed is skipped without being held.
+//
+// Knows no socket: tests and the fuzzer feed it bytes. Not shared between threads.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "util/event_line.h"
+
+class PosterLines {
+ public:
+  // Calls take_line(std::string_view) for every line that `bytes` completes; the view lives during the call.
+  template <typename TakeLine>
+  void feed(std::string_view bytes, TakeLine&& take_line) {
+    while (!bytes.empty()) {
+      const size_t end = bytes.find('\n');
+      const bool is_complete = end != std::string_view::npos;
+      add(bytes.substr(0, end), is_complete, take_line);
+      bytes.remove_prefix(is_complete ? end + 1 : bytes.size());
+    }
+  }
+
+  // The poster is done: a last line without a line feed counts too. Ready for another poster afterwards.
+  template <typename TakeLine>
+  void finish(TakeLine&& take_line) {
+    if (!held.empty()) take_line(std::string_view(held));
+    reset();
+  }
+
+  // Forgets the beginning of a line. Ready for another poster afterwards.
+  void reset() {
+    std::string().swap(held);
+    is_skipping = false;
+  }
+
+ private:
+  template <typename TakeLine>
+  void add(std::string_view piece, bool is_complete, TakeLine&& take_line) {
+    if (is_skipping) {
+      is_skipping = !is_complete;
+      return;
+    }
+    if (held.empty()) {
+      if (!is_complete && piece.size() <= kEventLineMax) {
+        held = piece;
+        return;
+      }
+      take_line(piece);
+    } else {
+      held.append(piece.substr(0, kEventLineMax + 1 - held.size()));
+      if (!is_complete && held.size() <= kEventLineMax) return;
+      take_line(std::string_view(held));
+      std::string().swap(held);  // hundreds of posters must not keep 64 KiB each
+    }
+    is_skipping = !is_complete;
+  }
+
+  std::string held;          // the beginning of a line
+  bool is_skipping = false;  // inside a line that was too long
+};

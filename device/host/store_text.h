@@ -1,0 +1,38 @@
+// The text of a configuration store file:
+//
+//   # a comment, as is a line that begins with ";"
+//   [sections are ignored]
+//   key = value
+//
+// Blanks around a key and a value are dropped; within a value everything counts, "#", ";" and "=" too. Of equal keys
+// the last counts. A line has at most 64 KiB. Described for users in docs/configuration.md.
+//
+// Knows no file and no log: tests and the fuzzer feed it bytes.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+constexpr size_t kStoreLineMax = 64 * 1024;  // bytes, without the line end
+constexpr size_t kStoreComplaintsMax = 20;   // bad lines told of one by one; the rest is counted
+
+struct StoreComplaint {
+  int line;  // counted from 1; 0: the file as a whole
+  const char* text;
+};
+
+struct StoreText {
+  std::map<std::string, std::string, std::less<>> values;
+  std::vector<StoreComplaint> complaints;  // at most kStoreComplaintsMax
+  int more_complaints = 0;                 // bad lines beyond those
+};
+
+// Takes a store file's bytes apart; never fails. A file that holds a zero byte is no text and gives no keys. Any
+// thread.
+StoreText parse_store(std::string_view bytes);
+
+// Reads `text` as a whole decimal number of 32 bits. Any thread.
+bool parse_store_int(std::string_view text, int& value);
