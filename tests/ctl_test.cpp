@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "ctl/client_packet.h"
@@ -92,8 +93,7 @@ struct EventSocket {
 };
 
 // The daemon's side of the listener: takes one subscription, hands `bytes` out one at a time, and hangs up.
-class Forwarder {
- public:
+struct Forwarder {
   Forwarder(size_t subscription_size, const std::string& bytes) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -103,23 +103,20 @@ class Forwarder {
     EXPECT_EQ(::listen(listening.get(), 1), 0);
     EXPECT_EQ(getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
     port = ntohs(address.sin_port);
-    server = std::thread([this, subscription_size, bytes] {
+    subscription = std::async(std::launch::async, [this, subscription_size, bytes] {
       const Descriptor client(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      subscription.resize(subscription_size);
-      recv(client.get(), subscription.data(), subscription_size, MSG_WAITALL);
+      std::string received(subscription_size, '\0');
+      recv(client.get(), received.data(), received.size(), MSG_WAITALL);
       for (const char byte : bytes) send(client.get(), &byte, 1, MSG_NOSIGNAL);
       shutdown(client.get(), SHUT_WR);
       everything_from(client.get());  // a close with something unread would be a reset
+      return received;
     });
   }
-  ~Forwarder() { server.join(); }
 
-  int port;
-  std::string subscription;  // once the client has seen an event
-
- private:
   const Descriptor listening{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  std::thread server;
+  int port;
+  std::future<std::string> subscription;  // what the client sent, once it has hung up
 };
 
 std::string packet(const std::string& name, const std::string& info, const std::string& size = "") {
@@ -146,7 +143,6 @@ TEST(Zelvctl, RefusesWrongArguments) {
       {{"bogus"}, "The following argument was not expected: bogus\nTry: zelvctl --help"},
       {{"post"}, "TYPE is required\nTry: zelvctl post --help"},
       {{"post", "1"}, "NAME is required"},
-      {{"post", "--bogus", "1", "a"}, "The following argument was not expected: --bogus\nTry: zelvctl post --help"},
       {{"post", "1x", "a"}, "TYPE '1x', NAME 'a': the type is no whole number"},
       {{"post", "1 a", "a"}, "TYPE '1 a', NAME 'a': the type is no whole number"},
       {{"post", "3000000000", "a"}, "TYPE '3000000000', NAME 'a': the type is out of range"},
@@ -261,13 +257,11 @@ TEST(ClientPacket, SubscribesShortestNameFirst) {
 }
 
 TEST(ClientPacket, WaitsForTheWholeAndRefusesWhatCannotBeOne) {
-  const std::string whole = packet("ab", "c=\xff");
-  for (size_t size = 0; size < whole.size(); ++size)
-    EXPECT_FALSE(first_packet(std::string_view(whole).substr(0, size)));
-  const std::string bytes = whole + "more";
+  const std::string bytes = packet("ab", "c=\xff") + "more";
+  for (size_t size = 0; size < 19; ++size) EXPECT_FALSE(first_packet(bytes.substr(0, size)));
   const auto event = first_packet(bytes);
   ASSERT_TRUE(event);
-  EXPECT_EQ(event->size, whole.size());
+  EXPECT_EQ(event->size, 19u);
   EXPECT_EQ(event->seconds, 0x01020304);
   EXPECT_EQ(event->microseconds, 200000);
   EXPECT_EQ(event->name, "ab");
@@ -340,7 +334,7 @@ TEST(Listen, PrintsExactlyTheNamesAskedFor) {
     EXPECT_EQ(program.wait(), row.error.empty() ? 0 : 1);
     EXPECT_EQ(program.output(), row.output);
     EXPECT_EQ(program.errors(), row.error.empty() ? "" : "zelvctl: " + row.error + "\n");
-    EXPECT_EQ(daemon.subscription, subscription);
+    EXPECT_EQ(daemon.subscription.get(), subscription);
   }
 }
 
