@@ -1,0 +1,101 @@
+#include "ctl/event_connection.h"
+
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+#include "ctl/failure.h"
+#include "util/text.h"
+#include "util/unix_socket.h"
+
+namespace {
+
+[[noreturn]] void fail(const std::string& sentence) {
+  throw Failure(Exit::unreachable, sentence);
+}
+
+}  // namespace
+
+EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
+  if (socket.get() < 0) fail("cannot make a socket: " + error_text(errno));
+  // Bounds the connect alone, which waits while too many others stand in line; sends below never block.
+  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000};
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
+  int result;
+  do {
+    result = unix_connect(socket.get(), path);
+  } while (result < 0 && errno == EINTR);
+  if (result == 0) return;
+  if (errno == EAGAIN) fail("the daemon at " + path + " has let nobody in for " + limit_text());
+  fail("no daemon at " + path + ": " + error_text(errno));
+}
+
+void EventConnection::send(std::string_view lines) {
+  while (!lines.empty()) {
+    const ssize_t sent = ::send(socket.get(), lines.data(), lines.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) {
+      lines.remove_prefix(static_cast<size_t>(sent));
+    } else if (errno == EAGAIN) {
+      wait_for(POLLOUT);
+    } else if (errno != EINTR) {
+      fail("the daemon went away: " + error_text(errno));
+    }
+  }
+}
+
+void EventConnection::wait_for_input(int input) const {
+  pollfd entries[] = {{input, POLLIN, 0}, {socket.get(), POLLRDHUP, 0}};
+  while (poll(entries, 2, -1) < 0) {
+    if (errno != EINTR) fail("cannot wait for input: " + error_text(errno));
+  }
+  if (entries[1].revents != 0) fail("the daemon closed the connection");
+}
+
+void EventConnection::finish() {
+  shutdown(socket.get(), SHUT_WR);
+  for (;;) {
+    wait_for(POLLIN);
+    char ignored[256];
+    const ssize_t received = recv(socket.get(), ignored, sizeof(ignored), MSG_DONTWAIT);
+    if (received == 0) return;
+    // The kernel reports a reset when the daemon closed with something still unread.
+    if (received < 0 && errno != EAGAIN && errno != EINTR) {
+      fail("the daemon went away before it took in everything: " + error_text(errno));
+    }
+  }
+}
+
+void EventConnection::wait_for(short events) const {
+  using Clock = std::chrono::steady_clock;
+  const int slice_ms = std::max(limit_ms / 20, 1);
+  int untaken = untaken_bytes();
+  Clock::time_point last_progress = Clock::now();
+  for (;;) {
+    pollfd entry{socket.get(), events, 0};
+    const int ready = poll(&entry, 1, slice_ms);
+    if (ready > 0) return;
+    if (ready < 0 && errno != EINTR) fail("cannot wait for the daemon: " + error_text(errno));
+    const int now_untaken = untaken_bytes();
+    if (now_untaken < untaken) {
+      untaken = now_untaken;
+      last_progress = Clock::now();
+    } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
+      fail("the daemon has taken in nothing for " + limit_text());
+    }
+  }
+}
+
+int EventConnection::untaken_bytes() const {
+  int untaken = 0;
+  ioctl(socket.get(), SIOCOUTQ, &untaken);
+  return untaken;
+}
+
+std::string EventConnection::limit_text() const {
+  return sstr("%g s", limit_ms / 1000.0);
+}

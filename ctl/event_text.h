@@ -1,0 +1,15 @@
+// How `zelvctl listen` writes an event, one line each.
+#pragma once
+
+#include <string>
+
+#include "ctl/client_packet.h"
+
+// "SECONDS.MICROSECONDS NAME INFO" with six digits of microseconds; without the last blank when there is no info. A
+// line end in the texts is written "\n", every other control character as "\x1b" is: no event can drive a terminal.
+std::string plain_text(const EventPacket& event);
+
+// {"time":SECONDS.MICROSECONDS,"name":NAME,"fields":{FIELD:VALUE,...}} with texts as values of the fields, which are
+// sorted by name. Of a field that comes twice the first counts, as it does for scripts; an item without "=" is a field
+// with an empty value; bytes that are no UTF-8 become U+FFFD.
+std::string json_text(const EventPacket& event);

@@ -1,0 +1,182 @@
+// zelvctl: posts events to a running zelvind, and listens to the events that it forwards. Options only; the work is
+// done in post.cpp and listen.cpp.
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "ctl/failure.h"
+#include "ctl/listen.h"
+#include "ctl/post.h"
+#include "device/event_source.h"
+
+namespace {
+
+constexpr char kFooter[] = "Exit status: 0 done, 1 the daemon could not be reached or went away, 2 wrong usage.";
+
+constexpr char kPostFooter[] =
+    "With - for TYPE the events are lines of standard input, \"TYPE NAME INFO\" each, INFO being\n"
+    "FIELD=VALUE items joined by &; the first bad line ends it.\n"
+    "Ends with status 0 when the daemon has taken in all events, with 1 when it takes nothing for 10 s.\n"
+    "--root and the exit statuses: see zelvctl --help.\n"
+    "\nExamples:\n"
+    "  zelvctl post 1 door state=open by=anna\n"
+    "  zelvctl post - < events.txt\n"
+    "  zelvctl post 9999 quit --quit       ends the daemon's event loop";
+
+constexpr char kListenFooter[] =
+    "Writes SECONDS.MICROSECONDS NAME INFO, or with --json an object with \"time\", \"name\" and \"fields\".\n"
+    "--root and the exit statuses: see zelvctl --help.\n"
+    "\nExamples:\n"
+    "  zelvctl listen door heartbeat\n"
+    "  zelvctl listen --count 1 door       waits for one event\n"
+    "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state";
+
+// CLI11 takes an argument "[a,b]" for a list of two and "++" for the end of a subcommand; here they are values like any
+// others. Such arguments go through it with a mark in front.
+constexpr char kMark = '\x01';
+
+std::vector<std::string> marked(int argc, char** argv) {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  for (std::string& argument : arguments) {
+    const bool brackets = argument.size() > 1 && argument.front() == '[' && argument.back() == ']';
+    if (brackets || argument == "++") argument.insert(0, 1, kMark);
+  }
+  return {arguments.rbegin(), arguments.rend()};  // the order in which CLI11 wants them
+}
+
+std::vector<std::string> values_of(const CLI::Option* option) {
+  std::vector<std::string> values = option->results();
+  for (std::string& value : values) {
+    if (!value.empty() && value.front() == kMark) value.erase(0, 1);
+  }
+  return values;
+}
+
+// DEVICE_ROOT, which the configuration store reads by itself, after --root has had its say.
+std::string device_root(const CLI::Option* option) {
+  if (!option->empty()) setenv("DEVICE_ROOT", values_of(option).front().c_str(), 1);
+  const char* root = getenv("DEVICE_ROOT");
+  if (root == nullptr || *root == '\0') return "";
+  if (*root != '/') {
+    throw Failure(Exit::usage, std::string(option->empty() ? "DEVICE_ROOT" : "--root") + " is '" + root +
+                                   "'; it must be an absolute path");
+  }
+  return root;
+}
+
+class CommandLine {
+ public:
+  CommandLine() {
+    app.require_subcommand(0, 1);  // none is complained about below, behind anything unknown
+    app.set_version_flag("--version", "zelvctl " ZELVIND_VERSION, "Print the version");
+    app.set_help_flag("--help", "Print this help");
+    app.footer(kFooter);
+    root = app.add_option("--root")->type_name("DIR")->description(
+        "Look for the daemon below DIR, instead of DEVICE_ROOT");
+    add_post();
+    add_listen();
+    for (CLI::App* command : {post, listen}) command->fallthrough();
+  }
+
+  Exit run(int argc, char** argv) {
+    try {
+      app.parse(marked(argc, argv));
+    } catch (const CLI::ParseError& error) {
+      return leave(error);
+    }
+    const std::string root_path = device_root(root);
+    if (post->parsed()) {
+      run_post(root_path + kEventSocketPath);
+    } else if (!listen->parsed()) {
+      throw Failure(Exit::usage, "say post or listen\nTry: zelvctl --help");
+    } else {
+      request.names = values_of(names);
+      ::listen(request, stdout);
+    }
+    return Exit::done;
+  }
+
+ private:
+  void add_post() {
+    post = app.add_subcommand("post", "Post one event, or with - for TYPE the events of standard input");
+    type = post->add_option("TYPE")->required()->description("Type code, a whole number of 32 bits; or -");
+    name = post->add_option("NAME")->description("Name of the event, at most 127 bytes without blanks");
+    fields = post->add_option("FIELD=VALUE")->expected(0, -1)->allow_extra_args();
+    fields->description("Fields of the event");
+    post->add_flag("--quit", quit_allowed, "Allow type 9999, which ends the daemon's event loop");
+    post->footer(kPostFooter);
+  }
+
+  void add_listen() {
+    listen = app.add_subcommand("listen", "Subscribe to events and print them as they come");
+    listen->add_option("--host", request.host, "Where the daemon runs (default 127.0.0.1)")->type_name("HOST");
+    listen->add_option("--port", request.port, "Its port (default: from the configuration, else 5512)")
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65535).description(""));
+    listen->add_flag("--json", request.json, "One JSON object a line");
+    listen->add_option("--count", request.count, "End after N events")
+        ->type_name("N")
+        ->check(CLI::Range(1L, LONG_MAX).description(""));
+    names = listen->add_option("NAME")->required()->expected(1, -1)->allow_extra_args();
+    names->description("Names of events; each must be matched exactly");
+    listen->footer(kListenFooter);
+  }
+
+  void run_post(const std::string& socket_path) {
+    const std::string type_text = values_of(type).front();
+    if (type_text == "-") {
+      if (!name->empty()) throw Failure(Exit::usage, "post -: the events come from standard input, not as arguments");
+      EventConnection connection(socket_path);
+      post_lines(STDIN_FILENO, quit_allowed, connection);
+      return;
+    }
+    if (name->empty()) throw Failure(Exit::usage, "NAME is required");
+    const std::string line = event_line(type_text, values_of(name).front(), values_of(fields), quit_allowed);
+    EventConnection connection(socket_path);
+    connection.send(line);
+    connection.finish();
+  }
+
+  Exit leave(const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {  // --help, --version
+      app.exit(error);
+      return Exit::done;
+    }
+    const std::vector<CLI::App*> commands = app.get_subcommands();
+    const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+    throw Failure(Exit::usage, std::string(error.what()) + "\nTry: zelvctl" + command + " --help");
+  }
+
+  CLI::App app{"Post events to zelvind, and listen to the events that it forwards.", "zelvctl"};
+  CLI::Option* root = nullptr;
+
+  CLI::App* post = nullptr;
+  CLI::Option* type = nullptr;
+  CLI::Option* name = nullptr;
+  CLI::Option* fields = nullptr;
+  bool quit_allowed = false;
+
+  CLI::App* listen = nullptr;
+  CLI::Option* names = nullptr;
+  ListenRequest request;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);  // a reader of ours that goes away is an error like any other
+  Exit status = Exit::unreachable;
+  try {
+    CommandLine command_line;
+    status = command_line.run(argc, argv);
+  } catch (const Failure& failure) {
+    fprintf(stderr, "zelvctl: %s\n", failure.what());
+    status = failure.status;
+  } catch (const std::exception& error) {
+    fprintf(stderr, "zelvctl: %s\n", error.what());
+  }
+  return static_cast<int>(status);
+}

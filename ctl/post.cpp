@@ -1,0 +1,113 @@
+#include "ctl/post.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+
+#include "ctl/failure.h"
+#include "device/event_queue.h"
+#include "util/event_line.h"
+
+namespace {
+
+constexpr size_t kBlock = 128 * 1024;
+static_assert(kBlock > 2 * kEventLineMax, "a line in the making must leave room to read on");
+
+constexpr char kQuitRefused[] = "type 9999 ends the daemon's event loop; add --quit if that is meant";
+
+[[noreturn]] void refuse(const std::string& sentence) {
+  throw Failure(Exit::usage, sentence);
+}
+
+void check_field(const std::string& field) {
+  const size_t equals = field.find('=');
+  if (equals == std::string::npos) refuse("'" + field + "' is no FIELD=VALUE");
+  const std::string name = field.substr(0, equals);
+  if (name.empty()) refuse("'" + field + "' names no field");
+  if (name.find('&') != std::string::npos) refuse("field '" + name + "': a name cannot hold an '&'");
+  if (field.find('&') != std::string::npos) refuse("field '" + name + "': a value cannot hold an '&'");
+  if (field.find('\n') != std::string::npos) refuse("field '" + name + "': a field cannot hold a line end");
+}
+
+// Walks through whole lines and stops at the first bad one.
+class LineCheck {
+ public:
+  explicit LineCheck(bool allow_quit) : quit_allowed(allow_quit) {}
+
+  // How many of `bytes` are good lines, line feeds included. A line that has not ended yet waits for the rest.
+  size_t good_bytes(std::string_view bytes) {
+    size_t good = 0;
+    while (complaint.empty() && good < bytes.size()) {
+      const size_t feed = bytes.find('\n', good);
+      const bool whole = feed != std::string_view::npos;
+      const std::string_view line = bytes.substr(good, whole ? feed - good : std::string_view::npos);
+      if (!whole && line.size() <= kEventLineMax) break;
+      ++line_number;
+      check(line);
+      if (complaint.empty()) good = feed + 1;
+    }
+    return good;
+  }
+
+  // What is wrong with the first bad line, or empty.
+  std::string complaint;
+
+ private:
+  void check(std::string_view line) {
+    EventLine event{};
+    const char* error = parse_event_line(line, event);
+    if (error == nullptr && event.type == EVENT_TYPE_QUIT && !quit_allowed) error = kQuitRefused;
+    if (error != nullptr) complaint = "line " + std::to_string(line_number) + ": " + error;
+  }
+
+  const bool quit_allowed;
+  unsigned long long line_number = 0;
+};
+
+// Reads what is there into block[held...kBlock - 1]; 0 at the end of the input.
+size_t read_some(int input, char* block, size_t held) {
+  for (;;) {
+    const ssize_t got = read(input, block + held, kBlock - held);
+    if (got >= 0) return static_cast<size_t>(got);
+    if (errno != EINTR && errno != EAGAIN) refuse("cannot read standard input: " + error_text(errno));
+  }
+}
+
+}  // namespace
+
+std::string event_line(const std::string& type, const std::string& name, const std::vector<std::string>& fields,
+                       bool quit_allowed) {
+  if (const char* error = check_event_name(name)) refuse("NAME '" + name + "': " + error);
+  std::string line = type + " " + name;
+  char separator = ' ';
+  for (const std::string& field : fields) {
+    check_field(field);
+    line += separator + field;
+    separator = '&';
+  }
+  EventLine event{};
+  const char* error = parse_event_line(line, event);
+  if (error == nullptr && event.name.data() != line.data() + type.size() + 1) error = "the type is no whole number";
+  if (error != nullptr) refuse("TYPE '" + type + "', NAME '" + name + "': " + error);
+  if (event.type == EVENT_TYPE_QUIT && !quit_allowed) refuse(kQuitRefused);
+  return line + "\n";
+}
+
+void post_lines(int input, bool quit_allowed, EventConnection& connection) {
+  LineCheck lines(quit_allowed);
+  std::vector<char> block(kBlock + 1);  // one byte more for the line feed that the last line may lack
+  size_t held = 0;
+  for (bool more = true; more && lines.complaint.empty();) {
+    connection.wait_for_input(input);
+    const size_t got = read_some(input, block.data(), held);
+    more = got > 0;
+    held += got;
+    if (!more && held > 0) block[held++] = '\n';
+    const size_t good = lines.good_bytes(std::string_view(block.data(), held));
+    connection.send(std::string_view(block.data(), good));
+    held -= good;
+    memmove(block.data(), block.data() + good, held);
+  }
+  connection.finish();
+  if (!lines.complaint.empty()) refuse(lines.complaint);
+}
