@@ -31,5 +31,7 @@ cr_add(function(longest)
     cr_yield(wait)
     wait = math.min(wait * 2, longest)
   end
-  trace(1, "uplink is up")
+  if load == health_load then
+    trace(1, "uplink is up")
+  end
 end, 0, 60000)
