@@ -1,0 +1,249 @@
+// The real daemon, started as its user would.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "tests/real_daemon.h"
+
+namespace {
+
+constexpr char kEnd[] = "<1> zelvind: zelvind end\n";
+
+bool exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+std::string text_of(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// Posts one event after the other until it is destroyed or the daemon goes away.
+class Flood {
+ public:
+  explicit Flood(const RealDaemon& daemon)
+      : thread([&] {
+          std::string lines;
+          for (int i = 0; i < 1000; ++i) lines += "1 flood n=1\n";
+          while (!ended && daemon.post(lines)) {
+          }
+        }) {}
+  ~Flood() {
+    ended = true;
+    thread.join();
+  }
+
+ private:
+  std::atomic<bool> ended{false};
+  std::thread thread;
+};
+
+TEST(Daemon, HandlesReloadsAndStops) {
+  RealDaemon daemon;
+  daemon.write("scripts/a.lua", "on('door', function() trace(1, 'before: ' .. evt_field_str('state')) end)");
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(daemon.post("1 door state=open\n2 nobody"));  // the last line counts without its line feed
+  ASSERT_TRUE(daemon.wait_for("<1> lua-trace: before: open\n"));
+  ASSERT_TRUE(daemon.wait_for("<1> mscript: unknown event type[nobody]\n"));
+  daemon.write("scripts/a.lua", "on('door', function() trace(1, 'after: ' .. evt_field_str('state')) end)");
+  daemon.send_signal(SIGHUP);
+  ASSERT_TRUE(daemon.wait_for("script_load - " + daemon.path("scripts/a.lua"), 2));
+  EXPECT_TRUE(daemon.post("1 door state=shut\n"));
+  ASSERT_TRUE(daemon.wait_for("<1> lua-trace: after: shut\n"));
+  EXPECT_EQ(daemon.count("before: shut"), 0u);
+  daemon.send_signal(SIGTERM);
+  EXPECT_EQ(daemon.wait_for_end(), 0);
+  EXPECT_TRUE(daemon.wait_for(kEnd));
+  EXPECT_FALSE(exists(daemon.path("run/zelvind/events.sock")));
+  EXPECT_EQ(text_of(daemon.path("stderr")), "signal_handle\nsignal_handle\n");
+}
+
+// Every mixture of signals at every stage: a stop always ends the daemon in order, a SIGHUP never does.
+TEST(Daemon, StopIsNeverLostAndReloadNeverStops) {
+  struct Case {
+    const char* name;
+    const char* wait_for;  // then the signals are sent
+    size_t times;
+    std::vector<int> signals;
+  };
+  const Case cases[] = {
+      {"while the log opens", "Start zelvind...", 1, {SIGTERM}},
+      {"while scripts load", "lua: sleep(300)", 1, {SIGHUP, SIGINT, SIGHUP}},
+      {"during a reload", "lua: sleep(300)", 2, {SIGHUP, SIGTERM, SIGHUP}},
+      {"during a reload, stop first", "lua: sleep(300)", 2, {SIGTERM, SIGHUP}},
+      {"in a flood", "event(flood)", 50, {SIGTERM, SIGHUP}},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    RealDaemon daemon;
+    daemon.write("scripts/a.lua", "sleep(300) on('flood', function() end)");
+    daemon.launch("$ZELVIND -p $ROOT/pid >/dev/null 2>&1");
+    ASSERT_TRUE(daemon.read_pid());
+    if (row.times == 2) {
+      ASSERT_TRUE(daemon.wait_for("complete to start program"));
+      daemon.send_signal(SIGHUP);
+    }
+    std::optional<Flood> flood;
+    if (row.times == 50) {
+      ASSERT_TRUE(daemon.wait_for("complete to start program"));
+      flood.emplace(daemon);
+    }
+    ASSERT_TRUE(daemon.wait_for(row.wait_for, row.times));
+    for (const int number : row.signals) daemon.send_signal(number);
+    EXPECT_EQ(daemon.wait_for_end(), 0);
+    EXPECT_EQ(daemon.count(kEnd), 1u);
+    EXPECT_EQ(daemon.count("mscript: cleanup..."), 1u);
+    for (const int number : row.signals) {  // several of one kind may have arrived as one
+      EXPECT_GE(daemon.count(std::string("signal_handler: SIG") + sigabbrev_np(number)), 1u);
+    }
+  }
+}
+
+TEST(Daemon, HangUpIsSafeFromTheFirstMomentOn) {
+  for (int i = 0; i < 5; ++i) {
+    RealDaemon daemon;
+    daemon.launch("$ZELVIND -p $ROOT/pid >/dev/null 2>&1");
+    ASSERT_TRUE(daemon.read_pid());
+    daemon.send_signal(SIGHUP);
+    ASSERT_TRUE(daemon.wait_for("zelvind: reloading ..."));
+    daemon.send_signal(SIGTERM);
+    ASSERT_EQ(daemon.wait_for_end(), 0);
+  }
+}
+
+TEST(Daemon, AStormOfHangUpsDoesNotKeepAStopWaiting) {
+  RealDaemon daemon;
+  daemon.write("scripts/a.lua", "sleep(50)");
+  ASSERT_TRUE(daemon.start());
+  std::atomic<bool> ended{false};
+  std::thread storm([&] {
+    while (!ended && daemon.send_signal(SIGHUP)) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  });
+  EXPECT_TRUE(daemon.wait_for("zelvind: reloading ...", 3));
+  daemon.send_signal(SIGTERM);
+  EXPECT_TRUE(daemon.wait_for(kEnd));
+  ended = true;
+  storm.join();
+  EXPECT_EQ(daemon.wait_for_end(), 0);
+}
+
+TEST(Daemon, OptionsNeverKeepItFromStarting) {
+  const std::string line = "pid file indicated : ";
+  const std::string long_path = "/tmp/" + std::string(1019, 'x');
+  struct Case {
+    std::string options;
+    std::string output;  // $ROOT stands for the root
+    std::string errors;  // a part of them
+  };
+  const Case cases[] = {
+      {"-v -h --version --help stray", "", ""},
+      {"--unknown", "", "unrecognized option '--unknown'"},
+      {"-p", "", "option requires an argument -- 'p'"},
+      {"-p ''", line + "\n", ""},
+      {"-p $ROOT/a --pidfile=$ROOT/b", line + "$ROOT/a\n" + line + "$ROOT/b\n", ""},
+      {"-p /nowhere/pid", line + "/nowhere/pid\n", "/nowhere/pid"},
+      {"-p " + long_path, line + long_path + "\n", "longer than 1023 characters, none is written"},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.options);
+    RealDaemon daemon;
+    daemon.write("scripts/a.lua", "os.execute('echo $PPID > ' .. os.getenv('ROOT') .. '/pid')");
+    EXPECT_EQ(daemon.launch("$ZELVIND " + row.options + " >$ROOT/out 2>$ROOT/err"), 0);
+    ASSERT_TRUE(daemon.read_pid());
+    ASSERT_TRUE(daemon.wait_for("complete to start program"));
+    daemon.send_signal(SIGTERM);
+    EXPECT_EQ(daemon.wait_for_end(), 0);
+    std::string output = row.output;
+    for (size_t at = 0; (at = output.find("$ROOT/")) != std::string::npos;) output.replace(at, 6, daemon.path(""));
+    EXPECT_EQ(text_of(daemon.path("out")), output);
+    EXPECT_NE(text_of(daemon.path("err")).find(row.errors), std::string::npos);
+    EXPECT_FALSE(exists(daemon.path("a")));
+    EXPECT_EQ(exists(daemon.path("b")), row.options.find("/b") != std::string::npos);
+  }
+}
+
+TEST(Daemon, FailedStartsAndReloads) {
+  struct Case {
+    const char* name;
+    const char* script;  // a.lua at the start; null: there is no configuration
+    const char* reload_script;
+    int status;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"no configuration", nullptr, nullptr, 1,
+       "<1> zelvind: Failed to open conf[name:zelvind.info,type:0,path:/opt/flash/mtd4-cfg]\n"},
+      {"a script fails", "error('no', 0)", nullptr, 0, "<1> zelvind: could not execute script["},
+      {"a reload fails", "on('flood', function() end)", "syntax error", 0, "<1> zelvind: could not load file["},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    RealDaemon daemon;
+    if (row.script == nullptr) {
+      unlink(daemon.path("opt/flash/mtd4-cfg/zelvind.info").c_str());
+    } else {
+      daemon.write("scripts/a.lua", row.script);
+    }
+    daemon.launch("$ZELVIND -p $ROOT/pid >/dev/null 2>&1");
+    ASSERT_TRUE(daemon.read_pid());
+    if (row.reload_script == nullptr) {
+      EXPECT_EQ(daemon.wait_for_end(), row.status);
+    } else {
+      ASSERT_TRUE(daemon.wait_for("complete to start program"));
+      Flood flood(daemon);
+      ASSERT_TRUE(daemon.wait_for("event(flood)", 50));
+      daemon.write("scripts/a.lua", row.reload_script);
+      daemon.send_signal(SIGHUP);
+      EXPECT_EQ(daemon.wait_for_end(), row.status);
+    }
+    EXPECT_EQ(daemon.count(row.line), 1u);
+    EXPECT_EQ(daemon.count(kEnd), row.status == 0 ? 1u : 0u);
+    EXPECT_EQ(daemon.count("mscript: cleanup..."), 0u);
+    EXPECT_FALSE(exists(daemon.path("run/zelvind/events.sock")));
+  }
+}
+
+TEST(Daemon, StandardStreamsThatAreClosedOrDead) {
+  RealDaemon closed;
+  closed.launch("$ZELVIND -p $ROOT/pid <&- >&- 2>&-");
+  ASSERT_TRUE(closed.read_pid());
+  ASSERT_TRUE(closed.wait_for("complete to start program"));
+  const std::string descriptors = "/proc/" + std::to_string(closed.process()) + "/fd/";
+  EXPECT_TRUE(exists(descriptors + "0") || errno != ENOENT);
+  struct stat status {};
+  EXPECT_NE(lstat((descriptors + "1").c_str(), &status), 0);
+  EXPECT_NE(lstat((descriptors + "2").c_str(), &status), 0);
+  closed.send_signal(SIGTERM);
+  EXPECT_EQ(closed.wait_for_end(), 0);
+
+  RealDaemon dead;
+  dead.launch("{ $ZELVIND -p $ROOT/pid 2>&1 >/dev/null; } | true");
+  ASSERT_TRUE(dead.read_pid());
+  ASSERT_TRUE(dead.wait_for("complete to start program"));
+  dead.send_signal(SIGHUP);
+  ASSERT_TRUE(dead.wait_for("zelvind: reloading ..."));
+  dead.send_signal(SIGTERM);
+  EXPECT_EQ(dead.wait_for_end(), 0);
+  EXPECT_EQ(dead.count("signal_handler: SIGHUP"), 1u);
+  EXPECT_EQ(dead.count("signal_handler: SIGPIPE"), 0u);
+}
+
+TEST(Daemon, ARelativeRootIsRefused) {
+  RealDaemon daemon;
+  daemon.launch("DEVICE_ROOT=relative $ZELVIND -p $ROOT/pid >/dev/null 2>$ROOT/err");
+  ASSERT_TRUE(daemon.read_pid());
+  EXPECT_EQ(daemon.wait_for_end(), 1);
+  EXPECT_NE(text_of(daemon.path("err")).find("DEVICE_ROOT"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,47 @@
+// The real daemon under a temporary DEVICE_ROOT, for tests that start it as its user would.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+class RealDaemon {
+ public:
+  // Makes the root with a configuration (log level 3, a port from the kernel, scripts from ROOT/scripts) and the
+  // default scripts. Nothing is started.
+  RealDaemon();
+  // Kills what still runs and removes the root.
+  ~RealDaemon();
+  RealDaemon(const RealDaemon&) = delete;
+  RealDaemon& operator=(const RealDaemon&) = delete;
+
+  // Writes ROOT/`file`, making its folder.
+  void write(const std::string& file, const std::string& text) const;
+  std::string path(const std::string& file) const { return root + "/" + file; }
+
+  // Runs the daemon's command line through a shell, with DEVICE_ROOT and ELOG_TARGET (ROOT/log) set; $ZELVIND is the
+  // program, $ROOT the root. Returns the shell's exit status once the invoking process has ended.
+  int launch(const std::string& command) const;
+  // Starts it with a pid file, waits for its last start line, and remembers its process id. False when it did not come.
+  bool start();
+  // Waits for the process id in ROOT/pid.
+  bool read_pid();
+
+  bool send_signal(int number) const;
+  // Sends lines to the event socket and waits until the daemon has taken them in. False when it went away.
+  bool post(const std::string& lines) const;
+
+  // Waits until the log holds `part` `count` times; false after 20 s, with the log in the test's output.
+  bool wait_for(const std::string& part, size_t count = 1) const;
+  std::string log() const;
+  size_t count(const std::string& part) const;
+
+  // Waits for the daemon's end, at most 20 s. Its exit status, -1 when it did not end, 128 + signal when it was killed.
+  int wait_for_end();
+  pid_t process() const { return pid; }
+
+ private:
+  std::string root;
+  pid_t pid = 0;
+};
