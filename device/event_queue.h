@@ -22,13 +22,16 @@ struct event_item {
 // The record is the caller's until event_item_free. Script thread only.
 event_item* event_dequeue(int timeout_ms);
 
-// Lets the queue tidy itself up; the loop calls it when it is idle, at most every 31 s. Script thread only.
+// Lets the queue tidy itself up; the loop calls it when it is idle, at most every 31 s. Script thread only. The
+// embedded default gives memory back and logs how many lines and events it had to drop or refuse since the last call.
 void event_arrange();
 
 // Gives a record of event_dequeue back, exactly once. Script thread only.
 void event_item_free(event_item* item);
 
 // Opens the queue and adds its own functions to a fresh Lua state. Main thread, before the script thread starts.
+// Negative: failed, and said in the log. The embedded default adds event_post(type, name [, info]), which gives true,
+// or false and a reason; without a socket for other processes it says so in the log and goes on.
 int helper_init(lua_State* L);
 
 // Closes the queue, after the Lua state is closed. Main thread, after the script thread has been joined.

@@ -9,11 +9,12 @@ constexpr char kEventSocketPath[] = "/run/zelvind/events.sock";
 extern "C" {
 
 // Queues one event. `type` is its code; `type_name` 1 to 127 bytes without blanks and control characters; `info`
-// "name=value" items joined by "&" (null counts as empty); all are copied. Any thread, from helper_init until the
-// process is gone. Returns 1 queued, -1 bad argument or queue closed, -2 queue full.
+// "name=value" items joined by "&" (null counts as empty); all are copied. Any thread, at any time until the
+// process is gone. Returns 1 queued, -1 bad argument or queue closed (before helper_init, after helper_cleanup), -2
+// queue full (65,536 events, or 64 MiB) or no memory.
 __attribute__((weak)) int event_post(int type, const char* type_name, const char* info);
 
-// The number of events that event_dequeue would return at once, without waiting and without a system call. Script
-// thread only.
+// The number of events that are taken in and parsed, so that event_dequeue is certain to return them without waiting.
+// Script thread only.
 __attribute__((weak)) int event_pending();
 }

@@ -6,16 +6,19 @@
 extern "C" {
 
 // Sets the level of log module `name`: a line is written when its level is at most this one. May come before
-// errlog_init; any thread.
+// errlog_init; any thread. The embedded default has one level, whatever the name; it begins with 1.
 void elog_set_level(const char* name, int level);
 
 // Opens the log for program `name`; `facility` selects the kind of log (3: daemon). Main thread, before other threads.
 void errlog_init(int facility, const char* name);
 
-// Writes one line. The text is printf-style; a line end is added unless the format brings one. Any thread, also before
-// errlog_init and until the process is gone.
+// Writes one line. The text is printf-style; a line end is added unless the text ends in one. Any thread, also before
+// errlog_init and until the process is gone; errno is kept. The embedded default escapes line ends and other control
+// characters that arguments bring along, and takes a text whose last line is all blanks for the first piece of a line
+// that elogr completes.
 void elog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Writes text without framing: the pieces of one thread build lines, whose ends the caller writes itself. Any thread.
+// Writes text without framing: the pieces of one thread build lines, whose ends the caller writes itself. The embedded
+// default lets them out together when one ends in a line end, or else before the thread's next elog. As elog otherwise.
 void elogr(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 }

@@ -25,6 +25,7 @@ bool EventInbox::open() {
   wake_fd = fd;
   is_open = true;
   is_sleeping = false;
+  refused = 0;
   return true;
 }
 

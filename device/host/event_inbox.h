@@ -41,7 +41,7 @@ class EventInbox {
   int wake_descriptor() const { return wake_fd; }
 
   // The number of posts refused since the last call because the queue was full. Any thread.
-  int take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
+  int64_t take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
 
  private:
   bool is_full(size_t size) const;
@@ -59,5 +59,5 @@ class EventInbox {
   std::atomic<size_t> posted_bytes{0};     // written under mutex
   std::atomic<uint32_t> taken_events{0};   // written by the script thread
   std::atomic<size_t> taken_bytes{0};      // written by the script thread
-  std::atomic<int> refused{0};
+  std::atomic<int64_t> refused{0};
 };

@@ -49,6 +49,8 @@ bool EventPosters::open(int wake_fd) {
     epoll.reset();
     return false;
   }
+  dropped = 0;
+  bad_line_limit = closed_limit = accept_limit = RateLimit();
   listening = socket.open();
   if (listening >= 0 && !watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) {
     elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
@@ -87,8 +89,8 @@ bool EventPosters::wait(int timeout_ms) {
   return true;
 }
 
-int EventPosters::take_dropped() {
-  const int count = dropped;
+int64_t EventPosters::take_dropped() {
+  const int64_t count = dropped;
   dropped = 0;
   return count;
 }

@@ -50,7 +50,7 @@ class EventPosters {
   bool wait(int timeout_ms);
 
   // The number of lines dropped since the last call.
-  int take_dropped();
+  int64_t take_dropped();
 
  private:
   struct Poster {
@@ -86,7 +86,7 @@ class EventPosters {
   RecordList records;
   int events = 0;    // in records
   size_t bytes = 0;  // in records
-  int dropped = 0;
+  int64_t dropped = 0;
   RateLimit bad_line_limit;
   RateLimit closed_limit;
   RateLimit accept_limit;

@@ -122,10 +122,10 @@ void event_item_free(event_item* item) {
 }
 
 void event_arrange() {
-  const int dropped = queue().posters.take_dropped();
-  const int refused = queue().inbox.take_refused();
-  if (dropped > 0) elog(1, "evq: %d bad lines of other processes dropped", dropped);
-  if (refused > 0) elog(1, "evq: %d events refused because the queue was full", refused);
+  const long long dropped = queue().posters.take_dropped();
+  const long long refused = queue().inbox.take_refused();
+  if (dropped > 0) elog(1, "evq: %lld bad lines of other processes dropped", dropped);
+  if (refused > 0) elog(1, "evq: %lld events refused because the queue was full", refused);
   malloc_trim(0);
 }
 

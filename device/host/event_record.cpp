@@ -1,7 +1,6 @@
 #include "device/host/event_record.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 EventRecord* make_record(int type, std::string_view name, std::string_view info, int32_t seconds,
@@ -13,9 +12,9 @@ EventRecord* make_record(int type, std::string_view name, std::string_view info,
   record->type = type;
   record->timestamp[0] = seconds;
   record->timestamp[1] = microseconds;
-  memcpy(record->type_name, name.data(), name.size());
+  name.copy(record->type_name, name.size());
   char* text = reinterpret_cast<char*>(record + 1);
-  memcpy(text, info.data(), info.size());
+  info.copy(text, info.size());
   text[info.size()] = '\0';
   record->info = text;
   record->size = size;

@@ -1,0 +1,147 @@
+#include <sys/stat.h>
+
+#include <lua.hpp>
+
+#include "device/config_store.h"
+#include "device/host/store_text.h"
+#include "tests/device_root_fixture.h"
+
+namespace {
+
+TEST(StoreText, KeysAndComplaints) {
+  const std::string longest(kStoreLineMax - 2, 'v');
+  struct {
+    std::string bytes;
+    std::string expected;  // the keys in order, then the complaints
+  } const rows[] = {
+      {"log_level = 2\nscript_path=/x y\n", "log_level=2|script_path=/x y|"},
+      {"\t a \t=\t b  ; c # d = e \r\n", "a=b  ; c # d = e|"},
+      {"a=1\na=2", "a=2|"},
+      {"a=\n\n#b=1\n ;c=1\n[d]\n", "a=|"},
+      {"\xef\xbb\xbf"
+       "a=1\n",
+       "a=1|"},
+      {"word\na=1\n = 2\n", "a=1|1: the line is no 'key = value'|3: the key is missing|"},
+      {"a=" + longest, "a=" + longest + "|"},
+      {"a=" + longest + "v\nb=1", "b=1|1: the line is longer than 64 KiB|"},
+      {std::string("a=1\n\0", 5), "0: it holds a zero byte, so it is no text and has no keys|"},
+      {"\xff\xfe\x01\n", "1: the line is no 'key = value'|"},
+      {"", ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.bytes.substr(0, 40));
+    const StoreText store = parse_store(row.bytes);
+    std::string found;
+    for (const auto& [key, value] : store.values) found += key + "=" + value + "|";
+    for (const auto& complaint : store.complaints)
+      found += std::to_string(complaint.line) + ": " + complaint.text + "|";
+    EXPECT_EQ(found, row.expected);
+  }
+  std::string bad_lines;
+  for (int i = 0; i < 1000; ++i) bad_lines += "bad\n";
+  EXPECT_EQ(parse_store(bad_lines).complaints.size(), kStoreComplaintsMax);
+  EXPECT_EQ(parse_store(bad_lines).more_complaints, 980);
+}
+
+class DeviceStore : public DeviceRoot {
+ protected:
+  DeviceStore() : folder(root + "/opt/flash/mtd4-cfg/") { std::filesystem::create_directories(folder); }
+  ~DeviceStore() override { econf_cleanup(); }
+
+  void write(const std::string& text) const { std::ofstream(folder + "zelvind.info") << text; }
+  static econf_handle* open_store(const char* file) { return econf_open(0, file, "/opt/flash/mtd4-cfg"); }
+
+  const std::string folder;
+};
+
+TEST_F(DeviceStore, TypedValues) {
+  write("n=-5\nbig=2147483648\nhex=0x10\nwords=5 apples\nempty=\nfour=abcd\n");
+  econf_handle* store = open_store("zelvind.info");
+  ASSERT_NE(store, nullptr);
+  int value = 77;
+  for (const char* key : {"big", "hex", "words", "empty", "missing"}) {
+    EXPECT_LT(econf_get_int(store, key, &value), 0) << key;
+    EXPECT_EQ(value, 77);
+  }
+  EXPECT_GE(econf_get_int(store, "n", &value), 0);
+  EXPECT_EQ(value, -5);
+  char buffer[5] = "left";
+  EXPECT_LT(econf_get_str(store, "missing", buffer, 5), 0);
+  EXPECT_LT(econf_get_str(store, "four", buffer, 4), 0);
+  EXPECT_STREQ(buffer, "left");
+  EXPECT_GE(econf_get_str(store, "four", buffer, 5), 0);
+  EXPECT_STREQ(buffer, "abcd");
+  EXPECT_GE(econf_get_str(store, "empty", buffer, 5), 0);
+  EXPECT_STREQ(buffer, "");
+  econf_close(store);
+  EXPECT_EQ(logged(), "");
+}
+
+TEST_F(DeviceStore, FilesThatCannotBeRead) {
+  mkdir((folder + "folder").c_str(), 0755);
+  mkfifo((folder + "pipe").c_str(), 0644);
+  std::ofstream(folder + "huge").close();
+  std::filesystem::resize_file(folder + "huge", 17 * 1024 * 1024);
+  for (const char* file : {"missing", "folder", "pipe", "huge", "folder"}) EXPECT_EQ(open_store(file), nullptr) << file;
+  EXPECT_EQ(logged(), "<1> econf: cannot read " + folder + "folder: it is no regular file\n<1> econf: cannot read " +
+                          folder + "pipe: it is no regular file\n<1> econf: cannot read " + folder +
+                          "huge: it is larger than 16 MiB\n");
+}
+
+TEST_F(DeviceStore, ComplaintsComeOnceForEachStateOfAFile) {
+  const std::string complaint = "<1> econf: " + folder + "zelvind.info:1: the line is no 'key = value'\n";
+  std::string expected;
+  for (const char* text : {"bad", "bad in another way"}) {
+    write(text);
+    for (int i = 0; i < 3; ++i) econf_close(open_store("zelvind.info"));
+    expected += complaint;
+    EXPECT_EQ(logged(), expected);
+  }
+}
+
+TEST_F(DeviceStore, Lua) {
+  write("n = 12\ns = some text\n");
+  lua_State* L = luaL_newstate();
+  luaL_openlibs(L);
+  ASSERT_GE(econf_init(L), 0);
+  struct {
+    const char* chunk;
+    const char* result;
+  } const rows[] = {
+      {"econf_str('zelvind.info', 's')", "some text"},
+      {"econf_int('zelvind.info', 'n') + 1", "13"},
+      {"econf_int('zelvind.info', 's', 'none')", "none"},
+      {"econf_str('zelvind.info', 'x')", "nil"},
+      {"econf_str('missing', 'x', false)", "false"},
+      {"econf_str('..', 'x', 1)", "1"},
+      {"select('#', econf_int('zelvind.info', 'x'))", "1"},
+      {"select(2, pcall(econf_str, '../secret', 'x'))",
+       "bad argument #1 to '?' (a file name without a slash expected)"},
+      {"select(2, pcall(econf_int, 'zelvind.info'))", "bad argument #2 to '?' (string expected, got no value)"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.chunk);
+    ASSERT_EQ(luaL_dostring(L, ("return tostring((" + std::string(row.chunk) + "))").c_str()), 0)
+        << lua_tostring(L, -1);
+    EXPECT_STREQ(lua_tostring(L, -1), row.result);
+    lua_settop(L, 0);
+  }
+  lua_close(L);
+}
+
+TEST_F(DeviceStore, ARelativeRootIsRefusedOnce) {
+  const std::string said = root + "/stderr";
+  write("a=1\n");
+  EXPECT_EQ(in_child([&] {
+              ASSERT_EQ(chdir(root.c_str()), 0);
+              ASSERT_NE(freopen(said.c_str(), "w", stderr), nullptr);
+              setenv("DEVICE_ROOT", ".", 1);
+              EXPECT_EQ(open_store("zelvind.info"), nullptr);
+              EXPECT_EQ(open_store("zelvind.info"), nullptr);
+            }),
+            0);
+  EXPECT_EQ(read_file(said),
+            "device: DEVICE_ROOT is no absolute path: no settings are read and no event socket is made\n");
+}
+
+}  // namespace
