@@ -56,23 +56,24 @@ void EventConnection::wait_for_input(int input) const {
   if (entries[1].revents != 0) fail("the daemon closed the connection");
 }
 
-void EventConnection::finish() {
+void EventConnection::finish(bool quit_sent) {
   shutdown(socket.get(), SHUT_WR);
   for (;;) {
-    wait_for(POLLIN);
+    wait_for(POLLIN, quit_sent);
     char ignored[256];
     const ssize_t received = recv(socket.get(), ignored, sizeof(ignored), MSG_DONTWAIT);
     if (received == 0) return;
     // The kernel reports a reset when the daemon closed with something still unread.
+    if (received < 0 && errno == EAGAIN && quit_sent && untaken_bytes() == 0) return;
     if (received < 0 && errno != EAGAIN && errno != EINTR) {
       fail("the daemon went away before it took in everything: " + error_text(errno));
     }
   }
 }
 
-void EventConnection::wait_for(short events) const {
+void EventConnection::wait_for(short events, bool enough_when_read) const {
   using Clock = std::chrono::steady_clock;
-  const int slice_ms = std::max(limit_ms / 20, 1);
+  const int slice_ms = std::clamp(limit_ms / 20, 1, 100);
   int untaken = untaken_bytes();
   Clock::time_point last_progress = Clock::now();
   for (;;) {
@@ -81,6 +82,7 @@ void EventConnection::wait_for(short events) const {
     if (ready > 0) return;
     if (ready < 0 && errno != EINTR) fail("cannot wait for the daemon: " + error_text(errno));
     const int now_untaken = untaken_bytes();
+    if (now_untaken == 0 && enough_when_read) return;
     if (now_untaken < untaken) {
       untaken = now_untaken;
       last_progress = Clock::now();

@@ -25,11 +25,13 @@ class EventConnection {
   // Waits, for as long as it takes, until `input` can be read.
   void wait_for_input(int input) const;
 
-  // Says that nothing more will come, and waits until the daemon has taken in all that was sent.
-  void finish();
+  // Says that nothing more will come, and waits until the daemon has taken in all that was sent. When an event among it
+  // may end the daemon's loop (`quit_sent`), there may be nobody left to end the stream: then it is enough that the
+  // daemon has read everything.
+  void finish(bool quit_sent);
 
  private:
-  void wait_for(short events) const;
+  void wait_for(short events, bool enough_when_read = false) const;
   int untaken_bytes() const;
   std::string limit_text() const;
 

@@ -137,7 +137,7 @@ class CommandLine {
     const std::string line = event_line(type_text, values_of(name).front(), values_of(fields), quit_allowed);
     EventConnection connection(socket_path);
     connection.send(line);
-    connection.finish();
+    connection.finish(quit_allowed);
   }
 
   Exit leave(const CLI::ParseError& error) {

@@ -108,6 +108,6 @@ void post_lines(int input, bool quit_allowed, EventConnection& connection) {
     held -= good;
     memmove(block.data(), block.data() + good, held);
   }
-  connection.finish();
+  connection.finish(quit_allowed);
   if (!lines.complaint.empty()) refuse(lines.complaint);
 }
