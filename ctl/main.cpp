@@ -42,7 +42,8 @@ std::vector<std::string> marked(int argc, char** argv) {
   std::vector<std::string> arguments(argv + 1, argv + argc);
   for (std::string& argument : arguments) {
     const bool brackets = argument.size() > 1 && argument.front() == '[' && argument.back() == ']';
-    if (brackets || argument == "++") argument.insert(0, 1, kMark);
+    const bool begins_marked = !argument.empty() && argument.front() == kMark;
+    if (brackets || begins_marked || argument == "++") argument.insert(0, 1, kMark);
   }
   return {arguments.rbegin(), arguments.rend()};  // the order in which CLI11 wants them
 }
@@ -94,6 +95,7 @@ class CommandLine {
       throw Failure(Exit::usage, "say post or listen\nTry: zelvctl --help");
     } else {
       request.names = values_of(names);
+      if (!host->empty()) request.host = values_of(host).front();
       ::listen(request, stdout);
     }
     return Exit::done;
@@ -112,7 +114,7 @@ class CommandLine {
 
   void add_listen() {
     listen = app.add_subcommand("listen", "Subscribe to events and print them as they come");
-    listen->add_option("--host", request.host, "Where the daemon runs (default 127.0.0.1)")->type_name("HOST");
+    host = listen->add_option("--host")->type_name("HOST")->description("Where the daemon runs (default 127.0.0.1)");
     listen->add_option("--port", request.port, "Its port (default: from the configuration, else 5512)")
         ->type_name("PORT")
         ->check(CLI::Range(1, 65535).description(""));
@@ -160,6 +162,7 @@ class CommandLine {
   bool quit_allowed = false;
 
   CLI::App* listen = nullptr;
+  CLI::Option* host = nullptr;
   CLI::Option* names = nullptr;
   ListenRequest request;
 };

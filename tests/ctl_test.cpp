@@ -161,6 +161,7 @@ TEST(Zelvctl, RefusesWrongArguments) {
       {{"listen"}, "NAME is required\nTry: zelvctl listen --help"},
       {{"listen", "a", ""}, "NAME '': the name is missing"},
       {{"listen", "a,b"}, "NAME 'a,b': a name to listen for cannot hold a comma"},
+      {{"listen", "\x01"}, "NAME '\x01': the name holds a blank or a control character"},
       {{"listen", "[a,b]"}, "NAME '[a,b]': a name to listen for cannot hold a comma"},
       {{"listen", "a", "--port", "0"}, "--port: Value 0 not in range 1 to 65535\nTry: zelvctl listen --help"},
       {{"listen", "a", "--count", "x"},
