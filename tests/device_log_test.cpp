@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -69,10 +68,8 @@ TEST_F(DeviceLog, LongLinesOfThreadsStayWhole) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   const Descriptor reader(ends[0]);
-  {
-    const Descriptor writer(ends[1]);
-    log_to("file:/proc/self/fd/" + std::to_string(writer.get()));
-  }
+  log_to("file:/proc/self/fd/" + std::to_string(ends[1]));
+  close(ends[1]);
   std::atomic<int> alive{4};
   const auto write_lines = [&](char letter) {
     for (int i = 0; i < 20; ++i) elog(1, "%s", std::string(9000, letter).c_str());
@@ -80,13 +77,9 @@ TEST_F(DeviceLog, LongLinesOfThreadsStayWhole) {
   };
   std::vector<std::thread> threads;
   for (const char letter : {'a', 'b', 'c', 'd'}) threads.emplace_back(write_lines, letter);
-  std::string all;
-  char buffer[4096];
-  for (ssize_t got = 1; (got = read(reader.get(), buffer, sizeof(buffer))) > 0;)
-    all.append(buffer, static_cast<size_t>(got));
+  std::istringstream stream(read_file("/proc/self/fd/" + std::to_string(reader.get())));
   for (std::thread& thread : threads) thread.join();
   int lines = 0;
-  std::istringstream stream(all);
   for (std::string line; std::getline(stream, line); ++lines) {
     ASSERT_GT(line.size(), 9000u);
     EXPECT_EQ(line.substr(line.size() - 9000), std::string(9000, line.back()));

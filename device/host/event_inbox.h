@@ -12,7 +12,7 @@
 #include "device/host/event_record.h"
 
 constexpr int kInboxEventsMax = 65536;
-constexpr size_t kInboxBytesMax = 64 * 1024 * 1024;
+constexpr size_t kInboxBytesMax = size_t{64} * 1024 * 1024;
 
 class EventInbox {
  public:

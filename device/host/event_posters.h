@@ -23,10 +23,10 @@
 #include "util/rate_limit.h"
 
 constexpr int kPostersMax = 256;
-constexpr int kPostedEventsMax = 4096;               // no reading while that many wait
-constexpr size_t kPostedBytesMax = 8 * 1024 * 1024;  // nor while they are that big
-constexpr int kPosterSilenceMs = 5000;               // of a poster that has to make place
-constexpr size_t kPosterPiece = 64 * 1024;           // bytes read from one poster in its turn
+constexpr int kPostedEventsMax = 4096;                       // no reading while that many wait
+constexpr size_t kPostedBytesMax = size_t{8} * 1024 * 1024;  // nor while they are that big
+constexpr int kPosterSilenceMs = 5000;                       // of a poster that has to make place
+constexpr size_t kPosterPiece = size_t{64} * 1024;           // bytes read from one poster in its turn
 
 class EventPosters {
  public:

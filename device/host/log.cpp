@@ -17,7 +17,7 @@ std::atomic<int> g_level{1};
 LogTarget g_target;
 static_assert(std::is_trivially_destructible_v<LogTarget>, "the log outlives everything");
 
-constexpr size_t kPiecesMax = 1024 * 1024;  // bytes held for a line that does not end
+constexpr size_t kPiecesMax = size_t{1024} * 1024;  // bytes held for a line that does not end
 
 // What a thread has said of lines that are not complete yet.
 struct Pieces {

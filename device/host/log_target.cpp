@@ -12,7 +12,6 @@
 #include <ctime>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "util/descriptor.h"
 #include "util/quiet_write.h"
@@ -28,7 +27,7 @@ class LowNumbersHeld {
   LowNumbersHeld() {
     Descriptor next(open("/dev/null", O_RDWR | O_CLOEXEC));
     while (next.get() >= 0 && next.get() <= STDERR_FILENO) {
-      held[count++] = std::move(next);
+      held[count++].reset(next.release());
       next.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
     }
   }

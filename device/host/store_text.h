@@ -16,8 +16,8 @@
 #include <string_view>
 #include <vector>
 
-constexpr size_t kStoreLineMax = 64 * 1024;  // bytes, without the line end
-constexpr size_t kStoreComplaintsMax = 20;   // bad lines told of one by one; the rest is counted
+constexpr size_t kStoreLineMax = size_t{64} * 1024;  // bytes, without the line end
+constexpr size_t kStoreComplaintsMax = 20;           // bad lines told of one by one; the rest is counted
 
 struct StoreComplaint {
   int line;  // counted from 1; 0: the file as a whole
