@@ -2,26 +2,19 @@
 
 #include <nlohmann/json.hpp>
 
+#include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
 
-// The C1 control characters, U+0080 to U+009F: C2 80 to C2 9F in UTF-8. Terminals obey them like the ones below blank.
-bool is_c1(std::string_view text, size_t at) {
-  return text[at] == '\xc2' && at + 1 < text.size() && (text[at + 1] & '\xe0') == '\x80';
-}
-
-void append_escaped(std::string& line, std::string_view text) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    const unsigned char byte = static_cast<unsigned char>(text[i]);
-    if (byte == '\n') {
-      line += "\\n";
-    } else if (byte < ' ' || byte == 0x7f || is_c1(text, i)) {
-      line += sstr("\\x%02x", byte);
-      if (byte == 0xc2) line += sstr("\\x%02x", static_cast<unsigned char>(text[++i]));
-    } else {
-      line += text[i];
-    }
+void append_safely(std::string& line, std::string_view text) {
+  while (!text.empty()) {
+    const size_t run = harmless_run(text);
+    line.append(text.substr(0, run));
+    text.remove_prefix(run);
+    if (text.empty()) break;
+    append_escaped(line, text[0]);
+    text.remove_prefix(1);
   }
 }
 
@@ -46,10 +39,10 @@ nlohmann::json fields_of(std::string_view info) {
 
 std::string plain_text(const EventPacket& event) {
   std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
-  append_escaped(line, event.name);
+  append_safely(line, event.name);
   if (!event.info.empty()) {
     line += ' ';
-    append_escaped(line, event.info);
+    append_safely(line, event.info);
   }
   return line + "\n";
 }

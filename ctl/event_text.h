@@ -5,8 +5,9 @@
 
 #include "ctl/client_packet.h"
 
-// "SECONDS.MICROSECONDS NAME INFO" with six digits of microseconds; without the last blank when there is no info. A
-// line end in the texts is written "\n", every other control character as "\x1b" is: no event can drive a terminal.
+// "SECONDS.MICROSECONDS NAME INFO" with six digits of microseconds; without the last blank when there is no info.
+// Control characters, line ends among them, and bytes that are no UTF-8 are escaped (util/safe_text.h): no event can
+// drive a terminal.
 std::string plain_text(const EventPacket& event);
 
 // {"time":SECONDS.MICROSECONDS,"name":NAME,"fields":{FIELD:VALUE,...}} with texts as values of the fields, which are

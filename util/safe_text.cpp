@@ -1,0 +1,55 @@
+#include "util/safe_text.h"
+
+#include <cstdint>
+#include <cstdio>
+
+namespace {
+
+// Length of the character at the front of `text` when it may go out as it is, else 0.
+size_t harmless_length(std::string_view text) {
+  const unsigned lead = static_cast<unsigned char>(text[0]);
+  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+  if (lead < 0xc2 || lead > 0xf4) return 0;
+  const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+  if (text.size() < length) return 0;
+  uint32_t code = lead & (0xffu >> (length + 1));
+  for (size_t i = 1; i < length; ++i) {
+    const unsigned next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xc0) != 0x80) return 0;
+    code = code << 6 | (next & 0x3f);
+  }
+  constexpr uint32_t kSmallest[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control characters too
+  if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return 0;
+  return length;
+}
+
+}  // namespace
+
+size_t harmless_run(std::string_view text) {
+  size_t run = 0;
+  while (run < text.size()) {
+    const size_t length = harmless_length(text.substr(run));
+    if (length == 0) break;
+    run += length;
+  }
+  return run;
+}
+
+void append_escaped(std::string& out, char c) {
+  switch (c) {
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    default: {
+      char text[8];
+      snprintf(text, sizeof(text), "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      out += text;
+    }
+  }
+}
