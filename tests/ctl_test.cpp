@@ -296,7 +296,7 @@ TEST(EventText, BearsAnyBytes) {
       {"", "", "{}"},
       {"state=open&by=a b", " state=open&by=a b", R"({"by":"a b","state":"open"})"},
       {"a=1&a=2&b&&a&=x&c=d=e", " a=1&a=2&b&&a&=x&c=d=e", R"({"":"x","a":"1","b":"","c":"d=e"})"},
-      {"a=\x1b[2J\n\x7f\t", R"( a=\x1b[2J\n\x7f\x09)", "{\"a\":\"\\u001b[2J\\n\x7f\\t\"}"},
+      {"a=\x1b[2J\n\x7f\t", R"( a=\x1b[2J\n\x7f\t)", "{\"a\":\"\\u001b[2J\\n\x7f\\t\"}"},
       {"a=\xc2\x9b\xc3\x9b\xff", " a=\\xc2\\x9b\xc3\x9b\\xff", "{\"a\":\"\xc2\x9b\xc3\x9b\xef\xbf\xbd\"}"},
   };
   for (const auto& row : rows) {
