@@ -10,6 +10,7 @@
 #include "app/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "extension/manager_extension.h"
 #include "script/manager_script.h"
 
 namespace {
@@ -40,12 +41,14 @@ void occupy_descriptor_0() {
 
 struct Managers {
   ManagerScript script;
+  ManagerExtension extension;
 };
 
 // Returns false when a step failed.
 bool start(Managers& managers, const Settings& settings) {
   try {
     managers.script.init();
+    managers.extension.load(settings.dll_path.c_str());
     managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
     managers.script.start_thread();
   } catch (const std::exception& error) {
@@ -87,7 +90,9 @@ void idle(Managers& managers, const Settings& settings) {
 void stop(Managers& managers) {
   stop_threads(managers);
   managers.script.call_cleanup();
+  managers.extension.prepare_cleanup();
   managers.script.cleanup();
+  managers.extension.cleanup();
 }
 
 }  // namespace
