@@ -10,6 +10,7 @@
 #include "app/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "extension/manager_extension.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
 #include "util/socket.h"
@@ -42,6 +43,7 @@ void occupy_descriptor_0() {
 
 struct Managers {  // built in this order, destroyed in the reverse one
   ManagerScript script;
+  ManagerExtension extension;
   ManagerListener listener;
 };
 
@@ -49,6 +51,7 @@ struct Managers {  // built in this order, destroyed in the reverse one
 bool start(Managers& managers, const Settings& settings) {
   try {
     managers.script.init();
+    managers.extension.load(settings.dll_path.c_str());
     managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
     managers.listener.start();
     managers.script.start_thread();
@@ -91,7 +94,9 @@ void idle(Managers& managers, const Settings& settings) {
 void stop(Managers& managers) {
   stop_threads(managers);
   managers.script.call_cleanup();
+  managers.extension.prepare_cleanup();
   managers.script.cleanup();
+  managers.extension.cleanup();
   sock_exit();
 }
 

@@ -29,6 +29,7 @@ struct Device {
   std::vector<std::string> lines;
   std::vector<int> waits;
   int outstanding = 0;
+  int refusals = 0;
   int arranged = 0;
   int handles = 0;
 };
@@ -87,6 +88,11 @@ void post(int type, const std::string& type_name, const std::string& info) {
   const Lock lock(device().mutex);
   device().queue.push_back(event);
   device().changed.notify_all();
+}
+
+void refuse_posts(int count) {
+  const Lock lock(device().mutex);
+  device().refusals = count;
 }
 
 std::vector<std::string> log_lines() {
@@ -211,6 +217,13 @@ int helper_init(lua_State*) {
 void helper_cleanup() {}
 
 int event_post(int type, const char* type_name, const char* info) {
+  {
+    const Lock lock(device().mutex);
+    if (device().refusals > 0) {
+      --device().refusals;
+      return -2;
+    }
+  }
   standin::post(type, type_name, info == nullptr ? "" : info);
   return 1;
 }

@@ -17,6 +17,9 @@ void set(const std::string& key, const std::string& value);
 // Adds an event at the end of the queue.
 void post(int type, const std::string& type_name, const std::string& info);
 
+// Lets the next `count` calls of event_post find the queue full.
+void refuse_posts(int count);
+
 // The lines logged since reset, one string a call of elog or elogr, as "<level> text".
 std::vector<std::string> log_lines();
 

@@ -3,6 +3,21 @@
 
 #include <pthread.h>
 
+#include <csignal>
+
+// Holds SIGHUP, SIGINT and SIGTERM back from the calling thread as long as it lives; threads started meanwhile inherit
+// that for good. What came meanwhile is delivered at its end.
+class RunSignalsBlocked {
+ public:
+  RunSignalsBlocked();
+  RunSignalsBlocked(const RunSignalsBlocked&) = delete;
+  RunSignalsBlocked& operator=(const RunSignalsBlocked&) = delete;
+  ~RunSignalsBlocked();
+
+ private:
+  sigset_t before;
+};
+
 // Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked, so that those reach the main thread
 // and never cut a script's sleep or a poll short; SIGPIPE stays as it is. The handle goes to *thread, which the caller
 // joins. Returns 0, or an error number as pthread_create does; *thread is then 0. Main thread only.

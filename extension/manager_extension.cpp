@@ -1,0 +1,72 @@
+#include "extension/manager_extension.h"
+
+#include <exception>
+
+#include "app/except.h"
+#include "device/log.h"
+#include "extension/plugin_discovery.h"
+#include "script/manager_script.h"
+#include "util/service_thread.h"
+
+namespace {
+
+// A link beside the file, as version numbers bring them, is the same library: its init must not run twice.
+void refuse_second_name(const LoadedPlugin& plugin, const ManagerExtension::Plugins& plugins) {
+  for (const auto& other : plugins) {
+    if (other->handle == plugin.handle) throw except_base("already loaded as [%s]", other->path.c_str());
+  }
+}
+
+// Returns false, with the text in `error`, when a step failed; what was opened is still open then.
+bool load_plugin(LoadedPlugin& plugin, const ManagerExtension::Plugins& plugins, std::string& error) {
+  try {
+    open_plugin(plugin);
+    refuse_second_name(plugin, plugins);
+    const LuaTurn turn(g_mscript->gate);
+    init_plugin(plugin, g_mscript->lua_state);
+    return true;
+  } catch (const std::exception& failure) {
+    error = failure.what();
+    return false;
+  }
+}
+
+}  // namespace
+
+void ManagerExtension::load(const char* dir) {
+  elog(2, "mextension: load extension files...");
+  const RunSignalsBlocked blocked;  // for the shell that lists the files, and for the threads that plug-ins start
+  load_kind(kEventSource, sources, dir);
+  load_kind(kEventAction, actions, dir);
+}
+
+void ManagerExtension::load_kind(const PluginKind& kind, Plugins& plugins, const char* dir) {
+  for (const std::string& name : list_plugins(dir, kind.tag)) {
+    elog(2, "mextension: load %s file[%s]...", kind.tag, name.c_str());
+    auto plugin = std::make_unique<LoadedPlugin>();
+    plugin->kind = &kind;
+    plugin->path = name;
+    std::string error;
+    if (load_plugin(*plugin, plugins, error)) {
+      plugins.push_back(std::move(plugin));
+      continue;
+    }
+    unload_plugin(*plugin);
+    elog(1, "mextension: %s[%s]: %s", kind.name, name.c_str(), error.c_str());
+  }
+}
+
+void ManagerExtension::prepare_cleanup() {
+  elog(2, "mextension: prepare_cleanup");
+  const LuaTurn turn(g_mscript->gate);
+  for (const auto& plugin : sources) prepare_plugin(*plugin, g_mscript->lua_state);
+  for (const auto& plugin : actions) prepare_plugin(*plugin, g_mscript->lua_state);
+}
+
+void ManagerExtension::cleanup() {
+  elog(2, "mextension: cleanup");
+  for (Plugins* plugins : {&sources, &actions}) {
+    for (const auto& plugin : *plugins) unload_plugin(*plugin);
+    plugins->clear();
+  }
+}

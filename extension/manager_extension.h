@@ -1,0 +1,38 @@
+// The owner of the daemon's native plug-ins: finds them at start-up, initialises them, tells them of the end and
+// unloads them. What a plug-in is and may do stands in extension/plugin.h.
+//
+// One bad plug-in costs one line: it is unloaded again, and the others and the daemon go on without it.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "extension/loaded_plugin.h"
+
+class ManagerExtension {
+ public:
+  using Plugins = std::vector<std::unique_ptr<LoadedPlugin>>;
+
+  ManagerExtension() = default;
+  // Unloads nothing: after a failed start, plug-ins may still be at work until the process ends.
+  ~ManagerExtension() = default;
+  ManagerExtension(const ManagerExtension&) = delete;
+  ManagerExtension& operator=(const ManagerExtension&) = delete;
+
+  // What run control calls, on the main thread, in this order.
+
+  // Loads the eSource plug-ins of directory `dir`, then its eAction plug-ins. The script manager must have its Lua
+  // state with the script API; the scripts have not been loaded and no other thread of the daemon runs.
+  void load(const char* dir);
+  // Calls every prepare_cleanup. The script thread has been joined, the Lua state still exists.
+  void prepare_cleanup();
+  // Calls every cleanup and unloads. The Lua state has been closed.
+  void cleanup();
+
+ private:
+  void load_kind(const PluginKind& kind, Plugins& plugins, const char* dir);
+
+  // In load order, and only those that were initialised without error.
+  Plugins sources;
+  Plugins actions;
+};

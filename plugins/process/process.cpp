@@ -1,0 +1,179 @@
+// libeaprocess.so: lets scripts run the device's own tools without holding up the event loop.
+//
+//   g++ -std=c++17 -O2 -fPIC -shared -pthread $(pkg-config --cflags lua5.1) -o libeaprocess.so *.cpp
+//
+// It adds one global, proc_run(argv, timeout_s, func [, arg]), which starts a program and returns its number at once.
+// When the program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler that
+// stands in es_proc_done.list_func calls func(arg, status, output).
+//
+// A Lua error is a long jump, and nearly every Lua function can raise one: no destructor would run in the frames that
+// it crosses. So this file keeps to plain values, Lua's own memory and the Lua stack. Everything else lives behind
+// program_runner.h, whose functions never call Lua and never throw.
+
+#include <zelvind/plugin.h>
+
+#include <cerrno>
+#include <cstring>
+#include <lua.hpp>
+
+#include "program_runner.h"
+
+namespace {
+
+// Their addresses are keys in Lua's registry.
+char g_callbacks_key;  // table: number of a program -> { func, arg }
+char g_guard_key;      // userdata whose finalizer ends the programs with the Lua state, however that comes to its end
+
+int proc_done(lua_State* L);
+
+void push_registered(lua_State* L, char* key) {
+  lua_pushlightuserdata(L, key);
+  lua_rawget(L, LUA_REGISTRYINDEX);
+}
+
+// Pushes the table `table`[name], made when it is not there; `table` is an absolute index. Raw: a strict table of
+// globals does not mind. Raises when something else stands there.
+void push_table_field(lua_State* L, int table, const char* name) {
+  lua_pushstring(L, name);
+  lua_rawget(L, table);
+  if (lua_istable(L, -1)) return;
+  if (!lua_isnil(L, -1)) luaL_error(L, "%s is no table but a %s", name, luaL_typename(L, -1));
+  lua_pop(L, 1);
+  lua_newtable(L);
+  lua_pushstring(L, name);
+  lua_pushvalue(L, -2);
+  lua_rawset(L, table);
+}
+
+// Sees to it that our handler is among those of "proc_done": a script may have replaced the table.
+void ensure_handler(lua_State* L) {
+  const int top = lua_gettop(L);
+  push_table_field(L, LUA_GLOBALSINDEX, "es_proc_done");
+  push_table_field(L, top + 1, "list_func");
+  const int list = top + 2;
+  const int count = static_cast<int>(lua_objlen(L, list));
+  bool found = false;
+  for (int i = 1; i <= count && !found; ++i) {
+    lua_rawgeti(L, list, i);
+    if (lua_istable(L, -1)) {
+      lua_rawgeti(L, -1, 2);
+      found = lua_tocfunction(L, -1) == proc_done;
+    }
+    lua_settop(L, list);
+  }
+  if (!found) {
+    lua_createtable(L, 2, 0);
+    lua_pushliteral(L, "process");
+    lua_rawseti(L, -2, 1);
+    lua_pushcfunction(L, proc_done);
+    lua_rawseti(L, -2, 2);
+    lua_rawseti(L, list, count + 1);
+  }
+  lua_settop(L, top);
+}
+
+// Makes an argument vector of the list at index 1, in memory of Lua's. It and a table that holds its texts are left on
+// the stack, where they must stay while the vector is used.
+const char* const* push_argv(lua_State* L) {
+  const int count = static_cast<int>(lua_objlen(L, 1));
+  luaL_argcheck(L, count > 0, 1, "a list with the program and its arguments expected");
+  lua_createtable(L, count, 0);
+  const int texts = lua_gettop(L);
+  const auto argv = static_cast<const char**>(lua_newuserdata(L, (static_cast<size_t>(count) + 1) * sizeof(char*)));
+  for (int i = 0; i < count; ++i) {
+    lua_rawgeti(L, 1, i + 1);
+    size_t size = 0;
+    argv[i] = lua_tolstring(L, -1, &size);
+    if (argv[i] == nullptr) luaL_error(L, "argument %d of the program is a %s", i, luaL_typename(L, -1));
+    if (strlen(argv[i]) != size) luaL_error(L, "argument %d of the program holds a zero byte", i);
+    lua_rawseti(L, texts, i + 1);
+  }
+  argv[count] = nullptr;
+  return argv;
+}
+
+// proc_run(argv, timeout_s, func [, arg])
+int proc_run(lua_State* L) {
+  luaL_checktype(L, 1, LUA_TTABLE);
+  const lua_Number timeout_s = luaL_checknumber(L, 2);
+  const bool in_range = timeout_s >= 0.001 && timeout_s <= program_runner::kTimeoutMaxS;
+  luaL_argcheck(L, in_range, 2, "0.001 to 86400 seconds expected");
+  luaL_checktype(L, 3, LUA_TFUNCTION);
+  lua_settop(L, 4);
+  ensure_handler(L);
+  const char* const* const argv = push_argv(L);
+  const int id = program_runner::next_id();
+
+  // What can raise comes before the program is handed over.
+  push_registered(L, &g_callbacks_key);
+  lua_createtable(L, 2, 0);
+  lua_pushvalue(L, 3);
+  lua_rawseti(L, -2, 1);
+  lua_pushvalue(L, 4);
+  lua_rawseti(L, -2, 2);
+  lua_rawseti(L, -2, id);
+  const char* const refusal = program_runner::run(id, argv, static_cast<int>(timeout_s * 1000));
+  if (refusal != nullptr) {
+    lua_pushnil(L);
+    lua_rawseti(L, -2, id);
+    return luaL_error(L, "%s", refusal);
+  }
+  lua_pushinteger(L, id);
+  return 1;
+}
+
+// The handler of "proc_done". Anybody can post such an event: a number that is not of an ended program is passed over.
+int proc_done(lua_State* L) {
+  lua_settop(L, 0);
+  lua_getglobal(L, "evt_field_int");
+  lua_pushliteral(L, "id");
+  lua_call(L, 1, 1);
+  const int id = static_cast<int>(lua_tointeger(L, 1));
+  program_runner::Result result;
+  if (!program_runner::find_result(id, &result)) return 0;
+  push_registered(L, &g_callbacks_key);
+  lua_rawgeti(L, 2, id);
+  lua_rawgeti(L, 3, 1);
+  lua_rawgeti(L, 3, 2);
+  lua_pushinteger(L, result.status);
+  lua_pushlstring(L, result.output, result.output_size);
+  program_runner::drop_result(id);
+  lua_pushnil(L);
+  lua_rawseti(L, 2, id);
+  lua_call(L, 3, 0);
+  return 0;
+}
+
+int end_programs(lua_State*) {
+  program_runner::stop();
+  return 0;
+}
+
+}  // namespace
+
+int eaction_init(lua_State* L) {
+  if (event_post == nullptr) {
+    elog(1, "process: this device's event queue takes no events from plug-ins");
+    return -1;
+  }
+  lua_pushlightuserdata(L, &g_callbacks_key);
+  lua_newtable(L);
+  lua_rawset(L, LUA_REGISTRYINDEX);
+  lua_pushlightuserdata(L, &g_guard_key);
+  lua_newuserdata(L, 0);
+  lua_newtable(L);
+  lua_pushcfunction(L, end_programs);
+  lua_setfield(L, -2, "__gc");
+  lua_setmetatable(L, -2);
+  lua_rawset(L, LUA_REGISTRYINDEX);
+  lua_register(L, "proc_run", proc_run);
+  ensure_handler(L);
+  if (program_runner::start()) return 0;
+  elog(1, "process: failed to start - %s", strerror(errno));
+  return -1;
+}
+
+// The programs end with the Lua state, so before this; but after an eaction_init that failed the state lives on.
+void eaction_cleanup() {
+  program_runner::stop();
+}

@@ -1,0 +1,219 @@
+#include "program_runner.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <zelvind/plugin.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "program.h"
+
+namespace program_runner {
+namespace {
+
+constexpr int kRetryMs = 100;  // for an event that found the queue full
+
+using ProgramPtr = std::unique_ptr<Program>;
+using Lock = std::lock_guard<std::mutex>;
+
+struct Runner {
+  Runner() = default;
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+  ~Runner() {
+    if (wake_fd >= 0) close(wake_fd);
+  }
+
+  int wake_fd = -1;    // set before the threads start
+  pthread_t thread{};  // main thread
+  int last_id = 0;     // caller of next_id
+
+  std::mutex mutex;
+  bool stopping = false;               // under mutex
+  std::set<int> in_hand;               // under mutex: wanted, running or finished
+  std::vector<ProgramPtr> wanted;      // under mutex: not started yet
+  std::map<int, ProgramPtr> finished;  // under mutex: until their result is dropped
+
+  // The runner's thread only.
+  std::vector<ProgramPtr> running;
+  std::vector<std::pair<int, int>> unposted;  // id and status
+};
+
+// A plain pointer: a static object with a destructor would be destroyed under the threads when the process ends without
+// a clean-up.
+Runner* g_runner = nullptr;
+
+void finish(Runner& runner, ProgramPtr program) {
+  runner.unposted.emplace_back(program->id, program->status);
+  const Lock lock(runner.mutex);
+  runner.finished[program->id] = std::move(program);
+}
+
+// Returns false when the thread is to end.
+bool start_wanted(Runner& runner) {
+  std::vector<ProgramPtr> wanted;
+  {
+    const Lock lock(runner.mutex);
+    if (runner.stopping) return false;
+    wanted.swap(runner.wanted);
+  }
+  for (ProgramPtr& program : wanted) {
+    if (program->start()) {
+      runner.running.push_back(std::move(program));
+    } else {
+      finish(runner, std::move(program));
+    }
+  }
+  return true;
+}
+
+void finish_ended(Runner& runner) {
+  const auto ended = std::partition(runner.running.begin(), runner.running.end(),
+                                    [](const ProgramPtr& program) { return !program->has_ended(); });
+  for (auto program = ended; program != runner.running.end(); ++program) {
+    (*program)->reap();
+    finish(runner, std::move(*program));
+  }
+  runner.running.erase(ended, runner.running.end());
+}
+
+// What a full queue refuses is tried again later; a closed one has nobody behind it any more.
+void post_finished(Runner& runner) {
+  while (!runner.unposted.empty()) {
+    char info[64];
+    const auto& [id, status] = runner.unposted.front();
+    snprintf(info, sizeof(info), "id=%d&status=%d", id, status);
+    if (event_post(kEventType, "proc_done", info) == -2) return;
+    runner.unposted.erase(runner.unposted.begin());
+  }
+}
+
+int wait_ms(const Runner& runner) {
+  int64_t wait = runner.unposted.empty() ? INT_MAX : kRetryMs;
+  const int64_t now = steady_ms();
+  for (const ProgramPtr& program : runner.running) wait = std::min(wait, program->next_look() - now);
+  if (wait == INT_MAX) return -1;
+  return static_cast<int>(std::max<int64_t>(wait, 0));
+}
+
+void wait_and_read(Runner& runner) {
+  std::vector<pollfd> fds = {{runner.wake_fd, POLLIN, 0}};
+  for (const ProgramPtr& program : runner.running) fds.push_back({program->output_fd(), POLLIN, 0});
+  if (poll(fds.data(), fds.size(), wait_ms(runner)) <= 0) return;
+  eventfd_t count = 0;
+  if (fds[0].revents != 0) eventfd_read(runner.wake_fd, &count);
+  for (size_t i = 0; i < runner.running.size(); ++i) {
+    if (fds[i + 1].revents != 0) runner.running[i]->read_output();
+  }
+}
+
+bool one_pass(Runner& runner) {
+  if (!start_wanted(runner)) return false;
+  finish_ended(runner);
+  const int64_t now = steady_ms();
+  for (const ProgramPtr& program : runner.running) program->enforce_time(now);
+  post_finished(runner);
+  wait_and_read(runner);
+  return true;
+}
+
+void* thread_main(void* argument) {
+  Runner& runner = *static_cast<Runner*>(argument);
+  for (bool go_on = true; go_on;) {
+    try {
+      go_on = one_pass(runner);
+    } catch (const std::exception& error) {
+      elog(1, "process: %s", error.what());
+    }
+  }
+  for (const ProgramPtr& program : runner.running) program->kill_group();
+  for (const ProgramPtr& program : runner.running) program->reap();
+  return nullptr;
+}
+
+void wake(const Runner& runner) {
+  eventfd_write(runner.wake_fd, 1);
+}
+
+}  // namespace
+
+bool start() noexcept try {
+  auto runner = std::make_unique<Runner>();
+  runner->running.reserve(kProgramsMax);  // a program that has started must not be lost for want of memory
+  runner->wake_fd = above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (runner->wake_fd < 0) return false;
+  errno = start_thread(&runner->thread, thread_main, runner.get());
+  if (errno != 0) return false;
+  g_runner = runner.release();
+  return true;
+} catch (...) {
+  errno = ENOMEM;
+  return false;
+}
+
+void stop() noexcept {
+  const std::unique_ptr<Runner> runner(std::exchange(g_runner, nullptr));
+  if (runner == nullptr) return;
+  {
+    const Lock lock(runner->mutex);
+    runner->stopping = true;
+  }
+  wake(*runner);
+  pthread_join(runner->thread, nullptr);
+}
+
+int next_id() noexcept {
+  if (g_runner == nullptr) return 1;  // run will refuse it
+  int& id = g_runner->last_id;
+  const Lock lock(g_runner->mutex);
+  do {
+    id = id == INT_MAX ? 1 : id + 1;
+  } while (g_runner->in_hand.count(id) != 0);
+  return id;
+}
+
+const char* run(int id, const char* const* argv, int timeout_ms) noexcept try {
+  if (g_runner == nullptr) return "the daemon is ending";
+  auto program = std::make_unique<Program>(id, argv, timeout_ms, g_runner->wake_fd);
+  {
+    const Lock lock(g_runner->mutex);
+    if (g_runner->in_hand.size() >= kProgramsMax) return "too many programs";
+    g_runner->wanted.push_back(std::move(program));
+    g_runner->in_hand.insert(id);
+  }
+  wake(*g_runner);
+  return nullptr;
+} catch (...) {
+  return "not enough memory";
+}
+
+bool find_result(int id, Result* result) noexcept {
+  if (g_runner == nullptr) return false;
+  const Lock lock(g_runner->mutex);
+  const auto found = g_runner->finished.find(id);
+  if (found == g_runner->finished.end()) return false;
+  const Program& program = *found->second;
+  *result = {program.status, program.output.data(), program.output.size()};
+  return true;
+}
+
+void drop_result(int id) noexcept {
+  if (g_runner == nullptr) return;
+  const Lock lock(g_runner->mutex);
+  g_runner->finished.erase(id);
+  g_runner->in_hand.erase(id);
+}
+
+}  // namespace program_runner

@@ -1,0 +1,44 @@
+// Runs programs for the scripts: one thread starts them, collects what they write, ends them when their time is over,
+// and posts the event "proc_done" for each.
+//
+// Nothing here knows Lua and nothing here throws: the functions are called from frames that a Lua error can cross, and
+// all objects with destructors stay on this side.
+#pragma once
+
+#include <cstddef>
+
+namespace program_runner {
+
+constexpr int kEventType = 7002;  // of "proc_done"
+constexpr int kProgramsMax = 64;  // running, or ended and their result not dropped yet
+constexpr int kTimeoutMaxS = 86400;
+
+// Starts the thread. Main thread. Returns false when there are no resources, with errno set.
+bool start() noexcept;
+
+// Kills what still runs, ends the threads and forgets all results. Does nothing when nothing was started. Main thread,
+// while no other thread calls in here.
+void stop() noexcept;
+
+// The rest is called by one thread at a time, the one that has the Lua state.
+
+// A number above 0 that no program in hand has.
+int next_id() noexcept;
+
+// Has the program argv[0] (a path, or a name to look up in PATH) started with the arguments argv, which a null pointer
+// ends; they are copied. Returns null, or the reason why nothing is done: a literal.
+const char* run(int id, const char* const* argv, int timeout_ms) noexcept;
+
+struct Result {
+  int status;          // the program's exit status, or one of the others in program.h
+  const char* output;  // the first bytes that it wrote, or why it was not started; valid until the result is dropped
+  size_t output_size;
+};
+
+// Gives the result of a program that has ended. Returns false when there is none of that number.
+bool find_result(int id, Result* result) noexcept;
+
+// Forgets a result; its place is free for another program.
+void drop_result(int id) noexcept;
+
+}  // namespace program_runner
