@@ -24,9 +24,10 @@ std::string list_command(const std::string& dir, const char* tag) {
   return "cd " + dir + " && ls -t lib" + tag + "*.so";
 }
 
-// What the command writes to its standard output; nothing when it cannot be started.
+// What the command writes to its standard output; nothing when it cannot be started. That there is no such file or
+// folder is no error here, so the shell keeps its complaints to itself.
 std::string output_of(const std::string& command) {
-  FILE* const pipe = popen(command.c_str(), "re");
+  FILE* const pipe = popen(("exec 2>/dev/null; " + command).c_str(), "re");
   if (pipe == nullptr) return "";
   std::string output;
   char piece[4096];

@@ -238,6 +238,22 @@ TEST(Daemon, StandardStreamsThatAreClosedOrDead) {
   EXPECT_EQ(dead.count("signal_handler: SIGPIPE"), 0u);
 }
 
+TEST(Daemon, AFloodingPlugInLosesNothing) {
+  RealDaemon daemon;
+  const std::string conf = "opt/flash/mtd4-cfg/zelvind.info";
+  daemon.write(conf, "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") +
+                         "\ndll_path = " FLOOD_PLUGIN_DIR "\n");
+  daemon.write("scripts/a.lua",
+               "local n = 0 on('flood', function() n = n + 1 local got = evt_field_int('n') "
+               "if got ~= n then trace(1, 'ended with ' .. got .. ' after ' .. n - 1) end end)");
+  daemon.launch("export LD_LIBRARY_PATH=" FLOOD_PLUGIN_DIR "; $ZELVIND -p $ROOT/pid >/dev/null 2>&1");
+  ASSERT_TRUE(daemon.read_pid());
+  EXPECT_TRUE(daemon.wait_for("<1> lua-trace: ended with 0 after 100000\n"));
+  EXPECT_EQ(daemon.count("ended with"), 1u);
+  daemon.send_signal(SIGTERM);
+  EXPECT_EQ(daemon.wait_for_end(), 0);
+}
+
 TEST(Daemon, ARelativeRootIsRefused) {
   RealDaemon daemon;
   daemon.launch("DEVICE_ROOT=relative $ZELVIND -p $ROOT/pid >/dev/null 2>$ROOT/err");
