@@ -7,6 +7,7 @@
 
 #include "device/log.h"
 #include "listener/manager_listener.h"
+#include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/socket.h"
 
@@ -14,7 +15,6 @@ namespace {
 
 constexpr int kWaitMs = 300;  // how long a pass lasts when nobody comes
 constexpr int kDescriptorsForOthers = 320;
-constexpr std::chrono::seconds kRefusalLineEvery{1};
 
 // Whether the next accept is likely to fail as well, at once and for the same reason.
 bool lasts(int error) {
@@ -73,12 +73,9 @@ bool ManagerListener::is_full() {
 }
 
 void ManagerListener::say_refused(const PeerText& peer) {
-  ++refused;
-  const ClientOutput::Clock::time_point now = ClientOutput::Clock::now();
-  if (now < refusal_said + kRefusalLineEvery) return;
-  elog(1, "mlistener: too many clients, %s is refused (%d since the last such line)", peer.text, refused);
-  refusal_said = now;
-  refused = 0;
+  int left_out = 0;
+  if (!refusal_limit.allow(steady_ms() / 1000, left_out)) return;
+  elog(1, "mlistener: too many clients, %s is refused (and %d before it)", peer.text, left_out);
 }
 
 void ManagerListener::add_client(int fd, const PeerText& peer) {

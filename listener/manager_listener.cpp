@@ -3,10 +3,8 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <cerrno>
-#include <exception>
 
-#include "app/except.h"
-#include "device/config_store.h"
+#include "app/conf_file.h"
 #include "device/log.h"
 #include "util/service_thread.h"
 #include "util/socket.h"
@@ -17,21 +15,6 @@ int g_accepted_total = 0;
 namespace {
 
 constexpr int kDefaultPort = 5512;
-constexpr char kStoreFile[] = "zelvind.info";
-constexpr char kStoreDirectory[] = "/opt/flash/mtd4-cfg";
-
-int configured_port() {
-  const std::unique_ptr<econf_handle, void (*)(econf_handle*)> store(econf_open(0, kStoreFile, kStoreDirectory),
-                                                                     econf_close);
-  if (!store) throw except_conf("Failed to open conf[name:%s,type:%d,path:%s]", kStoreFile, 0, kStoreDirectory);
-  try {
-    int port = 0;
-    if (econf_get_int(store.get(), "listener_port", &port) >= 0) return port;
-  } catch (const std::exception&) {  // a store that fails is as good as one without the key
-  }
-  return kDefaultPort;
-}
-
 int bound_port(int fd) {
   sockaddr_in address{};
   socklen_t size = sizeof(address);
@@ -41,7 +24,7 @@ int bound_port(int fd) {
 
 }  // namespace
 
-ManagerListener::ManagerListener() : port(configured_port()) {
+ManagerListener::ManagerListener() : port(ConfFile().get_int("listener_port", kDefaultPort)) {
   // Room for all that there can ever be: moving a record from list to list never fails.
   clients.reserve(kClientMax);
   free_clients.reserve(kClientMax);

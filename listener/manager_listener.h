@@ -15,6 +15,7 @@
 
 #include "listener/listener_client.h"
 #include "listener/lock.h"
+#include "util/rate_limit.h"
 
 struct event_item;
 class EventPacket;
@@ -88,8 +89,7 @@ class ManagerListener {
   std::atomic<bool> running{false};
 
   // Accept thread only.
-  int refused = 0;  // clients since the last line about it
-  ClientOutput::Clock::time_point refusal_said{};
+  RateLimit refusal_limit;
 };
 
 // The one listener, or null: set by its constructor, cleared first in its destructor. Main thread writes; the script
