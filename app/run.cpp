@@ -10,7 +10,9 @@
 #include "app/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "listener/manager_listener.h"
 #include "script/manager_script.h"
+#include "util/socket.h"
 
 namespace {
 
@@ -35,11 +37,12 @@ Settings read_settings(ConfFile& conf) {
 // that no other one gets it.
 void occupy_descriptor_0() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd > 0) close(fd);
+  if (fd > 0) sock_close(fd);
 }
 
-struct Managers {
+struct Managers {  // built in this order, destroyed in the reverse one
   ManagerScript script;
+  ManagerListener listener;
 };
 
 // Returns false when a step failed.
@@ -47,6 +50,7 @@ bool start(Managers& managers, const Settings& settings) {
   try {
     managers.script.init();
     managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
+    managers.listener.start();
     managers.script.start_thread();
   } catch (const std::exception& error) {
     elog(1, "zelvind: %s", error.what());
@@ -88,6 +92,7 @@ void stop(Managers& managers) {
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.script.cleanup();
+  sock_exit();
 }
 
 }  // namespace
@@ -98,6 +103,7 @@ void run() {
   elog(1, "Start zelvind...");
   Managers managers;
   resume_running();
+  sock_init();
   occupy_descriptor_0();
   ConfFile conf;
   const Settings settings = read_settings(conf);

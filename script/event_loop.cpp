@@ -5,6 +5,7 @@
 
 #include "device/event_queue.h"
 #include "device/log.h"
+#include "listener/manager_listener.h"
 #include "script/event_dispatch.h"
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
@@ -52,7 +53,9 @@ void collect_now_and_then(ManagerScript& script) {
   if (!done) elog(1, "mscript: a finalizer failed - %s", error.c_str());
 }
 
+// Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.
 Next handle_event(ManagerScript& script, Event event) {
+  if (g_listener != nullptr) g_listener->forward_event(event.get());
   elog(3, "mscript: event(%s) - %s", event->type_name, event->info);
   if (event->type == EVENT_TYPE_QUIT) return Next::quit;
   const LuaTurn turn(script.gate);

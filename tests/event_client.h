@@ -1,0 +1,99 @@
+// A client of the listener for tests, written from docs/protocol.md and not from the daemon's code.
+#pragma once
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+class EventClient {
+ public:
+  struct Event {
+    int64_t length, seconds, microseconds;
+    std::string name, info;
+  };
+
+  // Connects to the local `port`. With a receive buffer of few bytes a client that does not read stalls soon.
+  explicit EventClient(int port, int receive_buffer = 0) {
+    if (receive_buffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    const timeval patience{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) leave();
+  }
+  EventClient(const EventClient&) = delete;
+  EventClient& operator=(const EventClient&) = delete;
+  ~EventClient() { leave(); }
+
+  static std::string integer(int64_t value) {
+    std::string bytes;
+    for (int shift = 0; shift < 32; shift += 8) bytes += static_cast<char>(value >> shift);
+    return bytes;
+  }
+  static std::string subscription(const std::string& type_string) {
+    return integer(static_cast<int64_t>(type_string.size()) + 9) + integer(0) + type_string + '\0';
+  }
+
+  void send_bytes(const std::string& bytes) { send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+  // Reads the next event. False at the end of the connection, and when nothing whole comes within 10 s.
+  bool read(Event& event) {
+    std::string bytes;
+    if (!read_bytes(bytes, 12)) return false;
+    event = {number(bytes, 0) & 0xffffffff, number(bytes, 4), number(bytes, 8), "", ""};
+    if (event.length < 14 || event.length > 1 << 20) return false;
+    if (!read_bytes(bytes, static_cast<size_t>(event.length) - 12) || bytes.back() != '\0') return false;
+    event.name = bytes.c_str();
+    event.info = bytes.substr(event.name.size() + 1);
+    event.info.pop_back();
+    return event.info.find('\0') == std::string::npos;
+  }
+
+  // The info of the next event, or "nothing".
+  std::string read_info() {
+    Event event;
+    return read(event) ? event.info : "nothing";
+  }
+
+  // Reads on until the daemon has closed the connection; false when it has not after 10 s of silence.
+  bool ended() {
+    char bytes[4096];
+    ssize_t size = 0;
+    while ((size = recv(fd, bytes, sizeof(bytes), 0)) > 0) {
+    }
+    return size == 0 || errno == ECONNRESET;
+  }
+
+  // Closes the connection; the daemon sees a reset instead of an end when `reset`.
+  void leave(bool reset = false) {
+    const linger at_once{1, 0};
+    if (reset) setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+
+ private:
+  static int32_t number(const std::string& bytes, size_t at) {
+    uint32_t value = 0;
+    for (size_t i = at + 4; i-- > at;) value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    return static_cast<int32_t>(value);
+  }
+
+  bool read_bytes(std::string& bytes, size_t size) {
+    bytes.resize(size);
+    for (size_t got = 0; got < size;) {
+      const ssize_t piece = recv(fd, bytes.data() + got, size - got, 0);
+      if (piece <= 0) return false;
+      got += static_cast<size_t>(piece);
+    }
+    return true;
+  }
+
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+};

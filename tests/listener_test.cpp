@@ -1,0 +1,396 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <future>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "app/except.h"
+#include "device/event_queue.h"
+#include "listener/client_protocol.h"
+#include "listener/manager_listener.h"
+#include "tests/event_client.h"
+#include "tests/standin_device.h"
+#include "util/descriptor.h"
+#include "util/text.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Lines = std::vector<std::string>;
+const auto subscription = EventClient::subscription;
+const auto integer = EventClient::integer;
+
+class Stopwatch {
+ public:
+  int ms() const { return static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1)); }
+
+ private:
+  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+};
+
+// Takes the next event from the queue and gives it to the listener, as the event loop does.
+bool forward_next() {
+  event_item* const event = event_dequeue(0);
+  if (event == nullptr) return false;
+  g_listener->forward_event(event);
+  event_item_free(event);
+  return true;
+}
+
+void forward(const std::string& name, const std::string& info) {
+  standin::post(1, name, info);
+  while (forward_next()) {
+  }
+}
+
+// The number behind `text` in the last line that holds it.
+int number_behind(const std::string& text) {
+  const Lines lines = standin::log_lines_with(text);
+  return lines.empty() ? -1 : atoi(lines.back().c_str() + lines.back().find(text) + text.size());
+}
+
+class Listener : public testing::Test {
+ protected:
+  void SetUp() override {
+    signal(SIGPIPE, [](int) {});
+    standin::reset();
+    standin::set("listener_port", "0");
+    listener.reset();
+    listener = std::make_unique<ManagerListener>();
+    ASSERT_EQ(listener->start(), 1);
+    port = number_behind("mlistener: listening on port ");
+  }
+
+  // A client whose type string, unlike any other in its test, is in force when this returns.
+  std::unique_ptr<EventClient> subscribed(const std::string& type_string, int receive_buffer = 0) {
+    auto client = std::make_unique<EventClient>(port, receive_buffer);
+    subscribe(*client, type_string);
+    return client;
+  }
+
+  static void subscribe(EventClient& client, const std::string& type_string) {
+    client.send_bytes(subscription(type_string) + subscription(type_string));
+    // The line comes before the deed: the second one tells that the first is done.
+    EXPECT_TRUE(standin::wait_for_line("set as [" + type_string + "]", 2));
+  }
+
+  std::unique_ptr<ManagerListener> listener;
+  int port = 0;
+};
+
+TEST(ClientProtocol, TheFirstOccurrenceOfANameDecides) {
+  for (const char* const asks : {"door", "email,door", "doorbell", "door2,email", "door,backdoor", ",,door"}) {
+    EXPECT_EQ(match_type_string(asks, "door"), 1) << asks;
+  }
+  for (const char* const asks_not : {"", "doo", "email", "backdoor,door", "email, door", "Door", "doo,r"}) {
+    EXPECT_EQ(match_type_string(asks_not, "door"), -1) << asks_not;
+  }
+  EXPECT_EQ(match_type_string("", ""), 1);
+  EXPECT_EQ(match_type_string("door", ""), 1);
+}
+
+TEST(ClientProtocol, PacketsAreTakenFromTheFront) {
+  using Kind = PacketKind;
+  const std::string good = subscription("door");
+  const auto announced = [](int64_t length, size_t held) {
+    return (integer(length) + std::string(70000, 0)).substr(0, held);
+  };
+  const struct {
+    std::string bytes;
+    Kind kind;
+    int length;
+    const char* type_string;
+  } cases[] = {{"", Kind::incomplete, 0, nullptr},
+               {good.substr(0, 3), Kind::incomplete, 0, nullptr},
+               {good.substr(0, 12), Kind::incomplete, 0, nullptr},
+               {good + "more", Kind::subscription, 13, "door"},
+               {announced(9, 9), Kind::subscription, 9, ""},
+               {integer(16) + "....pad\0to\0\0"s, Kind::subscription, 16, "pad"},
+               {announced(65024, 65023), Kind::incomplete, 0, nullptr},
+               {announced(65024, 65024), Kind::subscription, 65024, ""},
+               {announced(65025, 70000), Kind::bad_length, 65025, nullptr},
+               {announced(INT32_MAX, 4), Kind::bad_length, INT32_MAX, nullptr},
+               {announced(INT32_MIN, 4), Kind::bad_length, INT32_MIN, nullptr},
+               {announced(-1, 5), Kind::bad_length, -1, nullptr},
+               {announced(1, 4), Kind::bad_length, 1, nullptr},
+               {announced(8, 4), Kind::bad_length, 8, nullptr},
+               {announced(0, 4), Kind::reset, 0, nullptr},
+               {good.substr(0, 12) + "!" + good, Kind::bad_end, 13, nullptr}};
+  for (const auto& row : cases) {
+    SCOPED_TRACE(testing::Message() << row.bytes.size() << " bytes that announce " << row.length);
+    const ClientPacket packet = next_packet(row.bytes.data(), static_cast<int>(row.bytes.size()));
+    EXPECT_EQ(packet.kind, row.kind);
+    EXPECT_EQ(packet.length, row.length);
+    EXPECT_STREQ(packet.type_string, row.type_string);
+  }
+}
+
+TEST(ListenerStart, SaysWhatFailed) {
+  standin::reset();
+  try {
+    const ManagerListener without_store;
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const except_conf& error) {
+    EXPECT_STREQ(error.what(), "Failed to open conf[name:zelvind.info,type:0,path:/opt/flash/mtd4-cfg]");
+  }
+  EXPECT_EQ(g_listener, nullptr);
+  standin::set("log_level", "2");
+  ManagerListener().start();
+  standin::set("listener_port", "70000");
+  EXPECT_EQ(ManagerListener().start(), -1);
+  EXPECT_EQ(standin::handles_open(), 0);
+  EXPECT_EQ(standin::log_lines_with("listen port").front(), "<2> mlistener: Listener listen port : 5512");
+  EXPECT_EQ(standin::log_lines().back(), "<1> mlistener: Failed to create server socket(errno:22)");
+}
+
+TEST_F(Listener, EventPacketsArriveByteForByte) {
+  const auto client = subscribed("heartbeat,ok");
+  for (const size_t size : {0u, 3u, 2031u, 2032u, 65000u, 200000u}) {
+    SCOPED_TRACE(size);
+    forward("email", "not for this client");
+    forward("ok", std::string(size, 'i'));
+    EventClient::Event event;
+    ASSERT_TRUE(client->read(event));
+    EXPECT_EQ(event.length, static_cast<int64_t>(16 + size));
+    EXPECT_EQ(event.seconds, 1234);
+    EXPECT_EQ(event.microseconds, -5);
+    EXPECT_EQ(event.name, "ok");
+    EXPECT_EQ(event.info, std::string(size, 'i'));
+  }
+}
+
+TEST_F(Listener, SubscriptionsComeInAnyPieces) {
+  EventClient client(port);
+  client.send_bytes(subscription("door") + subscription("mail"));
+  ASSERT_TRUE(standin::wait_for_line("set as [mail]"));
+  for (const char byte : subscription("slow")) client.send_bytes(std::string(1, byte));
+  ASSERT_TRUE(standin::wait_for_line("set as [slow]"));
+  client.send_bytes(subscription("good") + subscription("broken").substr(0, 14) + "!" + subscription("dropped"));
+  ASSERT_TRUE(standin::wait_for_line("broken packet"));
+  client.send_bytes(integer(-7) + "rubbish");
+  ASSERT_TRUE(standin::wait_for_line("broken packet", 2));
+  client.send_bytes(subscription(std::string(5000, 'n')));
+  ASSERT_TRUE(standin::wait_for_line("set as [nnn"));
+  const auto received = [](int bytes) { return sstr("<4> mlistener: recv packet : %d bytes", bytes); };
+  const auto set_as = [](const std::string& text) { return "<2> mlistener: type string is set as [" + text + "]"; };
+  const std::string broken = "<1> mlistener: broken packet is recevied";
+  Lines lines = standin::log_lines();
+  lines.erase(lines.begin(), lines.begin() + 4);  // of the start and of the client
+  EXPECT_EQ(lines, (Lines{received(13), set_as("door"), received(13), set_as("mail"), received(13), set_as("slow"),
+                          received(13), set_as("good"), received(15), broken, broken, received(5009),
+                          set_as(std::string(5000, 'n'))}));
+}
+
+TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
+  const auto client = subscribed("door");
+  const Stopwatch watch;
+  for (int round = 0; round < 20; ++round) {
+    const bool quit = round % 2 == 0;  // the quit event ends the row, whatever waits behind it
+    for (const char* const info : {"first", "second"}) standin::post(1, "door", info);
+    standin::post(quit ? EVENT_TYPE_QUIT : 1, "mail", "for nobody");
+    if (quit) standin::post(1, "door", "third");
+    for (int i = 0; i < 3; ++i) forward_next();
+    EXPECT_EQ(client->read_info(), "first");
+    EXPECT_EQ(client->read_info(), "second");
+    if (!quit) continue;
+    forward_next();
+    EXPECT_EQ(client->read_info(), "third");
+  }
+  EXPECT_LT(watch.ms(), 1500);  // nothing was left to the event_recv thread, whose pass takes some 200 ms
+}
+
+TEST_F(Listener, NothingIsHeldBackByAHandlerNorByTheStop) {
+  const auto client = subscribed("door");
+  for (const bool stop : {false, true}) {
+    standin::post(1, "door", "held back");
+    standin::post(1, "door", "not yet taken");
+    forward_next();
+    if (stop) listener->stop();
+    EXPECT_EQ(client->read_info(), "held back");
+    event_item_free(event_dequeue(0));
+  }
+  EXPECT_TRUE(client->ended());
+}
+
+TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
+  auto first = subscribed("door");
+  const int number = number_behind("new client : ");
+  EXPECT_EQ(standin::log_lines_with("new client").back(),
+            sstr("<2> mlistener: new client : %d - tot:%d", number, g_accepted_total - 1));
+  first->send_bytes(subscription("half a packet").substr(0, 15));
+  first->leave();
+  ASSERT_TRUE(standin::wait_for_line(sstr("mlistener: delete client : %d", number)));
+  EventClient second(port);
+  ASSERT_TRUE(standin::wait_for_line("new client : ", 2));
+  EXPECT_EQ(number_behind("new client : "), number);
+  forward("door", "not asked for");
+  subscribe(second, "mail");
+  forward("door", "not asked for");
+  forward("mail", "asked for");
+  EXPECT_EQ(second.read_info(), "asked for");
+}
+
+TEST_F(Listener, AStalledClientIsSkippedAndServedAgain) {
+  const auto reader = subscribed("door,reader");
+  std::future<int> read = std::async(std::launch::async, [&] {
+    int number = 0;
+    while (reader->read_info() == std::to_string(number) + std::string(20000, '.')) ++number;
+    return reader->ended() ? number : -1;
+  });
+  const auto stalled = subscribed("door,stalled", 4096);
+  const std::string name = sstr("client %d (127.0.0.1:", number_behind("new client : "));
+  const auto leaving = subscribed("door,leaving", 4096);
+
+  int number = 0;
+  const auto forward_numbered = [&] { forward("door", std::to_string(number++) + std::string(20000, '.')); };
+  const Stopwatch until_both_stalled;
+  while (standin::log_lines_with("stopped reading").size() < 2) forward_numbered();
+  EXPECT_LT(until_both_stalled.ms(), 7500);  // one wait each at most
+  const Stopwatch afterwards;
+  for (int i = 0; i < 300; ++i) forward_numbered();
+  EXPECT_LT(afterwards.ms(), 2000);  // and none any more
+
+  // One goes: the next client with its record is owed nothing. The other one reads on: whole packets, some missing.
+  leaving->leave();
+  ASSERT_TRUE(standin::wait_for_line("delete client"));
+  const auto fresh = subscribed("door,fresh");
+  std::future<int> got = std::async(std::launch::async, [&] {
+    EventClient::Event event;
+    for (int count = 0, last = -1;; ++count, last = atoi(event.info.c_str())) {
+      if (!stalled->read(event) || event.info == "over") return count;
+      EXPECT_GT(atoi(event.info.c_str()), last);
+    }
+  });
+  ASSERT_TRUE(standin::wait_for_line("reads again"));
+  forward("door", "over");
+  EXPECT_EQ(fresh->read_info(), "over");
+  const int all = number;
+  const Lines lines = standin::log_lines_with(name);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find(") stopped reading, its events are skipped"), std::string::npos);
+  EXPECT_NE(lines[1].find(sstr(") reads again, %d events skipped", all - got.get())), std::string::npos) << lines[1];
+
+  const Stopwatch second_time;
+  while (standin::log_lines_with(name).size() < 3) forward_numbered();
+  EXPECT_LT(second_time.ms(), 2000);  // who has stalled a moment ago is not waited for
+  listener->stop();
+  EXPECT_EQ(read.get(), all);
+}
+
+TEST_F(Listener, StopsAtOnceInEveryState) {
+  listener->stop();
+  for (const bool stalled : {false, true}) {
+    SCOPED_TRACE(stalled);
+    SetUp();
+    const auto client = subscribed("door", 4096);
+    std::atomic<int> forwarded{0};
+    std::atomic<bool> stopped{false};
+    std::thread script([&] {
+      for (; stalled && !stopped; ++forwarded) forward("door", std::string(60000, '.'));
+    });
+    for (int before = -1; stalled && before != forwarded; usleep(200 * 1000)) before = forwarded;  // it waits now
+    const Stopwatch watch;
+    listener->stop();
+    EXPECT_LT(watch.ms(), 1500);
+    stopped = true;
+    script.join();
+    EXPECT_TRUE(client->ended());
+  }
+}
+
+TEST_F(Listener, HostileClientsDisturbNobody) {
+  const auto client = subscribed("door");
+  std::mt19937 random(1);
+  std::vector<std::unique_ptr<EventClient>> open;
+  for (int i = 0; i < 400; ++i) {
+    auto hostile = std::make_unique<EventClient>(port);
+    std::string bytes(random() % 600, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random() % 3 == 0 ? random() : 0);
+    hostile->send_bytes(i % 3 == 0 ? subscription("door").substr(0, random() % 13) : i % 3 == 1 ? bytes : "");
+    if (i % 4 != 0) hostile->leave(i % 2 == 0);
+    if (i % 4 == 0) open.push_back(std::move(hostile));
+    if (i % 10 == 0) forward("door", std::to_string(i));
+    if (i % 5 == 0) {  // as many wait to be accepted as the system lets
+      ASSERT_TRUE(standin::wait_for_line("new client", static_cast<size_t>(i) + 2));
+    }
+  }
+  ASSERT_TRUE(standin::wait_for_line("delete client", 300));
+  const clock_t used = clock();
+  usleep(300 * 1000);
+  EXPECT_LT(clock() - used, CLOCKS_PER_SEC / 10);  // all is quiet again
+  for (int i = 0; i < 400; i += 10) EXPECT_EQ(client->read_info(), std::to_string(i));
+}
+
+TEST_F(Listener, DescriptorsRunShort) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const auto limit = [&](int descriptors) {
+    const rlimit lower{static_cast<rlim_t>(descriptors), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &lower);
+  };
+  limit(320 + 2);
+  std::vector<std::unique_ptr<EventClient>> clients;
+  for (int i = 0; i < 5; ++i) clients.push_back(std::make_unique<EventClient>(port));
+  for (size_t i = 2; i < 5; ++i) EXPECT_TRUE(clients[i]->ended());
+  EXPECT_EQ(standin::log_lines_with("too many clients").size(), 1u);
+  EXPECT_EQ(standin::log_lines_with("new client").size(), 2u);
+
+  limit(Descriptor(dup(0)).get() + 1);  // enough for this end of one more, and none for the daemon's
+  const EventClient waiting(port);
+  const clock_t used = clock();
+  usleep(300 * 1000);
+  EXPECT_LT(clock() - used, CLOCKS_PER_SEC / 10);
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(standin::wait_for_line("new client", 3));
+}
+
+TEST_F(Listener, EveryReaderGetsEveryEventWhileOthersComeAndGo) {
+  std::vector<std::unique_ptr<EventClient>> readers;
+  std::vector<std::future<int>> counts;
+  for (int i = 0; i < 10; ++i) {
+    readers.push_back(subscribed("door,reader" + std::to_string(i)));
+    counts.push_back(std::async(std::launch::async, [&client = *readers.back()] {
+      int number = 0;
+      while (client.read_info() == std::to_string(number)) ++number;
+      return number;
+    }));
+  }
+  std::atomic<int> lives{50};
+  std::vector<std::thread> restless;
+  for (unsigned seed = 0; seed < 10; ++seed) {
+    restless.emplace_back([&, seed] {
+      std::mt19937 random(seed);
+      while (lives-- > 0) {
+        EventClient client(port);
+        int last = -1;
+        for (auto round = random() % 3; round < 3; ++round) {
+          client.send_bytes(subscription("mail") + subscription("door") +
+                            (random() % 2 ? subscription("door,mail") : ""));
+          for (auto events = random() % 100; events > 0; --events) {
+            const int number = atoi(client.read_info().c_str());
+            EXPECT_GT(number, last);
+            last = number;
+          }
+        }
+        client.leave(random() % 2 == 0);
+      }
+    });
+  }
+  int number = 0;
+  while (number < 5000 || lives > -10) {
+    for (int i = number % 40; i >= 0; --i) standin::post(1, "door", std::to_string(number++));
+    while (forward_next()) {
+    }
+    usleep(1000);
+  }
+  for (std::thread& thread : restless) thread.join();
+  listener->stop();
+  for (std::future<int>& count : counts) EXPECT_EQ(count.get(), number);
+}
+
+}  // namespace
