@@ -5,13 +5,13 @@
 #include "bench/benchmarks.h"
 #include "bench/figures.h"
 #include "bench/loop_here.h"
+#include "bench/posters.h"
 #include "device/event_queue.h"
 #include "util/text.h"
 
 namespace {
 
 constexpr int kEvents = 60000;  // the queue holds 65,536
-constexpr char kInfo[] = "door=front&state=open&count=17";
 
 struct Dispatch {
   double loop_ns;  // per event
@@ -20,14 +20,14 @@ struct Dispatch {
 
 Dispatch measure_loop(LoopHere& loop) {
   const Stopwatch posting;
-  for (int i = 0; i < kEvents; ++i) post(1, "bench", kInfo);
+  for (int i = 0; i < kEvents; ++i) post(1, kEventName, kEventInfo);
   const double post_s = posting.seconds();
   post(EVENT_TYPE_QUIT, "quit");
   return {loop.run_to_quit() * 1e9 / kEvents, post_s * 1e9 / kEvents};
 }
 
 const char* bare_field(lua_State* L, char* value) {
-  query_field(kInfo, lua_tostring(L, 1), value, 1024);
+  query_field(kEventInfo, lua_tostring(L, 1), value, 1024);
   return value;
 }
 

@@ -67,7 +67,3 @@ void write_settings(const std::string& root, const std::string& settings) {
   std::ofstream file(folder + "/zelvind.info");
   if (!(file << settings << std::flush)) throw std::runtime_error("cannot write the settings file");
 }
-
-std::string event_socket_path(const std::string& root) {
-  return root + kEventSocketPath;
-}

@@ -24,7 +24,7 @@ class LoopHere {
   // Runs the loop on this thread until the quit event. Returns the seconds that it took.
   double run_to_quit();
 
-  // The loop on a thread of its own.
+  // The loop on a thread of its own, until stop posts the quit event.
   void start();
   void stop();
 
@@ -42,6 +42,3 @@ std::string bench_root();
 
 // Writes the settings file that a daemon below `root` reads.
 void write_settings(const std::string& root, const std::string& settings);
-
-// The path of the event socket of a daemon below `root`.
-std::string event_socket_path(const std::string& root);

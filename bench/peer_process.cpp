@@ -94,9 +94,3 @@ void receive_whole(int fd, void* bytes, size_t size) {
   const ssize_t got = recv(fd, bytes, size, MSG_WAITALL);
   if (got != static_cast<ssize_t>(size)) fail("the other process has ended");
 }
-
-std::string repeated(const std::string& text, int count) {
-  std::string all;
-  for (int i = 0; i < count; ++i) all += text;
-  return all;
-}

@@ -43,6 +43,3 @@ class PeerProcess {
 // Sends or receives exactly `size` bytes; throws otherwise.
 void send_whole(int fd, const void* bytes, size_t size);
 void receive_whole(int fd, void* bytes, size_t size);
-
-// `count` copies of `text` behind each other.
-std::string repeated(const std::string& text, int count);

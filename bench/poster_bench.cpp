@@ -12,14 +12,11 @@
 #include "bench/figures.h"
 #include "bench/loop_here.h"
 #include "bench/peer_process.h"
-#include "device/event_source.h"
+#include "bench/posters.h"
 #include "script/manager_script.h"
-#include "util/unix_socket.h"
 
 namespace {
 
-constexpr char kLine[] = "1 bench door=front&state=open&count=17\n";
-constexpr char kQuitLine[] = "9999 quit\n";
 constexpr char kTwoFields[] = "local door, count = evt_field_str('door'), evt_field_int('count')";
 constexpr int kLines = 128000;
 constexpr int kSamples = 1500;
@@ -31,52 +28,25 @@ int64_t now_ns() {
   return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
-Descriptor connect_poster(const std::string& path) {
-  Descriptor fd(unix_stream_socket());
-  if (unix_connect(fd.get(), path) != 0) throw std::runtime_error("cannot connect to " + path);
-  return fd;
-}
-
-// Sends kLines lines, `batch` in one send, as fast as they are taken.
-void post_lines(Channel& parent, const std::string& path, int batch) {
-  const std::string lines = repeated(kLine, batch);
-  const Descriptor fd = connect_poster(path);
+void post_many(Channel& parent, const Descriptor& poster, int batch) {
   parent.signal();
   parent.wait();
-  for (int i = 0; i < kLines; i += batch) send_whole(fd.get(), lines.data(), lines.size());
-  send_whole(fd.get(), kQuitLine, strlen(kQuitLine));
+  post_lines(poster.get(), kLines, batch);
+  send_whole(poster.get(), kQuitLine, strlen(kQuitLine));
 }
 
 // Sends one line about every millisecond, with the time of its sending.
-void post_singles(Channel& parent, const std::string& path) {
-  const Descriptor fd = connect_poster(path);
+void post_singles(Channel& parent, const Descriptor& poster) {
   parent.signal();
   parent.wait();
   for (int i = 0; i < kSamples; ++i) {
     const timespec pause{0, kPauseNs};
     nanosleep(&pause, nullptr);
     const std::string line = "1 bench " + std::to_string(now_ns()) + "\n";
-    send_whole(fd.get(), line.data(), line.size());
+    send_whole(poster.get(), line.data(), line.size());
   }
-  send_whole(fd.get(), kQuitLine, strlen(kQuitLine));
+  send_whole(poster.get(), kQuitLine, strlen(kQuitLine));
 }
-
-// A bare receiver at a socket of its own.
-class BareSocket {
- public:
-  BareSocket() : path(bench_root() + "/bare.sock"), listening(unix_stream_socket()) {
-    unlink(path.c_str());
-    if (unix_bind(listening.get(), path) != 0 || listen(listening.get(), 8) != 0) {
-      throw std::runtime_error("cannot listen on " + path);
-    }
-  }
-  int accept_one() const { return accept(listening.get(), nullptr, nullptr); }
-
-  const std::string path;
-
- private:
-  Descriptor listening;
-};
 
 // Receives and splits lines until the poster closes; returns their number.
 int split_lines(int fd) {
@@ -95,8 +65,8 @@ int split_lines(int fd) {
 
 double bare_rate(int batch) {
   const BareSocket socket;
-  PeerProcess poster([&](Channel& parent) { post_lines(parent, socket.path, batch); });
-  const Descriptor fd(socket.accept_one());
+  PeerProcess poster([&](Channel& parent) { post_many(parent, connect_poster(socket.path), batch); });
+  const Descriptor fd = socket.accept_poster();
   poster.channel().wait();
   const Stopwatch watch;
   poster.channel().signal();
@@ -106,7 +76,7 @@ double bare_rate(int batch) {
 
 double handler_rate(int batch) {
   LoopHere loop(handler_of("bench", kTwoFields));
-  PeerProcess poster([batch](Channel& parent) { post_lines(parent, event_socket_path(bench_root()), batch); });
+  PeerProcess poster([batch](Channel& parent) { post_many(parent, connect_poster(), batch); });
   poster.channel().wait();
   poster.channel().signal();
   return kLines / loop.run_to_quit();
@@ -135,7 +105,7 @@ int note_event(lua_State*) {
 void handle_singles() {
   LoopHere loop(handler_of("bench", "note_event()"));
   loop.add_function("note_event", note_event);
-  PeerProcess poster([](Channel& parent) { post_singles(parent, event_socket_path(bench_root())); });
+  PeerProcess poster([](Channel& parent) { post_singles(parent, connect_poster()); });
   poster.channel().wait();
   poster.channel().signal();
   loop.run_to_quit();
@@ -143,8 +113,8 @@ void handle_singles() {
 
 void receive_singles() {
   const BareSocket socket;
-  PeerProcess poster([&](Channel& parent) { post_singles(parent, socket.path); });
-  const Descriptor fd(socket.accept_one());
+  PeerProcess poster([&](Channel& parent) { post_singles(parent, connect_poster(socket.path)); });
+  const Descriptor fd = socket.accept_poster();
   poster.channel().wait();
   poster.channel().signal();
   constexpr std::string_view kHead = "1 bench ";
