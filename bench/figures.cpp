@@ -54,7 +54,7 @@ std::string number(double value) {
   char text[40];
   snprintf(text, sizeof(text), "%.*f", value >= 100 ? 0 : value >= 10 ? 1 : 2, value);
   std::string digits = text;
-  if (value >= 1000) {
+  if (digits.find('.') == std::string::npos) {
     for (size_t at = digits.size(); at > 3;) digits.insert(at -= 3, ",");
   }
   return digits;
@@ -70,7 +70,7 @@ void add_benchmark(const std::string& name, int repetitions, const std::function
       state.SkipWithError(error.what());
     }
   };
-  benchmark::RegisterBenchmark(name.c_str(), run)->Iterations(1)->Repetitions(repetitions)->UseRealTime();
+  benchmark::RegisterBenchmark(name.c_str(), run)->Iterations(1)->Repetitions(repetitions);
 }
 
 bool FigureTable::ReportContext(const Context& context) {

@@ -200,7 +200,7 @@ void forward_burst(Figures& figures, int count) {
 void add_forward_benchmarks() {
   for (const int count : {1, 10, 100}) {
     const std::string suffix = "/" + std::to_string(count);
-    add_benchmark("forward_single" + suffix, 3, [count](Figures& figures) { forward_single(figures, count); });
+    add_benchmark("forward_single" + suffix, 7, [count](Figures& figures) { forward_single(figures, count); });
     add_benchmark("forward_burst" + suffix, 5, [count](Figures& figures) { forward_burst(figures, count); });
   }
 }

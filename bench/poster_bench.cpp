@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kTwoFields[] = "local door, count = evt_field_str('door'), evt_field_int('count')";
 constexpr int kLines = 128000;
-constexpr int kSamples = 1500;
+constexpr int kSamples = 1000;
 constexpr long kPauseNs = 1000000;
 
 int64_t now_ns() {
@@ -147,5 +147,5 @@ void idle_latency(Figures& figures) {
 void add_poster_benchmarks() {
   add_benchmark("post_single", 9, [](Figures& figures) { post(figures, 1); });
   add_benchmark("post_batch", 9, [](Figures& figures) { post(figures, 64); });
-  add_benchmark("idle_latency", 3, idle_latency);
+  add_benchmark("idle_latency", 5, idle_latency);
 }

@@ -125,5 +125,5 @@ void coroutine_lateness(Figures& figures) {
 void add_schedule_benchmarks() {
   add_benchmark("timer_pass", 9, timer_pass);
   add_benchmark("coroutine_pass", 9, coroutine_pass);
-  add_benchmark("coroutine_lateness", 3, coroutine_lateness);
+  add_benchmark("coroutine_lateness", 5, coroutine_lateness);
 }
