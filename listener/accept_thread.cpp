@@ -3,7 +3,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <algorithm>
 #include <cerrno>
 
 #include "device/log.h"

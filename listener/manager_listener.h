@@ -13,8 +13,8 @@
 #include <memory>
 #include <vector>
 
-#include "listener/fair_mutex.h"
 #include "listener/listener_client.h"
+#include "listener/lock.h"
 
 struct event_item;
 class EventPacket;
@@ -70,7 +70,7 @@ class ManagerListener {
   void send_waiting(const Locked& held);
 
   // Under mutex.
-  FairMutex mutex;
+  Mutex mutex;
   std::vector<std::unique_ptr<ListenerClient>> clients;       // in the order in which they were accepted
   std::vector<std::unique_ptr<ListenerClient>> free_clients;  // a stack
   std::vector<ListenerClient*> unfinished;                    // forward_event's: sends that came back short,
