@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
@@ -26,8 +26,11 @@ const event_item& event_at_hand() {
 bool find_field(const char* name, FieldValue& value) {
   char key[1024];
   const event_item& event = event_at_hand();
-  const int length = snprintf(key, sizeof(key), "%s=", name);
-  return length < static_cast<int>(sizeof(key)) && query_field(event.info, key, value.text, kValueMax) >= 0;
+  const size_t length = strlen(name);
+  if (length + 2 > sizeof(key)) return false;
+  memcpy(key, name, length);  // not snprintf, which would cost more than the search
+  memcpy(key + length, "=", 2);
+  return query_field(event.info, key, value.text, kValueMax) >= 0;
 }
 
 const char* field_arg(lua_State* L, FieldValue& value) {

@@ -1,7 +1,6 @@
 #include "script/event_dispatch.h"
 
 #include <cassert>
-#include <cstdio>
 
 #include "device/log.h"
 #include "script/clua.h"
@@ -34,8 +33,8 @@ void call_entry(lua_State* L, ManagerScript& script, const event_item& event, in
 
 // Returns false when there is no handler table.
 bool call_handlers(lua_State* L, ManagerScript& script, const event_item& event) {
-  char name[1024];
-  snprintf(name, sizeof(name), "es_%s", event.type_name);
+  char name[3 + sizeof(event.type_name)] = "es_";
+  copy_text(name + 3, sizeof(event.type_name), event.type_name);
   lua_getfield(L, LUA_GLOBALSINDEX, name);
   if (lua_isnil(L, kTable)) return false;
   if (!lua_istable(L, kTable) && !lua_isuserdata(L, kTable)) {

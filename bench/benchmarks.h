@@ -1,0 +1,12 @@
+// What there is to measure. Each function registers its benchmarks; docs/performance.md tells about them.
+#pragma once
+
+void add_dispatch_benchmark();
+void add_poster_benchmarks();
+void add_schedule_benchmarks();
+void add_forward_benchmarks();
+void add_match_benchmark();
+void add_start_benchmark();
+
+// Events per second of the `dispatch` benchmark's loop, measured now: what other rates are compared with.
+double dispatch_rate();

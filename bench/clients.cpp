@@ -1,0 +1,129 @@
+#include "bench/clients.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string_view>
+
+#include "bench/peer_process.h"
+
+namespace {
+
+constexpr int kSilenceMs = 20000;
+constexpr useconds_t kConnectPauseUs = 200;  // the listener's queue is short, and who finds it full waits for a second
+constexpr size_t kTailMax = 64;
+
+sockaddr_in address_of(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+Descriptor connect_client(int port) {
+  Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = address_of(port);
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    throw std::runtime_error("cannot connect to port " + std::to_string(port));
+  }
+  return fd;
+}
+
+Descriptor bind_any(int& port) {
+  Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = address_of(0);
+  socklen_t size = sizeof(address);
+  if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+      getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    throw std::runtime_error("no free port");
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+}  // namespace
+
+Clients::Clients(int port, int count) : clients(static_cast<size_t>(count)), epoll(epoll_create1(EPOLL_CLOEXEC)) {
+  for (Client& client : clients) {
+    client.fd = connect_client(port);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.ptr = &client;
+    epoll_ctl(epoll.get(), EPOLL_CTL_ADD, client.fd.get(), &event);
+    usleep(kConnectPauseUs);
+  }
+}
+
+void Clients::subscribe(const std::string& type_string) {
+  const auto length = static_cast<uint32_t>(8 + type_string.size() + 1);
+  const uint32_t head[2] = {length, 0};
+  std::string packet(reinterpret_cast<const char*>(head), sizeof(head));  // little-endian, as this machine
+  packet.append(type_string.c_str(), type_string.size() + 1);
+  for (Client& client : clients) send_whole(client.fd.get(), packet.data(), packet.size());
+}
+
+// `is_done` is asked after each piece that a client has got; true for good as many times as there are clients ends it.
+template <typename IsDone>
+void Clients::read_until(IsDone&& is_done) {
+  static char buffer[256 * 1024];
+  epoll_event ready[128];
+  std::vector<bool> done(clients.size());
+  for (size_t left = clients.size(); left > 0;) {
+    const int count = epoll_wait(epoll.get(), ready, 128, kSilenceMs);
+    if (count <= 0) throw std::runtime_error("clients get nothing any more");
+    for (int i = 0; i < count; ++i) {
+      Client& client = *static_cast<Client*>(ready[i].data.ptr);
+      const ssize_t got = recv(client.fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+      if (got <= 0) throw std::runtime_error("a client's connection has ended");
+      const auto at = static_cast<size_t>(&client - clients.data());
+      if (!is_done(client, std::string_view(buffer, static_cast<size_t>(got))) || done[at]) continue;
+      done[at] = true;
+      --left;
+    }
+  }
+}
+
+void Clients::read_bytes(size_t size) {
+  for (Client& client : clients) client.received = 0;
+  read_until([size](Client& client, std::string_view piece) {
+    client.received += piece.size();
+    if (client.received > size) throw std::runtime_error("a client got more than was sent");
+    return client.received == size;
+  });
+}
+
+void Clients::read_to(const std::string& end) {
+  for (Client& client : clients) client.tail.clear();
+  read_until([&end](Client& client, std::string_view piece) {
+    client.tail.append(piece.substr(piece.size() - std::min(piece.size(), kTailMax)));
+    client.tail.erase(0, client.tail.size() - std::min(client.tail.size(), kTailMax));
+    const size_t size = std::min(client.tail.size(), end.size());
+    return size == end.size() && client.tail.compare(client.tail.size() - size, size, end) == 0;
+  });
+}
+
+int free_port() {
+  int port = 0;
+  bind_any(port);
+  return port;
+}
+
+BareServer::BareServer() : listening(bind_any(own_port)) {
+  if (listen(listening.get(), 1024) != 0) throw std::runtime_error("cannot listen");
+}
+
+std::vector<Descriptor> BareServer::accept_clients(int count) {
+  std::vector<Descriptor> connections;
+  while (count-- > 0) {
+    connections.emplace_back(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const int on = 1;
+    setsockopt(connections.back().get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  }
+  return connections;
+}

@@ -1,0 +1,44 @@
+// How the benchmarks give their figures, and how these are printed.
+//
+// A benchmark here is one function that measures the daemon's part and its floor right after each other and gives the
+// figures as counters; it is repeated, and a ratio is one of two figures of the same repetition. The machine may be
+// noisy: what counts is the median over the repetitions, printed with the lowest and the highest value.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+using Figures = benchmark::UserCounters;
+
+// Has `measure` run once per repetition; it fills in the figures, or throws.
+void add_benchmark(const std::string& name, int repetitions, const std::function<void(Figures&)>& measure);
+
+// Prints one line per figure, with the target where there is one, and at the end how many targets were missed.
+class FigureTable : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context& context) override;
+  void ReportRuns(const std::vector<Run>& runs) override;
+  void Finalize() override;
+
+  bool all_ran() const { return failed == 0; }
+
+ private:
+  int missed = 0;
+  int failed = 0;
+};
+
+class Stopwatch {
+ public:
+  double seconds() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point start = Clock::now();
+};
+
+// The value below which `share` (0 to 1) of the samples lie; reorders them. There must be one at least.
+double percentile(std::vector<double>& samples, double share);
