@@ -63,7 +63,9 @@ bool start(Managers& managers, const Settings& settings) {
   return true;
 }
 
+// The listener first: it ends the waits of a forward_event in progress, so that the script thread is not held up.
 void stop_threads(Managers& managers) {
+  managers.listener.stop();
   managers.script.stop_thread();
 }
 
@@ -73,9 +75,9 @@ void reload(Managers& managers, const Settings& settings) {
   resume_running();
 }
 
-// Idles until a stop is asked for. A SIGHUP clears g_running too, after it has set g_reload: a cleared g_running with
-// g_reload clear is a stop. Each request is taken before it is carried out, so that one which comes meanwhile counts
-// again; but once a stop is asked for, at most one more reload is done.
+// Idles until a stop is asked for; a g_running that a SIGHUP has cleared is none. Each request is taken before it is
+// carried out, so that one which comes meanwhile counts again; but once a stop is asked for, at most one more reload is
+// done.
 void idle(Managers& managers, const Settings& settings) {
   for (;;) {
     write_signal_lines();
@@ -83,7 +85,7 @@ void idle(Managers& managers, const Settings& settings) {
     if (g_reload.exchange(0) != 0) {
       reload(managers, settings);
       if (stopping) return;
-    } else if (g_running == 0 && g_reload == 0) {
+    } else if (g_running == 0 && g_stop != 0) {
       return;
     } else {
       usleep(kIdleUs);

@@ -10,7 +10,7 @@
 #include "device/log.h"
 #include "util/quiet_write.h"
 
-std::atomic<int> g_running{0};
+std::atomic<int> g_running{1};
 std::atomic<int> g_reload{0};
 std::atomic<int> g_stop{0};
 

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-extern std::atomic<int> g_running;  // 0 asks the run loop to leave, unless g_reload is set as well
+extern std::atomic<int> g_running;  // 0 asks the run loop to leave, when g_stop is set as well
 extern std::atomic<int> g_reload;   // 1 asks the run loop for a reload
 extern std::atomic<int> g_stop;     // 1 once SIGINT or SIGTERM came; never cleared
 

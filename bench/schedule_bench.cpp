@@ -33,7 +33,7 @@ void timer_pass(Figures& figures) {
   const double floor_ns = ns_per_record([&] {
     const int now = script.clock.seconds();
     int due = 0;
-    for (const auto& timer : script.timers) due += timer->next_due <= now ? 1 : 0;
+    for (const auto& timer : script.timers) due += timer.next_due <= now ? 1 : 0;
     benchmark::DoNotOptimize(due);
   });
   figures["ns"] = ns;
@@ -52,7 +52,7 @@ void coroutine_pass(Figures& figures) {
   const double floor_ns = ns_per_record([&] {
     const int now = script.clock.milliseconds();
     int due = 0;
-    for (const auto& coroutine : script.coroutines) due += now - coroutine->last_resume > coroutine->wait ? 1 : 0;
+    for (const auto& coroutine : script.coroutines) due += now - coroutine.last_resume > coroutine.wait ? 1 : 0;
     benchmark::DoNotOptimize(due);
   });
   figures["ns"] = ns;

@@ -8,7 +8,9 @@
 #include "listener/manager_listener.h"
 #include "script/event_dispatch.h"
 #include "script/manager_script.h"
+#include "util/clock.h"
 #include "util/lua_binding.h"
+#include "util/rate_limit.h"
 
 namespace {
 
@@ -18,6 +20,7 @@ constexpr uint32_t kEventsPerCollection = 20;
 
 uint32_t g_dispatch_count = 0;  // events dispatched since the process started; only the script thread touches these
 int g_last_arrange = 0;         // s since the epoch
+RateLimit g_finalizer_lines;
 
 struct GiveBack {
   void operator()(event_item* event) const { event_item_free(event); }
@@ -51,7 +54,9 @@ void collect_now_and_then(ManagerScript& script) {
   elog(3, "mscript: repair lua");
   std::string error;
   const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
-  if (!done) elog(1, "mscript: a finalizer failed - %s", error.c_str());
+  int left_out = 0;
+  if (done || !g_finalizer_lines.allow(steady_ms() / 1000, left_out)) return;
+  elog(1, "mscript: a finalizer failed - %s (and %d before it)", error.c_str(), left_out);
 }
 
 // Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.
@@ -69,9 +74,9 @@ Next handle_event(ManagerScript& script, Event event) {
 
 }  // namespace
 
-int next_wait_ms(const std::vector<std::unique_ptr<ScriptCoroutine>>& coroutines, int now) {
+int next_wait_ms(std::list<ScriptCoroutine>& coroutines, int now) {
   int64_t wait = kLongestWaitMs;
-  for (const auto& coroutine : coroutines) wait = std::min(wait, coroutine->remaining_ms(now));
+  for (ScriptCoroutine& coroutine : coroutines) wait = std::min(wait, coroutine.remaining_ms(now));
   return static_cast<int>(std::max<int64_t>(wait, 0));
 }
 

@@ -1,8 +1,7 @@
 // The event loop: what the script thread runs.
 #pragma once
 
-#include <memory>
-#include <vector>
+#include <list>
 
 class ManagerScript;
 struct ScriptCoroutine;
@@ -13,4 +12,4 @@ struct ScriptCoroutine;
 void event_loop(ManagerScript& script);
 
 // How long the loop may wait for an event at clock reading `now`, in ms: until the first coroutine is due, 0 to 1000.
-int next_wait_ms(const std::vector<std::unique_ptr<ScriptCoroutine>>& coroutines, int now);
+int next_wait_ms(std::list<ScriptCoroutine>& coroutines, int now);

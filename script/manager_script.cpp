@@ -29,8 +29,8 @@ void* thread_main(void* instance) {
     try {
       event_loop(script);
       ended = true;
-    } catch (const std::exception& error) {
-      elog(1, "mscript: pass of the event loop failed - %s", error.what());
+    } catch (...) {
+      elog(1, "mscript: no memory for a pass of the event loop");
     }
   }
   return reinterpret_cast<void*>(1);
@@ -84,6 +84,7 @@ void ManagerScript::stop_thread() {
 }
 
 void ManagerScript::call_cleanup() {
+  const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
   if (lua_state == nullptr) return;
   const int top = lua_gettop(lua_state);

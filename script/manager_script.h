@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <list>
 #include <lua.hpp>
 #include <memory>
 #include <string>
@@ -70,15 +71,15 @@ class ManagerScript {
   // Everything below belongs to the thread that has the Lua state.
 
   lua_State* lua_state = nullptr;
-  std::string handler_tag;                                   // of the handler entry being run, or by set_handler_tag
-  std::vector<std::unique_ptr<ScriptModule>> scripts;        // in load order
-  ScriptModule* current_script = nullptr;                    // the directory file whose code is being loaded or run
-  std::vector<std::unique_ptr<ScriptTimer>> timers;          // in creation order
-  ScriptTimer* current_timer = nullptr;                      // whose callback runs
-  bool timers_changed = false;                               // a timer was deleted during a pass
-  std::vector<std::unique_ptr<ScriptCoroutine>> coroutines;  // in creation order
-  ScriptCoroutine* current_coroutine = nullptr;              // whose thread runs
-  const event_item* current_event = nullptr;                 // being dispatched
+  std::string handler_tag;                             // of the handler entry being run, or by set_handler_tag
+  std::vector<std::unique_ptr<ScriptModule>> scripts;  // in load order
+  ScriptModule* current_script = nullptr;              // the directory file whose code is being loaded or run
+  std::list<ScriptTimer> timers;                       // in creation order
+  ScriptTimer* current_timer = nullptr;                // whose callback runs
+  bool timers_changed = false;                         // the callback that runs has deleted its timer
+  std::list<ScriptCoroutine> coroutines;               // in creation order
+  ScriptCoroutine* current_coroutine = nullptr;        // whose thread runs
+  const event_item* current_event = nullptr;           // being dispatched
 
  private:
   void load_file(const std::string& path);

@@ -11,6 +11,7 @@
 #include "script/clua.h"
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
+#include "util/service_thread.h"
 #include "util/text.h"
 
 namespace {
@@ -23,13 +24,12 @@ bool ends_in_lua(const std::string& name) {
 
 // The entry's type does not matter: a folder x.lua is listed, and fails to load with its name in the error.
 Names list_script_files(const char* dir) {
-  DIR* const folder = opendir(dir);
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(dir), closedir);
   if (folder == nullptr) throw except_base("Failed to get script file list in path[%s]", dir);
   Names names;
-  while (const dirent* entry = readdir(folder)) {
+  while (const dirent* entry = readdir(folder.get())) {
     if (ends_in_lua(entry->d_name)) names.emplace_back(entry->d_name);
   }
-  closedir(folder);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -91,7 +91,10 @@ void ManagerScript::load_directory_file(const std::string& path) {
   current_script = nullptr;
 }
 
+// Scripts run on the main thread here. A signal must not cut their reads and sleeps short: the error that follows would
+// end the daemon.
 void ManagerScript::load_scripts(const char* script_path, const char* external_path) {
+  const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
   load_file(path_of(exe_dir().c_str(), "init_base.lua"));
   elog(2, "mscript: load script files...");
@@ -133,6 +136,7 @@ void ManagerScript::clear_scripts() {
 }
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
+  const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate, LuaGate::Turn::next);
   clear_scripts();
   load_script_files(script_path, external_path);

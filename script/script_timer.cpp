@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 #include <ctime>
+#include <iterator>
 
 #include "device/log.h"
 #include "script/manager_script.h"
@@ -28,8 +29,7 @@ int tmr_add(lua_State* L) {
   const int callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
   const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
   const int next_due = get_target_time(script.clock.seconds(), interval, origin);
-  script.timers.push_back(std::make_unique<ScriptTimer>(
-      ScriptTimer{interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()}));
+  script.timers.push_back({interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()});
   return 0;
 }
 
@@ -39,9 +39,7 @@ int tmr_delete(lua_State* L) {
   if (timer == nullptr) throw ScriptError("This is not timer callback");
   luaL_unref(L, LUA_REGISTRYINDEX, timer->callback_ref);
   luaL_unref(L, LUA_REGISTRYINDEX, timer->argument_ref);
-  script.timers.erase(std::find_if(script.timers.begin(), script.timers.end(),
-                                   [timer](const auto& record) { return record.get() == timer; }));
-  script.timers_changed = true;
+  script.timers_changed = true;  // the pass, which is walking the list, removes the record when the callback returns
   script.current_timer = nullptr;
   return 0;
 }
@@ -53,6 +51,7 @@ int timer_time(lua_State* L) {
   int fields[kFields] = {-1, -1, -1, -1, -1, -1};
   for (int i = 0; i < given; ++i) fields[kFields - given + i] = int_arg(L, i + 1);
   const time_t now = g_mscript->clock.seconds();
+  tzset();  // localtime_r does not look whether the device's time zone has changed, mktime does
   tm local{};
   localtime_r(&now, &local);
   if (fields[0] != -1) local.tm_year = static_cast<int>(std::max<int64_t>(int64_t{fields[0]} - 1900, INT_MIN));
@@ -68,13 +67,11 @@ int timer_time(lua_State* L) {
 namespace {
 
 void call_back(ManagerScript& script, ScriptTimer& timer) {
-  const int callback_ref = timer.callback_ref;  // the callback may delete the record
-  const int argument_ref = timer.argument_ref;
   script.current_timer = &timer;
   std::string error;
   const bool done = protect(script.lua_state, error, [&](lua_State* L) {
-    lua_rawgeti(L, LUA_REGISTRYINDEX, callback_ref);
-    lua_rawgeti(L, LUA_REGISTRYINDEX, argument_ref);
+    lua_rawgeti(L, LUA_REGISTRYINDEX, timer.callback_ref);
+    lua_rawgeti(L, LUA_REGISTRYINDEX, timer.argument_ref);
     lua_call(L, 1, 0);
   });
   if (!done) elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
@@ -85,19 +82,16 @@ void call_back(ManagerScript& script, ScriptTimer& timer) {
 void ManagerScript::run_timers() {
   assert(gate.held_here());
   const int now = clock.seconds();
-  // Callbacks append timers, none of which is due yet, and delete their own. After a deletion the next record stands at
-  // the same index; all before it have run or are not due, so there is nothing to start again for.
-  for (size_t i = 0; i < timers.size();) {
-    ScriptTimer& timer = *timers[i];
+  for (auto timer = timers.begin(); timer != timers.end();) {  // callbacks append timers; none of those is due yet
+    if (int64_t{timer->next_due} - now > timer->interval) {    // the clock was set back
+      timer->next_due = get_target_time(now, timer->interval, timer->origin);
+    }
     timers_changed = false;
-    if (int64_t{timer.next_due} - now > timer.interval) {  // the clock was set back
-      timer.next_due = get_target_time(now, timer.interval, timer.origin);
+    if (timer->next_due <= now) {
+      timer->next_due = get_target_time(now, timer->interval, timer->origin);
+      call_back(*this, *timer);
     }
-    if (timer.next_due <= now) {
-      timer.next_due = get_target_time(now, timer.interval, timer.origin);
-      call_back(*this, timer);
-    }
-    if (!timers_changed) ++i;
+    timer = timers_changed ? timers.erase(timer) : std::next(timer);
   }
   current_timer = nullptr;
 }

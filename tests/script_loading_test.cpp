@@ -139,7 +139,7 @@ TEST_F(ScriptLoading, ModuleNamesAndTags) {
   load();
   EXPECT_EQ(traced(), "false, [], false, alpha");
   ASSERT_EQ(script.timers.size(), 1u);
-  EXPECT_EQ(script.timers[0]->tag, "alpha");
+  EXPECT_EQ(script.timers.front().tag, "alpha");
   script.call_cleanup();
   EXPECT_EQ(traced(), "it is not loading");
 }

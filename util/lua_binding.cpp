@@ -1,6 +1,7 @@
 #include "util/lua_binding.h"
 
 #include <cstdio>
+#include <new>
 
 std::string error_value_text(lua_State* L, int index) {
   switch (lua_type(L, index)) {
@@ -39,7 +40,11 @@ int run_protected(lua_State* L) {
 bool protected_call(lua_State* L, std::string& error, const Call& call) {
   const int top = lua_gettop(L);
   if (lua_cpcall(L, run_protected, const_cast<Call*>(&call)) == 0) return true;
-  error = error_value_text(L, -1);
+  try {
+    error = error_value_text(L, -1);
+  } catch (const std::bad_alloc&) {
+    error = "no memory";  // short enough to need none
+  }
   lua_settop(L, top);
   return false;
 }
