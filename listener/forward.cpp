@@ -97,11 +97,11 @@ void ManagerListener::wait_for_unfinished(const Locked&) {
     const int ready =
         poll(unfinished_fds.data(), unfinished_fds.size(), static_cast<int>(std::min(rest, kWaitSlice).count()));
     if (ready < 0 && errno != EINTR) break;
-    if (ready <= 0) continue;
     size_t kept = 0;
     for (size_t i = 0; i < unfinished.size(); ++i) {
       ListenerClient& client = *unfinished[i];
-      if (unfinished_fds[i].revents != 0) push(client);
+      // A socket with little room is not writable to poll, and may yet take the rest.
+      if (ready == 0 || unfinished_fds[i].revents != 0) push(client);
       if (!client.output.empty()) unfinished[kept++] = &client;
     }
     unfinished.resize(kept);

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <atomic>
@@ -226,6 +227,7 @@ TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   first->send_bytes(subscription("half a packet").substr(0, 15));
   first->leave();
   ASSERT_TRUE(standin::wait_for_line(sstr("mlistener: delete client : %d", number)));
+  while (fcntl(number, F_GETFD) >= 0) usleep(1000);  // the line comes before the deed
   EventClient second(port);
   ASSERT_TRUE(standin::wait_for_line("new client : ", 2));
   EXPECT_EQ(number_behind("new client : "), number);
