@@ -54,9 +54,9 @@ void collect_now_and_then(ManagerScript& script) {
   elog(3, "mscript: repair lua");
   std::string error;
   const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
-  int left_out = 0;
+  LeftOut left_out;
   if (done || !g_finalizer_lines.allow(steady_ms() / 1000, left_out)) return;
-  elog(1, "mscript: a finalizer failed - %s (and %d before it)", error.c_str(), left_out);
+  elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out.text);
 }
 
 // Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.

@@ -125,13 +125,13 @@ TEST_F(DeviceLog, ADeadReaderRaisesNoSignal) {
 
 TEST(RateLimit, OneASecondAndTheNumberLeftOut) {
   RateLimit limit;
-  int left_out = -1;
+  LeftOut left_out;
   EXPECT_TRUE(limit.allow(7, left_out));
-  EXPECT_EQ(left_out, 0);
+  EXPECT_STREQ(left_out.text, "");
   EXPECT_FALSE(limit.allow(7, left_out));
   EXPECT_FALSE(limit.allow(7, left_out));
   EXPECT_TRUE(limit.allow(8, left_out));
-  EXPECT_EQ(left_out, 2);
+  EXPECT_STREQ(left_out.text, " (and 2 more)");
 }
 
 }  // namespace

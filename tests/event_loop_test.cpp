@@ -86,7 +86,7 @@ TEST_F(EventLoop, AFinalizerThatRaisesCostsALine) {
   EXPECT_EQ(standin::events_outstanding(), 0);
 }
 
-TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesWhenIdle) {
+TEST_F(EventLoop, WaitsForTheFirstCoroutine) {
   run_lua("set_handler_tag('t') cr_add(function() cr_yield(5) cr_yield(400) end, 0, nil)");
   std::thread poster([] {
     EXPECT_TRUE(standin::wait_for_line("level 2 done"));
@@ -99,6 +99,26 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesWhenIdle) {
   EXPECT_LE(waits.front(), 5);
   EXPECT_GE(*std::max_element(waits.begin(), waits.end()), 30);
   EXPECT_LE(*std::max_element(waits.begin(), waits.end()), 400);
+}
+
+int post_quit(lua_State*) {
+  standin::post(EVENT_TYPE_QUIT, "quit", "");
+  return 0;
+}
+
+TEST_F(EventLoop, ArrangesInIdlePassesMoreThanThirtySecondsApart) {
+  static int seconds;
+  script.clock.seconds = [] { return seconds; };
+  lua_register(script.lua_state, "post_quit", post_quit);
+  const std::vector<std::pair<int, int>> rows = {{1000000, 1}, {1000030, 1}, {1000031, 2}, {1000040, 2}, {2000000, 3}};
+  for (const auto& [now, calls] : rows) {
+    SCOPED_TRACE(now);
+    seconds = now;
+    run_lua(
+        "set_handler_tag('t') cr_add(function() cr_yield(-1) post_quit() end, 0, nil)");  // an idle pass, then the end
+    event_loop(script);
+    EXPECT_EQ(standin::arrange_calls(), calls);
+  }
 }
 
 // A reload gets the state when the pass in progress ends, although the loop wants it again at once.

@@ -22,12 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string read_file(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 bool wait_until(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!condition()) {
@@ -38,6 +32,12 @@ bool wait_until(const std::function<bool()>& condition) {
 }
 
 }  // namespace
+
+std::string read_file(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
 
 RealDaemon::RealDaemon() {
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // the daemon detaches; its exit status still comes to us

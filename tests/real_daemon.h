@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+// The whole text of a file, empty when there is none.
+std::string read_file(const std::string& path);
+
 class RealDaemon {
  public:
   // Makes the root with a configuration (log level 3, a port from the kernel, scripts from ROOT/scripts) and the

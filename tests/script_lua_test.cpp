@@ -81,6 +81,11 @@ function check(label, got, wanted)
       show(got) .. ", wanted " .. show(wanted))
   end
 end
+function references()
+  local held = 0
+  for _, value in pairs(debug.getregistry()) do held = held + (type(value) == "number" and 0 or 1) end
+  return held
+end
 function raises(label, text, func, ...)
   local done, message = pcall(func, ...)
   check(label, not done and tostring(message):match(": (.*)$") or message, text)

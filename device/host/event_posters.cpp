@@ -22,16 +22,9 @@ bool watch(int epoll, int fd, uint32_t what, void* tag) {
   return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-struct LeftOut {
-  char text[40] = "";
-};
-
 // True when a line may be said now; `left_out` is then its end.
 bool may_say(RateLimit& limit, LeftOut& left_out) {
-  int count = 0;
-  if (!limit.allow(steady_ms() / 1000, count)) return false;
-  if (count > 0) snprintf(left_out.text, sizeof(left_out.text), " (and %d more)", count);
-  return true;
+  return limit.allow(steady_ms() / 1000, left_out);
 }
 
 ucred peer_of(int fd) {

@@ -18,8 +18,13 @@ end
 
 at(0, 0)
 log()
-check("thread", type(cr_add(function(arg) note(arg); cr_yield(500); note("again"); cr_yield(500); note("end") end, 0, "arg")),
-  "thread")
+check("thread", type(cr_add(function(arg)
+  note(arg)
+  cr_yield(500)
+  note("again")
+  cr_yield(500)
+  note("end")
+end, 0, "arg")), "thread")
 check("line", log(), "<2> corutine add2: 1")
 check("first run at once", ran[1], "arg")
 check("wait", next_wait(), 500)
@@ -34,14 +39,15 @@ local rows = {
   { "returns", function() end, 0, 1, "", 0 },
   { "raises", function() error("silent") end, 0, 1, "", 0 },
   { "finished, waits for its delay", function() end, 50, 50, "", 1 },
-  { "other yield, resumed once", function() coroutine.yield(1, 2); note("once"); coroutine.yield() note("no") end, 20, 21,
-    "once", 0 },
+  { "other yield, resumed once", function() coroutine.yield(1, 2) note("once") coroutine.yield() note("no") end,
+    20, 21, "once", 0 },
   { "cr_yield(0) at first", function() cr_yield(0); note("once"); cr_yield(0) note("no") end, 99, 1, "once", 0 },
   { "negative wait", function() cr_yield(-5) note("due") end, 99, 0, "due", 0 },
   { "values on its stack are not run", function() return function() note("BAD") end end, 0, 1, "", 0 },
   { "C function that yields", cr_yield, 0, 501, "", 0, 500 },
   { "yield across pcall", function() pcall(cr_yield, 5) end, 0, 6, "", 0 },
-  { "inner coroutine", function() coroutine.wrap(function() cr_yield(5) note("no") end)() note("outer") end, 0, 6, "", 0 },
+  { "inner coroutine", function() coroutine.wrap(function() cr_yield(5) note("no") end)() note("outer") end,
+    0, 6, "", 0 },
 }
 for _, row in ipairs(rows) do
   at(0, 0)
@@ -106,17 +112,11 @@ set_handler_tag("test")
 pass(100)
 
 -- Many, and nothing is left of them.
-collectgarbage()
-local entries = 0
-for _ in pairs(debug.getregistry()) do entries = entries + 1 end
-local kept = collectgarbage("count")
+local held = references()
 for _ = 1, 10000 do cr_add(function() cr_yield(10) collectgarbage("step", 0) end, 0, nil) end
 check("many", select(2, counts()), 10000)
 pass(5000)
 check("none", select(2, counts()), 0)
-collectgarbage()
-local after = 0
-for _, value in pairs(debug.getregistry()) do after = after + (type(value) == "thread" and 1 or 0) end
-check("threads", after, 0)
+check("registry", references(), held)
 raises("limit", "too many coroutines", function() for _ = 1, 70000 do cr_add(function() end, 2000000000, nil) end end)
 check("limit", select(2, counts()), 65536)

@@ -41,6 +41,7 @@ check("far off", pass(T + 3):find("far"), nil)
 check("far off", pass(T + 3), "")
 
 -- A callback that deletes itself, adds others, and raises.
+local held = references()
 local S = T + 10
 pass(S)
 add("once", 1, 0, function()
@@ -57,6 +58,7 @@ check("the error is logged", log():find("<1> mscript: Could not execute timer %-
 check("records", (counts()), before - 2 + 100)
 check("the added ones run next", (pass(S + 2):gsub("added", "", 100)):match("^%s*$") ~= nil, true)
 check("records", (counts()), before - 2)
+check("registry", references(), held)
 
 -- A failing one stays; text or not, the stack is as before.
 tmr_add(function() error({}) end, 1, 0, nil)
