@@ -3,15 +3,15 @@
 --   zelvctl post 2 uplink state=up
 script_define("health", {})
 
-local started = timems()
-local uplink = false
+-- A reload runs this file again and its locals begin anew; what must outlive it is global.
+health = health or { started = timems(), uplink = false }
 
 on("uplink", function()
-  uplink = evt_field_str("state") == "up"
+  health.uplink = evt_field_str("state") == "up"
 end)
 
 every(10, function()
-  trace(1, string.format("up for %d s, %d KiB of Lua", (timems() - started) / 1000, collectgarbage("count")))
+  trace(1, string.format("up for %d s, %d KiB of Lua", (timems() - health.started) / 1000, collectgarbage("count")))
 end)
 
 at(3, 30, function()
@@ -22,7 +22,7 @@ end)
 -- A task runs up to its first cr_yield at once; the loop resumes it when the wait is over and no event is there.
 task(function(longest)
   local wait = 100
-  while not uplink do
+  while not health.uplink do
     trace(1, "uplink is down, next look in " .. wait .. " ms")
     cr_yield(wait)
     wait = math.min(wait * 2, longest)
