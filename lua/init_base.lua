@@ -1,70 +1,390 @@
--- The ground that the daemon's scripts stand on. The daemon runs this file first, from the folder of its executable;
--- when that is also the script directory, it runs it once more among the others, and again at every reload. So nothing
--- here may wipe what is already there.
+-- The ground that the daemon's scripts stand on: handlers, timers and tasks that bear reloads, and whose errors show.
+--
+--   on(type_name, func [, arg])        func(arg) for every event of that type
+--   every(interval_s, func [, arg])    func(arg) every so many seconds
+--   at(hour, minute, func [, arg])     func(arg) once a day, at that local time
+--   task(func [, arg])                 func(arg) as a coroutine, which waits with cr_yield(ms)
+--   fields()                           the fields of the event at hand, as a table
+--
+-- A reload runs the script files again on the same Lua state, and what they registered before would stay beside what
+-- they register now. So everything registered here belongs to a module (the name given to script_define, else the name
+-- of the file) and to a round, which is one load of the script directories. When the first file of a round calls
+-- script_define or registers something, the handlers of the rounds before are taken out of their lists; a timer of an
+-- earlier round deletes itself when it comes to run, and a task ends where it waits. What config.lua and
+-- server_event.lua register belongs to no round and stays, because the daemon runs those two only once.
+--
+-- The daemon runs this file first, from the folder of its executable. Where that is the script directory too, it runs
+-- again among the others, and at every reload; everything is there already then.
+if package.loaded.init_base then
+  return
+end
+package.loaded.init_base = true
 
 -- What the daemon itself calls: init() once when the base files have run, cleanup() at its end.
 event_server = event_server or {}
 event_server.init = event_server.init or function() end
 event_server.cleanup = event_server.cleanup or function() end
 
--- The load of each script file that registered handlers: file name -> its main chunk. A reload runs a file as a new
--- chunk, and that is how on() sees that the handlers it knows of are those of the load before.
-local loads = handler_loads or {}
-handler_loads = loads
-
--- The script file that is being loaded: its name and its main chunk; nil and nil when none is.
-local function file_at_work()
-  local level = 3
-  local info = debug.getinfo(level, "Sf")
-  while info do
-    if info.what == "main" then
-      return info.source, info.func
-    end
-    level = level + 1
-    info = debug.getinfo(level, "Sf")
+-- tmr_add and cr_add want a tag. Base files have none, so they are lent one. Returns true, or false and the error.
+local function try_with_tag(tag, add, ...)
+  local done, message = pcall(add, ...)
+  if not done and message == "not set script tag name yet" then
+    set_handler_tag(tag)
+    done, message = pcall(add, ...)
+    set_handler_tag("")
   end
+  return done, message
 end
 
--- The name that the file being loaded gave itself with script_define, or nil.
-local function module_name()
-  local loading, name = pcall(get_module_name)
-  if loading and name ~= "" then
-    return name
-  end
+---- Modules and rounds ------------------------------------------------------------------------------------------------
+
+local round = 0
+local modules = {} -- those of this round, by tag
+local running      -- the one whose handler, timer or task runs
+
+local function is_former(module)
+  return module.round ~= nil and module.round ~= round -- modules of base files have no round
 end
 
--- Removes all handlers that an earlier load of `file` registered.
-local function forget(file)
+local owners = setmetatable({}, { __mode = "k" }) -- handler entry that on() made -> its module
+
+-- Takes the handler entries for which is_old(entry, tag) holds out of all lists.
+local function sweep(is_old)
   for name, handlers in pairs(_G) do
-    if type(name) == "string" and name:sub(1, 3) == "es_" and type(handlers) == "table" then
-      local list = handlers.list_func
-      if type(list) == "table" then
-        for i = #list, 1, -1 do
-          if type(list[i]) == "table" and list[i].file == file then
-            table.remove(list, i)
-          end
+    if type(name) == "string" and name:find("^es_") and type(handlers) == "table" then
+      local list = rawget(handlers, "list_func")
+      local kept, count = 0, type(list) == "table" and #list or 0
+      for i = 1, count do
+        local entry = list[i]
+        list[i] = nil
+        if type(entry) ~= "table" or not is_old(entry, rawget(entry, 1)) then
+          kept = kept + 1
+          list[kept] = entry
         end
+      end
+      if kept == 0 and rawget(handlers, "made_by_on") then
+        rawset(_G, name, nil) -- so that the daemon says again that nobody knows this type
       end
     end
   end
 end
 
--- on(type_name, func [, arg]): calls func(arg) for every event of that type. Called while a script file is loaded, it
--- replaces what the file registered when it was loaded before, so that a reload leaves nothing twice. The handler's tag
--- is the file's module name, or its file name.
+-- Entries that scripts put into a list_func by hand, with their module's name as the tag, are swept too. Difficult is
+-- only the file that begins a round: an entry with its tag is left from the round before, unless the file has just put
+-- it there. What was there when a later module began, or when the loop ran, has been seen and is old. A module that
+-- nothing came after, `adding`, may have entries that are old and not seen: unless it does so each time, it has not
+-- put them there before its script_define.
+local seen = setmetatable({}, { __mode = "k" })
+local adding
+
+local function see_all()
+  sweep(function(entry) seen[entry] = true end)
+  adding = nil
+end
+
+-- The value that goes with each script_define of a round. The daemon keeps it in the registry until the next reload
+-- begins: while it is there, the round goes on.
+local mark
+local mark_slot
+
+local function round_goes_on()
+  return mark ~= nil and rawequal(debug.getregistry()[mark_slot], mark)
+end
+
+local function begin_round(new_mark, first_name)
+  mark = new_mark
+  for slot, value in pairs(debug.getregistry()) do
+    if rawequal(value, mark) then
+      mark_slot = slot
+    end
+  end
+  round = round + 1
+  local before = modules
+  modules = {}
+  sweep(function(entry, tag)
+    local owner, module = owners[entry], before[tag]
+    if owner then
+      return is_former(owner)
+    elseif module and tag == first_name and not seen[entry] then
+      return module == adding and not module.fills_first
+    end
+    return module ~= nil
+  end)
+  try_with_tag(first_name, tmr_add, function() tmr_delete() see_all() end, 1, 0, nil) -- in the loop
+end
+
+local function begin_module(name)
+  if not modules[name] then
+    local fills_first = false
+    sweep(function(entry, tag)
+      fills_first = fills_first or (tag == name and not owners[entry] and not seen[entry])
+    end)
+    modules[name] = { name = name, round = round, fills_first = fills_first }
+  end
+  see_all()
+  adding = modules[name]
+end
+
+-- script_define as the daemon has it, and the place where this file learns that a file is loaded.
+local daemon_define = script_define
+function script_define(name, ...)
+  local value = round_goes_on() and mark or {}
+  local done, message = pcall(daemon_define, name, value)
+  if not done then
+    error((message:gsub("'%?'", "'script_define'")), 2)
+  end
+  value[#value + 1] = { ... } -- the script's own value lives as long as the daemon would have kept it
+  name = get_module_name()
+  if value ~= mark then
+    begin_round(value, name)
+  end
+  begin_module(name)
+end
+
+-- The file that the daemon is running, which is the lowest one on the stack; a coroutine does not see that far, and
+-- the file that `func` was written in must do.
+local function file_at_work(func)
+  local source = debug.getinfo(func, "S").source
+  local level = 2
+  local info = debug.getinfo(level, "S")
+  while info do
+    if info.what == "main" and info.source:find("^@") then
+      source = info.source
+    end
+    level = level + 1
+    info = debug.getinfo(level, "S")
+  end
+  return source:match("([^/@]+)$") or source
+end
+
+-- The module that registers `func`: the one being loaded, else the one that runs, else a base file.
+local function module_at_work(func)
+  local loading, name = pcall(get_module_name)
+  if loading and name == "" then
+    script_define(file_at_work(func))
+    name = get_module_name()
+  end
+  return loading and modules[name] or running or { name = file_at_work(func) }
+end
+
+---- Errors ------------------------------------------------------------------------------------------------------------
+
+local kMostErrors = 50 -- that are told apart at a time: their texts may hold what came with an event
+
+local repeats = {} -- first line of an error -> how often it came since it was last written
+local different = 0
+local unwritten = 0 -- errors beyond those
+
+local function count_errors()
+  for line, count in pairs(repeats) do
+    if count > 0 then
+      trace(1, line .. " (" .. count .. " more within a minute)")
+      repeats[line] = 0
+    else
+      repeats[line] = nil
+      different = different - 1
+    end
+  end
+  if unwritten > 0 then
+    trace(1, "init_base: " .. unwritten .. " more errors of other kinds within a minute")
+    unwritten = 0
+  end
+  if different == 0 then
+    tmr_delete()
+  end
+end
+
+-- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
+local function report(module, what, text)
+  text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
+  local first = text:match("^[^\n]*"):sub(1, 500)
+  if repeats[first] then
+    repeats[first] = repeats[first] + 1
+  elseif different == kMostErrors then
+    unwritten = unwritten + 1
+  else
+    if different > 0 or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil) then
+      repeats[first] = 0
+      different = different + 1
+    end
+    for line in text:gmatch("[^\n]+") do
+      trace(1, line)
+    end
+  end
+end
+
+local function error_text(value)
+  if type(value) == "string" or type(value) == "number" then
+    return tostring(value)
+  end
+  local meta = getmetatable(value)
+  local done, text = pcall(tostring, value)
+  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
+  return has_text and text or "(the error value is a " .. type(value) .. ")"
+end
+
+local function traceback(value)
+  return debug.traceback(error_text(value), 2)
+end
+
+-- Returns a function that runs func(arg) for the module, and reports its error.
+local function protected(module, what, func, arg)
+  local function call()
+    func(arg)
+  end
+  return function()
+    local outer = running
+    running = module
+    local done, text = xpcall(call, traceback)
+    running = outer
+    if not done then -- of the traceback, what lies below xpcall and its `call` says nothing
+      report(module, what, text:match("^(.*)\n[^\n]*\n[^\n]*in function 'xpcall'") or text)
+    end
+  end
+end
+
+---- For scripts -------------------------------------------------------------------------------------------------------
+
+local function is_whole(number, least, most)
+  return type(number) == "number" and number >= least and number <= most and number % 1 == 0
+end
+
+-- Calls func(arg) for every event of the type.
 function on(type_name, func, arg)
   if type(type_name) ~= "string" or type(func) ~= "function" then
     error("on(type_name, func [, arg]): a string and a function expected", 2)
   end
-  local file, chunk = file_at_work()
-  if file and loads[file] ~= chunk then
-    forget(file)
-    loads[file] = chunk
-  end
+  local module = module_at_work(func)
   local name = "es_" .. type_name
-  local handlers = rawget(_G, name) or {}
+  local handlers = rawget(_G, name)
+  if handlers == nil then
+    handlers = { list_func = {}, made_by_on = true }
+    rawset(_G, name, handlers)
+  elseif type(handlers) ~= "table" then
+    error(name .. " is no table but a " .. type(handlers), 2)
+  end
   handlers.list_func = handlers.list_func or {}
-  rawset(_G, name, handlers)
-  local tag = module_name() or (file or type_name):match("([^/@]+)$")
-  table.insert(handlers.list_func, { tag, func, arg, file = file })
+  local call = protected(module, "handler of " .. type_name, func, arg)
+  local entry = { module.name, call, arg }
+  owners[entry] = module
+  table.insert(handlers.list_func, entry)
+end
+
+-- Calls look() every `interval` s, on the multiples of that time since 1970 (UTC), until the module is a former one.
+local function add_timer(module, interval, look)
+  return try_with_tag(module.name, tmr_add, function()
+    if is_former(module) then
+      return tmr_delete()
+    end
+    look()
+  end, interval, 0, nil)
+end
+
+-- Calls func(arg) every `interval` s, on the multiples of that time since 1970 (UTC): so a reload shifts nothing. In
+-- func, tmr_delete() ends it.
+function every(interval, func, arg)
+  if not is_whole(interval, 1, 2147483647) or type(func) ~= "function" then
+    error("every(interval_s, func [, arg]): whole seconds from 1 on and a function expected", 2)
+  end
+  local module = module_at_work(func)
+  local added, message = add_timer(module, interval, protected(module, "timer of " .. interval .. " s", func, arg))
+  if not added then
+    error(message, 2)
+  end
+end
+
+-- A number for each minute of local time that grows from day to day, though not by the same step.
+local function local_minute(time)
+  local date = os.date("*t", time)
+  return (date.year * 366 + date.yday) * 1440 + date.hour * 60 + date.min
+end
+
+-- Whether the minute of the day lies after `from` and not after `to`, on either's day.
+local function is_between(from, minute_of_day, to)
+  local due = to - to % 1440 + minute_of_day
+  if due > to then
+    due = from - from % 1440 + minute_of_day
+  end
+  return from < due and due <= to
+end
+
+local last_look -- of any `at`: its time, and the latest local minute that has been looked at
+
+-- Calls func(arg) once a local day. Each minute it looks whether local time has passed that point since the last look.
+-- So where local time leaps ahead over it, func is called after the leap, and where it falls back, the second time does
+-- not count. When the clock itself is set, back or by more than an hour ahead, nothing has passed. In func,
+-- tmr_delete() ends it.
+function at(hour, minute, func, arg)
+  if not is_whole(hour, 0, 23) or not is_whole(minute, 0, 59) or type(func) ~= "function" then
+    error("at(hour, minute, func [, arg]): 0 to 23, 0 to 59 and a function expected", 2)
+  end
+  local module = module_at_work(func)
+  local call = protected(module, string.format("timer of %02d:%02d", hour, minute), func, arg)
+  local looked = { time = timer_time() }
+  looked.minute = local_minute(looked.time)
+  if last_look and looked.time >= last_look.time and looked.time - last_look.time <= 60 then
+    looked = last_look -- a reload in the very minute, before the former timer has run, must not lose the day
+  end
+  local added, message = add_timer(module, 60, function()
+    local time = timer_time()
+    local now, from = local_minute(time), looked.minute
+    local clock_was_set = time < looked.time or time - looked.time > 3600
+    looked = { time = time, minute = clock_was_set and now or math.max(from, now) }
+    last_look = looked
+    if not clock_was_set and is_between(from, hour * 60 + minute, now) then
+      call()
+    end
+  end)
+  if not added then
+    error(message, 2)
+  end
+end
+
+-- Runs func(arg) as a coroutine: at once and up to its first cr_yield(ms), then on whenever that time has passed and no
+-- event waits. An error ends it and is reported; in a coroutine of cr_add it is lost. func runs in a coroutine inside
+-- the daemon's, because Lua 5.1 cannot yield across xpcall.
+function task(func, arg)
+  local created, thread = pcall(coroutine.create, func)
+  if not created then
+    error("task(func [, arg]): a Lua function expected", 2)
+  end
+  local module = module_at_work(func)
+  local function resume(...)
+    local outer = running
+    running = module
+    local done, value = coroutine.resume(thread, ...)
+    running = outer
+    if not done then
+      report(module, "task", debug.traceback(thread, error_text(value)))
+    end
+  end
+  local added, message = try_with_tag(module.name, cr_add, function()
+    resume(arg)
+    while coroutine.status(thread) == "suspended" do
+      coroutine.yield() -- func's cr_yield has told the daemon for how long
+      if is_former(module) then
+        return
+      end
+      resume()
+    end
+  end, 0, nil)
+  if not added then
+    error(message, 2)
+  end
+end
+
+-- The fields of the event at hand: name -> text. Of equal names the first counts, as for evt_field_str.
+function fields()
+  local known, info = pcall(evt_info)
+  if not known then
+    error(info, 2)
+  end
+  local found = {}
+  for item in info:gmatch("[^&]+") do
+    local name, value = item:match("^([^=]*)=(.*)$")
+    if name and not found[name] then
+      found[name] = value
+    end
+  end
+  return found
 end

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -15,6 +16,9 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+int g_seconds = 0;
+int g_milliseconds = 0;
 
 class ScriptLoading : public testing::Test {
  protected:
@@ -47,12 +51,26 @@ class ScriptLoading : public testing::Test {
     return text;
   }
 
-  void dispatch(const char* type_name) {
+  void dispatch(const char* type_name, const char* info = "") {
     event_item event{};
-    event.info = "";
+    event.info = info;
     copy_text(event.type_name, sizeof(event.type_name), type_name);
     const LuaTurn turn(script.gate);
     dispatch_event(script, event);
+  }
+
+  // What the handlers of the door trace, `seconds` later.
+  std::string handled(int seconds = 0) {
+    g_seconds += seconds;
+    g_milliseconds += 10;
+    {
+      const LuaTurn turn(script.gate);
+      script.run_timers();
+      script.resume_coroutines();
+    }
+    traced();
+    dispatch("door");
+    return traced();
   }
 
   fs::path root;
@@ -144,28 +162,171 @@ TEST_F(ScriptLoading, ModuleNamesAndTags) {
         "function event_server.cleanup() trace(2, select(2, pcall(get_module_name))) end");
   load();
   EXPECT_EQ(traced(), "false, [], false, alpha");
-  ASSERT_EQ(script.timers.size(), 1u);
-  EXPECT_EQ(script.timers.front().tag, "alpha");
+  EXPECT_EQ(script.timers.back().tag, "alpha");
   script.call_cleanup();
   EXPECT_EQ(traced(), "it is not loading");
 }
 
-TEST_F(ScriptLoading, ReloadReplacesHandlersOfTheFileAlone) {
-  const char* const two =
-      "on('door', function() trace(2, '%s one') end) on('door', function(a) trace(2, a) end, '%s two')";
-  write("main/a.lua", sstr(two, "a", "a"));
-  write("main/b.lua", sstr(two, "b", "b") + " script_define('bee', 1) on('door', function() error('tagged') end)");
+// Every row is loaded, reloaded three times, changed, and reloaded once more, while it must always work exactly once;
+// also with init_base.lua among the script files, and with globals that refuse what nobody has declared.
+TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
+  const char* const by_hand =
+      "rawset(_G, 'es_door', rawget(_G, 'es_door') or { list_func = {} })"
+      "table.insert(es_door.list_func, { 'm', function() trace(2, 'by hand') end })";
+  const std::string define = "script_define('m', {}) ";
+  const std::string defined_first = define + by_hand;
+  const std::string defined_last = by_hand + (" " + define);
+  const std::string table = "rawset(_G, 'es_door', { list_func = { { 'm', function() trace(2, 'table') end } } }) ";
+  const auto on = [](const char* text) { return sstr("on('door', function() trace(2, '%s') end) ", text); };
+  struct Case {
+    const char* name;
+    std::string a, b, handled;        // a.lua, b.lua, what their handlers trace
+    std::string new_a, new_b, later;  // likewise; a file without text is removed
+  };
+  const Case cases[] = {
+      {"on", on("a1") + on("a2"), on("b"), "a1, a2, b", on("a2") + on("a3"), on("b"), "a2, a3, b"},
+      {"named late", on("a") + "script_define('late') " + on("late"), "", "a, late", on("a"), "", "a"},
+      {"one file disappears", on("a"), on("b"), "a, b", "", on("b"), "b"},
+      {"all disappear, another comes", on("a"), "", "a", "", on("b"), "b"},
+      {"no longer registers", on("a"), on("b"), "a, b", on("a"), "local x = 1", "a"},
+      {"in a handler", "on('door', function() trace(2, 'a') every(9, print) on('door', function() end) end)", "", "a",
+       on("b"), "", "b"},
+      {"in a task", "task(function() cr_yield(5) " + on("a") + " every(9, print) end)", "", "a", on("b"), "", "b"},
+      {"by hand, defined last from now on", defined_first, "", "by hand", defined_last, "", "by hand"},
+      {"by hand, the same before others", defined_first, on("b"), "by hand, b", defined_last, on("b"), "by hand, b"},
+      {"by hand", defined_first, "", "by hand", defined_first + on("on"), "", "by hand, on"},
+      {"by hand, defined last", defined_last, "", "by hand", defined_last, on("on"), "by hand, on"},
+      {"by hand, among others", on("a"), defined_first, "a, by hand", "", on("b"), "b"},
+      {"by hand, first of others", defined_last, on("b"), "by hand, b", defined_last, "", "by hand"},
+      {"by hand, moves to another file", defined_first, on("b"), "by hand, b", on("a"), defined_first, "a, by hand"},
+      {"by hand, last becomes first", on("a"), defined_first, "a, by hand", "", defined_first, "by hand"},
+      {"a table of its own", table + define, "", "table", define + table, "", "table"},
+      {"a tag of its own",
+       define + "if not kept then rawset(_G, 'kept', 1) on('door', function() end)" +
+           " es_door.list_func[1] = { 'x', function() trace(2, 'x') end } end",
+       "", "x", on("a"), "", "x, a"},
+  };
+  struct Setting {
+    const char* name;
+    const char* config;
+    bool base_twice;
+  };
+  const Setting settings[] = {
+      {"plain", "", false},
+      {"init_base.lua among the scripts", "", true},
+      {"strict", "rawset(_G, 'kept', false) setmetatable(_G, { __index = error, __newindex = error })", true},
+  };
+  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
+  for (const Setting& setting : settings) {
+    SCOPED_TRACE(setting.name);
+    write("main/config.lua", setting.config);
+    if (setting.base_twice)
+      fs::copy_file(ZELVIND_LUA_DIR "/init_base.lua", root / "main/init_base.lua", fs::copy_options::skip_existing);
+    for (const Case& row : cases) {
+      SCOPED_TRACE(row.name);
+      const auto files = [&](const std::string& a, const std::string& b) {
+        for (const auto& [name, text] : {std::pair("main/a.lua", a), std::pair("main/j.lua", b)}) {
+          fs::remove(root / name);
+          if (!text.empty()) write(name, text);
+        }
+      };
+      script.cleanup();
+      script.init();
+      files(row.a, row.b);
+      load();
+      for (int round = 0; round < 4; ++round) {
+        if (round > 0) reload();
+        EXPECT_EQ(round == 1 ? row.handled : handled(), row.handled) << "round " << round;
+      }
+      handled(2);
+      files(row.new_a, row.new_b);
+      for (int round = 0; round < 2; ++round) {
+        reload();
+        EXPECT_EQ(handled(), row.later) << "new round " << round;
+      }
+      EXPECT_EQ(handled(100), row.later);
+      EXPECT_TRUE(script.timers.empty() && script.coroutines.empty());
+    }
+  }
+}
+
+// Timers and tasks of the load before end when they come to run. Times are UTC.
+TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
+  const auto pass = [&](int hour, int minute, int second, int ms = 0) {
+    g_seconds = 1767225600 + (hour * 60 + minute) * 60 + second;
+    g_milliseconds = ms;
+    const LuaTurn turn(script.gate);
+    script.run_timers();
+    script.resume_coroutines();
+    return traced();
+  };
+  pass(2, 58, 55);
+  write("main/server_event.lua",
+        "every(10, function() trace(2, 'base') end) function event_server.init()"
+        " task(function() cr_yield(5) trace(2, 'base task') end) end");
+  write("main/a.lua",
+        "every(10, function() trace(2, 'tick') end) on('heat', function() trace(2, 'heat') end) at(3, 0, function() "
+        "trace(2, 'three') end)"
+        "task(function() while true do cr_yield(100) trace(2, 'task') end end)");
   load();
-  dispatch("door");
-  EXPECT_EQ(traced(), "a one, a two, b one, b two");
+  EXPECT_EQ(script.timers.front()->tag, "server_event.lua");
+  EXPECT_EQ(script.timers.back()->tag, "a.lua");
+  EXPECT_EQ(script.handler_tag, "");
   for (int round = 0; round < 3; ++round) reload();
-  dispatch("door");
-  EXPECT_EQ(traced(), "a one, a two, b one, b two");
-  write("main/a.lua", "on('heat', function() trace(2, 'heat') end)");
+  EXPECT_EQ(script.coroutines.size(), 5u);
+  EXPECT_EQ(pass(2, 58, 56, 101), "base task, task");
+  EXPECT_EQ(script.coroutines.size(), 1u);
+  EXPECT_EQ(pass(2, 59, 1), "base, tick");
+  EXPECT_EQ(script.timers.size(), 3u);
+  // A reload in the very second does not lose the daily run, and one after it does not repeat it.
+  g_seconds += 59;
   reload();
-  dispatch("door");
+  EXPECT_EQ(pass(3, 0, 0), "base");
+  EXPECT_EQ(pass(3, 1, 0), "base, tick, three");
+  reload();
+  EXPECT_EQ(pass(3, 2, 0), "base, tick");
   dispatch("heat");
-  EXPECT_EQ(traced(), "b one, b two, heat");
+  EXPECT_EQ(traced(), "heat");
+  fs::remove(root / "main/a.lua");
+  write("main/b.lua", "on('door', print)");
+  reload();
+  dispatch("heat");
+  EXPECT_EQ(standin::log_lines().back(), "<1> mscript: unknown event type[heat]");
+  EXPECT_EQ(pass(3, 3, 0, 1000), "base");
+  EXPECT_EQ(script.timers.size(), 1u);
+  EXPECT_TRUE(script.coroutines.empty());
+}
+
+TEST_F(ScriptLoading, Examples) {
+  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
+  g_seconds = 1000000;
+  g_milliseconds = 0;
+  for (const auto& file : fs::directory_iterator(ZELVIND_LUA_DIR "/examples")) fs::copy(file, root / "main");
+  write("main/server_event.lua", "function event_post(_, name, info) trace(2, name .. ' ' .. info) end");
+  load();
+  EXPECT_EQ(traced(), "uplink is down, next look in 100 ms");
+  dispatch("door", "state=open&by=alice");
+  dispatch("door", "state=shut");
+  dispatch("heartbeat", "from=pump");
+  dispatch("heartbeat", "from=nobody");
+  dispatch("uplink", "state=up");
+  dispatch("silence", "part=pump&state=begins");
+  const LuaTurn turn(script.gate);
+  g_milliseconds = 101;
+  script.resume_coroutines();
+  EXPECT_EQ(traced(), "the door is open, says alice, the door is shut, silence of pump: begins, uplink is up");
+  for (int pass = 0; pass < 12; ++pass) {
+    g_seconds += 5;
+    script.run_timers();
+  }
+  std::string reports = traced();
+  EXPECT_NE(reports.find("up for 0 s, "), std::string::npos);
+  EXPECT_NE(reports.find("silence part=pump&state=begins&after=30"), std::string::npos);
+  EXPECT_NE(reports.find("silence part=heater&state=begins&after=60"), std::string::npos);
+  EXPECT_EQ(reports.find("failed"), std::string::npos);
 }
 
 TEST_F(ScriptLoading, ClosingRunsFinalizersThatCallTheApi) {

@@ -2,11 +2,13 @@
 //
 // Beside the API they find: check(label, got, wanted), raises(label, text, func, ...), dispatch(type, name, info),
 // at(seconds, milliseconds) to set the clocks, run_timers(), resume_coroutines(), next_wait(), counts() of timers and
-// coroutines, and log() for the lines since its last call, joined by "|".
+// coroutines, log() for the lines since its last call, joined by "|", and lua_dir, where the default scripts are.
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 
 #include "script/clua.h"
 #include "script/event_dispatch.h"
@@ -109,6 +111,8 @@ void run_table(const char* file) {
                                 {"counts", counts},
                                 {"log", take_log}};
   for (const luaL_Reg& function : functions) lua_register(L, function.name, function.func);
+  lua_pushstring(L, ZELVIND_LUA_DIR);
+  lua_setglobal(L, "lua_dir");
   ASSERT_EQ(clua_run_string(L, kPrelude), 1) << clua_error_text(L);
   const std::string path = std::string(TEST_LUA_DIR) + "/" + file;
   EXPECT_EQ(luaL_dofile(L, path.c_str()), 0) << clua_error_text(L);
@@ -126,6 +130,11 @@ TEST(ScriptLua, Timers) {
 }
 TEST(ScriptLua, Coroutines) {
   run_table("coroutines.lua");
+}
+TEST(ScriptLua, Base) {
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  tzset();
+  run_table("base.lua");
 }
 
 }  // namespace

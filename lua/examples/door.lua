@@ -4,7 +4,6 @@
 script_define("door", {})
 
 on("door", function()
-  local state = evt_field_str("state")
-  local known, by = evt_field_str_safe("by")
-  trace(1, "the door is " .. state .. (known and ", says " .. by or ""))
+  local event = fields()
+  trace(1, "the door is " .. event.state .. (event.by and ", says " .. event.by or ""))
 end)

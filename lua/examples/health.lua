@@ -1,37 +1,31 @@
--- A periodic health report, and a task that retries with growing waits until the uplink answers.
+-- A health report, a daily tidying-up, and a task that looks for the uplink with growing waits until it is there.
 --
 --   zelvctl post 2 uplink state=up
 script_define("health", {})
 
--- A reload runs this file again, but the timers and tasks of the load before go on. Each load takes a new number; what
--- finds that its own is old ends itself.
-health_load = (health_load or 0) + 1
-local load = health_load
-
-local started = timems()
-local uplink = false
+-- A reload runs this file again and its locals begin anew; what must outlive it is global.
+health = health or { started = timems(), uplink = false }
 
 on("uplink", function()
-  uplink = evt_field_str("state") == "up"
+  health.uplink = evt_field_str("state") == "up"
 end)
 
--- Every 10 s, on the multiples of 10 s: the origin 0 fixes the phase.
-tmr_add(function(name)
-  if load ~= health_load then
-    return tmr_delete()
-  end
-  trace(1, string.format("%s: up for %d s, %d KiB of Lua", name, (timems() - started) / 1000, collectgarbage("count")))
-end, 10, 0, "health")
+every(10, function()
+  trace(1, string.format("up for %d s, %d KiB of Lua", (timems() - health.started) / 1000, collectgarbage("count")))
+end)
 
--- Runs up to its first cr_yield at once; then the loop resumes it when the wait is over and no event is there.
-cr_add(function(longest)
+at(3, 30, function()
+  collectgarbage()
+  trace(1, "tidied up")
+end)
+
+-- A task runs up to its first cr_yield at once; the loop resumes it when the wait is over and no event is there.
+task(function(longest)
   local wait = 100
-  while load == health_load and not uplink do
+  while not health.uplink do
     trace(1, "uplink is down, next look in " .. wait .. " ms")
     cr_yield(wait)
     wait = math.min(wait * 2, longest)
   end
-  if load == health_load then
-    trace(1, "uplink is up")
-  end
-end, 0, 60000)
+  trace(1, "uplink is up")
+end, 60000)
