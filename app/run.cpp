@@ -10,6 +10,7 @@
 #include "app/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "device/service.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
 #include "util/socket.h"
@@ -66,8 +67,10 @@ void stop_threads(Managers& managers) {
 
 void reload(Managers& managers, const Settings& settings) {
   elog(2, "zelvind: reloading ...");
+  tell_service(SERVICE_RELOADING);
   managers.script.reload(settings.script_path.c_str(), settings.external_path.c_str());
   resume_running();
+  tell_service(SERVICE_RELOADED);
 }
 
 // Idles until a stop is asked for. A SIGHUP clears g_running too, after it has set g_reload: a cleared g_running with
@@ -89,6 +92,7 @@ void idle(Managers& managers, const Settings& settings) {
 }
 
 void stop(Managers& managers) {
+  tell_service(SERVICE_STOPPING);
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.script.cleanup();
