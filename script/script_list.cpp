@@ -11,10 +11,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-bool ends_in_lua(const std::string& name) {
-  return name.size() >= 4 && name.compare(name.size() - 4, 4, ".lua") == 0;
-}
-
 Names list_external_files(const std::string& external_path, std::string& ignored) {
   if (external_path.empty()) return {};
   try {
@@ -34,6 +30,10 @@ void remove_names(Names& names, const Names& unwanted) {
 
 }  // namespace
 
+bool is_script_name(std::string_view name) {
+  return name.size() >= 4 && name.substr(name.size() - 4) == ".lua";
+}
+
 std::string script_in(const std::string& dir, const std::string& name) {
   return dir + "/" + name;
 }
@@ -44,7 +44,7 @@ Names list_script_files(const std::string& dir) {
   if (folder == nullptr) throw except_base("Failed to get script file list in path[%s]", dir.c_str());
   Names names;
   while (const dirent* entry = readdir(folder)) {
-    if (ends_in_lua(entry->d_name)) names.emplace_back(entry->d_name);
+    if (is_script_name(entry->d_name)) names.emplace_back(entry->d_name);
   }
   closedir(folder);
   std::sort(names.begin(), names.end());

@@ -3,12 +3,16 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
+
+// True for the name of a script file: it ends in ".lua".
+bool is_script_name(std::string_view name);
 
 // `name` in folder `dir`.
 std::string script_in(const std::string& dir, const std::string& name);
 
-// The names in `dir` that end in ".lua", in ascending byte order. Throws except_base when there is no such folder.
+// The script names in `dir`, in ascending byte order. Throws except_base when there is no such folder.
 std::vector<std::string> list_script_files(const std::string& dir);
 
 // Where base file `name` (config.lua, server_event.lua) is loaded from: external_path if it is there, else script_path.

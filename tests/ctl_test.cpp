@@ -139,7 +139,7 @@ TEST(Zelvctl, RefusesWrongArguments) {
     std::vector<std::string> arguments;
     const char* error;
   } rows[] = {
-      {{}, "say post or listen\nTry: zelvctl --help"},
+      {{}, "say post, listen, check, reload or run\nTry: zelvctl --help"},
       {{"bogus"}, "The following argument was not expected: bogus\nTry: zelvctl --help"},
       {{"post"}, "TYPE is required\nTry: zelvctl post --help"},
       {{"post", "1"}, "NAME is required"},
