@@ -87,6 +87,10 @@ std::vector<std::string> declarations_in(const std::string& plugins) {
   return files;
 }
 
+std::string counted(int number, const char* thing) {
+  return sstr("%d %s%s", number, thing, number == 1 ? "" : "s");
+}
+
 }  // namespace
 
 ScriptFolders configured_folders(const std::string& daemon) {
@@ -124,8 +128,8 @@ void check(const std::string& daemon, const std::vector<std::string>& dirs, FILE
     faults = compile_dirs(dirs, good, out);
     declarations = {script_in(daemon, "init_base.lua")};
   }
-  if (faults > 0) throw Failure(Exit::unreachable, faults == 1 ? "1 fault" : sstr("%d faults", faults));
-  fprintf(out, "%zu scripts, no fault\n", good.size());
+  if (faults > 0) throw Failure(Exit::unreachable, counted(faults, "fault"));
+  fprintf(out, "%s, no fault\n", counted(static_cast<int>(good.size()), "script").c_str());
   if (warn_of_unknown_globals(good, declarations, out)) return;
   fprintf(out, "luacheck is not at hand: globals that nothing defines were not looked for\n");
 }

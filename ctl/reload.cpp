@@ -48,21 +48,22 @@ void wait_for_verdict(const RunningDaemon& daemon, long long wanted) {
     const auto now = daemon.state();
     if (now && now->reloads >= wanted) return;
     if (!now && !daemon.is_alive())
-      fail(sstr("process %d has ended over the reload; its log says why", daemon.process()));
+      fail(sstr("the daemon (process %d) has ended over the reload; its log says why", daemon.process()));
     std::this_thread::sleep_for(kLook);
   }
 }
 
 void reload_checked(const RunningDaemon& daemon, FILE* out) {
   const auto before = daemon.state();
-  if (before && before->name == "stopping") fail(sstr("process %d is stopping", daemon.process()));
+  if (before && before->name == "stopping") fail(sstr("the daemon (process %d) is stopping", daemon.process()));
   daemon.send_signal(SIGHUP);
   if (!before) {
-    fail(sstr("process %d was told to reload; it keeps no state that would tell how that ends: see its log",
-              daemon.process()));
+    fail(
+        sstr("the daemon (process %d) was told to reload; it keeps no state that would tell how that ends: see its log",
+             daemon.process()));
   }
   wait_for_verdict(daemon, reloads_wanted(*before));
-  fprintf(out, "process %d has reloaded its scripts\n", daemon.process());
+  fprintf(out, "the daemon (process %d) has reloaded its scripts\n", daemon.process());
   fflush(out);
 }
 

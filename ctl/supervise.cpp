@@ -101,8 +101,8 @@ class Supervisor {
       const int number = next_signal();
       if (number > 0 && number != SIGCHLD) pass_on(number);
       if (asked && steady_ms() >= deadline) {
-        fprintf(stderr, "zelvctl: process %d has not ended %g s after it was told to: it is killed\n", daemon,
-                stop_limit_ms / 1000.0);
+        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended %g s after it was told to: it is killed\n",
+                daemon, stop_limit_ms / 1000.0);
         kill(daemon, SIGKILL);
         deadline = INT64_MAX;
       }
@@ -158,7 +158,8 @@ void supervise(const std::string& program, const std::vector<std::string>& argum
   const pid_t daemon = start(program, arguments, mask);
   Supervisor supervisor(daemon, waited, stop_limit_ms);
   const int status = supervisor.stay();
-  if (WIFSIGNALED(status)) fail(sstr("process %d was ended by signal %d", daemon, WTERMSIG(status)));
-  if (!supervisor.was_asked()) fail(sstr("process %d has ended by itself; its log says why", daemon));
-  if (WEXITSTATUS(status) != 0) fail(sstr("process %d has ended with status %d", daemon, WEXITSTATUS(status)));
+  if (WIFSIGNALED(status)) fail(sstr("the daemon (process %d) was ended by signal %d", daemon, WTERMSIG(status)));
+  if (!supervisor.was_asked()) fail(sstr("the daemon (process %d) has ended by itself; its log says why", daemon));
+  if (WEXITSTATUS(status) != 0)
+    fail(sstr("the daemon (process %d) has ended with status %d", daemon, WEXITSTATUS(status)));
 }
