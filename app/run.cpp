@@ -10,6 +10,7 @@
 #include "app/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "device/service.h"
 #include "extension/manager_extension.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
@@ -70,9 +71,11 @@ void stop_threads(Managers& managers) {
 }
 
 void reload(Managers& managers, const Settings& settings) {
+  tell_service(SERVICE_RELOADING);
   elog(2, "zelvind: reloading ...");
   managers.script.reload(settings.script_path.c_str(), settings.external_path.c_str());
   resume_running();
+  tell_service(SERVICE_RELOADED);
 }
 
 // Idles until a stop is asked for; a g_running that a SIGHUP has cleared is none. Each request is taken before it is
@@ -94,6 +97,7 @@ void idle(Managers& managers, const Settings& settings) {
 }
 
 void stop(Managers& managers) {
+  tell_service(SERVICE_STOPPING);
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.extension.prepare_cleanup();

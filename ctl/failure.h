@@ -7,8 +7,9 @@
 
 enum class Exit {
   done = 0,
-  unreachable = 1,  // the daemon could not be reached or went away, or the output could not be written
-  usage = 2,        // wrong arguments, or input that is no event
+  unreachable =
+      1,      // the daemon could not be reached or went away, the output could not be written, scripts have faults
+  usage = 2,  // wrong arguments, or input that is no event
 };
 
 // Thrown where the failure is noticed; main writes the sentence and ends the program.

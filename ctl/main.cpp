@@ -1,5 +1,5 @@
-// zelvctl: posts events to a running zelvind, and listens to the events that it forwards. Options only; the work is
-// done in post.cpp and listen.cpp.
+// zelvctl: posts events to a running zelvind, listens to the events that it forwards, and looks after the daemon
+// itself. Options only; the work is done in the files named after the commands.
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <climits>
@@ -7,14 +7,19 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ctl/check.h"
 #include "ctl/failure.h"
 #include "ctl/listen.h"
 #include "ctl/post.h"
+#include "ctl/reload.h"
+#include "ctl/running_daemon.h"
+#include "ctl/supervise.h"
 #include "device/event_source.h"
 
 namespace {
 
-constexpr char kFooter[] = "Exit status: 0 done, 1 the daemon could not be reached or went away, 2 wrong usage.";
+constexpr char kFooter[] =
+    "Exit status: 0 done, 1 the daemon could not be reached or went away, or scripts have faults, 2 wrong usage.";
 
 constexpr char kPostFooter[] =
     "With - for TYPE the events are lines of standard input, \"TYPE NAME INFO\" each, INFO being\n"
@@ -33,6 +38,27 @@ constexpr char kListenFooter[] =
     "  zelvctl listen door heartbeat\n"
     "  zelvctl listen --count 1 door       waits for one event\n"
     "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state";
+
+constexpr char kCheckFooter[] =
+    "Writes each fault as FILE:LINE: MESSAGE, and where luacheck is installed a warning for each global\n"
+    "that nothing defines. Compiles the scripts in the daemon's order and runs none.\n"
+    "Ends with status 0 when there is no fault, with 1 when there is.\n"
+    "\nExamples:\n"
+    "  zelvctl check                       the scripts of the configuration\n"
+    "  zelvctl check ./scripts             all scripts of a folder";
+
+constexpr char kReloadFooter[] =
+    "Checks the scripts first, as zelvctl check does; with a fault the daemon hears nothing.\n"
+    "Ends with status 0 when the daemon has reloaded, with 1 when it has not or has ended over it.\n"
+    "--root and the exit statuses: see zelvctl --help.";
+
+constexpr char kRunFooter[] =
+    "Stays in the foreground until the daemon ends. SIGHUP, SIGINT and SIGTERM are passed on; a daemon that\n"
+    "has not ended 30 s after one of the last two is killed.\n"
+    "Ends with status 0 when the daemon ended because it was told to, with 1 when it ended otherwise.\n"
+    "\nExamples:\n"
+    "  zelvctl run\n"
+    "  zelvctl run -- -p /run/zelvind.pid";
 
 // CLI11 takes an argument "[a,b]" for a list of two and "++" for the end of a subcommand; here they are values like any
 // others. Such arguments go through it with a mark in front.
@@ -68,6 +94,12 @@ std::string device_root(const CLI::Option* option) {
   return root;
 }
 
+// Where init_base.lua is: beside the program of the daemon that runs, or of the one that is installed.
+std::string daemon_folder(const std::string& root) {
+  const auto daemon = RunningDaemon::find(root);
+  return daemon ? daemon->folder() : installed_daemon_folder();
+}
+
 class CommandLine {
  public:
   CommandLine() {
@@ -79,7 +111,10 @@ class CommandLine {
         "Look for the daemon below DIR, instead of DEVICE_ROOT");
     add_post();
     add_listen();
-    for (CLI::App* command : {post, listen}) command->fallthrough();
+    add_check();
+    add_reload();
+    add_run();
+    for (CLI::App* command : {post, listen, check, reload, supervised}) command->fallthrough();
   }
 
   Exit run(int argc, char** argv) {
@@ -91,12 +126,16 @@ class CommandLine {
     const std::string root_path = device_root(root);
     if (post->parsed()) {
       run_post(root_path + kEventSocketPath);
-    } else if (!listen->parsed()) {
-      throw Failure(Exit::usage, "say post or listen\nTry: zelvctl --help");
+    } else if (listen->parsed()) {
+      run_listen();
+    } else if (check->parsed()) {
+      ::check(daemon_folder(root_path), values_of(dirs), stdout);
+    } else if (reload->parsed()) {
+      run_reload(root_path);
+    } else if (supervised->parsed()) {
+      supervise(installed_daemon_folder() + "/zelvind", values_of(daemon_arguments));
     } else {
-      request.names = values_of(names);
-      if (!host->empty()) request.host = values_of(host).front();
-      ::listen(request, stdout);
+      throw Failure(Exit::usage, "say post, listen, check, reload or run\nTry: zelvctl --help");
     }
     return Exit::done;
   }
@@ -127,6 +166,43 @@ class CommandLine {
     listen->footer(kListenFooter);
   }
 
+  void add_check() {
+    check = app.add_subcommand("check", "Compile the daemon's scripts and report their faults");
+    dirs = check->add_option("DIR")->expected(0, -1)->allow_extra_args();
+    dirs->description("Folders to check instead of those of the configuration");
+    check->footer(kCheckFooter);
+  }
+
+  void add_reload() {
+    reload = app.add_subcommand("reload", "Have the daemon load its scripts again, if they are free of faults");
+    pid_file = reload->add_option("--pidfile")->type_name("FILE");
+    pid_file->description("The daemon's pid file (default: the daemon that has the event socket)");
+    reload->add_flag("--watch", watch, "Do so whenever a script file changes");
+    reload->footer(kReloadFooter);
+  }
+
+  void add_run() {
+    supervised = app.add_subcommand("run", "Start the daemon and stay in the foreground as long as it runs");
+    daemon_arguments = supervised->add_option("ARGUMENT")->expected(1, -1)->allow_extra_args();
+    daemon_arguments->description("Arguments of the daemon; put -- in front of them");
+    supervised->footer(kRunFooter);
+  }
+
+  void run_listen() {
+    request.names = values_of(names);
+    if (!host->empty()) request.host = values_of(host).front();
+    ::listen(request, stdout);
+  }
+
+  void run_reload(const std::string& root_path) {
+    const ReloadRequest what{root_path, pid_file->empty() ? "" : values_of(pid_file).front()};
+    if (watch) {
+      reload_at_changes(what, stdout);
+    } else {
+      ::reload(what, stdout);
+    }
+  }
+
   void run_post(const std::string& socket_path) {
     const std::string type_text = values_of(type).front();
     if (type_text == "-") {
@@ -152,7 +228,8 @@ class CommandLine {
     throw Failure(Exit::usage, std::string(error.what()) + "\nTry: zelvctl" + command + " --help");
   }
 
-  CLI::App app{"Post events to zelvind, and listen to the events that it forwards.", "zelvctl"};
+  CLI::App app{"Post events to zelvind, listen to the events that it forwards, and look after the daemon itself.",
+               "zelvctl"};
   CLI::Option* root = nullptr;
 
   CLI::App* post = nullptr;
@@ -165,6 +242,16 @@ class CommandLine {
   CLI::Option* host = nullptr;
   CLI::Option* names = nullptr;
   ListenRequest request;
+
+  CLI::App* check = nullptr;
+  CLI::Option* dirs = nullptr;
+
+  CLI::App* reload = nullptr;
+  CLI::Option* pid_file = nullptr;
+  bool watch = false;
+
+  CLI::App* supervised = nullptr;
+  CLI::Option* daemon_arguments = nullptr;
 };
 
 }  // namespace

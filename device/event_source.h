@@ -6,6 +6,9 @@
 // line (util/event_line.h).
 constexpr char kEventSocketPath[] = "/run/zelvind/events.sock";
 
+// Beside it, the lock file: its owner, whose process id stands in it, has it open and locked as long as it lives.
+constexpr char kEventLockPath[] = "/run/zelvind/events.lock";
+
 extern "C" {
 
 // Queues one event. `type` is its code; `type_name` 1 to 127 bytes without blanks and control characters; `info`

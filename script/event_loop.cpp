@@ -5,6 +5,7 @@
 
 #include "device/event_queue.h"
 #include "device/log.h"
+#include "device/service.h"
 #include "listener/manager_listener.h"
 #include "script/event_dispatch.h"
 #include "script/manager_script.h"
@@ -83,6 +84,7 @@ int next_wait_ms(std::list<ScriptCoroutine>& coroutines, int now) {
 void event_loop(ManagerScript& script) {
   while (script.running) {
     const int wait_ms = run_timers_first(script);
+    tell_service(SERVICE_ALIVE);
     Event event(event_dequeue(wait_ms));  // the state is given away while it waits
     if (event == nullptr) {
       idle_pass(script);

@@ -54,6 +54,7 @@ void ManagerScript::init() {
   lua_state = luaL_newstate();
   if (lua_state == nullptr) throw except_base("mscript: no memory for the Lua state");
   lua_atpanic(lua_state, panic);
+  ScriptStop::watch(lua_state);
   std::string error;
   const bool done = protect(lua_state, error, [](lua_State* L) {
     luaL_openlibs(L);
@@ -79,7 +80,9 @@ void ManagerScript::stop_thread() {
   running = false;
   elog(2, "mscript: thread stop...");
   if (thread == 0) return;
+  stop.raise_after(stop_patience_ms);
   pthread_join(thread, nullptr);
+  stop.forget();
   thread = 0;
 }
 

@@ -19,6 +19,7 @@
 #include "script/lua_gate.h"
 #include "script/script_clock.h"
 #include "script/script_coroutine.h"
+#include "script/script_stop.h"
 #include "script/script_timer.h"
 
 // One file loaded from the script directories.
@@ -47,7 +48,8 @@ class ManagerScript {
   int start_thread();
   // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
-  // Asks the loop to end and joins its thread: at most a pass, so about a second and the script call in progress.
+  // Asks the loop to end and joins its thread: at most a pass, so about a second and the script call in progress. A
+  // script that has not returned after stop_patience_ms gets an error raised in it.
   void stop_thread();
   // Runs the scripts' event_server.cleanup(); a failure is logged.
   void call_cleanup();
@@ -66,7 +68,9 @@ class ManagerScript {
 
   std::atomic<bool> running{false};  // main thread writes, the loop reads once per pass
   LuaGate gate;
-  ScriptClock clock;  // set before the script thread starts
+  ScriptClock clock;             // set before the script thread starts
+  int stop_patience_ms = 10000;  // set before stop_thread
+  ScriptStop stop;
 
   // Everything below belongs to the thread that has the Lua state.
 

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <thread>
@@ -17,6 +18,8 @@
 #include "ctl/failure.h"
 #include "ctl/listen.h"
 #include "ctl/post.h"
+#include "ctl/script_watch.h"
+#include "ctl/supervise.h"
 #include "device/event_source.h"
 #include "tests/standin_device.h"
 #include "util/descriptor.h"
@@ -139,7 +142,7 @@ TEST(Zelvctl, RefusesWrongArguments) {
     std::vector<std::string> arguments;
     const char* error;
   } rows[] = {
-      {{}, "say post or listen\nTry: zelvctl --help"},
+      {{}, "say post, listen, check, reload or run\nTry: zelvctl --help"},
       {{"bogus"}, "The following argument was not expected: bogus\nTry: zelvctl --help"},
       {{"post"}, "TYPE is required\nTry: zelvctl post --help"},
       {{"post", "1"}, "NAME is required"},
@@ -354,6 +357,63 @@ TEST(Listen, EndsWhenNobodyReadsItsOutput) {
   close(ends[1]);
   EXPECT_EQ(program.wait(), 1);
   EXPECT_EQ(program.errors(), "zelvctl: cannot write the output: its reader has gone\n");
+}
+
+TEST(ScriptWatch, WakesForScriptsOnly) {
+  namespace fs = std::filesystem;
+  const fs::path root = testing::TempDir() + "ctl_test_watch_" + std::to_string(getpid());
+  const fs::path script = root / "scripts" / "a.lua";
+  fs::create_directories(root / "scripts");
+  const auto write = [](const fs::path& path) { std::ofstream(path) << "return"; };
+  const std::function<void()> changes[] = {
+      [&] { write(script); },
+      [&] { fs::rename(script, root / "b.lua"); },
+      [&] { fs::rename(root / "b.lua", script); },
+      [&] { fs::remove(script); },
+  };
+  ScriptWatch watch({(root / "scripts").string(), "", (root / "missing").string()});
+  for (const auto& change : changes) {
+    change();
+    EXPECT_EQ(failure_of([&] { watch.wait_for_change(); }), "no failure");
+  }
+  write(root / "scripts" / "a.txt");
+  fs::remove_all(root / "scripts");
+  EXPECT_EQ(failure_of([&] { watch.wait_for_change(); }), "1 a script folder has gone");
+  EXPECT_EQ(failure_of([&] { ScriptWatch({(root / "scripts").string()}); }), "1 there is no script folder to watch");
+  fs::remove_all(root);
+}
+
+// The daemon is played by a shell script that detaches alike; it asks for the stop itself, and then does not listen.
+TEST(Supervise, KillsWhatDoesNotStop) {
+  const std::string root = testing::TempDir() + "ctl_test_run_" + std::to_string(getpid());
+  const std::string program = root + "/zelvind";
+  const struct {
+    const char* daemon;
+    std::string failure;
+  } rows[] = {
+      {"(trap '' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "was ended by signal 9"},
+      {"(trap 'exit 3' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "has ended with status 3"},
+      {"(trap 'exit 0' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "no failure"},
+      {"exit 0", program + " has started no daemon"},
+      {nullptr, "1 cannot start " + program + ": No such file or directory"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.failure);
+    std::filesystem::create_directories(root);
+    if (row.daemon != nullptr) std::ofstream(program) << "#!/bin/sh\n" << row.daemon << "\n";
+    if (row.daemon != nullptr) std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    const Descriptor output(memory_file());
+    const pid_t child = fork();
+    if (child == 0) {
+      const std::string text = failure_of([&] { supervise(program, {std::to_string(getpid())}, 200); });
+      _exit(write(output.get(), text.data(), text.size()) < 0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(content_of(output.get()).find(row.failure), std::string::npos) << content_of(output.get());
+    std::filesystem::remove_all(root);
+  }
 }
 
 }  // namespace

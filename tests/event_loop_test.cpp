@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "script/clua.h"
@@ -118,6 +119,40 @@ TEST_F(EventLoop, ArrangesInIdlePassesMoreThanThirtySecondsApart) {
         "set_handler_tag('t') cr_add(function() cr_yield(-1) post_quit() end, 0, nil)");  // an idle pass, then the end
     event_loop(script);
     EXPECT_EQ(standin::arrange_calls(), calls);
+  }
+}
+
+// Whatever way a script never returns, a stop ends it, says where it was, and the rest of the stop goes on.
+TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
+  const struct {
+    const char* code;  // what runs when event "a" comes
+    const char* where;
+  } rows[] = {
+      {"while true do end", "event(a), tag[t], [string \"temp\"]:2"},
+      {"while true do sleep(1) end", "event(a), tag[t], [string \"temp\"]:2"},
+      {"for i = 1, 5 do pcall(function() while true do end end) end", "event(a), tag[t], [string \"temp\"]:2"},
+      {"coroutine.wrap(function() coroutine.wrap(function() while true do end end)() end)()",
+       "event(a), tag[t], [string \"temp\"]:2"},
+      {"cr_add(function() cr_yield(1) trace(1, 'resumed') while true do end end, 0, nil)",
+       "event(none), tag[t], [string \"temp\"]:2"},
+  };
+  script.stop_patience_ms = 50;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.code);
+    standin::reset();
+    run_lua(("es_a = { list_func = { { 't', function() trace(1, 'resumed')\n" + std::string(row.code) +
+             " end } } } function event_server_cleanup() for i = 1, 1000 do end trace(1, 'cleaned') end")
+                .c_str());
+    ASSERT_EQ(script.start_thread(), 1);
+    standin::post(1, "a", "");
+    ASSERT_TRUE(standin::wait_for_line("resumed", strstr(row.code, "cr_add") == nullptr ? 1 : 2));
+    script.stop_thread();
+    EXPECT_EQ(
+        standin::log_lines_with("stopped a script"),
+        std::vector<std::string>{"<1> mscript: stopped a script that does not return: " + std::string(row.where)});
+    run_lua("event_server_cleanup()");
+    EXPECT_EQ(standin::log_lines_with("cleaned").size(), 1u);
+    EXPECT_EQ(standin::events_outstanding(), 0);
   }
 }
 

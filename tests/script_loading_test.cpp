@@ -272,8 +272,8 @@ TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
         "trace(2, 'three') end)"
         "task(function() while true do cr_yield(100) trace(2, 'task') end end)");
   load();
-  EXPECT_EQ(script.timers.front()->tag, "server_event.lua");
-  EXPECT_EQ(script.timers.back()->tag, "a.lua");
+  EXPECT_EQ(script.timers.front().tag, "server_event.lua");
+  EXPECT_EQ(script.timers.back().tag, "a.lua");
   EXPECT_EQ(script.handler_tag, "");
   for (int round = 0; round < 3; ++round) reload();
   EXPECT_EQ(script.coroutines.size(), 5u);

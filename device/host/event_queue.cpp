@@ -10,6 +10,7 @@
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
 #include "device/host/event_posters.h"
+#include "device/host/service_state.h"
 #include "device/log.h"
 #include "util/clock.h"
 #include "util/lua_binding.h"
@@ -90,6 +91,7 @@ extern "C" {
 
 int helper_init(lua_State* L) {
   EventQueue& q = queue();
+  open_service();
   if (!q.posters.is_open() && (!q.inbox.open() || !q.posters.open(q.inbox.wake_descriptor()))) {
     elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
     q.inbox.close();

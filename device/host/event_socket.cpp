@@ -12,12 +12,13 @@
 
 #include "device/event_source.h"
 #include "device/host/device_root.h"
+#include "device/host/service_state.h"
 #include "device/log.h"
+#include "device/service.h"
 #include "util/unix_socket.h"
 
 namespace {
 
-constexpr char kLockSuffix[] = ".lock";  // instead of ".sock"
 constexpr mode_t kSocketMode = 0660;
 
 EventSocket* g_removed_at_exit = nullptr;  // main thread
@@ -70,13 +71,15 @@ void EventSocket::close() {
   remove_file();
   maker = 0;
   listening.reset();
+  keep_service_state("");
   // A child between its fork and its exec still has the descriptor; letting go by name does not wait for it.
   if (lock.get() >= 0) flock(lock.get(), LOCK_UN);
   lock.reset();
 }
 
 bool EventSocket::take_lock() {
-  const std::string lock_path = path.substr(0, path.rfind('.')) + kLockSuffix;
+  std::string lock_path;
+  under_device_root(kEventLockPath, lock_path);
   // Nobody else may open it: who can read a file can lock it.
   lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
   if (lock.get() < 0) {
@@ -94,6 +97,8 @@ bool EventSocket::take_lock() {
     say_without(lock_path);
     return false;
   }
+  std::string state_path;
+  if (under_device_root(kServiceStatePath, state_path)) keep_service_state(state_path);
   return true;
 }
 

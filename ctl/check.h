@@ -1,0 +1,26 @@
+// `zelvctl check`: would the daemon's scripts load? Compiles them all, in the daemon's order, and runs none.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+struct ScriptFolders {
+  std::string daemon;    // init_base.lua
+  std::string script;    // script_path
+  std::string external;  // external_path, or empty
+  std::string plugins;   // dll_path
+};
+
+// The folders of the daemon in folder `daemon`, as the configuration says now. Throws except_conf when it cannot be
+// opened, like the daemon.
+ScriptFolders configured_folders(const std::string& daemon);
+
+// Compiles the scripts in `folders`. Writes each fault to `out`, "FILE:LINE: MESSAGE", and returns their number; the
+// scripts without one are appended to `good`, in load order.
+int compile_scripts(const ScriptFolders& folders, std::vector<std::string>& good, FILE* out);
+
+// The command: compiles the scripts of the daemon in folder `daemon`, or with `dirs` all those of each of these, which
+// need not be complete; then has luacheck warn of globals that nothing defines. Writes everything to `out`. Throws
+// Failure(Exit::unreachable) when there are faults.
+void check(const std::string& daemon, const std::vector<std::string>& dirs, FILE* out);

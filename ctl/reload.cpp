@@ -1,0 +1,93 @@
+#include "ctl/reload.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "ctl/check.h"
+#include "ctl/failure.h"
+#include "ctl/running_daemon.h"
+#include "ctl/script_watch.h"
+#include "device/event_source.h"
+#include "util/text.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kLook{20};
+
+[[noreturn]] void fail(const std::string& sentence) {
+  throw Failure(Exit::unreachable, sentence);
+}
+
+RunningDaemon daemon_of(const ReloadRequest& request) {
+  if (!request.pid_file.empty()) return RunningDaemon::from_pid_file(request.pid_file, request.root);
+  const auto daemon = RunningDaemon::find(request.root);
+  if (daemon) return *daemon;
+  const std::string lock = request.root + kEventLockPath;
+  if (access(lock.c_str(), F_OK) == 0 && access(lock.c_str(), R_OK) != 0) {
+    fail("cannot read " + lock + ": " + error_text(errno));
+  }
+  fail("no daemon has the event socket " + request.root + kEventSocketPath);
+}
+
+void check_first(const RunningDaemon& daemon, FILE* out) {
+  std::vector<std::string> good;
+  const int faults = compile_scripts(configured_folders(daemon.folder()), good, out);
+  if (faults > 0) fail(sstr("not reloaded: %d fault%s", faults, faults == 1 ? "" : "s"));
+}
+
+// A reload that is already going on may have read the scripts before they were changed: then the next one counts.
+long long reloads_wanted(const DaemonState& before) {
+  return before.reloads + (before.name == "reloading" ? 2 : 1);
+}
+
+void wait_for_verdict(const RunningDaemon& daemon, long long wanted) {
+  for (;;) {
+    const auto now = daemon.state();
+    if (now && now->reloads >= wanted) return;
+    if (!now && !daemon.is_alive())
+      fail(sstr("the daemon (process %d) has ended over the reload; its log says why", daemon.process()));
+    std::this_thread::sleep_for(kLook);
+  }
+}
+
+void reload_checked(const RunningDaemon& daemon, FILE* out) {
+  const auto before = daemon.state();
+  if (before && before->name == "stopping") fail(sstr("the daemon (process %d) is stopping", daemon.process()));
+  daemon.send_signal(SIGHUP);
+  if (!before) {
+    fail(
+        sstr("the daemon (process %d) was told to reload; it keeps no state that would tell how that ends: see its log",
+             daemon.process()));
+  }
+  wait_for_verdict(daemon, reloads_wanted(*before));
+  fprintf(out, "the daemon (process %d) has reloaded its scripts\n", daemon.process());
+  fflush(out);
+}
+
+}  // namespace
+
+void reload(const ReloadRequest& request, FILE* out) {
+  const RunningDaemon daemon = daemon_of(request);
+  check_first(daemon, out);
+  reload_checked(daemon, out);
+}
+
+void reload_at_changes(const ReloadRequest& request, FILE* out) {
+  const ScriptFolders folders = configured_folders(daemon_of(request).folder());
+  ScriptWatch watch({folders.script, folders.external});
+  for (;;) {
+    watch.wait_for_change();
+    const RunningDaemon daemon = daemon_of(request);
+    try {
+      check_first(daemon, out);
+    } catch (const Failure& failure) {
+      fprintf(out, "%s\n", failure.what());
+      fflush(out);
+      continue;
+    }
+    reload_checked(daemon, out);
+  }
+}

@@ -1,0 +1,101 @@
+#include "ctl/running_daemon.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <memory>
+
+#include "app/exe_dir.h"
+#include "ctl/failure.h"
+#include "device/event_source.h"
+#include "device/service.h"
+
+namespace {
+
+constexpr char kProgram[] = "zelvind";
+
+[[noreturn]] void fail(const std::string& sentence) {
+  throw Failure(Exit::unreachable, sentence);
+}
+
+// The process id at the beginning of a file; 0 when there is none.
+pid_t read_pid(const std::string& path) {
+  std::ifstream file(path);
+  pid_t pid = 0;
+  return file >> pid && pid > 0 ? pid : 0;
+}
+
+std::string proc_path(pid_t pid, const char* entry) {
+  return "/proc/" + std::to_string(pid) + "/" + entry;
+}
+
+bool has_open(pid_t pid, const std::string& path) {
+  struct stat wanted {};
+  if (stat(path.c_str(), &wanted) != 0) return false;
+  const std::string folder = proc_path(pid, "fd");
+  const std::unique_ptr<DIR, int (*)(DIR*)> descriptors(opendir(folder.c_str()), closedir);
+  if (descriptors == nullptr) return false;
+  while (const dirent* entry = readdir(descriptors.get())) {
+    struct stat status {};
+    const bool known = stat((folder + "/" + entry->d_name).c_str(), &status) == 0;
+    if (known && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) return true;
+  }
+  return false;
+}
+
+std::string exe_of(pid_t pid) {
+  char target[4096];
+  const ssize_t length = readlink(proc_path(pid, "exe").c_str(), target, sizeof(target));
+  return length < 0 ? std::string() : std::string(target, static_cast<size_t>(length));
+}
+
+// Also when its file has been replaced meanwhile: then the system says "zelvind (deleted)".
+bool is_daemon(const std::string& exe) {
+  return exe.compare(exe.rfind('/') + 1, sizeof(kProgram) - 1, kProgram) == 0;
+}
+
+}  // namespace
+
+std::optional<RunningDaemon> RunningDaemon::find(const std::string& root) {
+  const std::string lock = root + kEventLockPath;
+  const pid_t pid = read_pid(lock);
+  if (pid == 0 || !has_open(pid, lock)) return std::nullopt;
+  return RunningDaemon(pid, root);
+}
+
+RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const std::string& root) {
+  const pid_t pid = read_pid(pid_file);
+  if (pid == 0) fail("no process id in " + pid_file);
+  if (!is_daemon(exe_of(pid)))
+    fail("process " + std::to_string(pid) + " of " + pid_file + " is no running " + kProgram);
+  return RunningDaemon(pid, root);
+}
+
+std::string RunningDaemon::folder() const {
+  const std::string exe = exe_of(pid);
+  return exe.empty() ? installed_daemon_folder() : exe_dir_of(exe);
+}
+
+std::optional<DaemonState> RunningDaemon::state() const {
+  std::ifstream file(root + kServiceStatePath);
+  pid_t owner = 0;
+  DaemonState state;
+  if (file >> owner >> state.name >> state.reloads && owner == pid && is_alive()) return state;
+  return std::nullopt;
+}
+
+bool RunningDaemon::is_alive() const {
+  return has_open(pid, root + kEventLockPath);
+}
+
+void RunningDaemon::send_signal(int number) const {
+  if (kill(pid, number) != 0) fail("cannot signal process " + std::to_string(pid) + ": " + error_text(errno));
+}
+
+std::string installed_daemon_folder() {
+  const std::string installed = exe_dir() + "/../libexec/zelvind";
+  return access((installed + "/" + kProgram).c_str(), X_OK) == 0 ? installed : exe_dir();
+}

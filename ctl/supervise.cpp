@@ -1,0 +1,165 @@
+#include "ctl/supervise.h"
+
+#include <dirent.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <memory>
+#include <sstream>
+
+#include "ctl/failure.h"
+#include "util/clock.h"
+#include "util/text.h"
+
+namespace {
+
+[[noreturn]] void fail(const std::string& sentence) {
+  throw Failure(Exit::unreachable, sentence);
+}
+
+sigset_t set_of(std::initializer_list<int> signals) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : signals) sigaddset(&set, number);
+  return set;
+}
+
+// The signal mask and the dispositions are those that we were started with, SIGPIPE and SIGCHLD aside.
+pid_t spawn(const std::string& program, std::vector<std::string> arguments, const sigset_t& mask) {
+  arguments.insert(arguments.begin(), program);
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  const sigset_t defaults = set_of({SIGPIPE, SIGCHLD});
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setsigmask(&attributes, &mask);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  pid_t pid = 0;
+  const int error = posix_spawn(&pid, program.c_str(), nullptr, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) fail("cannot start " + program + ": " + error_text(error));
+  return pid;
+}
+
+// The name and the parent of a process, also of one that has ended and not been collected; false when there is none.
+bool look_up(pid_t pid, std::string& name, pid_t& parent) {
+  std::ostringstream text;
+  text << std::ifstream("/proc/" + std::to_string(pid) + "/stat").rdbuf();
+  const std::string line = text.str();  // PID (NAME) STATE PARENT ...
+  const size_t begin = line.find('(') + 1;
+  const size_t end = line.rfind(')');
+  if (begin == 0 || end == std::string::npos) return false;
+  name = line.substr(begin, end - begin);
+  return sscanf(line.c_str() + end, ") %*c %d", &parent) == 1;
+}
+
+// Our child that bears the program's name; 0 when there is none. The system cuts names after 15 bytes.
+pid_t find_child(const std::string& program) {
+  const std::string wanted = program.substr(program.rfind('/') + 1, 15);
+  const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
+  if (processes == nullptr) fail("cannot read /proc: " + error_text(errno));
+  while (const dirent* entry = readdir(processes.get())) {
+    const pid_t pid = atoi(entry->d_name);
+    std::string name;
+    pid_t parent = 0;
+    if (pid > 0 && look_up(pid, name, parent) && parent == getpid() && name == wanted) return pid;
+  }
+  return 0;
+}
+
+// Starts the daemon and returns its process id. Its parent's orphans are ours as soon as the parent can be collected.
+pid_t start(const std::string& program, const std::vector<std::string>& arguments, const sigset_t& mask) {
+  const pid_t parent = spawn(program, arguments, mask);
+  int status = 0;
+  while (waitpid(parent, &status, 0) < 0 && errno == EINTR) {
+  }
+  const pid_t daemon = find_child(program);
+  if (daemon == 0) fail(program + " has started no daemon");
+  return daemon;
+}
+
+class Supervisor {
+ public:
+  Supervisor(pid_t daemon_process, const sigset_t& waited, int limit_ms)
+      : daemon(daemon_process), signals(waited), stop_limit_ms(limit_ms) {}
+
+  // Until the daemon has ended; returns its wait status.
+  int stay() {
+    int status = 0;
+    while (!collect(status)) {
+      const int number = next_signal();
+      if (number > 0 && number != SIGCHLD) pass_on(number);
+      if (asked && steady_ms() >= deadline) {
+        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended %g s after it was told to: it is killed\n",
+                daemon, stop_limit_ms / 1000.0);
+        kill(daemon, SIGKILL);
+        deadline = INT64_MAX;
+      }
+    }
+    return status;
+  }
+
+  bool was_asked() const { return asked; }
+
+ private:
+  // Collects all children that have ended. Returns true when the daemon is among them.
+  bool collect(int& daemon_status) const {
+    bool ended = false;
+    int status = 0;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+      if (pid != daemon) continue;
+      daemon_status = status;
+      ended = true;
+    }
+    return ended;
+  }
+
+  // The next signal, or -1 when the time to wait is up.
+  int next_signal() const {
+    if (!asked || deadline == INT64_MAX) return sigwaitinfo(&signals, nullptr);
+    const int64_t left = std::max<int64_t>(deadline - steady_ms(), 0);
+    const timespec limit{left / 1000, left % 1000 * 1000000};
+    return sigtimedwait(&signals, nullptr, &limit);
+  }
+
+  void pass_on(int number) {
+    kill(daemon, number == SIGQUIT ? SIGTERM : number);
+    if (number == SIGHUP || asked) return;
+    asked = true;
+    deadline = steady_ms() + stop_limit_ms;
+  }
+
+  const pid_t daemon;
+  const sigset_t signals;
+  const int stop_limit_ms;
+  bool asked = false;
+  int64_t deadline = INT64_MAX;  // steady_ms
+};
+
+}  // namespace
+
+void supervise(const std::string& program, const std::vector<std::string>& arguments, int stop_limit_ms) {
+  const sigset_t waited = set_of({SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGCHLD});
+  sigset_t mask;
+  signal(SIGCHLD, SIG_DFL);  // ignored, it would have children collected by nobody
+  sigprocmask(SIG_BLOCK, &waited, &mask);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t daemon = start(program, arguments, mask);
+  Supervisor supervisor(daemon, waited, stop_limit_ms);
+  const int status = supervisor.stay();
+  if (WIFSIGNALED(status)) fail(sstr("the daemon (process %d) was ended by signal %d", daemon, WTERMSIG(status)));
+  if (!supervisor.was_asked()) fail(sstr("the daemon (process %d) has ended by itself; its log says why", daemon));
+  if (WEXITSTATUS(status) != 0)
+    fail(sstr("the daemon (process %d) has ended with status %d", daemon, WEXITSTATUS(status)));
+}

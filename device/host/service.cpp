@@ -1,0 +1,146 @@
+#include "device/service.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include "device/host/notify_socket.h"
+#include "device/host/service_state.h"
+#include "device/log.h"
+#include "util/clock.h"
+#include "util/descriptor.h"
+#include "util/quiet_write.h"
+
+namespace {
+
+constexpr char kWatchdogVariable[] = "WATCHDOG_USEC";
+
+enum class State { starting, ready, reloading, stopping };
+constexpr const char* kStateNames[] = {"starting", "ready", "reloading", "stopping"};
+
+struct Service {
+  NotifySocket manager;    // opened before the script thread starts, constant afterwards
+  int64_t alive_ms = 0;    // likewise: how often the manager wants to hear that we are alive; 0: it does not
+  bool is_awake = false;   // script thread: the first SERVICE_ALIVE has come
+  int64_t next_alive = 0;  // script thread: in steady_ms
+
+  std::mutex mutex;
+  State state = State::starting;  // under mutex, like everything below
+  long long reloads = 0;
+  std::string path;      // of the state file; empty: none is kept
+  std::string new_path;  // where its next content is written
+  bool said_file = false;
+  std::atomic<bool> said_manager{false};  // any thread
+};
+
+Service& service() {
+  static Service* const the_service = new Service;  // the loop may outlive the static objects of a process that ends
+  return *the_service;
+}
+
+void tell_manager(Service& s, const char* text) {
+  if (!s.manager.is_open() || s.manager.send(text) || s.said_manager.exchange(true)) return;
+  elog(1, "service: cannot tell the service manager %s: %s", text, strerrordesc_np(errno));
+}
+
+bool replace_file(const std::string& path, const std::string& new_path, const char* text, size_t size) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+  const Descriptor file(above_standard_streams(open(new_path.c_str(), kFlags, 0644)));
+  return file.get() >= 0 && write_fully(file.get(), text, size) && rename(new_path.c_str(), path.c_str()) == 0;
+}
+
+void write_state(Service& s) {
+  if (s.path.empty()) return;
+  char text[64];
+  const int size =
+      snprintf(text, sizeof(text), "%d %s %lld\n", getpid(), kStateNames[static_cast<int>(s.state)], s.reloads);
+  if (replace_file(s.path, s.new_path, text, static_cast<size_t>(size)) || s.said_file) return;
+  s.said_file = true;
+  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", s.path.c_str(),
+       strerrordesc_np(errno));
+}
+
+// The manager is told first: who waits for the file may ask the manager next.
+void change(Service& s, State state, const char* text) {
+  s.state = state;
+  tell_manager(s, text);
+  write_state(s);
+}
+
+void wake_up(Service& s) {
+  s.is_awake = true;
+  s.next_alive = steady_ms() + s.alive_ms;
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  if (s.state == State::starting) change(s, State::ready, "READY=1");
+}
+
+void say_alive(Service& s) {
+  if (s.alive_ms == 0) return;
+  const int64_t now = steady_ms();
+  if (now < s.next_alive) return;
+  s.next_alive = now + s.alive_ms;
+  tell_manager(s, "WATCHDOG=1");
+}
+
+void begin_reload(Service& s) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  char text[64];
+  snprintf(text, sizeof(text), "RELOADING=1\nMONOTONIC_USEC=%lld",
+           static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000);
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  change(s, State::reloading, text);
+}
+
+void end_reload(Service& s) {
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  ++s.reloads;
+  change(s, State::ready, "READY=1");
+}
+
+void begin_stop(Service& s) {
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  change(s, State::stopping, "STOPPING=1");
+}
+
+}  // namespace
+
+void open_service() {
+  Service& s = service();
+  s.manager.open();
+  // WATCHDOG_PID is left alone: it names the process that the manager started, and the daemon is a child of that one.
+  if (const char* microseconds = secure_getenv(kWatchdogVariable)) {
+    if (s.manager.is_open()) s.alive_ms = atoll(microseconds) / 1000 / 2;
+    unsetenv(kWatchdogVariable);
+  }
+}
+
+void keep_service_state(const std::string& path) {
+  Service& s = service();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.path = path;
+  s.new_path = path + ".new";
+  write_state(s);
+}
+
+extern "C" void service_state(int state) {
+  Service& s = service();
+  switch (state) {
+    case SERVICE_ALIVE:
+      return s.is_awake ? say_alive(s) : wake_up(s);
+    case SERVICE_RELOADING:
+      return begin_reload(s);
+    case SERVICE_RELOADED:
+      return end_reload(s);
+    case SERVICE_STOPPING:
+      return begin_stop(s);
+    default:
+      return;
+  }
+}

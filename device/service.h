@@ -1,0 +1,27 @@
+// How the daemon tells its state to whoever supervises it. Declared weak: with a device's own libraries the address may
+// be null, and the daemon tells nobody.
+//
+// The embedded default (device/host/service.cpp) tells a service manager that asks for it with NOTIFY_SOCKET and
+// WATCHDOG_USEC, and keeps the state in a file for `zelvctl reload`; both are described in docs/operations.md.
+#pragma once
+
+// Beside the event socket, behind DEVICE_ROOT: one line "PID STATE RELOADS", replaced as a whole at every change.
+// STATE is starting, ready, reloading or stopping; RELOADS counts those that were done.
+constexpr char kServiceStatePath[] = "/run/zelvind/state";
+
+constexpr int SERVICE_ALIVE = 0;      // the event loop is about to take an event; the first time it becomes ready
+constexpr int SERVICE_RELOADING = 1;  // a reload begins
+constexpr int SERVICE_RELOADED = 2;   // and is done
+constexpr int SERVICE_STOPPING = 3;   // the daemon ends because it was asked to
+
+extern "C" {
+
+// Tells one of the above: SERVICE_ALIVE on the script thread, cheaply enough for every pass; the others on the main
+// thread. Never fails; what cannot be told is said in the log once.
+__attribute__((weak)) void service_state(int state);
+}
+
+// service_state, where there is one.
+inline void tell_service(int state) {
+  if (service_state != nullptr) service_state(state);
+}
