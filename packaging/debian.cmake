@@ -1,4 +1,5 @@
-# Debian packages: "cpack" in the build folder, or dev/package-test, which also tries them.
+# Debian packages: "cpack" in the build folder, with the umask 022 that the packages' folders need; or dev/package-test,
+# which also tries them.
 set(ZELVIND_PACKAGE_CONTACT "zelvind maintainers <zelvind@localhost>" CACHE STRING "who answers for the packages")
 
 set(CPACK_GENERATOR DEB)
