@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -43,7 +43,6 @@ std::vector<Example> page_examples() {
   std::vector<Example> examples;
   bool inside = false;
   int number = 0;
-  std::smatch match;
   for (const std::string& line : page_lines()) {
     ++number;
     if (line == "```lua") {
@@ -54,7 +53,7 @@ std::vector<Example> page_examples() {
     inside = inside && line != "```";
     if (!inside) continue;
     Example& example = examples.back();
-    if (std::regex_match(line, match, std::regex("-- (\\w+\\.lua)"))) example.file = match[1];
+    if (example.code.empty() && line.compare(0, 3, "-- ") == 0) example.file = line.substr(3);
     if (line.compare(0, 4, "--> ") == 0) example.traced.push_back(line.substr(4));
     example.code += line + "\n";
   }
@@ -92,8 +91,9 @@ std::vector<std::string> traced_by(const Example& example, const std::string& fo
   const LuaTurn turn(script.gate);
   for (; g_milliseconds < 120000; g_milliseconds += 50) pass(script);
   std::vector<std::string> traced;
-  for (const std::string& line : standin::log_lines_with("lua-trace: ")) {
-    traced.push_back(std::regex_replace(line.substr(15), std::regex(folder), "/opt/scripts"));
+  for (std::string line : standin::log_lines_with("lua-trace: ")) {
+    for (size_t at = 0; (at = line.find(folder)) != std::string::npos;) line.replace(at, folder.size(), "/opt/scripts");
+    traced.push_back(line.substr(15));
   }
   EXPECT_EQ(standin::log_lines_with("<1> mscript: "), std::vector<std::string>{});
   return traced;
@@ -133,6 +133,12 @@ Names operator-(Names names, const Names& others) {
   return names;
 }
 
+std::string word_at(const std::string& text, size_t begin) {
+  size_t end = begin;
+  while (end < text.size() && (isalnum(static_cast<unsigned char>(text[end])) != 0 || text[end] == '_')) ++end;
+  return text.substr(begin, end - begin);
+}
+
 void expect_same(const char* where, const Names& names, const Names& known) {
   EXPECT_EQ(known - names, Names{}) << "missing in the " << where;
   EXPECT_EQ(names - known, Names{}) << "unknown in the " << where;
@@ -163,19 +169,22 @@ TEST(ScriptingPage, NamesAreThoseThatScriptsFind) {
       known);
 
   Names in_headings;
-  std::string code;
-  const std::regex name_pattern("`(\\w+)[`(]");
   for (const std::string& line : page_lines()) {
     if (line.compare(0, 4, "### ") != 0) continue;
-    for (std::sregex_iterator match(line.begin(), line.end(), name_pattern), end; match != end; ++match) {
-      in_headings.insert((*match)[1]);
+    for (size_t at = 0; (at = line.find('`', at)) != std::string::npos; ++at) {
+      if (const std::string name = word_at(line, at + 1); !name.empty()) in_headings.insert(name);
     }
   }
   expect_same("headings of the page", in_headings, known);
-  for (const Example& example : page_examples()) code += example.code;
-  for (const std::string& name : known - Names{"econf_str", "econf_int"}) {
-    EXPECT_TRUE(std::regex_search(code, std::regex("\\b" + name + "\\b"))) << "no example calls " << name;
+  Names in_examples;
+  for (const Example& example : page_examples()) {
+    for (size_t at = 0; at < example.code.size(); ++at) {
+      const std::string word = word_at(example.code, at);
+      in_examples.insert(word);
+      at += word.size();
+    }
   }
+  EXPECT_EQ(known - in_examples, (Names{"econf_int", "econf_str"})) << "in no example";
 }
 
 }  // namespace
