@@ -8,7 +8,10 @@
  *                            eaction_prepare_cleanup
  *
  * For C11 and C++17. This header includes nothing, and only names lua_State: an eAction plug-in includes Lua 5.1's own
- * headers besides. docs/plugins.md tells the whole life of a plug-in and how to build one. */
+ * headers besides. docs/plugins.md tells the whole life of a plug-in and how to build one.
+ *
+ * Link with -Wl,-z,now. The daemon opens plug-ins lazily: without it, the first call of a function that nothing defines
+ * ends the daemon; with it, such a plug-in is refused and the log says why. */
 #ifndef ZELVIND_PLUGIN_H
 #define ZELVIND_PLUGIN_H
 
@@ -31,7 +34,8 @@ extern "C" {
 
 /* Starts the source. Comes before any script, and before the eAction plug-ins. SIGHUP, SIGINT and SIGTERM are blocked
  * meanwhile, and so they are in the threads that it starts. Returns 0 or more, or a negative number: then the failure
- * is logged, esource_cleanup is called, the library is closed, and nothing of it is called again. */
+ * is logged, esource_cleanup is called, the library is closed, and nothing of it is called again. What it posts waits
+ * until the scripts are loaded. */
 ZELVIND_PLUGIN_EXPORT int esource_init(void);
 
 /* Optional. The daemon is about to end: no script runs any more, events that come now are not handled. */
@@ -44,7 +48,9 @@ ZELVIND_PLUGIN_EXPORT void esource_cleanup(void);
 /* Adds to the scripts' Lua state what the plug-in offers them, before the first script file runs. `L` is the daemon's
  * and lives until after eaction_prepare_cleanup. It may be used here, in eaction_prepare_cleanup, and in functions
  * while Lua calls them, and nowhere else; never from a thread of the plug-in. The stack is empty at the beginning and
- * what is left on it does not matter. Result and failures as with esource_init; a Lua error is a failure too. */
+ * what is left on it does not matter. Result and failures as with esource_init; a Lua error is a failure too. But what
+ * was registered before a failure stays in the Lua state, and the code stays mapped: scripts can call it after
+ * eaction_cleanup. So register last, or have the functions bear that. */
 ZELVIND_PLUGIN_EXPORT int eaction_init(lua_State* L);
 
 /* Optional. The last time that the Lua state may be used: it is closed next, and finalizers may still call what the

@@ -4,14 +4,15 @@
 script_define("health", {})
 
 -- A reload runs this file again and its locals begin anew; what must outlive it is global.
-health = health or { started = timems(), uplink = false }
+health = health or { started = os.time(), uplink = false }
 
 on("uplink", function()
   health.uplink = evt_field_str("state") == "up"
 end)
 
+-- In seconds, since timems() comes round every 49.7 days and a device is up for longer.
 every(10, function()
-  trace(1, string.format("up for %d s, %d KiB of Lua", (timems() - health.started) / 1000, collectgarbage("count")))
+  trace(1, string.format("up for %d s, %d KiB of Lua", os.time() - health.started, collectgarbage("count")))
 end)
 
 at(3, 30, function()

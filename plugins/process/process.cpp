@@ -1,6 +1,6 @@
 // libeaprocess.so: lets scripts run the device's own tools without holding up the event loop.
 //
-//   g++ -std=c++17 -O2 -fPIC -shared -pthread $(pkg-config --cflags lua5.1) -o libeaprocess.so *.cpp
+//   g++ -std=c++17 -O2 -fPIC -shared -pthread -Wl,-z,now $(pkg-config --cflags lua5.1) -o libeaprocess.so *.cpp
 //
 // It adds one global, proc_run(argv, timeout_s, func [, arg]), which starts a program and returns its number at once.
 // When the program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler that

@@ -1,6 +1,6 @@
 // libesuevent.so: what the kernel says about its devices, as events.
 //
-//   g++ -std=c++17 -O2 -fPIC -shared -pthread -o libesuevent.so uevent.cpp -ludev
+//   g++ -std=c++17 -O2 -fPIC -shared -pthread -Wl,-z,now -o libesuevent.so uevent.cpp -ludev
 //
 // Each kernel device event becomes one event of type 7001 named "uevent":
 //
