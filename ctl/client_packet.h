@@ -22,7 +22,7 @@
 // cannot stand in the list, or when they are too long together.
 std::string subscription_packet(std::vector<std::string> names);
 
-struct EventPacket {
+struct ReceivedEvent {
   size_t size;  // bytes of the whole packet
   int32_t seconds;
   int32_t microseconds;
@@ -32,4 +32,4 @@ struct EventPacket {
 
 // The packet at the beginning of `bytes`, or nothing when its end has not come yet. Throws Failure(Exit::unreachable)
 // when these bytes cannot begin a packet: whoever sends them is not the daemon.
-std::optional<EventPacket> first_packet(std::string_view bytes);
+std::optional<ReceivedEvent> first_packet(std::string_view bytes);

@@ -37,7 +37,7 @@ nlohmann::json fields_of(std::string_view info) {
 
 }  // namespace
 
-std::string plain_text(const EventPacket& event) {
+std::string plain_text(const ReceivedEvent& event) {
   std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
   append_safely(line, event.name);
   if (!event.info.empty()) {
@@ -47,7 +47,7 @@ std::string plain_text(const EventPacket& event) {
   return line + "\n";
 }
 
-std::string json_text(const EventPacket& event) {
+std::string json_text(const ReceivedEvent& event) {
   nlohmann::ordered_json line;
   line["time"] = event.seconds + event.microseconds / 1e6;
   line["name"] = event.name;
