@@ -78,8 +78,8 @@ void ManagerScript::clear_scripts() {
 }
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
-  const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate, LuaGate::Turn::next);
+  const RunSignalsBlocked undisturbed;
   clear_scripts();
   load_script_files(script_path, external_path);
 }
