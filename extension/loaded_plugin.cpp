@@ -79,7 +79,7 @@ void open_plugin(LoadedPlugin& plugin) {
   plugin.handle = dlopen(plugin.path.c_str(), RTLD_LAZY);
   if (plugin.handle != nullptr) return;
   const char* const reason = dlerror();
-  elog(2, "mextension: %s", reason == nullptr ? "no reason given" : reason);
+  elog(1, "mextension: %s", reason == nullptr ? "no reason given" : reason);
   throw except_base(plugin.kind->open_error, plugin.path.c_str());
 }
 

@@ -60,7 +60,7 @@ TEST_F(Extension, WholeLifeInOrder) {
   extension.load(folder.path.c_str());
   Lines lines = new_lines();
   ASSERT_EQ(lines.size(), 12u);
-  EXPECT_NE(lines[8].find("<2> mextension: libes_not_in_the_search_path.so: cannot open"), std::string::npos);
+  EXPECT_NE(lines[8].find("<1> mextension: libes_not_in_the_search_path.so: cannot open"), std::string::npos);
   lines.erase(lines.begin() + 8);  // the loader's own words
   EXPECT_EQ(
       lines,
