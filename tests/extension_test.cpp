@@ -44,10 +44,7 @@ class Extension : public testing::Test {
     script.cleanup();
     extension.cleanup();
   }
-  int run_lua(const char* code) {
-    const LuaTurn turn(script.gate);
-    return clua_run_string(script.lua_state, code);
-  }
+  int run_lua(const char* code) { return clua_run_string(script.lua_state, code); }
 
   PluginFolder folder;
   ManagerScript script;
@@ -56,27 +53,35 @@ class Extension : public testing::Test {
 };
 
 TEST_F(Extension, WholeLifeInOrder) {
-  folder.put("libes_plain.so", 20);
+  folder.put("libes_throws_at_end.so", 0);
   folder.put("libes_no_prepare.so", 10);
-  folder.put("libes_plain_link.so", 30);  // the first one once more
-  folder.put("libea_adds_global.so", 0);
+  folder.put("libes_plain.so", 20);
+  folder.put("libes_plain_link.so", 30);  // once more
   folder.put("libes_nowhere.so", 40);
+  folder.put("libea_adds_global.so", 0);
+  folder.put("libea_raises_at_end.so", 10);
   extension.load(folder.path.c_str());
-  EXPECT_EQ(
-      new_lines(),
-      (Lines{"<2> mextension: load extension files...", load_line("libes_no_prepare.so"), "<2> es_no_prepare: init",
-             load_line("libes_plain.so"), "<2> es_plain: init", load_line("libes_plain_link.so"),
-             "<1> mextension: eSource[libes_plain_link.so]: already loaded as [libes_plain.so]",
-             load_line("libes_nowhere.so"),
-             "<1> mextension: libes_nowhere.so: cannot open shared object file: No such file or directory",
-             "<1> mextension: eSource[libes_nowhere.so]: Failed to load so eSource file[libes_nowhere.so]",
-             load_line("libea_adds_global.so"), "<2> ea_adds_global: init with 0 on the stack"}));
+  EXPECT_EQ(new_lines(),
+            (Lines{"<2> mextension: load extension files...", load_line("libes_throws_at_end.so"),
+                   load_line("libes_no_prepare.so"), "<2> es_no_prepare: init", load_line("libes_plain.so"),
+                   "<2> es_plain: init", load_line("libes_plain_link.so"),
+                   "<1> mextension: eSource[libes_plain_link.so]: already loaded as [libes_plain.so]",
+                   load_line("libes_nowhere.so"),
+                   "<1> mextension: libes_nowhere.so: cannot open shared object file: No such file or directory",
+                   "<1> mextension: eSource[libes_nowhere.so]: Failed to load so eSource file[libes_nowhere.so]",
+                   load_line("libea_adds_global.so"), "<2> ea_adds_global: init with 0 on the stack",
+                   load_line("libea_raises_at_end.so"), "<2> ea_raises_at_end: init with 0 on the stack"}));
   EXPECT_EQ(lua_gettop(script.lua_state), 0);
   EXPECT_EQ(run_lua("assert(ea_adds_global() == 'ea_adds_global')"), 1);
   end();
-  EXPECT_EQ(new_lines(), (Lines{"<2> mextension: prepare_cleanup", "<2> es_plain: prepare",
-                                "<2> ea_adds_global: prepare", "<2> mextension: cleanup", "<2> es_no_prepare: cleanup",
-                                "<2> es_plain: cleanup", "<2> ea_adds_global: cleanup"}));
+  EXPECT_EQ(new_lines(),
+            (Lines{"<2> mextension: prepare_cleanup",
+                   "<1> mextension: eSource[libes_throws_at_end.so]: an exception of the plug-in's own",
+                   "<2> es_plain: prepare", "<2> ea_adds_global: prepare", "<2> ea_raises_at_end: prepare",
+                   "<1> mextension: eAction[libea_raises_at_end.so]: cannot prepare", "<2> mextension: cleanup",
+                   "<2> es_throws_at_end: cleanup", "<1> mextension: eSource[libes_throws_at_end.so]: unknown error",
+                   "<2> es_no_prepare: cleanup", "<2> es_plain: cleanup", "<2> ea_adds_global: cleanup",
+                   "<2> ea_raises_at_end: cleanup"}));
 }
 
 // Each in a folder with its older link, which is no second chance.
@@ -121,44 +126,14 @@ TEST_F(Extension, OneThatFailsIsUnloaded) {
   EXPECT_EQ(new_lines().back(), "<1> mextension: eAction[libea_absent.so]: failed to load so eAction file");
 }
 
-TEST_F(Extension, WhatIsThrownAtTheEndIsLoggedAndPassedOver) {
-  folder.put("libes_throws_at_end.so", 0);
-  folder.put("libes_plain.so", 10);
-  folder.put("libea_raises_at_end.so");
-  extension.load(folder.path.c_str());
-  new_lines();
-  end();
-  EXPECT_EQ(new_lines(),
-            (Lines{"<2> mextension: prepare_cleanup",
-                   "<1> mextension: eSource[libes_throws_at_end.so]: an exception of the plug-in's own",
-                   "<2> es_plain: prepare", "<2> ea_raises_at_end: prepare",
-                   "<1> mextension: eAction[libea_raises_at_end.so]: cannot prepare", "<2> mextension: cleanup",
-                   "<2> es_throws_at_end: cleanup", "<1> mextension: eSource[libes_throws_at_end.so]: unknown error",
-                   "<2> es_plain: cleanup", "<2> ea_raises_at_end: cleanup"}));
-}
-
-TEST_F(Extension, AFolderWithoutPlugins) {
-  folder.put("notes.txt");
-  for (const std::string& dir : {folder.path.string(), folder.path.string() + "/none", std::string()}) {
-    extension.load(dir.c_str());
-    EXPECT_EQ(new_lines(), (Lines{"<2> mextension: load extension files..."})) << dir;
-  }
-}
-
-std::string long_name(size_t size) {
-  return "libes" + std::string(size - 8, 'x') + ".so";
-}
-
 TEST(Discovery, FindsAllOfOneKindNewestFirst) {
   standin::reset();
   const PluginFolder folder;
-  std::vector<std::string> wanted;
-  for (int i = 0; i < 40; ++i) {
-    wanted.push_back("libes" + std::to_string(i) + ".so");
-    folder.put(wanted.back(), i);
-  }
+  const auto long_name = [](size_t size) { return "libes" + std::string(size - 8, 'x') + ".so"; };
+  Lines wanted;
+  for (int i = 0; i < 40; ++i) wanted.push_back("libes" + std::to_string(i) + ".so");
   wanted.push_back(long_name(62));
-  folder.put(long_name(62), 50);
+  for (size_t i = 0; i < wanted.size(); ++i) folder.put(wanted[i], static_cast<int>(i));
   folder.put(long_name(63), 60);
   folder.put("libea.so");
   folder.put("libes.so.1");
@@ -178,6 +153,8 @@ TEST(Discovery, FindsAllOfOneKindNewestFirst) {
   often = {};
   setitimer(ITIMER_REAL, &often, nullptr);
   EXPECT_EQ(list_plugins(folder.path.string(), "ea"), Lines{"libea.so"});
+  for (const std::string& none : {folder.path.string() + "/libes.d.so", folder.path.string() + "/none", std::string()})
+    EXPECT_EQ(list_plugins(none, "es"), Lines{}) << none;
   EXPECT_EQ(standin::log_lines(),
             (Lines{"<1> mextension: file name longer than 62 characters, not loaded[" + long_name(63) + "]"}));
 }

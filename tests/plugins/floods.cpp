@@ -1,8 +1,8 @@
 // libes_floods.so: posts 100,000 numbered events from a thread of its own, as fast as they are taken.
 #include <zelvind/plugin.h>
 
+#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <thread>
 
 static std::thread flood;
@@ -15,8 +15,7 @@ extern "C" int esource_init() {
       const int result = event_post(5, "flood", info);
       if (result == -1) return;
       if (result == 1) ++number;
-      const timespec pause{0, 1000000};
-      if (result == -2) nanosleep(&pause, nullptr);
+      if (result == -2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     event_post(5, "flood", "n=0");
   });
