@@ -1,5 +1,7 @@
 #include "app/conf_file.h"
 
+#include <exception>
+
 #include "app/except.h"
 #include "device/config_store.h"
 
@@ -21,12 +23,17 @@ ConfFile::~ConfFile() {
   econf_close(handle);
 }
 
-int ConfFile::get_int(const char* key, int otherwise) {
+// What a device's own library throws is no value either.
+int ConfFile::get_int(const char* key, int otherwise) try {
   int value = 0;
   return econf_get_int(handle, key, &value) < 0 ? otherwise : value;
+} catch (const std::exception&) {
+  return otherwise;
 }
 
-std::string ConfFile::get_str(const char* key, const std::string& otherwise) {
+std::string ConfFile::get_str(const char* key, const std::string& otherwise) try {
   char value[10240] = "";
   return econf_get_str(handle, key, value, sizeof(value)) < 0 ? otherwise : std::string(value);
+} catch (const std::exception&) {
+  return otherwise;
 }

@@ -1,6 +1,8 @@
 #include "extension/loaded_plugin.h"
 
 #include <dlfcn.h>
+#include <link.h>
+#include <sys/stat.h>
 
 #include <exception>
 
@@ -69,6 +71,14 @@ void keep_mapped(const LoadedPlugin& plugin) {
   if (plugin.kind->has_lua) dlopen(plugin.path.c_str(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
+void note_file(LoadedPlugin& plugin) {
+  link_map* library = nullptr;
+  struct stat status {};
+  if (dlinfo(plugin.handle, RTLD_DI_LINKMAP, &library) != 0 || stat(library->l_name, &status) != 0) return;
+  plugin.device = status.st_dev;
+  plugin.inode = status.st_ino;
+}
+
 void log_failure(const LoadedPlugin& plugin, const std::string& error) {
   elog(1, "mextension: %s[%s]: %s", plugin.kind->name, plugin.path.c_str(), error.c_str());
 }
@@ -77,9 +87,9 @@ void log_failure(const LoadedPlugin& plugin, const std::string& error) {
 
 void open_plugin(LoadedPlugin& plugin) {
   plugin.handle = dlopen(plugin.path.c_str(), RTLD_LAZY);
-  if (plugin.handle != nullptr) return;
+  if (plugin.handle != nullptr) return note_file(plugin);
   const char* const reason = dlerror();
-  elog(2, "mextension: %s", reason == nullptr ? "no reason given" : reason);
+  elog(1, "mextension: %s", reason == nullptr ? "no reason given" : reason);
   throw except_base(plugin.kind->open_error, plugin.path.c_str());
 }
 

@@ -4,6 +4,8 @@
 // whose class may be the plug-in's own, nor a Lua frame. So every call here ends with a plain text.
 #pragma once
 
+#include <sys/types.h>
+
 #include <lua.hpp>
 #include <string>
 
@@ -27,6 +29,8 @@ struct LoadedPlugin {
   const PluginKind* kind;
   std::string path;                      // as passed to dlopen
   void* handle = nullptr;                // null when closed
+  dev_t device = 0;                      // which file that is, once it has been opened
+  ino_t inode = 0;                       // 0: not known
   EntryPoint init = nullptr;             // int (*)(), or int (*)(lua_State*) when the kind has Lua
   EntryPoint prepare_cleanup = nullptr;  // may be null
   EntryPoint cleanup = nullptr;

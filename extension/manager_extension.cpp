@@ -10,18 +10,23 @@
 
 namespace {
 
-// A link beside the file, as version numbers bring them, is the same library: its init must not run twice.
-void refuse_second_name(const LoadedPlugin& plugin, const ManagerExtension::Plugins& plugins) {
-  for (const auto& other : plugins) {
-    if (other->handle == plugin.handle) throw except_base("already loaded as [%s]", other->path.c_str());
+using Plugins = ManagerExtension::Plugins;
+
+// A link beside the file, as version numbers bring them, is the same library: its init must not run twice, also not
+// when it has failed.
+void refuse_second_name(const LoadedPlugin& plugin, const Plugins& others, const char* what) {
+  for (const auto& other : others) {
+    const bool is_same = plugin.inode != 0 && other->inode == plugin.inode && other->device == plugin.device;
+    if (is_same) throw except_base("already %s as [%s]", what, other->path.c_str());
   }
 }
 
 // Returns false, with the text in `error`, when a step failed; what was opened is still open then.
-bool load_plugin(LoadedPlugin& plugin, const ManagerExtension::Plugins& plugins, std::string& error) {
+bool load_plugin(LoadedPlugin& plugin, const Plugins& loaded, const Plugins& failed, std::string& error) {
   try {
     open_plugin(plugin);
-    refuse_second_name(plugin, plugins);
+    refuse_second_name(plugin, loaded, "loaded");
+    refuse_second_name(plugin, failed, "refused");
     const LuaTurn turn(g_mscript->gate);
     init_plugin(plugin, g_mscript->lua_state);
     return true;
@@ -41,18 +46,20 @@ void ManagerExtension::load(const char* dir) {
 }
 
 void ManagerExtension::load_kind(const PluginKind& kind, Plugins& plugins, const char* dir) {
+  Plugins failed;
   for (const std::string& name : list_plugins(dir, kind.tag)) {
     elog(2, "mextension: load %s file[%s]...", kind.tag, name.c_str());
     auto plugin = std::make_unique<LoadedPlugin>();
     plugin->kind = &kind;
     plugin->path = name;
     std::string error;
-    if (load_plugin(*plugin, plugins, error)) {
+    if (load_plugin(*plugin, plugins, failed, error)) {
       plugins.push_back(std::move(plugin));
       continue;
     }
     unload_plugin(*plugin);
     elog(1, "mextension: %s[%s]: %s", kind.name, name.c_str(), error.c_str());
+    failed.push_back(std::move(plugin));
   }
 }
 

@@ -211,7 +211,10 @@ TEST_F(DeviceQueue, TheSilentMakePlaceForThoseWhoWait) {
   send_all(waiting, "3 waited\n");
   const clock_t cpu = clock();
   std::string event;
-  for (int i = 0; i < 8 && event.empty(); ++i) event = next(1000);
+  for (int i = 0; i < 8 && event.empty(); ++i) {
+    send_all(silent[0], "x");  // bytes alone keep no place
+    event = next(1000);
+  }
   EXPECT_EQ(event, "3 waited ");
   EXPECT_LT(clock() - cpu, CLOCKS_PER_SEC / 5);  // nobody spins meanwhile
   // By now the others were silent as long, but they speak before anybody is told that one more waits.
@@ -223,7 +226,7 @@ TEST_F(DeviceQueue, TheSilentMakePlaceForThoseWhoWait) {
   EXPECT_EQ(recv(silent[0].get(), &byte, 1, MSG_DONTWAIT), 0);
   for (size_t i = 1; i < silent.size(); ++i) EXPECT_LT(recv(silent[i].get(), &byte, 1, MSG_DONTWAIT), 0) << i;
   EXPECT_EQ(logged(), "<1> evq: closed process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
-                          ", silent for 5 s while others wait\n");
+                          ", without a line for 5 s while others wait\n");
 }
 
 TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
@@ -237,6 +240,11 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
       {"event_post(5, 'door', 'state=open')", "true nil"},
       {"event_post(6, 'door')", "true nil"},
       {"event_post(6, 'do or')", "false the name holds a blank or a control character"},
+      {"event_post(6, 'n\\0', '')", "false the name holds a blank or a control character"},
+      {"event_post(6, 'n', 'a=1\\0')", "false the info holds a zero byte"},
+      {"pcall(event_post, 2^32 + 9999, 'n')", "false bad argument #1 to '?' (whole 32-bit number expected)"},
+      {"pcall(event_post, -1.5, 'n')", "false bad argument #1 to '?' (whole 32-bit number expected)"},
+      {"pcall(event_post, 0/0, 'n')", "false bad argument #1 to '?' (whole 32-bit number expected)"},
       {"pcall(event_post, 'x')", "false bad argument #1 to '?' (number expected, got string)"},
   };
   for (const auto& row : rows) {

@@ -131,21 +131,23 @@ bool EventPosters::serve(Poster& poster) {
 ssize_t EventPosters::recv_piece(Poster& poster) {
   // recv, never recvmsg: what somebody passes along beside the bytes, descriptors above all, is thrown away.
   const ssize_t got = recv(poster.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-  if (got > 0) {
-    poster.heard_ms = steady_ms();
-    take_in(poster, std::string_view(buffer, static_cast<size_t>(got)), false);
-  }
+  const bool has_line = got > 0 && take_in(poster, std::string_view(buffer, static_cast<size_t>(got)), false);
+  if (has_line) poster.heard_ms = steady_ms();
   return got;
 }
 
-void EventPosters::take_in(Poster& poster, std::string_view piece, bool is_end) {
+// Returns true when a line came to its end, or was given up as too long.
+bool EventPosters::take_in(Poster& poster, std::string_view piece, bool is_end) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
+  bool has_line = false;
   const auto take = [&](std::string_view line) {
+    has_line = true;
     take_line(poster, line, static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec / 1000));
   };
   poster.lines.feed(piece, take);
   if (is_end) poster.lines.finish(take);
+  return has_line;
 }
 
 void EventPosters::take_line(const Poster& poster, std::string_view line, int32_t seconds, int32_t microseconds) {
@@ -203,20 +205,24 @@ bool EventPosters::accept_one() {
 // Returns true when there is a place.
 bool EventPosters::make_place() {
   Poster& poster = silent_longest();
-  if (steady_ms() - poster.heard_ms < kPosterSilenceMs) return false;
+  const int64_t due = poster.heard_ms + kPosterSilenceMs;
+  if (steady_ms() < due) return false;
   pollfd waiting{listening, POLLIN, 0};
   if (poll(&waiting, 1, 0) == 0) {
     someone_waits = false;
     return false;
   }
-  if (serve(poster)) return poster_count < kPostersMax;  // it spoke, and it is we who did not listen
-  shutdown(poster.fd, SHUT_RD);                          // from here on its sends fail: nothing is lost unseen
+  serve(poster);
+  if (poster_count < kPostersMax) return true;
+  if (poster.heard_ms + kPosterSilenceMs > due) return false;  // it spoke, and it is we who did not listen
+  shutdown(poster.fd, SHUT_RD);                                // from here on its sends fail: nothing is lost unseen
   while (recv_piece(poster) > 0) {
   }
   LeftOut left_out;
   if (may_say(closed_limit, left_out)) {
     const ucred peer = peer_of(poster.fd);
-    elog(1, "evq: closed process %d of user %u, silent for 5 s while others wait%s", peer.pid, peer.uid, left_out.text);
+    elog(1, "evq: closed process %d of user %u, without a line for 5 s while others wait%s", peer.pid, peer.uid,
+         left_out.text);
   }
   drop(poster);
   return true;

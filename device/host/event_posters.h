@@ -6,8 +6,8 @@
 //     ready but not served yet come first next time.
 //   - Nothing is read while enough events wait here, so a poster that is faster than the loop waits in its send.
 //   - With all places taken and somebody waiting to be accepted, the poster that was silent longest, and for long
-//     enough, has to go. The listening socket is watched for edges: a connection that cannot be accepted yet must not
-//     wake the loop again and again.
+//     enough, has to go. Silent is who ends no line, however many bytes come. The listening socket is watched for
+//     edges: a connection that cannot be accepted yet must not wake the loop again and again.
 //
 // open and close: main thread, while the script thread does not run. Everything else: script thread.
 #pragma once
@@ -55,7 +55,7 @@ class EventPosters {
  private:
   struct Poster {
     int fd = -1;           // -1: a free place
-    int64_t heard_ms = 0;  // steady_ms of its last bytes
+    int64_t heard_ms = 0;  // steady_ms of the last end of a line: bytes alone would let anybody keep a place
     PosterLines lines;
   };
 
@@ -64,7 +64,7 @@ class EventPosters {
   void serve_ready(int64_t until_ms);
   bool serve(Poster& poster);
   ssize_t recv_piece(Poster& poster);
-  void take_in(Poster& poster, std::string_view bytes, bool is_end);
+  bool take_in(Poster& poster, std::string_view bytes, bool is_end);
   void take_line(const Poster& poster, std::string_view line, int32_t seconds, int32_t microseconds);
   void accept_waiting();
   bool accept_one();

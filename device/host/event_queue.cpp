@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
@@ -67,21 +68,40 @@ EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
   return nullptr;
 }
 
-const char* refusal(int result, const char* type_name) {
-  if (result == -2) return "the queue is full";
-  const char* wrong = check_event_name(type_name);
-  return wrong != nullptr ? wrong : "the queue is closed";
+// The type of an event: a narrowed one could be another's, or the one that ends the loop.
+int type_arg(lua_State* L, int index) {
+  const int type = number_arg(L, index);
+  if (lua_tonumber(L, index) != type) throw ArgumentError(index, "whole 32-bit number expected");
+  return type;
+}
+
+// As text_arg, zero bytes included.
+std::string_view bytes_arg(lua_State* L, int index) {
+  const char* text = text_arg(L, index);
+  return {text, lua_objlen(L, index)};
+}
+
+// What is wrong with an event, or null.
+const char* check_event(std::string_view name, std::string_view info) {
+  const char* wrong = check_event_name(name);
+  if (wrong == nullptr && info.find('\0') != std::string_view::npos) wrong = "the info holds a zero byte";
+  return wrong;
 }
 
 // event_post(type, name [, info]): true, or false and a reason.
 int lua_event_post(lua_State* L) {
-  const int type = number_arg(L, 1);
-  const char* type_name = text_arg(L, 2);
-  const char* info = lua_isnoneornil(L, 3) ? "" : text_arg(L, 3);
-  const int result = event_post(type, type_name, info);
-  lua_pushboolean(L, result > 0);
-  if (result > 0) return 1;
-  lua_pushstring(L, refusal(result, type_name));
+  const int type = type_arg(L, 1);
+  const std::string_view name = bytes_arg(L, 2);
+  const std::string_view info = lua_isnoneornil(L, 3) ? std::string_view() : bytes_arg(L, 3);
+  const char* wrong = check_event(name, info);
+  if (wrong == nullptr) {
+    const int result = queue().inbox.post(type, name, info);
+    if (result == -1) wrong = "the queue is closed";
+    if (result == -2) wrong = "the queue is full";
+  }
+  lua_pushboolean(L, wrong == nullptr);
+  if (wrong == nullptr) return 1;
+  lua_pushstring(L, wrong);
   return 2;
 }
 

@@ -14,7 +14,8 @@
 class EventSocket {
  public:
   // Makes folders, lock and socket below DEVICE_ROOT. Returns the listening descriptor, non-blocking and owned by this
-  // object, or -1 after one level 1 line: the caller runs without. The socket file is removed by close(), or else at
+  // object, or -1 after one level 1 line (for a root that is not absolute, under_device_root has
+  // said it): the caller runs without. The socket file is removed by close(), or else at
   // the exit of the process that made it; `this` must live until then. Main thread.
   int open();
 

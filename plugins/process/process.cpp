@@ -45,7 +45,8 @@ void push_table_field(lua_State* L, int table, const char* name) {
   lua_rawset(L, table);
 }
 
-// Sees to it that our handler is among those of "proc_done": a script may have replaced the table.
+// Sees to it that our handler is among those of "proc_done": a script may have replaced the table, and then the events
+// of programs that have ended since went by unheard.
 void ensure_handler(lua_State* L) {
   const int top = lua_gettop(L);
   push_table_field(L, LUA_GLOBALSINDEX, "es_proc_done");
@@ -68,6 +69,7 @@ void ensure_handler(lua_State* L) {
     lua_pushcfunction(L, proc_done);
     lua_rawseti(L, -2, 2);
     lua_rawseti(L, list, count + 1);
+    program_runner::post_again();
   }
   lua_settop(L, top);
 }

@@ -29,6 +29,7 @@ int64_t steady_ms();
 int start_thread(pthread_t* thread, void* (*body)(void*), void* argument);
 
 // Moves a descriptor to a number above 2, where scripts print to nothing of ours. Returns it, or -1 with errno set.
+// The daemon and the uevent plug-in have the same few lines: a plug-in builds alone.
 int above_standard_streams(int fd);
 
 class Program {

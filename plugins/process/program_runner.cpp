@@ -23,7 +23,8 @@
 namespace program_runner {
 namespace {
 
-constexpr int kRetryMs = 100;  // for an event that found the queue full
+constexpr int kRetryMs = 100;   // for an event that found the queue full
+constexpr int kAgainMs = 1000;  // from one time that all results are posted again to the next
 
 using ProgramPtr = std::unique_ptr<Program>;
 using Lock = std::lock_guard<std::mutex>;
@@ -42,6 +43,7 @@ struct Runner {
 
   std::mutex mutex;
   bool stopping = false;               // under mutex
+  bool again_wanted = false;           // under mutex: all that is finished is to be posted again
   std::set<int> in_hand;               // under mutex: wanted, running or finished
   std::vector<ProgramPtr> wanted;      // under mutex: not started yet
   std::map<int, ProgramPtr> finished;  // under mutex: until their result is dropped
@@ -49,6 +51,7 @@ struct Runner {
   // The runner's thread only.
   std::vector<ProgramPtr> running;
   std::vector<std::pair<int, int>> unposted;  // id and status
+  int64_t again_not_before = 0;               // steady_ms
 };
 
 // A plain pointer: a static object with a destructor would be destroyed under the threads when the process ends without
@@ -89,6 +92,16 @@ void finish_ended(Runner& runner) {
   runner.running.erase(ended, runner.running.end());
 }
 
+// An event that was still on its way comes twice then; the second one finds no result and is passed over.
+void unpost_finished(Runner& runner, int64_t now) {
+  const Lock lock(runner.mutex);
+  if (!runner.again_wanted || now < runner.again_not_before) return;
+  runner.unposted.clear();
+  for (const auto& [id, program] : runner.finished) runner.unposted.emplace_back(id, program->status);
+  runner.again_wanted = false;
+  runner.again_not_before = now + kAgainMs;
+}
+
 // What a full queue refuses is tried again later; a closed one has nobody behind it any more.
 void post_finished(Runner& runner) {
   while (!runner.unposted.empty()) {
@@ -100,9 +113,13 @@ void post_finished(Runner& runner) {
   }
 }
 
-int wait_ms(const Runner& runner) {
+int wait_ms(Runner& runner) {
   int64_t wait = runner.unposted.empty() ? INT_MAX : kRetryMs;
   const int64_t now = steady_ms();
+  {
+    const Lock lock(runner.mutex);
+    if (runner.again_wanted) wait = std::min(wait, runner.again_not_before - now);
+  }
   for (const ProgramPtr& program : runner.running) wait = std::min(wait, program->next_look() - now);
   if (wait == INT_MAX) return -1;
   return static_cast<int>(std::max<int64_t>(wait, 0));
@@ -124,6 +141,7 @@ bool one_pass(Runner& runner) {
   finish_ended(runner);
   const int64_t now = steady_ms();
   for (const ProgramPtr& program : runner.running) program->enforce_time(now);
+  unpost_finished(runner, now);
   post_finished(runner);
   wait_and_read(runner);
   return true;
@@ -187,14 +205,18 @@ int next_id() noexcept {
 const char* run(int id, const char* const* argv, int timeout_ms) noexcept try {
   if (g_runner == nullptr) return "the daemon is ending";
   auto program = std::make_unique<Program>(id, argv, timeout_ms, g_runner->wake_fd);
+  bool is_full = false;
   {
     const Lock lock(g_runner->mutex);
-    if (g_runner->in_hand.size() >= kProgramsMax) return "too many programs";
-    g_runner->wanted.push_back(std::move(program));
-    g_runner->in_hand.insert(id);
+    is_full = g_runner->in_hand.size() >= kProgramsMax;
+    g_runner->again_wanted = g_runner->again_wanted || is_full;
+    if (!is_full) {
+      g_runner->wanted.push_back(std::move(program));
+      g_runner->in_hand.insert(id);
+    }
   }
   wake(*g_runner);
-  return nullptr;
+  return is_full ? "too many programs" : nullptr;
 } catch (...) {
   return "not enough memory";
 }
@@ -207,6 +229,15 @@ bool find_result(int id, Result* result) noexcept {
   const Program& program = *found->second;
   *result = {program.status, program.output.data(), program.output.size()};
   return true;
+}
+
+void post_again() noexcept {
+  if (g_runner == nullptr) return;
+  {
+    const Lock lock(g_runner->mutex);
+    g_runner->again_wanted = true;
+  }
+  wake(*g_runner);
 }
 
 void drop_result(int id) noexcept {

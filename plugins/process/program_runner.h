@@ -26,7 +26,8 @@ void stop() noexcept;
 int next_id() noexcept;
 
 // Has the program argv[0] (a path, or a name to look up in PATH) started with the arguments argv, which a null pointer
-// ends; they are copied. Returns null, or the reason why nothing is done: a literal.
+// ends; they are copied. Returns null, or the reason why nothing is done: a literal. When there are
+// too many, the results that wait are posted again: their places come back even if their events are long gone.
 const char* run(int id, const char* const* argv, int timeout_ms) noexcept;
 
 struct Result {
@@ -37,6 +38,9 @@ struct Result {
 
 // Gives the result of a program that has ended. Returns false when there is none of that number.
 bool find_result(int id, Result* result) noexcept;
+
+// Has the event of every result posted once more, at most once a second: for results whose event went by unheard.
+void post_again() noexcept;
 
 // Forgets a result; its place is free for another program.
 void drop_result(int id) noexcept;

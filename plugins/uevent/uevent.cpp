@@ -132,7 +132,8 @@ void* thread_main(void*) {
   return nullptr;
 }
 
-// A descriptor that stands where a standard stream belongs would get what scripts print.
+// A descriptor that stands where a standard stream belongs would get what scripts print. The daemon and the process
+// plug-in have the same few lines: a plug-in builds alone, with nothing of the daemon but its header.
 int above_standard_streams(int fd) {
   if (fd < 0 || fd > 2) return fd;
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
@@ -152,11 +153,29 @@ bool start_thread() {
   return g_thread_started;
 }
 
+// libudev opens the monitor's socket itself: with the numbers of the standard streams taken meanwhile, it lands above
+// them also in a daemon that was started without the streams.
+udev_monitor* new_monitor() {
+  int held[3];
+  int count = 0;
+  while (count < 3) {
+    const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (fd < 0) break;
+    held[count++] = fd;
+    if (fd > 2) break;
+  }
+  udev_monitor* const monitor = udev_monitor_new_from_netlink(g_udev, "kernel");
+  const int error = errno;
+  while (count > 0) close(held[--count]);
+  errno = error;
+  return monitor;
+}
+
 // The kernel's own messages: they come on devices without a udev daemon too.
 bool start_monitor() {
   g_udev = udev_new();
   if (g_udev == nullptr) return false;
-  g_monitor = udev_monitor_new_from_netlink(g_udev, "kernel");
+  g_monitor = new_monitor();
   if (g_monitor == nullptr) return false;
   udev_monitor_set_receive_buffer_size(g_monitor, kReceiveBytes);
   return udev_monitor_enable_receiving(g_monitor) >= 0;

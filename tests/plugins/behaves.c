@@ -1,18 +1,14 @@
 /* A plug-in that says in the log what is called. One file for all that behave in C: definitions set its NAME, its kind
- * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_PREPARE, NO_CLEANUP) or does (RAISES).
- */
+ * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_PREPARE, NO_CLEANUP) or does (RAISES,
+ * RAISES_AT_END). */
 #include <zelvind/plugin.h>
 
-#if ZELVIND_PLUGIN_INTERFACE < 1
-#error "this plug-in needs a newer zelvind/plugin.h"
-#endif
 #ifndef INIT_RESULT
 #define INIT_RESULT 0
 #endif
 
 #ifdef SOURCE
 #define ENTRY(what) esource_##what
-
 #ifndef NO_INIT
 int esource_init(void) {
   elog(2, "%s: init", NAME);

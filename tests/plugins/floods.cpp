@@ -1,24 +1,18 @@
-// libes_floods.so: posts 100,000 numbered events from a thread of its own, as fast as they are taken.
+// libes_floods.so: posts 100,000 numbered events from a thread of its own, as fast as they are taken, and n=0 at last.
 #include <zelvind/plugin.h>
 
-#include <cstdio>
-#include <ctime>
+#include <chrono>
+#include <string>
 #include <thread>
 
 static std::thread flood;
 
 extern "C" int esource_init() {
   flood = std::thread([] {
-    for (int number = 1; number <= 100000;) {
-      char info[32];
-      snprintf(info, sizeof(info), "n=%d", number);
-      const int result = event_post(5, "flood", info);
-      if (result == -1) return;
-      if (result == 1) ++number;
-      const timespec pause{0, 1000000};
-      if (result == -2) nanosleep(&pause, nullptr);
+    for (int number = 1, result = 0; number <= 100001 && result != -1; number += result == 1 ? 1 : 0) {
+      result = event_post(5, "flood", ("n=" + std::to_string(number % 100001)).c_str());
+      if (result == -2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    event_post(5, "flood", "n=0");
   });
   return 1;
 }

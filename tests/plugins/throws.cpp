@@ -3,21 +3,15 @@
 
 #include <exception>
 
-namespace {
-
 class OwnException : public std::exception {
- public:
   const char* what() const noexcept override { return "an exception of the plug-in's own"; }
 };
-
-}  // namespace
 
 int esource_init() {
 #ifdef IN_INIT
   throw OwnException();
-#else
-  return 0;
 #endif
+  return 0;
 }
 
 void esource_prepare_cleanup() {
@@ -25,7 +19,7 @@ void esource_prepare_cleanup() {
 }
 
 void esource_cleanup() {
-  elog(2, "throws: cleanup");
+  elog(2, "%s: cleanup", NAME);
 #ifndef IN_INIT
   throw 5;
 #endif

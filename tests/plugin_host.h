@@ -1,0 +1,58 @@
+// What loads plug-ins in a test: the managers, and a temporary folder of empty files that are named like plug-ins. It
+// is only looked at for names: the loader finds the plug-ins themselves through the run path of the test program.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "extension/manager_extension.h"
+#include "script/clua.h"
+#include "script/manager_script.h"
+#include "tests/standin_device.h"
+
+using Lines = std::vector<std::string>;
+
+class PluginFolder {
+ public:
+  PluginFolder() {
+    char name[] = "/tmp/zelvind-plugins-XXXXXX";
+    path = mkdtemp(name);
+  }
+  ~PluginFolder() { std::filesystem::remove_all(path); }
+
+  // A file that was changed `age` seconds ago.
+  void put(const std::string& name, int age = 0) const {
+    std::ofstream(path / name).close();
+    std::filesystem::last_write_time(path / name, now - std::chrono::seconds(age));
+  }
+
+  std::filesystem::path path;
+
+ private:
+  const std::filesystem::file_time_type now = std::filesystem::file_time_type::clock::now();
+};
+
+class PluginHost : public testing::Test {
+ protected:
+  PluginHost() {
+    standin::reset();
+    script.init();
+  }
+  void run_lua(const char* code) {
+    ASSERT_EQ(clua_run_string(script.lua_state, code), 1) << clua_error_text(script.lua_state);
+  }
+  void end() {
+    extension.prepare_cleanup();
+    script.cleanup();
+    extension.cleanup();
+  }
+
+  PluginFolder folder;
+  ManagerScript script;
+  ManagerExtension extension;
+};
