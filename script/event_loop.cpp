@@ -26,8 +26,18 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
+void collect(ManagerScript& script) {
+  std::string error;
+  const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
+  if (!done) elog(1, "mscript: a finalizer failed - %s", error.c_str());
+}
+
 int run_timers_first(ManagerScript& script) {
   const LuaTurn turn(script.gate);
+  if (script.memory.is_short()) {
+    collect(script);
+    script.memory.lay_in();
+  }
   script.run_timers();
   assert(lua_gettop(script.lua_state) == 0);
   return next_wait_ms(script.coroutines, script.clock.milliseconds());
@@ -48,9 +58,7 @@ void idle_pass(ManagerScript& script) {
 void collect_now_and_then(ManagerScript& script) {
   if (g_dispatch_count++ % kEventsPerCollection != 0) return;
   elog(3, "mscript: repair lua");
-  std::string error;
-  const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
-  if (!done) elog(1, "mscript: a finalizer failed - %s", error.c_str());
+  collect(script);
 }
 
 // Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.
