@@ -30,8 +30,20 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
+void collect(ManagerScript& script) {
+  std::string error;
+  const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
+  LeftOut left_out;
+  if (done || !g_finalizer_lines.allow(steady_ms() / 1000, left_out)) return;
+  elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out.text);
+}
+
 int run_timers_first(ManagerScript& script) {
   const LuaTurn turn(script.gate);
+  if (script.memory.is_short()) {
+    collect(script);
+    script.memory.lay_in();
+  }
   script.run_timers();
   assert(lua_gettop(script.lua_state) == 0);
   if (script.coroutines.empty()) return kLongestWaitMs;  // without a look at the clock, which costs every event
@@ -53,11 +65,7 @@ void idle_pass(ManagerScript& script) {
 void collect_now_and_then(ManagerScript& script) {
   if (g_dispatch_count++ % kEventsPerCollection != 0) return;
   elog(3, "mscript: repair lua");
-  std::string error;
-  const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
-  LeftOut left_out;
-  if (done || !g_finalizer_lines.allow(steady_ms() / 1000, left_out)) return;
-  elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out.text);
+  collect(script);
 }
 
 // Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.

@@ -51,7 +51,7 @@ void ManagerScript::init() {
   elog(2, "mscript: init...");
   const LuaTurn turn(gate);
   clear_scripts();
-  lua_state = luaL_newstate();
+  lua_state = memory.new_state();
   if (lua_state == nullptr) throw except_base("mscript: no memory for the Lua state");
   lua_atpanic(lua_state, panic);
   ScriptStop::watch(lua_state);

@@ -17,6 +17,7 @@
 
 #include "device/event_queue.h"
 #include "script/lua_gate.h"
+#include "script/lua_memory.h"
 #include "script/script_clock.h"
 #include "script/script_coroutine.h"
 #include "script/script_stop.h"
@@ -74,6 +75,7 @@ class ManagerScript {
 
   // Everything below belongs to the thread that has the Lua state.
 
+  LuaMemory memory;
   lua_State* lua_state = nullptr;
   std::string handler_tag;                             // of the handler entry being run, or by set_handler_tag
   std::vector<std::unique_ptr<ScriptModule>> scripts;  // in load order

@@ -110,16 +110,17 @@ int lua_event_post(lua_State* L) {
 extern "C" {
 
 int helper_init(lua_State* L) {
-  EventQueue& q = queue();
   open_service();
-  if (!q.posters.is_open() && (!q.inbox.open() || !q.posters.open(q.inbox.wake_descriptor()))) {
-    elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
-    q.inbox.close();
+  std::string error;
+  // First of all: scripts that post are told when the queue could not be opened, and load.
+  if (!protect(L, error, [](lua_State* state) { lua_register(state, "event_post", api<lua_event_post>); })) {
+    elog(1, "evq: cannot add event_post to Lua: %s", error.c_str());
     return -1;
   }
-  std::string error;
-  if (protect(L, error, [](lua_State* state) { lua_register(state, "event_post", api<lua_event_post>); })) return 0;
-  elog(1, "evq: cannot add event_post to Lua: %s", error.c_str());
+  EventQueue& q = queue();
+  if (q.posters.is_open() || (q.inbox.open() && q.posters.open(q.inbox.wake_descriptor()))) return 0;
+  elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
+  q.inbox.close();
   return -1;
 }
 

@@ -1,0 +1,33 @@
+#include "script/lua_memory.h"
+
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+constexpr size_t kReserve = 64 * 1024;  // bytes: for the error's text, its line, and the collection's calls
+
+}  // namespace
+
+LuaMemory::~LuaMemory() {
+  free(reserve);
+}
+
+lua_State* LuaMemory::new_state() {
+  lay_in();
+  return lua_newstate(allocate, this);
+}
+
+void LuaMemory::lay_in() {
+  if (reserve == nullptr) reserve = malloc(kReserve);
+}
+
+void* LuaMemory::allocate(void* self, void* block, size_t, size_t size) {
+  if (size == 0) {
+    free(block);
+    return nullptr;
+  }
+  void* const result = realloc(block, size);
+  if (result == nullptr) free(std::exchange(static_cast<LuaMemory*>(self)->reserve, nullptr));
+  return result;
+}

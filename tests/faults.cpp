@@ -1,0 +1,64 @@
+// System calls that fail on demand: linked into a second daemon with the linker's --wrap, which sends the calls of its
+// own objects here. The environment variable FAULT says "CALL ERRNO SKIP COUNT": while the file $FAULT_ARMED is there,
+// the first SKIP calls of CALL succeed, and the next COUNT fail with ERRNO.
+#include <poll.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct Fault {
+  Fault() { sscanf(getenv("FAULT"), "%31s %d %d %d", call, &error, &skip, &count); }
+  char call[32] = "";
+  int error = 0, skip = 0, count = 0;
+  std::atomic<int> calls{0};
+};
+
+bool fails(const char* call) {
+  static Fault fault;
+  if (strcmp(fault.call, call) != 0) return false;
+  const int error = errno;
+  const bool armed = access(getenv("FAULT_ARMED"), F_OK) == 0;
+  errno = error;
+  if (!armed) return false;
+  const int number = fault.calls++;
+  if (number < fault.skip || number - fault.skip >= fault.count) return false;
+  errno = fault.error;
+  return true;
+}
+
+}  // namespace
+
+#define FALLIBLE(result, name, parameters, arguments)   \
+  extern "C" result __real_##name parameters;           \
+  extern "C" result __wrap_##name parameters;           \
+  extern "C" result __wrap_##name parameters {          \
+    return fails(#name) ? -1 : __real_##name arguments; \
+  }
+
+FALLIBLE(pid_t, fork, (), ())
+FALLIBLE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+FALLIBLE(int, bind, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
+FALLIBLE(int, listen, (int fd, int backlog), (fd, backlog))
+FALLIBLE(int, accept4, (int fd, sockaddr* address, socklen_t* size, int flags), (fd, address, size, flags))
+FALLIBLE(ssize_t, send, (int fd, const void* bytes, size_t size, int flags), (fd, bytes, size, flags))
+FALLIBLE(ssize_t, recv, (int fd, void* bytes, size_t size, int flags), (fd, bytes, size, flags))
+FALLIBLE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms), (fds, count, timeout_ms))
+FALLIBLE(int, eventfd, (unsigned count, int flags), (count, flags))
+FALLIBLE(int, epoll_create1, (int flags), (flags))
+FALLIBLE(int, epoll_wait, (int fd, epoll_event* events, int max, int timeout_ms), (fd, events, max, timeout_ms))
+
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                                     void* argument) {
+  return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, argument);
+}

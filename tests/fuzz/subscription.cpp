@@ -1,0 +1,57 @@
+// What a client sends, taken apart as the event_recv thread does it, in a client's own buffer. Input: the size of the
+// pieces (one byte; from 128 on zeros are put in the middle, so that the longest packet can come), then the bytes.
+#include <algorithm>
+#include <string>
+
+#include "listener/client_protocol.h"
+#include "listener/listener_client.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace {
+
+// What has to be found at the front of `held`, read from the description of the packets.
+PacketKind reference(const std::string& held) {
+  if (held.size() < 4) return PacketKind::incomplete;
+  int64_t length = 0;
+  for (size_t i = 0; i < 4; ++i) length += int64_t{static_cast<unsigned char>(held[i])} << (8 * i);
+  if (length == 0) return PacketKind::reset;
+  if (length < 9 || length > 65024) return PacketKind::bad_length;
+  if (static_cast<size_t>(length) > held.size()) return PacketKind::incomplete;
+  return held[static_cast<size_t>(length) - 1] == '\0' ? PacketKind::subscription : PacketKind::bad_end;
+}
+
+void take_packets(ListenerClient& client) {
+  for (;;) {
+    const std::string held(client.recv_buf.get(), static_cast<size_t>(client.recv_len));
+    const Exact exact(held);
+    const ClientPacket packet = next_packet(exact.data.get(), client.recv_len);
+    HOLDS(packet.kind == reference(held));
+    if (packet.kind == PacketKind::incomplete) return;
+    if (packet.kind != PacketKind::subscription) client.recv_len = 0;
+    if (packet.kind != PacketKind::subscription) return;
+    HOLDS(packet.type_string == exact.data.get() + 8 && packet.length <= client.recv_len);
+    HOLDS(strlen(packet.type_string) < static_cast<size_t>(packet.length) - 8);
+    client.consume(packet.length);
+    HOLDS(held.compare(static_cast<size_t>(packet.length), std::string::npos, client.recv_buf.get(),
+                       static_cast<size_t>(client.recv_len)) == 0);
+  }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  std::string input(reinterpret_cast<const char*>(data) + 1, size - 1);
+  if (data[0] >= 128) input.insert(input.size() / 2, size_t{64900} + data[0], '\0');
+  const size_t piece_size = data[0] >= 128 ? 512 : size_t{data[0]} + 1;
+  ListenerClient client;
+  for (size_t fed = 0; fed < input.size(); fed += piece_size) {
+    const std::string piece = input.substr(fed, piece_size);
+    client.make_room(static_cast<int>(piece.size()));
+    memcpy(client.recv_buf.get() + client.recv_len, piece.data(), piece.size());
+    client.recv_len += static_cast<int>(piece.size());
+    take_packets(client);
+    HOLDS(client.recv_len < 65024 && client.recv_cap <= 65536);
+  }
+  return 0;
+}

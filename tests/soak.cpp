@@ -1,0 +1,316 @@
+// The real daemon in a crowd: numbered events from processes and from a plug-in, clients that read, come and go, stall
+// and send rubbish, scripts that fail, reloads, signals. Nothing may be lost, doubled, out of order or left behind.
+//
+// ZELVIND_SOAK_SECONDS sets how long (30), ZELVIND_SOAK_SEED repeats a run's choices. dev/soak starts it.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "tests/event_client.h"
+#include "tests/real_daemon.h"
+#include "util/descriptor.h"
+#include "util/unix_socket.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr int kPosters = 5;  // number 0 is the plug-in
+constexpr int kReaders = 3;
+
+constexpr char kScript[] = R"lua(
+script_define('soak', {})
+seen = seen or { [0] = 0, 0, 0, 0, 0 }
+faults, started, done = faults or 0, started or 0, done or 0
+on('soak', function()
+  local poster, n = evt_field_int('poster'), evt_field_int('n')
+  if n ~= seen[poster] + 1 then
+    faults = faults + 1
+    trace(1, 'soak: poster ' .. poster .. ' at ' .. seen[poster] .. ' got ' .. n)
+  end
+  seen[poster] = n
+end)
+on('soak', function()
+  local n = evt_field_int('n')
+  if n % 1009 == 0 then error(n % 2 == 0 and 'planned' or {}) end
+end)
+on('soak_posted', function() trace(1, 'soak: plug-in ' .. evt_field_int('n')) end)
+on('soak_report', function()
+  trace(1, 'soak: ' .. table.concat(seen, ' ', 0, 4) .. ', faults ' .. faults .. ', programs left ' .. started - done)
+end)
+tmr_add(function() tmr_delete() error('planned') end, 1, 0, nil)
+cr_add(function() for _ = 1, 10 do cr_yield(20) end error('planned') end, 0, nil)
+started = started + 1
+proc_run({ '/bin/true' }, 10, function() done = done + 1 end)
+)lua";
+
+int setting(const char* name, int otherwise) {
+  const char* const text = getenv(name);
+  return text == nullptr ? otherwise : atoi(text);
+}
+
+std::string info_of(int poster, int number) {
+  const std::string info = "poster=" + std::to_string(poster) + "&n=" + std::to_string(number);
+  return poster == 0 ? info : info + "&pad=" + std::string(number % 97 == 0 ? 3000 : number % 50, '.');
+}
+
+// What one client has been sent.
+class Sequence {
+ public:
+  // Takes an event in. False when it is damaged, or comes too early, too late or again; one that is left out is only
+  // allowed when not `gapless`.
+  bool take(const EventClient::Event& event, bool gapless) {
+    int poster = -1;
+    int number = -1;
+    if (sscanf(event.info.c_str(), "poster=%d&n=%d", &poster, &number) != 2) return false;
+    int& before = last[poster];
+    const bool fits = gapless ? number == before + 1 : number > before;
+    before = number;
+    return fits && event.info == info_of(poster, number);
+  }
+  std::map<int, int> last;  // of each poster
+};
+
+class Soak : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("SOAK_GATE", daemon.path("gate").c_str(), 1);
+    setenv("LD_LIBRARY_PATH", PLUGIN_DIR, 1);
+    setenv("ASAN_OPTIONS", "quarantine_size_mb=16", 1);
+    daemon.write("opt/flash/mtd4-cfg/zelvind.info",
+                 "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") +
+                     "\ndll_path = " + daemon.path("plugins") + "\n");
+    for (const char* name : {"libessoak.so", "libeaprocess.so"}) daemon.write(std::string("plugins/") + name, "");
+    daemon.write("scripts/soak.lua", kScript);
+    ASSERT_TRUE(daemon.start());
+    const std::string text = daemon.log();
+    const std::string line = "listening on port ";
+    port = atoi(text.c_str() + text.find(line) + line.size());
+  }
+
+  bool pausing(std::mt19937& random, int ms) const {
+    const auto until = Clock::now() + milliseconds(static_cast<int>(random() % static_cast<unsigned>(ms)));
+    while (crowd && Clock::now() < until) std::this_thread::sleep_for(milliseconds(10));
+    return crowd;
+  }
+
+  // Posts batches over connections of their own, in pieces of any size; each batch is known to have been taken in.
+  void post_events(int poster) {
+    std::mt19937 random(seed + static_cast<unsigned>(poster));
+    while (posting) {
+      std::string lines;
+      for (auto count = random() % 300 + 1; count > 0; --count) {
+        if (random() % 200 == 0) lines += random() % 2 == 0 ? "rubbish\n" : "9 \n";
+        lines += "1 soak " + info_of(poster, ++posted[poster]) + "\n";
+      }
+      const Descriptor socket(unix_stream_socket());
+      ASSERT_EQ(unix_connect(socket.get(), daemon.path("run/zelvind/events.sock")), 0);
+      for (size_t sent = 0; sent < lines.size();) {
+        const size_t piece = std::min<size_t>(random() % 20000 + 1, lines.size() - sent);
+        const ssize_t taken = send(socket.get(), lines.data() + sent, piece, MSG_NOSIGNAL);
+        ASSERT_GT(taken, 0);
+        sent += static_cast<size_t>(taken);
+      }
+      shutdown(socket.get(), SHUT_WR);
+      char end = 0;
+      ASSERT_EQ(recv(socket.get(), &end, 1, 0), 0);
+      std::this_thread::sleep_for(milliseconds(random() % 30));
+    }
+  }
+
+  // A client that must get everything.
+  void read_everything(EventClient& client, Sequence& sequence) {
+    EventClient::Event event;
+    for (;;) {
+      if (!client.read(event)) {
+        ASSERT_EQ(errno, EAGAIN) << "a reader was cut off";  // silence while nobody posts
+        if (given_up) return;
+      } else if (event.name == "end_of_soak") {
+        break;
+      } else {
+        EXPECT_TRUE(sequence.take(event, true)) << event.info.substr(0, 40);
+      }
+    }
+    ++readers_done;
+  }
+
+  // Clients that come, subscribe again and again, read a little, and go, one way or the other.
+  void come_and_go(unsigned number) {
+    std::mt19937 random(seed + 100 + number);
+    while (pausing(random, 100)) {
+      EventClient client(port);
+      Sequence sequence;
+      EventClient::Event event;
+      for (auto rounds = random() % 3; crowd && rounds > 0; --rounds) {
+        client.send_bytes(EventClient::subscription("mail") + EventClient::subscription("soak"));
+        for (auto events = random() % 400; crowd && events > 0; --events) {
+          EXPECT_TRUE(client.read(event) && sequence.take(event, false)) << event.info.substr(0, 40);
+        }
+      }
+      client.leave(random() % 2 == 0);
+    }
+  }
+
+  // Clients that stop reading for seconds, and then go on, with whole packets in order.
+  void stall() {
+    std::mt19937 random(seed + 200);
+    while (pausing(random, 4000)) {
+      EventClient client(port, 4096);
+      client.send_bytes(EventClient::subscription("soak"));
+      for (int i = 0; crowd && i < 50; ++i) std::this_thread::sleep_for(milliseconds(100));
+      Sequence sequence;
+      EventClient::Event event;
+      for (int events = 2000; crowd && events > 0; --events) {
+        EXPECT_TRUE(client.read(event) && sequence.take(event, false)) << event.info.substr(0, 40);
+      }
+      client.leave(random() % 2 == 0);
+      for (int i = 0; crowd && i < 50; ++i) std::this_thread::sleep_for(milliseconds(100));
+    }
+  }
+
+  void send_rubbish() {
+    std::mt19937 random(seed + 300);
+    while (pausing(random, 200)) {
+      EventClient client(port);
+      std::string bytes(random() % 2000, '\0');
+      for (char& byte : bytes) byte = static_cast<char>(random() % 3 == 0 ? random() : 0);
+      client.send_bytes(bytes);
+      pausing(random, 200);
+      client.leave(random() % 2 == 0);
+    }
+  }
+
+  // Replaces a script in one step, so that no reload reads half of it.
+  void change_script(int number) const {
+    daemon.write("next", std::string(kScript) + "-- " + std::to_string(number) + "\n");
+    std::filesystem::rename(daemon.path("next"), daemon.path("scripts/soak.lua"));
+  }
+
+  // Everybody at once for `duration`; afterwards all that was posted has been taken in.
+  void crowded(seconds duration) {
+    posting = crowd = true;
+    daemon.write("gate", "");
+    std::vector<std::thread> posters;
+    std::vector<std::thread> clients;
+    for (int i = 1; i < kPosters; ++i) posters.emplace_back([this, i] { post_events(i); });
+    for (unsigned i = 0; i < 3; ++i) clients.emplace_back([this, i] { come_and_go(i); });
+    clients.emplace_back([this] { stall(); });
+    clients.emplace_back([this] { send_rubbish(); });
+    std::mt19937 random(seed + 400 + static_cast<unsigned>(reloads));
+    const auto end = Clock::now() + duration;
+    while (Clock::now() < end) {
+      pausing(random, 600);
+      if (random() % 10 == 0) change_script(++reloads);
+      EXPECT_TRUE(daemon.send_signal(random() % 10 == 0 ? SIGHUP : SIGPIPE));
+    }
+    crowd = false;
+    for (std::thread& client : clients) client.join();
+    posting = false;
+    for (std::thread& poster : posters) poster.join();
+    std::filesystem::remove(daemon.path("gate"));
+  }
+
+  struct Held {
+    long rss_kb;
+    long descriptors;
+  };
+
+  Held held() const {
+    const std::string process = "/proc/" + std::to_string(daemon.process());
+    const std::filesystem::directory_iterator descriptors(process + "/fd");
+    Held result{0, std::distance(begin(descriptors), end(descriptors))};
+    std::ifstream status(process + "/status");
+    for (std::string word; status >> word;) {
+      if (word == "VmRSS:") status >> result.rss_kb;
+    }
+    return result;
+  }
+
+  RealDaemon daemon;
+  const unsigned seed = static_cast<unsigned>(setting("ZELVIND_SOAK_SEED", static_cast<int>(time(nullptr) % 1000000)));
+  int port = 0;
+  int reloads = 0;
+  std::atomic<bool> posting{false};
+  std::atomic<bool> crowd{false};
+  std::atomic<bool> given_up{false};
+  std::atomic<int> readers_done{0};
+  int posted[kPosters] = {};
+};
+
+TEST_F(Soak, NothingIsLostAndNothingIsLeft) {
+  const seconds duration(setting("ZELVIND_SOAK_SECONDS", 30));
+  const bool is_long = duration > seconds(300);  // then the idle daemon has the time to tidy up
+  const int phases = is_long ? 10 : 2;
+  std::cout << "seed " << seed << std::endl;
+
+  std::vector<std::unique_ptr<EventClient>> clients;
+  Sequence sequences[kReaders];
+  std::vector<std::thread> readers;
+  for (int i = 0; i < kReaders; ++i) {
+    const std::string wanted = "soak,end_of_soak,reader" + std::to_string(i);
+    clients.push_back(std::make_unique<EventClient>(port));
+    clients.back()->send_bytes(EventClient::subscription(wanted) + EventClient::subscription(wanted));
+    ASSERT_TRUE(daemon.wait_for("set as [" + wanted + "]", 2));
+    readers.emplace_back(
+        [this, &client = *clients.back(), &sequence = sequences[i]] { read_everything(client, sequence); });
+  }
+
+  const Held before = held();
+  Held first{};
+  Held last{};
+  for (int phase = 1; phase <= phases && !HasFailure(); ++phase) {
+    crowded(duration / phases);
+    EXPECT_TRUE(daemon.wait_for("soak: plug-in ", static_cast<size_t>(phase)));
+    for (int patience = 200; patience > 0 && held().descriptors != before.descriptors; --patience) {
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    if (is_long) std::this_thread::sleep_for(seconds(35));
+    (phase == 1 ? first : last) = held();
+    const Held& now = phase == 1 ? first : last;
+    std::cout << "phase " << phase << ": " << now.rss_kb << " KiB, " << now.descriptors << " descriptors" << std::endl;
+    EXPECT_EQ(now.descriptors, before.descriptors);
+  }
+  EXPECT_LT(last.rss_kb, first.rss_kb + first.rss_kb / 4);
+
+  const std::string text = daemon.log();
+  const std::string line = "soak: plug-in ";
+  posted[0] = atoi(text.c_str() + text.rfind(line) + line.size());
+  std::ostringstream report;
+  for (const int count : posted) report << (report.tellp() > 0 ? " " : "lua-trace: soak: ") << count;
+  report << ", faults 0, programs left 0\n";
+  EXPECT_TRUE(daemon.post("1 soak_report\n1 end_of_soak\n"));
+  EXPECT_TRUE(daemon.wait_for(report.str())) << report.str();
+  for (int patience = 200; patience > 0 && readers_done < kReaders; --patience) {
+    std::this_thread::sleep_for(milliseconds(100));
+  }
+  EXPECT_EQ(readers_done, kReaders);
+  given_up = true;
+  for (std::thread& reader : readers) reader.join();
+  for (Sequence& sequence : sequences) {
+    for (int poster = 0; poster < kPosters; ++poster) EXPECT_EQ(sequence.last[poster], posted[poster]) << poster;
+  }
+  std::cout << report.str() << reloads << " scripts changed, " << daemon.count("reloading") << " reloads, "
+            << daemon.count("new client") << " clients, " << daemon.count("stopped reading") << " stalls" << std::endl;
+
+  daemon.send_signal(SIGTERM);
+  EXPECT_EQ(daemon.wait_for_end(), 0);
+  EXPECT_EQ(daemon.count("zelvind: zelvind end"), 1u);
+  std::ostringstream said;
+  said << std::ifstream(daemon.path("stderr")).rdbuf();
+  EXPECT_EQ(said.str().find("Sanitizer"), std::string::npos) << said.str();
+}
+
+}  // namespace
