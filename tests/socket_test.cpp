@@ -30,9 +30,7 @@ TEST(Socket, ListenSaysWhatFailed) {
   sockaddr_in address{};
   socklen_t size = sizeof(address);
   getsockname(first.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  const struct {
-    int port, error;
-  } cases[] = {{ntohs(address.sin_port), EADDRINUSE}, {-1, EINVAL}, {65536, EINVAL}, {70000, EINVAL}};
+  const struct { int port, error; } cases[] = {{ntohs(address.sin_port), EADDRINUSE}, {-1, EINVAL}, {65536, EINVAL}};
   for (const auto& row : cases) {
     SCOPED_TRACE(row.port);
     EXPECT_EQ(sock_listen_tcp(row.port), SOCK_ERR_BIND);
