@@ -144,17 +144,13 @@ TEST(ClientProtocol, PacketsAreTakenFromTheFront) {
     const char* type_string;
   } cases[] = {{"", Kind::incomplete, 0, nullptr},
                {good.substr(0, 3), Kind::incomplete, 0, nullptr},
-               {good.substr(0, 12), Kind::incomplete, 0, nullptr},
                {good + "more", Kind::subscription, 13, "door"},
                {announced(9, 9), Kind::subscription, 9, ""},
                {integer(16) + "....pad\0to\0\0"s, Kind::subscription, 16, "pad"},
                {announced(65024, 65023), Kind::incomplete, 0, nullptr},
                {announced(65024, 65024), Kind::subscription, 65024, ""},
                {announced(65025, 70000), Kind::bad_length, 65025, nullptr},
-               {announced(INT32_MAX, 4), Kind::bad_length, INT32_MAX, nullptr},
                {announced(INT32_MIN, 4), Kind::bad_length, INT32_MIN, nullptr},
-               {announced(-1, 5), Kind::bad_length, -1, nullptr},
-               {announced(1, 4), Kind::bad_length, 1, nullptr},
                {announced(8, 4), Kind::bad_length, 8, nullptr},
                {announced(0, 4), Kind::reset, 0, nullptr},
                {good.substr(0, 12) + "!" + good, Kind::bad_end, 13, nullptr}};
@@ -271,25 +267,17 @@ TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
   const auto client = subscribed("door");
   const Stopwatch watch;
   for (int round = 0; round < 20; ++round) {
-    const bool quit = round % 2 == 0;  // the quit event ends the row, whatever waits behind it
     for (const char* const info : {"first", "second"}) standin::post(1, "door", info);
-    standin::post(quit ? EVENT_TYPE_QUIT : 1, "mail", "for nobody");
-    if (quit) standin::post(1, "door", "third");
+    standin::post(EVENT_TYPE_QUIT, "mail", "for nobody");  // ends the row, whatever waits behind it
+    standin::post(1, "door", "third");
     for (int i = 0; i < 3; ++i) forward_next();
-    EXPECT_EQ(client->read_info(), "first");
-    EXPECT_EQ(client->read_info(), "second");
-    if (!quit) continue;
+    for (const char* const info : {"first", "second"}) EXPECT_EQ(client->read_info(), info);
     forward_next();
     EXPECT_EQ(client->read_info(), "third");
   }
-  EXPECT_LT(watch.ms(), 1500);  // nothing was left to the event_recv thread, whose pass takes some 200 ms
-}
-
-TEST_F(Listener, NothingIsHeldBackByAHandlerNorByTheStop) {
-  const auto client = subscribed("door");
-  for (const bool stop : {false, true}) {
-    standin::post(1, "door", "held back");
-    standin::post(1, "door", "not yet taken");
+  EXPECT_LT(watch.ms(), 1500);             // nothing was left to the event_recv thread, whose pass takes some 200 ms
+  for (const bool stop : {false, true}) {  // a handler that runs for long holds nothing back, nor does the stop
+    for (const char* const info : {"held back", "not yet taken"}) standin::post(1, "door", info);
     forward_next();
     if (stop) listener->stop();
     EXPECT_EQ(client->read_info(), "held back");
@@ -307,14 +295,11 @@ TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   first->leave();
   ASSERT_TRUE(standin::wait_for_line(sstr("mlistener: delete client : %d", number)));
   while (fcntl(number, F_GETFD) >= 0) usleep(1000);  // the line comes before the deed
-  EventClient second(port);
-  ASSERT_TRUE(standin::wait_for_line("new client : ", 2));
+  const auto second = subscribed("mail");
   EXPECT_EQ(number_behind("new client : "), number);
   forward("door", "not asked for");
-  subscribe(second, "mail");
-  forward("door", "not asked for");
   forward("mail", "asked for");
-  EXPECT_EQ(second.read_info(), "asked for");
+  EXPECT_EQ(second->read_info(), "asked for");
 }
 
 TEST_F(Listener, MoreNamesThanAreRememberedMatchAllTheSame) {
@@ -383,7 +368,6 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   EXPECT_LT(afterwards.ms(), 2000);  // and none any more
   const Lines stops = standin::log_lines_with(stop);
   ASSERT_GE(stops.size(), 2u);
-  EXPECT_EQ(stops[0].find(" (and "), std::string::npos);
   EXPECT_NE(stops[1].find(sstr("client %d (127.0.0.1:", slow_number)), std::string::npos) << stops[1];
   EXPECT_NE(stops[1].find(stop + " (and 2 more)"), std::string::npos) << stops[1];
 
@@ -413,9 +397,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   int missing = 2 * number;
   for (std::future<int>& count : got) missing -= count.get();
   const Lines lines = standin::log_lines_with(") reads again, ");
-  for (size_t i = told; i < lines.size(); ++i) {
-    missing -= atoi(lines[i].c_str() + lines[i].find("again, ") + 7);
-  }
+  for (size_t i = told; i < lines.size(); ++i) missing -= atoi(lines[i].c_str() + lines[i].find("again, ") + 7);
   EXPECT_EQ(missing, 0);  // every event skipped is told
 
   const int all = number;
@@ -427,25 +409,20 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   EXPECT_EQ(read.get(), all);
 }
 
-TEST_F(Listener, StopsAtOnceInEveryState) {
+TEST_F(Listener, StopsAtOnceWhileItWaits) {
+  const auto client = subscribed("door", 4096);
+  std::atomic<int> forwarded{0};
+  std::atomic<bool> stopped{false};
+  std::thread script([&] {
+    for (; !stopped; ++forwarded) forward("door", std::string(60000, '.'));
+  });
+  for (int before = -1; before != forwarded; usleep(200 * 1000)) before = forwarded;  // it waits now
+  const Stopwatch watch;
   listener->stop();
-  for (const bool stalled : {false, true}) {
-    SCOPED_TRACE(stalled);
-    SetUp();
-    const auto client = subscribed("door", 4096);
-    std::atomic<int> forwarded{0};
-    std::atomic<bool> stopped{false};
-    std::thread script([&] {
-      for (; stalled && !stopped; ++forwarded) forward("door", std::string(60000, '.'));
-    });
-    for (int before = -1; stalled && before != forwarded; usleep(200 * 1000)) before = forwarded;  // it waits now
-    const Stopwatch watch;
-    listener->stop();
-    EXPECT_LT(watch.ms(), 1500);
-    stopped = true;
-    script.join();
-    EXPECT_TRUE(client->ended());
-  }
+  EXPECT_LT(watch.ms(), 1500);
+  stopped = true;
+  script.join();
+  EXPECT_TRUE(client->ended());
 }
 
 TEST_F(Listener, DescriptorsRunShort) {
@@ -466,13 +443,10 @@ TEST_F(Listener, DescriptorsRunShort) {
   EXPECT_TRUE(standin::wait_for_line("new client", 3));
 }
 
-// ZELVIND_STRESS=10 makes it ten times as long and as crowded.
 TEST_F(Listener, EveryReaderGetsEveryEventWhileOthersComeAndGo) {
-  const char* const wish = getenv("ZELVIND_STRESS");
-  const int scale = wish == nullptr ? 1 : atoi(wish);
   std::vector<std::unique_ptr<EventClient>> readers;
   std::vector<std::future<int>> counts;
-  for (int i = 0; i < 10 * scale; ++i) {
+  for (int i = 0; i < 10; ++i) {
     readers.push_back(subscribed("door,reader" + std::to_string(i)));
     counts.push_back(std::async(std::launch::async, [&client = *readers.back()] {
       int number = 0;
@@ -482,9 +456,9 @@ TEST_F(Listener, EveryReaderGetsEveryEventWhileOthersComeAndGo) {
   }
   std::mutex at_the_door;  // few can wait there: who comes while it is full may have to try again for long
   size_t connected = readers.size();
-  std::atomic<int> lives{50 * scale};
+  std::atomic<int> lives{50};
   std::vector<std::thread> restless;
-  for (int seed = 0; seed < 10 * scale; ++seed) {
+  for (int seed = 0; seed < 10; ++seed) {
     restless.emplace_back([&, seed] {
       std::mt19937 random(static_cast<unsigned>(seed));
       while (lives-- > 0) {
@@ -511,7 +485,7 @@ TEST_F(Listener, EveryReaderGetsEveryEventWhileOthersComeAndGo) {
     });
   }
   int number = 0;
-  while (number < 10000 * scale || lives > -10 * scale) {
+  while (number < 10000 || lives > -10) {
     for (int i = number % 40; i >= 0; --i) standin::post(1, "door", std::to_string(number++));
     while (forward_next()) {
     }
