@@ -1,12 +1,11 @@
 #include "listener/client_output.h"
 
-#include "util/socket.h"
+#include <sys/socket.h>
+#include <cerrno>
 
 namespace {
 
 constexpr size_t kReserved = ClientOutput::kGatherMax + 2048;  // a packet of the usual size fits behind a full row
-constexpr std::chrono::seconds kKeepUp{60};
-constexpr std::chrono::seconds kRowMin{1};
 
 }  // namespace
 
@@ -14,9 +13,11 @@ ClientOutput::ClientOutput() {
   bytes.reserve(kReserved);
 }
 
-void ClientOutput::begin() {
+void ClientOutput::reset() {
   drop();
-  no_wait_until = {};
+  failing = false;
+  is_broken = false;
+  budget = {};
   skipped = 0;
 }
 
@@ -28,17 +29,29 @@ void ClientOutput::append(const char* packet, size_t size) {
   bytes.insert(bytes.end(), packet, packet + size);
 }
 
-bool ClientOutput::push(int fd) {
-  const int now_sent = sock_send_ready(fd, bytes.data() + sent, static_cast<int>(waiting()));
+ClientOutput::Pushed ClientOutput::push(int fd) {
+  if (empty()) return Pushed::ok;
+  ssize_t now_sent;
+  do {
+    now_sent = send(fd, bytes.data() + sent, waiting(), MSG_DONTWAIT);
+  } while (now_sent < 0 && errno == EINTR);
+  if (now_sent < 0 && errno == EAGAIN) return Pushed::ok;
+  if (now_sent < 0 && (errno == ENOBUFS || errno == ENOMEM)) {
+    const bool first = !failing;
+    owing = failing = true;
+    return first ? Pushed::failed : Pushed::ok;
+  }
   if (now_sent < 0) {
     drop();
-    return false;
+    is_broken = true;
+    return Pushed::broken;
   }
+  failing = false;
   sent += static_cast<size_t>(now_sent);
-  if (!empty()) return true;
-  if (owing) no_wait_until = Clock::now() + kKeepUp;
+  if (!empty()) return Pushed::ok;
+  if (owing) budget.caught_up(Clock::now());
   drop();
-  return true;
+  return Pushed::ok;
 }
 
 bool ClientOutput::skip() {
@@ -47,8 +60,7 @@ bool ClientOutput::skip() {
   return true;
 }
 
-int ClientOutput::row_over() {
-  if (skipped == 0 || owing || Clock::now() < first_skip + kRowMin) return 0;
+int ClientOutput::take_row() {
   const int number = skipped;
   skipped = 0;
   return number;

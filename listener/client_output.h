@@ -1,9 +1,9 @@
 // What waits to be sent to one client of the listener, and how the client keeps up.
 //
 // Packets are gathered here while more events are at hand and leave in one send. A packet of which a part has been sent
-// is never given up: the client would take the next packet's bytes for its end. So when a client takes nothing more, it
-// owes the rest, and events are skipped for it, whole, until the rest is out. What is held stays below 64 KiB and one
-// packet.
+// is never given up: the client would take the next packet's bytes for its end. So when nobody waits for a client any
+// longer, it owes the rest, and events are skipped for it, whole, until the rest is out. What is held stays below
+// 64 KiB and one packet.
 //
 // No lock of its own: everything under the listener's lock.
 #pragma once
@@ -12,40 +12,51 @@
 #include <cstddef>
 #include <vector>
 
+#include "listener/wait_budget.h"
+
 class ClientOutput {
  public:
-  using Clock = std::chrono::steady_clock;
+  using Clock = WaitBudget::Clock;
 
   static constexpr size_t kGatherMax = 64 * 1024;  // bytes that are gathered for one send
 
+  enum class Pushed { ok, failed, broken };
+
   ClientOutput();
 
-  // A new connection: forgets everything about the one before.
-  void begin();
+  // Forgets everything about the connection, and keeps no more memory than a new record has.
+  void reset();
 
   bool empty() const { return sent == bytes.size(); }
   size_t waiting() const { return bytes.size() - sent; }
+  size_t memory() const { return bytes.capacity(); }
 
-  // Adds a packet behind what waits. Not while the client owes.
+  // Adds a packet behind what waits. Not while the client owes, nor to a broken connection.
   void append(const char* packet, size_t size);
 
-  // Sends as much of what waits as `fd` takes without waiting. Returns false when the connection is broken; what waited
-  // is then dropped.
-  bool push(int fd);
+  // Sends as much of what waits as `fd` takes without waiting. `failed`: the system is short of something; nothing is
+  // lost, the client owes what waits, and further failures are `ok` until something has gone out. `broken`: nothing can
+  // be sent any more; what waited is dropped.
+  Pushed push(int fd);
 
-  // Whether somebody may wait for this client: not when it has owed within the last 60 s.
-  bool deserves_wait() const { return Clock::now() >= no_wait_until; }
+  bool broken() const { return is_broken; }
+
+  // Whether somebody may wait for this client at `now`, and that somebody has, for `duration`.
+  bool deserves_wait(Clock::time_point now) const { return budget.is_left(now); }
+  void waited(Clock::duration duration, Clock::time_point now) { budget.spend(duration, now); }
 
   // Nobody waits any longer for what still waits here: the client owes it until push has sent it.
   void owe() { owing = true; }
   bool owes() const { return owing; }
 
-  // Counts an event that is not sent to this client. Returns true for the first one of a row, which is to be said.
+  // Counts an event that is not sent to this client. Returns true for the first one of a row.
   bool skip();
 
-  // When a row of skipped events is over, returns their number, once, else 0. A row lasts at least a second, or a
-  // client that reads by fits and starts would fill the log.
-  int row_over();
+  // Whether a row of skipped events is over and has not been told, when it began, and its number of events. take_row
+  // counts as telling.
+  bool row_over() const { return skipped > 0 && !owing && !is_broken; }
+  Clock::time_point row_start() const { return first_skip; }
+  int take_row();
 
  private:
   void drop();
@@ -53,7 +64,9 @@ class ClientOutput {
   std::vector<char> bytes;  // [sent, end) waits
   size_t sent = 0;
   bool owing = false;
-  Clock::time_point no_wait_until{};
-  int skipped = 0;  // in the row that has been said
+  bool failing = false;  // the last push failed
+  bool is_broken = false;
+  WaitBudget budget;
+  int skipped = 0;  // in the row that has not been told
   Clock::time_point first_skip{};
 };

@@ -12,29 +12,25 @@
 #include "device/log.h"
 #include "listener/client_protocol.h"
 #include "listener/manager_listener.h"
+#include "util/clock.h"
 
 namespace {
 
 using Clock = ClientOutput::Clock;
-using std::chrono::milliseconds;
 
-constexpr milliseconds kWaitMax{3000};  // all that one event may wait for clients
-constexpr milliseconds kWaitSlice{50};  // how late a wait notices that the listener is stopping
+constexpr int kWaitSliceMs = 50;  // how late a wait notices that the listener is stopping
 
 bool more_events_wait(const event_item& event) {
   return event.type != EVENT_TYPE_QUIT && event_pending != nullptr && event_pending() > 0;
 }
 
-bool is_subscribed(const ListenerClient& client, const char* type_name) {
-  return client.type_string && match_type_string(client.type_string.get(), type_name) > 0;
-}
-
 // Sends what waits for the client, as far as its socket takes it.
 void push(ListenerClient& client) {
-  if (client.output.push(client.fd)) return;
+  const ClientOutput::Pushed pushed = client.output.push(client.fd);
+  if (pushed == ClientOutput::Pushed::ok) return;
   elog(1, "mlistener: failed to send data");
   // A part of a packet may have gone out. The peer is gone anyway; the event_recv thread will find it hung up.
-  shutdown(client.fd, SHUT_RDWR);
+  if (pushed == ClientOutput::Pushed::broken) shutdown(client.fd, SHUT_RDWR);
 }
 
 }  // namespace
@@ -45,9 +41,10 @@ void ManagerListener::forward_event(const event_item* event) {
     if (clients.empty()) return;
     const bool more = more_events_wait(*event);
     const EventPacket packet(*event);
+    const uint64_t bit = bit_of(event->type_name, held);
     unfinished.clear();
     for (const std::unique_ptr<ListenerClient>& client : clients) {
-      if (is_subscribed(*client, event->type_name)) {
+      if (client->subscription.asks_for(event->type_name, bit)) {
         deliver(*client, packet, more, held);
       } else if (!more && !client->output.empty()) {
         send_now(*client, held);  // gathered from the events before
@@ -59,18 +56,28 @@ void ManagerListener::forward_event(const event_item* event) {
   }
 }
 
+uint64_t ManagerListener::bit_of(const char* type_name, const Locked&) {
+  const TypeTable::Entry type = types.find(type_name);
+  if (type.fresh) {
+    for (const std::unique_ptr<ListenerClient>& client : clients) client->subscription.forget(type.bit);
+  }
+  return type.bit;
+}
+
 void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more, const Locked& held) {
   ClientOutput& output = client.output;
-  if (output.owes()) push(client);
-  if (output.owes()) {
-    if (output.skip()) {
-      elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped", client.fd, client.address.text);
-    }
-    return;
-  }
-  if (output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
+  if (output.owes() || output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
+  if (output.broken()) return;
+  if (output.owes()) return skip(client);
   output.append(packet.data(), packet.size());
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client, held);
+}
+
+void ManagerListener::skip(ListenerClient& client) {
+  LeftOut left_out;
+  if (!client.output.skip() || !skip_limit.allow(steady_ms() / 1000, left_out)) return;
+  elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd, client.address.text,
+       left_out.text);
 }
 
 void ManagerListener::send_now(ListenerClient& client, const Locked&) {
@@ -81,39 +88,44 @@ void ManagerListener::send_now(ListenerClient& client, const Locked&) {
 // Waits for all the slow ones at once: those that read are through after a moment, however many others have stalled,
 // and those that have stalled cost the loop one wait together.
 void ManagerListener::wait_for_unfinished(const Locked&) {
-  const auto deserves_none = [](ListenerClient* client) {
-    if (client->output.deserves_wait()) return false;
-    client->output.owe();
-    return true;
+  Clock::time_point now = Clock::now();
+  const auto is_settled = [&now](ListenerClient* client) {
+    ClientOutput& output = client->output;
+    if (!output.empty() && !output.deserves_wait(now)) output.owe();
+    return output.empty() || output.owes();
   };
-  unfinished.erase(std::remove_if(unfinished.begin(), unfinished.end(), deserves_none), unfinished.end());
-
-  const Clock::time_point deadline = Clock::now() + kWaitMax;
-  while (!unfinished.empty() && running) {
-    const auto rest = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
-    if (rest <= milliseconds::zero()) break;
+  for (;;) {
+    unfinished.erase(std::remove_if(unfinished.begin(), unfinished.end(), is_settled), unfinished.end());
+    if (unfinished.empty() || !running) break;
     unfinished_fds.clear();
     for (const ListenerClient* client : unfinished) unfinished_fds.push_back({client->fd, POLLOUT, 0});
-    const int ready =
-        poll(unfinished_fds.data(), unfinished_fds.size(), static_cast<int>(std::min(rest, kWaitSlice).count()));
+    const int ready = poll(unfinished_fds.data(), unfinished_fds.size(), kWaitSliceMs);
     if (ready < 0 && errno != EINTR) break;
-    size_t kept = 0;
     for (size_t i = 0; i < unfinished.size(); ++i) {
-      ListenerClient& client = *unfinished[i];
       // A socket with little room is not writable to poll, and may yet take the rest.
-      if (ready == 0 || unfinished_fds[i].revents != 0) push(client);
-      if (!client.output.empty()) unfinished[kept++] = &client;
+      if (ready == 0 || unfinished_fds[i].revents != 0) push(*unfinished[i]);
     }
-    unfinished.resize(kept);
+    const Clock::time_point before = now;
+    now = Clock::now();
+    for (ListenerClient* client : unfinished) client->output.waited(now - before, now);
   }
   for (ListenerClient* client : unfinished) client->output.owe();
 }
 
 void ManagerListener::send_waiting(const Locked&) {
+  ListenerClient* again = nullptr;  // whose row is the oldest: in the end each has its turn
   for (const std::unique_ptr<ListenerClient>& client : clients) {
-    if (!client->output.empty()) push(*client);
-    const int skipped = client->output.row_over();
-    if (skipped == 0) continue;
-    elog(1, "mlistener: client %d (%s) reads again, %d events skipped", client->fd, client->address.text, skipped);
+    push(*client);
+    if (!client->output.row_over()) continue;
+    if (again == nullptr || client->output.row_start() < again->output.row_start()) again = client.get();
   }
+  if (again != nullptr) say_reads_again(*again);
+}
+
+// A row that cannot be told yet is told by a later pass, with what has been skipped until then: no event is left out.
+void ManagerListener::say_reads_again(ListenerClient& client) {
+  LeftOut none;
+  if (!again_limit.allow(steady_ms() / 1000, none)) return;
+  elog(1, "mlistener: client %d (%s) reads again, %d events skipped", client.fd, client.address.text,
+       client.output.take_row());
 }

@@ -22,8 +22,6 @@ ListenerClient::ListenerClient() : recv_buf(new char[kFirstCapacity]), recv_cap(
 
 void ListenerClient::open(int new_fd, const PeerText& peer) {
   recv_len = 0;
-  type_string.reset();
-  output.begin();
   address = peer;
   fd = new_fd;
 }
@@ -31,7 +29,9 @@ void ListenerClient::open(int new_fd, const PeerText& peer) {
 void ListenerClient::close() {
   if (fd > 0) sock_close(fd);
   fd = 0;
-  type_string.reset();
+  std::unique_ptr<char[]> none;
+  subscription.swap(none);
+  output.reset();
 }
 
 void ListenerClient::make_room(int size) {

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "listener/client_output.h"
+#include "listener/subscription.h"
 
 // The address of a client, for log lines: "a.b.c.d:port".
 struct PeerText {
@@ -19,7 +20,7 @@ struct ListenerClient {
   // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`.
   void open(int new_fd, const PeerText& peer);
 
-  // Ends the connection. The rest of the record stays for the next open.
+  // Ends the connection. The rest of the record stays for the next open, without the memory that large packets took.
   void close();
 
   // Makes room for `size` more bytes behind the held ones.
@@ -34,8 +35,8 @@ struct ListenerClient {
   int recv_cap;
 
   // Under the listener's lock.
-  int fd = 0;                           // 0 once closed
-  std::unique_ptr<char[]> type_string;  // null until the client sends one
+  int fd = 0;  // 0 once closed
+  Subscription subscription;
   ClientOutput output;
 
   // Set by open, constant while connected.

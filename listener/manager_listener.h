@@ -15,6 +15,7 @@
 
 #include "listener/listener_client.h"
 #include "listener/lock.h"
+#include "listener/type_table.h"
 #include "util/rate_limit.h"
 
 struct event_item;
@@ -40,8 +41,8 @@ class ManagerListener {
   void stop();
 
   // Sends `event` to every client that has subscribed to its type name; while the event queue has more, it may be held
-  // back for the event_recv thread's pass of at most some 350 ms. Waits at most 3000 ms for clients that are slow in
-  // taking it. Failures are logged. Script thread.
+  // back for the event_recv thread's pass of at most some 350 ms. Waits for clients that are slow in taking it, all of
+  // them at once, and for each of them 3000 ms a minute at most. Failures are logged. Script thread.
   void forward_event(const event_item* event);
 
  private:
@@ -65,10 +66,13 @@ class ManagerListener {
   void remove_client(ListenerClient& client);
 
   // forward.cpp
+  uint64_t bit_of(const char* type_name, const Locked& held);
   void deliver(ListenerClient& client, const EventPacket& packet, bool more, const Locked& held);
   void send_now(ListenerClient& client, const Locked& held);
   void wait_for_unfinished(const Locked& held);
+  void skip(ListenerClient& client);
   void send_waiting(const Locked& held);
+  void say_reads_again(ListenerClient& client);
 
   // Under mutex.
   Mutex mutex;
@@ -76,6 +80,9 @@ class ManagerListener {
   std::vector<std::unique_ptr<ListenerClient>> free_clients;  // a stack
   std::vector<ListenerClient*> unfinished;                    // forward_event's: sends that came back short,
   std::vector<pollfd> unfinished_fds;                         // and their descriptors
+  TypeTable types;                                            // forward_event's
+  RateLimit skip_limit;                                       // the "stopped reading" lines'
+  RateLimit again_limit;                                      // the "reads again" lines'
 
   // Main thread only.
   pthread_t recv_thread = 0;    // 0 when not running

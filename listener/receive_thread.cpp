@@ -111,7 +111,7 @@ void ManagerListener::set_type_string(ListenerClient& client, const char* text) 
   std::unique_ptr<char[]> copy(new char[size]);
   memcpy(copy.get(), text, size);
   const Locked held(mutex);
-  client.type_string.swap(copy);
+  client.subscription.swap(copy);
 }
 
 void ManagerListener::remove_client(ListenerClient& client) {

