@@ -205,7 +205,8 @@ TEST(Limit, AScriptEatsTheMemory) {
     SCOPED_TRACE(food);
     FaultyDaemon daemon;
     daemon.write("scripts/eat.lua",
-                 std::string("on('eat', function() local t = {} while true do t[#t + 1] = ") + food + " end end)");
+                 std::string("es_eat = { list_func = { { 'eat', function() local t = {} while true do t[#t + 1] = ") +
+                     food + " end end } } }");
     ASSERT_TRUE(daemon.start_with("", "ulimit -v 300000"));
     for (size_t times = 1; times <= 2; ++times) {
       EXPECT_TRUE(daemon.post("1 eat\n"));
