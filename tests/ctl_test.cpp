@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -137,10 +138,7 @@ std::string failure_of(const std::function<void()>& action) {
 }
 
 TEST(Zelvctl, RefusesWrongArguments) {
-  const struct {
-    std::vector<std::string> arguments;
-    const char* error;
-  } rows[] = {
+  const std::pair<std::vector<std::string>, const char*> rows[] = {
       {{}, "say post, listen, check, reload or run\nTry: zelvctl --help"},
       {{"bogus"}, "The following argument was not expected: bogus\nTry: zelvctl --help"},
       {{"post"}, "TYPE is required\nTry: zelvctl post --help"},
@@ -163,9 +161,9 @@ TEST(Zelvctl, RefusesWrongArguments) {
       {{"listen", "a", "--count", "x"},
        "--count: Value x not in range 1 to 9223372036854775807\nTry: zelvctl listen --help"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.error);
-    Program(row.arguments).expect_end(2, row.error);
+  for (const auto& [arguments, error] : rows) {
+    SCOPED_TRACE(error);
+    Program(arguments).expect_end(2, error);
   }
 }
 
@@ -205,29 +203,24 @@ TEST(EventConnection, SaysHowTheDaemonFailed) {
   const EventSocket daemon;
   using Connection = EventConnection;
   const std::string much(4000000, 'x');
-  const struct {
-    const char* error;
-    std::function<void(Connection&, Descriptor&)> action;
-  } rows[] = {
+  const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
       {"1 the daemon has taken in nothing for 0.1 s", [&](Connection& c, Descriptor&) { c.send(much); }},
-      {"1 the daemon has taken in nothing for 0.1 s",
-       [](Connection& c, Descriptor&) { c.send("1 a\n"), c.finish(true); }},
+      {"1 the daemon has taken in nothing for 0.1 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
       {"1 the daemon went away: Broken pipe", [](Connection& c, Descriptor& d) { d.reset(), c.send("1 a\n"); }},
       {"1 the daemon went away before it took in everything: Connection reset by peer",
        [](Connection& c, Descriptor& d) { c.send("1 a\n"), d.reset(), c.finish(false); }},
       {"no failure",  // the loop has ended: the line was read, and nobody closes
        [](Connection& c, Descriptor& d) {
-         char line[8];
-         c.send("9999 q\n"), recv(d.get(), line, sizeof(line), 0), c.finish(true);
+         c.send("9999 q\n"), recv(d.get(), std::array<char, 8>().data(), 8, 0), c.finish(true);
        }},
       {"1 the daemon closed the connection",
        [](Connection& c, Descriptor& d) { d.reset(), c.wait_for_input(memory_file()); }},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.error);
+  for (const auto& [error, action] : rows) {
+    SCOPED_TRACE(error);
     EventConnection connection(daemon.path, 100);
     Descriptor daemon_side = daemon.next_poster();
-    EXPECT_EQ(failure_of([&] { row.action(connection, daemon_side); }), row.error);
+    EXPECT_EQ(failure_of([&, &act = action] { act(connection, daemon_side); }), error);
   }
 }
 
