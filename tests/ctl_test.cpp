@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -23,10 +24,13 @@
 #include "device/event_source.h"
 #include "tests/standin_device.h"
 #include "util/descriptor.h"
+#include "util/socket.h"
+#include "util/text.h"
 #include "util/unix_socket.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::string_literals;
 
 std::string content_of(int file) {
@@ -59,14 +63,14 @@ class Program {
     posix_spawn_file_actions_destroy(&actions);
   }
 
-  // The exit status, or minus the signal that ended it.
-  int wait() {
+  // Waits for its end; the exit status, or minus the signal that ended it, and what it wrote.
+  void expect_end(int wanted, const std::string& errors, const std::string& output = "") {
     int status = 0;
     EXPECT_EQ(waitpid(process, &status, 0), process);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), wanted);
+    EXPECT_EQ(content_of(err.get()), errors.empty() ? "" : "zelvctl: " + errors + "\n");
+    EXPECT_EQ(content_of(out.get()), output);
   }
-  std::string output() const { return content_of(out.get()); }
-  std::string errors() const { return content_of(err.get()); }
 
  private:
   Descriptor in, out, err;
@@ -83,11 +87,11 @@ std::string everything_from(int fd) {
 // The daemon's side of the event socket, below a root of its own.
 struct EventSocket {
   EventSocket() {
-    std::filesystem::create_directories(root + "/run/zelvind");
+    fs::create_directories(root + "/run/zelvind");
     EXPECT_EQ(unix_bind(listening.get(), path), 0);
     EXPECT_EQ(listen(listening.get(), 8), 0);
   }
-  ~EventSocket() { std::filesystem::remove_all(root); }
+  ~EventSocket() { fs::remove_all(root); }
   Descriptor next_poster() const { return Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
 
   const std::string root = testing::TempDir() + "ctl_test_" + std::to_string(getpid());
@@ -99,11 +103,7 @@ struct EventSocket {
 struct Forwarder {
   Forwarder(size_t subscription_size, const std::string& bytes) {
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof(address);
-    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    EXPECT_EQ(::listen(listening.get(), 1), 0);
     EXPECT_EQ(getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
     port = ntohs(address.sin_port);
     subscription = std::async(std::launch::async, [this, subscription_size, bytes] {
@@ -117,7 +117,7 @@ struct Forwarder {
     });
   }
 
-  const Descriptor listening{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  const Descriptor listening{sock_listen_tcp(0)};
   int port;
   std::future<std::string> subscription;  // what the client sent, once it has hung up
 };
@@ -138,22 +138,15 @@ std::string failure_of(const std::function<void()>& action) {
 }
 
 TEST(Zelvctl, RefusesWrongArguments) {
-  const struct {
-    std::vector<std::string> arguments;
-    const char* error;
-  } rows[] = {
+  const std::pair<std::vector<std::string>, const char*> rows[] = {
       {{}, "say post, listen, check, reload or run\nTry: zelvctl --help"},
       {{"bogus"}, "The following argument was not expected: bogus\nTry: zelvctl --help"},
       {{"post"}, "TYPE is required\nTry: zelvctl post --help"},
-      {{"post", "1"}, "NAME is required"},
-      {{"post", "1x", "a"}, "TYPE '1x', NAME 'a': the type is no whole number"},
       {{"post", "1 a", "a"}, "TYPE '1 a', NAME 'a': the type is no whole number"},
-      {{"post", "3000000000", "a"}, "TYPE '3000000000', NAME 'a': the type is out of range"},
       {{"post", "1", ""}, "NAME '': the name is missing"},
       {{"post", "1", "a b"}, "NAME 'a b': the name holds a blank or a control character"},
       {{"post", "1", "a", "x"}, "'x' is no FIELD=VALUE"},
       {{"post", "1", "a", "=x"}, "'=x' names no field"},
-      {{"post", "1", "a", "[x,y]"}, "'[x,y]' is no FIELD=VALUE"},
       {{"post", "1", "a", "x&y=1"}, "field 'x&y': a name cannot hold an '&'"},
       {{"post", "1", "a", "x=1&y=2"}, "field 'x': a value cannot hold an '&'"},
       {{"post", "1", "a", "x=1\n2"}, "field 'x': a field cannot hold a line end"},
@@ -163,18 +156,14 @@ TEST(Zelvctl, RefusesWrongArguments) {
       {{"post", "1", "a", "--root", "x"}, "--root is 'x'; it must be an absolute path"},
       {{"listen"}, "NAME is required\nTry: zelvctl listen --help"},
       {{"listen", "a", ""}, "NAME '': the name is missing"},
-      {{"listen", "a,b"}, "NAME 'a,b': a name to listen for cannot hold a comma"},
-      {{"listen", "\x01"}, "NAME '\x01': the name holds a blank or a control character"},
       {{"listen", "[a,b]"}, "NAME '[a,b]': a name to listen for cannot hold a comma"},
       {{"listen", "a", "--port", "0"}, "--port: Value 0 not in range 1 to 65535\nTry: zelvctl listen --help"},
       {{"listen", "a", "--count", "x"},
        "--count: Value x not in range 1 to 9223372036854775807\nTry: zelvctl listen --help"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.error);
-    Program program(row.arguments);
-    EXPECT_EQ(program.wait(), 2);
-    EXPECT_EQ(program.errors(), "zelvctl: "s + row.error + "\n");
+  for (const auto& [arguments, error] : rows) {
+    SCOPED_TRACE(error);
+    Program(arguments).expect_end(2, error);
   }
 }
 
@@ -204,41 +193,34 @@ TEST(Zelvctl, PostsWhatALineCarries) {
     row.arguments.insert(row.arguments.begin(), {"--root", daemon.root, "post"});
     Program program(row.arguments, row.input);
     EXPECT_EQ(everything_from(daemon.next_poster().get()), row.arrived);
-    EXPECT_EQ(program.wait(), row.error.empty() ? 0 : 2);
-    EXPECT_EQ(program.errors(), row.error.empty() ? "" : "zelvctl: " + row.error + "\n");
+    program.expect_end(row.error.empty() ? 0 : 2, row.error);
   }
-  Program alone({"--root", "/none", "post", "1", "a"});
-  EXPECT_EQ(alone.wait(), 1);
-  EXPECT_EQ(alone.errors(), "zelvctl: no daemon at /none/run/zelvind/events.sock: No such file or directory\n");
+  Program({"--root", "/none", "post", "1", "a"})
+      .expect_end(1, "no daemon at /none/run/zelvind/events.sock: No such file or directory");
 }
 
 TEST(EventConnection, SaysHowTheDaemonFailed) {
   const EventSocket daemon;
   using Connection = EventConnection;
   const std::string much(4000000, 'x');
-  const struct {
-    const char* error;
-    std::function<void(Connection&, Descriptor&)> action;
-  } rows[] = {
+  const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
       {"1 the daemon has taken in nothing for 0.1 s", [&](Connection& c, Descriptor&) { c.send(much); }},
-      {"1 the daemon has taken in nothing for 0.1 s",
-       [](Connection& c, Descriptor&) { c.send("1 a\n"), c.finish(true); }},
+      {"1 the daemon has taken in nothing for 0.1 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
       {"1 the daemon went away: Broken pipe", [](Connection& c, Descriptor& d) { d.reset(), c.send("1 a\n"); }},
       {"1 the daemon went away before it took in everything: Connection reset by peer",
        [](Connection& c, Descriptor& d) { c.send("1 a\n"), d.reset(), c.finish(false); }},
       {"no failure",  // the loop has ended: the line was read, and nobody closes
        [](Connection& c, Descriptor& d) {
-         char line[8];
-         c.send("9999 q\n"), recv(d.get(), line, sizeof(line), 0), c.finish(true);
+         c.send("9999 q\n"), recv(d.get(), std::array<char, 8>().data(), 8, 0), c.finish(true);
        }},
       {"1 the daemon closed the connection",
        [](Connection& c, Descriptor& d) { d.reset(), c.wait_for_input(memory_file()); }},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.error);
+  for (const auto& [error, action] : rows) {
+    SCOPED_TRACE(error);
     EventConnection connection(daemon.path, 100);
     Descriptor daemon_side = daemon.next_poster();
-    EXPECT_EQ(failure_of([&] { row.action(connection, daemon_side); }), row.error);
+    EXPECT_EQ(failure_of([&, &act = action] { act(connection, daemon_side); }), error);
   }
 }
 
@@ -269,17 +251,10 @@ TEST(ClientPacket, SubscribesShortestNameFirst) {
 TEST(ClientPacket, WaitsForTheWholeAndRefusesWhatCannotBeOne) {
   const std::string bytes = packet("ab", "c=\xff") + "more";
   for (size_t size = 0; size < 19; ++size) EXPECT_FALSE(first_packet(bytes.substr(0, size)));
-  const auto event = first_packet(bytes);
-  ASSERT_TRUE(event);
-  EXPECT_EQ(event->size, 19u);
-  EXPECT_EQ(event->seconds, 0x01020304);
-  EXPECT_EQ(event->microseconds, 200000);
-  EXPECT_EQ(event->name, "ab");
-  EXPECT_EQ(event->info, "c=\xff");
-  const struct {
-    std::string bytes;
-    const char* why;
-  } rows[] = {
+  const ReceivedEvent event = first_packet(bytes).value();
+  EXPECT_EQ(std::tie(event.size, event.seconds, event.microseconds, event.name, event.info),
+            std::make_tuple(19u, 0x01020304, 200000, "ab", "c=\xff"));
+  const std::pair<std::string, const char*> rows[] = {
       {"\0\0\0\0"s, "its length is 0"},
       {"\x0d\0\0\0"s, "its length is 13"},
       {"\xff\xff\xff\xff", "its length is 4294967295"},
@@ -287,8 +262,8 @@ TEST(ClientPacket, WaitsForTheWholeAndRefusesWhatCannotBeOne) {
       {packet("a", "bcd", "\x10\0\0\0"s), "its info does not end where the packet does"},
       {packet("a", "b\0d"s), "its info does not end where the packet does"},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(failure_of([&] { first_packet(row.bytes); }), "1 what came is no event packet: "s + row.why);
+  for (const auto& [packet, why] : rows) {
+    EXPECT_EQ(failure_of([&, &packet = packet] { first_packet(packet); }), "1 what came is no event packet: "s + why);
   }
 }
 
@@ -340,10 +315,7 @@ TEST(Listen, PrintsExactlyTheNamesAskedFor) {
     SCOPED_TRACE(row.output + row.error);
     Forwarder daemon(subscription.size(), row.bytes);
     row.options.insert(row.options.begin(), {"listen", "--port", std::to_string(daemon.port), "door", "b"});
-    Program program(row.options);
-    EXPECT_EQ(program.wait(), row.error.empty() ? 0 : 1);
-    EXPECT_EQ(program.output(), row.output);
-    EXPECT_EQ(program.errors(), row.error.empty() ? "" : "zelvctl: " + row.error + "\n");
+    Program(row.options).expect_end(row.error.empty() ? 0 : 1, row.error, row.output);
     EXPECT_EQ(daemon.subscription.get(), subscription);
   }
 }
@@ -355,12 +327,10 @@ TEST(Listen, EndsWhenNobodyReadsItsOutput) {
   close(ends[0]);
   Program program({"listen", "--port", std::to_string(daemon.port), "a"}, "", ends[1]);
   close(ends[1]);
-  EXPECT_EQ(program.wait(), 1);
-  EXPECT_EQ(program.errors(), "zelvctl: cannot write the output: its reader has gone\n");
+  program.expect_end(1, "cannot write the output: its reader has gone");
 }
 
 TEST(ScriptWatch, WakesForScriptsOnly) {
-  namespace fs = std::filesystem;
   const fs::path root = testing::TempDir() + "ctl_test_watch_" + std::to_string(getpid());
   const fs::path script = root / "scripts" / "a.lua";
   fs::create_directories(root / "scripts");
@@ -387,21 +357,21 @@ TEST(ScriptWatch, WakesForScriptsOnly) {
 TEST(Supervise, KillsWhatDoesNotStop) {
   const std::string root = testing::TempDir() + "ctl_test_run_" + std::to_string(getpid());
   const std::string program = root + "/zelvind";
-  const struct {
-    const char* daemon;
-    std::string failure;
-  } rows[] = {
-      {"(trap '' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "was ended by signal 9"},
-      {"(trap 'exit 3' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "has ended with status 3"},
-      {"(trap 'exit 0' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", "no failure"},
-      {"exit 0", program + " has started no daemon"},
-      {nullptr, "1 cannot start " + program + ": No such file or directory"},
+  const auto daemon = [](const char* at_stop) {
+    return sstr("(trap '%s' TERM; kill -TERM $1; while :; do sleep 0.02; done) &", at_stop);
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.failure);
-    std::filesystem::create_directories(root);
-    if (row.daemon != nullptr) std::ofstream(program) << "#!/bin/sh\n" << row.daemon << "\n";
-    if (row.daemon != nullptr) std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  const std::pair<std::string, std::string> rows[] = {
+      {daemon(""), "was ended by signal 9"},
+      {daemon("exit 3"), "has ended with status 3"},
+      {daemon("exit 0"), "no failure"},
+      {"exit 0", program + " has started no daemon"},
+      {"", "1 cannot start " + program + ": No such file or directory"},
+  };
+  for (const auto& [script, failure] : rows) {
+    SCOPED_TRACE(failure);
+    fs::create_directories(root);
+    if (!script.empty()) std::ofstream(program) << "#!/bin/sh\n" << script << "\n";
+    if (!script.empty()) fs::permissions(program, fs::perms::owner_all);
     const Descriptor output(memory_file());
     const pid_t child = fork();
     if (child == 0) {
@@ -411,8 +381,8 @@ TEST(Supervise, KillsWhatDoesNotStop) {
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-    EXPECT_NE(content_of(output.get()).find(row.failure), std::string::npos) << content_of(output.get());
-    std::filesystem::remove_all(root);
+    EXPECT_NE(content_of(output.get()).find(failure), std::string::npos) << content_of(output.get());
+    fs::remove_all(root);
   }
 }
 

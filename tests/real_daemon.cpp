@@ -70,19 +70,15 @@ int RealDaemon::launch(const std::string& command) const {
   return WEXITSTATUS(system(line.c_str()));
 }
 
-bool RealDaemon::start() {
-  launch("$ZELVIND -p $ROOT/pid >/dev/null 2>>$ROOT/stderr");
+bool RealDaemon::start(const std::string& command) {
+  launch(command);
   return read_pid() && wait_for("zelvind: complete to start program");
 }
 
 bool RealDaemon::read_pid() {
-  std::string text;
-  const bool found = wait_until([&] {
-    text = read_file(path("pid"));
-    return !text.empty() && text.back() == '\n';
-  });
-  if (found) pid = static_cast<pid_t>(std::stol(text));
-  return found;
+  const auto complete = [&] { return read_file(path("pid")).find('\n') != std::string::npos; };
+  if (wait_until(complete)) pid = static_cast<pid_t>(std::stol(read_file(path("pid"))));
+  return pid > 0;
 }
 
 bool RealDaemon::send_signal(int number) const {
@@ -119,8 +115,12 @@ size_t RealDaemon::count(const std::string& part) const {
 
 int RealDaemon::wait_for_end() {
   int status = 0;
-  const bool ended = wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-  if (!ended) return -1;
+  if (!wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) return -1;
   pid = 0;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int RealDaemon::stop() {
+  send_signal(SIGTERM);
+  return wait_for_end();
 }

@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <string>
-#include <vector>
 
 // The whole text of a file, empty when there is none.
 std::string read_file(const std::string& path);
@@ -26,8 +25,8 @@ class RealDaemon {
   // Runs the daemon's command line through a shell, with DEVICE_ROOT and ELOG_TARGET (ROOT/log) set; $ZELVIND is the
   // program, $ROOT the root. Returns the shell's exit status once the invoking process has ended.
   int launch(const std::string& command) const;
-  // Starts it with a pid file, waits for its last start line, and remembers its process id. False when it did not come.
-  bool start();
+  // Starts it, waits for its process id in ROOT/pid and its last start line. False when they did not come.
+  bool start(const std::string& command = "$ZELVIND -p $ROOT/pid >/dev/null 2>>$ROOT/stderr");
   // Waits for the process id in ROOT/pid.
   bool read_pid();
 
@@ -42,6 +41,7 @@ class RealDaemon {
 
   // Waits for the daemon's end, at most 20 s. Its exit status, -1 when it did not end, 128 + signal when it was killed.
   int wait_for_end();
+  int stop();  // sends SIGTERM first
   pid_t process() const { return pid; }
 
  private:

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "script/event_dispatch.h"
 #include "script/manager_script.h"
@@ -30,18 +31,15 @@ class ScriptLoading : public testing::Test {
     write("main/config.lua", "");
     write("main/server_event.lua", "");
     standin::reset();
+    script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
     script.init();
   }
   ~ScriptLoading() override { fs::remove_all(root); }
 
   void write(const std::string& file, const std::string& text) const { std::ofstream(root / file) << text; }
-  std::string path(const char* folder) const { return (root / folder).string(); }
-  void load(const char* external = "") {
-    script.load_scripts(path("main").c_str(), *external == '\0' ? "" : path(external).c_str());
-  }
-  void reload(const char* external = "") {
-    script.reload(path("main").c_str(), *external == '\0' ? "" : path(external).c_str());
-  }
+  std::string path(const char* folder) const { return *folder == '\0' ? "" : (root / folder).string(); }
+  void load(const char* external = "") { script.load_scripts(path("main").c_str(), path(external).c_str()); }
+  void reload(const char* external = "") { script.reload(path("main").c_str(), path(external).c_str()); }
 
   // What the scripts traced since the last call, joined by blanks.
   std::string traced() {
@@ -59,16 +57,19 @@ class ScriptLoading : public testing::Test {
     dispatch_event(script, event);
   }
 
+  // What timers and coroutines trace now.
+  std::string pass() {
+    const LuaTurn turn(script.gate);
+    script.run_timers();
+    script.resume_coroutines();
+    return traced();
+  }
+
   // What the handlers of the door trace, `seconds` later.
   std::string handled(int seconds = 0) {
     g_seconds += seconds;
     g_milliseconds += 10;
-    {
-      const LuaTurn turn(script.gate);
-      script.run_timers();
-      script.resume_coroutines();
-    }
-    traced();
+    pass();
     dispatch("door");
     return traced();
   }
@@ -100,13 +101,21 @@ TEST_F(ScriptLoading, OrderOfFiles) {
   EXPECT_EQ(script.scripts.size(), 5u);
 }
 
+std::string error_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
 TEST_F(ScriptLoading, FailuresNameTheFile) {
-  struct Case {
+  const struct {
     const char* file;
     const char* text;   // null: a folder
     const char* error;  // ROOT stands for the folder
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"main/x.lua", "error('boom')", "could not execute script[ROOT/main/x.lua] -- ROOT/main/x.lua:1: boom"},
       {"main/x.lua", "error({})", "could not execute script[ROOT/main/x.lua] -- NOT ERROR"},
       {"main/x.lua", "error('%s%n', 0)", "could not execute script[ROOT/main/x.lua] -- %s%n"},
@@ -117,38 +126,24 @@ TEST_F(ScriptLoading, FailuresNameTheFile) {
       {"main/server_event.lua", "event_server.init = nil",
        "mscript: failed to run event_server.init() - [string \"temp\"]:1: attempt to call field 'init' (a nil value)"},
   };
-  for (const Case& row : cases) {
+  for (const auto& row : cases) {
     SCOPED_TRACE(row.error);
-    fs::rename(root / "main", root / "kept");
-    fs::copy(root / "kept", root / "main");
-    if (row.text == nullptr) {
-      fs::create_directory(root / row.file);
-    } else {
-      write(row.file, row.text);
-    }
+    if (row.text == nullptr) fs::create_directory(root / row.file);
+    if (row.text != nullptr) write(row.file, row.text);
     std::string wanted = row.error;
     for (size_t at = 0; (at = wanted.find("ROOT")) != std::string::npos;) wanted.replace(at, 4, root.string());
     ManagerScript fresh;
     fresh.init();
-    try {
-      fresh.load_scripts(path("main").c_str(), "");
-      ADD_FAILURE() << "loaded";
-    } catch (const std::exception& error) {
-      EXPECT_EQ(error.what(), wanted);
-    }
+    EXPECT_EQ(error_of([&] { fresh.load_scripts(path("main").c_str(), ""); }), wanted);
     EXPECT_EQ(fresh.current_script, nullptr);
     EXPECT_EQ(lua_gettop(fresh.lua_state), 0);
     EXPECT_TRUE(fresh.scripts.empty());
-    fs::remove_all(root / "main");
-    fs::rename(root / "kept", root / "main");
+    fs::remove_all(root / row.file);
+    for (const char* base : {"main/config.lua", "main/server_event.lua"}) write(base, "");
   }
   g_mscript = &script;
-  try {
-    script.reload("/nowhere/main", "/nowhere/ext");
-    ADD_FAILURE() << "loaded";
-  } catch (const std::exception& error) {
-    EXPECT_STREQ(error.what(), "Failed to get script file list in path[/nowhere/main]");
-  }
+  EXPECT_EQ(error_of([&] { script.reload("/nowhere/main", "/nowhere/ext"); }),
+            "Failed to get script file list in path[/nowhere/main]");
   EXPECT_TRUE(standin::log_lines_with("Ignored").empty());
 }
 
@@ -178,12 +173,11 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
   const std::string defined_last = by_hand + (" " + define);
   const std::string table = "rawset(_G, 'es_door', { list_func = { { 'm', function() trace(2, 'table') end } } }) ";
   const auto on = [](const char* text) { return sstr("on('door', function() trace(2, '%s') end) ", text); };
-  struct Case {
+  const struct {
     const char* name;
     std::string a, b, handled;        // a.lua, b.lua, what their handlers trace
     std::string new_a, new_b, later;  // likewise; a file without text is removed
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"on", on("a1") + on("a2"), on("b"), "a1, a2, b", on("a2") + on("a3"), on("b"), "a2, a3, b"},
       {"named late", on("a") + "script_define('late') " + on("late"), "", "a, late", on("a"), "", "a"},
       {"one file disappears", on("a"), on("b"), "a, b", "", on("b"), "b"},
@@ -206,23 +200,18 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
            " es_door.list_func[1] = { 'x', function() trace(2, 'x') end } end",
        "", "x", on("a"), "", "x, a"},
   };
-  struct Setting {
-    const char* name;
-    const char* config;
-    bool base_twice;
+  const std::pair<const char*, bool> settings[] = {
+      // config.lua, and whether init_base.lua is among the scripts
+      {"", false},
+      {"", true},
+      {"rawset(_G, 'kept', false) setmetatable(_G, { __index = error, __newindex = error })", true},
   };
-  const Setting settings[] = {
-      {"plain", "", false},
-      {"init_base.lua among the scripts", "", true},
-      {"strict", "rawset(_G, 'kept', false) setmetatable(_G, { __index = error, __newindex = error })", true},
-  };
-  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
-  for (const Setting& setting : settings) {
-    SCOPED_TRACE(setting.name);
-    write("main/config.lua", setting.config);
-    if (setting.base_twice)
+  for (const auto& [config, base_twice] : settings) {
+    SCOPED_TRACE(testing::Message() << "'" << config << "' " << base_twice);
+    write("main/config.lua", config);
+    if (base_twice)
       fs::copy_file(ZELVIND_LUA_DIR "/init_base.lua", root / "main/init_base.lua", fs::copy_options::skip_existing);
-    for (const Case& row : cases) {
+    for (const auto& row : cases) {
       SCOPED_TRACE(row.name);
       const auto files = [&](const std::string& a, const std::string& b) {
         for (const auto& [name, text] : {std::pair("main/a.lua", a), std::pair("main/j.lua", b)}) {
@@ -254,40 +243,36 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
 TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
   setenv("TZ", "UTC0", 1);
   tzset();
-  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
-  const auto pass = [&](int hour, int minute, int second, int ms = 0) {
+  const auto pass_at = [&](int hour, int minute, int second, int ms = 0) {
     g_seconds = 1767225600 + (hour * 60 + minute) * 60 + second;
     g_milliseconds = ms;
-    const LuaTurn turn(script.gate);
-    script.run_timers();
-    script.resume_coroutines();
-    return traced();
+    return pass();
   };
-  pass(2, 58, 55);
+  pass_at(2, 58, 55);
   write("main/server_event.lua",
         "every(10, function() trace(2, 'base') end) function event_server.init()"
         " task(function() cr_yield(5) trace(2, 'base task') end) end");
   write("main/a.lua",
-        "every(10, function() trace(2, 'tick') end) on('heat', function() trace(2, 'heat') end) at(3, 0, function() "
-        "trace(2, 'three') end)"
-        "task(function() while true do cr_yield(100) trace(2, 'task') end end)");
+        "every(10, function() trace(2, 'tick') end) on('heat', function() trace(2, 'heat') end) "
+        "at(3, 0, function() trace(2, 'three') end) task(function() while true do cr_yield(100) trace(2, 'task') end "
+        "end)");
   load();
   EXPECT_EQ(script.timers.front().tag, "server_event.lua");
   EXPECT_EQ(script.timers.back().tag, "a.lua");
   EXPECT_EQ(script.handler_tag, "");
   for (int round = 0; round < 3; ++round) reload();
   EXPECT_EQ(script.coroutines.size(), 5u);
-  EXPECT_EQ(pass(2, 58, 56, 101), "base task, task");
+  EXPECT_EQ(pass_at(2, 58, 56, 101), "base task, task");
   EXPECT_EQ(script.coroutines.size(), 1u);
-  EXPECT_EQ(pass(2, 59, 1), "base, tick");
+  EXPECT_EQ(pass_at(2, 59, 1), "base, tick");
   EXPECT_EQ(script.timers.size(), 3u);
   // A reload in the very second does not lose the daily run, and one after it does not repeat it.
   g_seconds += 59;
   reload();
-  EXPECT_EQ(pass(3, 0, 0), "base");
-  EXPECT_EQ(pass(3, 1, 0), "base, tick, three");
+  EXPECT_EQ(pass_at(3, 0, 0), "base");
+  EXPECT_EQ(pass_at(3, 1, 0), "base, tick, three");
   reload();
-  EXPECT_EQ(pass(3, 2, 0), "base, tick");
+  EXPECT_EQ(pass_at(3, 2, 0), "base, tick");
   dispatch("heat");
   EXPECT_EQ(traced(), "heat");
   fs::remove(root / "main/a.lua");
@@ -295,13 +280,12 @@ TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
   reload();
   dispatch("heat");
   EXPECT_EQ(standin::log_lines().back(), "<1> mscript: unknown event type[heat]");
-  EXPECT_EQ(pass(3, 3, 0, 1000), "base");
+  EXPECT_EQ(pass_at(3, 3, 0, 1000), "base");
   EXPECT_EQ(script.timers.size(), 1u);
   EXPECT_TRUE(script.coroutines.empty());
 }
 
 TEST_F(ScriptLoading, Examples) {
-  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
   g_seconds = 1000000;
   g_milliseconds = 0;
   for (const auto& file : fs::directory_iterator(ZELVIND_LUA_DIR "/examples")) fs::copy(file, root / "main");
@@ -314,15 +298,10 @@ TEST_F(ScriptLoading, Examples) {
   dispatch("heartbeat", "from=nobody");
   dispatch("uplink", "state=up");
   dispatch("silence", "part=pump&state=begins");
-  const LuaTurn turn(script.gate);
   g_milliseconds = 101;
-  script.resume_coroutines();
-  EXPECT_EQ(traced(), "the door is open, says alice, the door is shut, silence of pump: begins, uplink is up");
-  for (int pass = 0; pass < 12; ++pass) {
-    g_seconds += 5;
-    script.run_timers();
-  }
-  std::string reports = traced();
+  EXPECT_EQ(pass(), "the door is open, says alice, the door is shut, silence of pump: begins, uplink is up");
+  std::string reports;
+  for (int i = 0; i < 12; ++i) g_seconds += 5, reports += pass() + "\n";
   EXPECT_NE(reports.find("up for 0 s, "), std::string::npos);
   EXPECT_NE(reports.find("silence part=pump&state=begins&after=30"), std::string::npos);
   EXPECT_NE(reports.find("silence part=heater&state=begins&after=60"), std::string::npos);

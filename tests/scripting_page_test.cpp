@@ -10,9 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
-#include "device/event_source.h"
+#include "device/event_queue.h"
 #include "script/event_dispatch.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
@@ -32,31 +31,33 @@ struct Example {
   std::vector<std::string> traced;
 };
 
-std::vector<std::string> page_lines() {
-  std::ifstream page(ZELVIND_DOCS_DIR "/scripting.md");
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(page, line);) lines.push_back(line);
-  return lines;
+std::string word_at(const std::string& text, size_t begin) {
+  size_t end = begin;
+  while (end < text.size() && (isalnum(static_cast<unsigned char>(text[end])) != 0 || text[end] == '_')) ++end;
+  return text.substr(begin, end - begin);
 }
 
-std::vector<Example> page_examples() {
+// The examples, and the names in the headings "### `name(...)`".
+std::vector<Example> read_page(Names& in_headings) {
   std::vector<Example> examples;
+  std::ifstream page(ZELVIND_DOCS_DIR "/scripting.md");
   bool inside = false;
-  int number = 0;
-  for (const std::string& line : page_lines()) {
-    ++number;
-    if (line == "```lua") {
-      examples.emplace_back().line = number + 1;
-      inside = true;
-      continue;
+  int number = 1;
+  for (std::string line; std::getline(page, line); ++number) {
+    if (line.compare(0, 4, "### ") == 0) {
+      for (size_t at = 0; (at = line.find('`', at)) != std::string::npos; ++at)
+        in_headings.insert(word_at(line, at + 1));
     }
     inside = inside && line != "```";
-    if (!inside) continue;
-    Example& example = examples.back();
-    if (example.code.empty() && line.compare(0, 3, "-- ") == 0) example.file = line.substr(3);
-    if (line.compare(0, 4, "--> ") == 0) example.traced.push_back(line.substr(4));
-    example.code += line + "\n";
+    if (inside) {
+      Example& example = examples.back();
+      if (example.code.empty() && line.compare(0, 3, "-- ") == 0) example.file = line.substr(3);
+      if (line.compare(0, 4, "--> ") == 0) example.traced.push_back(line.substr(4));
+      example.code += line + "\n";
+    }
+    if (line == "```lua") examples.emplace_back().line = number + 1, inside = true;
   }
+  in_headings.erase("");
   return examples;
 }
 
@@ -69,8 +70,8 @@ int post(lua_State* L) {
 // One pass of the loop, without its waiting.
 void pass(ManagerScript& script) {
   script.run_timers();
-  if (event_pending() == 0) return script.resume_coroutines();
   event_item* const event = event_dequeue(0);
+  if (event == nullptr) return script.resume_coroutines();
   event->timestamp[0] = kStart;
   event->timestamp[1] = 250000;
   dispatch_event(script, *event);
@@ -104,15 +105,12 @@ TEST(ScriptingPage, ExamplesDoWhatTheySay) {
   tzset();
   char root[] = "/tmp/zelvind-page-XXXXXX";
   ASSERT_NE(mkdtemp(root), nullptr);
-  const std::vector<Example> examples = page_examples();
+  Names in_headings;
+  const std::vector<Example> examples = read_page(in_headings);
   EXPECT_GT(examples.size(), 20u);
   for (const Example& example : examples) {
     SCOPED_TRACE("docs/scripting.md:" + std::to_string(example.line));
-    try {
-      EXPECT_EQ(traced_by(example, root + ("/" + std::to_string(example.line))), example.traced);
-    } catch (const std::exception& error) {
-      ADD_FAILURE() << error.what();
-    }
+    EXPECT_NO_THROW(EXPECT_EQ(traced_by(example, root + ("/" + std::to_string(example.line))), example.traced));
   }
   fs::remove_all(root);
 }
@@ -131,12 +129,6 @@ Names names_from(lua_State* L, const std::string& code) {
 Names operator-(Names names, const Names& others) {
   for (const std::string& name : others) names.erase(name);
   return names;
-}
-
-std::string word_at(const std::string& text, size_t begin) {
-  size_t end = begin;
-  while (end < text.size() && (isalnum(static_cast<unsigned char>(text[end])) != 0 || text[end] == '_')) ++end;
-  return text.substr(begin, end - begin);
 }
 
 void expect_same(const char* where, const Names& names, const Names& known) {
@@ -160,30 +152,21 @@ TEST(ScriptingPage, NamesAreThoseThatScriptsFind) {
   known.insert({"event_post", "econf_str", "econf_int"});  // from the device libraries that come with the daemon
 
   const std::string load = "local e = { stds = {}, files = {} } setfenv(assert(loadfile('" ZELVIND_LUA_DIR "/";
-  expect_same("editor annotations",
-              names_from(L, load + "annotations/zelvind.lua')), e)() e.stds = nil e.files = nil return e"), known);
-  expect_same(
-      "list for luacheck",
-      names_from(L, load + "zelvind.luacheckrc')), e)() local all = e.stds.zelvind.read_globals "
-                           "for _, name in ipairs(e.stds.zelvind.globals) do all[#all + 1] = name end return all"),
-      known);
-
-  Names in_headings;
-  for (const std::string& line : page_lines()) {
-    if (line.compare(0, 4, "### ") != 0) continue;
-    for (size_t at = 0; (at = line.find('`', at)) != std::string::npos; ++at) {
-      if (const std::string name = word_at(line, at + 1); !name.empty()) in_headings.insert(name);
-    }
-  }
-  expect_same("headings of the page", in_headings, known);
-  Names in_examples;
-  for (const Example& example : page_examples()) {
+  const std::string annotations = load + "annotations/zelvind.lua')), e)() e.stds = nil e.files = nil return e";
+  const std::string list = load +
+                           "zelvind.luacheckrc')), e)() local all = e.stds.zelvind.read_globals "
+                           "for _, name in ipairs(e.stds.zelvind.globals) do all[#all + 1] = name end return all";
+  expect_same("editor annotations", names_from(L, annotations), known);
+  expect_same("list for luacheck", names_from(L, list), known);
+  Names in_headings, in_examples;
+  for (const Example& example : read_page(in_headings)) {
     for (size_t at = 0; at < example.code.size(); ++at) {
       const std::string word = word_at(example.code, at);
       in_examples.insert(word);
       at += word.size();
     }
   }
+  expect_same("headings of the page", in_headings, known);
   EXPECT_EQ(known - in_examples, (Names{"econf_int", "econf_str"})) << "in no example";
 }
 
