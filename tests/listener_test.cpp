@@ -354,7 +354,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const int slow_number = number_behind("new client : ");
   std::atomic<bool> over{false};
   std::future<void> slow_read = std::async(std::launch::async, [&] {
-    for (; !over; usleep(30 * 1000)) slow->read_info();
+    while (!over && slow->read_info() != "nothing") usleep(30 * 1000);
   });
 
   int number = 0;
@@ -362,7 +362,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const Stopwatch until_skipped;
   const std::string stop = ") stopped reading, its events are skipped";
   while (standin::log_lines_with(stop).size() < 2 && until_skipped.ms() < 9000) forward_numbered();
-  EXPECT_LT(until_skipped.ms(), 8000);  // some three seconds of waiting for the three, and for the slow one
+  ASSERT_LT(until_skipped.ms(), 8000);  // some three seconds of waiting for the three, and for the slow one
   const Stopwatch afterwards;
   for (int i = 0; i < 300; ++i) forward_numbered();
   EXPECT_LT(afterwards.ms(), 2000);  // and none any more
