@@ -1,7 +1,5 @@
 // Which events a client's type string asks for, against the rule read letter by letter. Input: the type name, a zero
 // byte, the type string.
-#include <string>
-
 #include "listener/client_protocol.h"
 #include "tests/fuzz/fuzz.h"
 

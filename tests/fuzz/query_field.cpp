@@ -1,7 +1,5 @@
 // Field lookup, against a list of the items. Input: the longest value accepted (one byte), the key, a zero byte, the
 // text.
-#include <string>
-
 #include "tests/fuzz/fuzz.h"
 #include "util/text.h"
 
