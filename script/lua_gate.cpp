@@ -1,10 +1,17 @@
 #include "script/lua_gate.h"
 
-void LuaGate::enter(Turn turn) {
+#include <chrono>
+
+void LuaGate::enter(Turn turn, const std::function<void()>& while_waiting) {
   std::unique_lock<std::mutex> lock(mutex);
   if (turn == Turn::next) ++wishes;
   ++waiting;
-  changed.wait(lock, [&] { return !held && (turn == Turn::next || wishes == 0); });
+  const auto is_mine = [&] { return !held && (turn == Turn::next || wishes == 0); };
+  if (while_waiting == nullptr) {
+    changed.wait(lock, is_mine);
+  } else {
+    while (!changed.wait_for(lock, std::chrono::milliseconds(100), is_mine)) while_waiting();
+  }
   --waiting;
   if (turn == Turn::next) --wishes;
   held = true;

@@ -78,7 +78,11 @@ void ManagerScript::clear_scripts() {
 }
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
-  const LuaTurn turn(gate, LuaGate::Turn::next);
+  // A script that never returns keeps the state from us; a stop that is asked for meanwhile must end it all the same.
+  const LuaTurn turn(gate, LuaGate::Turn::next, [this] {
+    if (stop_wanted() && !stop.is_armed()) stop.raise_after(stop_patience_ms);
+  });
+  stop.forget();
   const RunSignalsBlocked undisturbed;
   clear_scripts();
   load_script_files(script_path, external_path);

@@ -21,6 +21,9 @@ class ScriptStop {
   // Scripts that run `patience_ms` from now, or later, meet the error. Main thread, as forget().
   void raise_after(int patience_ms);
 
+  // True from raise_after to forget.
+  bool is_armed() const { return deadline_ms != kNever; }
+
   // Takes raise_after back.
   void forget() { deadline_ms = kNever; }
 
