@@ -34,18 +34,13 @@ TEST(Except, FormatsAndCuts) {
   EXPECT_EQ(std::string(except_base("%s", std::string(20000, 'x').c_str()).what()).size(), 10239u);
 }
 
-TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
+TEST(Signals, LinesComeInOrderAndNoStormDoublesThem) {
   standin::reset();
   install_signals();
-  resume_running();
   for (const int number : {SIGHUP, SIGPIPE, SIGHUP}) raise(number);
-  EXPECT_EQ(g_running, 0);
-  EXPECT_EQ(g_reload.exchange(0), 1);
   write_signal_lines();
   EXPECT_EQ(standin::log_lines(), (std::vector<std::string>{"<1> signal_handler: SIGHUP", "<1> signal_handler: SIGPIPE",
                                                             "<1> signal_handler: SIGHUP"}));
-  resume_running();
-  EXPECT_EQ(g_running, 1);
 
   // More than the ring holds, from several threads while the lines are written: none is written twice, none blocks.
   std::vector<std::thread> threads;
@@ -59,11 +54,6 @@ TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   write_signal_lines();
   EXPECT_LE(standin::log_lines_with("SIGPIPE").size(), 6001u);
   EXPECT_GE(standin::log_lines_with("SIGPIPE").size(), 257u);
-
-  raise(SIGTERM);
-  resume_running();
-  EXPECT_EQ(g_running, 0);
-  EXPECT_EQ(g_stop, 1);
 }
 
 }  // namespace
