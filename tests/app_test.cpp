@@ -34,7 +34,7 @@ TEST(Except, FormatsAndCuts) {
   EXPECT_EQ(std::string(except_base("%s", std::string(20000, 'x').c_str()).what()).size(), 10239u);
 }
 
-TEST(Signals, LinesComeInOrderAndNoStormDoublesThem) {
+TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   standin::reset();
   install_signals();
   for (const int number : {SIGHUP, SIGPIPE, SIGHUP}) raise(number);
@@ -54,6 +54,10 @@ TEST(Signals, LinesComeInOrderAndNoStormDoublesThem) {
   write_signal_lines();
   EXPECT_LE(standin::log_lines_with("SIGPIPE").size(), 6001u);
   EXPECT_GE(standin::log_lines_with("SIGPIPE").size(), 257u);
+
+  raise(SIGTERM);
+  resume_running();
+  EXPECT_EQ(g_running, 0);
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 // The event loop on the real script manager, with a device made for tests. A loop ends because the quit event ends it.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <future>
 
 #include "script/clua.h"
 #include "script/event_loop.h"
@@ -118,6 +121,23 @@ TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
     EXPECT_EQ(standin::log_lines_with("stopped a script").size(), 1u);
     EXPECT_EQ(standin::log_lines_with("cleaned").size(), 1u);
   }
+}
+
+// A reload gets the state when the pass in progress ends, although the loop wants it again at once.
+TEST(LuaGate, AWishComesBeforeTheNextPass) {
+  LuaGate gate;
+  std::atomic<bool> reloaded{false};
+  std::future<void> reload;
+  {
+    const LuaTurn pass(gate);
+    reload = std::async(std::launch::async, [&] {
+      const LuaTurn turn(gate, LuaGate::Turn::next);
+      reloaded = true;
+    });
+    usleep(100000);  // until the wish is there
+  }
+  const LuaTurn next_pass(gate);
+  EXPECT_TRUE(reloaded);
 }
 
 }  // namespace
