@@ -3,42 +3,34 @@
 #include <thread>
 #include <vector>
 
-#include "device/host/log_text.h"
 #include "tests/device_root_fixture.h"
 
 namespace {
 
-__attribute__((format(printf, 1, 2))) std::string text_of(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  std::string text = log_text(format, arguments);
-  va_end(arguments);
-  return text;
-}
-
-TEST(LogText, NobodyForgesALineOrDrivesATerminal) {
-  struct {
-    std::string text;
-    const char* expected;
-  } const rows[] = {
-      {text_of("lua stack %s(%d)---\n  ", "x", 1), "lua stack x(1)---\n  "},
-      {text_of("\n---\n"), "\n---\n"},
-      {text_of("100%%\nall of it is ours\n"), "100%\nall of it is ours\n"},
-      {text_of("a\n%s\n\t\n", "b\nc\n"), "a\\nb\\nc\\n\n\\t\n"},
-      {text_of("%s", "2026-11-22 zelvind: forged\n"), "2026-11-22 zelvind: forged\\n"},
-      {text_of("%s", "\r\t\x1b[2J\x7f"), "\\r\\t\\x1b[2J\\x7f"},
-      {text_of("[%c]", 0), "[\\x00]"},
-      {text_of("%s", "Tür 門 🚪"), "Tür 門 🚪"},
-      {text_of("%s", "\xc2\x85 \xc2\x9b \xc2\xa0"), "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},  // control characters of 8 bits
-      {text_of("%s", "\xff \xc0\x8a \xe0\x80\x8a"), "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},         // overlong line ends
-      {text_of("%s", "\xed\xa0\x80 \xf4\x90\x80\x80"), "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // no characters
-      {text_of("%s\n", "\xe9\x96"), "\\xe9\\x96\n"},                                             // cut in the middle
-  };
-  for (const auto& row : rows) EXPECT_EQ(row.text, row.expected);
-  EXPECT_EQ(text_of("%s!", std::string(100000, 'x').c_str()), std::string(100000, 'x') + "!");
-}
-
 using DeviceLog = DeviceRoot;
+
+TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"2026-11-22 zelvind: forged\n", "2026-11-22 zelvind: forged\\n"},
+      {"\r\t\x1b[2J\x7f", "\\r\\t\\x1b[2J\\x7f"},
+      {"Tür 門 🚪", "Tür 門 🚪"},
+      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},           // control characters of 8 bits
+      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},         // overlong line ends
+      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // no characters
+      {"\xe9\x96", "\\xe9\\x96"},                                                 // cut in the middle
+  };
+  std::string expected;
+  for (const auto& [text, line] : rows) {
+    elog(1, "%s", text);
+    expected += std::string("<1> ") + line + "\n";
+  }
+  const std::string long_text(100000, 'x');
+  elog(1, "[%c] %s!", 0, long_text.c_str());
+  elog(1, "a\n%s\n\t\n", "b\nc\n");
+  elog(1, "100%%\nall of it is ours\n");
+  EXPECT_EQ(logged(),
+            expected + "<1> [\\x00] " + long_text + "!\n<1> a\\nb\\nc\\n\n\\t\n" + "<1> 100%\nall of it is ours\n");
+}
 
 TEST_F(DeviceLog, LinesPiecesAndLevels) {
   elog_set_level("zelvind", 2);

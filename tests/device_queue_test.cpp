@@ -104,9 +104,7 @@ TEST_F(DeviceQueue, BothSourcesKeepTheirOrderAndNeitherStarves) {
   std::string lines;
   for (int i = 0; i < 3000; ++i) lines += "1 line " + std::to_string(i) + "\n";
   send_all(fd, lines);
-  int own_posted = 0;
-  int own_taken = 0;
-  int lines_taken = 0;
+  int own_posted = 0, own_taken = 0, lines_taken = 0;
   for (const int64_t start = steady_ms(); lines_taken < 3000 && steady_ms() - start < 20000;) {
     for (int i = 0; i < 2; ++i) own_posted += event_post(2, "own", std::to_string(own_posted).c_str());
     const std::string event = next(0);
@@ -149,15 +147,14 @@ TEST_F(DeviceQueue, AFloodWaitsInItsSend) {
     for (const Descriptor& fd : flooders) {
       for (ssize_t size; (size = send(fd.get(), lines.data(), lines.size(), MSG_DONTWAIT)) > 0;) sent += size;
     }
+    return sent;
   };
   fill();
   EXPECT_EQ(next(1000), "1 n ");
   EXPECT_LT(event_pending(), 4096 + 65536 / 4);
-  fill();
-  const ssize_t sent_before = sent;
+  const ssize_t sent_before = fill();
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(next(0), "1 n ");
-  fill();
-  EXPECT_EQ(sent, sent_before);  // not read while so many wait
+  EXPECT_EQ(fill(), sent_before);  // not read while so many wait
   int taken = 1001;
   while (next(10) == "1 n ") ++taken;
   EXPECT_EQ(taken, sent / 4);
@@ -212,9 +209,7 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   }
   EXPECT_EQ(event_post(1, nullptr, ""), -1);
   EXPECT_EQ(event_post(7, "n", nullptr), 1);
-  EXPECT_EQ(next(0), "5 door state=open");
-  EXPECT_EQ(next(0), "6 door ");
-  EXPECT_EQ(next(0), "7 n ");
+  for (const char* const event : {"5 door state=open", "6 door ", "7 n "}) EXPECT_EQ(next(0), event);
 
   const std::string megabyte(1024 * 1024, 'x');
   for (int i = 0; i < 63; ++i) ASSERT_EQ(event_post(1, "big", megabyte.c_str()), 1);
@@ -254,17 +249,14 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   const std::string deep = root + "/" + std::string(200, 'd');  // more than a socket address holds
   setenv("DEVICE_ROOT", deep.c_str(), 1);
   path = deep + kEventSocketPath;
-  const auto mode_of = [](const std::string& file) {
-    return static_cast<unsigned>(std::filesystem::status(file).permissions());
-  };
   for (const mode_t mask : {077, 0}) {
     umask(mask);
     EXPECT_EQ(in_child([&] { open(); }), 0);  // dies without a word: its socket stays behind
     EXPECT_TRUE(std::filesystem::exists(path));
     open();
     EXPECT_EQ(post({"1 n\n"}), "1 n \n");
-    EXPECT_EQ(mode_of(path), 0660u);
-    EXPECT_EQ(mode_of(deep + "/run/zelvind"), 0755u);
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0660});
+    EXPECT_EQ(std::filesystem::status(deep + "/run/zelvind").permissions(), std::filesystem::perms{0755});
     helper_cleanup();
     EXPECT_FALSE(std::filesystem::exists(path));
   }
