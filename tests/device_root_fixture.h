@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -39,15 +38,14 @@ class DeviceRoot : public testing::Test {
 
   // The log so far, without what stands in front of each line; a frame that is not as promised stays.
   std::string logged() const {
-    const size_t date_size = strlen("2026-11-22 19:26:33.123");
     const std::string program = " zelvind[" + std::to_string(getpid()) + "] ";
+    const int date_size = 23;  // "2026-11-22 19:26:33.123"
     std::string text;
     std::ifstream file(root + "/log");
     for (std::string line; std::getline(file, line); text += line + "\n") {
       int date_end = 0;
       sscanf(line.c_str(), "%*d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d%n", &date_end);
-      const bool framed =
-          date_end == static_cast<int>(date_size) && line.compare(date_size, program.size(), program) == 0;
+      const bool framed = date_end == date_size && line.compare(date_size, program.size(), program) == 0;
       if (framed) line.erase(0, date_size + program.size());
     }
     return text;

@@ -10,32 +10,24 @@ namespace {
 
 TEST(StoreText, KeysAndComplaints) {
   const std::string longest(kStoreLineMax - 2, 'v');
-  struct {
-    std::string bytes;
-    std::string expected;  // the keys in order, then the complaints
-  } const rows[] = {
-      {"log_level = 2\nscript_path=/x y\n", "log_level=2|script_path=/x y|"},
+  const std::pair<std::string, std::string> rows[] = {
+      // a file, and its keys in order, then the complaints
       {"\t a \t=\t b  ; c # d = e \r\n", "a=b  ; c # d = e|"},
       {"a=1\na=2", "a=2|"},
       {"a=\n\n#b=1\n ;c=1\n[d]\n", "a=|"},
-      {"\xef\xbb\xbf"
-       "a=1\n",
-       "a=1|"},
+      {"\xef\xbb\xbfkey=1\n", "key=1|"},
       {"word\na=1\n = 2\n", "a=1|1: the line is no 'key = value'|3: the key is missing|"},
       {"a=" + longest, "a=" + longest + "|"},
       {"a=" + longest + "v\nb=1", "b=1|1: the line is longer than 64 KiB|"},
       {std::string("a=1\n\0", 5), "0: it holds a zero byte, so it is no text and has no keys|"},
-      {"\xff\xfe\x01\n", "1: the line is no 'key = value'|"},
-      {"", ""},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.bytes.substr(0, 40));
-    const StoreText store = parse_store(row.bytes);
+  for (const auto& [bytes, expected] : rows) {
+    const StoreText store = parse_store(bytes);
     std::string found;
     for (const auto& [key, value] : store.values) found += key + "=" + value + "|";
     for (const auto& complaint : store.complaints)
       found += std::to_string(complaint.line) + ": " + complaint.text + "|";
-    EXPECT_EQ(found, row.expected);
+    EXPECT_EQ(found, expected);
   }
   std::string bad_lines;
   for (int i = 0; i < 1000; ++i) bad_lines += "bad\n";
@@ -54,25 +46,20 @@ class DeviceStore : public DeviceRoot {
   const std::string folder;
 };
 
-TEST_F(DeviceStore, TypedValues) {
-  write("n=-5\nbig=2147483648\nhex=0x10\nwords=5 apples\nempty=\nfour=abcd\n");
+TEST_F(DeviceStore, HandlesGiveValuesOrLeaveTheirPlaceAlone) {
+  write("n=-5\nwords=5 apples\nfour=abcd\n");
   econf_handle* store = open_store("zelvind.info");
   ASSERT_NE(store, nullptr);
   int value = 77;
-  for (const char* key : {"big", "hex", "words", "empty", "missing"}) {
-    EXPECT_LT(econf_get_int(store, key, &value), 0) << key;
-    EXPECT_EQ(value, 77);
-  }
-  EXPECT_GE(econf_get_int(store, "n", &value), 0);
-  EXPECT_EQ(value, -5);
   char buffer[5] = "left";
+  EXPECT_LT(econf_get_int(store, "words", &value), 0);
   EXPECT_LT(econf_get_str(store, "missing", buffer, 5), 0);
   EXPECT_LT(econf_get_str(store, "four", buffer, 4), 0);
-  EXPECT_STREQ(buffer, "left");
+  EXPECT_EQ(buffer + std::to_string(value), "left77");
+  EXPECT_GE(econf_get_int(store, "n", &value), 0);
   EXPECT_GE(econf_get_str(store, "four", buffer, 5), 0);
-  EXPECT_STREQ(buffer, "abcd");
+  EXPECT_EQ(buffer + std::to_string(value), "abcd-5");
   econf_close(store);
-  EXPECT_EQ(logged(), "");
 }
 
 TEST_F(DeviceStore, FilesThatCannotBeRead) {
@@ -98,48 +85,29 @@ TEST_F(DeviceStore, ComplaintsComeOnceForEachStateOfAFile) {
 }
 
 TEST_F(DeviceStore, Lua) {
-  write("n = 12\ns = some text\n");
+  write("n = -2147483648\nbig = 2147483648\nhex = 0x10\ns = 5 apples\nempty =\n");
   lua_State* L = luaL_newstate();
   luaL_openlibs(L);
   ASSERT_GE(econf_init(L), 0);
-  struct {
-    const char* chunk;
-    const char* result;
-  } const rows[] = {
-      {"econf_str('zelvind.info', 's')", "some text"},
-      {"econf_int('zelvind.info', 'n') + 1", "13"},
+  const std::pair<std::string, const char*> rows[] = {
+      {"econf_str('zelvind.info', 's')", "5 apples"},
+      {"econf_int('zelvind.info', 'n')", "-2147483648"},
+      {"econf_int('zelvind.info', 'big', 'none')", "none"},
+      {"econf_int('zelvind.info', 'hex', 'none')", "none"},
       {"econf_int('zelvind.info', 's', 'none')", "none"},
+      {"econf_int('zelvind.info', 'empty', 'none')", "none"},
+      {"econf_str('zelvind.info', 'empty', 'none')", ""},
       {"econf_str('zelvind.info', 'x')", "nil"},
       {"econf_str('missing', 'x', false)", "false"},
-      {"econf_str('..', 'x', 1)", "1"},
       {"select('#', econf_int('zelvind.info', 'x'))", "1"},
-      {"select(2, pcall(econf_str, '../secret', 'x'))",
-       "bad argument #1 to '?' (a file name without a slash expected)"},
+      {"select(2, pcall(econf_str, '../s', 'x'))", "bad argument #1 to '?' (a file name without a slash expected)"},
       {"select(2, pcall(econf_int, 'zelvind.info'))", "bad argument #2 to '?' (string expected, got no value)"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.chunk);
-    ASSERT_EQ(luaL_dostring(L, ("return tostring((" + std::string(row.chunk) + "))").c_str()), 0)
-        << lua_tostring(L, -1);
-    EXPECT_STREQ(lua_tostring(L, -1), row.result);
-    lua_settop(L, 0);
+  for (const auto& [call, result] : rows) {
+    ASSERT_EQ(luaL_dostring(L, ("return tostring((" + call + "))").c_str()), 0) << lua_tostring(L, -1);
+    EXPECT_STREQ(lua_tostring(L, -1), result) << call;
   }
   lua_close(L);
-}
-
-TEST_F(DeviceStore, ARelativeRootIsRefusedOnce) {
-  const std::string said = root + "/stderr";
-  write("a=1\n");
-  EXPECT_EQ(in_child([&] {
-              ASSERT_EQ(chdir(root.c_str()), 0);
-              ASSERT_NE(freopen(said.c_str(), "w", stderr), nullptr);
-              setenv("DEVICE_ROOT", ".", 1);
-              EXPECT_EQ(open_store("zelvind.info"), nullptr);
-              EXPECT_EQ(open_store("zelvind.info"), nullptr);
-            }),
-            0);
-  EXPECT_EQ(read_file(said),
-            "device: DEVICE_ROOT is no absolute path: no settings are read and no event socket is made\n");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "device/config_store.h"
@@ -22,13 +23,10 @@ struct Event : event_item {
 };
 
 struct Device {
-  std::mutex mutex;
-  std::condition_variable changed;
   std::map<std::string, std::string> settings;
-  std::deque<Event*> queue;
+  std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
-  std::vector<int> waits;
-  int outstanding = 0, refusals = 0, arranged = 0, handles = 0;
+  int refusals = 0, arranged = 0, handles = 0;
 };
 
 // The device, locked as long as this lives; without a name, until the statement ends.
@@ -43,29 +41,22 @@ struct Locked {
   }
   template <typename Condition>
   bool wait_for(int limit_ms, Condition condition) {
-    return device->changed.wait_for(lock, std::chrono::milliseconds(limit_ms), condition);
+    return changed.wait_for(lock, std::chrono::milliseconds(limit_ms), condition);
   }
 
-  static inline Device* const device = new Device;  // outlives every thread
-  std::unique_lock<std::mutex> lock{device->mutex};
+  // They outlive every thread.
+  static inline Device* const device = new Device;
+  static inline std::mutex& mutex = *new std::mutex;
+  static inline std::condition_variable& changed = *new std::condition_variable;
+  std::unique_lock<std::mutex> lock{mutex};
 };
 
 }  // namespace
 
 namespace standin {
 
-void reset() {
-  const Locked device;
-  for (Event* event : device->queue) delete event;
-  device->queue.clear();
-  device->settings.clear();
-  device->lines.clear();
-  device->waits.clear();
-  device->arranged = 0;
-}
-
 void post(int type, const std::string& type_name, const std::string& info) {
-  Event* event = new Event;
+  auto event = std::make_unique<Event>();
   event->type = type;
   event->timestamp[0] = 1234;
   event->timestamp[1] = -5;
@@ -73,8 +64,8 @@ void post(int type, const std::string& type_name, const std::string& info) {
   event->text = info;
   event->info = event->text.c_str();
   const Locked device;
-  device->queue.push_back(event);
-  device->changed.notify_all();
+  device->queue.push_back(std::move(event));
+  Locked::changed.notify_all();
 }
 
 bool wait_for_line(const std::string& part, size_t count) {
@@ -83,13 +74,12 @@ bool wait_for_line(const std::string& part, size_t count) {
 }
 
 // clang-format off
+void reset() { *Locked().device = Device(); }
 void set(const std::string& key, const std::string& value) { Locked()->settings[key] = value; }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }
 std::vector<std::string> log_lines_with(const std::string& part) { return Locked().lines_with(part); }
-int events_outstanding() { return Locked()->outstanding; }
 int arrange_calls() { return Locked()->arranged; }
-std::vector<int> dequeue_waits() { return Locked()->waits; }
 int handles_open() { return Locked()->handles; }
 // clang-format on
 
@@ -127,23 +117,16 @@ void elog(int level, const char* format, ...) {
   va_end(arguments);
   const Locked device;
   device->lines.push_back("<" + std::to_string(level) + "> " + text);
-  device->changed.notify_all();
+  Locked::changed.notify_all();
 }
 void elogr(int level, const char* format, ...) __attribute__((alias("elog")));
 
 event_item* event_dequeue(int timeout_ms) {
   Locked device;
-  device->waits.push_back(timeout_ms);
   if (!device.wait_for(timeout_ms, [&] { return !device->queue.empty(); })) return nullptr;
-  Event* event = device->queue.front();
+  Event* event = device->queue.front().release();
   device->queue.pop_front();
-  ++device->outstanding;
   return event;
-}
-
-void event_item_free(event_item* item) {
-  --Locked()->outstanding;
-  delete static_cast<Event*>(item);
 }
 
 int event_post(int type, const char* type_name, const char* info) {
@@ -157,6 +140,7 @@ int event_post(int type, const char* type_name, const char* info) {
 
 // clang-format off
 int event_pending() { return static_cast<int>(Locked()->queue.size()); }
+void event_item_free(event_item* item) { delete static_cast<Event*>(item); }
 void event_arrange() { ++Locked()->arranged; }
 void econf_close(econf_handle*) { --Locked()->handles; }
 int econf_init(lua_State*) { return 1; }

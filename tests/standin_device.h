@@ -28,12 +28,8 @@ std::vector<std::string> log_lines_with(const std::string& part);
 // Waits until a line that holds `part` has been logged `count` times; false after 10 s.
 bool wait_for_line(const std::string& part, size_t count = 1);
 
-// Events handed out by event_dequeue and not yet given back.
-int events_outstanding();
-
-// Calls of event_arrange since reset, and the time-outs passed to event_dequeue since reset.
+// Calls of event_arrange since reset.
 int arrange_calls();
-std::vector<int> dequeue_waits();
 
 // Store handles opened and not yet closed.
 int handles_open();

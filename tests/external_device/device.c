@@ -30,18 +30,15 @@ void econf_cleanup(void) {}
 
 void elog_set_level(const char* name, int level) { (void)name, (void)level; }
 void errlog_init(int facility, const char* name) { (void)facility, (void)name; }
-static void write_log(const char* format, va_list arguments) {
+void elog(int level, const char* format, ...) {
   FILE* log = fopen(getenv("DEVICE_LOG"), "a");
+  va_list arguments;
+  va_start(arguments, format);
+  fprintf(log, "%d ", level);
   vfprintf(log, format, arguments);
+  va_end(arguments);
   fputc('\n', log);
   fclose(log);
-}
-void elog(int level, const char* format, ...) {
-  va_list arguments;
-  (void)level;
-  va_start(arguments, format);
-  write_log(format, arguments);
-  va_end(arguments);
 }
 void elogr(int level, const char* format, ...) { (void)level, (void)format; }
 

@@ -1,4 +1,4 @@
-// What the fuzzers share: the entry that libFuzzer calls, how one finds fault, and memory without slack.
+// What the fuzzers share: the way in, how one finds fault, and memory without slack.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,13 @@
 #include <string>
 #include <string_view>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+// Each fuzzer's own. `choice` is the first byte of what libFuzzer made up, `input` the rest.
+void fuzz(size_t choice, std::string input);
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size > 0) fuzz(data[0], std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+  return 0;
+}
 
 // Ends the fuzzer, which keeps the input, when an invariant does not hold.
 #define HOLDS(condition) \

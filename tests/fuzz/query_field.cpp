@@ -26,16 +26,13 @@ Answer reference(const std::string& text, const std::string& key, int max) {
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
-  const int max = data[0];
-  const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
-  const std::string key(input.substr(0, input.find('\0')));
-  const std::string_view rest = input.substr(std::min(input.size(), key.size() + 1));
-  const std::string text(rest.substr(0, rest.find('\0')));
-  const Exact out(std::string(static_cast<size_t>(max) + 1, 'x'));
+void fuzz(size_t choice, std::string input) {
+  const int max = static_cast<int>(choice);
+  const std::string key = input.substr(0, input.find('\0'));
+  const std::string rest = input.substr(std::min(input.size(), key.size() + 1));
+  const std::string text = rest.substr(0, rest.find('\0'));
+  const Exact out(std::string(choice + 1, 'x'));
   const Answer expected = reference(text, key, max);
   HOLDS(query_field(ExactText(text).data.get(), ExactText(key).data.get(), out.data.get(), max) == expected.result);
   HOLDS(out.data.get() == expected.value);
-  return 0;
 }
