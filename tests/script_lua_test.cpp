@@ -1,14 +1,14 @@
 // Runs the tables of tests/lua/, which test the script API from Lua, on the real script manager.
 //
-// Beside the API they find: check(label, got, wanted), raises(label, text, func, ...), dispatch(type, name, info),
-// at(seconds, milliseconds) to set the clocks, run_timers(), resume_coroutines(), next_wait(), counts() of timers and
-// coroutines, log() for the lines since its last call, joined by "|", and lua_dir, where the default scripts are.
+// Beside the API they find: check(label, got, wanted); raises(text, func, ...); dispatch(type, name, info);
+// ran(seconds, milliseconds), which sets the clocks, runs timers and coroutines that are due and returns logged();
+// counts() of timers and coroutines, and the wait for the next one of these; log() for the lines since its last call,
+// joined by "|"; logged(), the same without those that every coroutine makes and with trace(1, ...) as bare text;
+// references() in the registry; lua_dir and docs_dir, where the default scripts and the documents are.
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 #include "script/clua.h"
 #include "script/event_dispatch.h"
@@ -22,11 +22,6 @@ namespace {
 int g_seconds = 0;
 int g_milliseconds = 0;
 
-int fail(lua_State* L) {
-  ADD_FAILURE() << lua_tostring(L, 1);
-  return 0;
-}
-
 int dispatch(lua_State* L) {
   event_item event{};
   event.type = static_cast<int>(lua_tointeger(L, 1));
@@ -38,39 +33,25 @@ int dispatch(lua_State* L) {
   return 1;
 }
 
-int at(lua_State* L) {
+int pass_at(lua_State* L) {
   g_seconds = static_cast<int>(lua_tonumber(L, 1));
   g_milliseconds = static_cast<int>(static_cast<int64_t>(lua_tonumber(L, 2)));
-  return 0;
-}
-
-int run_timers(lua_State*) {
   g_mscript->run_timers();
-  return 0;
-}
-
-int resume_coroutines(lua_State*) {
   g_mscript->resume_coroutines();
   return 0;
-}
-
-int next_wait(lua_State* L) {
-  lua_pushinteger(L, next_wait_ms(g_mscript->coroutines, g_milliseconds));
-  return 1;
 }
 
 int counts(lua_State* L) {
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->timers.size()));
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->coroutines.size()));
-  return 2;
+  lua_pushinteger(L, next_wait_ms(g_mscript->coroutines, g_milliseconds));
+  return 3;
 }
 
 int take_log(lua_State* L) {
-  static size_t taken = 0;
-  const std::vector<std::string> lines = standin::log_lines();
-  if (taken > lines.size()) taken = 0;
   std::string text;
-  for (; taken < lines.size(); ++taken) text += (text.empty() ? "" : "|") + lines[taken];
+  for (const std::string& line : standin::log_lines()) text += (text.empty() ? "" : "|") + line;
+  standin::reset();
   lua_pushlstring(L, text.data(), text.size());
   return 1;
 }
@@ -78,63 +59,49 @@ int take_log(lua_State* L) {
 constexpr char kPrelude[] = R"(
 local function show(v) return type(v) == "string" and string.format("%q", v) or tostring(v) end
 function check(label, got, wanted)
-  if got ~= wanted then
-    fail(debug.getinfo(2, "S").short_src .. ":" .. debug.getinfo(2, "l").currentline .. ": " .. label .. ": got " ..
-      show(got) .. ", wanted " .. show(wanted))
-  end
+  if got ~= wanted then error(label .. ": got " .. show(got) .. ", wanted " .. show(wanted), 2) end
+end
+function raises(text, func, ...)
+  local done, message = pcall(func, ...)
+  check("error", not done and tostring(message):gsub("^[^:]*:%d+: ", ""), text)
+end
+function logged()
+  return (("|" .. log()):gsub("|<2> corutine[^|]*", ""):gsub("|<1> lua%-trace: ", "|"):sub(2))
+end
+function ran(seconds, milliseconds)
+  pass_at(seconds, milliseconds)
+  return logged()
 end
 function references()
   local held = 0
   for _, value in pairs(debug.getregistry()) do held = held + (type(value) == "number" and 0 or 1) end
   return held
 end
-function raises(label, text, func, ...)
-  local done, message = pcall(func, ...)
-  check(label, not done and tostring(message):match(": (.*)$") or message, text)
-end
 )";
 
-void run_table(const char* file) {
-  standin::reset();
+class ScriptLua : public testing::TestWithParam<const char*> {};
+
+TEST_P(ScriptLua, Table) {
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
   ManagerScript script;
-  script.clock.seconds = [] { return g_seconds; };
-  script.clock.milliseconds = [] { return g_milliseconds; };
+  script.clock = {[] { return g_seconds; }, [] { return g_milliseconds; }};
   script.init();
+  standin::reset();
   const LuaTurn turn(script.gate);
   lua_State* const L = script.lua_state;
-  const luaL_Reg functions[] = {{"fail", fail},
-                                {"dispatch", dispatch},
-                                {"at", at},
-                                {"run_timers", run_timers},
-                                {"resume_coroutines", resume_coroutines},
-                                {"next_wait", next_wait},
-                                {"counts", counts},
-                                {"log", take_log}};
-  for (const luaL_Reg& function : functions) lua_register(L, function.name, function.func);
-  lua_pushstring(L, ZELVIND_LUA_DIR);
-  lua_setglobal(L, "lua_dir");
+  lua_register(L, "dispatch", dispatch);
+  lua_register(L, "pass_at", pass_at);
+  lua_register(L, "counts", counts);
+  lua_register(L, "log", take_log);
+  ASSERT_EQ(clua_run_string(L, "lua_dir, docs_dir = '" ZELVIND_LUA_DIR "', '" ZELVIND_DOCS_DIR "'"), 1);
   ASSERT_EQ(clua_run_string(L, kPrelude), 1) << clua_error_text(L);
-  const std::string path = std::string(TEST_LUA_DIR) + "/" + file;
-  EXPECT_EQ(luaL_dofile(L, path.c_str()), 0) << clua_error_text(L);
+  const std::string path = TEST_LUA_DIR "/" + std::string(GetParam()) + ".lua";
+  ASSERT_EQ(luaL_dofile(L, path.c_str()), 0) << clua_error_text(L);
   EXPECT_EQ(lua_gettop(L), 0);
 }
 
-TEST(ScriptLua, Utilities) {
-  run_table("utilities.lua");
-}
-TEST(ScriptLua, Events) {
-  run_table("events.lua");
-}
-TEST(ScriptLua, Timers) {
-  run_table("timers.lua");
-}
-TEST(ScriptLua, Coroutines) {
-  run_table("coroutines.lua");
-}
-TEST(ScriptLua, Base) {
-  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-  tzset();
-  run_table("base.lua");
-}
+INSTANTIATE_TEST_SUITE_P(Tables, ScriptLua,
+                         testing::Values("utilities", "events", "timers", "coroutines", "base", "names"),
+                         [](const auto& table) { return std::string(table.param); });
 
 }  // namespace
