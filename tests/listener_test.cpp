@@ -260,7 +260,8 @@ TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   first->leave();
   ASSERT_TRUE(standin::wait_for_line(sstr("mlistener: delete client : %d", number_behind("new client : "))));
   EventClient second(port);
-  ASSERT_TRUE(standin::wait_for_line("new client", 2));
+  second.send_bytes(integer(-7));
+  ASSERT_TRUE(standin::wait_for_line("broken packet"));
   forward("door", "not asked for");
   subscribe(second, "mail");
   forward("mail", "asked for");
@@ -300,9 +301,9 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const auto reader = subscribed("door,reader");
   std::future<int> read = count_events(*reader);
   const auto stalled = subscribed("door,over,stalled", 4096);
-  const auto leaving = subscribed("door,leaving", 4096);
   const auto slow = subscribed("door,slow", 4096);
   const int slow_number = number_behind("new client : ");
+  const auto leaving = subscribed("door,leaving", 4096);
   std::atomic<bool> over{false};
   std::future<void> slow_read = std::async(std::launch::async, [&] {
     while (!over && slow->read_info() != "nothing") usleep(30 * 1000);
@@ -324,7 +325,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   EXPECT_NE(stops[1].find(sstr("client %d (127.0.0.1:", slow_number)), std::string::npos) << stops[1];
   EXPECT_NE(stops[1].find(stop + " (and 1 more)"), std::string::npos) << stops[1];
 
-  // Two go: the next client with the record of one of them is owed nothing. The third reads on: whole packets, in
+  // Two go: the next client, with the record of the last one, is owed nothing. The third reads on: whole packets, in
   // order, and what is missing is told.
   over = true;
   slow_read.get();
