@@ -25,9 +25,9 @@ using Extension = PluginHost;
 // The links beside the files are no second plug-ins, and no second chances.
 TEST_F(Extension, WholeLivesInOrder) {
   int age = 0;
-  for (const std::string name :
-       {"es_throws_at_end", "es_plain", "es_plain_link", "es_no_init", "es_no_cleanup", "es_throws", "es_throws_link",
-        "es_nowhere", "ea_adds_global", "ea_raises_at_end", "ea_refuses_init", "ea_raises", "ea_nowhere"}) {
+  for (const std::string name : {"es_throws_at_end", "es_plain", "es_plain_link", "es_no_init", "es_no_cleanup",
+                                 "es_refuses_init", "es_throws", "es_throws_link", "es_nowhere", "ea_adds_global",
+                                 "ea_raises_at_end", "ea_refuses_init", "ea_raises", "ea_nowhere"}) {
     folder.put("lib" + name + ".so", age += 10);
   }
   extension.load(folder.path.c_str());
@@ -43,6 +43,10 @@ TEST_F(Extension, WholeLivesInOrder) {
                                 failure("es_no_init", "Could not find 'esource_init'"),
                                 load("es_no_cleanup"),
                                 failure("es_no_cleanup", "Could not find 'esource_cleanup'"),
+                                load("es_refuses_init"),
+                                "<2> es_refuses_init: init",
+                                "<2> es_refuses_init: cleanup",
+                                failure("es_refuses_init", "Failed to execute init function with error[-1]"),
                                 load("es_throws"),
                                 "<2> es_throws: cleanup",
                                 failure("es_throws", own_exception),

@@ -1,13 +1,18 @@
 /* A plug-in that says in the log what is called. One file for all that behave in C: definitions set its NAME, its kind
- * (SOURCE, or else an eAction), and what it lacks (NO_INIT, NO_CLEANUP) or does (RAISES, REFUSES, RAISES_AT_END). */
+ * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_CLEANUP) or does (RAISES,
+ * RAISES_AT_END). */
 #include <zelvind/plugin.h>
+
+#ifndef INIT_RESULT
+#define INIT_RESULT 0
+#endif
 
 #ifdef SOURCE
 #define ENTRY(what) esource_##what
 #ifndef NO_INIT
 int esource_init(void) {
   elog(2, "%s: init", NAME);
-  return 0;
+  return INIT_RESULT;
 }
 #endif
 
@@ -30,11 +35,8 @@ int eaction_init(lua_State* L) {
   lua_pushnumber(L, 1);
 #ifdef RAISES
   return luaL_error(L, "no such thing");
-#elif defined(REFUSES)
-  return -7;
-#else
-  return 0;
 #endif
+  return INIT_RESULT;
 }
 #endif
 
