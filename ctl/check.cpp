@@ -10,7 +10,6 @@
 #include "ctl/luacheck.h"
 #include "device/log.h"
 #include "script/script_list.h"
-#include "util/text.h"
 
 namespace {
 
@@ -32,7 +31,7 @@ std::string with_whole_name(const std::string& path, const std::string& text) {
 
 class Compiler {
  public:
-  explicit Compiler(FILE* output) : out(output), state(luaL_newstate(), lua_close) {
+  explicit Compiler(Findings& results) : findings(results), state(luaL_newstate(), lua_close) {
     if (state == nullptr) throw Failure(Exit::unreachable, "no memory for Lua");
   }
 
@@ -43,36 +42,29 @@ class Compiler {
       good.push_back(path);
     } else {
       const char* const text = lua_tostring(L, -1);
-      fault(with_whole_name(path, text == nullptr ? "unknown error" : text));
+      findings.fault(with_whole_name(path, text == nullptr ? "unknown error" : text));
     }
     lua_settop(L, 0);
   }
 
-  void fault(const std::string& text) {
-    fprintf(out, "%s\n", text.c_str());
-    ++faults;
-  }
-
   std::vector<std::string> good;
-  int faults = 0;
 
  private:
-  FILE* const out;
+  Findings& findings;
   std::set<std::string> seen;
   const std::unique_ptr<lua_State, void (*)(lua_State*)> state;
 };
 
-int compile_dirs(const std::vector<std::string>& dirs, std::vector<std::string>& good, FILE* out) {
-  Compiler compiler(out);
+std::vector<std::string> compile_dirs(const std::vector<std::string>& dirs, Findings& findings) {
+  Compiler compiler(findings);
   for (const std::string& dir : dirs) {
     try {
       for (const std::string& name : list_script_files(dir)) compiler.compile(script_in(dir, name));
     } catch (const except_base& error) {
-      compiler.fault(error.what());
+      findings.fault(error.what());
     }
   }
-  good = std::move(compiler.good);
-  return compiler.faults;
+  return compiler.good;
 }
 
 // A plug-in that adds globals may bring a file that declares them for tools, beside itself and named alike.
@@ -87,8 +79,19 @@ std::vector<std::string> declarations_in(const std::string& plugins) {
   return files;
 }
 
-std::string counted(int number, const char* thing) {
-  return sstr("%d %s%s", number, thing, number == 1 ? "" : "s");
+std::vector<std::string> compile_configured(const ScriptFolders& folders, Findings& findings) {
+  Compiler compiler(findings);
+  compiler.compile(script_in(folders.daemon, "init_base.lua"));
+  compiler.compile(base_script("config.lua", folders.script, folders.external));
+  compiler.compile(base_script("server_event.lua", folders.script, folders.external));
+  try {
+    const DirectoryScripts found = directory_scripts(folders.script, folders.external);
+    if (!found.ignored.empty()) findings.warn(folders.external, found.ignored);
+    for (const std::string& path : found.paths) compiler.compile(path);
+  } catch (const except_base& error) {
+    findings.fault(error.what());
+  }
+  return compiler.good;
 }
 
 }  // namespace
@@ -100,36 +103,26 @@ ScriptFolders configured_folders(const std::string& daemon) {
           from_root(conf.get_str("dll_path", "/usr/lib"))};
 }
 
-int compile_scripts(const ScriptFolders& folders, std::vector<std::string>& good, FILE* out) {
-  Compiler compiler(out);
-  compiler.compile(script_in(folders.daemon, "init_base.lua"));
-  compiler.compile(base_script("config.lua", folders.script, folders.external));
-  compiler.compile(base_script("server_event.lua", folders.script, folders.external));
-  try {
-    const DirectoryScripts found = directory_scripts(folders.script, folders.external);
-    if (!found.ignored.empty()) fprintf(out, "warning: %s\n", found.ignored.c_str());
-    for (const std::string& path : found.paths) compiler.compile(path);
-  } catch (const except_base& error) {
-    compiler.fault(error.what());
-  }
-  good = std::move(compiler.good);
-  return compiler.faults;
+int check_scripts(const ScriptFolders& folders, Findings& findings) {
+  const std::vector<std::string> good = compile_configured(folders, findings);
+  if (!findings.has_faults()) warn_of_unknown_globals(good, declarations_in(folders.plugins), findings);
+  return static_cast<int>(good.size());
 }
 
-void check(const std::string& daemon, const std::vector<std::string>& dirs, FILE* out) {
-  std::vector<std::string> good;
-  std::vector<std::string> declarations;
-  int faults = 0;
+void check(const std::string& daemon, const std::vector<std::string>& dirs, bool strict, FILE* out) {
+  Findings findings(out, strict);
+  int scripts = 0;
   if (dirs.empty()) {
-    const ScriptFolders folders = configured_folders(daemon);
-    faults = compile_scripts(folders, good, out);
-    declarations = declarations_in(folders.plugins);
+    scripts = check_scripts(configured_folders(daemon), findings);
   } else {
-    faults = compile_dirs(dirs, good, out);
-    declarations = {script_in(daemon, "init_base.lua")};
+    const std::vector<std::string> good = compile_dirs(dirs, findings);
+    if (!findings.has_faults()) warn_of_unknown_globals(good, {script_in(daemon, "init_base.lua")}, findings);
+    scripts = static_cast<int>(good.size());
   }
-  if (faults > 0) throw Failure(Exit::unreachable, counted(faults, "fault"));
-  fprintf(out, "%s, no fault\n", counted(static_cast<int>(good.size()), "script").c_str());
-  if (warn_of_unknown_globals(good, declarations, out)) return;
-  fprintf(out, "luacheck is not at hand: globals that nothing defines were not looked for\n");
+  if (!findings.passed()) throw Failure(Exit::unreachable, findings.text());
+  const std::string warnings = findings.text();
+  fprintf(out, "%s, no fault%s\n", counted(scripts, "script").c_str(),
+          warnings.empty() ? "" : (", " + warnings).c_str());
+  if (findings.unlooked.empty()) return;
+  fprintf(out, "%s: globals that nothing defines were not looked for\n", findings.unlooked.c_str());
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "ctl/findings.h"
+
 struct ScriptFolders {
   std::string daemon;    // init_base.lua
   std::string script;    // script_path
@@ -16,11 +18,11 @@ struct ScriptFolders {
 // opened, like the daemon.
 ScriptFolders configured_folders(const std::string& daemon);
 
-// Compiles the scripts in `folders`. Writes each fault to `out`, "FILE:LINE: MESSAGE", and returns their number; the
-// scripts without one are appended to `good`, in load order.
-int compile_scripts(const ScriptFolders& folders, std::vector<std::string>& good, FILE* out);
+// Compiles the scripts in `folders`; when there is no fault, has luacheck warn of globals that nothing defines. Returns
+// the number of scripts without a fault.
+int check_scripts(const ScriptFolders& folders, Findings& findings);
 
-// The command: compiles the scripts of the daemon in folder `daemon`, or with `dirs` all those of each of these, which
-// need not be complete; then has luacheck warn of globals that nothing defines. Writes everything to `out`. Throws
-// Failure(Exit::unreachable) when there are faults.
-void check(const std::string& daemon, const std::vector<std::string>& dirs, FILE* out);
+// The command: checks the scripts of the daemon in folder `daemon`, or with `dirs` all those of each of these, which
+// need not be complete. Writes everything to `out`. Throws Failure(Exit::unreachable) when there are faults, or with
+// `strict` warnings.
+void check(const std::string& daemon, const std::vector<std::string>& dirs, bool strict, FILE* out);

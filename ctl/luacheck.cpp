@@ -4,6 +4,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <csignal>
+#include <cstring>
 #include <lua.hpp>
 #include <memory>
 
@@ -58,21 +59,21 @@ pid_t start_program(Arguments arguments, Descriptor& output) {
 }
 
 // "FILE:LINE:COLUMN: accessing undefined variable 'NAME'"
-void write_findings(FILE* lines, FILE* out) {
+void add_findings(FILE* lines, Findings& findings) {
   char* line = nullptr;
   size_t room = 0;
   while (getline(&line, &room, lines) > 0) {
-    const std::string text = line;
+    const std::string text(line, strcspn(line, "\n"));
     const size_t at = text.find(kFinding);
-    if (at != std::string::npos) fprintf(out, "%swarning: %s", text.substr(0, at).c_str(), text.c_str() + at);
+    if (at != std::string::npos && at > 2) findings.warn(text.substr(0, at - 2), text.substr(at));
   }
   free(line);
 }
 
 }  // namespace
 
-bool warn_of_unknown_globals(const std::vector<std::string>& scripts, const std::vector<std::string>& declarations,
-                             FILE* out) {
+void warn_of_unknown_globals(const std::vector<std::string>& scripts, const std::vector<std::string>& declarations,
+                             Findings& findings) {
   Arguments arguments = {"luacheck", "--no-config", "--no-cache", "--no-color", "--formatter",     "plain",
                          "--std",    "lua51",       "--only",     "113",        "--allow-defined", "--globals"};
   for (const std::string& name : api_names()) arguments.push_back(name);
@@ -81,10 +82,11 @@ bool warn_of_unknown_globals(const std::vector<std::string>& scripts, const std:
   arguments.insert(arguments.end(), declarations.begin(), declarations.end());
   Descriptor output;
   const pid_t process = start_program(arguments, output);
-  if (process == 0) return false;
+  findings.unlooked = process == 0 ? "luacheck is not at hand" : "";
+  if (process == 0) return;
   const std::unique_ptr<FILE, int (*)(FILE*)> lines(fdopen(output.release(), "r"), fclose);
-  if (lines != nullptr) write_findings(lines.get(), out);
+  if (lines != nullptr) add_findings(lines.get(), findings);
   int status = 0;
   waitpid(process, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) <= kFindings;
+  if (!WIFEXITED(status) || WEXITSTATUS(status) > kFindings) findings.unlooked = "luacheck did not work";
 }

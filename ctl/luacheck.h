@@ -2,12 +2,12 @@
 // at run time would be nil.
 #pragma once
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
-// Writes to `out` a line "FILE:LINE:COLUMN: warning: ..." for each use of a global that nothing defines: neither one of
-// the `scripts`, nor one of the `declarations` (Lua files that only define), nor the daemon itself. Returns false when
-// luacheck is not installed or did not work.
-bool warn_of_unknown_globals(const std::vector<std::string>& scripts, const std::vector<std::string>& declarations,
-                             FILE* out);
+#include "ctl/findings.h"
+
+// Warns of each use of a global that nothing defines: neither one of the `scripts`, nor one of the `declarations` (Lua
+// files that only define), nor the daemon itself. Without luacheck, findings.unlooked says so.
+void warn_of_unknown_globals(const std::vector<std::string>& scripts, const std::vector<std::string>& declarations,
+                             Findings& findings);

@@ -48,7 +48,8 @@ constexpr char kCheckFooter[] =
     "  zelvctl check ./scripts             all scripts of a folder";
 
 constexpr char kReloadFooter[] =
-    "Checks the scripts first, as zelvctl check does; with a fault the daemon hears nothing.\n"
+    "Checks the scripts first, as zelvctl check does; with a fault the daemon hears nothing. Warnings are said\n"
+    "and stop nothing, unless with --strict.\n"
     "Ends with status 0 when the daemon has reloaded, with 1 when it has not or has ended over it.\n"
     "--root and the exit statuses: see zelvctl --help.";
 
@@ -129,7 +130,7 @@ class CommandLine {
     } else if (listen->parsed()) {
       run_listen();
     } else if (check->parsed()) {
-      ::check(daemon_folder(root_path), values_of(dirs), stdout);
+      ::check(daemon_folder(root_path), values_of(dirs), strict, stdout);
     } else if (reload->parsed()) {
       run_reload(root_path);
     } else if (supervised->parsed()) {
@@ -170,6 +171,7 @@ class CommandLine {
     check = app.add_subcommand("check", "Compile the daemon's scripts and report their faults");
     dirs = check->add_option("DIR")->expected(0, -1)->allow_extra_args();
     dirs->description("Folders to check instead of those of the configuration");
+    check->add_flag("--strict", strict, "Let warnings count as faults");
     check->footer(kCheckFooter);
   }
 
@@ -178,6 +180,7 @@ class CommandLine {
     pid_file = reload->add_option("--pidfile")->type_name("FILE");
     pid_file->description("The daemon's pid file (default: the daemon that has the event socket)");
     reload->add_flag("--watch", watch, "Do so whenever a script file changes");
+    reload->add_flag("--strict", strict, "Let warnings count as faults: then it does not reload");
     reload->footer(kReloadFooter);
   }
 
@@ -195,7 +198,7 @@ class CommandLine {
   }
 
   void run_reload(const std::string& root_path) {
-    const ReloadRequest what{root_path, pid_file->empty() ? "" : values_of(pid_file).front()};
+    const ReloadRequest what{root_path, pid_file->empty() ? "" : values_of(pid_file).front(), strict};
     if (watch) {
       reload_at_changes(what, stdout);
     } else {
@@ -245,6 +248,8 @@ class CommandLine {
 
   CLI::App* check = nullptr;
   CLI::Option* dirs = nullptr;
+
+  bool strict = false;  // of check and reload
 
   CLI::App* reload = nullptr;
   CLI::Option* pid_file = nullptr;

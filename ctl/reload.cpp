@@ -32,10 +32,13 @@ RunningDaemon daemon_of(const ReloadRequest& request) {
   fail("no daemon has the event socket " + request.root + kEventSocketPath);
 }
 
-void check_first(const RunningDaemon& daemon, FILE* out) {
-  std::vector<std::string> good;
-  const int faults = compile_scripts(configured_folders(daemon.folder()), good, out);
-  if (faults > 0) fail(sstr("not reloaded: %d fault%s", faults, faults == 1 ? "" : "s"));
+void check_first(const RunningDaemon& daemon, bool strict, FILE* out) {
+  Findings findings(out, strict);
+  check_scripts(configured_folders(daemon.folder()), findings);
+  if (!findings.passed()) fail("not reloaded: " + findings.text());
+  if (strict && !findings.unlooked.empty()) {
+    fprintf(out, "%s: globals that nothing defines were not looked for\n", findings.unlooked.c_str());
+  }
 }
 
 // A reload that is already going on may have read the scripts before they were changed: then the next one counts.
@@ -71,7 +74,7 @@ void reload_checked(const RunningDaemon& daemon, FILE* out) {
 
 void reload(const ReloadRequest& request, FILE* out) {
   const RunningDaemon daemon = daemon_of(request);
-  check_first(daemon, out);
+  check_first(daemon, request.strict, out);
   reload_checked(daemon, out);
 }
 
@@ -82,7 +85,7 @@ void reload_at_changes(const ReloadRequest& request, FILE* out) {
     watch.wait_for_change();
     const RunningDaemon daemon = daemon_of(request);
     try {
-      check_first(daemon, out);
+      check_first(daemon, request.strict, out);
     } catch (const Failure& failure) {
       fprintf(out, "%s\n", failure.what());
       fflush(out);

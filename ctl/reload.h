@@ -8,11 +8,12 @@
 struct ReloadRequest {
   std::string root;      // DEVICE_ROOT, or empty
   std::string pid_file;  // of the daemon; empty: the one that owns the event socket
+  bool strict;           // warnings count as faults
 };
 
-// Checks the scripts, sends SIGHUP, and waits until the daemon has done a reload that began after that. Faults and the
-// verdict go to `out`. Throws Failure(Exit::unreachable) when there are faults (the daemon has heard nothing then),
-// when no daemon runs, when it ended over the reload, and when it does not tell.
+// Checks the scripts, sends SIGHUP, and waits until the daemon has done a reload that began after that. Faults,
+// warnings and the verdict go to `out`. Throws Failure(Exit::unreachable) when there are faults (the daemon has heard
+// nothing then), when no daemon runs, when it ended over the reload, and when it does not tell.
 void reload(const ReloadRequest& request, FILE* out);
 
 // Reloads whenever a script file of the configured folders changes, until the daemon has gone: then throws

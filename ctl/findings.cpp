@@ -1,0 +1,23 @@
+#include "ctl/findings.h"
+
+#include "util/text.h"
+
+void Findings::fault(const std::string& text) {
+  fprintf(out, "%s\n", text.c_str());
+  ++faults;
+}
+
+void Findings::warn(const std::string& place, const std::string& text) {
+  fprintf(out, "%s: warning: %s\n", place.c_str(), text.c_str());
+  ++warnings;
+}
+
+std::string Findings::text() const {
+  const std::string text = faults == 0 ? "" : counted(faults, "fault");
+  if (warnings == 0) return text;
+  return text + (text.empty() ? "" : ", ") + counted(warnings, "warning");
+}
+
+std::string counted(int number, const char* thing) {
+  return sstr("%d %s%s", number, thing, number == 1 ? "" : "s");
+}
