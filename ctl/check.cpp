@@ -2,12 +2,15 @@
 
 #include <lua.hpp>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "app/conf_file.h"
 #include "app/except.h"
+#include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
 #include "ctl/luacheck.h"
+#include "ctl/running_daemon.h"
 #include "device/log.h"
 #include "script/script_list.h"
 
@@ -109,7 +112,11 @@ int check_scripts(const ScriptFolders& folders, Findings& findings) {
   return static_cast<int>(good.size());
 }
 
-void check(const std::string& daemon, const std::vector<std::string>& dirs, bool strict, FILE* out) {
+void check(const std::string& root, const std::vector<std::string>& dirs, bool strict, FILE* out) {
+  const auto running = RunningDaemon::find(root);
+  const std::string daemon = running ? running->folder() : installed_daemon_folder();
+  std::optional<DaemonRights> rights;
+  if (running && dirs.empty()) rights.emplace(running->process());
   Findings findings(out, strict);
   int scripts = 0;
   if (dirs.empty()) {

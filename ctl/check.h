@@ -22,7 +22,7 @@ ScriptFolders configured_folders(const std::string& daemon);
 // the number of scripts without a fault.
 int check_scripts(const ScriptFolders& folders, Findings& findings);
 
-// The command: checks the scripts of the daemon in folder `daemon`, or with `dirs` all those of each of these, which
-// need not be complete. Writes everything to `out`. Throws Failure(Exit::unreachable) when there are faults, or with
-// `strict` warnings.
-void check(const std::string& daemon, const std::vector<std::string>& dirs, bool strict, FILE* out);
+// The command: checks the scripts of the daemon below `root`, with its rights if it runs, else those of the one that is
+// installed; or with `dirs` all those of each of these, which need not be complete, with our own rights. Writes
+// everything to `out`. Throws Failure(Exit::unreachable) when there are faults, or with `strict` warnings.
+void check(const std::string& root, const std::vector<std::string>& dirs, bool strict, FILE* out);

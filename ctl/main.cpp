@@ -95,12 +95,6 @@ std::string device_root(const CLI::Option* option) {
   return root;
 }
 
-// Where init_base.lua is: beside the program of the daemon that runs, or of the one that is installed.
-std::string daemon_folder(const std::string& root) {
-  const auto daemon = RunningDaemon::find(root);
-  return daemon ? daemon->folder() : installed_daemon_folder();
-}
-
 class CommandLine {
  public:
   CommandLine() {
@@ -130,7 +124,7 @@ class CommandLine {
     } else if (listen->parsed()) {
       run_listen();
     } else if (check->parsed()) {
-      ::check(daemon_folder(root_path), values_of(dirs), strict, stdout);
+      ::check(root_path, values_of(dirs), strict, stdout);
     } else if (reload->parsed()) {
       run_reload(root_path);
     } else if (supervised->parsed()) {

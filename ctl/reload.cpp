@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ctl/check.h"
+#include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
 #include "ctl/running_daemon.h"
 #include "ctl/script_watch.h"
@@ -33,8 +34,12 @@ RunningDaemon daemon_of(const ReloadRequest& request) {
 }
 
 void check_first(const RunningDaemon& daemon, bool strict, FILE* out) {
+  const std::string folder = daemon.folder();
   Findings findings(out, strict);
-  check_scripts(configured_folders(daemon.folder()), findings);
+  {
+    const DaemonRights rights(daemon.process());
+    check_scripts(configured_folders(folder), findings);
+  }
   if (!findings.passed()) fail("not reloaded: " + findings.text());
   if (strict && !findings.unlooked.empty()) {
     fprintf(out, "%s: globals that nothing defines were not looked for\n", findings.unlooked.c_str());

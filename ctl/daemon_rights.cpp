@@ -1,0 +1,65 @@
+#include "ctl/daemon_rights.h"
+
+#include <grp.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "ctl/failure.h"
+
+namespace {
+
+struct Rights {
+  uid_t user = 0;
+  gid_t group = 0;
+  std::vector<gid_t> groups;
+};
+
+[[noreturn]] void fail(pid_t daemon, int error) {
+  throw Failure(Exit::unreachable,
+                "cannot take the rights of the daemon (process " + std::to_string(daemon) + "): " + error_text(error));
+}
+
+// Lines "Uid: REAL EFFECTIVE ...", "Gid:" alike, "Groups: GROUP...".
+Rights rights_of(pid_t daemon) {
+  std::ifstream status("/proc/" + std::to_string(daemon) + "/status");
+  if (!status) fail(daemon, errno);
+  Rights rights;
+  for (std::string line; std::getline(status, line);) {
+    std::istringstream words(line);
+    std::string key;
+    unsigned real = 0;
+    words >> key;
+    if (key == "Uid:") words >> real >> rights.user;
+    if (key == "Gid:") words >> real >> rights.group;
+    if (key != "Groups:") continue;
+    for (gid_t group; words >> group;) rights.groups.push_back(group);
+  }
+  return rights;
+}
+
+}  // namespace
+
+// The real user changes too, since access() goes by it; the saved one stays root, which is the way back.
+DaemonRights::DaemonRights(pid_t daemon) : group(getegid()) {
+  if (geteuid() != 0) return;
+  const Rights theirs = rights_of(daemon);
+  if (theirs.user == 0) return;
+  groups.resize(static_cast<size_t>(getgroups(0, nullptr)));
+  if (getgroups(static_cast<int>(groups.size()), groups.data()) < 0) fail(daemon, errno);
+  taken = true;
+  if (setgroups(theirs.groups.size(), theirs.groups.data()) != 0 || setresgid(theirs.group, theirs.group, group) != 0 ||
+      setresuid(theirs.user, theirs.user, 0) != 0) {
+    fail(daemon, errno);
+  }
+}
+
+DaemonRights::~DaemonRights() {
+  if (!taken) return;
+  // What would be left is neither root nor the daemon's user.
+  if (setresuid(0, 0, 0) != 0 || setresgid(group, group, group) != 0 || setgroups(groups.size(), groups.data()) != 0) {
+    abort();
+  }
+}
