@@ -3,6 +3,8 @@
 
 #include <string>
 
+constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // where the embedded store has it
+
 struct econf_handle;
 
 class ConfFile {

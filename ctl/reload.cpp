@@ -6,6 +6,7 @@
 #include <csignal>
 #include <thread>
 
+#include "app/conf_file.h"
 #include "ctl/check.h"
 #include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
@@ -33,15 +34,21 @@ RunningDaemon daemon_of(const ReloadRequest& request) {
   fail("no daemon has the event socket " + request.root + kEventSocketPath);
 }
 
-void check_first(const RunningDaemon& daemon, bool strict, FILE* out) {
+void check_first(const RunningDaemon& daemon, const ReloadRequest& request, FILE* out) {
   const std::string folder = daemon.folder();
-  Findings findings(out, strict);
+  const std::string settings = request.root + kSettingsPath;
+  Findings findings(out, request.strict);
+  if (daemon.is_older_than(settings)) {
+    findings.warn(settings,
+                  "newer than the daemon, which goes by the settings as they were when it started; "
+                  "the check goes by the new ones");
+  }
   {
     const DaemonRights rights(daemon.process());
     check_scripts(configured_folders(folder), findings);
   }
   if (!findings.passed()) fail("not reloaded: " + findings.text());
-  if (strict && !findings.unlooked.empty()) {
+  if (request.strict && !findings.unlooked.empty()) {
     fprintf(out, "%s: globals that nothing defines were not looked for\n", findings.unlooked.c_str());
   }
 }
@@ -79,7 +86,7 @@ void reload_checked(const RunningDaemon& daemon, FILE* out) {
 
 void reload(const ReloadRequest& request, FILE* out) {
   const RunningDaemon daemon = daemon_of(request);
-  check_first(daemon, request.strict, out);
+  check_first(daemon, request, out);
   reload_checked(daemon, out);
 }
 
@@ -90,7 +97,7 @@ void reload_at_changes(const ReloadRequest& request, FILE* out) {
     watch.wait_for_change();
     const RunningDaemon daemon = daemon_of(request);
     try {
-      check_first(daemon, request.strict, out);
+      check_first(daemon, request, out);
     } catch (const Failure& failure) {
       fprintf(out, "%s\n", failure.what());
       fflush(out);

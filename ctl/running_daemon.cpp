@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -57,6 +59,36 @@ bool is_daemon(const std::string& exe) {
   return exe.compare(exe.rfind('/') + 1, sizeof(kProgram) - 1, kProgram) == 0;
 }
 
+// DEVICE_ROOT of a process, empty when it has none; nothing when the system does not tell.
+std::optional<std::string> root_of(pid_t pid) {
+  std::ifstream environment(proc_path(pid, "environ"));
+  if (environment.peek() == EOF) return std::nullopt;
+  const std::string key = "DEVICE_ROOT=";
+  for (std::string item; std::getline(environment, item, '\0');) {
+    if (item.compare(0, key.size(), key) == 0) return item.substr(key.size());
+  }
+  return "";
+}
+
+double seconds_of(const timespec& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// When a process began, by today's clock, which may have been set since; 0 when the system does not tell.
+double start_of(pid_t pid) {
+  std::ifstream file(proc_path(pid, "stat"));  // PID (NAME) STATE and 18 numbers before the wanted one, in ticks
+  std::string word;
+  std::getline(file, word, ')');
+  for (int i = 0; i < 19; ++i) file >> word;
+  double ticks = 0;
+  if (!(file >> ticks)) return 0;
+  timespec today{};
+  timespec since_boot{};
+  clock_gettime(CLOCK_REALTIME, &today);
+  clock_gettime(CLOCK_BOOTTIME, &since_boot);
+  return seconds_of(today) - seconds_of(since_boot) + ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 }  // namespace
 
 std::optional<RunningDaemon> RunningDaemon::find(const std::string& root) {
@@ -71,6 +103,12 @@ RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const st
   if (pid == 0) fail("no process id in " + pid_file);
   if (!is_daemon(exe_of(pid)))
     fail("process " + std::to_string(pid) + " of " + pid_file + " is no running " + kProgram);
+  const auto theirs = root_of(pid);
+  std::error_code ignored;
+  if (theirs && *theirs != root && !std::filesystem::equivalent(*theirs + "/", root + "/", ignored)) {
+    fail("the daemon (process " + std::to_string(pid) + ") of " + pid_file + " runs with DEVICE_ROOT '" + *theirs +
+         "', and this is for '" + root + "'; see --root");
+  }
   return RunningDaemon(pid, root);
 }
 
@@ -85,6 +123,13 @@ std::optional<DaemonState> RunningDaemon::state() const {
   DaemonState state;
   if (file >> owner >> state.name >> state.reloads && owner == pid && is_alive()) return state;
   return std::nullopt;
+}
+
+bool RunningDaemon::is_older_than(const std::string& file) const {
+  constexpr double kTick = 0.02;  // s; what is written just before the start must not pass for newer
+  struct stat status {};
+  const double start = start_of(pid);
+  return start > 0 && stat(file.c_str(), &status) == 0 && seconds_of(status.st_mtim) > start + kTick;
 }
 
 bool RunningDaemon::is_alive() const {

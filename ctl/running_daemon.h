@@ -19,7 +19,8 @@ class RunningDaemon {
   // lock file not ours to read.
   static std::optional<RunningDaemon> find(const std::string& root);
 
-  // The daemon whose process id stands in `pid_file`. Throws Failure(Exit::unreachable) when there is none.
+  // The daemon whose process id stands in `pid_file`. Throws Failure(Exit::unreachable) when there is none, or it is
+  // known to run below another root.
   static RunningDaemon from_pid_file(const std::string& pid_file, const std::string& root);
 
   pid_t process() const { return pid; }
@@ -29,6 +30,9 @@ class RunningDaemon {
 
   // What it says of its state; nothing when it says nothing, or has ended.
   std::optional<DaemonState> state() const;
+
+  // True when `file` has been changed since it started.
+  bool is_older_than(const std::string& file) const;
 
   // False once it has ended. Only for the owner of the event socket.
   bool is_alive() const;
