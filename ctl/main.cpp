@@ -50,7 +50,8 @@ constexpr char kCheckFooter[] =
 constexpr char kReloadFooter[] =
     "Checks the scripts first, as zelvctl check does; with a fault the daemon hears nothing. Warnings are said\n"
     "and stop nothing, unless with --strict.\n"
-    "Ends with status 0 when the daemon has reloaded, with 1 when it has not or has ended over it.\n"
+    "Ends with status 0 when the daemon has reloaded, with 1 when it has not, has ended over it,\n"
+    "or takes longer than 60 s.\n"
     "--root and the exit statuses: see zelvctl --help.";
 
 constexpr char kRunFooter[] =

@@ -18,6 +18,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kLook{20};
+constexpr std::chrono::seconds kVerdictLimit{60};
 
 [[noreturn]] void fail(const std::string& sentence) {
   throw Failure(Exit::unreachable, sentence);
@@ -59,13 +60,16 @@ long long reloads_wanted(const DaemonState& before) {
 }
 
 void wait_for_verdict(const RunningDaemon& daemon, long long wanted) {
-  for (;;) {
+  const auto limit = std::chrono::steady_clock::now() + kVerdictLimit;
+  while (std::chrono::steady_clock::now() < limit) {
     const auto now = daemon.state();
     if (now && now->reloads >= wanted) return;
     if (!now && !daemon.is_alive())
       fail(sstr("the daemon (process %d) has ended over the reload; its log says why", daemon.process()));
     std::this_thread::sleep_for(kLook);
   }
+  fail(sstr("the daemon (process %d) has not finished the reload within %lld s and goes on with it: a script is busy",
+            daemon.process(), static_cast<long long>(kVerdictLimit.count())));
 }
 
 void reload_checked(const RunningDaemon& daemon, FILE* out) {

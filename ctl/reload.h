@@ -13,7 +13,8 @@ struct ReloadRequest {
 
 // Checks the scripts, sends SIGHUP, and waits until the daemon has done a reload that began after that. Faults,
 // warnings and the verdict go to `out`. Throws Failure(Exit::unreachable) when there are faults (the daemon has heard
-// nothing then), when no daemon runs, when it ended over the reload, and when it does not tell.
+// nothing then), when no daemon runs, when it ended over the reload, when it has not finished it within 60 s, and when
+// it does not tell.
 void reload(const ReloadRequest& request, FILE* out);
 
 // Reloads whenever a script file of the configured folders changes, until the daemon has gone: then throws
