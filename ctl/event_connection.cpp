@@ -87,7 +87,9 @@ void EventConnection::wait_for(short events, bool enough_when_read) const {
       untaken = now_untaken;
       last_progress = Clock::now();
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
-      fail("the daemon has taken in nothing for " + limit_text());
+      if (now_untaken > 0) fail("the daemon has taken in nothing for " + limit_text());
+      fail("the daemon has read everything and been busy for " + limit_text() +
+           " since; it handles the events later, so to send them again doubles them");
     }
   }
 }

@@ -13,7 +13,8 @@
 constexpr int kProgressLimitMs = 10000;
 
 // Not shared between threads. Every member throws Failure(Exit::unreachable) when the daemon is gone, closes the
-// connection, or makes no progress for the limit.
+// connection, or makes no progress for the limit. None of these means that nothing was
+// taken in: what has been sent the daemon still takes in when it comes to it.
 class EventConnection {
  public:
   // Connects to the event socket at `path`. `limit_ms` is the longest wait without progress.

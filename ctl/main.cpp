@@ -24,7 +24,8 @@ constexpr char kFooter[] =
 constexpr char kPostFooter[] =
     "With - for TYPE the events are lines of standard input, \"TYPE NAME INFO\" each, INFO being\n"
     "FIELD=VALUE items joined by &; the first bad line ends it.\n"
-    "Ends with status 0 when the daemon has taken in all events, with 1 when it takes nothing for 10 s.\n"
+    "Ends with status 0 when the daemon has taken in all events, with 1 when it gives no sign of that for 10 s;\n"
+    "it may still handle them then, and a second try may double them.\n"
     "--root and the exit statuses: see zelvctl --help.\n"
     "\nExamples:\n"
     "  zelvctl post 1 door state=open by=anna\n"
