@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kLook{20};
 constexpr std::chrono::seconds kVerdictLimit{60};
+constexpr int kAliveLookMs = 1000;
 
 [[noreturn]] void fail(const std::string& sentence) {
   throw Failure(Exit::unreachable, sentence);
@@ -95,18 +96,22 @@ void reload(const ReloadRequest& request, FILE* out) {
 }
 
 void reload_at_changes(const ReloadRequest& request, FILE* out) {
-  const ScriptFolders folders = configured_folders(daemon_of(request).folder());
+  const RunningDaemon daemon = daemon_of(request);
+  const ScriptFolders folders = configured_folders(daemon.folder());
   ScriptWatch watch({folders.script, folders.external});
+  fprintf(out, "watching %s for the daemon (process %d)\n", watch.text().c_str(), daemon.process());
+  fflush(out);
   for (;;) {
-    watch.wait_for_change();
-    const RunningDaemon daemon = daemon_of(request);
+    while (!watch.wait_for_change(kAliveLookMs)) {
+      if (!daemon.is_alive()) fail(sstr("the daemon (process %d) has gone", daemon.process()));
+    }
     try {
       check_first(daemon, request, out);
+      reload_checked(daemon, out);
     } catch (const Failure& failure) {
+      if (!daemon.is_alive()) throw;
       fprintf(out, "%s\n", failure.what());
       fflush(out);
-      continue;
     }
-    reload_checked(daemon, out);
   }
 }

@@ -18,5 +18,5 @@ struct ReloadRequest {
 void reload(const ReloadRequest& request, FILE* out);
 
 // Reloads whenever a script file of the configured folders changes, until the daemon has gone: then throws
-// Failure(Exit::unreachable). Faults are written, and the next change is waited for.
+// Failure(Exit::unreachable). What else goes wrong is written, and the next change is waited for.
 void reload_at_changes(const ReloadRequest& request, FILE* out);

@@ -133,7 +133,7 @@ bool RunningDaemon::is_older_than(const std::string& file) const {
 }
 
 bool RunningDaemon::is_alive() const {
-  return has_open(pid, root + kEventLockPath);
+  return has_open(pid, root + kEventLockPath) || is_daemon(exe_of(pid));
 }
 
 void RunningDaemon::send_signal(int number) const {

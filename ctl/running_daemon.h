@@ -34,7 +34,7 @@ class RunningDaemon {
   // True when `file` has been changed since it started.
   bool is_older_than(const std::string& file) const;
 
-  // False once it has ended. Only for the owner of the event socket.
+  // False once it has ended.
   bool is_alive() const;
 
   // Throws Failure(Exit::unreachable) when it cannot be signalled.

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 
@@ -11,36 +12,63 @@
 namespace {
 
 constexpr int kMomentMs = 100;
-constexpr uint32_t kChanges = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
+constexpr uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr uint32_t kGone = IN_DELETE_SELF | IN_MOVE_SELF;
 
 [[noreturn]] void fail(const std::string& sentence) {
   throw Failure(Exit::unreachable, sentence);
 }
 
+// A link is there at once, while a file is only made to be written.
+bool is_link(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && (S_ISLNK(status.st_mode) || status.st_nlink > 1);
+}
+
 }  // namespace
 
 ScriptWatch::ScriptWatch(const std::vector<std::string>& folders) : notices(inotify_init1(IN_CLOEXEC)) {
-  int watched = 0;
   for (const std::string& folder : folders) {
-    if (folder.empty()) continue;
-    if (inotify_add_watch(notices.get(), folder.c_str(), kChanges | kGone | IN_ONLYDIR) >= 0) {
-      ++watched;
-    } else if (errno != ENOENT) {
-      fail("cannot watch " + folder + ": " + error_text(errno));
+    if (!folder.empty()) missing.push_back(folder);
+  }
+  if (!add_missing()) fail("there is no script folder to watch");
+}
+
+// Returns true when one of the folders that were not there is.
+bool ScriptWatch::add_missing() {
+  std::vector<std::string> still_missing;
+  for (const std::string& folder : missing) {
+    const int number = inotify_add_watch(notices.get(), folder.c_str(), kChanges | kGone | IN_ONLYDIR);
+    if (number < 0 && errno != ENOENT) fail("cannot watch " + folder + ": " + error_text(errno));
+    if (number < 0) {
+      still_missing.push_back(folder);
+    } else {
+      watched[number] = folder;
     }
   }
-  if (watched == 0) fail("there is no script folder to watch");
+  still_missing.swap(missing);
+  return missing.size() < still_missing.size();
 }
 
-void ScriptWatch::wait_for_change() {
-  while (!read_changes()) {
+std::string ScriptWatch::text() const {
+  std::string text;
+  for (const auto& [number, folder] : watched) text += (text.empty() ? "" : ", ") + folder;
+  for (const std::string& folder : missing) text += ", " + folder + " (not there yet)";
+  return text;
+}
+
+bool ScriptWatch::wait_for_change(int limit_ms) {
+  pollfd notice{notices.get(), POLLIN, 0};
+  for (bool changed = false; !changed;) {
+    const int ready = poll(&notice, 1, limit_ms);
+    if (ready == 0) return add_missing();
+    changed = ready > 0 && read_changes();
   }
-  pollfd more{notices.get(), POLLIN, 0};
-  while (poll(&more, 1, kMomentMs) != 0) read_changes();
+  while (poll(&notice, 1, kMomentMs) != 0) read_changes();
+  return true;
 }
 
-// Waits for notices. Returns true when one of them is about a script.
+// Waits for notices. Returns true when one of them is about a script that is ready to be read.
 bool ScriptWatch::read_changes() {
   alignas(inotify_event) char bytes[16384];
   const ssize_t got = read(notices.get(), bytes, sizeof(bytes));
@@ -49,7 +77,9 @@ bool ScriptWatch::read_changes() {
   for (ssize_t at = 0; at < got;) {
     const auto& notice = *reinterpret_cast<const inotify_event*>(bytes + at);
     if ((notice.mask & kGone) != 0) fail("a script folder has gone");
-    changed |= (notice.mask & IN_Q_OVERFLOW) != 0 || (notice.len > 0 && is_script_name(notice.name));
+    const bool is_script = notice.len > 0 && is_script_name(notice.name);
+    const bool is_complete = (notice.mask & IN_CREATE) == 0 || is_link(script_in(watched[notice.wd], notice.name));
+    changed |= (notice.mask & IN_Q_OVERFLOW) != 0 || (is_script && is_complete);
     at += static_cast<ssize_t>(sizeof(notice) + notice.len);
   }
   return changed;
