@@ -40,6 +40,7 @@ end
 
 local round = 0
 local modules = {} -- those of this round, by tag
+local files = {}   -- source of a file -> its module, which is the one of its last load
 local running      -- the one whose handler, timer or task runs
 
 local function is_former(module)
@@ -125,6 +126,29 @@ local function begin_module(name)
   adding = modules[name]
 end
 
+-- The source of the lowest function on the stack for which fits(info) holds. A coroutine sees its own stack only.
+local function lowest_source(fits)
+  local source
+  local level = 2
+  local info = debug.getinfo(level, "S")
+  while info do
+    if fits(info) then
+      source = info.source
+    end
+    level = level + 1
+    info = debug.getinfo(level, "S")
+  end
+  return source
+end
+
+local function is_being_loaded(info)
+  return info.what == "main" and info.source:find("^@")
+end
+
+local function belongs_to_round(info)
+  return files[info.source] and files[info.source].round
+end
+
 -- script_define as the daemon has it, and the place where this file learns that a file is loaded.
 local daemon_define = script_define
 function script_define(name, ...)
@@ -139,32 +163,26 @@ function script_define(name, ...)
     begin_round(value, name)
   end
   begin_module(name)
+  files[lowest_source(is_being_loaded) or ""] = modules[name]
 end
 
--- The file that the daemon is running, which is the lowest one on the stack; a coroutine does not see that far, and
--- the file that `func` was written in must do.
-local function file_at_work(func)
-  local source = debug.getinfo(func, "S").source
-  local level = 2
-  local info = debug.getinfo(level, "S")
-  while info do
-    if info.what == "main" and info.source:find("^@") then
-      source = info.source
-    end
-    level = level + 1
-    info = debug.getinfo(level, "S")
-  end
-  return source:match("([^/@]+)$") or source
-end
-
--- The module that registers `func`: the one being loaded, else the one that runs, else a base file.
+-- The module that registers `func`: the one being loaded, else the one that runs. Where the daemon calls a function that
+-- was not registered here, it is the module of that function's file, whichever load the function is from; a file that
+-- no module is known of counts as a base file.
 local function module_at_work(func)
   local loading, name = pcall(get_module_name)
+  local source = lowest_source(is_being_loaded) or debug.getinfo(func, "S").source
+  local file_name = source:match("([^/@]+)$") or source
   if loading and name == "" then
-    script_define(file_at_work(func))
+    script_define(file_name)
     name = get_module_name()
   end
-  return loading and modules[name] or running or { name = file_at_work(func) }
+  local module = loading and modules[name] or running or files[lowest_source(belongs_to_round) or source]
+  if not module then
+    module = { name = file_name }
+    files[source] = module
+  end
+  return module
 end
 
 ---- Errors ------------------------------------------------------------------------------------------------------------
