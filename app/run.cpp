@@ -113,7 +113,7 @@ void run() {
   errlog_init(3, "zelvind");
   elog(1, "Start zelvind...");
   Managers managers;
-  managers.script.stop_wanted = [] { return g_stop != 0; };
+  managers.script.stop.wanted = stop_asked;
   resume_running();
   sock_init();
   occupy_descriptor_0();

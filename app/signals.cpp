@@ -106,6 +106,13 @@ void write_signal_lines() {
   }
 }
 
+bool stop_asked() {
+  if (g_stop != 0) return true;
+  sigset_t waiting;
+  sigpending(&waiting);
+  return sigismember(&waiting, SIGINT) == 1 || sigismember(&waiting, SIGTERM) == 1;
+}
+
 void resume_running() {
   g_running = 1;
   if (g_stop != 0) g_running = 0;  // the handler sets g_stop first: a stop that came in between is seen here

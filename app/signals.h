@@ -26,5 +26,8 @@ void signal_handler(int signal_number);
 // log each. Of more than 256 waiting ones the latest have no lines. Main thread.
 void write_signal_lines();
 
+// True once SIGINT or SIGTERM came, also while the signals are held back. Any thread.
+bool stop_asked();
+
 // Sets g_running, unless a stop has been asked for. Main thread.
 void resume_running();

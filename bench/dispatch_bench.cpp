@@ -1,4 +1,5 @@
-// dispatch: what an event costs from the queue to its handler, beside the same Lua work alone.
+// dispatch: what an event costs from the queue to its handler, beside the same Lua work alone. hook: what scripts pay
+// for being stoppable.
 
 #include <cstdlib>
 
@@ -43,10 +44,21 @@ int bare_int(lua_State* L) {
   return 1;
 }
 
+// Takes the hook that can stop scripts out of the state, as long as it lives.
+class WithoutHook {
+ public:
+  explicit WithoutHook(lua_State* the_state) : L(the_state) { lua_sethook(L, nullptr, 0, 0); }
+  ~WithoutHook() { ScriptStop::watch(L); }
+
+ private:
+  lua_State* const L;
+};
+
 // The same look-ups, call and collections, on the same state, and nothing else.
 double measure_floor_ns(LoopHere& loop) {
   const LuaTurn turn(loop.script.gate);
   lua_State* const L = loop.script.lua_state;
+  const WithoutHook bare(L);
   const Stopwatch watch;
   for (int i = 0; i < kEvents; ++i) {
     lua_getglobal(L, "es_bare");
@@ -79,6 +91,22 @@ void dispatch(Figures& figures) {
   figures["post_ns"] = measured.post_ns;
 }
 
+double measure_script_ms(LoopHere& loop) {
+  const Stopwatch watch;
+  loop.run_lua("local t = {} for i = 1, 1000000 do t[i % 16] = i * 2 + #t end");
+  return watch.seconds() * 1e3;
+}
+
+void hook(Figures& figures) {
+  LoopHere loop("");
+  const double script_ms = measure_script_ms(loop);
+  const WithoutHook bare(loop.script.lua_state);
+  const double floor_ms = measure_script_ms(loop);
+  figures["script_ms"] = script_ms;
+  figures["floor_ms"] = floor_ms;
+  figures["ratio"] = script_ms / floor_ms;
+}
+
 }  // namespace
 
 double dispatch_rate() {
@@ -88,4 +116,5 @@ double dispatch_rate() {
 
 void add_dispatch_benchmark() {
   add_benchmark("dispatch", 15, dispatch);
+  add_benchmark("hook", 15, hook);
 }

@@ -1,17 +1,10 @@
 #include "script/lua_gate.h"
 
-#include <chrono>
-
-void LuaGate::enter(Turn turn, const std::function<void()>& while_waiting) {
+void LuaGate::enter(Turn turn) {
   std::unique_lock<std::mutex> lock(mutex);
   if (turn == Turn::next) ++wishes;
   ++waiting;
-  const auto is_mine = [&] { return !held && (turn == Turn::next || wishes == 0); };
-  if (while_waiting == nullptr) {
-    changed.wait(lock, is_mine);
-  } else {
-    while (!changed.wait_for(lock, std::chrono::milliseconds(100), is_mine)) while_waiting();
-  }
+  changed.wait(lock, [&] { return !held && (turn == Turn::next || wishes == 0); });
   --waiting;
   if (turn == Turn::next) --wishes;
   held = true;

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -23,7 +22,7 @@ class LuaGate {
 
  private:
   friend class LuaTurn;
-  void enter(Turn turn, const std::function<void()>& while_waiting);
+  void enter(Turn turn);
   void leave();
 
   std::mutex mutex;
@@ -34,14 +33,11 @@ class LuaGate {
   std::thread::id holder;  // under mutex; meaningful while held
 };
 
-// Has the Lua state as long as it lives. One per thread at a time. While it waits for its turn it calls
-// `while_waiting`, if there is one, every 100 ms; that must not use the gate.
+// Has the Lua state as long as it lives. One per thread at a time.
 class LuaTurn {
  public:
-  explicit LuaTurn(LuaGate& the_gate, LuaGate::Turn turn = LuaGate::Turn::ordinary,
-                   const std::function<void()>& while_waiting = nullptr)
-      : gate(the_gate) {
-    gate.enter(turn, while_waiting);
+  explicit LuaTurn(LuaGate& the_gate, LuaGate::Turn turn = LuaGate::Turn::ordinary) : gate(the_gate) {
+    gate.enter(turn);
   }
   LuaTurn(const LuaTurn&) = delete;
   LuaTurn& operator=(const LuaTurn&) = delete;

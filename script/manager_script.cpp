@@ -89,6 +89,7 @@ void ManagerScript::stop_thread() {
 void ManagerScript::call_cleanup() {
   const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
+  const StopsWhenWanted limited(stop, stop_patience_ms);
   if (lua_state == nullptr) return;
   const int top = lua_gettop(lua_state);
   if (clua_run_string(lua_state, "event_server.cleanup()") < 0) {

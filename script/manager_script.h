@@ -47,11 +47,9 @@ class ManagerScript {
   void load_scripts(const char* script_path, const char* external_path);
   // Starts the event loop on a thread of its own. Returns 1, or -1 (logged) when there is no thread to be had.
   int start_thread();
-  // Runs the files of the directories once more, on the same state, between two passes of the loop. While it waits for
-  // the pass in progress, stop_wanted() has the same effect on a script as stop_thread(). Throws except_base.
+  // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
-  // Asks the loop to end and joins its thread: at most a pass, so about a second and the script call in progress. A
-  // script that has not returned after stop_patience_ms gets an error raised in it.
+  // Asks the loop to end and joins its thread: at most a pass, so about a second and the script call in progress.
   void stop_thread();
   // Runs the scripts' event_server.cleanup(); a failure is logged.
   void call_cleanup();
@@ -70,9 +68,10 @@ class ManagerScript {
 
   std::atomic<bool> running{false};  // main thread writes, the loop reads once per pass
   LuaGate gate;
-  ScriptClock clock;                             // set before the script thread starts
-  int stop_patience_ms = 10000;                  // set before stop_thread
-  bool (*stop_wanted)() = [] { return false; };  // set before reload
+  ScriptClock clock;  // set before the script thread starts
+  // A script that has not returned so long after stop_thread() or, in the calls that run scripts on the main thread or
+  // wait for them, after stop.wanted(), gets an error raised in it. Set before any of these.
+  int stop_patience_ms = 10000;
   ScriptStop stop;
 
   // Everything below belongs to the thread that has the Lua state.

@@ -43,6 +43,7 @@ void ManagerScript::load_directory_file(const std::string& path) {
 void ManagerScript::load_scripts(const char* script_path, const char* external_path) {
   const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
+  const StopsWhenWanted limited(stop, stop_patience_ms);
   load_file(script_in(exe_dir(), "init_base.lua"));
   elog(2, "mscript: load script files...");
   elog(2, "mscript: loading config.lua file...");
@@ -79,11 +80,10 @@ void ManagerScript::clear_scripts() {
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
   // A script that never returns keeps the state from us; a stop that is asked for meanwhile must end it all the same.
-  const LuaTurn turn(gate, LuaGate::Turn::next, [this] {
-    if (stop_wanted() && !stop.is_armed()) stop.raise_after(stop_patience_ms);
-  });
-  stop.forget();
+  stop.raise_once_wanted(stop_patience_ms);
+  const LuaTurn turn(gate, LuaGate::Turn::next);
   const RunSignalsBlocked undisturbed;
+  const StopsWhenWanted limited(stop, stop_patience_ms);  // in place of the former: what is loaded has its own time
   clear_scripts();
   load_script_files(script_path, external_path);
 }

@@ -10,20 +10,42 @@ namespace {
 // such as one around sleep(), has four instructions a round and is stopped within a dozen rounds.
 constexpr int kInstructions = 50;
 
+constexpr int kAskEveryMs = 100;
+
+// Between two errors: whoever catches one to report it has this long.
+constexpr int kRespiteMs = 50;
+
 }  // namespace
 
 void ScriptStop::watch(lua_State* L) {
   lua_sethook(L, look, LUA_MASKCOUNT, kInstructions);
 }
 
-void ScriptStop::raise_after(int patience_ms) {
+void ScriptStop::raise_after(int patience) {
   said = RateLimit();
-  deadline_ms = steady_ms() + patience_ms;
+  patience_ms = 0;
+  deadline_ms = steady_ms() + patience;
+}
+
+void ScriptStop::raise_once_wanted(int patience) {
+  said = RateLimit();
+  patience_ms = patience;
+  deadline_ms = steady_ms();
+}
+
+void ScriptStop::forget() {
+  deadline_ms = kNever;
 }
 
 bool ScriptStop::is_due() const {
   const int64_t deadline = deadline_ms.load(std::memory_order_acquire);
   return deadline != kNever && steady_ms() >= deadline;
+}
+
+void ScriptStop::ask() {
+  const bool is_wanted = wanted();
+  deadline_ms = steady_ms() + (is_wanted ? patience_ms : kAskEveryMs);
+  if (is_wanted) patience_ms = 0;
 }
 
 // A script that catches the error meets it again and again.
@@ -39,6 +61,8 @@ void ScriptStop::say_stopped(const lua_Debug& at) {
 void ScriptStop::look(lua_State* L, lua_Debug* at) {
   ScriptStop& stop = g_mscript->stop;
   if (!stop.is_due()) return;
+  if (stop.patience_ms != 0) return stop.ask();
+  stop.deadline_ms = steady_ms() + kRespiteMs;
   lua_getinfo(L, "Sl", at);
   stop.say_stopped(*at);
   lua_pushfstring(L, "%s:%d: stopped, the daemon is to end", at->short_src, at->currentline);

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int kAcceptRetryMs = 300;
+constexpr int kSocketRetryMs = 1000;
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -44,12 +45,20 @@ bool EventPosters::open(int wake_fd) {
   }
   dropped = 0;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
-  listening = socket.open();
-  if (listening >= 0 && !watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) {
-    elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
-    socket.close();
-  }
+  open_socket();
   return true;
+}
+
+// Who has the socket may be about to end, and what is in its way may be mended: so it is tried for again and again.
+void EventPosters::open_socket() {
+  const int64_t now = steady_ms();
+  if (now < socket_not_before) return;
+  socket_not_before = now + kSocketRetryMs;
+  listening = socket.open();
+  if (listening < 0 || watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) return;
+  elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
+  socket.close();
+  listening = -1;
 }
 
 void EventPosters::close() {
@@ -58,6 +67,7 @@ void EventPosters::close() {
   }
   socket.close();
   listening = -1;
+  socket_not_before = 0;
   epoll.reset();
   someone_waits = false;
   ready_count = next_ready = 0;
@@ -75,6 +85,7 @@ EventRecord* EventPosters::take() {
 }
 
 bool EventPosters::wait(int timeout_ms) {
+  if (listening < 0) open_socket();
   const int64_t start = steady_ms();
   if (next_ready == ready_count && !collect_ready(std::min(timeout_ms, next_chore_ms(start)))) return false;
   serve_ready(std::max(start + timeout_ms, steady_ms() + 1));

@@ -30,8 +30,8 @@ constexpr size_t kPosterPiece = size_t{64} * 1024;           // bytes read from 
 
 class EventPosters {
  public:
-  // Makes the epoll set with `wake_fd` in it, and the socket if it can be made. Returns false, with errno set, when
-  // there is no descriptor left for the set.
+  // Makes the epoll set with `wake_fd` in it, and the socket if it can be made; otherwise wait() tries again. Returns
+  // false, with errno set, when there is no descriptor left for the set.
   bool open(int wake_fd);
 
   // Closes all connections and the socket, and frees what waits.
@@ -59,6 +59,7 @@ class EventPosters {
     PosterLines lines;
   };
 
+  void open_socket();
   int next_chore_ms(int64_t now);
   bool collect_ready(int timeout_ms);
   void serve_ready(int64_t until_ms);
@@ -75,7 +76,8 @@ class EventPosters {
 
   EventSocket socket;
   Descriptor epoll;
-  int listening = -1;             // owned by `socket`
+  int listening = -1;             // owned by `socket`; -1: there is none
+  int64_t socket_not_before = 0;  // steady_ms; when to try for one again
   bool someone_waits = false;     // somebody may be waiting to be accepted
   int64_t accept_not_before = 0;  // steady_ms; after descriptors ran out
   Poster posters[kPostersMax];

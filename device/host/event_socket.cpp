@@ -21,11 +21,7 @@ namespace {
 
 constexpr mode_t kSocketMode = 0660;
 
-EventSocket* g_removed_at_exit = nullptr;  // main thread
-
-void say_without(const std::string& path) {
-  elog(1, "evq: cannot make %s (%s): no events from other processes", path.c_str(), strerrordesc_np(errno));
-}
+EventSocket* g_removed_at_exit = nullptr;  // while other threads may change it, nobody exits
 
 // Makes the folders above `path`; those it makes can be entered by everybody, whatever the umask.
 bool make_folders(const std::string& path) {
@@ -51,13 +47,15 @@ pid_t read_owner(int fd) {
 int EventSocket::open() {
   if (!under_device_root(kEventSocketPath, path)) return -1;
   if (!make_folders(path)) {
-    say_without(path);
+    say_cannot_make(path);
     return -1;
   }
   if (!take_lock() || !make_socket()) {
     close();
     return -1;
   }
+  if (!said.empty()) elog(1, "evq: %s is made: events from other processes are taken", path.c_str());
+  said.clear();
   static const int registered = atexit(remove_at_exit);
   (void)registered;
   g_removed_at_exit = this;
@@ -80,18 +78,18 @@ bool EventSocket::take_lock() {
   // Nobody else may open it: who can read a file can lock it.
   lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
   if (lock.get() < 0) {
-    say_without(lock_path);
+    say_cannot_make(lock_path);
     return false;
   }
   if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    elog(1, "evq: %s belongs to process %d: no events from other processes", path.c_str(), read_owner(lock.get()));
+    say(path + " belongs to process " + std::to_string(read_owner(lock.get())));
     lock.reset();
     return false;
   }
   char text[16];
   const int size = snprintf(text, sizeof(text), "%d\n", getpid());
   if (ftruncate(lock.get(), 0) != 0 || pwrite(lock.get(), text, static_cast<size_t>(size), 0) != size) {
-    say_without(lock_path);
+    say_cannot_make(lock_path);
     return false;
   }
   std::string state_path;
@@ -108,15 +106,26 @@ bool EventSocket::make_socket() {
   const bool bound = fd >= 0 && fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && fchmod(fd, kSocketMode) == 0 &&
                      unix_bind(fd, path) == 0 && lstat(path.c_str(), &status) == 0;
   if (!bound) {
-    say_without(path);
+    say_cannot_make(path);
     return false;
   }
   maker = getpid();
   device = status.st_dev;
   inode = status.st_ino;
   if (chmod(path.c_str(), kSocketMode) == 0 && listen(fd, SOMAXCONN) == 0) return true;
-  say_without(path);
+  say_cannot_make(path);
   return false;
+}
+
+void EventSocket::say_cannot_make(const std::string& file) {
+  say("cannot make " + file + " (" + strerrordesc_np(errno) + ")");
+}
+
+// Tries are many: each reason is said when it is a new one.
+void EventSocket::say(const std::string& reason) {
+  if (reason == said) return;
+  said = reason;
+  elog(1, "evq: %s: no events from other processes", reason.c_str());
 }
 
 void EventSocket::remove_file() const {

@@ -6,6 +6,6 @@
 // Takes what a service manager asks for out of the environment. Main thread, before the script thread starts.
 void open_service();
 
-// Keeps the state in file `path` from now on, beginning with "starting"; with an empty path in none. Only the process
-// whose the event socket is keeps one. Main thread.
+// Keeps the state in file `path` from now on; with an empty path in none. Only the process whose the event socket is
+// keeps one. Any thread.
 void keep_service_state(const std::string& path);

@@ -1,0 +1,97 @@
+// A real script manager on script files in a folder of their own, with a clock and events that are the test's.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "device/event_queue.h"
+#include "script/event_dispatch.h"
+#include "script/manager_script.h"
+#include "tests/standin_device.h"
+
+// There is one at a time, so that C functions called from Lua find what is static. The time zone is Central Europe.
+class ScriptFixture : public testing::Test {
+ public:
+  // One pass of the loop, without its waiting.
+  static void pass(int after_ms = 0) {
+    now_ms += after_ms;
+    const LuaTurn turn(g_mscript->gate);
+    g_mscript->run_timers();
+    event_item* const event = event_dequeue(0);
+    if (event == nullptr) return g_mscript->resume_coroutines();
+    event->timestamp[0] = g_mscript->clock.seconds();
+    event->timestamp[1] = 250000;
+    dispatch_event(*g_mscript, *event);
+    event_item_free(event);
+  }
+
+  // What scripts traced since the last call, and what the script manager complained about, joined by "|".
+  static std::string traced() {
+    std::string text;
+    const std::vector<std::string> lines = standin::log_lines();
+    for (; seen < lines.size(); ++seen) {
+      const size_t trace = lines[seen].find("lua-trace: ");
+      if (trace != std::string::npos) text += "|" + lines[seen].substr(trace + 11);
+      if (lines[seen].rfind("<1> mscript:", 0) == 0) text += "|" + lines[seen];
+    }
+    return under_opt(text.empty() ? text : text.substr(1));
+  }
+
+  // The text with /opt in place of the root.
+  static std::string under_opt(std::string text) {
+    for (size_t at = 0; (at = text.find(root)) != std::string::npos;) text.replace(at, root.size(), "/opt");
+    return text;
+  }
+
+  static inline int64_t now_ms = 0;
+
+ protected:
+  ScriptFixture() {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    char name[] = "/tmp/zelvind-scripts-XXXXXX";
+    root = mkdtemp(name);
+    begin();
+  }
+  ~ScriptFixture() override { std::filesystem::remove_all(root); }
+
+  // A new manager, and no script files but the default ones. It is 02:59 on 10 January 2026.
+  void begin() {
+    std::filesystem::remove_all(root);
+    std::filesystem::create_directories(path("scripts"));
+    for (const char* file : {"config.lua", "server_event.lua"}) copy(file);
+    standin::reset();
+    seen = 0;
+    now_ms = 1768010340000;
+    script.emplace();
+    script->clock = {[] { return static_cast<int>(now_ms / 1000); }, [] { return static_cast<int>(now_ms); }};
+    script->init();
+    lua_register(script->lua_state, "event_post", post);
+  }
+
+  static void write(const std::string& file, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path(file)).parent_path());
+    std::ofstream(path(file)) << text;
+  }
+  // Copies a file of lua/, or the files of a folder there, among the scripts.
+  static void copy(const std::string& name) { std::filesystem::copy(ZELVIND_LUA_DIR "/" + name, path("scripts")); }
+  static std::string path(const std::string& file) { return file.empty() ? "" : root + "/" + file; }
+  void load(const char* external = "") { script->load_scripts(path("scripts").c_str(), path(external).c_str()); }
+  void reload(const char* external = "") { script->reload(path("scripts").c_str(), path(external).c_str()); }
+
+  std::optional<ManagerScript> script;
+
+ private:
+  static int post(lua_State* L) {
+    standin::post(static_cast<int>(lua_tointeger(L, 1)), lua_tostring(L, 2), luaL_optstring(L, 3, ""));
+    lua_pushboolean(L, 1);
+    return 1;
+  }
+
+  static inline std::string root;
+  static inline size_t seen = 0;
+};
