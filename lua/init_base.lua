@@ -18,7 +18,7 @@
 if package.loaded.init_base then
   return
 end
-package.loaded.init_base = true
+package.loaded.init_base = newproxy(true)
 
 -- What the daemon itself calls: init() once when the base files have run, cleanup() at its end.
 event_server = event_server or {}
@@ -34,6 +34,78 @@ local function try_with_tag(tag, add, ...)
     set_handler_tag("")
   end
   return done, message
+end
+
+---- Errors ------------------------------------------------------------------------------------------------------------
+
+local kMostErrors = 20 -- of a module that are told apart at a time: their texts may hold what came with an event
+
+local failing = {} -- module -> its errors of late: first line -> how often it came since it was last written
+local is_counting = false
+
+-- Writes how often errors came again, and forgets those that did not.
+local function write_counts()
+  for module, errors in pairs(failing) do
+    for line, count in pairs(errors) do
+      if count > 0 then
+        trace(1, line .. " (" .. count .. " more within a minute)")
+      end
+      errors[line] = count > 0 and 0 or nil
+    end
+    if not next(errors) then
+      failing[module] = nil
+    end
+  end
+end
+
+getmetatable(package.loaded.init_base).__gc = write_counts -- what is left at the end of the Lua state
+
+local function count_errors()
+  write_counts()
+  if not next(failing) then
+    is_counting = false
+    tmr_delete()
+  end
+end
+
+-- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
+local function report(module, what, text)
+  text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
+  local first = text:match("^[^\n]*"):sub(1, 500)
+  local errors, different = failing[module] or {}, 0
+  for _ in pairs(errors) do
+    different = different + 1
+  end
+  if different >= kMostErrors and not errors[first] then
+    first = module.name .. ": errors of other kinds"
+    errors[first] = errors[first] or 0
+  end
+  if errors[first] then
+    errors[first] = errors[first] + 1
+    return
+  end
+  is_counting = is_counting or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil)
+  if is_counting then
+    failing[module] = errors
+    errors[first] = 0
+  end
+  for line in text:gmatch("[^\n]+") do
+    trace(1, line)
+  end
+end
+
+local function error_text(value)
+  if type(value) == "string" or type(value) == "number" then
+    return tostring(value)
+  end
+  local meta = getmetatable(value)
+  local done, text = pcall(tostring, value)
+  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
+  return has_text and text or "(the error value is a " .. type(value) .. ")"
+end
+
+local function traceback(value)
+  return debug.traceback(error_text(value), 2)
 end
 
 ---- Modules and rounds ------------------------------------------------------------------------------------------------
@@ -99,6 +171,7 @@ local function begin_round(new_mark, first_name)
       mark_slot = slot
     end
   end
+  write_counts()
   round = round + 1
   local before = modules
   modules = {}
@@ -183,66 +256,6 @@ local function module_at_work(func)
     files[source] = module
   end
   return module
-end
-
----- Errors ------------------------------------------------------------------------------------------------------------
-
-local kMostErrors = 50 -- that are told apart at a time: their texts may hold what came with an event
-
-local repeats = {} -- first line of an error -> how often it came since it was last written
-local different = 0
-local unwritten = 0 -- errors beyond those
-
-local function count_errors()
-  for line, count in pairs(repeats) do
-    if count > 0 then
-      trace(1, line .. " (" .. count .. " more within a minute)")
-      repeats[line] = 0
-    else
-      repeats[line] = nil
-      different = different - 1
-    end
-  end
-  if unwritten > 0 then
-    trace(1, "init_base: " .. unwritten .. " more errors of other kinds within a minute")
-    unwritten = 0
-  end
-  if different == 0 then
-    tmr_delete()
-  end
-end
-
--- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
-local function report(module, what, text)
-  text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
-  local first = text:match("^[^\n]*"):sub(1, 500)
-  if repeats[first] then
-    repeats[first] = repeats[first] + 1
-  elseif different == kMostErrors then
-    unwritten = unwritten + 1
-  else
-    if different > 0 or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil) then
-      repeats[first] = 0
-      different = different + 1
-    end
-    for line in text:gmatch("[^\n]+") do
-      trace(1, line)
-    end
-  end
-end
-
-local function error_text(value)
-  if type(value) == "string" or type(value) == "number" then
-    return tostring(value)
-  end
-  local meta = getmetatable(value)
-  local done, text = pcall(tostring, value)
-  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
-  return has_text and text or "(the error value is a " .. type(value) .. ")"
-end
-
-local function traceback(value)
-  return debug.traceback(error_text(value), 2)
 end
 
 -- Returns a function that runs func(arg) for the module, and reports its error.
