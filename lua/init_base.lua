@@ -295,6 +295,9 @@ function on(type_name, func, arg)
     error(name .. " is no table but a " .. type(handlers), 2)
   end
   handlers.list_func = handlers.list_func or {}
+  if type(handlers.list_func) ~= "table" then
+    error(name .. ".list_func is no table but a " .. type(handlers.list_func), 2)
+  end
   local call = protected(module, "handler of " .. type_name, func, arg)
   local entry = { module.name, call, arg }
   owners[entry] = module
