@@ -94,6 +94,27 @@ local function report(module, what, text)
   end
 end
 
+-- Without addresses, which would make each error a different one.
+local function plain_text(value)
+  if type(value) == "string" then
+    return (string.format("%q", value:sub(1, 100)):gsub("\\\n", "\\n"))
+  end
+  return (type(value) == "number" or type(value) == "boolean") and tostring(value) or "(" .. type(value) .. ")"
+end
+
+-- The fields of a small table, such as { code = 5, message = "gone" }; nil for others.
+local function table_text(value)
+  local parts = {}
+  for name, field in next, value do
+    parts[#parts + 1] = plain_text(name):gsub('^"([%w_]+)"$', "%1") .. " = " .. plain_text(field)
+    if #parts > 8 then
+      return nil
+    end
+  end
+  table.sort(parts)
+  return parts[1] and "{ " .. table.concat(parts, ", ") .. " }"
+end
+
 local function error_text(value)
   if type(value) == "string" or type(value) == "number" then
     return tostring(value)
@@ -101,7 +122,8 @@ local function error_text(value)
   local meta = getmetatable(value)
   local done, text = pcall(tostring, value)
   local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
-  return has_text and text or "(the error value is a " .. type(value) .. ")"
+  text = has_text and text or type(value) == "table" and table_text(value)
+  return text or "(the error value is a " .. type(value) .. ")"
 end
 
 local function traceback(value)
