@@ -4,10 +4,11 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 #include <cerrno>
 #include <cstdint>
 #include <string>
+
+#include "util/descriptor.h"
 
 class EventClient {
  public:
@@ -18,18 +19,11 @@ class EventClient {
 
   // Connects to the local `port`. With a receive buffer of few bytes a client that does not read stalls soon.
   explicit EventClient(int port, int receive_buffer = 0) {
-    if (receive_buffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
-    const timeval patience{10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) leave();
+    if (receive_buffer > 0) set(SO_RCVBUF, receive_buffer);
+    set(SO_RCVTIMEO, timeval{10, 0});
+    const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) leave();
   }
-  EventClient(const EventClient&) = delete;
-  EventClient& operator=(const EventClient&) = delete;
-  ~EventClient() { leave(); }
 
   static std::string integer(int64_t value) {
     std::string bytes;
@@ -40,7 +34,7 @@ class EventClient {
     return integer(static_cast<int64_t>(type_string.size()) + 9) + integer(0) + type_string + '\0';
   }
 
-  void send_bytes(const std::string& bytes) { send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  void send_bytes(const std::string& bytes) { send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
   // Reads the next event. False at the end of the connection, and when nothing whole comes within 10 s.
   bool read(Event& event) {
@@ -63,22 +57,25 @@ class EventClient {
 
   // Reads on until the daemon has closed the connection; false when it has not after 10 s of silence.
   bool ended() {
-    char bytes[4096];
-    ssize_t size = 0;
-    while ((size = recv(fd, bytes, sizeof(bytes), 0)) > 0) {
+    std::string rest;
+    errno = 0;
+    while (read_bytes(rest, 4096)) {
     }
-    return size == 0 || errno == ECONNRESET;
+    return errno == 0 || errno == ECONNRESET;
   }
 
   // Closes the connection; the daemon sees a reset instead of an end when `reset`.
   void leave(bool reset = false) {
-    const linger at_once{1, 0};
-    if (reset) setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-    if (fd >= 0) close(fd);
-    fd = -1;
+    if (reset) set(SO_LINGER, linger{1, 0});
+    fd.reset();
   }
 
  private:
+  template <typename Value>
+  void set(int option, const Value& value) {
+    setsockopt(fd.get(), SOL_SOCKET, option, &value, sizeof(value));
+  }
+
   static int32_t number(const std::string& bytes, size_t at) {
     uint32_t value = 0;
     for (size_t i = at + 4; i-- > at;) value = value << 8 | static_cast<unsigned char>(bytes[i]);
@@ -88,12 +85,12 @@ class EventClient {
   bool read_bytes(std::string& bytes, size_t size) {
     bytes.resize(size);
     for (size_t got = 0; got < size;) {
-      const ssize_t piece = recv(fd, bytes.data() + got, size - got, 0);
+      const ssize_t piece = recv(fd.get(), bytes.data() + got, size - got, 0);
       if (piece <= 0) return false;
       got += static_cast<size_t>(piece);
     }
     return true;
   }
 
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  Descriptor fd{socket(AF_INET, SOCK_STREAM, 0)};
 };

@@ -40,8 +40,8 @@ class PluginFolder {
 class PluginHost : public testing::Test {
  protected:
   PluginHost() {
-    standin::reset();
     script.init();
+    standin::reset();
   }
   void run_lua(const char* code) {
     ASSERT_EQ(clua_run_string(script.lua_state, code), 1) << clua_error_text(script.lua_state);

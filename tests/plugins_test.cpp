@@ -17,11 +17,6 @@ auto descriptors_open() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-int fail(lua_State* L) {
-  ADD_FAILURE() << lua_tostring(L, 1);
-  return 0;
-}
-
 int quit(lua_State*) {
   standin::post(EVENT_TYPE_QUIT, "quit", "");
   return 0;
@@ -30,7 +25,6 @@ int quit(lua_State*) {
 class Plugins : public PluginHost {
  protected:
   void load(const char* name) {
-    lua_register(script.lua_state, "fail", fail);
     lua_register(script.lua_state, "quit", quit);
     folder.put(name);
     extension.load(folder.path.c_str());
@@ -43,8 +37,15 @@ class Plugins : public PluginHost {
   }
 };
 
-// All at once. Each row: argument vector, time-out, status and output (a pattern).
-constexpr char kPrograms[] = R"lua(
+TEST_F(Plugins, ProcessRunsPrograms) {
+  const auto before = descriptors_open();
+  load("libeaprocess.so");
+  signal(SIGUSR1, SIG_IGN);
+  const int leak = open("/dev/null", O_RDONLY);          // as a foreign library may have one
+  standin::refuse_posts(3);                              // a full queue costs no result
+  standin::post(7002, "proc_done", "id=4711&status=0");  // a number that nobody has
+  // All at once. Each row: argument vector, time-out, status and output (a pattern).
+  run_lua(R"lua(
 local rows = {
   { { "/bin/echo", "two  words", 7 }, 20, 0, "^two  words 7\n$" },
   { { "cat" }, 20, 0, "^$" },
@@ -62,22 +63,12 @@ local rows = {
 local left = #rows
 for i, row in ipairs(rows) do
   proc_run(row[1], row[2], function(arg, status, output)
-    if arg ~= i or status ~= row[3] or not output:match(row[4]) then
-      fail(("row %s: got %s and %q"):format(tostring(arg), tostring(status), output:sub(1, 100)))
-    end
     left = left - 1
     if left == 0 then quit() end
+    if arg == i and status == row[3] and output:match(row[4]) then return end
+    error(("row %s: got %s and %q"):format(tostring(arg), tostring(status), output:sub(1, 100)))
   end, i)
-end
-)lua";
-
-TEST_F(Plugins, ProcessRunsPrograms) {
-  const auto before = descriptors_open();
-  load("libeaprocess.so");
-  signal(SIGUSR1, SIG_IGN);
-  const int leak = open("/dev/null", O_RDONLY);  // as a foreign library may have one
-  standin::refuse_posts(3);                      // a full queue costs no result
-  run_lua(kPrograms);
+end)lua");
   run_to_quit();
   EXPECT_EQ(standin::log_lines_with("<1>"), Lines{});
   close(leak);
@@ -85,7 +76,10 @@ TEST_F(Plugins, ProcessRunsPrograms) {
   EXPECT_EQ(descriptors_open(), before);
 }
 
-constexpr char kRefusals[] = R"lua(
+TEST_F(Plugins, ProcessBearsScriptsAndEndsWithThem) {
+  load("libeaprocess.so");
+  // In the end a script's own table of handlers hears the events of 20 programs in the place of ours.
+  run_lua(R"lua(
 for _, row in ipairs({
   { "bad argument #1 to '?' (a list with the program and its arguments expected)", {}, 1, print },
   { "bad argument #2 to '?' (0.001 to 86400 seconds expected)", { "true" }, 0 / 0, print },
@@ -94,49 +88,35 @@ for _, row in ipairs({
   { "argument 0 of the program holds a zero byte", { "tr\0ue" }, 1, print },
 }) do
   local _, text = pcall(proc_run, row[2], row[3], row[4])
-  if text ~= row[1] then fail("got " .. text .. ", wanted " .. row[1]) end
+  assert(text == row[1], text)
 end
-)lua";
 
-// A script's own table of handlers hears the events of 64 programs in the place of ours.
-constexpr char kUnheard[] = R"lua(
 local unheard, heard = 0, 0
 local function count()
   unheard = unheard + 1
-  if unheard ~= 64 then return end
-  local _, text = pcall(proc_run, { "true" }, 1, function() end)
-  if text ~= "too many programs" then fail(text) end
+  if unheard == 20 then proc_run({ "true" }, 1, function() end) end
 end
 es_proc_done = { list_func = { { "count", count } } }
-for i = 1, 64 do
+for i = 1, 20 do
   proc_run({ "true" }, 20, function(arg)
     heard = heard + arg
-    if heard == 64 * 65 / 2 then proc_run({ "true" }, 20, quit) end
+    if heard == 20 * 21 / 2 then proc_run({ "true" }, 20, quit) end
     if arg == 1 then error("in func", 0) end
   end, i)
 end
-es_proc_done.list_func[2] = nil
-)lua";
-
-// All places taken, and a finalizer that runs a program while the state is being closed.
-constexpr char kEnd[] = R"lua(
+es_proc_done.list_func[2] = nil)lua");
+  run_to_quit();
+  EXPECT_EQ(standin::log_lines_with("<1>"), (Lines{"<1> mscript: error[etype:7002] - in func"}));
+  // All places taken, and a finalizer that runs a program while the state is being closed.
+  run_lua(R"lua(
 for i = 1, 64 do proc_run({ "sh", "-c", "sleep 1000; true" }, 10000, function() end) end
 late = newproxy(true)
 getmetatable(late).__gc = function() pcall(proc_run, { "sleep", "1000" }, 10000, function() end) end
-)lua";
-
-TEST_F(Plugins, ProcessBearsScriptsAndEndsWithThem) {
-  load("libeaprocess.so");
-  run_lua(kRefusals);
-  standin::post(7002, "proc_done", "id=4711&status=0");  // a number that nobody has
-  quit(nullptr);
-  run_to_quit();
-  run_lua(kUnheard);
-  run_to_quit();
-  EXPECT_EQ(standin::log_lines_with("<1>"), (Lines{"<1> mscript: error[etype:7002] - in func"}));
-  run_lua(kEnd);
-  end();
+assert(select(2, pcall(proc_run, { "true" }, 1, print)) == "too many programs")
+sleep(300))lua");
+  script.cleanup();
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+  extension.cleanup();
 }
 
 TEST_F(Plugins, UeventBringsWhatTheKernelSays) {
@@ -155,15 +135,15 @@ TEST_F(Plugins, UeventBringsWhatTheKernelSays) {
   close(trigger);
   if (!accepted) GTEST_SKIP() << "no synthetic kernel event on this machine: " << strerror(errno);
   standin::refuse_posts(2);
-  std::string info;
-  for (int i = 0; i < 100 && info.find("7001 uevent action=change") != 0; ++i) {
-    event_item* const event = event_dequeue(100);
-    if (event == nullptr) continue;
-    info = std::to_string(event->type) + " " + event->type_name + " " + event->info;
-    event_item_free(event);
-  }
-  EXPECT_EQ(info.substr(0, info.find("&seqnum=")),
-            "7001 uevent action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=lo&interface=lo");
+  run_lua(R"lua(
+es_uevent = { list_func = { { "ours", function()
+  if evt_info():find("/net/lo&", 1, true) then quit() error(evt_info(), 0) end
+end } } })lua");
+  run_to_quit();
+  const std::string line = standin::log_lines_with("<1>").at(0);
+  EXPECT_EQ(line.substr(0, line.find("&seqnum=")),
+            "<1> mscript: error[etype:7001] - "
+            "action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=lo&interface=lo");
   end();
   EXPECT_EQ(descriptors_open(), before);
 }

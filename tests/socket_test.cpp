@@ -13,63 +13,44 @@
 
 namespace {
 
-struct Pair {
-  Pair() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    near.reset(ends[0]);
-    far.reset(ends[1]);
-  }
-  Descriptor near, far;
-};
-
 TEST(Socket, ListenSaysWhatFailed) {
   const Descriptor first(sock_listen_tcp(0));
-  ASSERT_GT(first.get(), 2);
   EXPECT_EQ(fcntl(first.get(), F_GETFD), FD_CLOEXEC);
   sockaddr_in address{};
   socklen_t size = sizeof(address);
   getsockname(first.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  EXPECT_EQ(sock_listen_tcp(ntohs(address.sin_port)), SOCK_ERR_BIND);
-  EXPECT_EQ(errno, EADDRINUSE);
-  for (const int port : {-1, 65536}) EXPECT_EQ(sock_listen_tcp(port), SOCK_ERR_BIND) << port;
+  for (const int port : {int{ntohs(address.sin_port)}, -1, 65536}) EXPECT_EQ(sock_listen_tcp(port), SOCK_ERR_BIND);
   EXPECT_EQ(sock_accept(first.get(), nullptr, 1), 0);  // nobody there
-}
-
-TEST(Socket, WaitsOnAnyDescriptor) {
-  Pair pair;
-  const Descriptor high(fcntl(pair.near.get(), F_DUPFD_CLOEXEC, 1500));  // beyond what a descriptor set holds
-  ASSERT_GE(high.get(), 1500);
-  EXPECT_EQ(sock_wait_readable(high.get(), -1), 0);
-  ASSERT_EQ(send(pair.far.get(), "x", 1, 0), 1);
-  EXPECT_EQ(sock_wait_readable(high.get(), -1), 1);
-  EXPECT_EQ(sock_wait_readable(-1, 10000), SOCK_ERR_SELECT);
-  EXPECT_EQ(sock_wait_readable(4000, 10000), SOCK_ERR_SELECT);
-}
-
-TEST(Socket, SendsAllWithinItsTime) {
-  Pair pair;
-  EXPECT_EQ(sock_send_all(pair.near.get(), "abc", 3, 0), 0);
-  EXPECT_EQ(sock_send_all(pair.near.get(), "abc", 3, 1000), 3);
-  const std::vector<char> much(4 << 20);
-  const uint32_t start = sock_now_ms();
-  const clock_t used = clock();
-  const int sent = sock_send_all(pair.near.get(), much.data(), static_cast<int>(much.size()), 300);
-  EXPECT_GT(sent, 0);
-  EXPECT_LT(sent, static_cast<int>(much.size()));
-  EXPECT_GE(sock_now_ms() - start, 300u);
-  EXPECT_LT(sock_now_ms() - start, 1000u);
-  EXPECT_LT(clock() - used, CLOCKS_PER_SEC * 3 / 20);  // it waits, and does not spin
-  EXPECT_EQ(sock_send_ready(pair.near.get(), much.data(), 1000), 0);
 }
 
 volatile sig_atomic_t pipes_broken = 0;
 
-TEST(Socket, SendToSomeoneGoneFailsAndRaisesTheSignal) {
+TEST(Socket, WaitsAndSendsOnAnyDescriptor) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  const Descriptor near(ends[0]);
+  Descriptor far(fcntl(ends[1], F_DUPFD_CLOEXEC, 1500));  // beyond what a descriptor set holds
+  close(ends[1]);
+  EXPECT_EQ(sock_wait_readable(far.get(), -1), 0);
+  EXPECT_EQ(sock_send_all(near.get(), "abc", 3, 0), 0);
+  EXPECT_EQ(sock_send_all(near.get(), "abc", 3, 1000), 3);
+  EXPECT_EQ(sock_wait_readable(far.get(), -1), 1);
+  for (const int none : {-1, 4000}) EXPECT_EQ(sock_wait_readable(none, 10000), SOCK_ERR_SELECT);
+
+  const std::vector<char> much(4 << 20);
+  const uint32_t start = sock_now_ms();
+  const clock_t used = clock();
+  const int sent = sock_send_all(near.get(), much.data(), static_cast<int>(much.size()), 300);
+  EXPECT_GT(sent, 0);
+  EXPECT_LT(sent, 4 << 20);
+  EXPECT_GE(sock_now_ms() - start, 300u);
+  EXPECT_LT(sock_now_ms() - start, 1000u);
+  EXPECT_LT(clock() - used, CLOCKS_PER_SEC * 3 / 20);  // it waits, and does not spin
+  EXPECT_EQ(sock_send_ready(near.get(), much.data(), 1000), 0);
+
   signal(SIGPIPE, [](int) { pipes_broken = pipes_broken + 1; });
-  Pair pair;
-  pair.far.reset();
-  EXPECT_EQ(sock_send_all(pair.near.get(), "abc", 3, 3000), SOCK_ERR_SEND);
+  far.reset();
+  EXPECT_EQ(sock_send_all(near.get(), "abc", 3, 3000), SOCK_ERR_SEND);
   EXPECT_EQ(errno, EPIPE);
   EXPECT_EQ(pipes_broken, 1);
 }

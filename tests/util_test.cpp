@@ -13,16 +13,11 @@ const struct {
   int max, result;
   const char* value;
 } kFieldCases[] = {
-    {"cmd=type&test=33&data=aaa", "data=", 63, 25, "aaa"},
     {"cmd=type&test=33&data=aaa", "data=", 3, 25, "aaa"},
     {"cmd=type&test=33&data=aaa", "data=", 2, -2, ""},
-    {"cmd=type&test=33&data=aaa", "kkk=", 63, -1, ""},
     {"a=1&a=2", "a=", 63, 3, "1"},      // the first wins
     {"a=long&a=2", "a=", 1, -2, ""},    // also when it is too long
-    {"x=", "x=", 63, 2, ""},            // empty value
     {"x=a=b&y=1", "x=", 63, 5, "a=b"},  // "=" inside a value
-    {" name=1", "name=", 63, -1, ""},   // nothing is trimmed
-    {"", "a=", 63, -1, ""},             //
     {"&&a=1", "a=", 63, 5, "1"},        // empty items
     {"b=1&", "a=", 63, -1, ""},         // ends in "&"
     {"a", "a=", 63, -1, ""},            // key longer than the item
@@ -41,40 +36,35 @@ TEST(QueryField, FirstMatchingItemDecides) {
 
 TEST(EventLine, GoodAndBadLines) {
   const std::string name_127(127, 'n');
-  const std::pair<std::string, std::string> cases[] = {
+  const std::pair<std::string, std::string> rows[] = {
       // a line, and the error or "type|name|info"
-      {"1 door state=open&by=me", "1|door|state=open&by=me"},
       {"-2147483648 n", "-2147483648|n|"},
-      {"1 door ", "1|door|"},
       {"1 door  two blanks\t\x01", "1|door| two blanks\t\x01"},
-      {"1 " + name_127, "1|" + name_127 + "|"},
+      {"1 " + name_127 + " ", "1|" + name_127 + "|"},
       {"1 " + name_127 + "n", "the name is longer than 127 bytes"},
       {"", "the line is empty"},
       {"7", "the name is missing"},
-      {"7 ", "the name is missing"},
       {"7  x", "the name is missing"},
       {"+1 door", "the type is no whole number"},
       {"1.5 door", "the type is no whole number"},
       {"2147483648 door", "the type is out of range"},
       {"1 do\tor", "the name holds a blank or a control character"},
       {std::string("1 door a\0b", 10), "the line holds a zero byte"},
+      {"1 n " + std::string(64996, 'x'), "1|n|" + std::string(64996, 'x')},
       {"1 n " + std::string(64997, 'x'), "the line is longer than 65000 bytes"},
   };
-  for (const auto& [line, wanted] : cases) {
+  for (const auto& [line, wanted] : rows) {
     SCOPED_TRACE(line.substr(0, 40));
     EventLine event{};
     const char* error = parse_event_line(line, event);
-    const std::string parts =
-        std::to_string(event.type) + "|" + std::string(event.name) + "|" + std::string(event.info);
+    const std::string parts = sstr("%d|", event.type) + std::string(event.name) + "|" + std::string(event.info);
     EXPECT_EQ(error == nullptr ? parts : error, wanted);
   }
 }
 
 TEST(Text, CharIndexUsesTheLowByte) {
-  EXPECT_EQ(char_index("abc", 'b'), 1);
-  EXPECT_EQ(char_index("abc", 'z'), 3);
-  EXPECT_EQ(char_index("abc", 0), 3);
   EXPECT_EQ(char_index("abc", 256 + 'c'), 2);
+  for (const int absent : {int{'z'}, 0}) EXPECT_EQ(char_index("abc", absent), 3) << absent;
 }
 
 TEST(Text, FormattedTextIsCutAt2047) {

@@ -1,5 +1,5 @@
 /* A plug-in that says in the log what is called. One file for all that behave in C: definitions set its NAME, its kind
- * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_PREPARE, NO_CLEANUP) or does (RAISES,
+ * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_CLEANUP) or does (RAISES,
  * RAISES_AT_END). */
 #include <zelvind/plugin.h>
 
@@ -40,7 +40,6 @@ int eaction_init(lua_State* L) {
 }
 #endif
 
-#ifndef NO_PREPARE
 void ENTRY(prepare_cleanup)(void) {
   elog(2, "%s: prepare", NAME);
 #if defined(RAISES_AT_END)
@@ -49,7 +48,6 @@ void ENTRY(prepare_cleanup)(void) {
   lua_getfield(state, LUA_GLOBALSINDEX, NAME);
 #endif
 }
-#endif
 
 #ifndef NO_CLEANUP
 void ENTRY(cleanup)(void) {
