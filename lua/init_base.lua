@@ -261,9 +261,9 @@ function script_define(name, ...)
   files[lowest_source(is_being_loaded) or ""] = modules[name]
 end
 
--- The module that registers `func`: the one being loaded, else the one that runs. Where the daemon calls a function that
--- was not registered here, it is the module of that function's file, whichever load the function is from; a file that
--- no module is known of counts as a base file.
+-- The module that registers `func`: the one being loaded, else the one that runs. In a function that was not registered
+-- here it is the module of that function's file, whichever load the function is from. A file that no module is known
+-- of counts as a base file.
 local function module_at_work(func)
   local loading, name = pcall(get_module_name)
   local source = lowest_source(is_being_loaded) or debug.getinfo(func, "S").source
