@@ -40,12 +40,12 @@ end
 
 local kMostErrors = 20 -- of a module that are told apart at a time: their texts may hold what came with an event
 
-local failing = {} -- module -> its errors of late: first line -> how often it came since it was last written
+local failing = {} -- name of a module -> its errors of late: first line -> how often it came since it was last written
 local is_counting = false
 
 -- Writes how often errors came again, and forgets those that did not.
 local function write_counts()
-  for module, errors in pairs(failing) do
+  for name, errors in pairs(failing) do
     for line, count in pairs(errors) do
       if count > 0 then
         trace(1, line .. " (" .. count .. " more within a minute)")
@@ -53,7 +53,7 @@ local function write_counts()
       errors[line] = count > 0 and 0 or nil
     end
     if not next(errors) then
-      failing[module] = nil
+      failing[name] = nil
     end
   end
 end
@@ -72,7 +72,7 @@ end
 local function report(module, what, text)
   text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
   local first = text:match("^[^\n]*"):sub(1, 500)
-  local errors, different = failing[module] or {}, 0
+  local errors, different = failing[module.name] or {}, 0
   for _ in pairs(errors) do
     different = different + 1
   end
@@ -86,7 +86,7 @@ local function report(module, what, text)
   end
   is_counting = is_counting or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil)
   if is_counting then
-    failing[module] = errors
+    failing[module.name] = errors
     errors[first] = 0
   end
   for line in text:gmatch("[^\n]+") do
@@ -194,6 +194,7 @@ local function begin_round(new_mark, first_name)
     end
   end
   write_counts()
+  failing = {}
   round = round + 1
   local before = modules
   modules = {}
@@ -240,8 +241,8 @@ local function is_being_loaded(info)
   return info.what == "main" and info.source:find("^@")
 end
 
-local function belongs_to_round(info)
-  return files[info.source] and files[info.source].round
+local function has_module(info)
+  return files[info.source]
 end
 
 -- script_define as the daemon has it, and the place where this file learns that a file is loaded.
@@ -272,12 +273,7 @@ local function module_at_work(func)
     script_define(file_name)
     name = get_module_name()
   end
-  local module = loading and modules[name] or running or files[lowest_source(belongs_to_round) or source]
-  if not module then
-    module = { name = file_name }
-    files[source] = module
-  end
-  return module
+  return loading and modules[name] or running or files[lowest_source(has_module) or source] or { name = file_name }
 end
 
 -- Returns a function that runs func(arg) for the module, and reports its error.
