@@ -1,5 +1,6 @@
 // The real daemon in a crowd: numbered events from processes and from a plug-in, clients that read, come and go, stall
-// and send rubbish, scripts that fail, reloads, signals. Nothing may be lost, doubled, out of order or left behind.
+// and send rubbish, scripts that fail, reloads, signals, a wall clock that is set back and forth. Nothing may be lost,
+// doubled, out of order or left behind.
 //
 // ZELVIND_SOAK_SECONDS sets how long (30), ZELVIND_SOAK_SEED repeats a run's choices. dev/soak starts it.
 
@@ -63,13 +64,15 @@ class Soak : public testing::Test {
   void SetUp() override {
     setenv("SOAK_GATE", daemon.path("gate").c_str(), 1);
     setenv("LD_LIBRARY_PATH", PLUGIN_DIR, 1);
+    setenv("FAULT", "clock", 1);
+    setenv("FAULT_ARMED", daemon.path("clock_set_back").c_str(), 1);
     setenv("ASAN_OPTIONS", "quarantine_size_mb=16", 0);
     daemon.write("opt/flash/mtd4-cfg/zelvind.info",
                  "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") +
                      "\ndll_path = " + daemon.path("plugins") + "\n");
     for (const char* name : {"libessoak.so", "libeaprocess.so"}) daemon.write(std::string("plugins/") + name, "");
     change_script();
-    ASSERT_TRUE(daemon.start());
+    ASSERT_TRUE(daemon.start(FAULTY_ZELVIND " -p $ROOT/pid >/dev/null 2>>$ROOT/stderr"));
     port = last_number_behind("listening on port ");
   }
 
@@ -184,9 +187,24 @@ class Soak : public testing::Test {
     std::filesystem::rename(daemon.path("next"), daemon.path("scripts/soak.lua"));
   }
 
+  void set_clock(bool back) const {
+    if (back) daemon.write("clock_set_back", "");
+    if (!back) std::filesystem::remove(daemon.path("clock_set_back"));
+  }
+
+  // How often a line of the log bears an earlier date than the line before.
+  int steps_back() const {
+    int steps = 0;
+    std::istringstream lines(daemon.log());
+    std::string before;
+    for (std::string line; std::getline(lines, line); before = line) steps += line.substr(0, 10) < before.substr(0, 10);
+    return steps;
+  }
+
   // Everybody at once for `duration`; afterwards all that was posted has been taken in.
   void crowded(seconds duration) {
     posting = crowd = true;
+    set_clock(false);
     phase_seed = static_cast<unsigned>(choices());
     daemon.write("gate", "");
     std::vector<std::thread> posters;
@@ -199,6 +217,7 @@ class Soak : public testing::Test {
     while (Clock::now() < end) {
       while_crowded(milliseconds(choices() % 600));
       if (choices() % 10 == 0) change_script();
+      if (choices() % 10 == 0) set_clock(choices() % 2 == 0);
       EXPECT_TRUE(daemon.send_signal(choices() % 10 == 0 ? SIGHUP : SIGPIPE));
     }
     crowd = false;
@@ -206,6 +225,7 @@ class Soak : public testing::Test {
     posting = false;
     for (std::thread& poster : posters) poster.join();
     std::filesystem::remove(daemon.path("gate"));
+    set_clock(true);
   }
 
   struct Held {
@@ -260,6 +280,7 @@ TEST_F(Soak, NothingIsLostAndNothingIsLeft) {
   for (int phase = 1; phase <= phases && !HasFailure(); ++phase) {
     crowded(duration / phases);
     EXPECT_TRUE(daemon.wait_for("soak: plug-in ", static_cast<size_t>(phase)));
+    EXPECT_TRUE(daemon.wait_for("soak: tick", daemon.count("soak: tick") + 2));
     EXPECT_TRUE(eventually([&] { return held().descriptors == before.descriptors; }));
     if (is_long) std::this_thread::sleep_for(seconds(35));
     last = held();
@@ -282,7 +303,9 @@ TEST_F(Soak, NothingIsLostAndNothingIsLeft) {
     for (int poster = 0; poster < kPosters; ++poster) EXPECT_EQ(sequence.last[poster], posted[poster]) << poster;
   }
   std::cout << report.str() << daemon.count("reloading") << " reloads, " << daemon.count("new client") << " clients, "
-            << daemon.count("stopped reading") << " stalls" << std::endl;
+            << daemon.count("stopped reading") << " stalls, " << steps_back() << " steps back of the clock"
+            << std::endl;
+  EXPECT_GT(steps_back(), 0);
 
   daemon.send_signal(SIGTERM);
   EXPECT_EQ(daemon.wait_for_end(), 0);
