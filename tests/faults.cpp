@@ -43,15 +43,10 @@ bool fails(const char* call) {
   return true;
 }
 
-time_t clock_shift() {
-  return is_armed("clock") ? -30 * 60 * 60 : 0;
-}
-
 }  // namespace
 
 #define FALLIBLE(result, name, parameters, arguments)   \
   extern "C" result __real_##name parameters;           \
-  extern "C" result __wrap_##name parameters;           \
   extern "C" result __wrap_##name parameters {          \
     return fails(#name) ? -1 : __real_##name arguments; \
   }
@@ -69,22 +64,20 @@ FALLIBLE(int, epoll_create1, (int flags), (flags))
 FALLIBLE(int, epoll_wait, (int fd, epoll_event* events, int max, int timeout_ms), (fd, events, max, timeout_ms))
 
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-extern "C" int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                                      void* argument) {
   return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, argument);
 }
 
 extern "C" {
-int __real_clock_gettime(clockid_t clock, timespec* now);
-int __wrap_clock_gettime(clockid_t clock, timespec* now);
+int __real_clock_gettime(clockid_t, timespec*);
+
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
   const int result = __real_clock_gettime(clock, now);
-  if (clock == CLOCK_REALTIME) now->tv_sec += clock_shift();
+  if (clock == CLOCK_REALTIME && is_armed("clock")) now->tv_sec -= 30 * 60 * 60;
   return result;
 }
 
-int __wrap_gettimeofday(timeval* now, void* zone);
 int __wrap_gettimeofday(timeval* now, void*) {
   timespec precise;
   const int result = __wrap_clock_gettime(CLOCK_REALTIME, &precise);
@@ -92,7 +85,6 @@ int __wrap_gettimeofday(timeval* now, void*) {
   return result;
 }
 
-time_t __wrap_time(time_t* now);
 time_t __wrap_time(time_t*) {
   timespec precise;
   __wrap_clock_gettime(CLOCK_REALTIME, &precise);

@@ -55,7 +55,7 @@ RealDaemon::~RealDaemon() {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
-  if (testing::Test::HasFailure()) std::cerr << "--- the daemon's log\n" << log();
+  if (testing::Test::HasFailure()) std::cerr << "--- the daemon's log\n" << log() << read_file(path("stderr"));
   fs::remove_all(root);
 }
 
@@ -66,7 +66,8 @@ void RealDaemon::write(const std::string& file, const std::string& text) const {
 
 int RealDaemon::launch(const std::string& command) const {
   const std::string line = "export ROOT='" + root + "' DEVICE_ROOT='" + root + "' ELOG_TARGET='file:" + path("log") +
-                           "' ZELVIND='" + ZELVIND + "'; " + command;
+                           "' FAULT_ARMED='" + path("armed") +
+                           "' ZELVIND='" ZELVIND "' FAULTY='" FAULTY_ZELVIND "'; PATH=${ZELVIND%/*}:$PATH; " + command;
   return WEXITSTATUS(system(line.c_str()));
 }
 
@@ -79,6 +80,27 @@ bool RealDaemon::read_pid() {
   const auto complete = [&] { return read_file(path("pid")).find('\n') != std::string::npos; };
   if (wait_until(complete)) pid = static_cast<pid_t>(std::stol(read_file(path("pid"))));
   return pid > 0;
+}
+
+int RealDaemon::last_number_behind(const std::string& part) const {
+  const std::string text = log();
+  return atoi(text.c_str() + text.rfind(part) + part.size());
+}
+
+void RealDaemon::arm(bool on) const {
+  if (on) write("armed", "");
+  if (!on) fs::remove(path("armed"));
+}
+
+void RealDaemon::expect_zelvctl(const std::string& arguments, int status, const std::string& output,
+                                const std::string& errors) const {
+  SCOPED_TRACE(arguments.substr(0, 100));
+  EXPECT_EQ(launch("exec >$ROOT/out 2>$ROOT/err; zelvctl " + arguments), status);
+  for (const auto& [file, wanted] : {std::pair("out", output), std::pair("err", errors)}) {
+    std::string got = read_file(path(file));
+    for (size_t at = 0; (at = got.find(root)) != std::string::npos;) got.replace(at, root.size(), "ROOT");
+    EXPECT_EQ(got, wanted);
+  }
 }
 
 bool RealDaemon::send_signal(int number) const {

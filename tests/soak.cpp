@@ -64,21 +64,14 @@ class Soak : public testing::Test {
   void SetUp() override {
     setenv("SOAK_GATE", daemon.path("gate").c_str(), 1);
     setenv("LD_LIBRARY_PATH", PLUGIN_DIR, 1);
-    setenv("FAULT", "clock", 1);
-    setenv("FAULT_ARMED", daemon.path("clock_set_back").c_str(), 1);
     setenv("ASAN_OPTIONS", "quarantine_size_mb=16", 0);
     daemon.write("opt/flash/mtd4-cfg/zelvind.info",
                  "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") +
                      "\ndll_path = " + daemon.path("plugins") + "\n");
     for (const char* name : {"libessoak.so", "libeaprocess.so"}) daemon.write(std::string("plugins/") + name, "");
     change_script();
-    ASSERT_TRUE(daemon.start(FAULTY_ZELVIND " -p $ROOT/pid >/dev/null 2>>$ROOT/stderr"));
-    port = last_number_behind("listening on port ");
-  }
-
-  int last_number_behind(const std::string& part) const {
-    const std::string text = daemon.log();
-    return atoi(text.c_str() + text.rfind(part) + part.size());
+    ASSERT_TRUE(daemon.start("FAULT=clock $FAULTY -p $ROOT/pid >/dev/null 2>>$ROOT/stderr"));
+    port = daemon.port();
   }
 
   // Lets time pass. False when the crowd is to leave.
@@ -187,11 +180,6 @@ class Soak : public testing::Test {
     std::filesystem::rename(daemon.path("next"), daemon.path("scripts/soak.lua"));
   }
 
-  void set_clock(bool back) const {
-    if (back) daemon.write("clock_set_back", "");
-    if (!back) std::filesystem::remove(daemon.path("clock_set_back"));
-  }
-
   // How often a line of the log bears an earlier date than the line before.
   int steps_back() const {
     int steps = 0;
@@ -204,7 +192,7 @@ class Soak : public testing::Test {
   // Everybody at once for `duration`; afterwards all that was posted has been taken in.
   void crowded(seconds duration) {
     posting = crowd = true;
-    set_clock(false);
+    daemon.arm(false);
     phase_seed = static_cast<unsigned>(choices());
     daemon.write("gate", "");
     std::vector<std::thread> posters;
@@ -217,7 +205,7 @@ class Soak : public testing::Test {
     while (Clock::now() < end) {
       while_crowded(milliseconds(choices() % 600));
       if (choices() % 10 == 0) change_script();
-      if (choices() % 10 == 0) set_clock(choices() % 2 == 0);
+      if (choices() % 10 == 0) daemon.arm(choices() % 2 == 0);
       EXPECT_TRUE(daemon.send_signal(choices() % 10 == 0 ? SIGHUP : SIGPIPE));
     }
     crowd = false;
@@ -225,7 +213,7 @@ class Soak : public testing::Test {
     posting = false;
     for (std::thread& poster : posters) poster.join();
     std::filesystem::remove(daemon.path("gate"));
-    set_clock(true);
+    daemon.arm(true);
   }
 
   struct Held {
@@ -290,7 +278,7 @@ TEST_F(Soak, NothingIsLostAndNothingIsLeft) {
   }
   EXPECT_LT(last.rss_kb, first.rss_kb + first.rss_kb / 4);
 
-  posted[0] = last_number_behind("soak: plug-in ");
+  posted[0] = daemon.last_number_behind("soak: plug-in ");
   std::ostringstream report;
   for (const int count : posted) report << (report.tellp() > 0 ? " " : "lua-trace: soak: ") << count;
   report << ", faults 0, programs left 0\n";
