@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 
 #include "tests/event_client.h"
@@ -29,23 +30,14 @@ class FaultyDaemon : public RealDaemon {
     return start(settings + "; $FAULTY -p $ROOT/pid >/dev/null 2>$ROOT/stderr");
   }
 
-  void subscribe(EventClient& client) {
-    const std::string name = "ping,client" + std::to_string(++clients);
-    client.send_bytes(EventClient::subscription(name) + EventClient::subscription(name));
-    EXPECT_TRUE(wait_for("set as [" + name + "]", 2));
-  }
-
   void expect(unsigned service) {
     EXPECT_TRUE((service & kOwnEvents) == 0 || wait_for("pong own"));
     EXPECT_TRUE((service & kPosters) == 0 || (post("1 ping posted\n") && wait_for("pong posted")));
     if ((service & kClients) == 0) return;
     EventClient client(port());
-    subscribe(client);
+    subscribe(client, "ping");
     EXPECT_NE(client.read_info(), "nothing");
   }
-
- private:
-  int clients = 0;
 };
 
 struct Case {
@@ -63,9 +55,9 @@ void expect_survival(const Case& row, bool from_start) {
   FaultyDaemon daemon;
   daemon.arm(from_start);
   ASSERT_TRUE(daemon.start_with(fault));
-  EventClient client(daemon.port());
+  std::optional<EventClient> client;
   if (!from_start) {
-    daemon.subscribe(client);
+    daemon.subscribe(client.emplace(daemon.port()), "ping");
     daemon.arm(true);
     daemon.post("1 ping first\n");
   }

@@ -11,14 +11,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <thread>
 
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
-
-namespace {
 
 namespace fs = std::filesystem;
 
@@ -30,8 +27,6 @@ bool wait_until(const std::function<bool()>& condition) {
   }
   return true;
 }
-
-}  // namespace
 
 std::string read_file(const std::string& path) {
   std::ostringstream text;
@@ -105,6 +100,12 @@ void RealDaemon::expect_zelvctl(const std::string& arguments, int status, const 
 
 bool RealDaemon::send_signal(int number) const {
   return kill(pid, number) == 0;
+}
+
+void RealDaemon::subscribe(EventClient& client, const std::string& names) {
+  const std::string own = names + ",client" + std::to_string(++subscriptions);
+  client.send_bytes(EventClient::subscription(own) + EventClient::subscription(own));
+  EXPECT_TRUE(wait_for("set as [" + own + "]", 2));  // the first one holds when the second one is read
 }
 
 bool RealDaemon::post(const std::string& lines) const {

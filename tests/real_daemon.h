@@ -3,7 +3,13 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
+
+#include "tests/event_client.h"
+
+// False when `condition` has not come true within 20 s.
+bool wait_until(const std::function<bool()>& condition);
 
 // The whole text of a file, empty when there is none.
 std::string read_file(const std::string& path);
@@ -41,6 +47,8 @@ class RealDaemon {
                       const std::string& errors) const;
 
   bool send_signal(int number) const;
+  // Subscribes `client` to `names`, comma-separated, and waits until the daemon heeds them.
+  void subscribe(EventClient& client, const std::string& names);
   // Sends lines to the event socket and waits until the daemon has taken them in. False when it went away.
   bool post(const std::string& lines) const;
 
@@ -57,4 +65,5 @@ class RealDaemon {
  private:
   std::string root;
   pid_t pid = 0;
+  int subscriptions = 0;
 };
