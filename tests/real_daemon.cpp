@@ -59,6 +59,12 @@ void RealDaemon::write(const std::string& file, const std::string& text) const {
   std::ofstream(path(file)) << text;
 }
 
+std::string RealDaemon::text_of(const std::string& file) const {
+  std::string text = read_file(path(file));
+  for (size_t at = 0; (at = text.find(root)) != std::string::npos;) text.replace(at, root.size(), "ROOT");
+  return text;
+}
+
 int RealDaemon::launch(const std::string& command) const {
   const std::string line = "export ROOT='" + root + "' DEVICE_ROOT='" + root + "' ELOG_TARGET='file:" + path("log") +
                            "' FAULT_ARMED='" + path("armed") +
@@ -91,11 +97,8 @@ void RealDaemon::expect_zelvctl(const std::string& arguments, int status, const 
                                 const std::string& errors) const {
   SCOPED_TRACE(arguments.substr(0, 100));
   EXPECT_EQ(launch("exec >$ROOT/out 2>$ROOT/err; zelvctl " + arguments), status);
-  for (const auto& [file, wanted] : {std::pair("out", output), std::pair("err", errors)}) {
-    std::string got = read_file(path(file));
-    for (size_t at = 0; (at = got.find(root)) != std::string::npos;) got.replace(at, root.size(), "ROOT");
-    EXPECT_EQ(got, wanted);
-  }
+  EXPECT_EQ(text_of("out"), output);
+  EXPECT_EQ(text_of("err"), errors);
 }
 
 bool RealDaemon::send_signal(int number) const {

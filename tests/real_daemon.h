@@ -27,6 +27,8 @@ class RealDaemon {
   // Writes ROOT/`file`, making its folder.
   void write(const std::string& file, const std::string& text) const;
   std::string path(const std::string& file) const { return root + "/" + file; }
+  // The text of ROOT/`file`, in which ROOT stands for the root.
+  std::string text_of(const std::string& file) const;
 
   // Runs a command line through a shell, with DEVICE_ROOT and ELOG_TARGET (ROOT/log) set; $ROOT is the root, $ZELVIND
   // the daemon's program, $FAULTY the one of tests/faults.cpp, and zelvctl is found. Returns the shell's exit status once
@@ -42,7 +44,7 @@ class RealDaemon {
   // Has the fault in $FAULT befall $FAULTY from now on, or no longer.
   void arm(bool on) const;
 
-  // Runs zelvctl to its end. In what it must write ROOT stands for the root.
+  // Runs zelvctl to its end; `output` and `errors` are texts as of text_of.
   void expect_zelvctl(const std::string& arguments, int status, const std::string& output,
                       const std::string& errors) const;
 
