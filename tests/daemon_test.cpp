@@ -170,26 +170,6 @@ TEST(Daemon, StandardStreamsThatAreClosedOrDead) {
   }
 }
 
-// A reload comes at the end of the pass in progress, however many events wait.
-TEST(Daemon, ReloadsBetweenTwoPasses) {
-  RealDaemon daemon;
-  daemon.write("scripts/a.lua", "on('flood', function() end)");
-  ASSERT_TRUE(daemon.start());
-  daemon.launch(kFlood);
-  ASSERT_TRUE(daemon.wait_for("event(flood)", 50));
-  for (size_t i = 1; i <= 5; ++i) {
-    daemon.send_signal(SIGHUP);
-    ASSERT_TRUE(daemon.wait_for("mscript: load script files from", i + 1));
-  }
-  EXPECT_EQ(daemon.stop(), 0);
-  // The passes from each wish to its reload, of which the median counts, the fourth behind that of the start: a main
-  // thread that is put to sleep in between is nobody's fault.
-  EXPECT_EQ(daemon.launch("passes=$(awk '/zelvind: reloading/ { n = 0 } /event\\(/ { ++n } "
-                          "/load script files from/ { print n + 0 }' $ROOT/log | sort -n | sed -n 4p); "
-                          "[ $passes -le 2 ]"),
-            0);
-}
-
 TEST(Daemon, AFloodingPlugInLosesNothing) {
   RealDaemon daemon;
   daemon.write("opt/flash/mtd4-cfg/zelvind.info", "log_level = 2\nlistener_port = 0\nscript_path = " +

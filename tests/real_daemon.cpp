@@ -51,7 +51,8 @@ RealDaemon::~RealDaemon() {
     waitpid(pid, nullptr, 0);
   }
   if (testing::Test::HasFailure()) std::cerr << "--- the daemon's log\n" << log() << read_file(path("stderr"));
-  fs::remove_all(root);
+  std::error_code ignored;  // a command in the background may still write
+  fs::remove_all(root, ignored);
 }
 
 void RealDaemon::write(const std::string& file, const std::string& text) const {
