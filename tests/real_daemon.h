@@ -31,8 +31,8 @@ class RealDaemon {
   std::string text_of(const std::string& file) const;
 
   // Runs a command line through a shell, with DEVICE_ROOT and ELOG_TARGET (ROOT/log) set; $ROOT is the root, $ZELVIND
-  // the daemon's program, $FAULTY the one of tests/faults.cpp, and zelvctl is found. Returns the shell's exit status once
-  // the invoking process has ended.
+  // the daemon's program, $FAULTY the one of tests/faults.cpp, and zelvctl is found. Returns the shell's exit status
+  // once the invoking process has ended.
   int launch(const std::string& command) const;
   // Starts it, waits for its process id in ROOT/pid and its last start line. False when they did not come.
   bool start(const std::string& command = "$ZELVIND -p $ROOT/pid >/dev/null 2>>$ROOT/stderr");
