@@ -18,7 +18,7 @@
 if package.loaded.init_base then
   return
 end
-package.loaded.init_base = true
+package.loaded.init_base = newproxy(true)
 
 -- What the daemon itself calls: init() once when the base files have run, cleanup() at its end.
 event_server = event_server or {}
@@ -36,10 +36,105 @@ local function try_with_tag(tag, add, ...)
   return done, message
 end
 
+---- Errors ------------------------------------------------------------------------------------------------------------
+
+local kMostErrors = 20 -- of a module that are told apart at a time: their texts may hold what came with an event
+
+local failing = {} -- name of a module -> its errors of late: first line -> how often it came since it was last written
+local is_counting = false
+
+-- Writes how often errors came again, and forgets those that did not.
+local function write_counts()
+  for name, errors in pairs(failing) do
+    for line, count in pairs(errors) do
+      if count > 0 then
+        trace(1, line .. " (" .. count .. " more within a minute)")
+      end
+      errors[line] = count > 0 and 0 or nil
+    end
+    if not next(errors) then
+      failing[name] = nil
+    end
+  end
+end
+
+getmetatable(package.loaded.init_base).__gc = write_counts -- what is left at the end of the Lua state
+
+local function count_errors()
+  write_counts()
+  if not next(failing) then
+    is_counting = false
+    tmr_delete()
+  end
+end
+
+-- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
+local function report(module, what, text)
+  text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
+  local first = text:match("^[^\n]*"):sub(1, 500)
+  local errors, different = failing[module.name] or {}, 0
+  for _ in pairs(errors) do
+    different = different + 1
+  end
+  if different >= kMostErrors and not errors[first] then
+    first = module.name .. ": errors of other kinds"
+    errors[first] = errors[first] or 0
+  end
+  if errors[first] then
+    errors[first] = errors[first] + 1
+    return
+  end
+  is_counting = is_counting or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil)
+  if is_counting then
+    failing[module.name] = errors
+    errors[first] = 0
+  end
+  for line in text:gmatch("[^\n]+") do
+    trace(1, line)
+  end
+end
+
+-- Without addresses, which would make each error a different one.
+local function plain_text(value)
+  if type(value) == "string" then
+    return (string.format("%q", value:sub(1, 100)):gsub("\\\n", "\\n"))
+  end
+  return (type(value) == "number" or type(value) == "boolean") and tostring(value) or "(" .. type(value) .. ")"
+end
+
+-- The fields of a small table, such as { code = 5, message = "gone" }; nil for others.
+local function table_text(value)
+  local parts = {}
+  for name, field in next, value do
+    parts[#parts + 1] = plain_text(name):gsub('^"([%w_]+)"$', "%1") .. " = " .. plain_text(field)
+    if #parts > 8 then
+      return nil
+    end
+  end
+  table.sort(parts)
+  return parts[1] and "{ " .. table.concat(parts, ", ") .. " }"
+end
+
+local function error_text(value)
+  if type(value) == "string" or type(value) == "number" then
+    return tostring(value)
+  end
+  local meta = getmetatable(value)
+  local done, text = pcall(tostring, value)
+  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
+  text = has_text and text or type(value) == "table" and table_text(value)
+  return text or "(the error value is a " .. type(value) .. ")"
+end
+
+local function traceback(value)
+  return debug.traceback(error_text(value), 2)
+end
+
 ---- Modules and rounds ------------------------------------------------------------------------------------------------
 
 local round = 0
 local modules = {} -- those of this round, by tag
+local files = {}   -- source of a file -> its module, which is the one of its last load
 local running      -- the one whose handler, timer or task runs
 
 local function is_former(module)
@@ -98,6 +193,8 @@ local function begin_round(new_mark, first_name)
       mark_slot = slot
     end
   end
+  write_counts()
+  failing = {}
   round = round + 1
   local before = modules
   modules = {}
@@ -125,6 +222,29 @@ local function begin_module(name)
   adding = modules[name]
 end
 
+-- The source of the lowest function on the stack for which fits(info) holds. A coroutine sees its own stack only.
+local function lowest_source(fits)
+  local source
+  local level = 2
+  local info = debug.getinfo(level, "S")
+  while info do
+    if fits(info) then
+      source = info.source
+    end
+    level = level + 1
+    info = debug.getinfo(level, "S")
+  end
+  return source
+end
+
+local function is_being_loaded(info)
+  return info.what == "main" and info.source:find("^@")
+end
+
+local function has_module(info)
+  return files[info.source]
+end
+
 -- script_define as the daemon has it, and the place where this file learns that a file is loaded.
 local daemon_define = script_define
 function script_define(name, ...)
@@ -139,92 +259,21 @@ function script_define(name, ...)
     begin_round(value, name)
   end
   begin_module(name)
+  files[lowest_source(is_being_loaded) or ""] = modules[name]
 end
 
--- The file that the daemon is running, which is the lowest one on the stack; a coroutine does not see that far, and
--- the file that `func` was written in must do.
-local function file_at_work(func)
-  local source = debug.getinfo(func, "S").source
-  local level = 2
-  local info = debug.getinfo(level, "S")
-  while info do
-    if info.what == "main" and info.source:find("^@") then
-      source = info.source
-    end
-    level = level + 1
-    info = debug.getinfo(level, "S")
-  end
-  return source:match("([^/@]+)$") or source
-end
-
--- The module that registers `func`: the one being loaded, else the one that runs, else a base file.
+-- The module that registers `func`: the one being loaded, else the one that runs. In a function that was not registered
+-- here it is the module of that function's file, whichever load the function is from. A file that no module is known
+-- of counts as a base file.
 local function module_at_work(func)
   local loading, name = pcall(get_module_name)
+  local source = lowest_source(is_being_loaded) or debug.getinfo(func, "S").source
+  local file_name = source:match("([^/@]+)$") or source
   if loading and name == "" then
-    script_define(file_at_work(func))
+    script_define(file_name)
     name = get_module_name()
   end
-  return loading and modules[name] or running or { name = file_at_work(func) }
-end
-
----- Errors ------------------------------------------------------------------------------------------------------------
-
-local kMostErrors = 50 -- that are told apart at a time: their texts may hold what came with an event
-
-local repeats = {} -- first line of an error -> how often it came since it was last written
-local different = 0
-local unwritten = 0 -- errors beyond those
-
-local function count_errors()
-  for line, count in pairs(repeats) do
-    if count > 0 then
-      trace(1, line .. " (" .. count .. " more within a minute)")
-      repeats[line] = 0
-    else
-      repeats[line] = nil
-      different = different - 1
-    end
-  end
-  if unwritten > 0 then
-    trace(1, "init_base: " .. unwritten .. " more errors of other kinds within a minute")
-    unwritten = 0
-  end
-  if different == 0 then
-    tmr_delete()
-  end
-end
-
--- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
-local function report(module, what, text)
-  text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
-  local first = text:match("^[^\n]*"):sub(1, 500)
-  if repeats[first] then
-    repeats[first] = repeats[first] + 1
-  elseif different == kMostErrors then
-    unwritten = unwritten + 1
-  else
-    if different > 0 or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil) then
-      repeats[first] = 0
-      different = different + 1
-    end
-    for line in text:gmatch("[^\n]+") do
-      trace(1, line)
-    end
-  end
-end
-
-local function error_text(value)
-  if type(value) == "string" or type(value) == "number" then
-    return tostring(value)
-  end
-  local meta = getmetatable(value)
-  local done, text = pcall(tostring, value)
-  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
-  return has_text and text or "(the error value is a " .. type(value) .. ")"
-end
-
-local function traceback(value)
-  return debug.traceback(error_text(value), 2)
+  return loading and modules[name] or running or files[lowest_source(has_module) or source] or { name = file_name }
 end
 
 -- Returns a function that runs func(arg) for the module, and reports its error.
@@ -264,6 +313,9 @@ function on(type_name, func, arg)
     error(name .. " is no table but a " .. type(handlers), 2)
   end
   handlers.list_func = handlers.list_func or {}
+  if type(handlers.list_func) ~= "table" then
+    error(name .. ".list_func is no table but a " .. type(handlers.list_func), 2)
+  end
   local call = protected(module, "handler of " .. type_name, func, arg)
   local entry = { module.name, call, arg }
   owners[entry] = module

@@ -1,17 +1,20 @@
 // System calls that fail on demand: linked into a second daemon with the linker's --wrap, which sends the calls of its
 // own objects here. The environment variable FAULT says "CALL ERRNO SKIP COUNT": while the file $FAULT_ARMED is there,
-// the first SKIP calls of CALL succeed, and the next COUNT fail with ERRNO.
+// the first SKIP calls of CALL succeed, and the next COUNT fail with ERRNO. The FAULT "clock" has the wall clock set
+// back by 30 hours for as long as the file is there.
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -22,13 +25,18 @@ struct Fault {
   std::atomic<int> calls{0};
 };
 
-bool fails(const char* call) {
-  static Fault fault;
+Fault fault;
+
+bool is_armed(const char* call) {
   if (strcmp(fault.call, call) != 0) return false;
   const int error = errno;
   const bool armed = access(getenv("FAULT_ARMED"), F_OK) == 0;
   errno = error;
-  if (!armed) return false;
+  return armed;
+}
+
+bool fails(const char* call) {
+  if (!is_armed(call)) return false;
   const int number = fault.calls++;
   if (number < fault.skip || number - fault.skip >= fault.count) return false;
   errno = fault.error;
@@ -39,7 +47,6 @@ bool fails(const char* call) {
 
 #define FALLIBLE(result, name, parameters, arguments)   \
   extern "C" result __real_##name parameters;           \
-  extern "C" result __wrap_##name parameters;           \
   extern "C" result __wrap_##name parameters {          \
     return fails(#name) ? -1 : __real_##name arguments; \
   }
@@ -57,8 +64,30 @@ FALLIBLE(int, epoll_create1, (int flags), (flags))
 FALLIBLE(int, epoll_wait, (int fd, epoll_event* events, int max, int timeout_ms), (fd, events, max, timeout_ms))
 
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-extern "C" int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                                      void* argument) {
   return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, argument);
+}
+
+extern "C" {
+int __real_clock_gettime(clockid_t, timespec*);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+  const int result = __real_clock_gettime(clock, now);
+  if (clock == CLOCK_REALTIME && is_armed("clock")) now->tv_sec -= 30 * 60 * 60;
+  return result;
+}
+
+int __wrap_gettimeofday(timeval* now, void*) {
+  timespec precise;
+  const int result = __wrap_clock_gettime(CLOCK_REALTIME, &precise);
+  *now = {precise.tv_sec, precise.tv_nsec / 1000};
+  return result;
+}
+
+time_t __wrap_time(time_t*) {
+  timespec precise;
+  __wrap_clock_gettime(CLOCK_REALTIME, &precise);
+  return precise.tv_sec;
+}
 }

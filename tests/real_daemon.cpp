@@ -11,14 +11,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <thread>
 
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
-
-namespace {
 
 namespace fs = std::filesystem;
 
@@ -30,8 +27,6 @@ bool wait_until(const std::function<bool()>& condition) {
   }
   return true;
 }
-
-}  // namespace
 
 std::string read_file(const std::string& path) {
   std::ostringstream text;
@@ -55,8 +50,9 @@ RealDaemon::~RealDaemon() {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
-  if (testing::Test::HasFailure()) std::cerr << "--- the daemon's log\n" << log();
-  fs::remove_all(root);
+  if (testing::Test::HasFailure()) std::cerr << "--- the daemon's log\n" << log() << read_file(path("stderr"));
+  std::error_code ignored;  // a command in the background may still write
+  fs::remove_all(root, ignored);
 }
 
 void RealDaemon::write(const std::string& file, const std::string& text) const {
@@ -64,9 +60,16 @@ void RealDaemon::write(const std::string& file, const std::string& text) const {
   std::ofstream(path(file)) << text;
 }
 
+std::string RealDaemon::text_of(const std::string& file) const {
+  std::string text = read_file(path(file));
+  for (size_t at = 0; (at = text.find(root)) != std::string::npos;) text.replace(at, root.size(), "ROOT");
+  return text;
+}
+
 int RealDaemon::launch(const std::string& command) const {
   const std::string line = "export ROOT='" + root + "' DEVICE_ROOT='" + root + "' ELOG_TARGET='file:" + path("log") +
-                           "' ZELVIND='" + ZELVIND + "'; " + command;
+                           "' FAULT_ARMED='" + path("armed") +
+                           "' ZELVIND='" ZELVIND "' FAULTY='" FAULTY_ZELVIND "'; PATH=${ZELVIND%/*}:$PATH; " + command;
   return WEXITSTATUS(system(line.c_str()));
 }
 
@@ -81,8 +84,32 @@ bool RealDaemon::read_pid() {
   return pid > 0;
 }
 
+int RealDaemon::last_number_behind(const std::string& part) const {
+  const std::string text = log();
+  return atoi(text.c_str() + text.rfind(part) + part.size());
+}
+
+void RealDaemon::arm(bool on) const {
+  if (on) write("armed", "");
+  if (!on) fs::remove(path("armed"));
+}
+
+void RealDaemon::expect_zelvctl(const std::string& arguments, int status, const std::string& output,
+                                const std::string& errors) const {
+  SCOPED_TRACE(arguments.substr(0, 100));
+  EXPECT_EQ(launch("exec >$ROOT/out 2>$ROOT/err; zelvctl " + arguments), status);
+  EXPECT_EQ(text_of("out"), output);
+  EXPECT_EQ(text_of("err"), errors);
+}
+
 bool RealDaemon::send_signal(int number) const {
   return kill(pid, number) == 0;
+}
+
+void RealDaemon::subscribe(EventClient& client, const std::string& names) {
+  const std::string own = names + ",client" + std::to_string(++subscriptions);
+  client.send_bytes(EventClient::subscription(own) + EventClient::subscription(own));
+  EXPECT_TRUE(wait_for("set as [" + own + "]", 2));  // the first one holds when the second one is read
 }
 
 bool RealDaemon::post(const std::string& lines) const {

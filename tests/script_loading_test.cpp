@@ -186,6 +186,32 @@ TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
   EXPECT_TRUE(script->coroutines.empty());
 }
 
+// What a function that init_base.lua does not know registers belongs to its file, also when it runs after a reload.
+TEST_F(ScriptLoading, ReloadsReplaceWhatRawCallbacksRegistered) {
+  write("scripts/a.lua",
+        "script_define('m', {})"
+        "cr_add(function() cr_yield(5) on('door', function() trace(2, 'late') end) end, 0, 0)");
+  load();
+  EXPECT_EQ(handled(), "late");
+  reload();
+  reload();
+  EXPECT_EQ(handled(), "late|late");
+  reload();
+  EXPECT_EQ(handled(), "late");
+}
+
+TEST_F(ScriptLoading, ReloadsTellErrorsAnew) {
+  write("scripts/a.lua", "on('door', function() error('boom', 0) end)");
+  load();
+  const std::string told = "a.lua: handler of door failed: boom";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(handled().rfind(told + "|stack traceback:|", 0), 0u);
+    EXPECT_EQ(handled(), "");
+    round == 0 ? reload() : script->cleanup();
+    EXPECT_EQ(traced(), told + " (1 more within a minute)");
+  }
+}
+
 TEST_F(ScriptLoading, TheEndRunsFinalizersThatCallTheApi) {
   write("scripts/server_event.lua", "function event_server.cleanup() trace(2, 'cleanup') end");
   write("scripts/a.lua",

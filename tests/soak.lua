@@ -22,3 +22,4 @@ tmr_add(function() tmr_delete() error("planned") end, 1, 0, nil)
 cr_add(function() for _ = 1, 10 do cr_yield(20) end error("planned") end, 0, nil)
 started = started + 1
 proc_run({ "/bin/true" }, 10, function() done = done + 1 end)
+every(1, function() trace(1, "soak: tick") end)

@@ -243,6 +243,15 @@ function sleep(ms) end
 ---@return string? reason when it was not queued
 function event_post(type, name, info) end
 
+---Runs a program. `func` is called with its exit status (256 + N: killed by signal N, -1: not started, -2: its time was
+---over) and the first 4 KiB of its output. Comes with the plug-in libeaprocess.so; nil where that is not loaded.
+---@param argv (string|number)[] the program and its arguments
+---@param timeout_s number 0.001 to 86400
+---@param func fun(arg: any, status: integer, output: string)
+---@param arg? any
+---@return integer id
+function proc_run(argv, timeout_s, func, arg) end
+
 ---A text from a settings file beside the daemon's own.
 ---@param file string its name, without a folder
 ---@param key string

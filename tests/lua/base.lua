@@ -20,8 +20,9 @@ raises("on(type_name, func [, arg]): a string and a function expected", on, "x")
 raises("every(interval_s, func [, arg]): whole seconds from 1 on and a function expected", every, 1.5, print)
 raises("at(hour, minute, func [, arg]): 0 to 23, 0 to 59 and a function expected", at, 24, 0, print)
 raises("task(func [, arg]): a Lua function expected", task, print)
-es_number = 5
+es_number, es_list = 5, { list_func = 7 }
 raises("es_number is no table but a number", on, "number", print)
+raises("es_list.list_func is no table but a number", on, "list", print)
 raises("no event is being dispatched", fields)
 
 -- An error, wherever it happens, is written with its traceback, line by line.
@@ -50,6 +51,7 @@ check("written again", traced_by_event(""), boom .. func .. "|next")
 -- Whatever the error value is, and however many errors there are.
 local values = {
   { "error({}, 0)", "(the error value is a table)" }, { "error()", "(the error value is a nil)" },
+  { "error({ code = 5, [6] = 'a\\nb', at = {} }, 0)", '{ 6 = "a\\nb", at = (table), code = 5 }' },
   { "error(setmetatable({}, { __tostring = function() return 'text' end }), 0)", "text" }, { "error(5, 0)", "5" },
   { "local p = newproxy(true) getmetatable(p).__tostring = error error(p, 0)", "(the error value is a userdata)" },
   { "error('a\\nb\\tc', 0)", "a|b  c" }, { "local function f() return 1 + f() end f()", "probe:1: stack overflow" },
@@ -65,8 +67,13 @@ es_x = nil
 on("x", function() error(evt_info(), 0) end)
 local written = ""
 for i = 1, 200 do written = written .. traced_by_event("error " .. i) end
-check("different errors", select(2, written:gsub("failed", "")), 49 - #values)
-check("further errors", pass(60), "init_base: " .. 151 + #values .. " more errors of other kinds within a minute")
+local told = 19 - #values
+check("different errors", select(2, written:gsub("failed", "")), told)
+coroutine.wrap(on)("x", chunk("error('other', 0)")) -- where nobody sees that it is for this file
+check("another module's", traced_by_event(""):sub(1, 34), "=probe: handler of x failed: other")
+es_x.list_func[2] = nil
+check("further errors", pass(60), "base.lua: errors of other kinds (" .. 201 - told .. " more within a minute)")
+check("quiet", pass(60), "")
 check("no timer is left", (counts()), 0)
 traced_by_event("error 1")
 check("they are forgotten", pass(60), "")
