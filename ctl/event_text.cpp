@@ -7,17 +7,6 @@
 
 namespace {
 
-void append_safely(std::string& line, std::string_view text) {
-  while (!text.empty()) {
-    const size_t run = harmless_run(text);
-    line.append(text.substr(0, run));
-    text.remove_prefix(run);
-    if (text.empty()) break;
-    append_escaped(line, text[0]);
-    text.remove_prefix(1);
-  }
-}
-
 nlohmann::json fields_of(std::string_view info) {
   nlohmann::json fields = nlohmann::json::object();
   nlohmann::json bare_items = nlohmann::json::object();
@@ -39,11 +28,8 @@ nlohmann::json fields_of(std::string_view info) {
 
 std::string plain_text(const ReceivedEvent& event) {
   std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
-  append_safely(line, event.name);
-  if (!event.info.empty()) {
-    line += ' ';
-    append_safely(line, event.info);
-  }
+  line += escaped(event.name);
+  if (!event.info.empty()) line += ' ' + escaped(event.info);
   return line + "\n";
 }
 

@@ -1,14 +1,15 @@
 #include "ctl/findings.h"
 
+#include "util/safe_text.h"
 #include "util/text.h"
 
 void Findings::fault(const std::string& text) {
-  fprintf(out, "%s\n", text.c_str());
+  fprintf(out, "%s\n", escaped(text).c_str());
   ++faults;
 }
 
 void Findings::warn(const std::string& place, const std::string& text) {
-  fprintf(out, "%s: warning: %s\n", place.c_str(), text.c_str());
+  fprintf(out, "%s: warning: %s\n", escaped(place).c_str(), escaped(text).c_str());
   ++warnings;
 }
 

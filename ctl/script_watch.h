@@ -14,10 +14,10 @@ class ScriptWatch {
   explicit ScriptWatch(const std::vector<std::string>& folders);
 
   // Waits until such a file has been written, renamed or removed since the last call, and nothing has happened for a
-  // moment: an editor, or a copy of many files, makes several changes. Returns false when `limit_ms` (-1: none) have
+  // moment: an editor, or a copy of many files, makes several changes. Returns false when `limit_ms` have
   // passed without. A folder that was not there is looked for then, and is a change when it has come. Throws
   // Failure(Exit::unreachable) when a folder itself has gone.
-  bool wait_for_change(int limit_ms = -1);
+  bool wait_for_change(int limit_ms);
 
   // "FOLDER, FOLDER (not there yet)".
   std::string text() const;

@@ -23,8 +23,7 @@ size_t harmless_length(std::string_view text) {
   return length;
 }
 
-}  // namespace
-
+// The number of bytes at the front of `text` that may go out as they are.
 size_t harmless_run(std::string_view text) {
   size_t run = 0;
   while (run < text.size()) {
@@ -52,4 +51,24 @@ void append_escaped(std::string& out, char c) {
       out += text;
     }
   }
+}
+
+}  // namespace
+
+std::string escaped(std::string_view text, size_t tail) {
+  std::string out;
+  out.reserve(text.size() + 8);
+  while (!text.empty()) {
+    const size_t run = harmless_run(text);
+    out.append(text.substr(0, run));
+    text.remove_prefix(run);
+    if (text.empty()) break;
+    if (text[0] == '\n' && text.size() <= tail) {
+      out += '\n';
+    } else {
+      append_escaped(out, text[0]);
+    }
+    text.remove_prefix(1);
+  }
+  return out;
 }

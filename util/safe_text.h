@@ -5,9 +5,6 @@
 #include <string>
 #include <string_view>
 
-// The number of bytes at the front of `text` that may go out as they are: UTF-8 without control characters (those of
-// U+0080 to U+009F included). Any thread.
-size_t harmless_run(std::string_view text);
-
-// Appends a byte that is not harmless as "\n", "\r", "\t" or "\x1b".
-void append_escaped(std::string& out, char c);
+// `text` with every byte that may not go out as it is written "\n", "\r", "\t" or "\x1b": control characters, those of
+// U+0080 to U+009F included, and what is no UTF-8. Line ends among the last `tail` bytes stay. Any thread.
+std::string escaped(std::string_view text, size_t tail = 0);

@@ -62,21 +62,7 @@ size_t trailing_white_space(const char* format) {
 std::string log_text(const char* format, va_list arguments) {
   const std::string raw = format_text(format, arguments);
   const size_t tail = has_conversions(format) ? trailing_white_space(format) : raw.size();
-  std::string text;
-  text.reserve(raw.size() + 8);
-  for (std::string_view rest = raw; !rest.empty();) {
-    const size_t run = harmless_run(rest);
-    text.append(rest.substr(0, run));
-    rest.remove_prefix(run);
-    if (rest.empty()) break;
-    if (rest[0] == '\n' && rest.size() <= tail) {
-      text += '\n';
-    } else {
-      append_escaped(text, rest[0]);
-    }
-    rest.remove_prefix(1);
-  }
-  return text;
+  return escaped(raw, tail);
 }
 
 bool ends_in_blanks(const std::string& text) {
