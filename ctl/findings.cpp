@@ -19,6 +19,11 @@ std::string Findings::text() const {
   return text + (text.empty() ? "" : ", ") + counted(warnings, "warning");
 }
 
+void Findings::tell_unlooked() const {
+  if (unlooked.empty()) return;
+  fprintf(out, "%s: globals that nothing defines were not looked for\n", unlooked.c_str());
+}
+
 std::string counted(int number, const char* thing) {
   return sstr("%d %s%s", number, thing, number == 1 ? "" : "s");
 }

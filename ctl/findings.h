@@ -23,7 +23,10 @@ class Findings {
 
   bool has_faults() const { return faults > 0; }
 
-  std::string unlooked;  // why nobody looked for globals that nothing defines; empty when somebody did
+  // Writes a line when nobody looked for globals that nothing defines.
+  void tell_unlooked() const;
+
+  std::string unlooked;  // why nobody did; empty when somebody did
 
  private:
   FILE* const out;

@@ -47,12 +47,10 @@ void check_first(const RunningDaemon& daemon, const ReloadRequest& request, FILE
   }
   {
     const DaemonRights rights(daemon.process());
-    check_scripts(configured_folders(folder), findings);
+    check_scripts(configured_folders(request.root, folder), findings);
   }
   if (!findings.passed()) fail("not reloaded: " + findings.text());
-  if (request.strict && !findings.unlooked.empty()) {
-    fprintf(out, "%s: globals that nothing defines were not looked for\n", findings.unlooked.c_str());
-  }
+  if (request.strict) findings.tell_unlooked();
 }
 
 // A reload that is already going on may have read the scripts before they were changed: then the next one counts.
@@ -97,7 +95,7 @@ void reload(const ReloadRequest& request, FILE* out) {
 
 void reload_at_changes(const ReloadRequest& request, FILE* out) {
   const RunningDaemon daemon = daemon_of(request);
-  const ScriptFolders folders = configured_folders(daemon.folder());
+  const ScriptFolders folders = configured_folders(request.root, daemon.folder());
   ScriptWatch watch({folders.script, folders.external});
   fprintf(out, "watching %s for the daemon (process %d)\n", watch.text().c_str(), daemon.process());
   fflush(out);

@@ -3,8 +3,8 @@
 #include <lua.hpp>
 
 #include "device/config_store.h"
-#include "device/host/store_text.h"
 #include "tests/device_root_fixture.h"
+#include "util/store_text.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <tuple>
 
 #include "device/host/device_root.h"
-#include "device/host/store_text.h"
 #include "device/log.h"
 #include "util/descriptor.h"
 #include "util/lua_binding.h"
+#include "util/store_text.h"
 #include "util/text.h"
 
 // A handle holds the values as they were when the file was opened; the file itself is closed again.

@@ -1,4 +1,4 @@
-#include "device/host/store_text.h"
+#include "util/store_text.h"
 
 #include <charconv>
 
