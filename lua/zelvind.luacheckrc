@@ -15,6 +15,8 @@ stds.zelvind = {
     "bit_and", "bit_or", "bit_xor", "bit_check", "lsb", "msb", "lb", "hb", "shift", "abs", "isplus", "isminus", "sleep",
     -- the device libraries that come with the daemon
     "event_post", "econf_str", "econf_int",
+    -- the plug-ins that come with the daemon
+    "proc_run",
   },
 }
 

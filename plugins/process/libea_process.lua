@@ -1,0 +1,2 @@
+-- Declares for `zelvctl check` what libeaprocess.so adds; the daemon does not read it.
+function proc_run(argv, timeout_s, func, arg) end
