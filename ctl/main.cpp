@@ -2,6 +2,7 @@
 // itself. Options only; the work is done in the files named after the commands.
 #include <unistd.h>
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -85,6 +86,13 @@ std::vector<std::string> values_of(const CLI::Option* option) {
   return values;
 }
 
+// The number of arguments behind the first "--".
+size_t behind_dashes(int argc, char** argv) {
+  const auto is_dashes = [](const char* argument) { return std::string_view(argument) == "--"; };
+  const auto found = std::find_if(argv + 1, argv + argc, is_dashes);
+  return found == argv + argc ? 0 : static_cast<size_t>(argv + argc - found - 1);
+}
+
 // DEVICE_ROOT, which the configuration store reads by itself, after --root has had its say.
 std::string device_root(const CLI::Option* option) {
   if (!option->empty()) setenv("DEVICE_ROOT", values_of(option).front().c_str(), 1);
@@ -130,6 +138,9 @@ class CommandLine {
     } else if (reload->parsed()) {
       run_reload(root_path);
     } else if (supervised->parsed()) {
+      if (daemon_arguments->count() > behind_dashes(argc, argv)) {
+        throw Failure(Exit::usage, "run: the daemon's arguments stand behind --, as in: zelvctl run -- -p FILE");
+      }
       supervise(installed_daemon_folder() + "/zelvind", values_of(daemon_arguments));
     } else {
       throw Failure(Exit::usage, "say post, listen, check, reload or run\nTry: zelvctl --help");
