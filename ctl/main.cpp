@@ -42,8 +42,8 @@ constexpr char kListenFooter[] =
     "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state";
 
 constexpr char kCheckFooter[] =
-    "Writes each fault as FILE:LINE: MESSAGE, and where luacheck is installed a warning for each global\n"
-    "that nothing defines. Compiles the scripts in the daemon's order and runs none.\n"
+    "Writes each fault as FILE:LINE: MESSAGE, and warns of settings that the daemon ignores and, where luacheck\n"
+    "is installed, of globals that nothing defines. Compiles the scripts in the daemon's order and runs none.\n"
     "Ends with status 0 when there is no fault, with 1 when there is.\n"
     "\nExamples:\n"
     "  zelvctl check                       the scripts of the configuration\n"
@@ -177,7 +177,7 @@ class CommandLine {
   void add_check() {
     check = app.add_subcommand("check", "Compile the daemon's scripts and report their faults");
     dirs = check->add_option("DIR")->expected(0, -1)->allow_extra_args();
-    dirs->description("Folders to check instead of those of the configuration");
+    dirs->description("Folders or files to check instead of those of the configuration");
     check->add_flag("--strict", strict, "Let warnings count as faults");
     check->footer(kCheckFooter);
   }

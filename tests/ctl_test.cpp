@@ -61,6 +61,7 @@ TEST(Zelvctl, RefusesWrongArguments) {
       {"post '1 a' a", "TYPE '1 a', NAME 'a': the type is no whole number"},
       {"post 1 ''", "NAME '': the name is missing"},
       {"post 1 'a b'", "NAME 'a b': the name holds a blank or a control character"},
+      {"run a", "run: the daemon's arguments stand behind --, as in: zelvctl run -- -p FILE"},
       {"post 1 a x", "'x' is no FIELD=VALUE"},
       {"post 1 a =x", "'=x' names no field"},
       {"post 1 a 'x&y=1'", "field 'x&y': a name cannot hold an '&'"},
@@ -151,6 +152,11 @@ TEST(EventConnection, SaysHowTheDaemonFailed) {
   const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
       {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
       {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
+      {"1 the daemon has read everything and been busy for 0.4 s since; it handles the events later, so to send them "
+       "again doubles them",
+       [](Connection& c, Descriptor& d) {
+         c.send("1 a\n"), recv(d.get(), std::array<char, 8>().data(), 8, 0), c.finish(false);
+       }},
       {"1 the daemon went away: Broken pipe", [](Connection& c, Descriptor& d) { d.reset(), c.send("1 a\n"); }},
       {"1 the daemon went away before it took in everything: Connection reset by peer",
        [](Connection& c, Descriptor& d) { c.send("1 a\n"), d.reset(), c.finish(false); }},

@@ -83,27 +83,33 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
   const RealDaemon daemon;
   const bool has_luacheck = daemon.launch("command -v luacheck >/dev/null") == 0;
   const std::string unchecked = "luacheck is not at hand: globals that nothing defines were not looked for\n";
+  const std::string unlooked = "; globals that nothing defines were not looked for\n";
   const std::string warning = "ROOT/dir/y.lua:1:12: warning: accessing undefined variable 'unheard_of'\n";
   daemon.write("scripts/a.lua", "error('it ran')");
   daemon.write(deep + "/x.lua", "\nx = = 1");
   daemon.write("dir/y.lua", "on('door', unheard_of) econf_str('a', 'b') event_post(1, 'a')");
-  daemon.expect_zelvctl("check", 0, "4 scripts, no fault\n" + (has_luacheck ? "" : unchecked), "");
-  daemon.expect_zelvctl(
-      "check $ROOT/dir $ROOT/" + deep + " /nowhere", 1,
-      "ROOT/" + deep + "/x.lua:2: unexpected symbol near '='\nFailed to get script file list in path[/nowhere]\n",
-      "zelvctl: 2 faults\n");
-  daemon.expect_zelvctl("check $ROOT/dir", 0, "1 script, no fault\n" + (has_luacheck ? warning : unchecked), "");
+  daemon.launch("dirname $ZELVIND >$ROOT/dirname; mkdir $ROOT/empty");
+  std::string bin = read_file(daemon.path("dirname"));
+  bin.pop_back();
+  daemon.expect_zelvctl("check", 0,
+                        "4 scripts in " + bin + ", ROOT/scripts, no fault\n" + (has_luacheck ? "" : unchecked), "");
+  daemon.expect_zelvctl("check $ROOT/dir $ROOT/" + deep + " /nowhere $ROOT/empty", 1,
+                        "ROOT/" + deep + "/x.lua:2: unexpected symbol near '='\n/nowhere: No such file or directory\n" +
+                            "ROOT/empty: no script is there\n",
+                        "zelvctl: 3 faults" + unlooked);
+  const std::string checked = "1 script in ROOT/dir/y.lua, ROOT/dir, no fault";
+  daemon.expect_zelvctl("check $ROOT/dir/y.lua $ROOT/dir", 0,
+                        has_luacheck ? warning + checked + ", 1 warning\n" : checked + "\n" + unchecked, "");
   daemon.write("scripts/config.lua", "function (");
-  std::filesystem::remove(daemon.path("scripts/server_event.lua"));
-  std::filesystem::create_directory(daemon.path("scripts/b.lua"));
+  daemon.launch("cd $ROOT/scripts; rm server_event.lua; mkdir b.lua; mkfifo 'f\n.lua'");
   daemon.expect_zelvctl("check", 1,
                         "ROOT/scripts/config.lua:1: '<name>' expected near '('\n"
-                        "cannot open ROOT/scripts/server_event.lua: No such file or directory\n"
-                        "cannot read ROOT/scripts/b.lua: Is a directory\n",
-                        "zelvctl: 3 faults\n");
+                        "ROOT/scripts/server_event.lua: No such file or directory\n"
+                        "ROOT/scripts/b.lua: is no regular file\n"
+                        "ROOT/scripts/f\\n.lua: is no regular file\n",
+                        "zelvctl: 4 faults" + unlooked);
   std::filesystem::remove(daemon.path("opt/flash/mtd4-cfg/zelvind.info"));
-  daemon.expect_zelvctl("check", 1, "",
-                        "zelvctl: Failed to open conf[name:zelvind.info,type:0,path:/opt/flash/mtd4-cfg]\n");
+  daemon.expect_zelvctl("check", 1, "", "zelvctl: ROOT/opt/flash/mtd4-cfg/zelvind.info: No such file or directory\n");
 }
 
 TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
@@ -124,8 +130,23 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, process + "reloaded its scripts\n", "");
   EXPECT_EQ(daemon.count("lua-trace: new"), 1u);
 
+  daemon.expect_zelvctl("reload --root / --pidfile $ROOT/pid", 1, "",
+                        "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
+                            ") of ROOT/pid runs with DEVICE_ROOT 'ROOT', and this is for '/'; see --root\n");
+
+  daemon.launch("sleep 0.1; echo nonsense >>$ROOT/opt/flash/mtd4-cfg/zelvind.info");
+  const std::string warnings =
+      "ROOT/opt/flash/mtd4-cfg/zelvind.info: warning: newer than the daemon, which goes by the settings as they were "
+      "when it started; the check goes by the new ones\n"
+      "ROOT/opt/flash/mtd4-cfg/zelvind.info:4: warning: the line is no 'key = value'\n";
+  daemon.write("scripts/a.lua", "local a = unheard_of");
+  const bool has_luacheck = daemon.launch("command -v luacheck >/dev/null") == 0;
+  const std::string warning = "ROOT/scripts/a.lua:1:11: warning: accessing undefined variable 'unheard_of'\n";
+  daemon.expect_zelvctl("reload --strict", 1, warnings + (has_luacheck ? warning : ""),
+                        "zelvctl: not reloaded: " + std::string(has_luacheck ? "3" : "2") + " warnings\n");
+  EXPECT_EQ(daemon.count("SIGHUP"), 2u);
   daemon.write("scripts/a.lua", "error('no')");
-  daemon.expect_zelvctl("reload", 1, "", "zelvctl: " + process + "ended over the reload; its log says why\n");
+  daemon.expect_zelvctl("reload", 1, warnings, "zelvctl: " + process + "ended over the reload; its log says why\n");
   EXPECT_EQ(daemon.wait_for_end(), 0);
 }
 
@@ -135,20 +156,28 @@ TEST(Reload, WatchesTheScripts) {
   daemon.launch("zelvctl reload --watch >$ROOT/watch 2>&1 & echo $! >$ROOT/watcher");
   ASSERT_TRUE(wait_until([&] { return daemon.launch("grep -qs inotify /proc/$(cat $ROOT/watcher)/fdinfo/*") == 0; }));
   daemon.write("scripts/a.lua", "x = = 1");
-  std::string wanted = "ROOT/scripts/a.lua:1: unexpected symbol near '='\nnot reloaded: 1 fault\n";
+  const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ")";
+  std::string wanted = "watching ROOT/scripts for " + process +
+                       "\nROOT/scripts/a.lua:1: unexpected symbol near '='\nnot reloaded: 1 fault\n";
   const auto is_said = [&] { return daemon.text_of("watch") == wanted; };
   ASSERT_TRUE(wait_until(is_said));
   daemon.launch("echo >$ROOT/scripts/a.txt; sleep 0.2");  // no script: nothing may come of it
-  for (const std::string change : {"echo >a.lua", "mv a.lua ../b.lua", "mv ../b.lua a.lua", "rm a.lua"}) {
+  for (const std::string change : {"echo >a.lua", "mv a.lua ../b.lua", "ln -s ../b.lua a.lua", "rm a.lua",
+                                   "ln ../b.lua a.lua", "mv ../b.lua c.lua", "rm a.lua"}) {
     daemon.launch("cd $ROOT/scripts; " + change);
-    wanted += "the daemon (process " + std::to_string(daemon.process()) + ") has reloaded its scripts\n";
+    wanted += process + " has reloaded its scripts\n";
     ASSERT_TRUE(wait_until(is_said)) << change;
   }
   daemon.launch("mv $ROOT/scripts $ROOT/gone");
   wanted += "zelvctl: a script folder has gone\n";
   EXPECT_TRUE(wait_until(is_said));
   daemon.expect_zelvctl("reload --watch", 1, "", "zelvctl: there is no script folder to watch\n");
+  daemon.launch("mv $ROOT/gone $ROOT/scripts; zelvctl reload --watch >$ROOT/watch 2>&1 &");
+  wanted = "watching ROOT/scripts for " + process + "\n";
+  ASSERT_TRUE(wait_until(is_said));
   EXPECT_EQ(daemon.stop(), 0);
+  wanted += "zelvctl: " + process + " has gone\n";
+  EXPECT_TRUE(wait_until(is_said));
 }
 
 TEST(Run, EndsAsTheDaemonDoes) {
