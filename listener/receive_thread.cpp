@@ -25,10 +25,10 @@ struct ManagerListener::PollSet {
     records.reserve(kFirstRoom);
   }
 
-  void fill(const std::vector<std::unique_ptr<ListenerClient>>& clients, const Locked&) {
+  void fill(const std::vector<std::unique_ptr<ListenerClient>>& all, const Locked&) {
     entries.clear();
     records.clear();
-    for (const std::unique_ptr<ListenerClient>& client : clients) {
+    for (const std::unique_ptr<ListenerClient>& client : all) {
       const int events = client->output.empty() ? POLLIN : POLLIN | POLLOUT;  // room for the rest ends the poll early
       entries.push_back({client->fd, static_cast<short>(events), 0});
       records.push_back(client.get());
