@@ -72,23 +72,4 @@ TEST_F(DeviceLog, APipeGetsWholeLinesOfThreadsAndADeadOneNoSignal) {
   elog(1, "nobody reads this");  // a signal would end the test
 }
 
-TEST_F(DeviceLog, TargetsThatFail) {
-  const std::string said = root + "/stderr";
-  const std::pair<std::string, std::string> rows[] = {
-      {"nowhere\n", "log: ELOG_TARGET is none of stderr, file:PATH and syslog, but 'nowhere?': using syslog\n"},
-      {"file:" + root, "log: cannot open the file of ELOG_TARGET (Is a directory) 'file:" + root + "': using syslog\n"},
-      {"syslog", ""},
-  };
-  for (const auto& [target, text] : rows) {
-    const auto fail = [&, &name = target] {
-      ASSERT_NE(freopen(said.c_str(), "w", stderr), nullptr);
-      log_to(name);
-      log_to(name);
-      elog(1, "lost or in syslog");
-    };
-    EXPECT_EQ(in_child(fail), 0);
-    EXPECT_EQ(read_file(said), text);
-  }
-}
-
 }  // namespace

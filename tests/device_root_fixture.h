@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "device/log.h"
@@ -28,12 +27,6 @@ class DeviceRoot : public testing::Test {
     setenv("ELOG_TARGET", target.c_str(), 1);
     errlog_init(3, "zelvind");
     elog_set_level("zelvind", 1);
-  }
-
-  static std::string read_file(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
   }
 
   // The log so far, without what stands in front of each line; a frame that is not as promised stays.

@@ -2,8 +2,8 @@
 //
 // Beside the API they find: check(label, got, wanted); raises(text, func, ...); traced(), as in the fixture;
 // ran(seconds, milliseconds), which sets the clock, makes a pass and returns what that traced; counts() of timers and
-// coroutines, and the wait for the next one of these; log(), all lines so far, joined by "|"; references() in the
-// registry; lua_dir and docs_dir, where the default scripts and the documents are.
+// coroutines, and the wait for the next one of these; references() in the registry; lua_dir and docs_dir, where the
+// default scripts and the documents are.
 
 #include "script/clua.h"
 #include "script/event_loop.h"
@@ -29,13 +29,6 @@ int counts(lua_State* L) {
   return 3;
 }
 
-int joined_log(lua_State* L) {
-  std::string text;
-  for (const std::string& line : standin::log_lines()) text += line + "|";
-  lua_pushstring(L, text.c_str());
-  return 1;
-}
-
 constexpr char kPrelude[] = R"(
 local function show(v) return type(v) == "string" and string.format("%q", v) or tostring(v) end
 function check(label, got, wanted)
@@ -59,7 +52,6 @@ TEST_P(ScriptLua, Table) {
   lua_register(L, "traced", push_traced);
   lua_register(L, "ran", ran);
   lua_register(L, "counts", counts);
-  lua_register(L, "log", joined_log);
   ASSERT_EQ(clua_run_string(L, "lua_dir, docs_dir = '" ZELVIND_LUA_DIR "', '" ZELVIND_DOCS_DIR "'"), 1);
   ASSERT_EQ(clua_run_string(L, kPrelude), 1) << clua_error_text(L);
   const std::string file = TEST_LUA_DIR "/" + std::string(GetParam()) + ".lua";

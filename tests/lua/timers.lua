@@ -20,10 +20,9 @@ local passes = {
 }
 for _, row in ipairs(passes) do check("at " .. row[1], ran(T + row[1], 0), row[2]) end
 
--- Far-off and overflowing due times never come.
-add("far", 2147483647, 1)
+-- A due time that overflows never comes.
 add("negative", 2147483647, -2147483648)
-check("far off", ran(T + 3, 0), "")
+check("overflow", ran(T + 3, 0), "")
 
 -- A callback that deletes itself, adds others, and raises.
 local failed = "<1> mscript: Could not execute timer -- "
@@ -38,32 +37,21 @@ add("once", 1, 0, function()
 end)
 add("behind", 1, 0, tmr_delete)
 check("both run", ran(S + 1, 0), "once|" .. failed .. "after delete\n|behind")
-check("records", (counts()), before + 100)
 check("the added ones run next", ran(S + 2, 0), ("added|"):rep(99) .. "added")
 check("records", (counts()), before)
 check("registry", references(), held)
 
--- A failing one stays; text or not, the stack is as before. The last argument is the callback's.
+-- A failing one stays; text or not, the stack is as before.
 tmr_add(function() error({}) end, 1, 0, nil)
 tmr_add(5, 1, 0, nil)
-tmr_add(function(arg) trace(1, arg) end, 1, 77)
 for i = 3, 4 do
-  check("failure " .. i, ran(S + i, 0), failed .. "NOT ERROR\n|" .. failed .. "attempt to call a number value\n|77")
+  check("failure " .. i, ran(S + i, 0), failed .. "NOT ERROR\n|" .. failed .. "attempt to call a number value\n")
 end
 
 raises("This is not timer callback", tmr_delete)
 raises("bad argument #2 to '?' (an interval of at least 1 s expected)", tmr_add, print)
-raises("bad argument #1 to '?' (function expected, got no value)", tmr_add)
 raises("too many timers", function() for _ = 1, 70000 do tmr_add(print, 2147483647, 0, nil) end end)
 check("limit", (counts()), 65536)
 
--- timer_time fills fields from the right; -1 keeps the current value.
-ran(1700000000, 0)
-local rows = {
-  { { -1, 0, 0 }, "%M:%S", "00:00" }, { { 3, 0, 0 }, "%H:%M:%S", "03:00:00" }, { { 0, 75 }, "%M:%S", "01:15" },
-}
-for _, row in ipairs(rows) do
-  check(table.concat(row[1], ","), os.date(row[2], timer_time(unpack(row[1]))), row[3])
-end
 raises("timer_time takes at most six arguments", timer_time, 1, 2, 3, 4, 5, 6, 7)
 timer_time(-2147483648, 0, 0, 0, 0, 0)
