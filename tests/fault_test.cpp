@@ -73,6 +73,7 @@ TEST(Fault, OfACallAtTheStart) {
       {"pthread_create", EAGAIN, 0, 1, "mlistener: failed to run event_recv thread", kOwnEvents | kPosters},
       {"pthread_create", EAGAIN, 1, 1, "mlistener: failed to run accept thread", kOwnEvents | kPosters},
       {"pthread_create", EAGAIN, 2, 1, "mscript: failed to run thread", kNone},
+      {"pthread_create", EAGAIN, 0, 9, "mscript: failed to run thread", kNone},
       {"socket", EMFILE, 0, 1, "", kAll},
       {"socket", EMFILE, 1, 1, "events.sock (Too many open files)", kOwnEvents | kClients},
       {"socket", EMFILE, 2, 1, "mlistener: Failed to create server socket(errno:24)", kOwnEvents | kPosters},
@@ -108,10 +109,33 @@ TEST(Fault, OfTheFork) {
   EXPECT_EQ(daemon.log(), "");
 }
 
-TEST(Limit, AScriptEatsTheMemory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizers need memory without a limit";
+constexpr bool kSanitized = true;  // the sanitizers need memory without a limit and descriptors of their own
+#else
+constexpr bool kSanitized = false;
 #endif
+
+// From almost none up to enough: whatever cannot be had, the daemon ends in order, or runs and can be stopped.
+TEST(Limit, FewDescriptors) {
+  if (kSanitized) GTEST_SKIP() << "the sanitizers need descriptors of their own";
+  bool was_short = false;
+  for (int limit = 12; limit <= 20; ++limit) {  // 3 to 9 are taken
+    SCOPED_TRACE(limit);
+    RealDaemon daemon;
+    daemon.launch("exec >/dev/null 2>&1; for fd in 3 4 5 6 7 8 9; do eval exec $fd'</dev/null'; done; ulimit -n " +
+                  std::to_string(limit) + "; exec $ZELVIND");
+    ASSERT_TRUE(daemon.wait_for("<1> Start zelvind..."));
+    daemon.write("pid", std::to_string(daemon.last_number_behind("zelvind[")) + "\n");
+    ASSERT_TRUE(daemon.read_pid());
+    const bool without_settings = daemon.stop() == 1;
+    EXPECT_EQ(daemon.count(without_settings ? "<1> zelvind: Failed to open conf[" : "<1> zelvind: zelvind end"), 1u);
+    was_short = was_short || daemon.count("Too many open files") > 0;
+  }
+  EXPECT_TRUE(was_short);
+}
+
+TEST(Limit, AScriptEatsTheMemory) {
+  if (kSanitized) GTEST_SKIP() << "the sanitizers need memory without a limit";
   for (const std::string food : {"string.rep('x', 1e6) .. #t", "function() end"}) {
     SCOPED_TRACE(food);
     FaultyDaemon daemon;

@@ -159,6 +159,15 @@ class Soak : public testing::Test {
     std::filesystem::rename(daemon.path("next"), daemon.path("scripts/soak.lua"));
   }
 
+  // How often a line of the log bears an earlier date than the line before.
+  int steps_back() const {
+    int steps = 0;
+    std::istringstream lines(daemon.log());
+    std::string before;
+    for (std::string line; std::getline(lines, line); before = line.substr(0, 10)) steps += line.substr(0, 10) < before;
+    return steps;
+  }
+
   // Everybody at once for `duration`; afterwards all that was posted has been taken in.
   void crowded(seconds duration) {
     posting = crowd = true;
@@ -249,7 +258,9 @@ TEST_F(Soak, NothingIsLostAndNothingIsLeft) {
     for (int poster = 0; poster < kPosters; ++poster) EXPECT_EQ(sequence.last[poster], posted[poster]) << poster;
   }
   std::cout << report.str() << daemon.count("reloading") << " reloads, " << daemon.count("new client") << " clients, "
-            << daemon.count("stopped reading") << " stalls" << std::endl;
+            << daemon.count("stopped reading") << " stalls, " << steps_back() << " steps back of the clock"
+            << std::endl;
+  EXPECT_GT(steps_back(), 0);
 }
 
 }  // namespace
