@@ -29,7 +29,6 @@ class ClientOutput {
 
   bool empty() const { return sent == bytes.size(); }
   size_t waiting() const { return bytes.size() - sent; }
-  size_t memory() const { return bytes.capacity(); }
 
   // Adds a packet behind what waits. Not while the client owes, nor to a broken connection.
   void append(const char* packet, size_t size);

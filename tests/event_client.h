@@ -13,7 +13,7 @@
 class EventClient {
  public:
   struct Event {
-    int64_t length, seconds, microseconds;
+    int64_t seconds, microseconds;
     std::string name, info;
   };
 
@@ -40,9 +40,10 @@ class EventClient {
   bool read(Event& event) {
     std::string bytes;
     if (!read_bytes(bytes, 12)) return false;
-    event = {number(bytes, 0) & 0xffffffff, number(bytes, 4), number(bytes, 8), "", ""};
-    if (event.length < 14 || event.length > 1 << 20) return false;
-    if (!read_bytes(bytes, static_cast<size_t>(event.length) - 12) || bytes.back() != '\0') return false;
+    const auto length = static_cast<size_t>(number(bytes, 0));
+    event = {number(bytes, 4), number(bytes, 8), "", ""};
+    if (length < 14 || length > 1 << 20) return false;
+    if (!read_bytes(bytes, length - 12) || bytes.back() != '\0') return false;
     event.name = bytes.c_str();
     event.info = bytes.substr(event.name.size() + 1);
     event.info.pop_back();
@@ -57,11 +58,10 @@ class EventClient {
 
   // Reads on until the daemon has closed the connection; false when it has not after 10 s of silence.
   bool ended() {
-    std::string rest;
-    errno = 0;
-    while (read_bytes(rest, 4096)) {
-    }
-    return errno == 0 || errno == ECONNRESET;
+    char rest[4096];
+    ssize_t got = 1;
+    while (got > 0) got = recv(fd.get(), rest, sizeof(rest), 0);
+    return got == 0 || errno == ECONNRESET;
   }
 
   // Closes the connection; the daemon sees a reset instead of an end when `reset`.
@@ -84,12 +84,7 @@ class EventClient {
 
   bool read_bytes(std::string& bytes, size_t size) {
     bytes.resize(size);
-    for (size_t got = 0; got < size;) {
-      const ssize_t piece = recv(fd.get(), bytes.data() + got, size - got, 0);
-      if (piece <= 0) return false;
-      got += static_cast<size_t>(piece);
-    }
-    return true;
+    return recv(fd.get(), bytes.data(), size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
 
   Descriptor fd{socket(AF_INET, SOCK_STREAM, 0)};

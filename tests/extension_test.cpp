@@ -5,17 +5,16 @@
 
 namespace {
 
-std::string load(const std::string& name) {
-  return "<2> mextension: load " + name.substr(0, 2) + " file[lib" + name + ".so]...";
-}
-
 std::string failure(const std::string& name, const std::string& text) {
   return std::string("<1> mextension: ") + (name[1] == 's' ? "eSource" : "eAction") + "[lib" + name + ".so]: " + text;
 }
 
-// The lines since the last call.
+// The lines since the last call, without those that say what begins.
 Lines new_lines() {
-  const Lines lines = standin::log_lines();
+  Lines lines;
+  for (const std::string& line : standin::log_lines()) {
+    if (line.substr(line.size() - 3) != "...") lines.push_back(line);
+  }
   standin::reset();
   return lines;
 }
@@ -25,61 +24,40 @@ using Extension = PluginHost;
 // The links beside the files are no second plug-ins, and no second chances.
 TEST_F(Extension, WholeLivesInOrder) {
   int age = 0;
-  for (const std::string name : {"es_throws_at_end", "es_plain", "es_plain_link", "es_no_init", "es_no_cleanup",
-                                 "es_refuses_init", "es_throws", "es_throws_link", "es_nowhere", "ea_adds_global",
-                                 "ea_raises_at_end", "ea_refuses_init", "ea_raises", "ea_nowhere"}) {
+  for (const std::string name :
+       {"es_throws_at_end", "es_plain", "es_plain_link", "es_no_init", "es_refuses_init", "es_throws", "es_throws_link",
+        "es_nowhere", "ea_adds_global", "ea_raises_at_end", "ea_raises"}) {
     folder.put("lib" + name + ".so", age += 10);
   }
   extension.load(folder.path.c_str());
-  const std::string not_found = "cannot open shared object file: No such file or directory";
-  const std::string own_exception = "an exception of the plug-in's own";
-  EXPECT_EQ(new_lines(), (Lines{"<2> mextension: load extension files...",
-                                load("es_throws_at_end"),
-                                load("es_plain"),
-                                "<2> es_plain: init",
-                                load("es_plain_link"),
-                                failure("es_plain_link", "already loaded as [libes_plain.so]"),
-                                load("es_no_init"),
-                                failure("es_no_init", "Could not find 'esource_init'"),
-                                load("es_no_cleanup"),
-                                failure("es_no_cleanup", "Could not find 'esource_cleanup'"),
-                                load("es_refuses_init"),
-                                "<2> es_refuses_init: init",
-                                "<2> es_refuses_init: cleanup",
-                                failure("es_refuses_init", "Failed to execute init function with error[-1]"),
-                                load("es_throws"),
-                                "<2> es_throws: cleanup",
-                                failure("es_throws", own_exception),
-                                load("es_throws_link"),
-                                failure("es_throws_link", "already refused as [libes_throws.so]"),
-                                load("es_nowhere"),
-                                "<1> mextension: libes_nowhere.so: " + not_found,
-                                failure("es_nowhere", "Failed to load so eSource file[libes_nowhere.so]"),
-                                load("ea_adds_global"),
-                                "<2> ea_adds_global: init with 0 on the stack",
-                                load("ea_raises_at_end"),
-                                "<2> ea_raises_at_end: init with 0 on the stack",
-                                load("ea_refuses_init"),
-                                "<2> ea_refuses_init: init with 0 on the stack",
-                                "<2> ea_refuses_init: cleanup",
-                                failure("ea_refuses_init", "Failed to execute init function with error[-7]"),
-                                load("ea_raises"),
-                                "<2> ea_raises: init with 0 on the stack",
-                                "<2> ea_raises: cleanup",
-                                failure("ea_raises", "no such thing"),
-                                load("ea_nowhere"),
-                                "<1> mextension: libea_nowhere.so: " + not_found,
-                                failure("ea_nowhere", "failed to load so eAction file")}));
+  EXPECT_EQ(new_lines(),
+            (Lines{
+                "<2> es_plain: init",
+                failure("es_plain_link", "already loaded as [libes_plain.so]"),
+                failure("es_no_init", "Could not find 'esource_init'"),
+                "<2> es_refuses_init: init",
+                "<2> es_refuses_init: cleanup",
+                failure("es_refuses_init", "Failed to execute init function with error[-1]"),
+                failure("es_throws", "unknown error"),
+                failure("es_throws", "an exception of the plug-in's own"),
+                failure("es_throws_link", "already refused as [libes_throws.so]"),
+                "<1> mextension: libes_nowhere.so: cannot open shared object file: No such file or directory",
+                failure("es_nowhere", "Failed to load so eSource file[libes_nowhere.so]"),
+                "<2> ea_adds_global: init with 0 on the stack",
+                "<2> ea_raises_at_end: init with 0 on the stack",
+                "<2> ea_raises: init with 0 on the stack",
+                "<2> ea_raises: cleanup",
+                failure("ea_raises", "no such thing"),
+            }));
   EXPECT_EQ(lua_gettop(script.lua_state), 0);
   // What was registered before a failure can still be called, although the plug-in is closed.
-  run_lua("for _, f in ipairs { 'ea_adds_global', 'ea_refuses_init', 'ea_raises' } do assert(_G[f]() == f) end");
+  run_lua("assert(ea_adds_global() == 'ea_adds_global' and ea_raises() == 'ea_raises')");
   end();
   EXPECT_EQ(new_lines(),
-            (Lines{"<2> mextension: prepare_cleanup", failure("es_throws_at_end", own_exception),
-                   "<2> es_plain: prepare", "<2> ea_adds_global: prepare", "<2> ea_raises_at_end: prepare",
-                   failure("ea_raises_at_end", "cannot prepare"), "<2> mscript: cleanup...", "<2> mextension: cleanup",
-                   "<2> es_throws_at_end: cleanup", failure("es_throws_at_end", "unknown error"),
-                   "<2> es_plain: cleanup", "<2> ea_adds_global: cleanup", "<2> ea_raises_at_end: cleanup"}));
+            (Lines{"<2> mextension: prepare_cleanup", "<2> es_plain: prepare", "<2> ea_adds_global: prepare",
+                   "<2> ea_raises_at_end: prepare", failure("ea_raises_at_end", "cannot prepare"),
+                   "<2> mextension: cleanup", failure("es_throws_at_end", "unknown error"), "<2> es_plain: cleanup",
+                   "<2> ea_adds_global: cleanup", "<2> ea_raises_at_end: cleanup"}));
 }
 
 TEST(Discovery, FindsAllOfOneKindNewestFirst) {

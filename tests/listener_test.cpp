@@ -11,24 +11,11 @@
 #include "device/event_queue.h"
 #include "listener/client_protocol.h"
 #include "listener/manager_listener.h"
-#include "listener/subscription.h"
 #include "tests/event_client.h"
 #include "tests/standin_device.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/text.h"
-
-// What the daemon's next sends fail with, when not 0, after one of `good_bytes`; and how many have failed.
-static std::atomic<int> send_error{0}, good_bytes{0}, sends_failed{0};
-
-// In the place of the system's.
-extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags) {
-  const auto good = send_error == 0 ? size : static_cast<size_t>(good_bytes.exchange(0));
-  if (good > 0) return sendto(fd, bytes, good, flags, nullptr, 0);
-  ++sends_failed;
-  errno = send_error;
-  return -1;
-}
 
 namespace {
 
@@ -89,7 +76,6 @@ class Listener : public testing::Test {
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
     standin::reset();
-    standin::set("listener_port", "0");
     listener = std::make_unique<ManagerListener>();
     ASSERT_EQ(listener->start(), 1);
     port = number_behind("mlistener: listening on port ");
@@ -119,7 +105,6 @@ TEST(ClientProtocol, TheFirstOccurrenceOfANameDecides) {
   for (const char* const asks_not : {"", "doo", "email", "backdoor,door", "email, door", "Door", "doo,r"}) {
     EXPECT_EQ(match_type_string(asks_not, "door"), -1) << asks_not;
   }
-  for (const char* const any : {"", "door"}) EXPECT_EQ(match_type_string(any, ""), 1) << any;
 }
 
 TEST(ClientProtocol, PacketsAreTakenFromTheFront) {
@@ -151,47 +136,18 @@ TEST(ClientProtocol, PacketsAreTakenFromTheFront) {
   }
 }
 
-TEST(ListenerStart, TakesTheDefaultPort) {
-  standin::reset();
-  standin::set("log_level", "2");
-  limit_descriptors(Descriptor(dup(0)).get());  // none more: the port itself is not ours to take
-  EXPECT_EQ(ManagerListener().start(), -1);
-  limit_descriptors(1024);
-  EXPECT_EQ(number_behind("mlistener: Listener listen port : "), 5512);
-}
-
 TEST(WaitBudget, TheWaitsOfAMinuteAddUp) {
   const WaitBudget::Clock::time_point start{1000s};
-  WaitBudget often, seldom;
+  WaitBudget budget;
   for (int i = 0; i < 30; ++i) {
-    EXPECT_TRUE(often.is_left(start + i * 1s)) << i;
-    often.spend(100ms, start + i * 1s);
+    EXPECT_TRUE(budget.is_left(start + i * 1s)) << i;
+    budget.spend(100ms, start + i * 1s);
   }
-  for (const auto later : {29s, 50s, 59s}) EXPECT_FALSE(often.is_left(start + later)) << later.count();
-  EXPECT_TRUE(often.is_left(start + 70s));
-  often.caught_up(start + 70s);
-  EXPECT_FALSE(often.is_left(start + 129s));
-  EXPECT_TRUE(often.is_left(start + 130s));
-  for (int i = 0; i < 300; i += 10) {
-    seldom.spend(400ms, start + i * 1s);
-    EXPECT_TRUE(seldom.is_left(start + i * 1s)) << i;
-  }
-}
-
-TEST(Subscription, IsSearchedOnceForAName) {
-  Subscription asks;
-  std::unique_ptr<char[]> text(strcpy(new char[5], "door"));
-  asks.swap(text);
-  EXPECT_TRUE(asks.asks_for("door", 1));
-  EXPECT_TRUE(asks.asks_for("mail", 1));  // the answer is remembered, and nobody looks
-}
-
-TEST(ListenerClient, ADepartedOneLeavesNoLargeMemoryBehind) {
-  ListenerClient client;
-  client.output.append(std::string(1 << 20, '.').data(), 1 << 20);
-  client.close();
-  EXPECT_LT(client.output.memory(), 70000u);
-  EXPECT_TRUE(client.output.empty());
+  for (const auto later : {29s, 50s, 59s}) EXPECT_FALSE(budget.is_left(start + later)) << later.count();
+  EXPECT_TRUE(budget.is_left(start + 70s));
+  budget.caught_up(start + 70s);
+  EXPECT_FALSE(budget.is_left(start + 129s));
+  EXPECT_TRUE(budget.is_left(start + 130s));
 }
 
 TEST_F(Listener, EventPacketsArriveByteForByte) {
@@ -211,23 +167,17 @@ TEST_F(Listener, EventPacketsArriveByteForByte) {
 
 TEST_F(Listener, SubscriptionsComeInAnyPieces) {
   EventClient client(port);
-  ASSERT_TRUE(standin::wait_for_line("new client"));
-  Lines lines = standin::log_lines();
-  const auto expect = [&](const std::string& bytes, const Lines& more) {
-    client.send_bytes(bytes);
-    lines.insert(lines.end(), more.begin(), more.end());
-    EXPECT_TRUE(standin::wait_for_line("", lines.size()));
-    EXPECT_EQ(standin::log_lines(), lines);
-  };
-  const std::string got = "<4> mlistener: recv packet : ";
+  const std::string mail = subscription("mail"), much(5000, 'n');
+  client.send_bytes(subscription("door") + mail.substr(0, 5));
+  ASSERT_TRUE(standin::wait_for_line("set as [door]"));
+  client.send_bytes(mail.substr(5) + subscription("broken").substr(0, 14) + "!" + subscription("dropped"));
+  ASSERT_TRUE(standin::wait_for_line("broken packet"));
+  client.send_bytes(integer(-7) + "rubbish");
+  ASSERT_TRUE(standin::wait_for_line("broken packet", 2));
+  client.send_bytes(subscription(much));
+  EXPECT_TRUE(standin::wait_for_line("[" + much + "]"));
   const std::string set_as = "<2> mlistener: type string is set as [";
-  const std::string broken = "<1> mlistener: broken packet is recevied";
-  const std::string much(5000, 'n');
-  expect(subscription("door") + subscription("mail").substr(0, 5), {got + "13 bytes", set_as + "door]"});
-  expect(subscription("mail").substr(5) + subscription("broken").substr(0, 14) + "!" + subscription("dropped"),
-         {got + "13 bytes", set_as + "mail]", got + "15 bytes", broken});
-  expect(integer(-7) + "rubbish", {broken});
-  expect(subscription(much), {got + "5009 bytes", set_as + much + "]"});
+  EXPECT_EQ(standin::log_lines_with("set as"), (Lines{set_as + "door]", set_as + "mail]", set_as + much + "]"}));
 }
 
 TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
@@ -255,7 +205,6 @@ TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
 
 TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   const auto first = subscribed("door");
-  EXPECT_EQ(number_behind(" - tot:"), g_accepted_total - 1);
   first->send_bytes(subscription("half a packet").substr(0, 15));
   first->leave();
   ASSERT_TRUE(standin::wait_for_line(sstr("mlistener: delete client : %d", number_behind("new client : "))));
@@ -277,32 +226,11 @@ TEST_F(Listener, MoreNamesThanAreRememberedMatchAllTheSame) {
   EXPECT_EQ(client->read_info(), "88");
 }
 
-TEST_F(Listener, AFailedSendIsSaidOnce) {
-  const auto client = subscribed("door");
-  const auto fail = [](int error, int bytes_before) {
-    good_bytes = bytes_before;
-    sends_failed = 0;
-    send_error = error;
-    for (const char mark : {'a', 'b', 'c'}) forward("door", std::string(40000, mark));
-    send_error = 0;
-  };
-  fail(ENOBUFS, 7);
-  ASSERT_TRUE(standin::wait_for_line("reads again, 2 events skipped"));
-  forward("door", "over");
-  EXPECT_EQ(client->read_info(), std::string(40000, 'a'));  // none of its bytes is missing
-  EXPECT_EQ(client->read_info(), "over");
-  fail(ECONNRESET, 0);
-  EXPECT_EQ(sends_failed, 1);
-  EXPECT_TRUE(client->ended());
-  EXPECT_EQ(standin::log_lines_with("failed to send data").size(), 2u);
-}
-
 TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const auto reader = subscribed("door,reader");
   std::future<int> read = count_events(*reader);
   const auto stalled = subscribed("door,over,stalled", 4096);
   const auto slow = subscribed("door,slow", 4096);
-  const int slow_number = number_behind("new client : ");
   const auto leaving = subscribed("door,leaving", 4096);
   std::atomic<bool> over{false};
   std::future<void> slow_read = std::async(std::launch::async, [&] {
@@ -322,7 +250,6 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   ASSERT_LT(until_skipped.ms(), 8000);  // some three seconds of waiting for the two, and for the slow one
   EXPECT_LT(ms_of_300(), 2000);         // and none any more
   const Lines stops = standin::log_lines_with(stop);
-  EXPECT_NE(stops[1].find(sstr("client %d (127.0.0.1:", slow_number)), std::string::npos) << stops[1];
   EXPECT_NE(stops[1].find(stop + " (and 1 more)"), std::string::npos) << stops[1];
 
   // Two go: the next client, with the record of the last one, is owed nothing. The third reads on: whole packets, in

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -17,12 +17,8 @@
 
 using Lines = std::vector<std::string>;
 
-class PluginFolder {
- public:
-  PluginFolder() {
-    char name[] = "/tmp/zelvind-plugins-XXXXXX";
-    path = mkdtemp(name);
-  }
+struct PluginFolder {
+  PluginFolder() { std::filesystem::create_directory(path); }
   ~PluginFolder() { std::filesystem::remove_all(path); }
 
   // A file that was changed `age` seconds ago.
@@ -31,9 +27,7 @@ class PluginFolder {
     std::filesystem::last_write_time(path / name, now - std::chrono::seconds(age));
   }
 
-  std::filesystem::path path;
-
- private:
+  const std::filesystem::path path = "/tmp/zelvind-plugins-" + std::to_string(getpid());
   const std::filesystem::file_time_type now = std::filesystem::file_time_type::clock::now();
 };
 

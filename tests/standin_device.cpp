@@ -4,10 +4,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
-#include <map>
 #include <memory>
 #include <mutex>
 
@@ -23,10 +20,9 @@ struct Event : event_item {
 };
 
 struct Device {
-  std::map<std::string, std::string> settings;
   std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
-  int refusals = 0, arranged = 0, handles = 0;
+  int refusals = 0, arranged = 0;
 };
 
 // The device, locked as long as this lives; without a name, until the statement ends.
@@ -75,39 +71,15 @@ bool wait_for_line(const std::string& part, size_t count) {
 
 // clang-format off
 void reset() { *Locked().device = Device(); }
-void set(const std::string& key, const std::string& value) { Locked()->settings[key] = value; }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }
 std::vector<std::string> log_lines_with(const std::string& part) { return Locked().lines_with(part); }
 int arrange_calls() { return Locked()->arranged; }
-int handles_open() { return Locked()->handles; }
 // clang-format on
 
 }  // namespace standin
 
 extern "C" {
-
-econf_handle* econf_open(int, const char*, const char*) {
-  const Locked device;
-  if (device->settings.empty()) return nullptr;
-  ++device->handles;
-  return reinterpret_cast<econf_handle*>(Locked::device);
-}
-
-int econf_get_str(econf_handle*, const char* key, char* buffer, int size) {
-  const Locked device;
-  const auto found = device->settings.find(key);
-  if (found == device->settings.end() || found->second.size() >= static_cast<size_t>(size)) return -1;
-  strcpy(buffer, found->second.c_str());
-  return 0;
-}
-
-int econf_get_int(econf_handle* handle, const char* key, int* value) {
-  char text[64];
-  if (econf_get_str(handle, key, text, sizeof(text)) != 0) return -1;
-  *value = atoi(text);
-  return 0;
-}
 
 void elog(int level, const char* format, ...) {
   char text[16384];
@@ -142,7 +114,10 @@ int event_post(int type, const char* type_name, const char* info) {
 int event_pending() { return static_cast<int>(Locked()->queue.size()); }
 void event_item_free(event_item* item) { delete static_cast<Event*>(item); }
 void event_arrange() { ++Locked()->arranged; }
-void econf_close(econf_handle*) { --Locked()->handles; }
+econf_handle* econf_open(int, const char*, const char*) { return reinterpret_cast<econf_handle*>(Locked::device); }
+int econf_get_int(econf_handle*, const char*, int* value) { return *value = 0; }
+int econf_get_str(econf_handle*, const char*, char*, int) { return -1; }
+void econf_close(econf_handle*) {}
 int econf_init(lua_State*) { return 1; }
 void econf_cleanup() {}
 int helper_init(lua_State*) { return 1; }

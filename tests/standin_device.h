@@ -1,5 +1,5 @@
-// A device made for tests, linked behind the headers of device/: events from a vector, settings from a map, log lines
-// into a vector. Everything may be called from any thread.
+// A device made for tests, linked behind the headers of device/: events from a queue, log lines into a vector, and a
+// store in which every number is 0. Everything may be called from any thread.
 #pragma once
 
 #include <string>
@@ -7,11 +7,8 @@
 
 namespace standin {
 
-// Forgets events, settings and log lines.
+// Forgets events and log lines.
 void reset();
-
-// The store file "zelvind.info" with one key more; without any the file does not exist.
-void set(const std::string& key, const std::string& value);
 
 // Adds an event at the end of the queue.
 void post(int type, const std::string& type_name, const std::string& info);
@@ -30,8 +27,5 @@ bool wait_for_line(const std::string& part, size_t count = 1);
 
 // Calls of event_arrange since reset.
 int arrange_calls();
-
-// Store handles opened and not yet closed.
-int handles_open();
 
 }  // namespace standin

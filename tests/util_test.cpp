@@ -14,15 +14,11 @@ const struct {
   const char* value;
 } kFieldCases[] = {
     {"cmd=type&test=33&data=aaa", "data=", 3, 25, "aaa"},
-    {"cmd=type&test=33&data=aaa", "data=", 2, -2, ""},
     {"a=1&a=2", "a=", 63, 3, "1"},      // the first wins
     {"a=long&a=2", "a=", 1, -2, ""},    // also when it is too long
     {"x=a=b&y=1", "x=", 63, 5, "a=b"},  // "=" inside a value
     {"&&a=1", "a=", 63, 5, "1"},        // empty items
-    {"b=1&", "a=", 63, -1, ""},         // ends in "&"
     {"a", "a=", 63, -1, ""},            // key longer than the item
-    {"a=1&b=2", "a=1&b=", 63, -1, ""},  // "&" in the key
-    {"first&b=2", "", 63, 5, "first"},  // empty key
 };
 
 TEST(QueryField, FirstMatchingItemDecides) {
@@ -44,9 +40,7 @@ TEST(EventLine, GoodAndBadLines) {
       {"1 " + name_127 + "n", "the name is longer than 127 bytes"},
       {"", "the line is empty"},
       {"7", "the name is missing"},
-      {"7  x", "the name is missing"},
       {"+1 door", "the type is no whole number"},
-      {"1.5 door", "the type is no whole number"},
       {"2147483648 door", "the type is out of range"},
       {"1 do\tor", "the name holds a blank or a control character"},
       {std::string("1 door a\0b", 10), "the line holds a zero byte"},
@@ -62,19 +56,9 @@ TEST(EventLine, GoodAndBadLines) {
   }
 }
 
-TEST(Text, CharIndexUsesTheLowByte) {
-  EXPECT_EQ(char_index("abc", 256 + 'c'), 2);
-  for (const int absent : {int{'z'}, 0}) EXPECT_EQ(char_index("abc", absent), 3) << absent;
-}
-
-TEST(Text, FormattedTextIsCutAt2047) {
-  EXPECT_EQ(sstr("%s", std::string(5000, 'x').c_str()).size(), 2047u);
-}
-
 TEST(Clock, WrapsInThirtyTwoBits) {
   EXPECT_EQ(clock_ms(1000000000, 500000), -727379468);
   EXPECT_EQ(ms_between(INT_MAX, INT_MIN), 1);
-  EXPECT_EQ(ms_between(5, -5), -10);
 }
 
 }  // namespace

@@ -1,18 +1,16 @@
 /* A plug-in that says in the log what is called. One file for all that behave in C: definitions set its NAME, its kind
- * (SOURCE, or else an eAction), the INIT_RESULT, and what it lacks (NO_INIT, NO_CLEANUP) or does (RAISES,
- * RAISES_AT_END). */
+ * (SOURCE, or else an eAction), what it lacks (NO_INIT) and does (REFUSES, RAISES, RAISES_AT_END). */
 #include <zelvind/plugin.h>
-
-#ifndef INIT_RESULT
-#define INIT_RESULT 0
-#endif
 
 #ifdef SOURCE
 #define ENTRY(what) esource_##what
 #ifndef NO_INIT
 int esource_init(void) {
   elog(2, "%s: init", NAME);
-  return INIT_RESULT;
+#ifdef REFUSES
+  return -1;
+#endif
+  return 0;
 }
 #endif
 
@@ -36,7 +34,7 @@ int eaction_init(lua_State* L) {
 #ifdef RAISES
   return luaL_error(L, "no such thing");
 #endif
-  return INIT_RESULT;
+  return 0;
 }
 #endif
 
@@ -49,8 +47,6 @@ void ENTRY(prepare_cleanup)(void) {
 #endif
 }
 
-#ifndef NO_CLEANUP
 void ENTRY(cleanup)(void) {
   elog(2, "%s: cleanup", NAME);
 }
-#endif
