@@ -15,12 +15,12 @@
 #include "ctl/failure.h"
 #include "device/config_store.h"
 #include "device/log.h"
+#include "listener/client_protocol.h"
 #include "util/descriptor.h"
 #include "util/text.h"
 
 namespace {
 
-constexpr int kDefaultPort = 5512;
 constexpr int kSendLimitS = 10;
 constexpr size_t kReceiveSize = 64 * 1024;
 
@@ -99,7 +99,7 @@ void write_event(FILE* out, const std::string& line) {
 
 int configured_port() {
   elog_set_level("zelvctl", 0);  // complaints about the file are the daemon's to make
-  int port = kDefaultPort;
+  int port = kDefaultListenerPort;
   if (econf_handle* store = econf_open(0, "zelvind.info", "/opt/flash/mtd4-cfg")) {
     econf_get_int(store, "listener_port", &port);
     econf_close(store);

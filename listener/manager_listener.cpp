@@ -6,6 +6,7 @@
 
 #include "app/conf_file.h"
 #include "device/log.h"
+#include "listener/client_protocol.h"
 #include "util/service_thread.h"
 #include "util/socket.h"
 
@@ -14,7 +15,6 @@ int g_accepted_total = 0;
 
 namespace {
 
-constexpr int kDefaultPort = 5512;
 int bound_port(int fd) {
   sockaddr_in address{};
   socklen_t size = sizeof(address);
@@ -24,7 +24,7 @@ int bound_port(int fd) {
 
 }  // namespace
 
-ManagerListener::ManagerListener() : port(ConfFile().get_int("listener_port", kDefaultPort)) {
+ManagerListener::ManagerListener() : port(ConfFile().get_int("listener_port", kDefaultListenerPort)) {
   // Room for all that there can ever be: moving a record from list to list never fails.
   clients.reserve(kClientMax);
   free_clients.reserve(kClientMax);

@@ -89,6 +89,7 @@ TEST(Fault, OfACallAtTheStart) {
 TEST(Fault, OfACallWhileItRuns) {
   const Case cases[] = {
       {"send", ECONNRESET, 0, 1, "mlistener: failed to send data", kAll},
+      {"send", ENOBUFS, 0, 5, "mlistener: failed to send data", kAll},
       {"send", EINTR, 0, 5, "", kAll},
       {"send", EAGAIN, 0, 100000000, "stopped reading, its events are skipped", kAll},
       {"recv", EIO, 0, 5, "", kAll},
