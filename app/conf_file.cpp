@@ -32,7 +32,7 @@ int ConfFile::get_int(const char* key, int otherwise) try {
 }
 
 std::string ConfFile::get_str(const char* key, const std::string& otherwise) try {
-  char value[10240] = "";
+  char value[kSettingMax + 1] = "";
   return econf_get_str(handle, key, value, sizeof(value)) < 0 ? otherwise : std::string(value);
 } catch (const std::exception&) {
   return otherwise;

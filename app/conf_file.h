@@ -4,6 +4,7 @@
 #include <string>
 
 constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // where the embedded store has it
+constexpr int kSettingMax = 10239;                                    // bytes of a text; a longer one is not used
 
 struct econf_handle;
 

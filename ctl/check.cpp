@@ -115,7 +115,7 @@ std::vector<std::string> compile_configured(const ScriptFolders& folders, Findin
   compiler.compile(base_script("server_event.lua", folders.script, folders.external));
   if (!folders.external.empty()) {
     const std::string reason = why_no_folder(folders.external);
-    if (!reason.empty()) findings.warn(folders.external, reason);
+    if (!reason.empty()) findings.warn(folders.external, "external_path: " + reason);
   }
   if (const std::string reason = why_no_folder(folders.script); !reason.empty()) {
     findings.fault(folders.script + ": " + reason);
@@ -136,7 +136,11 @@ void check_settings(const std::string& path, Findings& findings) {
   if (settings.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", settings.more_complaints));
   const std::set<std::string> known = {"log_level", "script_path", "external_path", "dll_path", "listener_port"};
   for (const auto& [key, value] : settings.values) {
+    const bool is_number = key == "log_level" || key == "listener_port";
+    int number = 0;
     if (known.count(key) == 0) findings.warn(path, "the daemon knows no key '" + key + "'");
+    if (is_number && !parse_store_int(value, number)) findings.warn(path, key + " is no number: it is not used");
+    if (value.size() > kSettingMax) findings.warn(path, key + " is too long: it is not used");
   }
 }
 

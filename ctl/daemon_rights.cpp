@@ -27,6 +27,7 @@ Rights rights_of(pid_t daemon) {
   std::ifstream status("/proc/" + std::to_string(daemon) + "/status");
   if (!status) fail(daemon, errno);
   Rights rights;
+  bool is_whole = false;
   for (std::string line; std::getline(status, line);) {
     std::istringstream words(line);
     std::string key;
@@ -35,8 +36,10 @@ Rights rights_of(pid_t daemon) {
     if (key == "Uid:") words >> real >> rights.user;
     if (key == "Gid:") words >> real >> rights.group;
     if (key != "Groups:") continue;
+    is_whole = true;
     for (gid_t group; words >> group;) rights.groups.push_back(group);
   }
+  if (!is_whole) fail(daemon, ESRCH);
   return rights;
 }
 
@@ -52,12 +55,17 @@ DaemonRights::DaemonRights(pid_t daemon) : group(getegid()) {
   taken = true;
   if (setgroups(theirs.groups.size(), theirs.groups.data()) != 0 || setresgid(theirs.group, theirs.group, group) != 0 ||
       setresuid(theirs.user, theirs.user, 0) != 0) {
-    fail(daemon, errno);
+    const int error = errno;
+    give_back();
+    fail(daemon, error);
   }
 }
 
 DaemonRights::~DaemonRights() {
-  if (!taken) return;
+  if (taken) give_back();
+}
+
+void DaemonRights::give_back() const {
   // What would be left is neither root nor the daemon's user.
   if (setresuid(0, 0, 0) != 0 || setresgid(group, group, group) != 0 || setgroups(groups.size(), groups.data()) != 0) {
     abort();

@@ -16,6 +16,8 @@ class DaemonRights {
   ~DaemonRights();
 
  private:
+  void give_back() const;
+
   bool taken = false;
   gid_t group;  // ours, as are these
   std::vector<gid_t> groups;

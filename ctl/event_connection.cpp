@@ -89,7 +89,7 @@ void EventConnection::wait_for(short events, bool enough_when_read) const {
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
       if (now_untaken > 0) fail("the daemon has taken in nothing for " + limit_text());
       fail("the daemon has read everything and been busy for " + limit_text() +
-           " since; it handles the events later, so to send them again doubles them");
+           " since; it may handle the events later, and to send them again may double them");
     }
   }
 }

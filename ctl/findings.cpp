@@ -3,6 +3,12 @@
 #include "util/safe_text.h"
 #include "util/text.h"
 
+namespace {
+
+constexpr char kNotLookedFor[] = "globals that nothing defines were not looked for";
+
+}  // namespace
+
 void Findings::fault(const std::string& text) {
   fprintf(out, "%s\n", escaped(text).c_str());
   ++faults;
@@ -19,9 +25,13 @@ std::string Findings::text() const {
   return text + (text.empty() ? "" : ", ") + counted(warnings, "warning");
 }
 
+void Findings::set_unlooked(const std::string& reason) {
+  if (strict) return warn(reason, kNotLookedFor);
+  unlooked = reason;
+}
+
 void Findings::tell_unlooked() const {
-  if (unlooked.empty()) return;
-  fprintf(out, "%s: globals that nothing defines were not looked for\n", unlooked.c_str());
+  if (!unlooked.empty()) fprintf(out, "%s: %s\n", unlooked.c_str(), kNotLookedFor);
 }
 
 std::string counted(int number, const char* thing) {

@@ -23,14 +23,16 @@ class Findings {
 
   bool has_faults() const { return faults > 0; }
 
-  // Writes a line when nobody looked for globals that nothing defines.
-  void tell_unlooked() const;
+  // Nobody looked for globals that nothing defines, for this reason: a warning where those count.
+  void set_unlooked(const std::string& reason);
 
-  std::string unlooked;  // why nobody did; empty when somebody did
+  // Writes a line when nobody looked and no warning has said so.
+  void tell_unlooked() const;
 
  private:
   FILE* const out;
   const bool strict;
+  std::string unlooked;
   int faults = 0;
   int warnings = 0;
 };

@@ -89,11 +89,13 @@ void warn_of_unknown_globals(const std::vector<std::string>& scripts, const std:
   arguments.insert(arguments.end(), declarations.begin(), declarations.end());
   Descriptor output;
   const pid_t process = start_program(arguments, output);
-  findings.unlooked = process == 0 ? "luacheck is not at hand" : "";
-  if (process == 0) return;
+  if (process == 0) return findings.set_unlooked("luacheck is not at hand");
   const std::unique_ptr<FILE, int (*)(FILE*)> lines(fdopen(output.release(), "r"), fclose);
   if (lines != nullptr) add_findings(lines.get(), findings);
   int status = 0;
   waitpid(process, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) > 2) {
+    findings.set_unlooked(sstr("luacheck has ended with status %d", WEXITSTATUS(status)));
+  }
   if (WIFSIGNALED(status)) findings.warn("luacheck", sstr("ended by signal %d", WTERMSIG(status)));
 }

@@ -41,16 +41,13 @@ void check_first(const RunningDaemon& daemon, const ReloadRequest& request, FILE
   const std::string settings = request.root + kSettingsPath;
   Findings findings(out, request.strict);
   if (daemon.is_older_than(settings)) {
-    findings.warn(settings,
-                  "newer than the daemon, which goes by the settings as they were when it started; "
-                  "the check goes by the new ones");
+    findings.fault(settings + ": changed since the daemon started, which goes by what was there then: restart it");
   }
   {
     const DaemonRights rights(daemon.process());
     check_scripts(configured_folders(request.root, folder), findings);
   }
   if (!findings.passed()) fail("not reloaded: " + findings.text());
-  if (request.strict) findings.tell_unlooked();
 }
 
 // A reload that is already going on may have read the scripts before they were changed: then the next one counts.

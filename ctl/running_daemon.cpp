@@ -14,6 +14,7 @@
 #include "ctl/failure.h"
 #include "device/event_source.h"
 #include "device/service.h"
+#include "util/text.h"
 
 namespace {
 
@@ -39,6 +40,10 @@ bool has_open(pid_t pid, const std::string& path) {
   if (stat(path.c_str(), &wanted) != 0) return false;
   const std::string folder = proc_path(pid, "fd");
   const std::unique_ptr<DIR, int (*)(DIR*)> descriptors(opendir(folder.c_str()), closedir);
+  if (descriptors == nullptr && errno == EACCES) {
+    fail(sstr("cannot look at process %d, whose id is in %s: %s; this needs root with CAP_SYS_PTRACE, or its user", pid,
+              path.c_str(), error_text(EACCES).c_str()));
+  }
   if (descriptors == nullptr) return false;
   while (const dirent* entry = readdir(descriptors.get())) {
     struct stat status {};
@@ -129,7 +134,7 @@ bool RunningDaemon::is_older_than(const std::string& file) const {
   constexpr double kTick = 0.02;  // s; what is written just before the start must not pass for newer
   struct stat status {};
   const double start = start_of(pid);
-  return start > 0 && stat(file.c_str(), &status) == 0 && seconds_of(status.st_mtim) > start + kTick;
+  return start > 0 && stat(file.c_str(), &status) == 0 && seconds_of(status.st_ctim) > start + kTick;
 }
 
 bool RunningDaemon::is_alive() const {

@@ -8,10 +8,12 @@
 
 #include "ctl/failure.h"
 #include "script/script_list.h"
+#include "util/clock.h"
 
 namespace {
 
-constexpr int kMomentMs = 100;
+constexpr int kMomentMs = 100;   // of rest, after which a row of changes is over
+constexpr int kSettleMs = 2000;  // after which it counts as over
 constexpr uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr uint32_t kGone = IN_DELETE_SELF | IN_MOVE_SELF;
 
@@ -59,12 +61,14 @@ std::string ScriptWatch::text() const {
 
 bool ScriptWatch::wait_for_change(int limit_ms) {
   pollfd notice{notices.get(), POLLIN, 0};
-  for (bool changed = false; !changed;) {
-    const int ready = poll(&notice, 1, limit_ms);
-    if (ready == 0) return add_missing();
-    changed = ready > 0 && read_changes();
+  const int64_t end = steady_ms() + limit_ms;
+  bool changed = false;
+  for (int64_t left = limit_ms; !changed && left > 0; left = end - steady_ms()) {
+    changed = poll(&notice, 1, static_cast<int>(left)) > 0 && read_changes();
   }
-  while (poll(&notice, 1, kMomentMs) != 0) read_changes();
+  if (!changed) return add_missing();
+  const int64_t settled = steady_ms() + kSettleMs;
+  while (steady_ms() < settled && poll(&notice, 1, kMomentMs) > 0) read_changes();
   return true;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "device/log.h"
+#include "script/script_stop.h"
 #include "util/lua_binding.h"
 
 namespace {
@@ -104,6 +105,7 @@ int sleep_ms(lua_State* L) {
   if (duration < 0 || duration > kLongestSleepMs) throw ArgumentError(1, "0 to 2147483 ms expected");
   elog(2, "lua: sleep(%d)\n", duration);
   usleep(static_cast<useconds_t>(duration) * 1000);
+  ScriptStop::check(L);
   if (lua_gettop(L) == 0) lua_pushnil(L);
   return 1;
 }

@@ -6,19 +6,24 @@
 
 namespace {
 
-// Between two looks. A look costs a few ns: at this distance it does not show. A loop whose every round waits in C,
-// such as one around sleep(), has four instructions a round and is stopped within a dozen rounds.
+// Between two looks. A look costs a few ns: at this distance it does not show. A loop whose every round waits in C
+// has few instructions a round: sleep() looks by itself.
 constexpr int kInstructions = 50;
 
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: whoever catches one to report it has this long.
-constexpr int kRespiteMs = 50;
+// Between two errors: whoever catches one to report it has this long, and what the pass has still to run.
+constexpr int kRespiteMs = 500;
 
 }  // namespace
 
 void ScriptStop::watch(lua_State* L) {
   lua_sethook(L, look, LUA_MASKCOUNT, kInstructions);
+}
+
+void ScriptStop::check(lua_State* L) {
+  lua_Debug caller{};
+  if (lua_getstack(L, 1, &caller) == 1) look(L, &caller);
 }
 
 void ScriptStop::raise_after(int patience) {

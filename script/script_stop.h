@@ -19,6 +19,9 @@ class ScriptStop {
   // Sets the hook in a fresh state. Only the thread that has the state; g_mscript must own this object.
   static void watch(lua_State* L);
 
+  // Looks at once, where a script has waited in C. May raise the error, which ends the caller. Only where scripts run.
+  static void check(lua_State* L);
+
   // Scripts that run `patience` ms from now, or later, meet the error. Main thread, as all that follows.
   void raise_after(int patience);
 

@@ -152,8 +152,8 @@ TEST(EventConnection, SaysHowTheDaemonFailed) {
   const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
       {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
       {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
-      {"1 the daemon has read everything and been busy for 0.4 s since; it handles the events later, so to send them "
-       "again doubles them",
+      {"1 the daemon has read everything and been busy for 0.4 s since; it may handle the events later, and to send "
+       "them again may double them",
        [](Connection& c, Descriptor& d) {
          c.send("1 a\n"), recv(d.get(), std::array<char, 8>().data(), 8, 0), c.finish(false);
        }},

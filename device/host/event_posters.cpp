@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kAcceptRetryMs = 300;
 constexpr int kSocketRetryMs = 1000;
+constexpr int kSocketPatienceMs = 60000;
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -44,15 +45,18 @@ bool EventPosters::open(int wake_fd) {
     return false;
   }
   dropped = 0;
+  socket_not_before = 0;
+  socket_not_after = steady_ms() + kSocketPatienceMs;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
   open_socket();
   return true;
 }
 
-// Who has the socket may be about to end, and what is in its way may be mended: so it is tried for again and again.
+// Who has the socket may be about to end, so it is tried for again; but not for ever: when the daemon that should have
+// it is restarted later on, a stray one must not step in.
 void EventPosters::open_socket() {
   const int64_t now = steady_ms();
-  if (now < socket_not_before) return;
+  if (now < socket_not_before || now > socket_not_after) return;
   socket_not_before = now + kSocketRetryMs;
   listening = socket.open();
   if (listening < 0 || watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) return;
@@ -67,7 +71,6 @@ void EventPosters::close() {
   }
   socket.close();
   listening = -1;
-  socket_not_before = 0;
   epoll.reset();
   someone_waits = false;
   ready_count = next_ready = 0;

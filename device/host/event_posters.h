@@ -78,6 +78,7 @@ class EventPosters {
   Descriptor epoll;
   int listening = -1;             // owned by `socket`; -1: there is none
   int64_t socket_not_before = 0;  // steady_ms; when to try for one again
+  int64_t socket_not_after = 0;
   bool someone_waits = false;     // somebody may be waiting to be accepted
   int64_t accept_not_before = 0;  // steady_ms; after descriptors ran out
   Poster posters[kPostersMax];
