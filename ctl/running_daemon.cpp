@@ -35,20 +35,22 @@ std::string proc_path(pid_t pid, const char* entry) {
   return "/proc/" + std::to_string(pid) + "/" + entry;
 }
 
+// Fails when the system does not let us look.
 bool has_open(pid_t pid, const std::string& path) {
   struct stat wanted {};
   if (stat(path.c_str(), &wanted) != 0) return false;
   const std::string folder = proc_path(pid, "fd");
   const std::unique_ptr<DIR, int (*)(DIR*)> descriptors(opendir(folder.c_str()), closedir);
-  if (descriptors == nullptr && errno == EACCES) {
-    fail(sstr("cannot look at process %d, whose id is in %s: %s; this needs root with CAP_SYS_PTRACE, or its user", pid,
-              path.c_str(), error_text(EACCES).c_str()));
-  }
-  if (descriptors == nullptr) return false;
-  while (const dirent* entry = readdir(descriptors.get())) {
+  bool is_hidden = descriptors == nullptr && errno == EACCES;
+  while (const dirent* entry = descriptors == nullptr ? nullptr : readdir(descriptors.get())) {
     struct stat status {};
     const bool known = stat((folder + "/" + entry->d_name).c_str(), &status) == 0;
     if (known && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) return true;
+    is_hidden |= !known && errno == EACCES;
+  }
+  if (is_hidden) {
+    fail(sstr("cannot look at process %d, whose id is in %s: %s; this needs its user, or root with CAP_SYS_PTRACE", pid,
+              path.c_str(), error_text(EACCES).c_str()));
   }
   return false;
 }
