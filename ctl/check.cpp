@@ -67,7 +67,7 @@ bool is_folder(const std::string& path) {
 class Compiler {
  public:
   explicit Compiler(Findings& results) : findings(results), state(luaL_newstate(), lua_close) {
-    if (state == nullptr) throw Failure(Exit::unreachable, "no memory for Lua");
+    if (state == nullptr) fail("no memory for Lua");
   }
 
   void compile(const std::string& path) {
@@ -187,7 +187,7 @@ ScriptFolders configured_folders(const std::string& root, const std::string& dae
             from_root(conf.get_str("external_path", "")), from_root(conf.get_str("dll_path", "/usr/lib"))};
   } catch (const except_conf&) {
     const std::string reason = why_no_file(settings);
-    throw Failure(Exit::unreachable, settings + ": " + (reason.empty() ? "cannot be read as settings" : reason));
+    fail(settings + ": " + (reason.empty() ? "cannot be read as settings" : reason));
   }
 }
 
@@ -215,7 +215,7 @@ void check(const std::string& root, const std::vector<std::string>& dirs, bool s
     checked = scripts_in(good.size(), dirs);
   }
   const std::string unlooked = findings.has_faults() ? "; globals that nothing defines were not looked for" : "";
-  if (!findings.passed()) throw Failure(Exit::unreachable, findings.text() + unlooked);
+  if (!findings.passed()) fail(findings.text() + unlooked);
   const std::string warnings = findings.text().empty() ? "" : ", " + findings.text();
   fprintf(out, "%s, no fault%s\n", escaped(checked).c_str(), warnings.c_str());
   findings.tell_unlooked();

@@ -30,7 +30,7 @@ void check_name(const std::string& name) {
 }
 
 [[noreturn]] void refuse_packet(const std::string& why) {
-  throw Failure(Exit::unreachable, "what came is no event packet: " + why);
+  fail("what came is no event packet: " + why);
 }
 
 }  // namespace
@@ -67,5 +67,5 @@ std::optional<ReceivedEvent> first_packet(std::string_view bytes) {
   if (texts.find('\0', name_end + 1) != texts.size() - 1) refuse_packet("its info does not end where the packet does");
   const std::string_view info = texts.substr(name_end + 1, texts.size() - name_end - 2);
   return ReceivedEvent{size, static_cast<int32_t>(integer_at(bytes, 4)), static_cast<int32_t>(integer_at(bytes, 8)),
-                     texts.substr(0, name_end), info};
+                       texts.substr(0, name_end), info};
 }

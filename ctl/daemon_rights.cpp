@@ -17,15 +17,14 @@ struct Rights {
   std::vector<gid_t> groups;
 };
 
-[[noreturn]] void fail(pid_t daemon, int error) {
-  throw Failure(Exit::unreachable,
-                "cannot take the rights of the daemon (process " + std::to_string(daemon) + "): " + error_text(error));
+[[noreturn]] void refuse_rights(pid_t daemon, int error) {
+  fail("cannot take the rights of the daemon (process " + std::to_string(daemon) + "): " + error_text(error));
 }
 
 // Lines "Uid: REAL EFFECTIVE ...", "Gid:" alike, "Groups: GROUP...".
 Rights rights_of(pid_t daemon) {
   std::ifstream status("/proc/" + std::to_string(daemon) + "/status");
-  if (!status) fail(daemon, errno);
+  if (!status) refuse_rights(daemon, errno);
   Rights rights;
   bool is_whole = false;
   for (std::string line; std::getline(status, line);) {
@@ -39,7 +38,7 @@ Rights rights_of(pid_t daemon) {
     is_whole = true;
     for (gid_t group; words >> group;) rights.groups.push_back(group);
   }
-  if (!is_whole) fail(daemon, ESRCH);
+  if (!is_whole) refuse_rights(daemon, ESRCH);
   return rights;
 }
 
@@ -51,13 +50,13 @@ DaemonRights::DaemonRights(pid_t daemon) : group(getegid()) {
   const Rights theirs = rights_of(daemon);
   if (theirs.user == 0) return;
   groups.resize(static_cast<size_t>(getgroups(0, nullptr)));
-  if (getgroups(static_cast<int>(groups.size()), groups.data()) < 0) fail(daemon, errno);
+  if (getgroups(static_cast<int>(groups.size()), groups.data()) < 0) refuse_rights(daemon, errno);
   taken = true;
   if (setgroups(theirs.groups.size(), theirs.groups.data()) != 0 || setresgid(theirs.group, theirs.group, group) != 0 ||
       setresuid(theirs.user, theirs.user, 0) != 0) {
     const int error = errno;
     give_back();
-    fail(daemon, error);
+    refuse_rights(daemon, error);
   }
 }
 

@@ -13,14 +13,6 @@
 #include "util/text.h"
 #include "util/unix_socket.h"
 
-namespace {
-
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
-}  // namespace
-
 EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
   if (socket.get() < 0) fail("cannot make a socket: " + error_text(errno));
   // Bounds the connect alone, which waits while too many others stand in line; sends below never block.

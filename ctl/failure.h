@@ -7,9 +7,10 @@
 
 enum class Exit {
   done = 0,
-  unreachable =
-      1,      // the daemon could not be reached or went away, the output could not be written, scripts have faults
-  usage = 2,  // wrong arguments, or input that is no event
+  // The daemon could not be reached or went away, the output could not be written, scripts have faults.
+  unreachable = 1,
+  // Wrong arguments, or input that is no event.
+  usage = 2,
 };
 
 // Thrown where the failure is noticed; main writes the sentence and ends the program.
@@ -19,6 +20,11 @@ class Failure : public std::runtime_error {
 
   const Exit status;
 };
+
+// Fails with Exit::unreachable.
+[[noreturn]] inline void fail(const std::string& sentence) {
+  throw Failure(Exit::unreachable, sentence);
+}
 
 // The system's words for errno value `error`.
 inline std::string error_text(int error) {

@@ -24,10 +24,6 @@ namespace {
 constexpr int kSendLimitS = 10;
 constexpr size_t kReceiveSize = 64 * 1024;
 
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
 // A connected socket, or none with errno set.
 Descriptor connect_to(const addrinfo& address) {
   Descriptor fd(

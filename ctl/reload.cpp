@@ -21,10 +21,6 @@ constexpr std::chrono::milliseconds kLook{20};
 constexpr std::chrono::seconds kVerdictLimit{60};
 constexpr int kAliveLookMs = 1000;
 
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
 RunningDaemon daemon_of(const ReloadRequest& request) {
   if (!request.pid_file.empty()) return RunningDaemon::from_pid_file(request.pid_file, request.root);
   const auto daemon = RunningDaemon::find(request.root);

@@ -20,10 +20,6 @@ namespace {
 
 constexpr char kProgram[] = "zelvind";
 
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
 // The process id at the beginning of a file; 0 when there is none.
 pid_t read_pid(const std::string& path) {
   std::ifstream file(path);

@@ -17,10 +17,6 @@ constexpr int kSettleMs = 2000;  // after which it counts as over
 constexpr uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr uint32_t kGone = IN_DELETE_SELF | IN_MOVE_SELF;
 
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
 // A link is there at once, while a file is only made to be written.
 bool is_link(const std::string& path) {
   struct stat status {};

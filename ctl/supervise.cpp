@@ -22,10 +22,6 @@
 
 namespace {
 
-[[noreturn]] void fail(const std::string& sentence) {
-  throw Failure(Exit::unreachable, sentence);
-}
-
 sigset_t set_of(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
