@@ -134,6 +134,7 @@ end
 
 local round = 0
 local modules = {} -- those of this round, by tag
+local former = {}  -- those of the round before
 local files = {}   -- source of a file -> its module, which is the one of its last load
 local running      -- the one whose handler, timer or task runs
 
@@ -196,10 +197,9 @@ local function begin_round(new_mark, first_name)
   write_counts()
   failing = {}
   round = round + 1
-  local before = modules
-  modules = {}
+  former, modules = modules, {}
   sweep(function(entry, tag)
-    local owner, module = owners[entry], before[tag]
+    local owner, module = owners[entry], former[tag]
     if owner then
       return is_former(owner)
     elseif module and tag == first_name and not seen[entry] then
@@ -216,7 +216,7 @@ local function begin_module(name)
     sweep(function(entry, tag)
       fills_first = fills_first or (tag == name and not owners[entry] and not seen[entry])
     end)
-    modules[name] = { name = name, round = round, fills_first = fills_first }
+    modules[name] = { name = name, round = round, fills_first = fills_first, looks = {} }
   end
   see_all()
   adding = modules[name]
@@ -273,7 +273,8 @@ local function module_at_work(func)
     script_define(file_name)
     name = get_module_name()
   end
-  return loading and modules[name] or running or files[lowest_source(has_module) or source] or { name = file_name }
+  return loading and modules[name] or running or files[lowest_source(has_module) or source]
+    or { name = file_name, looks = {} }
 end
 
 -- Returns a function that runs func(arg) for the module, and reports its error.
@@ -351,6 +352,8 @@ local function local_minute(time)
   return (date.year * 366 + date.yday) * 1440 + date.hour * 60 + date.min
 end
 
+local kLongestLeap = 3600 -- s; beyond it the clock was set, and nothing has passed
+
 -- Whether the minute of the day lies after `from` and not after `to`, on either's day.
 local function is_between(from, minute_of_day, to)
   local due = to - to % 1440 + minute_of_day
@@ -360,7 +363,17 @@ local function is_between(from, minute_of_day, to)
   return from < due and due <= to
 end
 
-local last_look -- of any `at`: its time, and the latest local minute that has been looked at
+-- Where an `at` of that minute of the day begins: its time, and the latest local minute that has been looked at. What a
+-- reload came before, because it fell into the very minute or the device was busy, the new load makes up for.
+local function first_look(module, minute_of_day)
+  local before = former[module.name]
+  local look = module.looks[minute_of_day] or before and before.looks[minute_of_day]
+  local time = timer_time()
+  if look and time >= look.time and time - look.time <= kLongestLeap then
+    return look
+  end
+  return { time = time, minute = local_minute(time) }
+end
 
 -- Calls func(arg) once a local day. Each minute it looks whether local time has passed that point since the last look.
 -- So where local time leaps ahead over it, func is called after the leap, and where it falls back, the second time does
@@ -372,18 +385,16 @@ function at(hour, minute, func, arg)
   end
   local module = module_at_work(func)
   local call = protected(module, string.format("timer of %02d:%02d", hour, minute), func, arg)
-  local looked = { time = timer_time() }
-  looked.minute = local_minute(looked.time)
-  if last_look and looked.time >= last_look.time and looked.time - last_look.time <= 60 then
-    looked = last_look -- a reload in the very minute, before the former timer has run, must not lose the day
-  end
+  local minute_of_day = hour * 60 + minute
+  local looked = first_look(module, minute_of_day)
+  module.looks[minute_of_day] = looked
   local added, message = add_timer(module, 60, function()
     local time = timer_time()
     local now, from = local_minute(time), looked.minute
-    local clock_was_set = time < looked.time or time - looked.time > 3600
+    local clock_was_set = time < looked.time or time - looked.time > kLongestLeap
     looked = { time = time, minute = clock_was_set and now or math.max(from, now) }
-    last_look = looked
-    if not clock_was_set and is_between(from, hour * 60 + minute, now) then
+    module.looks[minute_of_day] = looked
+    if not clock_was_set and is_between(from, minute_of_day, now) then
       call()
     end
   end)
