@@ -156,9 +156,11 @@ std::vector<std::string> declarations_in(const std::string& plugins) {
 }
 
 // Those that count for scripts that are not the configured ones; of the plug-ins only when there are settings.
-std::vector<std::string> declarations_for_dirs(const std::string& root, const std::string& daemon) {
+std::vector<std::string> declarations_for_dirs(const std::string& root) {
+  std::string daemon = installed_daemon_folder();
   std::vector<std::string> files;
   try {
+    if (const auto running = RunningDaemon::find(root)) daemon = running->folder();
     files = declarations_in(configured_folders(root, daemon).plugins);
   } catch (const Failure&) {
   }
@@ -201,17 +203,17 @@ std::string check_scripts(const ScriptFolders& folders, Findings& findings) {
 }
 
 void check(const std::string& root, const std::vector<std::string>& dirs, bool strict, FILE* out) {
-  const auto running = RunningDaemon::find(root);
-  const std::string daemon = running ? running->folder() : installed_daemon_folder();
   Findings findings(out, strict);
   std::string checked;
   if (dirs.empty()) {
+    const auto running = RunningDaemon::find(root);
+    const std::string daemon = running ? running->folder() : installed_daemon_folder();
     std::optional<DaemonRights> rights;
     if (running) rights.emplace(running->process());
     checked = check_scripts(configured_folders(root, daemon), findings);
   } else {
     const std::vector<std::string> good = compile_dirs(dirs, findings);
-    if (!findings.has_faults()) warn_of_unknown_globals(good, declarations_for_dirs(root, daemon), findings);
+    if (!findings.has_faults()) warn_of_unknown_globals(good, declarations_for_dirs(root), findings);
     checked = scripts_in(good.size(), dirs);
   }
   const std::string unlooked = findings.has_faults() ? "; globals that nothing defines were not looked for" : "";

@@ -51,13 +51,18 @@ long long reloads_wanted(const DaemonState& before) {
   return before.reloads + (before.name == "reloading" ? 2 : 1);
 }
 
+[[noreturn]] void fail_without_state(const RunningDaemon& daemon) {
+  fail(sstr("the daemon (process %d) was told to reload; it keeps no state that would tell how that ends: see its log",
+            daemon.process()));
+}
+
 void wait_for_verdict(const RunningDaemon& daemon, long long wanted) {
   const auto limit = std::chrono::steady_clock::now() + kVerdictLimit;
   while (std::chrono::steady_clock::now() < limit) {
     const auto now = daemon.state();
     if (now && now->reloads >= wanted) return;
-    if (!now && !daemon.is_alive())
-      fail(sstr("the daemon (process %d) has ended over the reload; its log says why", daemon.process()));
+    if (!now && daemon.is_alive()) fail_without_state(daemon);
+    if (!now) fail(sstr("the daemon (process %d) has ended over the reload; its log says why", daemon.process()));
     std::this_thread::sleep_for(kLook);
   }
   fail(sstr("the daemon (process %d) has not finished the reload within %lld s and goes on with it: a script is busy",
@@ -68,11 +73,7 @@ void reload_checked(const RunningDaemon& daemon, FILE* out) {
   const auto before = daemon.state();
   if (before && before->name == "stopping") fail(sstr("the daemon (process %d) is stopping", daemon.process()));
   daemon.send_signal(SIGHUP);
-  if (!before) {
-    fail(
-        sstr("the daemon (process %d) was told to reload; it keeps no state that would tell how that ends: see its log",
-             daemon.process()));
-  }
+  if (!before) fail_without_state(daemon);
   wait_for_verdict(daemon, reloads_wanted(*before));
   fprintf(out, "the daemon (process %d) has reloaded its scripts\n", daemon.process());
   fflush(out);

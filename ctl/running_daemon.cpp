@@ -12,6 +12,7 @@
 
 #include "app/exe_dir.h"
 #include "ctl/failure.h"
+#include "ctl/process_entry.h"
 #include "device/event_source.h"
 #include "device/service.h"
 #include "util/text.h"
@@ -31,6 +32,14 @@ std::string proc_path(pid_t pid, const char* entry) {
   return "/proc/" + std::to_string(pid) + "/" + entry;
 }
 
+// After the system has not let us look at a process whose id is in `path`: fails if it may be the daemon.
+void fail_if_hidden(pid_t pid, const std::string& path) {
+  const auto entry = process_entry(pid);
+  if (!entry || entry->has_ended() || entry->name != kProgram) return;
+  fail(sstr("cannot look at process %d, whose id is in %s: %s; this needs its user, or root with CAP_SYS_PTRACE", pid,
+            path.c_str(), error_text(EACCES).c_str()));
+}
+
 // Fails when the system does not let us look.
 bool has_open(pid_t pid, const std::string& path) {
   struct stat wanted {};
@@ -44,10 +53,7 @@ bool has_open(pid_t pid, const std::string& path) {
     if (known && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) return true;
     is_hidden |= !known && errno == EACCES;
   }
-  if (is_hidden) {
-    fail(sstr("cannot look at process %d, whose id is in %s: %s; this needs its user, or root with CAP_SYS_PTRACE", pid,
-              path.c_str(), error_text(EACCES).c_str()));
-  }
+  if (is_hidden) fail_if_hidden(pid, path);
   return false;
 }
 
@@ -79,17 +85,14 @@ double seconds_of(const timespec& time) {
 
 // When a process began, by today's clock, which may have been set since; 0 when the system does not tell.
 double start_of(pid_t pid) {
-  std::ifstream file(proc_path(pid, "stat"));  // PID (NAME) STATE and 18 numbers before the wanted one, in ticks
-  std::string word;
-  std::getline(file, word, ')');
-  for (int i = 0; i < 19; ++i) file >> word;
-  double ticks = 0;
-  if (!(file >> ticks)) return 0;
+  const auto entry = process_entry(pid);
+  if (!entry) return 0;
   timespec today{};
   timespec since_boot{};
   clock_gettime(CLOCK_REALTIME, &today);
   clock_gettime(CLOCK_BOOTTIME, &since_boot);
-  return seconds_of(today) - seconds_of(since_boot) + ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return seconds_of(today) - seconds_of(since_boot) +
+         static_cast<double>(entry->start_ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace
@@ -104,8 +107,10 @@ std::optional<RunningDaemon> RunningDaemon::find(const std::string& root) {
 RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const std::string& root) {
   const pid_t pid = read_pid(pid_file);
   if (pid == 0) fail("no process id in " + pid_file);
-  if (!is_daemon(exe_of(pid)))
+  if (const std::string exe = exe_of(pid); !is_daemon(exe)) {
+    if (exe.empty()) fail_if_hidden(pid, pid_file);
     fail("process " + std::to_string(pid) + " of " + pid_file + " is no running " + kProgram);
+  }
   const auto theirs = root_of(pid);
   std::error_code ignored;
   if (theirs && *theirs != root && !std::filesystem::equivalent(*theirs + "/", root + "/", ignored)) {
@@ -131,8 +136,12 @@ std::optional<DaemonState> RunningDaemon::state() const {
 bool RunningDaemon::is_older_than(const std::string& file) const {
   constexpr double kTick = 0.02;  // s; what is written just before the start must not pass for newer
   struct stat status {};
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
   const double start = start_of(pid);
-  return start > 0 && stat(file.c_str(), &status) == 0 && seconds_of(status.st_ctim) > start + kTick;
+  if (start == 0 || stat(file.c_str(), &status) != 0) return false;
+  const double changed = seconds_of(status.st_ctim);
+  return changed > start + kTick && changed <= seconds_of(now);
 }
 
 bool RunningDaemon::is_alive() const {

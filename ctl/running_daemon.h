@@ -31,7 +31,7 @@ class RunningDaemon {
   // What it says of its state; nothing when it says nothing, or has ended.
   std::optional<DaemonState> state() const;
 
-  // True when `file` has been changed since it started.
+  // True when `file` has been changed since it started; not when the clock has been set back to before that change.
   bool is_older_than(const std::string& file) const;
 
   // False once it has ended.

@@ -11,12 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <initializer_list>
 #include <memory>
-#include <sstream>
 
 #include "ctl/failure.h"
+#include "ctl/process_entry.h"
 #include "util/clock.h"
 #include "util/text.h"
 
@@ -48,28 +47,14 @@ pid_t spawn(const std::string& program, std::vector<std::string> arguments, cons
   return pid;
 }
 
-// The name and the parent of a process, also of one that has ended and not been collected; false when there is none.
-bool look_up(pid_t pid, std::string& name, pid_t& parent) {
-  std::ostringstream text;
-  text << std::ifstream("/proc/" + std::to_string(pid) + "/stat").rdbuf();
-  const std::string line = text.str();  // PID (NAME) STATE PARENT ...
-  const size_t begin = line.find('(') + 1;
-  const size_t end = line.rfind(')');
-  if (begin == 0 || end == std::string::npos) return false;
-  name = line.substr(begin, end - begin);
-  return sscanf(line.c_str() + end, ") %*c %d", &parent) == 1;
-}
-
-// Our child that bears the program's name; 0 when there is none. The system cuts names after 15 bytes.
+// Our child that runs the program; 0 when there is none.
 pid_t find_child(const std::string& program) {
-  const std::string wanted = program.substr(program.rfind('/') + 1, 15);
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
   if (processes == nullptr) fail("cannot read /proc: " + error_text(errno));
   while (const dirent* entry = readdir(processes.get())) {
     const pid_t pid = atoi(entry->d_name);
-    std::string name;
-    pid_t parent = 0;
-    if (pid > 0 && look_up(pid, name, parent) && parent == getpid() && name == wanted) return pid;
+    const auto process = pid > 0 ? process_entry(pid) : std::nullopt;
+    if (process && process->parent == getpid() && process->name == process_name(program)) return pid;
   }
   return 0;
 }

@@ -23,7 +23,10 @@ void ScriptStop::watch(lua_State* L) {
 
 void ScriptStop::check(lua_State* L) {
   lua_Debug caller{};
-  if (lua_getstack(L, 1, &caller) == 1) look(L, &caller);
+  for (int level = 1; lua_getstack(L, level, &caller) == 1; ++level) {
+    lua_getinfo(L, "l", &caller);
+    if (caller.currentline >= 0) return look(L, &caller);  // nothing in C, such as pcall
+  }
 }
 
 void ScriptStop::raise_after(int patience) {

@@ -122,7 +122,7 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   RealDaemon daemon;
   daemon.expect_zelvctl("reload", 1, "", "zelvctl: no daemon has the event socket ROOT/run/zelvind/events.sock\n");
   ASSERT_TRUE(daemon.start());
-  const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ") has ";
+  const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ")";
   daemon.write("scripts/a.lua", "x = = 1");
   daemon.expect_zelvctl("reload", 1, "ROOT/scripts/a.lua:1: unexpected symbol near '='\n",
                         "zelvctl: not reloaded: 1 fault\n");
@@ -133,12 +133,12 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(daemon.wait_for("lua-trace: old"));
   daemon.write("scripts/a.lua", "sleep(50) trace(1, 'new')");
-  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, process + "reloaded its scripts\n", "");
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, process + " has reloaded its scripts\n", "");
   EXPECT_EQ(daemon.count("lua-trace: new"), 1u);
 
-  daemon.expect_zelvctl("reload --root / --pidfile $ROOT/pid", 1, "",
-                        "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
-                            ") of ROOT/pid runs with DEVICE_ROOT 'ROOT', and this is for '/'; see --root\n");
+  daemon.expect_zelvctl(
+      "reload --root / --pidfile $ROOT/pid", 1, "",
+      "zelvctl: " + process + " of ROOT/pid runs with DEVICE_ROOT 'ROOT', and this is for '/'; see --root\n");
 
   daemon.write("scripts/a.lua", "local a = unheard_of");
   const bool has_luacheck = daemon.launch("command -v luacheck >/dev/null") == 0;
@@ -146,8 +146,15 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   const std::string unlooked = "luacheck is not at hand: warning: globals that nothing defines were not looked for\n";
   daemon.expect_zelvctl("reload --strict", 1, has_luacheck ? warning : unlooked, "zelvctl: not reloaded: 1 warning\n");
   EXPECT_EQ(daemon.count("SIGHUP"), 2u);
+  daemon.launch("mkdir $ROOT/run/zelvind/state.new");
+  daemon.expect_zelvctl(
+      "reload", 1, "",
+      "zelvctl: " + process + " was told to reload; it keeps no state that would tell how that ends: see its log\n");
+  daemon.launch("rmdir $ROOT/run/zelvind/state.new");
+  daemon.send_signal(SIGHUP);
+  ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path("run/zelvind/state")); }));
   daemon.write("scripts/a.lua", "error('no')");
-  daemon.expect_zelvctl("reload", 1, "", "zelvctl: " + process + "ended over the reload; its log says why\n");
+  daemon.expect_zelvctl("reload", 1, "", "zelvctl: " + process + " has ended over the reload; its log says why\n");
   EXPECT_EQ(daemon.wait_for_end(), 0);
 }
 

@@ -45,19 +45,26 @@ bool EventPosters::open(int wake_fd) {
     return false;
   }
   dropped = 0;
-  socket_not_before = 0;
-  socket_not_after = steady_ms() + kSocketPatienceMs;
+  socket_not_after = 0;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
   open_socket();
   return true;
 }
 
-// Who has the socket may be about to end, so it is tried for again; but not for ever: when the daemon that should have
-// it is restarted later on, a stray one must not step in.
-void EventPosters::open_socket() {
+// Who has the socket may be about to end, so it is tried for again from when the loop runs; but not for ever: when the
+// daemon that should have it is restarted later on, a stray one must not step in.
+void EventPosters::retry_socket() {
   const int64_t now = steady_ms();
+  if (socket_not_after == 0) {
+    socket_not_before = now;
+    socket_not_after = now + kSocketPatienceMs;
+  }
   if (now < socket_not_before || now > socket_not_after) return;
   socket_not_before = now + kSocketRetryMs;
+  open_socket();
+}
+
+void EventPosters::open_socket() {
   listening = socket.open();
   if (listening < 0 || watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) return;
   elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
@@ -88,7 +95,7 @@ EventRecord* EventPosters::take() {
 }
 
 bool EventPosters::wait(int timeout_ms) {
-  if (listening < 0) open_socket();
+  if (listening < 0) retry_socket();
   const int64_t start = steady_ms();
   if (next_ready == ready_count && !collect_ready(std::min(timeout_ms, next_chore_ms(start)))) return false;
   serve_ready(std::max(start + timeout_ms, steady_ms() + 1));

@@ -60,6 +60,7 @@ class EventPosters {
   };
 
   void open_socket();
+  void retry_socket();
   int next_chore_ms(int64_t now);
   bool collect_ready(int timeout_ms);
   void serve_ready(int64_t until_ms);
@@ -78,7 +79,7 @@ class EventPosters {
   Descriptor epoll;
   int listening = -1;             // owned by `socket`; -1: there is none
   int64_t socket_not_before = 0;  // steady_ms; when to try for one again
-  int64_t socket_not_after = 0;
+  int64_t socket_not_after = 0;   // 0: the loop has not tried yet
   bool someone_waits = false;     // somebody may be waiting to be accepted
   int64_t accept_not_before = 0;  // steady_ms; after descriptors ran out
   Poster posters[kPostersMax];

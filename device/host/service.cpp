@@ -60,10 +60,13 @@ void write_state(Service& s) {
   char text[64];
   const int size =
       snprintf(text, sizeof(text), "%d %s %lld\n", getpid(), kStateNames[static_cast<int>(s.state)], s.reloads);
-  if (replace_file(s.path, s.new_path, text, static_cast<size_t>(size)) || s.said_file) return;
+  if (replace_file(s.path, s.new_path, text, static_cast<size_t>(size))) return;
+  const int error = errno;
+  unlink(s.path.c_str());  // better no state than a former one
+  if (s.said_file) return;
   s.said_file = true;
   elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", s.path.c_str(),
-       strerrordesc_np(errno));
+       strerrordesc_np(error));
 }
 
 // The manager is told first: who waits for the file may ask the manager next.
