@@ -23,9 +23,10 @@ void ScriptStop::watch(lua_State* L) {
 
 void ScriptStop::check(lua_State* L) {
   lua_Debug caller{};
+  // Not just level 1: in pcall(sleep, ms) that is pcall, which has no line.
   for (int level = 1; lua_getstack(L, level, &caller) == 1; ++level) {
     lua_getinfo(L, "l", &caller);
-    if (caller.currentline >= 0) return look(L, &caller);  // nothing in C, such as pcall
+    if (caller.currentline >= 0) return look(L, &caller);
   }
 }
 
