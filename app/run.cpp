@@ -6,8 +6,8 @@
 #include <exception>
 #include <string>
 
-#include "app/conf_file.h"
-#include "app/exe_dir.h"
+#include "device/settings.h"
+#include "util/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
 #include "device/service.h"
@@ -26,13 +26,13 @@ struct Settings {
   std::string dll_path;
 };
 
-Settings read_settings(ConfFile& conf) {
-  elog_set_level("zelvind", conf.get_int("log_level", 1));
-  Settings settings;
-  settings.script_path = conf.get_str("script_path", exe_dir());
-  settings.external_path = conf.get_str("external_path", "");
-  settings.dll_path = conf.get_str("dll_path", "/usr/lib");
-  return settings;
+Settings read_settings(SettingsFile& file) {
+  elog_set_level("zelvind", file.number(settings::log_level));
+  Settings values;
+  values.script_path = file.text(settings::script_path, exe_dir());
+  values.external_path = file.text(settings::external_path);
+  values.dll_path = file.text(settings::dll_path);
+  return values;
 }
 
 // Descriptor 0 means "none" to the socket layer and the listener. When it is free, a socket is put there for good, so
@@ -117,8 +117,8 @@ void run() {
   resume_running();
   sock_init();
   occupy_descriptor_0();
-  ConfFile conf;
-  const Settings settings = read_settings(conf);
+  SettingsFile file;
+  const Settings settings = read_settings(file);
   if (!start(managers, settings)) return;
   try {
     idle(managers, settings);

@@ -11,16 +11,16 @@
 #include <set>
 #include <sstream>
 
-#include "app/conf_file.h"
-#include "app/except.h"
+#include "device/settings.h"
+#include "util/except.h"
 #include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
 #include "ctl/luacheck.h"
 #include "ctl/running_daemon.h"
 #include "device/log.h"
-#include "script/script_list.h"
+#include "util/script_files.h"
 #include "util/safe_text.h"
-#include "util/store_text.h"
+#include "device/store_text.h"
 #include "util/text.h"
 
 namespace {
@@ -129,18 +129,18 @@ std::vector<std::string> compile_configured(const ScriptFolders& folders, Findin
 void check_settings(const std::string& path, Findings& findings) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
-  const StoreText settings = parse_store(text.str());
-  for (const StoreComplaint& complaint : settings.complaints) {
+  const StoreText store = parse_store(text.str());
+  for (const StoreComplaint& complaint : store.complaints) {
     findings.warn(complaint.line == 0 ? path : path + ":" + std::to_string(complaint.line), complaint.text);
   }
-  if (settings.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", settings.more_complaints));
-  const std::set<std::string> known = {"log_level", "script_path", "external_path", "dll_path", "listener_port"};
-  for (const auto& [key, value] : settings.values) {
-    const bool is_number = key == "log_level" || key == "listener_port";
-    int number = 0;
-    if (known.count(key) == 0) findings.warn(path, "the daemon knows no key '" + key + "'");
-    if (is_number && !parse_store_int(value, number)) findings.warn(path, key + " is no number: it is not used");
-    if (value.size() > kSettingMax) findings.warn(path, key + " is too long: it is not used");
+  if (store.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", store.more_complaints));
+  for (const auto& [key, value] : store.values) {
+    const Setting* const setting = settings::find(key);
+    if (setting == nullptr) {
+      findings.warn(path, "the daemon knows no key '" + key + "'");
+    } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
+      findings.warn(path, problem + "; it is not used");
+    }
   }
 }
 
@@ -182,14 +182,14 @@ std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
 
 ScriptFolders configured_folders(const std::string& root, const std::string& daemon) {
   elog_set_level("zelvctl", 0);  // complaints about the file are the daemon's to make
-  const std::string settings = root + kSettingsPath;
+  const std::string path = root + kSettingsPath;
   try {
-    ConfFile conf;
-    return {settings, daemon, from_root(conf.get_str("script_path", daemon)),
-            from_root(conf.get_str("external_path", "")), from_root(conf.get_str("dll_path", "/usr/lib"))};
+    SettingsFile file;
+    return {path, daemon, from_root(file.text(settings::script_path, daemon)),
+            from_root(file.text(settings::external_path)), from_root(file.text(settings::dll_path))};
   } catch (const except_conf&) {
-    const std::string reason = why_no_file(settings);
-    fail(settings + ": " + (reason.empty() ? "cannot be read as settings" : reason));
+    const std::string reason = why_no_file(path);
+    fail(path + ": " + (reason.empty() ? "cannot be read as settings" : reason));
   }
 }
 

@@ -4,7 +4,7 @@
 #include <tuple>
 
 #include "ctl/failure.h"
-#include "util/event_line.h"
+#include "device/event_line.h"
 
 namespace {
 

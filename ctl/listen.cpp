@@ -13,10 +13,10 @@
 #include "ctl/client_packet.h"
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
-#include "device/config_store.h"
 #include "device/log.h"
-#include "listener/client_protocol.h"
+#include "device/settings.h"
 #include "util/descriptor.h"
+#include "util/except.h"
 #include "util/text.h"
 
 namespace {
@@ -95,12 +95,12 @@ void write_event(FILE* out, const std::string& line) {
 
 int configured_port() {
   elog_set_level("zelvctl", 0);  // complaints about the file are the daemon's to make
-  int port = kDefaultListenerPort;
-  if (econf_handle* store = econf_open(0, "zelvind.info", "/opt/flash/mtd4-cfg")) {
-    econf_get_int(store, "listener_port", &port);
-    econf_close(store);
+  int port = settings::listener_port.absent;
+  try {
+    port = SettingsFile().number(settings::listener_port);
+  } catch (const except_conf&) {  // without a file the default counts
   }
-  if (port < 1 || port > 65535) {
+  if (port == 0) {
     throw Failure(Exit::usage,
                   sstr("the configuration says listener_port = %d; give the daemon's port with --port", port));
   }

@@ -6,7 +6,7 @@
 
 #include "ctl/failure.h"
 #include "device/event_queue.h"
-#include "util/event_line.h"
+#include "device/event_line.h"
 
 namespace {
 

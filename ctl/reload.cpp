@@ -6,7 +6,7 @@
 #include <csignal>
 #include <thread>
 
-#include "app/conf_file.h"
+#include "device/settings.h"
 #include "ctl/check.h"
 #include "ctl/daemon_rights.h"
 #include "ctl/failure.h"

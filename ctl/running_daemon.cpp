@@ -10,7 +10,7 @@
 #include <fstream>
 #include <memory>
 
-#include "app/exe_dir.h"
+#include "util/exe_dir.h"
 #include "ctl/failure.h"
 #include "ctl/process_entry.h"
 #include "device/event_source.h"

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "ctl/failure.h"
-#include "script/script_list.h"
+#include "util/script_files.h"
 #include "util/clock.h"
 
 namespace {

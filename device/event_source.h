@@ -3,7 +3,7 @@
 #pragma once
 
 // Where the embedded queue takes events from other processes, behind DEVICE_ROOT: a Unix stream socket, one event a
-// line (util/event_line.h).
+// line (device/event_line.h).
 constexpr char kEventSocketPath[] = "/run/zelvind/events.sock";
 
 // Beside it, the lock file: its owner, whose process id stands in it, has it open and locked as long as it lives.

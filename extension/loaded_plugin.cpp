@@ -6,7 +6,7 @@
 
 #include <exception>
 
-#include "app/except.h"
+#include "util/except.h"
 #include "device/log.h"
 #include "util/lua_binding.h"
 

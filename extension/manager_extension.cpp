@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "app/except.h"
+#include "util/except.h"
 #include "device/log.h"
 #include "extension/plugin_discovery.h"
 #include "script/manager_script.h"

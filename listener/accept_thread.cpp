@@ -73,9 +73,9 @@ bool ManagerListener::is_full() {
 }
 
 void ManagerListener::say_refused(const PeerText& peer) {
-  LeftOut left_out;
-  if (!refusal_limit.allow(steady_ms() / 1000, left_out)) return;
-  elog(1, "mlistener: too many clients, %s is refused%s", peer.text, left_out.text);
+  if (const auto left_out = refusal_limit.allow()) {
+    elog(1, "mlistener: too many clients, %s is refused%s", peer.text, left_out->text);
+  }
 }
 
 void ManagerListener::add_client(int fd, const PeerText& peer) {

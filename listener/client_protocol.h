@@ -16,8 +16,7 @@
 
 struct event_item;
 
-constexpr int kDefaultListenerPort = 5512;  // TCP, where the settings name none
-constexpr int kSubscriptionMax = 65024;     // bytes of a subscription packet: with a piece of 512 it fits into 64 KiB
+constexpr int kSubscriptionMax = 65024;  // bytes of a subscription packet: with a piece of 512 it fits into 64 KiB
 
 // What stands at the front of the bytes that a client has sent.
 enum class PacketKind {

@@ -74,10 +74,11 @@ void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet,
 }
 
 void ManagerListener::skip(ListenerClient& client) {
-  LeftOut left_out;
-  if (!client.output.skip() || !skip_limit.allow(steady_ms() / 1000, left_out)) return;
-  elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd, client.address.text,
-       left_out.text);
+  if (!client.output.skip()) return;
+  if (const auto left_out = skip_limit.allow()) {
+    elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd, client.address.text,
+         left_out->text);
+  }
 }
 
 void ManagerListener::send_now(ListenerClient& client, const Locked&) {
@@ -124,8 +125,7 @@ void ManagerListener::send_waiting(const Locked&) {
 
 // A row that cannot be told yet is told by a later pass, with what has been skipped until then: no event is left out.
 void ManagerListener::say_reads_again(ListenerClient& client) {
-  LeftOut none;
-  if (!again_limit.allow(steady_ms() / 1000, none)) return;
+  if (!again_limit.allow()) return;
   elog(1, "mlistener: client %d (%s) reads again, %d events skipped", client.fd, client.address.text,
        client.output.take_row());
 }

@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <cerrno>
 
-#include "app/conf_file.h"
+#include "device/settings.h"
 #include "device/log.h"
 #include "listener/client_protocol.h"
 #include "util/service_thread.h"
@@ -24,7 +24,7 @@ int bound_port(int fd) {
 
 }  // namespace
 
-ManagerListener::ManagerListener() : port(ConfFile().get_int("listener_port", kDefaultListenerPort)) {
+ManagerListener::ManagerListener() : port(SettingsFile().number(settings::listener_port)) {
   // Room for all that there can ever be: moving a record from list to list never fails.
   clients.reserve(kClientMax);
   free_clients.reserve(kClientMax);

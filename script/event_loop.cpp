@@ -33,9 +33,10 @@ enum class Next { pass, quit };
 void collect(ManagerScript& script) {
   std::string error;
   const bool done = protect(script.lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); });
-  LeftOut left_out;
-  if (done || !g_finalizer_lines.allow(steady_ms() / 1000, left_out)) return;
-  elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out.text);
+  if (done) return;
+  if (const auto left_out = g_finalizer_lines.allow()) {
+    elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out->text);
+  }
 }
 
 int run_timers_first(ManagerScript& script) {

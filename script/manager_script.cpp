@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "app/except.h"
+#include "util/except.h"
 #include "device/config_store.h"
 #include "device/log.h"
 #include "script/clua.h"
@@ -71,7 +71,7 @@ void ManagerScript::init() {
 int ManagerScript::start_thread() {
   running = true;
   elog(2, "mscript: thread start...");
-  if (start_service_thread(&thread, thread_main, this) == 0) return 1;
+  if (start_service_thread(&thread, thread_main, this, kScriptThreadStack) == 0) return 1;
   elog(1, "mscript: failed to run thread");
   return -1;
 }

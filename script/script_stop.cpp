@@ -59,12 +59,12 @@ void ScriptStop::ask() {
 
 // A script that catches the error meets it again and again.
 void ScriptStop::say_stopped(const lua_Debug& at) {
-  LeftOut left_out;
-  if (!said.allow(steady_ms() / 1000, left_out)) return;
+  const auto left_out = said.allow();
+  if (!left_out) return;
   const event_item* const event = g_mscript->current_event;
   elog(1, "mscript: stopped a script that does not return: event(%s), tag[%s], %s:%d%s",
        event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name().c_str(), at.short_src,
-       at.currentline, left_out.text);
+       at.currentline, left_out->text);
 }
 
 void ScriptStop::look(lua_State* L, lua_Debug* at) {

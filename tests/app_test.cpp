@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "app/exe_dir.h"
+#include "util/exe_dir.h"
 #include "app/signals.h"
 #include "tests/standin_device.h"
 

@@ -2,7 +2,7 @@
 
 #include "device/config_store.h"
 #include "tests/device_root_fixture.h"
-#include "util/store_text.h"
+#include "device/store_text.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <future>
 
-#include "app/except.h"
+#include "util/except.h"
 #include "script/clua.h"
 #include "script/event_loop.h"
 #include "script/manager_script.h"

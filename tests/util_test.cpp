@@ -3,7 +3,7 @@
 #include <climits>
 
 #include "util/clock.h"
-#include "util/event_line.h"
+#include "device/event_line.h"
 #include "util/text.h"
 
 namespace {

@@ -1,7 +1,10 @@
 #include "util/lua_binding.h"
 
 #include <cstdio>
+#include <exception>
 #include <new>
+
+#include "util/text.h"
 
 std::string error_value_text(lua_State* L, int index) {
   switch (lua_type(L, index)) {
@@ -21,21 +24,34 @@ namespace lua_binding {
 namespace {
 
 int run_protected(lua_State* L) {
-  const Call* call = static_cast<const Call*>(lua_touserdata(L, 1));
+  Call* const call = static_cast<Call*>(lua_touserdata(L, 1));
   lua_settop(L, 0);
-  char text[512];
-  try {
-    call->run(L, call->work);
+  const auto body = [](lua_State* state, void* work) {
+    const Call* const wanted = static_cast<Call*>(work);
+    wanted->run(state, wanted->work);
     return 0;
+  };
+  return run_body(L, body, call);
+}
+
+}  // namespace
+
+int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work) {
+  int argument = 0;
+  char text[1280];  // holds the longest field name that an error quotes
+  try {
+    return body(L, work);
+  } catch (const ArgumentError& error) {
+    argument = error.index;
+    copy_text(text, sizeof(text), error.what());
   } catch (const std::exception& error) {
     copy_text(text, sizeof(text), error.what());
   } catch (...) {
     copy_text(text, sizeof(text), "unknown error");
   }
+  if (argument != 0) return luaL_argerror(L, argument, text);
   return luaL_error(L, "%s", text);
 }
-
-}  // namespace
 
 bool protected_call(lua_State* L, std::string& error, const Call& call) {
   const int top = lua_gettop(L);

@@ -18,8 +18,6 @@
 #include <string>
 #include <type_traits>
 
-#include "util/text.h"
-
 static_assert(LUA_VERSION_NUM == 501, "Lua 5.1 is needed");
 
 // A script's mistake. The text reaches the script with the caller's position in front.
@@ -60,23 +58,15 @@ inline const char* text_arg(lua_State* L, int index) {
   return text;
 }
 
+namespace lua_binding {
+// Runs body(L, work); what it throws becomes a Lua error after everything in it has been destroyed.
+int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work);
+}  // namespace lua_binding
+
 // Makes a plain C function for Lua, without upvalues, of a body that obeys the rules above.
 template <int (*body)(lua_State*)>
 int api(lua_State* L) {
-  int argument = 0;
-  char text[1280];  // holds the longest field name that an error quotes
-  try {
-    return body(L);
-  } catch (const ArgumentError& error) {
-    argument = error.index;
-    copy_text(text, sizeof(text), error.what());
-  } catch (const std::exception& error) {
-    copy_text(text, sizeof(text), error.what());
-  } catch (...) {
-    copy_text(text, sizeof(text), "unknown error");
-  }
-  if (argument != 0) return luaL_argerror(L, argument, text);
-  return luaL_error(L, "%s", text);
+  return lua_binding::run_body(L, [](lua_State* state, void*) { return body(state); }, nullptr);
 }
 
 // The text of the value at `index` for a log line: a string as it is (up to a zero byte), a number as Lua writes it,

@@ -2,13 +2,14 @@
 
 #include <cstdio>
 
-bool RateLimit::allow(int64_t now_seconds, LeftOut& left_out) {
+std::optional<LeftOut> RateLimit::allow(int64_t now_seconds) {
   if (now_seconds == last_second) {
     ++refused;
-    return false;
+    return {};
   }
   last_second = now_seconds;
+  LeftOut left_out;
   if (refused > 0) snprintf(left_out.text, sizeof(left_out.text), " (and %d more)", refused);
   refused = 0;
-  return true;
+  return left_out;
 }

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <csignal>
+#include <cstddef>
 
 // Holds SIGHUP, SIGINT and SIGTERM back from the calling thread as long as it lives; threads started meanwhile inherit
 // that for good. What came meanwhile is delivered at its end.
@@ -18,7 +19,11 @@ class RunSignalsBlocked {
   sigset_t before;
 };
 
+// Sizes of stacks in bytes, whatever the C library or the shell's limits would give: scripts recurse through C.
+constexpr size_t kThreadStack = size_t{256} * 1024;
+constexpr size_t kScriptThreadStack = size_t{4} * 1024 * 1024;
+
 // Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked, so that those reach the main thread
 // and never cut a script's sleep or a poll short; SIGPIPE stays as it is. The handle goes to *thread, which the caller
 // joins. Returns 0, or an error number as pthread_create does; *thread is then 0. Main thread only.
-int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument);
+int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument, size_t stack_size = kThreadStack);

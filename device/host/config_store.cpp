@@ -13,9 +13,10 @@
 
 #include "device/host/device_root.h"
 #include "device/log.h"
+#include "device/settings.h"
+#include "device/store_text.h"
 #include "util/descriptor.h"
 #include "util/lua_binding.h"
-#include "util/store_text.h"
 #include "util/text.h"
 
 // A handle holds the values as they were when the file was opened; the file itself is closed again.
@@ -25,7 +26,6 @@ struct econf_handle {
 
 namespace {
 
-constexpr char kStoreFolder[] = "/opt/flash/mtd4-cfg";  // where the scripts' files are, and the daemon's
 constexpr off_t kFileMax = off_t{16} * 1024 * 1024;     // bytes
 
 // What identifies a state of a file: complaints are repeated when it has changed.
@@ -126,7 +126,7 @@ int lua_econf_str(lua_State* L) {
   char* value = static_cast<char*>(lua_newuserdata(L, kStoreLineMax));  // Lua's own: pushing the text may raise
   const auto read_value = [&] {
     StoreText store;
-    const std::string* text = load(kStoreFolder, file, store) ? find_value(store, key) : nullptr;
+    const std::string* text = load(kSettingsDir, file, store) ? find_value(store, key) : nullptr;
     if (text == nullptr) return -1;
     text->copy(value, text->size());
     return static_cast<int>(text->size());
@@ -148,7 +148,7 @@ int lua_econf_int(lua_State* L) {
   int value = 0;
   const auto read_value = [&] {
     StoreText store;
-    return load(kStoreFolder, file, store) && find_int(store, key, value);
+    return load(kSettingsDir, file, store) && find_int(store, key, value);
   };
   if (read_value()) lua_pushinteger(L, value);
   return 1;

@@ -24,11 +24,6 @@ bool watch(int epoll, int fd, uint32_t what, void* tag) {
   return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-// True when a line may be said now; `left_out` is then its end.
-bool may_say(RateLimit& limit, LeftOut& left_out) {
-  return limit.allow(steady_ms() / 1000, left_out);
-}
-
 ucred peer_of(int fd) {
   ucred peer{};
   socklen_t size = sizeof(peer);
@@ -186,11 +181,11 @@ void EventPosters::take_line(const Poster& poster, std::string_view line, int32_
     return;
   }
   ++dropped;
-  LeftOut left_out;
-  if (!may_say(bad_line_limit, left_out)) return;
+  const auto left_out = bad_line_limit.allow();
+  if (!left_out) return;
   const ucred peer = peer_of(poster.fd);
   elog(1, "evq: dropped a line of process %d of user %u: %s: '%.*s'%s", peer.pid, peer.uid, wrong,
-       static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out.text);
+       static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out->text);
 }
 
 void EventPosters::accept_waiting() {
@@ -207,9 +202,8 @@ bool EventPosters::accept_one() {
     if (!someone_waits) return false;
     const int error = errno;
     accept_not_before = steady_ms() + kAcceptRetryMs;
-    LeftOut left_out;
-    if (may_say(accept_limit, left_out)) {
-      elog(1, "evq: cannot accept a poster: %s%s", strerrordesc_np(error), left_out.text);
+    if (const auto left_out = accept_limit.allow()) {
+      elog(1, "evq: cannot accept a poster: %s%s", strerrordesc_np(error), left_out->text);
     }
     return false;
   }
@@ -239,11 +233,10 @@ bool EventPosters::make_place() {
   shutdown(poster.fd, SHUT_RD);                                // from here on its sends fail: nothing is lost unseen
   while (recv_piece(poster) > 0) {
   }
-  LeftOut left_out;
-  if (may_say(closed_limit, left_out)) {
+  if (const auto left_out = closed_limit.allow()) {
     const ucred peer = peer_of(poster.fd);
     elog(1, "evq: closed process %d of user %u, without a line for 5 s while others wait%s", peer.pid, peer.uid,
-         left_out.text);
+         left_out->text);
   }
   drop(poster);
   return true;

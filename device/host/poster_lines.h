@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "util/event_line.h"
+#include "device/event_line.h"
 
 class PosterLines {
  public:

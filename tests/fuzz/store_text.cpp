@@ -1,6 +1,6 @@
 // A configuration store file, against a plain reading line by line; the whole input as a number too. Input: from 128 on
 // the first byte fills the line in the middle up to about the longest that is taken; then the file.
-#include "util/store_text.h"
+#include "device/store_text.h"
 
 #include <sstream>
 

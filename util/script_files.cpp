@@ -1,4 +1,4 @@
-#include "script/script_list.h"
+#include "util/script_files.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "app/except.h"
+#include "util/except.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "app/exe_dir.h"
+#include "util/exe_dir.h"
 
 #include <unistd.h>
 

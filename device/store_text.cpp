@@ -1,4 +1,4 @@
-#include "util/store_text.h"
+#include "device/store_text.h"
 
 #include <charconv>
 

@@ -1,4 +1,4 @@
-#include "util/event_line.h"
+#include "device/event_line.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "app/except.h"
+#include "util/except.h"
 
 #include <cstdio>
 

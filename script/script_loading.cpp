@@ -1,11 +1,11 @@
 // Loading: running the script files in their order.
 
-#include "app/except.h"
-#include "app/exe_dir.h"
+#include "util/except.h"
+#include "util/exe_dir.h"
 #include "device/log.h"
 #include "script/clua.h"
 #include "script/manager_script.h"
-#include "script/script_list.h"
+#include "util/script_files.h"
 #include "util/lua_binding.h"
 #include "util/service_thread.h"
 

@@ -1,0 +1,81 @@
+#include "device/settings.h"
+
+#include <cstring>
+#include <exception>
+
+#include "device/config_store.h"
+#include "device/log.h"
+#include "device/store_text.h"
+#include "util/except.h"
+#include "util/text.h"
+
+namespace settings {
+
+const Setting* find(std::string_view key) {
+  for (const Setting* setting : kAll) {
+    if (key == setting->key) return setting;
+  }
+  return nullptr;
+}
+
+std::string problem(const Setting& setting, std::string_view value) {
+  if (setting.type == Setting::Type::text) {
+    return value.size() <= kSettingMax ? ""
+                                       : sstr("%s is too long: expected at most %d bytes", setting.key, kSettingMax);
+  }
+  int number = 0;
+  if (parse_store_int(value, number) && number >= setting.least && number <= setting.most) return "";
+  return sstr("%s is '%.100s': expected a whole number from %d to %d", setting.key, std::string(value).c_str(),
+              setting.least, setting.most);
+}
+
+}  // namespace settings
+
+namespace {
+
+constexpr int kStoreType = 0;
+
+// What a device's own library throws is not a value either.
+bool read_int(econf_handle* handle, const char* key, int& value) try {
+  return econf_get_int(handle, key, &value) >= 0;
+} catch (const std::exception&) {
+  return false;
+}
+
+bool read_text(econf_handle* handle, const char* key, std::string& value) try {
+  char buffer[kSettingMax + 1] = "";
+  if (econf_get_str(handle, key, buffer, sizeof(buffer)) < 0) return false;
+  value = buffer;
+  return true;
+} catch (const std::exception&) {
+  return false;
+}
+
+}  // namespace
+
+SettingsFile::SettingsFile() : handle(econf_open(kStoreType, kSettingsFile, kSettingsDir)) {
+  if (handle == nullptr) {
+    throw except_conf("Failed to open conf[name:%s,type:%d,path:%s]", kSettingsFile, kStoreType, kSettingsDir);
+  }
+}
+
+SettingsFile::~SettingsFile() {
+  econf_close(handle);
+}
+
+int SettingsFile::number(const Setting& setting) {
+  int value = 0;
+  const bool is_number = read_int(handle, setting.key, value);
+  if (is_number && value >= setting.least && value <= setting.most) return value;
+  std::string written;
+  if (is_number) written = std::to_string(value);
+  if (is_number || read_text(handle, setting.key, written)) {
+    elog(1, "econf: %s; it is not used", settings::problem(setting, written).c_str());
+  }
+  return setting.absent;
+}
+
+std::string SettingsFile::text(const Setting& setting, const std::string& absent) {
+  std::string value;
+  return read_text(handle, setting.key, value) ? value : absent;
+}
