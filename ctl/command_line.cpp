@@ -50,12 +50,21 @@ void add(CLI::App& command, const Parameter& parameter) {
   CLI::Option* const option = command.add_option(parameter.name)->description(parameter.help);
   if (parameter.value_name != nullptr) option->type_name(parameter.value_name);
   switch (parameter.takes) {
-    case Takes::number: option->check(CLI::Range(parameter.least, parameter.most).description("")); break;
-    case Takes::needed: option->required(); break;
-    case Takes::values: option->expected(0, -1)->allow_extra_args(); break;
-    case Takes::some_needed: option->required()->expected(1, -1)->allow_extra_args(); break;
+    case Takes::number:
+      option->check(CLI::Range(parameter.least, parameter.most).description(""));
+      break;
+    case Takes::needed:
+      option->required();
+      break;
+    case Takes::values:
+      option->expected(1, -1)->allow_extra_args();  // with 0, it would get nothing from behind "--"
+      break;
+    case Takes::some_needed:
+      option->required()->expected(1, -1)->allow_extra_args();
+      break;
     case Takes::nothing:
-    case Takes::value: break;
+    case Takes::value:
+      break;
   }
 }
 
@@ -115,8 +124,8 @@ void run_command_line(const std::vector<Command>& commands, int argc, char** arg
   app.set_version_flag("--version", "zelvctl " ZELVIND_VERSION, "Print the version");
   app.set_help_flag("--help", "Print this help");
   app.footer(kFooter);
-  const CLI::Option* const root = app.add_option("--root")->type_name("DIR")->description(
-      "Look for the daemon below DIR, instead of DEVICE_ROOT");
+  const CLI::Option* const root =
+      app.add_option("--root")->type_name("DIR")->description("Look for the daemon below DIR, instead of DEVICE_ROOT");
   for (const Command& command : commands) add(app, command);
   try {
     app.parse(marked(argc, argv));

@@ -23,7 +23,7 @@ EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(
     result = unix_connect(socket.get(), path);
   } while (result < 0 && errno == EINTR);
   if (result == 0) return;
-  if (errno == EAGAIN) fail("the daemon at " + path + " has accepted no connection for " + limit_text());
+  if (errno == EAGAIN) fail("the daemon at " + path + " has let nobody in for " + limit_text());
   fail("no daemon at " + path + ": " + error_text(errno));
 }
 
@@ -56,7 +56,7 @@ void EventConnection::finish(bool quit_sent) {
     const ssize_t received = recv(socket.get(), ignored, sizeof(ignored), MSG_DONTWAIT);
     if (received == 0) return;
     if (received < 0 && errno == EAGAIN && quit_sent && unread_bytes() == 0) return;
-    if (received < 0 && errno != EAGAIN && errno != EINTR) {  // a reset: the daemon closed before it had read everything
+    if (received < 0 && errno != EAGAIN && errno != EINTR) {  // a reset: the daemon left something unread
       fail("the daemon went away before it took in everything: " + error_text(errno));
     }
   }

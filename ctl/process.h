@@ -24,7 +24,8 @@ std::string process_name(const std::string& path);
 // The path of "/proc/PID/ENTRY".
 std::string proc_path(pid_t pid, const char* entry);
 
-// The program that process `pid` runs, "PATH (deleted)" when its file was replaced; empty when the system does not tell.
+// The program that process `pid` runs, "PATH (deleted)" when its file was replaced. Empty when the system does not
+// tell.
 std::string exe_of(pid_t pid);
 
 // The value of `name` in the environment that process `pid` was started with, empty when it has none; nothing when the

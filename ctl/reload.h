@@ -1,5 +1,5 @@
-// `zelvctl reload`: has a running daemon load its scripts again. A typing error cannot end the daemon: a script that does
-// not compile never reaches it. A script that fails while it runs still ends it, as at a start.
+// `zelvctl reload`: has a running daemon load its scripts again. A typing error cannot end the daemon, since a script
+// that does not compile never reaches it. A script that fails while it runs still ends it, as at a start.
 #pragma once
 
 #include <cstdio>

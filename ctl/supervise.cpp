@@ -59,7 +59,7 @@ pid_t find_child(const std::string& program) {
   return 0;
 }
 
-// Starts the daemon and returns its process id. The daemon is our child as soon as the process that forked it has ended.
+// Starts the daemon and returns its process id. It becomes our child when the process that forked it has ended.
 pid_t start(const std::string& program, const std::vector<std::string>& arguments, const sigset_t& mask) {
   const pid_t parent = spawn(program, arguments, mask);
   int status = 0;
@@ -82,8 +82,8 @@ class Supervisor {
       const int number = next_signal();
       if (number > 0 && number != SIGCHLD) pass_on(number);
       if (asked && steady_ms() >= deadline) {
-        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended within %g s: killing it\n",
-                daemon, stop_limit_ms / 1000.0);
+        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended within %g s: killing it\n", daemon,
+                stop_limit_ms / 1000.0);
         kill(daemon, SIGKILL);
         deadline = INT64_MAX;
       }

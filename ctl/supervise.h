@@ -1,7 +1,7 @@
 // `zelvctl run`: the daemon as one process that a container, an init or a shell can supervise.
 //
-// The daemon detaches: the process that is started ends at once, and its child goes on. So the supervisor makes itself a
-// subreaper, which becomes the parent of orphans, and finds the daemon among its children by its name. It collects
+// The daemon detaches: the process that is started ends at once, and its child goes on. So the supervisor makes itself
+// a subreaper, which becomes the parent of orphans, and finds the daemon among its children by its name. It collects
 // other orphans too, which scripts may leave behind.
 #pragma once
 

@@ -40,7 +40,7 @@ TEST(EventLine, GoodAndBadLines) {
       {"1 " + name_127 + "n", "the name is longer than 127 bytes"},
       {"", "the line is empty"},
       {"7", "the name is missing"},
-      {"+1 door", "the type is no whole number"},
+      {"+1 door", "the type is not a whole number"},
       {"2147483648 door", "the type is out of range"},
       {"1 do\tor", "the name holds a blank or a control character"},
       {std::string("1 door a\0b", 10), "the line holds a zero byte"},

@@ -93,6 +93,6 @@ void check_scripts(const std::string& root, const std::vector<std::string>& plac
   const std::string unchecked = findings.globals_text();
   if (!findings.passed()) fail(findings.counts() + (findings.has_faults() ? "; " + unchecked : ""));
   const std::string warnings = findings.counts().empty() ? "" : ", " + findings.counts();
-  fprintf(out, "%s, no fault%s\n", escaped(checked).c_str(), warnings.c_str());
+  fprintf(out, "%s, no faults%s\n", escaped(checked).c_str(), warnings.c_str());
   if (!unchecked.empty()) fprintf(out, "%s\n", unchecked.c_str());
 }

@@ -27,9 +27,12 @@ std::string Findings::counts() const {
 std::string Findings::globals_text() const {
   const std::string text = "undefined globals were not checked";
   switch (globals) {
-    case Globals::checked: return "";
-    case Globals::no_tool: return text + ": luacheck is not installed";
-    case Globals::skipped: return text;
+    case Globals::checked:
+      return "";
+    case Globals::no_tool:
+      return text + ": luacheck is not installed";
+    case Globals::skipped:
+      return text;
   }
   return "";
 }
