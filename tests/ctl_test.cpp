@@ -206,7 +206,8 @@ TEST(ClientPacket, HoldsItsLimits) {
       {"\x12\0\0\0--------a\0b\0d\0"s, "its info does not end where the packet does"},
   };
   for (const auto& [packet, why] : rows) {
-    EXPECT_EQ(failure_of([&, &packet = packet] { first_packet(packet); }), "1 the server sent something that is not an event packet: "s + why);
+    EXPECT_EQ(failure_of([&, &packet = packet] { first_packet(packet); }),
+              "1 the server sent something that is not an event packet: "s + why);
   }
 }
 
@@ -231,7 +232,8 @@ TEST(EventText, BearsAnyBytes) {
 TEST(Supervise, KillsWhatDoesNotStop) {
   const RealDaemon root;
   const std::string program = root.path("zelvind");
-  EXPECT_EQ(failure_of([&] { supervise(program, {}); }), "1 failed to start " + program + ": No such file or directory");
+  EXPECT_EQ(failure_of([&] { supervise(program, {}); }),
+            "1 failed to start " + program + ": No such file or directory");
   const char* const detached = "(trap '%s' TERM; kill -TERM $1; while :; do sleep 0.02; done) &";
   const std::pair<std::string, const char*> rows[] = {
       {sstr(detached, ""), "was ended by signal 9"},

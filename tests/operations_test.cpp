@@ -145,6 +145,17 @@ TEST(Check, WarnsOfUndefinedGlobalsWhereLuacheckIsInstalled) {
   }
 }
 
+TEST(Check, RootReadsScriptsAsTheDaemonDoes) {
+  RealDaemon daemon;
+  const std::string as_nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+  if (daemon.launch("chmod 777 $ROOT; " + as_nobody + "test -x $ZELVIND") != 0) GTEST_SKIP() << "needs root";
+  ASSERT_TRUE(daemon.start(as_nobody + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
+  daemon.launch("umask 077; echo >$ROOT/scripts/a.lua");
+  daemon.expect_zelvctl("check", 1, "ROOT/scripts/a.lua: Permission denied for user 65534\n",
+                        "zelvctl: 1 fault; undefined globals were not checked\n");
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
 TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   RealDaemon daemon;
   daemon.write("run/zelvind/events.lock", std::to_string(getpid()));  // stale: this process does not have it open
