@@ -37,7 +37,7 @@ std::vector<std::string> values_of(const CLI::Option& option) {
 
 size_t count_behind_dashes(int argc, char** argv) {
   const auto is_dashes = [](const char* argument) { return std::string_view(argument) == "--"; };
-  const auto found = std::find_if(argv + 1, argv + argc, is_dashes);
+  auto* const found = std::find_if(argv + 1, argv + argc, is_dashes);
   return found == argv + argc ? 0 : static_cast<size_t>(argv + argc - found - 1);
 }
 
@@ -77,8 +77,9 @@ void add(CLI::App& app, const Command& command) {
   added->fallthrough();
 }
 
-// DEVICE_ROOT, which the configuration store reads by itself, after --root has replaced it.
+// DEVICE_ROOT, after --root has replaced it for the configuration store too, which reads it by itself.
 std::string device_root(const CLI::Option& option) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs
   if (!option.empty()) setenv("DEVICE_ROOT", values_of(option).front().c_str(), 1);
   const char* root = getenv("DEVICE_ROOT");
   if (root == nullptr || *root == '\0') return "";

@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/failure.h"
@@ -34,8 +35,8 @@ struct Parameter {
 // What the user has given.
 class Given {
  public:
-  Given(const std::string& the_root, CLI::App& the_command, size_t arguments_behind_dashes)
-      : root(the_root), behind_dashes(arguments_behind_dashes), command(the_command) {}
+  Given(std::string the_root, CLI::App& the_command, size_t arguments_behind_dashes)
+      : root(std::move(the_root)), behind_dashes(arguments_behind_dashes), command(the_command) {}
 
   bool has(const char* parameter) const;
   std::vector<std::string> values(const char* parameter) const;

@@ -13,7 +13,6 @@
 #include "ctl/script_watch.h"
 #include "device/event_source.h"
 #include "device/settings.h"
-#include "util/text.h"
 
 namespace {
 
@@ -52,8 +51,7 @@ long long reloads_wanted(const DaemonState& before) {
 }
 
 [[noreturn]] void fail_without_state(const RunningDaemon& daemon) {
-  fail(sstr("the daemon (process %d) was told to reload, but keeps no state that tells how that ends; see its log",
-            daemon.process()));
+  fail(daemon.text() + " was told to reload, but keeps no state that tells how that ends; see its log");
 }
 
 void wait_for_reload(const RunningDaemon& daemon, long long wanted) {
@@ -62,20 +60,20 @@ void wait_for_reload(const RunningDaemon& daemon, long long wanted) {
     const auto now = daemon.state();
     if (now && now->reloads >= wanted) return;
     if (!now && daemon.is_alive()) fail_without_state(daemon);
-    if (!now) fail(sstr("the daemon (process %d) has ended during the reload; its log says why", daemon.process()));
+    if (!now) fail(daemon.text() + " has ended during the reload; its log says why");
     std::this_thread::sleep_for(kPoll);
   }
-  fail(sstr("the daemon (process %d) has not finished the reload within %lld s and goes on: a script is busy",
-            daemon.process(), static_cast<long long>(kReloadLimit.count())));
+  fail(daemon.text() + " has not finished the reload within " + std::to_string(kReloadLimit.count()) +
+       " s and goes on: a script is busy");
 }
 
 void reload_checked(const RunningDaemon& daemon, FILE* out) {
   const auto before = daemon.state();
-  if (before && before->name == "stopping") fail(sstr("the daemon (process %d) is stopping", daemon.process()));
+  if (before && before->name == "stopping") fail(daemon.text() + " is stopping");
   daemon.send_signal(SIGHUP);
   if (!before) fail_without_state(daemon);
   wait_for_reload(daemon, reloads_wanted(*before));
-  fprintf(out, "the daemon (process %d) has reloaded its scripts\n", daemon.process());
+  fprintf(out, "%s has reloaded its scripts\n", daemon.text().c_str());
   fflush(out);
 }
 
@@ -91,11 +89,11 @@ void reload_at_changes(const ReloadRequest& request, FILE* out) {
   const RunningDaemon daemon = daemon_of(request);
   const ScriptFolders folders = configured_folders(request.root, daemon.folder());
   ScriptWatch watch({folders.script, folders.external});
-  fprintf(out, "watching %s for the daemon (process %d)\n", watch.text().c_str(), daemon.process());
+  fprintf(out, "watching %s for %s\n", watch.text().c_str(), daemon.text().c_str());
   fflush(out);
   for (;;) {
     while (!watch.wait_for_change(kAliveCheckMs)) {
-      if (!daemon.is_alive()) fail(sstr("the daemon (process %d) has gone", daemon.process()));
+      if (!daemon.is_alive()) fail(daemon.text() + " has gone");
     }
     try {
       check_first(daemon, request, out);

@@ -80,7 +80,7 @@ RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const st
     fail(sstr("the daemon (process %d) of %s runs with DEVICE_ROOT '%s', not '%s'; see --root", pid, pid_file.c_str(),
               theirs->c_str(), root.c_str()));
   }
-  return RunningDaemon(pid, root);
+  return {pid, root};
 }
 
 std::string RunningDaemon::folder() const {

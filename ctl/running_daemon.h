@@ -10,8 +10,8 @@
 #include <string>
 
 struct DaemonState {
-  std::string name;   // starting, ready, reloading or stopping
-  long long reloads;  // completed since it started
+  std::string name;       // starting, ready, reloading or stopping
+  long long reloads = 0;  // completed since it started
 };
 
 class RunningDaemon {
@@ -25,6 +25,9 @@ class RunningDaemon {
   static RunningDaemon from_pid_file(const std::string& pid_file, const std::string& root);
 
   pid_t process() const { return pid; }
+
+  // "the daemon (process 12)", for messages.
+  std::string text() const { return "the daemon (process " + std::to_string(pid) + ")"; }
 
   // The folder of its executable; installed_daemon_folder() when the system does not tell.
   std::string folder() const;

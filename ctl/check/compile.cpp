@@ -51,6 +51,17 @@ class Compiler {
   const std::unique_ptr<lua_State, void (*)(lua_State*)> state;
 };
 
+void compile_place(const std::string& place, Compiler& compiler, Findings& findings) {
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(place, ignored)) return compiler.compile(place);
+  if (const std::string reason = why_unreadable_folder(place); !reason.empty()) {
+    return findings.fault(place + ": " + reason);
+  }
+  const std::vector<std::string> names = list_script_files(place);
+  if (names.empty()) findings.fault(place + ": there is no script in it");
+  for (const std::string& name : names) compiler.compile(script_in(place, name));
+}
+
 }  // namespace
 
 std::vector<std::string> compile_configured(const ScriptFolders& folders, Findings& findings) {
@@ -72,17 +83,6 @@ std::vector<std::string> compile_configured(const ScriptFolders& folders, Findin
 
 std::vector<std::string> compile_places(const std::vector<std::string>& places, Findings& findings) {
   Compiler compiler(findings);
-  std::error_code ignored;
-  for (const std::string& place : places) {
-    if (!std::filesystem::is_directory(place, ignored)) {
-      compiler.compile(place);
-    } else if (const std::string reason = why_unreadable_folder(place); !reason.empty()) {
-      findings.fault(place + ": " + reason);
-    } else {
-      const std::vector<std::string> names = list_script_files(place);
-      if (names.empty()) findings.fault(place + ": there is no script in it");
-      for (const std::string& name : names) compiler.compile(script_in(place, name));
-    }
-  }
+  for (const std::string& place : places) compile_place(place, compiler, findings);
   return compiler.good;
 }

@@ -19,13 +19,13 @@ void Findings::set_globals(Globals how) {
 }
 
 std::string Findings::counts() const {
-  const std::string text = faults == 0 ? "" : counted(faults, "fault");
+  std::string text = faults == 0 ? "" : counted(faults, "fault");
   if (warnings == 0) return text;
   return text + (text.empty() ? "" : ", ") + counted(warnings, "warning");
 }
 
 std::string Findings::globals_text() const {
-  const std::string text = "undefined globals were not checked";
+  std::string text = "undefined globals were not checked";
   switch (globals) {
     case Globals::checked:
       return "";
