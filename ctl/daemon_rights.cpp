@@ -36,7 +36,7 @@ Rights rights_of(pid_t daemon) {
     if (key == "Gid:") words >> real >> rights.group;
     if (key != "Groups:") continue;
     is_whole = true;
-    for (gid_t group; words >> group;) rights.groups.push_back(group);
+    for (gid_t group = 0; words >> group;) rights.groups.push_back(group);
   }
   if (!is_whole) refuse_rights(daemon, ESRCH);
   return rights;

@@ -16,9 +16,9 @@
 EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
   if (socket.get() < 0) fail("failed to make a socket: " + error_text(errno));
   // Bounds only the connect, which waits while the queue of connections is full; the sends below never block.
-  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000};
+  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000L};
   setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
-  int result;
+  int result = -1;
   do {
     result = unix_connect(socket.get(), path);
   } while (result < 0 && errno == EINTR);

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr int kSendLimitS = 10;
-constexpr size_t kReceiveSize = 64 * 1024;
+constexpr size_t kReceiveSize = size_t{64} * 1024;
 
 // Returns a connected socket, or none with errno set.
 Descriptor connect_to(const addrinfo& address) {

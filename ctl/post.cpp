@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kBlock = 128 * 1024;
+constexpr size_t kBlock = size_t{128} * 1024;
 static_assert(kBlock > 2 * kEventLineMax, "an unfinished line must leave room to read on");
 
 constexpr char kQuitRefused[] = "type 9999 ends the daemon's event loop; add --quit if that is meant";

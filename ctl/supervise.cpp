@@ -32,6 +32,7 @@ sigset_t set_of(std::initializer_list<int> signals) {
 pid_t spawn(const std::string& program, std::vector<std::string> arguments, const sigset_t& mask) {
   arguments.insert(arguments.begin(), program);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   posix_spawnattr_t attributes;
@@ -52,7 +53,7 @@ pid_t find_child(const std::string& program) {
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
   if (processes == nullptr) fail("failed to read /proc: " + error_text(errno));
   while (const dirent* entry = readdir(processes.get())) {
-    const pid_t pid = atoi(entry->d_name);
+    const auto pid = static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
     const auto process = pid > 0 ? process_entry(pid) : std::nullopt;
     if (process && process->parent == getpid() && process->name == process_name(program)) return pid;
   }
@@ -98,7 +99,7 @@ class Supervisor {
   bool collect(int& daemon_status) const {
     bool ended = false;
     int status = 0;
-    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+    for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       if (pid != daemon) continue;
       daemon_status = status;
       ended = true;
@@ -134,7 +135,7 @@ void supervise(const std::string& program, const std::vector<std::string>& argum
   const sigset_t waited = set_of({SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGCHLD});
   sigset_t mask;
   signal(SIGCHLD, SIG_DFL);  // while it is ignored, no child can be waited for
-  sigprocmask(SIG_BLOCK, &waited, &mask);
+  pthread_sigmask(SIG_BLOCK, &waited, &mask);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t daemon = start(program, arguments, mask);
   Supervisor supervisor(daemon, waited, stop_limit_ms);
