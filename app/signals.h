@@ -26,6 +26,10 @@ void signal_handler(int signal_number);
 // log each. Of more than 256 waiting ones the latest have no lines. Main thread.
 void write_signal_lines();
 
+// Sleeps until the handler has run, on any thread, since this returned last; may return early. Main thread, after
+// install_signals.
+void wait_for_signal();
+
 // True once SIGINT or SIGTERM came, also while the signals are held back. Any thread.
 bool stop_asked();
 
