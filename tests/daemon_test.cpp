@@ -46,16 +46,16 @@ TEST(Daemon, StopsInItsFixedOrder) {
   RealDaemon daemon;
   daemon.write("scripts/a.lua",
                "event_server.cleanup = function() trace(1, 'cleanup') end\n"
-               "on('door', function() repeat sleep(5) local file = io.open(os.getenv('ROOT') .. '/left') until file "
-               "trace(1, 'handled') end)");
+               "on('door', function() io.open(os.getenv('ROOT') .. '/gate'):read() trace(1, 'handled') end)");
+  daemon.launch("mkfifo $ROOT/gate");
   ASSERT_TRUE(daemon.start());
   EventClient client(daemon.port());
   daemon.subscribe(client, "door");
-  EXPECT_TRUE(daemon.post("1 door\n"));
+  daemon.launch("zelvctl post 1 door >/dev/null 2>&1 &");
   EXPECT_EQ(client.read_info(), "");
   daemon.send_signal(SIGTERM);
   EXPECT_TRUE(client.ended());
-  daemon.write("left", "");
+  daemon.write("gate", "");
   EXPECT_EQ(daemon.wait_for_end(), 0);
   const std::string log = daemon.log();
   size_t at = 0;
