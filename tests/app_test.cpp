@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -31,10 +32,12 @@ TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   EXPECT_EQ(standin::log_lines(), (std::vector<std::string>{line + "HUP", line + "PIPE", line + "HUP"}));
 
   // What came meanwhile, on whatever thread, ends the next wait.
+  alarm(20);
   raise(SIGPIPE);
   wait_for_signal();
   std::thread([] { raise(SIGPIPE); }).detach();
   wait_for_signal();
+  alarm(0);
   write_signal_lines();
 
   // Of more than the ring holds, the first ones have their lines.

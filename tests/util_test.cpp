@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <csignal>
+#include <ctime>
 
 #include "device/event_line.h"
 #include "util/clock.h"
@@ -83,7 +84,8 @@ TEST(QuietWrite, TakesAwayItsOwnSignalAndNoOther) {
   raise(SIGPIPE);
   EXPECT_FALSE(write_quietly(ends[1], "x", 1));
   EXPECT_TRUE(is_pending());
-  sigwaitinfo(&pipe_only, nullptr);
+  const timespec at_once{};
+  sigtimedwait(&pipe_only, nullptr, &at_once);
   pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
   close(ends[1]);
 }
