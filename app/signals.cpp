@@ -127,5 +127,5 @@ bool stop_asked() {
 
 void resume_running() {
   g_running = 1;
-  if (g_stop != 0) g_running = 0;  // the handler sets g_stop first: a stop that came in between is seen here
+  if (g_stop != 0) g_running = 0;  // the handler sets g_stop first, so a stop that came in between is seen here
 }
