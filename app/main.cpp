@@ -1,6 +1,8 @@
 // Process entry: options, detaching, pid file, signals; everything else is run().
 
 #include <getopt.h>
+#include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -46,9 +48,19 @@ void detach() {
   if (child != 0) exit(0);
 }
 
+// The shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
+bool is_fifo(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 // The session's id is the daemon's process id.
 void write_pid_file(pid_t session, const std::string& path) {
   if (path.empty()) return;
+  if (is_fifo(path)) {
+    fprintf(stderr, "zelvind: %s is a FIFO: no pid file is written\n", path.c_str());
+    return;
+  }
   const int ignored = system(sstr("echo %d > %s", session, path.c_str()).c_str());
   (void)ignored;  // without one the daemon runs all the same, and the shell has said why
 }
@@ -73,6 +85,9 @@ int run_to_end() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // By default every thread gets a heap of its own, and what one of them has freed is of no use to the others and does
+  // not go back to the system. Our threads rarely allocate at the same time: one heap serves all of them.
+  mallopt(M_ARENA_MAX, 1);
   const std::string pid_file = parse_options(argc, argv);
   block_signals();
   detach();

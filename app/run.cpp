@@ -1,24 +1,21 @@
 #include "app/run.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <exception>
 #include <string>
 
-#include "device/settings.h"
-#include "util/exe_dir.h"
 #include "app/signals.h"
 #include "device/log.h"
 #include "device/service.h"
+#include "device/settings.h"
 #include "extension/manager_extension.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
+#include "util/exe_dir.h"
 #include "util/socket.h"
 
 namespace {
-
-constexpr useconds_t kIdleUs = 100000;
 
 struct Settings {
   std::string script_path;
@@ -61,6 +58,7 @@ bool start(Managers& managers, const Settings& settings) {
     return false;
   }
   elog(2, "zelvind: complete to start program");
+  elog(2, "zelvind: version %s", ZELVIND_VERSION);
   return true;
 }
 
@@ -78,9 +76,9 @@ void reload(Managers& managers, const Settings& settings) {
   tell_service(SERVICE_RELOADED);
 }
 
-// Idles until a stop is asked for; a g_running that a SIGHUP has cleared is none. Each request is taken before it is
-// carried out, so that one which comes meanwhile counts again; but once a stop is asked for, at most one more reload is
-// done.
+// Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. Each request is taken before
+// it is carried out, so that one which comes meanwhile counts again; but once a stop is asked for, at most one more
+// reload is done.
 void idle(Managers& managers, const Settings& settings) {
   for (;;) {
     write_signal_lines();
@@ -91,7 +89,7 @@ void idle(Managers& managers, const Settings& settings) {
     } else if (g_running == 0 && g_stop != 0) {
       return;
     } else {
-      usleep(kIdleUs);
+      wait_for_signal();
     }
   }
 }

@@ -1,5 +1,6 @@
 #include "app/signals.h"
 
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,6 +48,9 @@ class SignalRing {
 
 SignalRing g_arrived;
 
+// Counts the handler's calls. A semaphore, since a handler may post one, and needs no descriptor that could be missing.
+sem_t g_calls;
+
 sigset_t run_signals() {
   sigset_t set;
   sigemptyset(&set);
@@ -79,6 +83,7 @@ void signal_handler(int signal_number) {
     g_running = 0;
   }
   g_arrived.add(signal_number);
+  sem_post(&g_calls);  // last: whoever wakes up finds all of the above
   errno = error;
 }
 
@@ -88,6 +93,7 @@ void block_signals() {
 }
 
 int install_signals() {
+  sem_init(&g_calls, 0, 0);
   struct sigaction action {};
   action.sa_handler = signal_handler;
   action.sa_mask = run_signals();
@@ -106,6 +112,12 @@ void write_signal_lines() {
   }
 }
 
+void wait_for_signal() {
+  sem_wait(&g_calls);  // or an interruption
+  while (sem_trywait(&g_calls) == 0) {
+  }
+}
+
 bool stop_asked() {
   if (g_stop != 0) return true;
   sigset_t waiting;
@@ -115,5 +127,5 @@ bool stop_asked() {
 
 void resume_running() {
   g_running = 1;
-  if (g_stop != 0) g_running = 0;  // the handler sets g_stop first: a stop that came in between is seen here
+  if (g_stop != 0) g_running = 0;  // the handler sets g_stop first, so a stop that came in between is seen here
 }

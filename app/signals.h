@@ -12,8 +12,8 @@ extern std::atomic<int> g_running;  // 0 asks the run loop to leave, when g_stop
 extern std::atomic<int> g_reload;   // 1 asks the run loop for a reload
 extern std::atomic<int> g_stop;     // 1 once SIGINT or SIGTERM came; never cleared
 
-// Blocks the four signals in the calling thread. Called before the fork: a signal that comes before the handler stands
-// waits for it instead of ending the daemon.
+// Blocks the four signals in the calling thread. Called before the fork: a signal that comes before the handler is
+// installed waits for it instead of ending the daemon.
 void block_signals();
 
 // Installs the handler and lets the four signals in. Always 0. Main thread.
@@ -26,7 +26,11 @@ void signal_handler(int signal_number);
 // log each. Of more than 256 waiting ones the latest have no lines. Main thread.
 void write_signal_lines();
 
-// True once SIGINT or SIGTERM came, also while the signals are held back. Any thread.
+// Sleeps until the handler has run, on any thread, since this returned last; may return early. Main thread, after
+// install_signals.
+void wait_for_signal();
+
+// True once SIGINT or SIGTERM came, even while the signals are blocked. Any thread.
 bool stop_asked();
 
 // Sets g_running, unless a stop has been asked for. Main thread.

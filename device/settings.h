@@ -8,8 +8,12 @@
 
 constexpr char kSettingsFile[] = "zelvind.info";
 constexpr char kSettingsDir[1024] = "/opt/flash/mtd4-cfg";  // store libraries may read the whole buffer
-constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // where the embedded store has it
+constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // both, joined, for the embedded store
 constexpr int kSettingMax = 10239;                                    // bytes of a text; a longer one is not used
+
+static_assert(std::string_view(kSettingsPath).find(kSettingsDir) == 0 &&
+                  std::string_view(kSettingsPath).substr(std::string_view(kSettingsDir).size() + 1) == kSettingsFile,
+              "the path of the settings is their folder and their file");
 
 struct Setting {
   enum class Type { number, text };
@@ -50,7 +54,7 @@ inline constexpr Setting listener_memory =
 inline constexpr const Setting* kAll[] = {&log_level,     &script_path,   &external_path,    &dll_path,
                                           &collect_every, &listener_port, &listener_wait_ms, &listener_memory};
 
-// The setting of that key, or null. Any thread, like setting_problem.
+// The setting of that key, or null. Any thread, like problem().
 const Setting* find(std::string_view key);
 
 // What is wrong with `value`, with the key in front and what is expected behind; empty when it is good.

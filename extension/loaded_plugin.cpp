@@ -6,8 +6,8 @@
 
 #include <exception>
 
-#include "util/except.h"
 #include "device/log.h"
+#include "util/except.h"
 #include "util/lua_binding.h"
 
 const PluginKind kEventSource = {
@@ -53,7 +53,7 @@ bool run_guarded(std::string& error, Work&& work) {
   return false;
 }
 
-// For entry points that may use Lua when the kind has it: a Lua error counts as an exception.
+// For entry points that may use Lua if their kind has it: a Lua error counts as an exception.
 template <typename Work>
 bool run_with_lua(const LoadedPlugin& plugin, lua_State* L, std::string& error, Work&& work) {
   if (!plugin.kind->has_lua) return run_guarded(error, work);

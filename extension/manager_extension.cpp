@@ -2,10 +2,10 @@
 
 #include <exception>
 
-#include "util/except.h"
 #include "device/log.h"
 #include "extension/plugin_discovery.h"
 #include "script/manager_script.h"
+#include "util/except.h"
 #include "util/service_thread.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The owner of the daemon's native plug-ins: finds them at start-up, initialises them, tells them of the end and
-// unloads them. What a plug-in is and may do stands in extension/plugin.h.
+// unloads them. extension/plugin.h tells what a plug-in is and may do.
 //
 // One bad plug-in costs one line: it is unloaded again, and the others and the daemon go on without it.
 #pragma once

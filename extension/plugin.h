@@ -42,7 +42,7 @@ ZELVIND_PLUGIN_EXPORT int esource_init(void);
 ZELVIND_PLUGIN_EXPORT void esource_prepare_cleanup(void);
 
 /* Ends the source. The library is closed straight afterwards: every thread of the plug-in must have ended before this
- * returns. Must bear being called after an esource_init that failed half-way. */
+ * returns. Must also work after an esource_init that failed half-way. */
 ZELVIND_PLUGIN_EXPORT void esource_cleanup(void);
 
 /* Adds to the scripts' Lua state what the plug-in offers them, before the first script file runs. `L` is the daemon's
@@ -50,7 +50,7 @@ ZELVIND_PLUGIN_EXPORT void esource_cleanup(void);
  * while Lua calls them, and nowhere else; never from a thread of the plug-in. The stack is empty at the beginning and
  * what is left on it does not matter. Result and failures as with esource_init; a Lua error is a failure too. But what
  * was registered before a failure stays in the Lua state, and the code stays mapped: scripts can call it after
- * eaction_cleanup. So register last, or have the functions bear that. */
+ * eaction_cleanup. So register last, or let the functions check for that. */
 ZELVIND_PLUGIN_EXPORT int eaction_init(lua_State* L);
 
 /* Optional. The last time that the Lua state may be used: it is closed next, and finalizers may still call what the

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -51,6 +53,11 @@ TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
 }
 
 TEST_F(DeviceLog, LinesPiecesAndLevels) {
+  const mode_t mask = umask(0);
+  log_to("file:" + root + "/other");
+  umask(mask);
+  EXPECT_EQ(std::filesystem::status(root + "/other").permissions(), std::filesystem::perms(0640));
+  log_to("file:" + root + "/log");
   elog_set_level("zelvind", 2);
   elog(1, "no end");
   elog(2, "one end\n");

@@ -67,20 +67,42 @@ TEST(Discovery, FindsAllOfOneKindNewestFirst) {
   Lines wanted;
   for (int i = 0; i < 40; ++i) wanted.push_back("libes" + std::to_string(i) + ".so");
   wanted.push_back(long_name(62));
-  for (size_t i = 0; i < wanted.size(); ++i) folder.put(wanted[i], static_cast<int>(i));
+  for (size_t i = 0; i < wanted.size(); ++i) folder.put(wanted[i], static_cast<int>(i + 10));
   folder.put(long_name(63), 60);
-  std::filesystem::create_directories(folder.path / "libes.d.so");
-  for (const char* other : {"libea.so", "libes.so.1", "libes.d.so/inside.so"}) folder.put(other);
+  for (const char* other : {"libea.so", "libes.so.1", "lib", "es.so"}) folder.put(other);
+  std::filesystem::create_symlink(wanted.back(), folder.path / "libes_link.so");  // a link counts by its own time
+  wanted.insert(wanted.begin(), "libes_link.so");
   setenv("QUOTING_STYLE", "c", 1);
   setenv("CDPATH", folder.path.parent_path().c_str(), 1);
-
   std::filesystem::current_path(folder.path.parent_path());
-  EXPECT_EQ(list_plugins(folder.path.filename().string(), "es"), wanted);  // relative, so that CDPATH counts
-  EXPECT_EQ(list_plugins(folder.path.string(), "ea"), Lines{"libea.so"});
-  for (const std::string& none : {folder.path.string() + "/libes.d.so", folder.path.string() + "/none", std::string()})
+
+  const std::string dir = folder.path.string();
+  const std::string search_path = getenv("PATH");
+  setenv("PATH", "/nowhere", 1);  // no shell is needed
+  EXPECT_EQ(list_plugins(dir, "es"), wanted);
+  EXPECT_EQ(list_plugins(dir, "ea"), Lines{"libea.so"});
+  for (const std::string& none : {dir + "/none", dir + "/lib", std::string()}) {
     EXPECT_EQ(list_plugins(none, "es"), Lines{}) << none;
+  }
+  setenv("PATH", search_path.c_str(), 1);
+  // A word that means something to the shell; and a relative one, so that CDPATH counts.
+  for (const std::string& word : {"'" + dir + "'", folder.path.filename().string()}) {
+    EXPECT_EQ(list_plugins(word, "es"), wanted) << word;
+  }
   EXPECT_EQ(standin::log_lines(),
-            (Lines{"<1> mextension: file name longer than 62 characters, not loaded[" + long_name(63) + "]"}));
+            Lines(3, "<1> mextension: file name longer than 62 characters, not loaded[" + long_name(63) + "]"));
+
+  // Names that mean something to the shell, a directory, and the same moment twice.
+  std::filesystem::create_directories(folder.path / "libea.d.so");
+  for (const char* other : {"libea.d.so/inside.so", "libea b.so", "libea_c.so", "libea_a.so", "libea_b.so"}) {
+    folder.put(other);
+  }
+  EXPECT_EQ(list_plugins(dir, "ea"), (Lines{"libea b.so", "libea.so", "libea_a.so", "libea_b.so", "libea_c.so"}));
+  std::filesystem::remove_all(folder.path / "libea.d.so");
+  std::filesystem::remove(folder.path / "libea b.so");
+  EXPECT_EQ(list_plugins(dir, "ea"), (Lines{"libea.so", "libea_a.so", "libea_b.so", "libea_c.so"}));
+  unsetenv("QUOTING_STYLE");
+  unsetenv("CDPATH");
 }
 
 }  // namespace

@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <climits>
+#include <csignal>
+#include <ctime>
 
 #include "device/event_line.h"
 #include "util/clock.h"
+#include "util/quiet_write.h"
 #include "util/safe_text.h"
 #include "util/text.h"
 
@@ -68,6 +73,30 @@ TEST(SafeText, ReadsNothingBehindItsEnd) {
 TEST(Clock, WrapsInThirtyTwoBits) {
   EXPECT_EQ(clock_ms(1000000000, 500000), -727379468);
   EXPECT_EQ(ms_between(INT_MAX, INT_MIN), 1);
+}
+
+TEST(QuietWrite, TakesAwayItsOwnSignalAndNoOther) {
+  const auto is_pending = [] {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE) == 1;
+  };
+  sigset_t pipe_only;
+  sigemptyset(&pipe_only);
+  sigaddset(&pipe_only, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_only, nullptr);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  EXPECT_FALSE(write_quietly(ends[1], "x", 1));
+  EXPECT_FALSE(is_pending());
+  raise(SIGPIPE);
+  EXPECT_FALSE(write_quietly(ends[1], "x", 1));
+  EXPECT_TRUE(is_pending());
+  const timespec at_once{};
+  sigtimedwait(&pipe_only, nullptr, &at_once);
+  pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
+  close(ends[1]);
 }
 
 }  // namespace

@@ -1,14 +1,23 @@
 // The clocks: the wall clock as the scripts and the coroutine scheduler count it, and a steady one for deadlines.
 #pragma once
 
+#include <sys/time.h>
+
 #include <cstdint>
+#include <ctime>
+
+// The arithmetic of now_ms for a wall clock of `seconds` and `microseconds`.
+inline int clock_ms(int64_t seconds, int64_t microseconds) {
+  return static_cast<int>(static_cast<uint32_t>(seconds * 1000 + microseconds / 1000));
+}
 
 // Milliseconds of the wall clock in 32 bits: wraps about every 49.7 days and may be negative. Compare two readings by
 // their signed difference only (ms_between). Any thread.
-int now_ms();
-
-// The arithmetic of now_ms for a wall clock of `seconds` and `microseconds`.
-int clock_ms(int64_t seconds, int64_t microseconds);
+inline int now_ms() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return clock_ms(now.tv_sec, now.tv_usec);
+}
 
 // `later` minus `earlier`, both readings of now_ms, right across a wrap while they lie less than 24.8 days apart.
 inline int ms_between(int earlier, int later) {
@@ -16,4 +25,8 @@ inline int ms_between(int earlier, int later) {
 }
 
 // Milliseconds of a clock that no one sets, for deadlines and silences. Any thread.
-int64_t steady_ms();
+inline int64_t steady_ms() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}

@@ -1,7 +1,10 @@
 // Descriptors: their owner, and the rule that none of ours stands where a standard stream belongs.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 // Owns a descriptor, or nothing (-1). Closing keeps errno. Not shared between threads.
 class Descriptor {
@@ -22,7 +25,14 @@ class Descriptor {
     fd = -1;
     return released;
   }
-  void reset(int owned = -1);
+  void reset(int owned = -1) {
+    if (fd >= 0) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+    }
+    fd = owned;
+  }
 
  private:
   int fd;
@@ -31,4 +41,8 @@ class Descriptor {
 // Moves `fd` to a number of at least 3, close-on-exec, when it is below: a script's print must not go into a socket
 // because the daemon was started with its standard streams closed. Returns the descriptor to use, or -1 with errno set
 // (then `fd` is closed); -1 is passed through. Any thread.
-int above_standard_streams(int fd);
+inline int above_standard_streams(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const Descriptor low(fd);
+  return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstdio>
 #include <exception>
 #include <string>
 
@@ -9,12 +10,20 @@
 class except_base : public std::exception {
  public:
   // printf-style; the message is cut after 10239 characters.
-  explicit except_base(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  explicit except_base(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list arguments;
+    va_start(arguments, format);
+    format_message(format, arguments);
+    va_end(arguments);
+  }
   const char* what() const noexcept override { return message.c_str(); }
 
  protected:
   except_base() = default;
-  void format_message(const char* format, va_list arguments);
+  void format_message(const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+    char buffer[10240];
+    if (vsnprintf(buffer, sizeof(buffer), format, arguments) >= 0) message = buffer;
+  }
 
  private:
   std::string message;
@@ -23,5 +32,10 @@ class except_base : public std::exception {
 // A configuration error.
 class except_conf : public except_base {
  public:
-  explicit except_conf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  explicit except_conf(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list arguments;
+    va_start(arguments, format);
+    format_message(format, arguments);
+    va_end(arguments);
+  }
 };

@@ -7,6 +7,6 @@
 // for, a second at most each time. Returns false when not everything could be written, with errno set. Any thread.
 bool write_fully(int fd, const char* data, size_t size);
 
-// As write_fully, for a pipe or a terminal. A SIGPIPE that this raises is taken away before
-// anybody sees it: a dead log must not be the cause of another log line. Keeps the calling thread's signal mask.
+// As write_fully, for a pipe or a terminal. A SIGPIPE that this raises is taken away before anybody sees it: a dead log
+// must not be the cause of another log line. A SIGPIPE that waited before stays. Keeps the calling thread's signal mask.
 bool write_quietly(int fd, const char* data, size_t size);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 
 #include "util/clock.h"
@@ -18,7 +19,17 @@ class RateLimit {
  public:
   // Asks for a line. Returns its end, or nothing: then the line is counted as left out. `now_seconds` is a reading of a
   // steady clock; only tests give one.
-  std::optional<LeftOut> allow(int64_t now_seconds = steady_ms() / 1000);
+  std::optional<LeftOut> allow(int64_t now_seconds = steady_ms() / 1000) {
+    if (now_seconds == last_second) {
+      ++refused;
+      return {};
+    }
+    last_second = now_seconds;
+    LeftOut left_out;
+    if (refused > 0) snprintf(left_out.text, sizeof(left_out.text), " (and %d more)", refused);
+    refused = 0;
+    return left_out;
+  }
 
  private:
   int64_t last_second = INT64_MIN;  // of the last line allowed

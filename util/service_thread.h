@@ -5,15 +5,21 @@
 
 #include <csignal>
 #include <cstddef>
+#include <initializer_list>
 
 // Holds SIGHUP, SIGINT and SIGTERM back from the calling thread as long as it lives; threads started meanwhile inherit
 // that for good. What came meanwhile is delivered at its end.
 class RunSignalsBlocked {
  public:
-  RunSignalsBlocked();
+  RunSignalsBlocked() {
+    sigset_t run_signals;
+    sigemptyset(&run_signals);
+    for (const int signal_number : {SIGHUP, SIGINT, SIGTERM}) sigaddset(&run_signals, signal_number);
+    pthread_sigmask(SIG_BLOCK, &run_signals, &before);
+  }
   RunSignalsBlocked(const RunSignalsBlocked&) = delete;
   RunSignalsBlocked& operator=(const RunSignalsBlocked&) = delete;
-  ~RunSignalsBlocked();
+  ~RunSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
 
  private:
   sigset_t before;
@@ -26,4 +32,14 @@ constexpr size_t kScriptThreadStack = size_t{4} * 1024 * 1024;
 // Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked, so that those reach the main thread
 // and never cut a script's sleep or a poll short; SIGPIPE stays as it is. The handle goes to *thread, which the caller
 // joins. Returns 0, or an error number as pthread_create does; *thread is then 0. Main thread only.
-int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument, size_t stack_size = kThreadStack);
+inline int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument,
+                                size_t stack_size = kThreadStack) {
+  const RunSignalsBlocked blocked;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, stack_size);
+  const int error = pthread_create(thread, &attributes, body, argument);
+  pthread_attr_destroy(&attributes);
+  if (error != 0) *thread = 0;
+  return error;
+}

@@ -73,7 +73,7 @@ void complain_about_lines(const std::string& path, const struct stat& status, co
 const char* read_file(const std::string& path, std::string& bytes, struct stat& status) {
   const Descriptor file(above_standard_streams(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)));
   if (file.get() < 0 || fstat(file.get(), &status) != 0) return strerrordesc_np(errno);
-  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
   if (status.st_size > kFileMax) return "it is larger than 16 MiB";
   bytes.resize(static_cast<size_t>(status.st_size));
   size_t size = 0;

@@ -16,7 +16,7 @@ bool under_device_root(const std::string& path, std::string& out) {
   static std::atomic<bool> said{false};
   if (!said.exchange(true)) {
     constexpr char kLine[] =
-        "device: DEVICE_ROOT is no absolute path: no settings are read and no event socket is made\n";
+        "device: DEVICE_ROOT is not an absolute path: no settings are read and no event socket is made\n";
     write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
   }
   return false;

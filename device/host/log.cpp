@@ -1,14 +1,27 @@
+// What happens to a message on its way out. Whatever a client, an event or a script put into it, it must not forge a
+// line or drive a terminal:
+//
+//   - a line end stays one in the white space that ends the format, and anywhere in a format without conversions: there
+//     the program itself wrote it; any other is written "\n";
+//   - every other control character is written likewise ("\t", "\x1b"), and so is a byte that is not UTF-8;
+//   - everything else, UTF-8 included, is left as it is.
+
 #include "device/log.h"
 
 #include <pthread.h>
 #include <atomic>
 #include <cerrno>
+#include <clocale>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "device/host/log_target.h"
-#include "device/host/log_text.h"
+#include "util/safe_text.h"
 
 namespace {
 
@@ -18,6 +31,67 @@ LogTarget g_target;
 static_assert(std::is_trivially_destructible_v<LogTarget>, "the log outlives everything");
 
 constexpr size_t kPiecesMax = size_t{1024} * 1024;  // bytes held for a line that does not end
+
+// A script's os.setlocale is for the whole process; it must not change how the log writes a number.
+class PlainLocale {
+ public:
+  PlainLocale() : before(uselocale(plain())) {}
+  PlainLocale(const PlainLocale&) = delete;
+  PlainLocale& operator=(const PlainLocale&) = delete;
+  ~PlainLocale() { uselocale(before); }
+
+ private:
+  static locale_t plain() {
+    static const locale_t the_locale = newlocale(LC_ALL_MASK, "C", nullptr);  // kept: the last line may come at exit
+    return the_locale;
+  }
+  const locale_t before;
+};
+
+std::string format_text(const char* format, va_list arguments) {
+  const PlainLocale locale;
+  char buffer[1024];
+  va_list again;
+  va_copy(again, arguments);
+  const int length = vsnprintf(buffer, sizeof(buffer), format, arguments);
+  std::string text;
+  if (length < 0) {
+    text = format;
+  } else if (static_cast<size_t>(length) < sizeof(buffer)) {
+    text.assign(buffer, static_cast<size_t>(length));
+  } else {
+    text.resize(static_cast<size_t>(length));
+    vsnprintf(text.data(), text.size() + 1, format, again);
+  }
+  va_end(again);
+  return text;
+}
+
+bool has_conversions(const char* format) {
+  for (const char* c = strchr(format, '%'); c != nullptr; c = strchr(c + 2, '%')) {
+    if (c[1] != '%') return true;
+  }
+  return false;
+}
+
+size_t trailing_white_space(const char* format) {
+  const std::string_view text(format);
+  const size_t last = text.find_last_not_of(" \t\n\v\f\r");
+  return last == std::string_view::npos ? text.size() : text.size() - last - 1;
+}
+
+// Formats a message as printf does, whatever the locale, and makes it safe as above.
+std::string log_text(const char* format, va_list arguments) {
+  const std::string raw = format_text(format, arguments);
+  const size_t tail = has_conversions(format) ? trailing_white_space(format) : raw.size();
+  return escaped(raw, tail);
+}
+
+// True when `text` ends in a line of nothing but blanks: the head of a line that more pieces will complete.
+bool ends_in_blanks(const std::string& text) {
+  const size_t last = text.find_last_not_of(' ');
+  return last != std::string::npos && last + 1 < text.size() && text[last] == '\n';
+}
 
 // What a thread has said of lines that are not complete yet.
 struct Pieces {

@@ -15,6 +15,7 @@
 
 #include "util/descriptor.h"
 #include "util/quiet_write.h"
+#include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
@@ -48,10 +49,8 @@ std::string frame(int level, const char* program) {
               level);
 }
 
-void say_on_standard_error(const std::string& what, const char* target) {
-  std::string line = "log: " + what + " '";
-  for (const char* c = target; *c != '\0'; ++c) line += static_cast<unsigned char>(*c) < ' ' ? '?' : *c;
-  line += "': using syslog\n";
+void say_on_standard_error(const std::string& what) {
+  const std::string line = "log: " + escaped(what) + "; using syslog\n";
   write_quietly(STDERR_FILENO, line.data(), line.size());
 }
 
@@ -104,15 +103,15 @@ void LogTarget::choose() {
   if (strcmp(target, "syslog") == 0) return;
   std::string complaint;
   if (strncmp(target, kFilePrefix, strlen(kFilePrefix)) != 0) {
-    complaint = "ELOG_TARGET is none of stderr, file:PATH and syslog, but";
+    complaint = sstr("ELOG_TARGET is '%s': expected stderr, file:PATH or syslog", target);
   } else if (open_file(target + strlen(kFilePrefix))) {
     to_syslog = false;
   } else {
-    complaint = sstr("cannot open the file of ELOG_TARGET (%s)", strerrordesc_np(errno));
+    complaint = sstr("failed to open '%s' of ELOG_TARGET: %s", target + strlen(kFilePrefix), strerrordesc_np(errno));
   }
   if (!complaint.empty() && !complained) {
     complained = true;
-    say_on_standard_error(complaint, target);
+    say_on_standard_error(complaint);
   }
 }
 

@@ -31,13 +31,13 @@ void push_registered(lua_State* L, char* key) {
   lua_rawget(L, LUA_REGISTRYINDEX);
 }
 
-// Pushes the table `table`[name], made when it is not there; `table` is an absolute index. Raw: a strict table of
-// globals does not mind. Raises when something else stands there.
+// Pushes the table `table`[name], made if it is missing; `table` is an absolute index. Raw access, so that a strict table
+// of globals does not object. Raises an error when the value is not a table.
 void push_table_field(lua_State* L, int table, const char* name) {
   lua_pushstring(L, name);
   lua_rawget(L, table);
   if (lua_istable(L, -1)) return;
-  if (!lua_isnil(L, -1)) luaL_error(L, "%s is no table but a %s", name, luaL_typename(L, -1));
+  if (!lua_isnil(L, -1)) luaL_error(L, "%s is a %s, not a table", name, luaL_typename(L, -1));
   lua_pop(L, 1);
   lua_newtable(L);
   lua_pushstring(L, name);
@@ -45,8 +45,8 @@ void push_table_field(lua_State* L, int table, const char* name) {
   lua_rawset(L, table);
 }
 
-// Sees to it that our handler is among those of "proc_done": a script may have replaced the table, and then the events
-// of programs that have ended since went by unheard.
+// Makes sure that our handler is among those of "proc_done": a script may have replaced the table, and the events of
+// programs that have ended since then reached nobody.
 void ensure_handler(lua_State* L) {
   const int top = lua_gettop(L);
   push_table_field(L, LUA_GLOBALSINDEX, "es_proc_done");
@@ -124,7 +124,7 @@ int proc_run(lua_State* L) {
   return 1;
 }
 
-// The handler of "proc_done". Anybody can post such an event: a number that is not of an ended program is passed over.
+// The handler of "proc_done". Anybody can post such an event: a number without a finished program is ignored.
 int proc_done(lua_State* L) {
   lua_settop(L, 0);
   lua_getglobal(L, "evt_field_int");

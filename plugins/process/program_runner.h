@@ -22,12 +22,12 @@ void stop() noexcept;
 
 // The rest is called by one thread at a time, the one that has the Lua state.
 
-// A number above 0 that no program in hand has.
+// A new number above 0, different from those of all programs whose results have not been dropped.
 int next_id() noexcept;
 
 // Has the program argv[0] (a path, or a name to look up in PATH) started with the arguments argv, which a null pointer
-// ends; they are copied. Returns null, or the reason why nothing is done: a literal. When there are
-// too many, the results that wait are posted again: their places come back even if their events are long gone.
+// ends; they are copied. Returns null, or the reason why it is refused: a literal. When there are too many, the events
+// of all finished programs are posted again, so that their places come back even if the first events were missed.
 const char* run(int id, const char* const* argv, int timeout_ms) noexcept;
 
 struct Result {
@@ -39,7 +39,7 @@ struct Result {
 // Gives the result of a program that has ended. Returns false when there is none of that number.
 bool find_result(int id, Result* result) noexcept;
 
-// Has the event of every result posted once more, at most once a second: for results whose event went by unheard.
+// Posts the event of every result once more, at most once a second: for results whose event was missed.
 void post_again() noexcept;
 
 // Forgets a result; its place is free for another program.
