@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "device/log.h"
+#include "script/api_names.h"
 #include "script/script_stop.h"
 #include "util/lua_binding.h"
 
@@ -116,6 +117,7 @@ constexpr luaL_Reg kUtilities[] = {
     {"shift", api<shift>},     {"abs", api<absolute>},  {"isplus", api<isplus>},   {"isminus", api<isminus>},
     {"sleep", api<sleep_ms>},
 };
+static_assert(has_names(kUtilities, kLuaUtilityNames));
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 #include "script/script_api.h"
 
 #include "device/log.h"
+#include "script/api_names.h"
 #include "script/event_access.h"
 #include "script/manager_script.h"
 #include "script/script_coroutine.h"
@@ -66,6 +67,7 @@ constexpr luaL_Reg kScriptApi[] = {
     {"stack_dump", api<stack_dump>},
     {"trace", api<trace>},
 };
+static_assert(has_names(kScriptApi, kScriptApiNames));
 
 }  // namespace
 
