@@ -20,4 +20,7 @@ __attribute__((weak)) int event_post(int type, const char* type_name, const char
 // The number of events that are taken in and parsed, so that event_dequeue is certain to return them without waiting.
 // Script thread only.
 __attribute__((weak)) int event_pending();
+
+// Makes the event_dequeue in progress, or else the next one, return at once without an event. Any thread.
+__attribute__((weak)) void event_wake();
 }

@@ -2,17 +2,14 @@
 
 #include "device/log.h"
 #include "script/api_names.h"
-#include "script/event_access.h"
 #include "script/manager_script.h"
-#include "script/script_coroutine.h"
-#include "script/script_timer.h"
 #include "script/stack_dump.h"
 #include "util/lua_binding.h"
 
 namespace {
 
 ScriptModule& loading_module() {
-  ScriptModule* const module = g_mscript->current_script;
+  ScriptModule* const module = g_mscript->scripts.current();
   if (module == nullptr) throw ScriptError("it is not loading");
   return *module;
 }
@@ -32,7 +29,7 @@ int get_module_name(lua_State* L) {
 }
 
 int set_handler_tag(lua_State* L) {
-  g_mscript->handler_tag = text_arg(L, 1);
+  g_mscript->dispatch.set_handler_tag(text_arg(L, 1));
   return 0;
 }
 

@@ -87,7 +87,7 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart
 
 // Whatever way a script never returns, a stop ends it, says where it was, and spares what runs afterwards.
 TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
-  script.stop_patience_ms = 50;
+  script.stop.patience_ms = 50;
   run_lua("function hang() trace(1, 'hangs') while true do end end");
   for (const std::string code : {"trace(1, 'hangs') while true do sleep(1) end", "for i = 1, 5 do pcall(hang) end",
                                  "coroutine.wrap(function() coroutine.wrap(hang)() end)()",
@@ -109,7 +109,7 @@ TEST_F(EventLoop, AStopEndsWhatHoldsUpTheMainThread) {
   const std::string folder = testing::TempDir() + "hang_" + std::to_string(getpid());
   std::filesystem::create_directory(folder);
   std::ofstream(folder + "/hang.lua") << "\nwhile true do end";
-  script.stop_patience_ms = 50;
+  script.stop.patience_ms = 50;
   script.stop.wanted = [] { return true; };
   run_lua("es_a = { list_func = { { 't', function() trace(1, 'resumed') while true do end end } } }");
   run_lua("event_server = { cleanup = function() while true do end end }");

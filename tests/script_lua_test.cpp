@@ -6,7 +6,6 @@
 // default scripts and the documents are.
 
 #include "script/clua.h"
-#include "script/event_loop.h"
 #include "tests/script_fixture.h"
 
 namespace {
@@ -25,7 +24,7 @@ int ran(lua_State* L) {
 int counts(lua_State* L) {
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->timers.size()));
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->coroutines.size()));
-  lua_pushinteger(L, next_wait_ms(g_mscript->coroutines, g_mscript->clock.milliseconds()));
+  lua_pushinteger(L, g_mscript->coroutines.next_wait_ms(g_mscript->clock.milliseconds(), 1000));
   return 3;
 }
 

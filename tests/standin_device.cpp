@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "device/config_store.h"
 #include "device/event_queue.h"
@@ -23,6 +24,7 @@ struct Device {
   std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
   int refusals = 0, arranged = 0;
+  bool woken = false;
 };
 
 // The device, locked as long as this lives; without a name, until the statement ends.
@@ -95,10 +97,17 @@ void elogr(int level, const char* format, ...) __attribute__((alias("elog")));
 
 event_item* event_dequeue(int timeout_ms) {
   Locked device;
-  if (!device.wait_for(timeout_ms, [&] { return !device->queue.empty(); })) return nullptr;
+  device.wait_for(timeout_ms, [&] { return !device->queue.empty() || device->woken; });
+  if (std::exchange(device->woken, false) || device->queue.empty()) return nullptr;
   Event* event = device->queue.front().release();
   device->queue.pop_front();
   return event;
+}
+
+void event_wake() {
+  const Locked device;
+  device->woken = true;
+  Locked::changed.notify_all();
 }
 
 int event_post(int type, const char* type_name, const char* info) {

@@ -42,7 +42,7 @@ inline int int_arg(lua_State* L, int index) {
 }
 #pragma GCC diagnostic pop
 
-// As int_arg; throws ArgumentError when the argument is no number.
+// As int_arg; throws ArgumentError when the argument is not a number.
 inline int number_arg(lua_State* L, int index) {
   if (lua_isnumber(L, index) == 0) {
     throw ArgumentError(index, std::string("number expected, got ") + luaL_typename(L, index));
@@ -83,8 +83,8 @@ bool protected_call(lua_State* L, std::string& error, const Call& call);
 
 // Runs work(L) inside a protected call, in a frame of its own that starts empty. `work` is a callable that obeys the
 // rules for bodies: when Lua raises, no destructor inside it runs. The stack is afterwards as it was, whatever
-// happened. Returns true, or false with the text of the error in `error`; throws nothing. Only the thread that has the
-// Lua state may call it.
+// happened; it needs room for two values. Returns true, or false with the text of the error in `error`; throws nothing.
+// Only the thread that has the Lua state may call it.
 template <typename Work>
 bool protect(lua_State* L, std::string& error, Work&& work) {
   using Callable = std::remove_reference_t<Work>;
