@@ -22,7 +22,7 @@ constexpr char kCoroutines[] = "for i = 1, 60000 do cr_add(function() cr_yield(1
 // ns per event of a burst, and per pass that finds no event and nothing due. Full collections would hide both: they go
 // through all of the Lua heap, which the records' functions and threads are part of.
 std::pair<double, double> measure(const char* records) {
-  LoopHere loop(handler_of("bench", ""));
+  LoopHere loop(handler_of("bench", "local door, count = evt_field_str('door'), evt_field_int('count')"));
   loop.script.collect_every = 1000000;
   loop.run_lua(records);
   for (int i = 0; i < kEvents; ++i) post(1, kEventName, kEventInfo);

@@ -23,6 +23,9 @@ class LuaGate {
     next,      // a wish: comes before every ordinary turn
   };
 
+  // True when some thread waits for the state. Any thread.
+  bool awaited() const { return (word.load(std::memory_order_relaxed) & kAwaited) != 0; }
+
   // True when the calling thread has the state. Any thread; for assertions.
   bool held_here() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 

@@ -30,6 +30,11 @@ int panic(lua_State* L) {
   abort();
 }
 
+// Lets the loop look again at what is to be done, should it be waiting for an event.
+void wake_loop() {
+  if (event_wake != nullptr) event_wake();
+}
+
 // No exception may leave a thread. Memory can run short anywhere in a pass; what the pass held has been given back by
 // then, and the loop goes on with the next one.
 void* thread_main(void* instance) {
@@ -107,6 +112,7 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   const StopsWhenWanted limited(stop);  // begins anew: what is loaded has its own time
   scripts.clear(lua_state);
   scripts.load(lua_state, script_path, external_path);
+  wake_loop();  // coroutines that were started may be due before the end of its wait
 }
 
 int ManagerScript::start_thread() {
@@ -122,7 +128,7 @@ void ManagerScript::stop_thread() {
   elog(2, "mscript: thread stop...");
   if (thread == 0) return;
   stop.begin_patience();
-  if (event_wake != nullptr) event_wake();
+  wake_loop();
   pthread_join(thread, nullptr);
   stop.end();
   thread = 0;

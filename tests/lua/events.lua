@@ -26,6 +26,9 @@ end
 raises("no event is being dispatched", evt_info)
 raises("bad argument #1 to '?' (number expected, got nil)", trace, nil, "x")
 
+local dump = "lua stack below(4)---\n  1.5    'text'    table(a:1)    thread(8)    \n---\n"
+check("stack dump in a coroutine", dumped_by_coroutine(1.5, "text", { a = 1 }), dump)
+
 -- Whatever stands where a handler table or an entry is looked for costs one line, and the next entry is fine.
 local good = { "good", function() trace(1, "good") end }
 local function first(func) return { list_func = { { "t", func }, good } } end
