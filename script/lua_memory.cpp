@@ -14,11 +14,11 @@ LuaMemory::~LuaMemory() {
 }
 
 lua_State* LuaMemory::new_state() {
-  lay_in();
+  refill();
   return lua_newstate(allocate, this);
 }
 
-void LuaMemory::lay_in() {
+void LuaMemory::refill() {
   if (reserve == nullptr) reserve = malloc(kReserve);
 }
 

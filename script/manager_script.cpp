@@ -197,7 +197,7 @@ void ManagerScript::collect_garbage() {
 void ManagerScript::refill_memory() {
   if (!memory.is_short()) return;
   collect_garbage();
-  memory.lay_in();
+  memory.refill();
 }
 
 const std::string& ManagerScript::current_tag_name() const {

@@ -67,7 +67,7 @@ class ManagerScript {
   bool dispatch_event(const event_item& event);
   // Collects all garbage; a finalizer that fails is logged.
   void collect_garbage();
-  // When a request for memory has failed since the last call: collects all garbage and lays in the next reserve.
+  // Where a request for memory has failed since the last call: collects all garbage and refills the reserve.
   void refill_memory();
 
   // The tag of the script code that runs now; empty when it has none. Only the thread that has the Lua state.

@@ -6,13 +6,13 @@
 
 namespace {
 
-// Between two looks. A look costs a few ns: at this distance it does not show. A loop whose every round waits in C
-// has few instructions a round: sleep() looks by itself.
+// Between two looks. A look costs a few ns: at this distance it does not show. A loop that waits in C executes few
+// instructions: sleep() looks by itself.
 constexpr int kInstructions = 50;
 
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: whoever catches one to report it has this long, and what the pass has still to run.
+// Between two errors: code that catches one to report it has this long, and so has the rest of the pass.
 constexpr int kRespiteMs = 500;
 
 }  // namespace
@@ -70,7 +70,7 @@ bool ScriptStop::is_time_to_raise() {
   return reached == Phase::raising;
 }
 
-// A script that catches the error meets it again and again.
+// A script that catches the error gets it again and again.
 void ScriptStop::say_stopped(const lua_Debug& at) {
   const auto left_out = said.allow();
   if (!left_out) return;
