@@ -91,15 +91,6 @@ void dispatch(Figures& figures) {
   figures["post_ns"] = measured.post_ns;
 }
 
-// What the same events cost with more on the Lua heap: each full collection goes through all of it.
-void heap(Figures& figures, int collect_every) {
-  LoopHere loop(handlers());
-  loop.script.collect_every = collect_every;
-  figures["empty_ns"] = measure_loop(loop).loop_ns;
-  loop.run_lua("kept = {} repeat for _ = 1, 1000 do kept[#kept + 1] = { 1 } end until collectgarbage('count') > 10240");
-  figures["10mb_ns"] = measure_loop(loop).loop_ns;
-}
-
 double measure_script_ms(LoopHere& loop) {
   const Stopwatch watch;
   loop.run_lua("local t = {} for i = 1, 1000000 do t[i % 16] = i * 2 + #t end");
@@ -125,8 +116,5 @@ double dispatch_rate() {
 
 void add_dispatch_benchmark() {
   add_benchmark("dispatch", 15, dispatch);
-  for (const int every : {20, 1000}) {
-    add_benchmark("heap/" + std::to_string(every), 3, [every](Figures& figures) { heap(figures, every); });
-  }
   add_benchmark("hook", 15, hook);
 }

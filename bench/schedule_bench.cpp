@@ -1,51 +1,14 @@
-// Timers and coroutines: what 60,000 that are not due cost an event and a pass, and how late a coroutine is resumed.
+// coroutine_lateness: how late a coroutine is resumed.
 
 #include <poll.h>
 
 #include <ctime>
-#include <utility>
 
 #include "bench/benchmarks.h"
 #include "bench/figures.h"
 #include "bench/loop_here.h"
-#include "bench/posters.h"
-#include "device/event_queue.h"
 
 namespace {
-
-constexpr int kEvents = 60000;  // the queue holds 65,536
-constexpr int kPasses = 20000;
-
-constexpr char kTimers[] = "for i = 1, 60000 do tmr_add(function() end, 1000000, os.time(), nil) end";
-constexpr char kCoroutines[] = "for i = 1, 60000 do cr_add(function() cr_yield(1000000) end, 0, nil) end";
-
-// ns per event of a burst, and per pass that finds no event and nothing due. Full collections would hide both: they go
-// through all of the Lua heap, which the records' functions and threads are part of.
-std::pair<double, double> measure(const char* records) {
-  LoopHere loop(handler_of("bench", "local door, count = evt_field_str('door'), evt_field_int('count')"));
-  loop.script.collect_every = 1000000;
-  loop.run_lua(records);
-  for (int i = 0; i < kEvents; ++i) post(1, kEventName, kEventInfo);
-  post(EVENT_TYPE_QUIT, "quit");
-  const double event_ns = loop.run_to_quit() * 1e9 / kEvents;
-  const LuaTurn turn(loop.script.gate);
-  const Stopwatch watch;
-  for (int i = 0; i < kPasses; ++i) {
-    benchmark::DoNotOptimize(loop.script.next_wait_ms());
-    loop.script.resume_coroutines();
-  }
-  return {event_ns, watch.seconds() * 1e9 / kPasses};
-}
-
-void many(Figures& figures, const char* records) {
-  const auto [floor_event_ns, floor_pass_ns] = measure("");
-  const auto [event_ns, pass_ns] = measure(records);
-  figures["event_ns"] = event_ns;
-  figures["floor_event_ns"] = floor_event_ns;
-  figures["ratio"] = event_ns / floor_event_ns;
-  figures["pass_ns"] = pass_ns;
-  figures["floor_pass_ns"] = floor_pass_ns;
-}
 
 // Eight coroutines that wait 3 to 24 ms in turn, 120 times each; the last one to end ends the loop.
 constexpr char kSleepers[] = R"(
@@ -110,7 +73,5 @@ void coroutine_lateness(Figures& figures) {
 }  // namespace
 
 void add_schedule_benchmarks() {
-  add_benchmark("many_timers", 9, [](Figures& figures) { many(figures, kTimers); });
-  add_benchmark("many_coroutines", 9, [](Figures& figures) { many(figures, kCoroutines); });
   add_benchmark("coroutine_lateness", 5, coroutine_lateness);
 }
