@@ -8,15 +8,15 @@ void LuaGate::enter(Turn turn) {
 
 void LuaGate::wait_and_take(Turn turn) {
   MutexLock lock(mutex);
-  const bool is_wish = turn == Turn::next;
-  wishes += is_wish ? 1 : 0;
+  const bool is_next = turn == Turn::next;
+  waiting_for_next += is_next ? 1 : 0;
   ++waiting;
   // From here on the word is neither 0 nor kHeld: nobody changes it without the mutex.
-  while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_wish && wishes > 0)) {
+  while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_next && waiting_for_next > 0)) {
     changed.wait(lock);
   }
   --waiting;
-  wishes -= is_wish ? 1 : 0;
+  waiting_for_next -= is_next ? 1 : 0;
   word.store(waiting > 0 ? kHeld | kAwaited : kHeld, std::memory_order_relaxed);
 }
 

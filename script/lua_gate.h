@@ -1,12 +1,13 @@
 // Who has the Lua state.
 //
 // The event loop takes it for the Lua work of each pass; the main thread takes it for a reload, at the latest when the
-// work in progress is done, also while events come without a pause. A plain mutex does not give that: the loop lets go
-// and has it again before the other thread wakes up. So whoever comes for a reload leaves a wish, and the loop waits
-// while there is one.
+// work in progress is done, also while events come without a pause. A plain mutex does not guarantee that: the loop
+// releases it and has it again before the other thread wakes up. So a thread can ask for the next turn, and ordinary
+// turns wait while one does.
 //
-// The loop passes here twice for each event, nearly always alone. So as long as nobody waits, one atomic word is all
-// there is; the first one to wait marks it, and until the last one has been served everybody goes by the mutex.
+// The loop takes one or two turns for each event, nearly always alone. So as long as nobody waits, one atomic word is
+// all there is; the first one to wait marks it, and until the last one has been served, every turn goes through the
+// mutex.
 #pragma once
 
 #include <atomic>
@@ -19,8 +20,8 @@
 class LuaGate {
  public:
   enum class Turn {
-    ordinary,  // waits for everybody who wishes for the state
-    next,      // a wish: comes before every ordinary turn
+    ordinary,  // waits while a thread waits for the next turn
+    next,      // comes before every ordinary turn that waits
   };
 
   // True when some thread waits for the state. Any thread.
@@ -43,8 +44,8 @@ class LuaGate {
   std::atomic<std::thread::id> holder{};  // nobody's while nobody has the state
   Mutex mutex;
   std::condition_variable_any changed;
-  int wishes GUARDED_BY(mutex) = 0;   // turns of kind `next` that wait
-  int waiting GUARDED_BY(mutex) = 0;  // turns of both kinds that wait
+  int waiting GUARDED_BY(mutex) = 0;           // turns of both kinds that wait
+  int waiting_for_next GUARDED_BY(mutex) = 0;  // those of kind `next`
 };
 
 // Has the Lua state as long as it lives. One per thread at a time.
