@@ -171,10 +171,16 @@ TEST(ScriptStop, Phases) {
   }
 }
 
+bool main_thread_sleeps() {
+  std::string stat;
+  std::getline(std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/stat"), stat);
+  return stat.find(") S ") != std::string::npos;
+}
+
 // A reload gets the state when the pass in progress ends, although events wait and the loop wants it again at once.
 TEST_F(EventLoop, AReloadComesBeforeTheNextPass) {
   const lua_CFunction wait_for_reload = [](lua_State*) {
-    while (!g_mscript->gate.awaited()) sched_yield();
+    while (!g_mscript->gate.awaited() || !main_thread_sleeps()) sched_yield();
     return 0;
   };
   lua_register(script.lua_state, "wait_for_reload", wait_for_reload);
