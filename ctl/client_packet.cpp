@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kSubscriptionMax = 65024;        // bytes; the daemon refuses a longer packet
 constexpr uint32_t kEventMin = 14;                // an empty name and an empty info
-constexpr uint32_t kEventMax = 64 * 1024 * 1024;  // no more fits into the daemon's queue
+constexpr uint32_t kEventMax = 64 * 1024 * 1024;  // the daemon's queue holds no more
 constexpr size_t kNameOffset = 12;
 
 void append_integer(std::string& packet, uint32_t value) {
@@ -25,12 +25,12 @@ uint32_t integer_at(std::string_view bytes, size_t offset) {
 
 void check_name(const std::string& name) {
   const char* error = check_event_name(name);
-  if (error == nullptr && name.find(',') != std::string::npos) error = "a name to listen for cannot hold a comma";
+  if (error == nullptr && name.find(',') != std::string::npos) error = "a name to subscribe to cannot contain a comma";
   if (error != nullptr) throw Failure(Exit::usage, "NAME '" + name + "': " + error);
 }
 
 [[noreturn]] void refuse_packet(const std::string& why) {
-  fail("what came is no event packet: " + why);
+  fail("the server sent something that is not an event packet: " + why);
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ std::string subscription_packet(std::vector<std::string> names) {
   }
   const size_t size = 8 + type_string.size() + 1;
   if (size > kSubscriptionMax) {
-    throw Failure(Exit::usage, "the names are too long together: at most 65015 bytes, commas included");
+    throw Failure(Exit::usage, "the names are too long: expected at most 65015 bytes together, commas included");
   }
   std::string packet;
   append_integer(packet, static_cast<uint32_t>(size));

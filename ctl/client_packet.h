@@ -6,10 +6,11 @@
 //   offset 8  type string, zero byte        offset 8   microseconds
 //                                           offset 12  name, zero byte, info, zero byte
 //
-// The daemon looks for an event's name in the type string, a comma-separated list, and counts only the first place
-// where it finds it: right at the beginning or just behind a comma. So names are sent shortest first, or the first
-// place of one could lie inside a longer one; and since "vsignal" is also found in "vsignal2", a client must compare
-// the names of the events that come. Described for all clients in docs/protocol.md. No sockets here.
+// The daemon searches the type string, a comma-separated list, for an event's name. Only the first place where it finds
+// the name counts: it must be at the beginning or just after a comma. So names are sent shortest first: otherwise the
+// first place of a name could lie inside a longer one before it. And since "vsignal" is also found in "vsignal2", a
+// client must compare the names of the events that come. docs/protocol.md describes this for all clients. No sockets
+// here.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +19,8 @@
 #include <string_view>
 #include <vector>
 
-// The packet that subscribes to `names`. Throws Failure(Exit::usage) when one of them cannot be the name of an event or
-// cannot stand in the list, or when they are too long together.
+// The packet that subscribes to `names`. Throws Failure(Exit::usage) when one of them cannot be an event's name or
+// cannot be in the list, or when they are too long together.
 std::string subscription_packet(std::vector<std::string> names);
 
 struct ReceivedEvent {
@@ -31,5 +32,5 @@ struct ReceivedEvent {
 };
 
 // The packet at the beginning of `bytes`, or nothing when its end has not come yet. Throws Failure(Exit::unreachable)
-// when these bytes cannot begin a packet: whoever sends them is not the daemon.
+// when the bytes cannot begin a packet: the sender is not the daemon.
 std::optional<ReceivedEvent> first_packet(std::string_view bytes);

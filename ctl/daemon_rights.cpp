@@ -18,10 +18,10 @@ struct Rights {
 };
 
 [[noreturn]] void refuse_rights(pid_t daemon, int error) {
-  fail("cannot take the rights of the daemon (process " + std::to_string(daemon) + "): " + error_text(error));
+  fail("failed to take the rights of the daemon (process " + std::to_string(daemon) + "): " + error_text(error));
 }
 
-// Lines "Uid: REAL EFFECTIVE ...", "Gid:" alike, "Groups: GROUP...".
+// Reads the lines "Uid: REAL EFFECTIVE ...", "Gid: REAL EFFECTIVE ..." and "Groups: GROUP ...".
 Rights rights_of(pid_t daemon) {
   std::ifstream status("/proc/" + std::to_string(daemon) + "/status");
   if (!status) refuse_rights(daemon, errno);
@@ -36,7 +36,7 @@ Rights rights_of(pid_t daemon) {
     if (key == "Gid:") words >> real >> rights.group;
     if (key != "Groups:") continue;
     is_whole = true;
-    for (gid_t group; words >> group;) rights.groups.push_back(group);
+    for (gid_t group = 0; words >> group;) rights.groups.push_back(group);
   }
   if (!is_whole) refuse_rights(daemon, ESRCH);
   return rights;
@@ -44,7 +44,7 @@ Rights rights_of(pid_t daemon) {
 
 }  // namespace
 
-// The real user changes too, since access() goes by it; the saved one stays root, which is the way back.
+// The real user changes too, since access() uses it. The saved one stays root, for the way back.
 DaemonRights::DaemonRights(pid_t daemon) : group(getegid()) {
   if (geteuid() != 0) return;
   const Rights theirs = rights_of(daemon);
@@ -65,7 +65,7 @@ DaemonRights::~DaemonRights() {
 }
 
 void DaemonRights::give_back() const {
-  // What would be left is neither root nor the daemon's user.
+  // Going on with a mixture of both users' rights would be worse.
   if (setresuid(0, 0, 0) != 0 || setresgid(group, group, group) != 0 || setgroups(groups.size(), groups.data()) != 0) {
     abort();
   }

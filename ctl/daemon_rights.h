@@ -1,12 +1,13 @@
-// The daemon's rights to files, for a check by root: a script that root can read and the daemon cannot ends the daemon.
+// The daemon's rights to files, for a check that root runs: a script that the daemon cannot read ends the daemon, and
+// root can read all of them.
 #pragma once
 
 #include <sys/types.h>
 #include <vector>
 
-// As long as it lives, this process goes by the user, the group and the groups of process `daemon`, when it was root's
-// and the daemon is another user's; otherwise nothing changes. Not by the daemon's capabilities, nor by its view of the
-// file system.
+// While it lives, our process has the user, the group and the groups of process `daemon`; it does not take the daemon's
+// capabilities or its view of the file system. Nothing changes unless root runs us and another user runs the daemon.
+// One thread only.
 class DaemonRights {
  public:
   // Throws Failure(Exit::unreachable) when the daemon has gone or its rights cannot be taken.

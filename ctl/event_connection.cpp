@@ -14,11 +14,11 @@
 #include "util/unix_socket.h"
 
 EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
-  if (socket.get() < 0) fail("cannot make a socket: " + error_text(errno));
-  // Bounds the connect alone, which waits while too many others stand in line; sends below never block.
-  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000};
+  if (socket.get() < 0) fail("failed to make a socket: " + error_text(errno));
+  // Bounds only the connect, which waits while the queue of connections is full; the sends below never block.
+  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000L};
   setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
-  int result;
+  int result = -1;
   do {
     result = unix_connect(socket.get(), path);
   } while (result < 0 && errno == EINTR);
@@ -43,7 +43,7 @@ void EventConnection::send(std::string_view lines) {
 void EventConnection::wait_for_input(int input) const {
   pollfd entries[] = {{input, POLLIN, 0}, {socket.get(), POLLRDHUP, 0}};
   while (poll(entries, 2, -1) < 0) {
-    if (errno != EINTR) fail("cannot wait for input: " + error_text(errno));
+    if (errno != EINTR) fail("failed to wait for input: " + error_text(errno));
   }
   if (entries[1].revents != 0) fail("the daemon closed the connection");
 }
@@ -55,9 +55,8 @@ void EventConnection::finish(bool quit_sent) {
     char ignored[256];
     const ssize_t received = recv(socket.get(), ignored, sizeof(ignored), MSG_DONTWAIT);
     if (received == 0) return;
-    // The kernel reports a reset when the daemon closed with something still unread.
-    if (received < 0 && errno == EAGAIN && quit_sent && untaken_bytes() == 0) return;
-    if (received < 0 && errno != EAGAIN && errno != EINTR) {
+    if (received < 0 && errno == EAGAIN && quit_sent && unread_bytes() == 0) return;
+    if (received < 0 && errno != EAGAIN && errno != EINTR) {  // a reset: the daemon left something unread
       fail("the daemon went away before it took in everything: " + error_text(errno));
     }
   }
@@ -66,30 +65,30 @@ void EventConnection::finish(bool quit_sent) {
 void EventConnection::wait_for(short events, bool enough_when_read) const {
   using Clock = std::chrono::steady_clock;
   const int slice_ms = std::clamp(limit_ms / 20, 1, 100);
-  int untaken = untaken_bytes();
+  int unread = unread_bytes();
   Clock::time_point last_progress = Clock::now();
   for (;;) {
     pollfd entry{socket.get(), events, 0};
     const int ready = poll(&entry, 1, slice_ms);
     if (ready > 0) return;
-    if (ready < 0 && errno != EINTR) fail("cannot wait for the daemon: " + error_text(errno));
-    const int now_untaken = untaken_bytes();
-    if (now_untaken == 0 && enough_when_read) return;
-    if (now_untaken < untaken) {
-      untaken = now_untaken;
+    if (ready < 0 && errno != EINTR) fail("failed to wait for the daemon: " + error_text(errno));
+    const int now_unread = unread_bytes();
+    if (now_unread == 0 && enough_when_read) return;
+    if (now_unread < unread) {
+      unread = now_unread;
       last_progress = Clock::now();
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
-      if (now_untaken > 0) fail("the daemon has taken in nothing for " + limit_text());
-      fail("the daemon has read everything and been busy for " + limit_text() +
-           " since; it may handle the events later, and to send them again may double them");
+      if (now_unread > 0) fail("the daemon has read nothing for " + limit_text());
+      fail("the daemon has read everything and then been busy for " + limit_text() +
+           "; it may still handle the events, and posting them again may double them");
     }
   }
 }
 
-int EventConnection::untaken_bytes() const {
-  int untaken = 0;
-  ioctl(socket.get(), SIOCOUTQ, &untaken);
-  return untaken;
+int EventConnection::unread_bytes() const {
+  int unread = 0;
+  ioctl(socket.get(), SIOCOUTQ, &unread);
+  return unread;
 }
 
 std::string EventConnection::limit_text() const {

@@ -1,8 +1,8 @@
-// A poster's connection to the daemon's event socket: lines go in, and the daemon's end of stream says that it has
-// taken in all of them.
+// A connection to the daemon's event socket: we send lines, and the daemon ends the stream when it has taken in all of
+// them.
 //
-// The daemon reads only while its queue has room, so a send may have to wait. That is no failure while the daemon goes
-// on taking data; when it has taken nothing for the whole limit, it is one.
+// The daemon reads only while its queue has room, so a send may have to wait. It waits as long as the daemon goes on
+// reading, and fails when the daemon has read nothing for the whole limit.
 #pragma once
 
 #include <string>
@@ -12,9 +12,9 @@
 
 constexpr int kProgressLimitMs = 10000;
 
-// Not shared between threads. Every member throws Failure(Exit::unreachable) when the daemon is gone, closes the
-// connection, or makes no progress for the limit. None of these means that nothing was
-// taken in: what has been sent the daemon still takes in when it comes to it.
+// One thread only. Every member throws Failure(Exit::unreachable) when the daemon is gone, closes the connection, or
+// makes no progress for the limit. That does not mean that the events are lost: the daemon may still take in what was
+// sent.
 class EventConnection {
  public:
   // Connects to the event socket at `path`. `limit_ms` is the longest wait without progress.
@@ -26,14 +26,14 @@ class EventConnection {
   // Waits, for as long as it takes, until `input` can be read.
   void wait_for_input(int input) const;
 
-  // Says that nothing more will come, and waits until the daemon has taken in all that was sent. When an event among it
-  // may end the daemon's loop (`quit_sent`), there may be nobody left to end the stream: then it is enough that the
-  // daemon has read everything.
+  // Ends the sending, and waits until the daemon has taken in everything. When one of the events may have ended the
+  // daemon's loop (`quit_sent`), nobody may be left to end the stream: then it is enough that the daemon has read
+  // everything.
   void finish(bool quit_sent);
 
  private:
   void wait_for(short events, bool enough_when_read = false) const;
-  int untaken_bytes() const;
+  int unread_bytes() const;
   std::string limit_text() const;
 
   const int limit_ms;

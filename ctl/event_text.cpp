@@ -14,7 +14,7 @@ nlohmann::json fields_of(std::string_view info) {
     const std::string_view item = info.substr(0, info.find('&'));
     const size_t equals = item.find('=');
     if (equals != std::string_view::npos) {
-      fields.emplace(item.substr(0, equals), item.substr(equals + 1));  // leaves a field alone that is already there
+      fields.emplace(item.substr(0, equals), item.substr(equals + 1));  // a field that is already there stays
     } else if (!item.empty()) {
       bare_items.emplace(item, "");
     }

@@ -1,16 +1,16 @@
-// How `zelvctl listen` writes an event, one line each.
+// How `zelvctl listen` writes an event: one line.
 #pragma once
 
 #include <string>
 
 #include "ctl/client_packet.h"
 
-// "SECONDS.MICROSECONDS NAME INFO" with six digits of microseconds; without the last blank when there is no info.
-// Control characters, line ends among them, and bytes that are no UTF-8 are escaped (util/safe_text.h): no event can
-// drive a terminal.
+// "SECONDS.MICROSECONDS NAME INFO" with six digits of microseconds; without the last blank when there is no info. No
+// event can drive a terminal: control characters, line ends too, and bytes that are not UTF-8 are escaped
+// (util/safe_text.h).
 std::string plain_text(const ReceivedEvent& event);
 
-// {"time":SECONDS.MICROSECONDS,"name":NAME,"fields":{FIELD:VALUE,...}} with texts as values of the fields, which are
-// sorted by name. Of a field that comes twice the first counts, as it does for scripts; an item without "=" is a field
-// with an empty value; bytes that are no UTF-8 become U+FFFD.
+// {"time":SECONDS.MICROSECONDS,"name":NAME,"fields":{FIELD:VALUE,...}}. The fields are sorted by name and their values
+// are texts. When a field comes twice, the first one counts, as for scripts. An item without "=" is a field with an
+// empty value. Bytes that are not UTF-8 become U+FFFD.
 std::string json_text(const ReceivedEvent& event);

@@ -7,13 +7,13 @@
 
 enum class Exit {
   done = 0,
-  // The daemon could not be reached or went away, the output could not be written, scripts have faults.
+  // The daemon could not be reached or went away, the output could not be written, or scripts have faults.
   unreachable = 1,
-  // Wrong arguments, or input that is no event.
+  // Wrong arguments, or input that is not an event.
   usage = 2,
 };
 
-// Thrown where the failure is noticed; main writes the sentence and ends the program.
+// Thrown where the failure is found; main writes the sentence and ends the program.
 class Failure : public std::runtime_error {
  public:
   Failure(Exit exit_status, const std::string& sentence) : std::runtime_error(sentence), status(exit_status) {}

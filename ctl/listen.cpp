@@ -11,27 +11,25 @@
 #include <set>
 
 #include "ctl/client_packet.h"
+#include "ctl/configuration.h"
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
-#include "device/log.h"
-#include "device/settings.h"
 #include "util/descriptor.h"
-#include "util/except.h"
 #include "util/text.h"
 
 namespace {
 
 constexpr int kSendLimitS = 10;
-constexpr size_t kReceiveSize = 64 * 1024;
+constexpr size_t kReceiveSize = size_t{64} * 1024;
 
-// A connected socket, or none with errno set.
+// Returns a connected socket, or none with errno set.
 Descriptor connect_to(const addrinfo& address) {
   Descriptor fd(
       above_standard_streams(socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol)));
   if (fd.get() < 0) return fd;
   const timeval send_limit{kSendLimitS, 0};  // holds for the connect too
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
-  // A daemon whose machine has lost its power says nothing: have the kernel ask after a minute of silence.
+  // A machine that has lost its power closes nothing: the kernel probes the connection after a minute of silence.
   const struct {
     int level, option, value;
   } keep_alive[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
@@ -51,7 +49,7 @@ Descriptor connect_to(const std::string& host, int port) {
   wanted.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const int error = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &found);
-  if (error != 0) fail("cannot find host " + host + ": " + gai_strerror(error));
+  if (error != 0) fail("failed to find host " + host + ": " + gai_strerror(error));
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
   for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
     Descriptor fd = connect_to(*address);
@@ -66,18 +64,18 @@ void send_all(int fd, std::string_view bytes) {
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<size_t>(sent));
     } else if (errno != EINTR) {
-      fail("the daemon did not take the subscription: " + error_text(errno));
+      fail("failed to send the subscription: " + error_text(errno));
     }
   }
 }
 
-// Appends what the daemon sends next to `held`. Waiting also ends when `out` is a pipe whose reader has gone.
+// Waits and appends to `held` what the daemon sends. Fails when `out` is a pipe whose reader has gone, too.
 void receive(int fd, FILE* out, std::string& held) {
   pollfd entries[] = {{fd, POLLIN, 0}, {fileno(out), 0, 0}};
   while (poll(entries, 2, -1) < 0) {
-    if (errno != EINTR) fail("cannot wait for the daemon: " + error_text(errno));
+    if (errno != EINTR) fail("failed to wait for the daemon: " + error_text(errno));
   }
-  if (entries[1].revents != 0) fail("cannot write the output: its reader has gone");
+  if (entries[1].revents != 0) fail("failed to write the output: its reader has gone");
   char bytes[kReceiveSize];
   const ssize_t received = recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT);
   if (received == 0) fail("the daemon closed the connection");
@@ -87,27 +85,13 @@ void receive(int fd, FILE* out, std::string& held) {
 
 void write_event(FILE* out, const std::string& line) {
   if (fwrite(line.data(), 1, line.size(), out) != line.size() || fflush(out) != 0) {
-    fail("cannot write the output: " + error_text(errno));
+    fail("failed to write the output: " + error_text(errno));
   }
 }
 
 }  // namespace
 
-int configured_port() {
-  elog_set_level("zelvctl", 0);  // complaints about the file are the daemon's to make
-  int port = settings::listener_port.absent;
-  try {
-    port = SettingsFile().number(settings::listener_port);
-  } catch (const except_conf&) {  // without a file the default counts
-  }
-  if (port == 0) {
-    throw Failure(Exit::usage,
-                  sstr("the configuration says listener_port = %d; give the daemon's port with --port", port));
-  }
-  return port;
-}
-
-void listen(const ListenRequest& request, FILE* out) {
+void print_events(const ListenRequest& request, FILE* out) {
   const std::set<std::string, std::less<>> names(request.names.begin(), request.names.end());
   const std::string subscription = subscription_packet(request.names);
   const Descriptor fd = connect_to(request.host, request.port != 0 ? request.port : configured_port());

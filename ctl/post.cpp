@@ -5,13 +5,13 @@
 #include <cstring>
 
 #include "ctl/failure.h"
-#include "device/event_queue.h"
 #include "device/event_line.h"
+#include "device/event_queue.h"
 
 namespace {
 
-constexpr size_t kBlock = 128 * 1024;
-static_assert(kBlock > 2 * kEventLineMax, "a line in the making must leave room to read on");
+constexpr size_t kBlock = size_t{128} * 1024;
+static_assert(kBlock > 2 * kEventLineMax, "an unfinished line must leave room to read on");
 
 constexpr char kQuitRefused[] = "type 9999 ends the daemon's event loop; add --quit if that is meant";
 
@@ -21,20 +21,20 @@ constexpr char kQuitRefused[] = "type 9999 ends the daemon's event loop; add --q
 
 void check_field(const std::string& field) {
   const size_t equals = field.find('=');
-  if (equals == std::string::npos) refuse("'" + field + "' is no FIELD=VALUE");
+  if (equals == std::string::npos) refuse("'" + field + "' is not FIELD=VALUE");
   const std::string name = field.substr(0, equals);
-  if (name.empty()) refuse("'" + field + "' names no field");
-  if (name.find('&') != std::string::npos) refuse("field '" + name + "': a name cannot hold an '&'");
-  if (field.find('&') != std::string::npos) refuse("field '" + name + "': a value cannot hold an '&'");
-  if (field.find('\n') != std::string::npos) refuse("field '" + name + "': a field cannot hold a line end");
+  if (name.empty()) refuse("'" + field + "': the field's name is missing");
+  if (name.find('&') != std::string::npos) refuse("field '" + name + "': a field's name cannot contain '&'");
+  if (field.find('&') != std::string::npos) refuse("field '" + name + "': a field's value cannot contain '&'");
+  if (field.find('\n') != std::string::npos) refuse("field '" + name + "': a field cannot contain a line end");
 }
 
-// Walks through whole lines and stops at the first bad one.
+// Checks whole lines and stops at the first bad one.
 class LineCheck {
  public:
   explicit LineCheck(bool allow_quit) : quit_allowed(allow_quit) {}
 
-  // How many of `bytes` are good lines, line feeds included. A line that has not ended yet waits for the rest.
+  // How many of `bytes` are good lines, line feeds included. A line without its line feed waits for the rest.
   size_t good_bytes(std::string_view bytes) {
     size_t good = 0;
     while (complaint.empty() && good < bytes.size()) {
@@ -64,19 +64,19 @@ class LineCheck {
   unsigned long long line_number = 0;
 };
 
-// Reads what is there into block[held...kBlock - 1]; 0 at the end of the input.
+// Reads what is there into block[held] and behind. Returns the number of bytes, 0 at the end of the input.
 size_t read_some(int input, char* block, size_t held) {
   for (;;) {
     const ssize_t got = read(input, block + held, kBlock - held);
     if (got >= 0) return static_cast<size_t>(got);
-    if (errno != EINTR && errno != EAGAIN) refuse("cannot read standard input: " + error_text(errno));
+    if (errno != EINTR && errno != EAGAIN) refuse("failed to read standard input: " + error_text(errno));
   }
 }
 
 }  // namespace
 
-std::string event_line(const std::string& type, const std::string& name, const std::vector<std::string>& fields,
-                       bool quit_allowed) {
+std::string line_of_event(const std::string& type, const std::string& name, const std::vector<std::string>& fields,
+                          bool quit_allowed) {
   if (const char* error = check_event_name(name)) refuse("NAME '" + name + "': " + error);
   std::string line = type + " " + name;
   char separator = ' ';
@@ -87,7 +87,7 @@ std::string event_line(const std::string& type, const std::string& name, const s
   }
   EventLine event{};
   const char* error = parse_event_line(line, event);
-  if (error == nullptr && event.name.data() != line.data() + type.size() + 1) error = "the type is no whole number";
+  if (error == nullptr && event.name.data() != line.data() + type.size() + 1) error = "the type is not a whole number";
   if (error != nullptr) refuse("TYPE '" + type + "', NAME '" + name + "': " + error);
   if (event.type == EVENT_TYPE_QUIT && !quit_allowed) refuse(kQuitRefused);
   return line + "\n";

@@ -1,5 +1,5 @@
-// `zelvctl reload`: has a running daemon load its scripts again, in a way that cannot take it down by a typing error:
-// a script that does not compile never reaches it. One that fails while it runs still ends the daemon, as at a start.
+// `zelvctl reload`: has a running daemon load its scripts again. A typing error cannot end the daemon, since a script
+// that does not compile never reaches it. A script that fails while it runs still ends it, as at a start.
 #pragma once
 
 #include <cstdio>
@@ -7,16 +7,16 @@
 
 struct ReloadRequest {
   std::string root;      // DEVICE_ROOT, or empty
-  std::string pid_file;  // of the daemon; empty: the one that owns the event socket
-  bool strict;           // warnings count as faults
+  std::string pid_file;  // the daemon's; empty: of the daemon that owns the event socket
+  bool strict;           // count warnings as faults
 };
 
-// Checks the scripts, sends SIGHUP, and waits until the daemon has done a reload that began after that. Faults,
-// warnings and the verdict go to `out`. Throws Failure(Exit::unreachable) when there are faults (the daemon has heard
-// nothing then), when no daemon runs, when it ended over the reload, when it has not finished it within 60 s, and when
-// it does not tell.
-void reload(const ReloadRequest& request, FILE* out);
+// Checks the scripts, sends SIGHUP, and waits until the daemon has completed a reload that began after that. Writes
+// faults, warnings and the result to `out`. Throws Failure(Exit::unreachable) when there are faults (nothing was sent
+// then), when no daemon runs, when it ends during the reload or takes longer than 60 s, and when it keeps no state that
+// tells.
+void reload_scripts(const ReloadRequest& request, FILE* out);
 
-// Reloads whenever a script file of the configured folders changes, until the daemon has gone: then throws
-// Failure(Exit::unreachable). What else goes wrong is written, and the next change is waited for.
+// Reloads whenever a script file in the configured folders changes, until the daemon has gone: then it throws
+// Failure(Exit::unreachable). Writes any other failure to `out` and waits for the next change.
 void reload_at_changes(const ReloadRequest& request, FILE* out);

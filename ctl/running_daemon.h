@@ -1,7 +1,8 @@
-// The daemon as a process: where it is, and what it says of its state.
+// The daemon as a process: where it is, and which state it reports.
 //
-// The owner of the event socket has the lock file beside it open as long as it lives, with its process id inside. That
-// it has can be seen from outside; trying the lock would keep a daemon that starts at that moment from its socket.
+// The owner of the event socket keeps the lock file beside the socket open, with its process id inside, as long as it
+// lives. Others can see that the file is open; if they tried the lock, a daemon that starts at that moment would not
+// get its socket.
 #pragma once
 
 #include <sys/types.h>
@@ -9,29 +10,32 @@
 #include <string>
 
 struct DaemonState {
-  std::string name;   // starting, ready, reloading or stopping
-  long long reloads;  // done since it started
+  std::string name;       // starting, ready, reloading or stopping
+  long long reloads = 0;  // completed since it started
 };
 
 class RunningDaemon {
  public:
-  // The daemon that owns the event socket below `root`; nothing when none runs, or it is another user's and its
-  // lock file not ours to read.
+  // The daemon that owns the event socket below `root`. Nothing when none runs, or when another user runs it and we may
+  // not read its lock file.
   static std::optional<RunningDaemon> find(const std::string& root);
 
-  // The daemon whose process id stands in `pid_file`. Throws Failure(Exit::unreachable) when there is none, or it is
+  // The daemon whose process id is in `pid_file`. Throws Failure(Exit::unreachable) when there is none, or when it is
   // known to run below another root.
   static RunningDaemon from_pid_file(const std::string& pid_file, const std::string& root);
 
   pid_t process() const { return pid; }
 
+  // "the daemon (process 12)", for messages.
+  std::string text() const { return "the daemon (process " + std::to_string(pid) + ")"; }
+
   // The folder of its executable; installed_daemon_folder() when the system does not tell.
   std::string folder() const;
 
-  // What it says of its state; nothing when it says nothing, or has ended.
+  // The state that it reports; nothing when it reports none, or has ended.
   std::optional<DaemonState> state() const;
 
-  // True when `file` has been changed since it started; not when the clock has been set back to before that change.
+  // True when `file` was changed after the daemon started. False when the clock was set back to before that change.
   bool is_older_than(const std::string& file) const;
 
   // False once it has ended.
@@ -47,6 +51,6 @@ class RunningDaemon {
   std::string root;
 };
 
-// Where the daemon's program and init_base.lua are installed: in ../libexec/zelvind as seen from zelvctl, or beside
-// zelvctl in a build tree.
+// Where the daemon's program and init_base.lua are installed: ../libexec/zelvind, seen from the folder of zelvctl, or
+// that folder itself in a build tree.
 std::string installed_daemon_folder();

@@ -7,17 +7,17 @@
 #include <cerrno>
 
 #include "ctl/failure.h"
-#include "util/script_files.h"
 #include "util/clock.h"
+#include "util/script_files.h"
 
 namespace {
 
-constexpr int kMomentMs = 100;   // of rest, after which a row of changes is over
-constexpr int kSettleMs = 2000;  // after which it counts as over
+constexpr int kMomentMs = 100;   // without a change: the changes are over
+constexpr int kSettleMs = 2000;  // changes that go on for longer count as over
 constexpr uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr uint32_t kGone = IN_DELETE_SELF | IN_MOVE_SELF;
 
-// A link is there at once, while a file is only made to be written.
+// A link is complete when it is made; a file is not: it will be written.
 bool is_link(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 && (S_ISLNK(status.st_mode) || status.st_nlink > 1);
@@ -32,12 +32,12 @@ ScriptWatch::ScriptWatch(const std::vector<std::string>& folders) : notices(inot
   if (!add_missing()) fail("there is no script folder to watch");
 }
 
-// Returns true when one of the folders that were not there is.
+// Returns true when a folder that was missing is there now.
 bool ScriptWatch::add_missing() {
   std::vector<std::string> still_missing;
   for (const std::string& folder : missing) {
     const int number = inotify_add_watch(notices.get(), folder.c_str(), kChanges | kGone | IN_ONLYDIR);
-    if (number < 0 && errno != ENOENT) fail("cannot watch " + folder + ": " + error_text(errno));
+    if (number < 0 && errno != ENOENT) fail("failed to watch " + folder + ": " + error_text(errno));
     if (number < 0) {
       still_missing.push_back(folder);
     } else {
@@ -51,7 +51,7 @@ bool ScriptWatch::add_missing() {
 std::string ScriptWatch::text() const {
   std::string text;
   for (const auto& [number, folder] : watched) text += (text.empty() ? "" : ", ") + folder;
-  for (const std::string& folder : missing) text += ", " + folder + " (not there yet)";
+  for (const std::string& folder : missing) text += ", " + folder + " (missing so far)";
   return text;
 }
 
@@ -68,15 +68,15 @@ bool ScriptWatch::wait_for_change(int limit_ms) {
   return true;
 }
 
-// Waits for notices. Returns true when one of them is about a script that is ready to be read.
+// Waits for notices. Returns true when one of them tells of a script that is complete.
 bool ScriptWatch::read_changes() {
   alignas(inotify_event) char bytes[16384];
   const ssize_t got = read(notices.get(), bytes, sizeof(bytes));
-  if (got < 0 && errno != EINTR) fail("cannot watch the scripts: " + error_text(errno));
+  if (got < 0 && errno != EINTR) fail("failed to watch the scripts: " + error_text(errno));
   bool changed = false;
   for (ssize_t at = 0; at < got;) {
     const auto& notice = *reinterpret_cast<const inotify_event*>(bytes + at);
-    if ((notice.mask & kGone) != 0) fail("a script folder has gone");
+    if ((notice.mask & kGone) != 0) fail("a script folder was removed or renamed");
     const bool is_script = notice.len > 0 && is_script_name(notice.name);
     const bool is_complete = (notice.mask & IN_CREATE) == 0 || is_link(script_in(watched[notice.wd], notice.name));
     changed |= (notice.mask & IN_Q_OVERFLOW) != 0 || (is_script && is_complete);

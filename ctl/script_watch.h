@@ -9,17 +9,17 @@
 
 class ScriptWatch {
  public:
-  // Watches the files in `folders` whose names end in ".lua"; empty names are left out. Throws
-  // Failure(Exit::unreachable) when nothing can be watched.
+  // Watches the files in `folders` whose names end in ".lua"; ignores empty folder names. Throws
+  // Failure(Exit::unreachable) when there is nothing to watch.
   explicit ScriptWatch(const std::vector<std::string>& folders);
 
-  // Waits until such a file has been written, renamed or removed since the last call, and nothing has happened for a
-  // moment: an editor, or a copy of many files, makes several changes. Returns false when `limit_ms` have
-  // passed without. A folder that was not there is looked for then, and is a change when it has come. Throws
-  // Failure(Exit::unreachable) when a folder itself has gone.
+  // Waits until such a file is written, renamed or removed, or was since the last call, and then until nothing more
+  // changes for a moment: an editor, or a copy of many files, makes several changes. Returns false when nothing has
+  // changed for `limit_ms`; it then looks for folders that were missing, and returns true when there is one. Throws
+  // Failure(Exit::unreachable) when a watched folder is removed or renamed.
   bool wait_for_change(int limit_ms);
 
-  // "FOLDER, FOLDER (not there yet)".
+  // "FOLDER, FOLDER (missing so far)".
   std::string text() const;
 
  private:

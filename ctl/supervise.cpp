@@ -15,7 +15,7 @@
 #include <memory>
 
 #include "ctl/failure.h"
-#include "ctl/process_entry.h"
+#include "ctl/process.h"
 #include "util/clock.h"
 #include "util/text.h"
 
@@ -28,10 +28,11 @@ sigset_t set_of(std::initializer_list<int> signals) {
   return set;
 }
 
-// The signal mask and the dispositions are those that we were started with, SIGPIPE and SIGCHLD aside.
+// Starts a program with the signal mask and the dispositions that we were started with, except for SIGPIPE and SIGCHLD.
 pid_t spawn(const std::string& program, std::vector<std::string> arguments, const sigset_t& mask) {
   arguments.insert(arguments.begin(), program);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   posix_spawnattr_t attributes;
@@ -43,30 +44,30 @@ pid_t spawn(const std::string& program, std::vector<std::string> arguments, cons
   pid_t pid = 0;
   const int error = posix_spawn(&pid, program.c_str(), nullptr, &attributes, argv.data(), environ);
   posix_spawnattr_destroy(&attributes);
-  if (error != 0) fail("cannot start " + program + ": " + error_text(error));
+  if (error != 0) fail("failed to start " + program + ": " + error_text(error));
   return pid;
 }
 
 // Our child that runs the program; 0 when there is none.
 pid_t find_child(const std::string& program) {
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
-  if (processes == nullptr) fail("cannot read /proc: " + error_text(errno));
+  if (processes == nullptr) fail("failed to read /proc: " + error_text(errno));
   while (const dirent* entry = readdir(processes.get())) {
-    const pid_t pid = atoi(entry->d_name);
+    const auto pid = static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
     const auto process = pid > 0 ? process_entry(pid) : std::nullopt;
     if (process && process->parent == getpid() && process->name == process_name(program)) return pid;
   }
   return 0;
 }
 
-// Starts the daemon and returns its process id. Its parent's orphans are ours as soon as the parent can be collected.
+// Starts the daemon and returns its process id. It becomes our child when the process that forked it has ended.
 pid_t start(const std::string& program, const std::vector<std::string>& arguments, const sigset_t& mask) {
   const pid_t parent = spawn(program, arguments, mask);
   int status = 0;
   while (waitpid(parent, &status, 0) < 0 && errno == EINTR) {
   }
   const pid_t daemon = find_child(program);
-  if (daemon == 0) fail(program + " has started no daemon");
+  if (daemon == 0) fail(program + " ended without starting a daemon");
   return daemon;
 }
 
@@ -75,15 +76,15 @@ class Supervisor {
   Supervisor(pid_t daemon_process, const sigset_t& waited, int limit_ms)
       : daemon(daemon_process), signals(waited), stop_limit_ms(limit_ms) {}
 
-  // Until the daemon has ended; returns its wait status.
+  // Stays until the daemon has ended. Returns its wait status.
   int stay() {
     int status = 0;
     while (!collect(status)) {
       const int number = next_signal();
       if (number > 0 && number != SIGCHLD) pass_on(number);
       if (asked && steady_ms() >= deadline) {
-        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended %g s after it was told to: it is killed\n",
-                daemon, stop_limit_ms / 1000.0);
+        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended within %g s: killing it\n", daemon,
+                stop_limit_ms / 1000.0);
         kill(daemon, SIGKILL);
         deadline = INT64_MAX;
       }
@@ -98,7 +99,7 @@ class Supervisor {
   bool collect(int& daemon_status) const {
     bool ended = false;
     int status = 0;
-    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+    for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       if (pid != daemon) continue;
       daemon_status = status;
       ended = true;
@@ -133,8 +134,8 @@ class Supervisor {
 void supervise(const std::string& program, const std::vector<std::string>& arguments, int stop_limit_ms) {
   const sigset_t waited = set_of({SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGCHLD});
   sigset_t mask;
-  signal(SIGCHLD, SIG_DFL);  // ignored, it would have children collected by nobody
-  sigprocmask(SIG_BLOCK, &waited, &mask);
+  signal(SIGCHLD, SIG_DFL);  // while it is ignored, no child can be waited for
+  pthread_sigmask(SIG_BLOCK, &waited, &mask);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t daemon = start(program, arguments, mask);
   Supervisor supervisor(daemon, waited, stop_limit_ms);

@@ -18,7 +18,7 @@ const char* parse_event_line(std::string_view line, EventLine& event) {
   const char* const end = line.data() + line.size();
   const auto [rest, error] = std::from_chars(line.data(), end, event.type);
   if (error == std::errc::result_out_of_range) return "the type is out of range";
-  if (error != std::errc() || (rest != end && *rest != ' ')) return "the type is no whole number";
+  if (error != std::errc() || (rest != end && *rest != ' ')) return "the type is not a whole number";
   if (rest == end) return "the name is missing";
   const std::string_view behind_type(rest + 1, static_cast<size_t>(end - rest - 1));
   const size_t blank = behind_type.find(' ');

@@ -20,9 +20,7 @@ constexpr int kEntry = 3;
 
 constexpr int kValueMax = 1024;  // bytes; a longer value counts as not found
 
-struct FieldValue {
-  char text[kValueMax + 1];
-};
+using FieldValue = char[kValueMax + 1];
 
 const event_item& event_at_hand() {
   const event_item* const event = g_mscript->dispatch.current_event();
@@ -37,13 +35,13 @@ bool find_field(const char* name, FieldValue& value) {
   if (length + 2 > sizeof(key)) return false;
   memcpy(key, name, length);  // not snprintf, which would cost more than the search
   memcpy(key + length, "=", 2);
-  return query_field(event.info, key, value.text, kValueMax) >= 0;
+  return query_field(event.info, key, value, kValueMax) >= 0;
 }
 
 const char* field_arg(lua_State* L, FieldValue& value) {
   const char* const name = text_arg(L, 1);
   if (!find_field(name, value)) throw ScriptError(sstr("not found field[%s]", name));
-  return value.text;
+  return value;
 }
 
 }  // namespace
@@ -71,7 +69,7 @@ bool EventDispatch::call_handlers(lua_State* L) {
   copy_text(name + 3, sizeof(event_item::type_name), at_hand->type_name);
   lua_getfield(L, LUA_GLOBALSINDEX, name);
   if (lua_isnil(L, kTable)) return false;
-  if (!lua_istable(L, kTable) && !lua_isuserdata(L, kTable)) {
+  if (!lua_istable(L, kTable) && lua_isuserdata(L, kTable) == 0) {
     throw ScriptError(sstr("%s is a %s, not a table", name, luaL_typename(L, kTable)));
   }
   lua_getfield(L, kTable, "list_func");
@@ -134,6 +132,6 @@ int evt_field_str_safe(lua_State* L) {
   const char* const name = text_arg(L, 1);
   const bool found = find_field(name, value);
   lua_pushboolean(L, found ? 1 : 0);
-  lua_pushstring(L, found ? value.text : name);
+  lua_pushstring(L, found ? value : name);
   return 2;
 }

@@ -8,7 +8,6 @@
 #include "device/log.h"
 #include "script/clua.h"
 #include "script/event_loop.h"
-#include "script/lua_utilities.h"
 #include "script/script_api.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
@@ -185,7 +184,7 @@ bool ManagerScript::dispatch_event(const event_item& event) {
   return dispatch.dispatch(lua_state, event);
 }
 
-void ManagerScript::collect_garbage() {
+void ManagerScript::collect_garbage() const {
   assert(gate.held_here());
   std::string error;
   if (protect(lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); })) return;

@@ -66,7 +66,7 @@ class ManagerScript {
   // Calls the handlers of `event`. Returns false when nobody knows its type (logged).
   bool dispatch_event(const event_item& event);
   // Collects all garbage; a finalizer that fails is logged.
-  void collect_garbage();
+  void collect_garbage() const;
   // Where a request for memory has failed since the last call: collects all garbage and refills the reserve.
   void refill_memory();
 

@@ -89,7 +89,7 @@ void ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref, in
   read_clock(now);
   make_room(waiting, records.size() + 1);
   records.push_back({thread, clock_ms, wait, thread_ref, next_number++, tag});
-  const Record record = std::prev(records.end());
+  const auto record = std::prev(records.end());
   elog(2, "corutine add2: %d", static_cast<int>(records.size()));
   if (!lua_isfunction(thread, 1)) {
     elog(1, "Invalid function for coroutine!!!!!!!!!!!!!!!!");

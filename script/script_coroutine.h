@@ -54,7 +54,7 @@ class ScriptCoroutines {
  private:
   using Record = std::list<ScriptCoroutine>::iterator;
   struct Waiting {
-    int64_t due;
+    int64_t due = 0;
     Record record;
   };
 

@@ -1,10 +1,10 @@
 // The end of the daemon's patience with a script that never returns.
 //
 // The event loop can end between two script calls only, and a load or a reload between two files; a script that never
-// returns would hold it up for good. So a count hook is set in the Lua state before any script runs, and every coroutine
-// inherits it from its creator. The hook looks at one word; once a stop has waited long enough, it raises an error in
-// the script that runs. It does not help against a script that catches the error and goes on, against C code that does
-// not return, or in finalizers, where Lua runs no hooks: those are left to the daemon's supervisor.
+// returns would hold it up for good. So a count hook is set in the Lua state before any script runs, and every
+// coroutine inherits it from its creator. The hook looks at one word; once a stop has waited long enough, it raises an
+// error in the script that runs. It does not help against a script that catches the error and goes on, against C code
+// that does not return, or in finalizers, where Lua runs no hooks: those are left to the daemon's supervisor.
 #pragma once
 
 #include <atomic>

@@ -56,25 +56,25 @@ std::string failure_of(const std::function<void()>& action) {
 
 TEST(Zelvctl, RefusesWrongArguments) {
   const std::pair<const char*, const char*> rows[] = {
-      {"", "say post, listen, check, reload or run\nTry: zelvctl --help"},
+      {"", "expected a command: post, listen, check, reload or run\nTry: zelvctl --help"},
       {"post", "TYPE is required\nTry: zelvctl post --help"},
-      {"post '1 a' a", "TYPE '1 a', NAME 'a': the type is no whole number"},
+      {"post '1 a' a", "TYPE '1 a', NAME 'a': the type is not a whole number"},
       {"post 1 ''", "NAME '': the name is missing"},
       {"post 1 'a b'", "NAME 'a b': the name holds a blank or a control character"},
-      {"run a", "run: the daemon's arguments stand behind --, as in: zelvctl run -- -p FILE"},
-      {"post 1 a x", "'x' is no FIELD=VALUE"},
-      {"post 1 a =x", "'=x' names no field"},
-      {"post 1 a 'x&y=1'", "field 'x&y': a name cannot hold an '&'"},
-      {"post 1 a 'x=1&y=2'", "field 'x': a value cannot hold an '&'"},
-      {"post 1 a 'x=1\n2'", "field 'x': a field cannot hold a line end"},
+      {"run a", "run: put the daemon's arguments behind --, as in: zelvctl run -- -p FILE"},
+      {"post 1 a x", "'x' is not FIELD=VALUE"},
+      {"post 1 a =x", "'=x': the field's name is missing"},
+      {"post 1 a 'x&y=1'", "field 'x&y': a field's name cannot contain '&'"},
+      {"post 1 a 'x=1&y=2'", "field 'x': a field's value cannot contain '&'"},
+      {"post 1 a 'x=1\n2'", "field 'x': a field cannot contain a line end"},
       {"post 1 a x=$(printf %065000d 0)", "TYPE '1', NAME 'a': the line is longer than 65000 bytes"},
       {"post 9999 a", "type 9999 ends the daemon's event loop; add --quit if that is meant"},
-      {"post - a", "post -: the events come from standard input, not as arguments"},
-      {"post 1 a --root x", "--root is 'x'; it must be an absolute path"},
+      {"post - a", "post -: events come from standard input, not as arguments"},
+      {"post 1 a --root x", "--root is 'x': expected an absolute path"},
       {"listen a ''", "NAME '': the name is missing"},
-      {"listen [a,b]", "NAME '[a,b]': a name to listen for cannot hold a comma"},
+      {"listen [a,b]", "NAME '[a,b]': a name to subscribe to cannot contain a comma"},
       {"listen a --port 0", "--port: Value 0 not in range 1 to 65535\nTry: zelvctl listen --help"},
-      {"listen a", "the configuration says listener_port = 0; give the daemon's port with --port"},
+      {"listen a", "listener_port is 0 in the settings; give the daemon's port with --port"},
   };
   const RealDaemon daemon;
   for (const auto& [arguments, error] : rows) daemon.expect_zelvctl(arguments, 2, "", "zelvctl: "s + error + "\n");
@@ -98,13 +98,13 @@ TEST(Zelvctl, PostsWhatALineCarries) {
   const struct {
     std::string arguments, input, arrived, error;
   } rows[] = {
-      {"-3 listen a=b=c [x=1,y] z=", "", "-3 listen a=b=c&[x=1,y]&z=\n", ""},
+      {"-3 listen -- a=b=c [x=1,y] -z=", "", "-3 listen a=b=c&[x=1,y]&-z=\n", ""},
       {"--quit 9999 bye", "", "9999 bye\n", ""},
       {"-", "", "", ""},
       {"-", many, many, ""},
       {"-", "1 a\n2 b c=d", "1 a\n2 b c=d\n", ""},
       {"-", "1 a\n\n3 c\n", "1 a\n", "line 2: the line is empty"},
-      {"-", "1 a\n2 b\nx", "1 a\n2 b\n", "line 3: the type is no whole number"},
+      {"-", "1 a\n2 b\nx", "1 a\n2 b\n", "line 3: the type is not a whole number"},
       {"-", "1 a\n2 " + std::string(200000, 'b'), "1 a\n", "line 2: the line is longer than 65000 bytes"},
       {"-", "1 a\n9999 b\n", "1 a\n", "line 2: type 9999 ends the daemon's event loop; add --quit if that is meant"},
       {"- --quit", "9999 b\n", "9999 b\n", ""},
@@ -125,34 +125,35 @@ TEST(Zelvctl, ListensForExactlyTheNamesAskedFor) {
     return wait_until([&] { return read_file(daemon.path(file)).find(part) != std::string::npos; });
   };
   ASSERT_TRUE(daemon.start());
-  const std::string listen = "zelvctl listen door b --port " + std::to_string(daemon.port());
-  daemon.launch("(" + listen + " 2>&1; echo $?) | (until [ -e $ROOT/go ]; do sleep 0.01; done; cat) >$ROOT/plain &");
+  const std::string listen = "zelvctl listen door or --port " + std::to_string(daemon.port());
+  daemon.launch("mkfifo $ROOT/go; (" + listen + " 2>&1; echo $?) | (: <$ROOT/go; cat) >$ROOT/plain &");
   daemon.launch("(" + listen + " >$ROOT/json --json --count 2; echo $? >>$ROOT/json) &");
   daemon.launch("(" + listen + " 2>$ROOT/unread; echo $? >>$ROOT/unread) | true");
-  ASSERT_TRUE(daemon.wait_for("set as [b,door]", 3));
+  ASSERT_TRUE(daemon.wait_for("set as [or,door]", 3));
   const std::string large(60000, 'x');  // several, for one who cannot write meanwhile, are more than one read gives
-  EXPECT_TRUE(daemon.post("1 xdoor\n1 do\n1 door a=1\n1 b " + large + "\n1 b " + large + "\n1 b " + large + "\n1 b\n"));
-  EXPECT_TRUE(daemon.wait_for("event(b) - \n"));
+  EXPECT_TRUE(
+      daemon.post("1 xdoor\n1 do\n1 door a=1\n1 or " + large + "\n1 or " + large + "\n1 or " + large + "\n1 or\n"));
+  EXPECT_TRUE(daemon.wait_for("event(or) - \n"));
   daemon.write("go", "");
-  EXPECT_TRUE(has("plain", " b\n"));
+  EXPECT_TRUE(has("plain", " or\n"));
   EXPECT_EQ(daemon.stop(), 0);
   EXPECT_TRUE(has("plain", "\n1\n") && has("json", "\n0\n"));
   EXPECT_EQ(daemon.launch("sed -i 's/^[0-9.]* //; s/[0-9]*[.][0-9]*/T/' $ROOT/plain $ROOT/json"), 0);
-  EXPECT_EQ(read_file(daemon.path("plain")), "door a=1\nb " + large + "\nb " + large + "\nb " + large +
-                                                 "\nb\nzelvctl: the daemon closed the connection\n1\n");
+  EXPECT_EQ(read_file(daemon.path("plain")), "door a=1\nor " + large + "\nor " + large + "\nor " + large +
+                                                 "\nor\nzelvctl: the daemon closed the connection\n1\n");
   EXPECT_EQ(read_file(daemon.path("json")), R"({"time":T,"name":"door","fields":{"a":"1"}})"
                                             "\n"
-                                            R"({"time":T,"name":"b","fields":{")" +
+                                            R"({"time":T,"name":"or","fields":{")" +
                                                 large + "\":\"\"}}\n0\n");
-  EXPECT_EQ(read_file(daemon.path("unread")), "zelvctl: cannot write the output: its reader has gone\n1\n");
+  EXPECT_EQ(read_file(daemon.path("unread")), "zelvctl: failed to write the output: its reader has gone\n1\n");
 }
 
 TEST(EventConnection, SaysHowTheDaemonFailed) {
   using Connection = EventConnection;
   const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
-      {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
-      {"1 the daemon has taken in nothing for 0.4 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
-      {"1 the daemon has read everything and been busy for 0.4 s since; it may handle the events later, and to send "
+      {"1 the daemon has read nothing for 0.4 s", [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
+      {"1 the daemon has read nothing for 0.4 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
+      {"1 the daemon has read everything and then been busy for 0.4 s; it may still handle the events, and posting "
        "them again may double them",
        [](Connection& c, Descriptor& d) {
          c.send("1 a\n"), recv(d.get(), std::array<char, 8>().data(), 8, 0), c.finish(false);
@@ -195,7 +196,7 @@ TEST(ClientPacket, HoldsItsLimits) {
   EXPECT_EQ(subscription_packet(names).size(), 65024u);
   names.back() += 'y';
   EXPECT_EQ(failure_of([&] { subscription_packet(names); }),
-            "2 the names are too long together: at most 65015 bytes, commas included");
+            "2 the names are too long: expected at most 65015 bytes together, commas included");
 
   const std::pair<std::string, const char*> rows[] = {
       {"\0\0\0\0"s, "its length is 0"},
@@ -206,7 +207,8 @@ TEST(ClientPacket, HoldsItsLimits) {
       {"\x12\0\0\0--------a\0b\0d\0"s, "its info does not end where the packet does"},
   };
   for (const auto& [packet, why] : rows) {
-    EXPECT_EQ(failure_of([&, &packet = packet] { first_packet(packet); }), "1 what came is no event packet: "s + why);
+    EXPECT_EQ(failure_of([&, &packet = packet] { first_packet(packet); }),
+              "1 the server sent something that is not an event packet: "s + why);
   }
 }
 
@@ -231,12 +233,13 @@ TEST(EventText, BearsAnyBytes) {
 TEST(Supervise, KillsWhatDoesNotStop) {
   const RealDaemon root;
   const std::string program = root.path("zelvind");
-  EXPECT_EQ(failure_of([&] { supervise(program, {}); }), "1 cannot start " + program + ": No such file or directory");
+  EXPECT_EQ(failure_of([&] { supervise(program, {}); }),
+            "1 failed to start " + program + ": No such file or directory");
   const char* const detached = "(trap '%s' TERM; kill -TERM $1; while :; do sleep 0.02; done) &";
   const std::pair<std::string, const char*> rows[] = {
       {sstr(detached, ""), "was ended by signal 9"},
       {sstr(detached, "exit 3"), "has ended with status 3"},
-      {"exit 0", "has started no daemon"},
+      {"exit 0", "ended without starting a daemon"},
   };
   for (const auto& [script, failure] : rows) {
     root.write("zelvind", "#!/bin/sh\n" + script + "\n");

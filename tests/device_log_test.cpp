@@ -1,9 +1,27 @@
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <thread>
 #include <vector>
 
 #include "tests/device_root_fixture.h"
+
+static std::string g_syslog;  // what went there: "PRIORITY LINE|" each
+
+// In the place of the C library's two.
+extern "C" {
+void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  char line[100];
+  vsnprintf(line, sizeof(line), format, arguments);
+  va_end(arguments);
+  g_syslog += std::to_string(priority) + " " + line + "|";
+}
+void __syslog_chk(int priority, int, const char*, int size, const char* line) {
+  syslog(priority, "%.*s", size, line);
+}
+}
 
 namespace {
 
@@ -34,9 +52,7 @@ TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
 
 TEST_F(DeviceLog, LinesPiecesAndLevels) {
   elog_set_level("zelvind", 2);
-  errno = ENOENT;
   elog(1, "no end");
-  EXPECT_EQ(errno, ENOENT);
   elog(2, "one end\n");
   elog(3, "filtered");
   elog(1, "head %d\n  ", 1);
@@ -69,7 +85,27 @@ TEST_F(DeviceLog, APipeGetsWholeLinesOfThreadsAndADeadOneNoSignal) {
   }
   for (std::thread& thread : threads) thread.join();
   reader.close();
+  errno = ENOENT;
   elog(1, "nobody reads this");  // a signal would end the test
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(DeviceLog, FilesAndWhatIsNone) {
+  const mode_t before = umask(0);
+  log_to("file:" + root + "/new");
+  umask(before);
+  EXPECT_EQ(static_cast<int>(std::filesystem::status(root + "/new").permissions()), 0640);
+  log_to("file:" + root + "/log");
+  elogr(1, "%s", std::string(1024 * 1024 + 1, 'x').c_str());  // too long to wait for its end
+  EXPECT_EQ(logged(), std::string(1024 * 1024 + 1, 'x') + "\n");
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 2; ++i) log_to("file:/no/such/\x1b[2Jfile");
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "log: cannot open the file of ELOG_TARGET (No such file or directory) 'file:/no/such/?[2Jfile': using syslog\n");
+  elog_set_level("zelvind", 3);
+  for (int level = 1; level <= 3; ++level) elog(level, "a\nb");
+  EXPECT_EQ(g_syslog, "5 a|5 b|6 a|6 b|7 a|7 b|");
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include <lua.hpp>
 
 #include "device/config_store.h"
-#include "tests/device_root_fixture.h"
 #include "device/store_text.h"
+#include "tests/device_root_fixture.h"
 
 namespace {
 
@@ -27,6 +27,11 @@ TEST(StoreText, KeysAndComplaints) {
       found += std::to_string(complaint.line) + ": " + complaint.text + "|";
     EXPECT_EQ(found, expected);
   }
+  std::string bad;
+  for (int i = 0; i < 25; ++i) bad += "word\n";
+  const StoreText store = parse_store(bad);
+  EXPECT_EQ(store.complaints.size(), 20u);
+  EXPECT_EQ(store.more_complaints, 5);
 }
 
 class DeviceStore : public DeviceRoot {

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +12,11 @@
 #include "device/event_queue.h"
 #include "script/event_loop.h"
 #include "tests/plugin_host.h"
+
+// In the place of libudev's: no device of this machine has such a name.
+extern "C" const char* udev_device_get_sysname(void*) {
+  return "1%&\n\x7f~";
+}
 
 namespace {
 
@@ -39,6 +46,8 @@ TEST_F(Plugins, ProcessRunsPrograms) {
   signal(SIGUSR1, SIG_IGN);
   standin::refuse_posts(3);                              // a full queue costs no result
   standin::post(7002, "proc_done", "id=4711&status=0");  // a number that nobody has
+  mkfifo("fifo", 0600);
+  const int fifo = open("fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   // All at once. Each row: argument vector, time-out, status and output (a pattern).
   run_lua(R"lua(
 local rows = {
@@ -50,7 +59,7 @@ local rows = {
   { { "sh", "-c", "yes 0123456 | head -c 300000; exit 4" }, 20, 4, "^" .. ("0123456\n"):rep(512) .. "$" },
   { { "sh", "-c", "echo begun; sleep 100" }, 0.5, -2, "^begun\n$" },
   { { "sh", "-c", "trap '' TERM; while :; do sleep 0.05; done" }, 0.2, -2, "^$" },
-  { { "sh", "-c", "sleep 100 & echo on its own" }, 20, 0, "^on its own\n$" },
+  { { "sh", "-c", "{ sleep 20 & } >fifo; echo on its own" }, 20, 0, "^on its own\n$" },
   { { "sh", "-c", "exec ls /proc/self/fd" }, 20, 0, "^0\n1\n2\n3\n$" },  -- 3 is the folder itself
   -- Two signals beyond the standard ones are the C library's own: it ignores them in what it spawns.
   { { "grep", "-E", "Sig(Blk|Ign):", "/proc/self/status" }, 20, 0, "^SigBlk:\t0+\nSigIgn:\t0+1?8?0+\n$" },
@@ -66,6 +75,10 @@ for i, row in ipairs(rows) do
 end)lua");
   run_to_quit();
   EXPECT_EQ(standin::log_lines_with("<1>"), Lines{});
+  pollfd written{fifo, POLLIN, 0};
+  EXPECT_EQ(poll(&written, 1, 10000), 1) << "the sleep that a program left behind lives on";
+  close(fifo);
+  unlink("fifo");
   end();
   EXPECT_EQ(descriptors_open(), before);
 }
@@ -90,6 +103,8 @@ end
 es_proc_done.list_func[2] = nil)lua");
   run_to_quit();
   EXPECT_EQ(standin::log_lines_with("<1>"), (Lines{"<1> mscript: error[etype:7002] - in func"}));
+  run_lua(R"lua(
+assert(select(2, pcall(proc_run, { "a\0b" }, 1, print)) == "argument 0 of the program holds a zero byte"))lua");
   // All places taken, and a finalizer that runs a program while the state is being closed.
   run_lua(R"lua(
 for i = 1, 64 do proc_run({ "sh", "-c", "sleep 1000; true" }, 10000, function() end) end
@@ -117,7 +132,7 @@ end } } })lua");
   run_to_quit();
   EXPECT_EQ(standin::log_lines_with("<1>"),
             Lines{"<1> mscript: error[etype:7001] - "
-                  "action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=lo&interface=lo"});
+                  "action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=1%25%26%0A%7F~&interface=lo"});
   end();
 }
 

@@ -2,8 +2,9 @@
 
 #include <climits>
 
-#include "util/clock.h"
 #include "device/event_line.h"
+#include "util/clock.h"
+#include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
@@ -19,6 +20,8 @@ const struct {
     {"x=a=b&y=1", "x=", 63, 5, "a=b"},  // "=" inside a value
     {"&&a=1", "a=", 63, 5, "1"},        // empty items
     {"a", "a=", 63, -1, ""},            // key longer than the item
+    {"a=&b=1", "a=", 63, 2, ""},        // an empty value
+    {"ab=1&b=2", "b=", 63, 8, "2"},     // the key inside an item
 };
 
 TEST(QueryField, FirstMatchingItemDecides) {
@@ -40,7 +43,7 @@ TEST(EventLine, GoodAndBadLines) {
       {"1 " + name_127 + "n", "the name is longer than 127 bytes"},
       {"", "the line is empty"},
       {"7", "the name is missing"},
-      {"+1 door", "the type is no whole number"},
+      {"+1 door", "the type is not a whole number"},
       {"2147483648 door", "the type is out of range"},
       {"1 do\tor", "the name holds a blank or a control character"},
       {std::string("1 door a\0b", 10), "the line holds a zero byte"},
@@ -54,6 +57,12 @@ TEST(EventLine, GoodAndBadLines) {
     const std::string parts = sstr("%d|", event.type) + std::string(event.name) + "|" + std::string(event.info);
     EXPECT_EQ(error == nullptr ? parts : error, wanted);
   }
+  EventLine glued{};
+  EXPECT_NE(parse_event_line("7door x", glued), nullptr);
+}
+
+TEST(SafeText, ReadsNothingBehindItsEnd) {
+  EXPECT_EQ(escaped(std::string_view("\xe9\x96\x80", 2)), "\\xe9\\x96");
 }
 
 TEST(Clock, WrapsInThirtyTwoBits) {

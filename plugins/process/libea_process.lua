@@ -1,2 +1,2 @@
 -- Declares for `zelvctl check` what libeaprocess.so adds; the daemon does not read it.
-function proc_run(argv, timeout_s, func, arg) end
+function proc_run(argv, timeout_s, func, arg) end -- luacheck: ignore 212

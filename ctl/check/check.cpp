@@ -1,0 +1,98 @@
+#include "ctl/check/check.h"
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <set>
+#include <sstream>
+
+#include "ctl/check/compile.h"
+#include "ctl/check/luacheck.h"
+#include "ctl/daemon_rights.h"
+#include "ctl/failure.h"
+#include "ctl/running_daemon.h"
+#include "device/settings.h"
+#include "device/store_text.h"
+#include "util/safe_text.h"
+#include "util/script_files.h"
+#include "util/text.h"
+
+namespace {
+
+// Warns of what the daemon ignores in its settings file `path`, where the embedded store keeps it.
+void check_settings(const std::string& path, Findings& findings) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  const StoreText store = parse_store(text.str());
+  for (const StoreComplaint& complaint : store.complaints) {
+    findings.warn(complaint.line == 0 ? path : path + ":" + std::to_string(complaint.line), complaint.text);
+  }
+  if (store.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", store.more_complaints));
+  for (const auto& [key, value] : store.values) {
+    const Setting* const setting = settings::find(key);
+    if (setting == nullptr) {
+      findings.warn(path, "the daemon has no setting '" + key + "'");
+    } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
+      findings.warn(path, problem + "; it is not used");
+    }
+  }
+}
+
+// What defines globals for scripts that are not the configured ones: init_base.lua, and plug-ins if there are settings.
+std::vector<std::string> installed_declarations(const std::string& root) {
+  std::string daemon = installed_daemon_folder();
+  std::vector<std::string> files;
+  try {
+    if (const auto running = RunningDaemon::find(root)) daemon = running->folder();
+    files = plugin_declarations(configured_folders(root, daemon).plugins);
+  } catch (const Failure&) {
+  }
+  files.push_back(script_in(daemon, "init_base.lua"));
+  return files;
+}
+
+// "2 scripts in PLACE, PLACE"; each place once.
+std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
+  std::string text = counted(scripts, "script");
+  std::set<std::string> named;
+  for (const std::string& place : places) {
+    if (named.insert(place).second) text += (named.size() == 1 ? " in " : ", ") + place;
+  }
+  return text;
+}
+
+std::string check_daemon(const std::string& root, Findings& findings) {
+  const auto running = RunningDaemon::find(root);
+  const std::string daemon = running ? running->folder() : installed_daemon_folder();
+  std::optional<DaemonRights> rights;
+  if (running) rights.emplace(running->process());
+  return check_configured(configured_folders(root, daemon), findings);
+}
+
+std::string check_places(const std::string& root, const std::vector<std::string>& places, Findings& findings) {
+  const std::vector<std::string> good = compile_places(places, findings);
+  check_globals(good, installed_declarations(root), findings);
+  return scripts_in(good.size(), places);
+}
+
+}  // namespace
+
+std::string check_configured(const ScriptFolders& folders, Findings& findings) {
+  check_settings(folders.settings, findings);
+  const std::vector<std::string> good = compile_configured(folders, findings);
+  check_globals(good, plugin_declarations(folders.plugins), findings);
+  std::vector<std::string> places = {folders.daemon, folders.script};
+  std::error_code ignored;
+  if (std::filesystem::is_directory(folders.external, ignored)) places.push_back(folders.external);
+  return scripts_in(good.size(), places);
+}
+
+void check_scripts(const std::string& root, const std::vector<std::string>& places, bool strict, FILE* out) {
+  Findings findings(out, strict);
+  const std::string checked = places.empty() ? check_daemon(root, findings) : check_places(root, places, findings);
+  const std::string unchecked = findings.globals_text();
+  if (!findings.passed()) fail(findings.counts() + (findings.has_faults() ? "; " + unchecked : ""));
+  const std::string warnings = findings.counts().empty() ? "" : ", " + findings.counts();
+  fprintf(out, "%s, no faults%s\n", escaped(checked).c_str(), warnings.c_str());
+  if (!unchecked.empty()) fprintf(out, "%s\n", unchecked.c_str());
+}
