@@ -117,6 +117,7 @@ void run() {
   occupy_descriptor_0();
   SettingsFile file;
   const Settings settings = read_settings(file);
+  managers.script.collect_every = file.number(settings::collect_every);
   if (!start(managers, settings)) return;
   try {
     idle(managers, settings);

@@ -21,8 +21,6 @@ constexpr Target kTargets[] = {
     {"dispatch", "ratio", Bound::at_most, 2.0},
     {"post_single", "ratio", Bound::at_least, 0.5},
     {"post_batch", "to_dispatch", Bound::at_least, 0.7},
-    {"timer_pass", "ns", Bound::at_most, 20},
-    {"coroutine_pass", "ns", Bound::at_most, 20},
     {"coroutine_lateness", "p99_us", Bound::at_most, 2000},
     {"start", "rss_kib", Bound::at_most, 6144},
     {"forward_single/1", "p50_ratio", Bound::at_most, 1.3},

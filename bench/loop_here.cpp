@@ -28,9 +28,9 @@ void LoopHere::add_function(const char* name, lua_CFunction function) {
 
 void LoopHere::run_lua(const std::string& lua) {
   const LuaTurn turn(script.gate);
-  script.handler_tag = "bench";
+  script.dispatch.set_handler_tag("bench");
   if (clua_run_string(script.lua_state, lua.c_str()) < 0) throw std::runtime_error(clua_error_text(script.lua_state));
-  script.handler_tag.clear();
+  script.dispatch.set_handler_tag("");
 }
 
 double LoopHere::run_to_quit() {

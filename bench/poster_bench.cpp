@@ -98,7 +98,7 @@ void note_latency(const char* sent_ns) {
 }
 
 int note_event(lua_State*) {
-  note_latency(g_mscript->current_event->info);
+  note_latency(g_mscript->dispatch.current_event()->info);
   return 0;
 }
 

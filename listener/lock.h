@@ -4,14 +4,14 @@
 #include <pthread.h>
 #include <stdexcept>
 
-class Mutex {
+class ListenerMutex {
  public:
-  Mutex() {
+  ListenerMutex() {
     if (pthread_mutex_init(&mutex, nullptr) != 0) throw std::runtime_error("pthread mutex_init error");
   }
-  ~Mutex() { pthread_mutex_destroy(&mutex); }
-  Mutex(const Mutex&) = delete;
-  Mutex& operator=(const Mutex&) = delete;
+  ~ListenerMutex() { pthread_mutex_destroy(&mutex); }
+  ListenerMutex(const ListenerMutex&) = delete;
+  ListenerMutex& operator=(const ListenerMutex&) = delete;
 
  private:
   friend class Locked;
@@ -21,11 +21,11 @@ class Mutex {
 // Holds the lock while it lives. A function that demands one as an argument needs the lock.
 class Locked {
  public:
-  explicit Locked(Mutex& wanted) : owner(wanted) { pthread_mutex_lock(&owner.mutex); }
+  explicit Locked(ListenerMutex& wanted) : owner(wanted) { pthread_mutex_lock(&owner.mutex); }
   ~Locked() { pthread_mutex_unlock(&owner.mutex); }
   Locked(const Locked&) = delete;
   Locked& operator=(const Locked&) = delete;
 
  private:
-  Mutex& owner;
+  ListenerMutex& owner;
 };

@@ -75,7 +75,7 @@ class ManagerListener {
   void say_reads_again(ListenerClient& client);
 
   // Under mutex.
-  Mutex mutex;
+  ListenerMutex mutex;
   std::vector<std::unique_ptr<ListenerClient>> clients;       // in the order in which they were accepted
   std::vector<std::unique_ptr<ListenerClient>> free_clients;  // a stack
   std::vector<ListenerClient*> unfinished;                    // forward_event's: sends that came back short,

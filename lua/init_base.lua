@@ -1,31 +1,31 @@
--- The ground that the daemon's scripts stand on: handlers, timers and tasks that bear reloads, and whose errors show.
+-- What the daemon's scripts build on: handlers, timers and tasks that survive reloads and report their errors.
 --
 --   on(type_name, func [, arg])        func(arg) for every event of that type
 --   every(interval_s, func [, arg])    func(arg) every so many seconds
 --   at(hour, minute, func [, arg])     func(arg) once a day, at that local time
 --   task(func [, arg])                 func(arg) as a coroutine, which waits with cr_yield(ms)
---   fields()                           the fields of the event at hand, as a table
+--   fields()                           the fields of the event being handled, as a table
 --
--- A reload runs the script files again on the same Lua state, and what they registered before would stay beside what
--- they register now. So everything registered here belongs to a module (the name given to script_define, else the name
--- of the file) and to a round, which is one load of the script directories. When the first file of a round calls
--- script_define or registers something, the handlers of the rounds before are taken out of their lists; a timer of an
--- earlier round deletes itself when it comes to run, and a task ends where it waits. What config.lua and
--- server_event.lua register belongs to no round and stays, because the daemon runs those two only once.
+-- A reload runs the script files again on the same Lua state. What they registered before would stay beside what they
+-- register now. So everything registered here belongs to a module (the name given to script_define, or else the name of
+-- the file) and to a generation: one load of the script directories. When the first file of a generation calls
+-- script_define or registers something, the handlers of former generations are removed from their lists; a timer of a
+-- former generation deletes itself when it comes to run, and a task ends where it waits. What config.lua and
+-- server_event.lua register belongs to no generation and stays, because the daemon runs those two only once.
 --
--- The daemon runs this file first, from the folder of its executable. Where that is the script directory too, it runs
--- again among the others, and at every reload; everything is there already then.
+-- The daemon runs this file first, from the folder of its executable. If that is the script directory too, this file
+-- runs again among the others, and at every reload; it does nothing then.
 if package.loaded.init_base then
   return
 end
 package.loaded.init_base = newproxy(true)
 
--- What the daemon itself calls: init() once when the base files have run, cleanup() at its end.
+-- What the daemon itself calls: init() once, after the base files have run, and cleanup() when it ends.
 event_server = event_server or {}
 event_server.init = event_server.init or function() end
 event_server.cleanup = event_server.cleanup or function() end
 
--- tmr_add and cr_add want a tag. Base files have none, so they are lent one. Returns true, or false and the error.
+-- tmr_add and cr_add need a tag. Base files have none, so this lends them one. Returns true, or false and the error.
 local function try_with_tag(tag, add, ...)
   local done, message = pcall(add, ...)
   if not done and message == "not set script tag name yet" then
@@ -38,12 +38,12 @@ end
 
 ---- Errors ------------------------------------------------------------------------------------------------------------
 
-local kMostErrors = 20 -- of a module that are told apart at a time: their texts may hold what came with an event
+local kMostErrors = 20 -- of a module that are told apart: a text may hold data of an event, and always differ
 
-local failing = {} -- name of a module -> its errors of late: first line -> how often it came since it was last written
+local failing = {} -- name of a module -> its recent errors: first line -> how often it came since it was last written
 local is_counting = false
 
--- Writes how often errors came again, and forgets those that did not.
+-- Writes how often each error came again, and forgets the errors that did not.
 local function write_counts()
   for name, errors in pairs(failing) do
     for line, count in pairs(errors) do
@@ -68,7 +68,7 @@ local function count_errors()
   end
 end
 
--- Writes the lines of a traceback; one that repeats is written once, and then counted in one line a minute.
+-- Writes the lines of a traceback. An error that repeats is written once, and then counted in one line a minute.
 local function report(module, what, text)
   text = (module.name .. ": " .. what .. " failed: " .. text):gsub("\t", "  ")
   local first = text:match("^[^\n]*"):sub(1, 500)
@@ -94,7 +94,7 @@ local function report(module, what, text)
   end
 end
 
--- Without addresses, which would make each error a different one.
+-- Without addresses: they would make each error different.
 local function plain_text(value)
   if type(value) == "string" then
     return (string.format("%q", value:sub(1, 100)):gsub("\\\n", "\\n"))
@@ -130,21 +130,21 @@ local function traceback(value)
   return debug.traceback(error_text(value), 2)
 end
 
----- Modules and rounds ------------------------------------------------------------------------------------------------
+---- Modules and generations -------------------------------------------------------------------------------------------
 
-local round = 0
-local modules = {} -- those of this round, by tag
-local former = {}  -- those of the round before
-local files = {}   -- source of a file -> its module, which is the one of its last load
-local running      -- the one whose handler, timer or task runs
+local generation = 0
+local modules = {} -- of this generation, by tag
+local former = {}  -- of the generation before
+local files = {}   -- source of a file -> the module of its last load
+local running      -- the module whose handler, timer or task runs
 
 local function is_former(module)
-  return module.round ~= nil and module.round ~= round -- modules of base files have no round
+  return module.generation ~= nil and module.generation ~= generation -- modules of base files have none
 end
 
-local owners = setmetatable({}, { __mode = "k" }) -- handler entry that on() made -> its module
+local owners = setmetatable({}, { __mode = "k" }) -- handler entry made by on() -> its module
 
--- Takes the handler entries for which is_old(entry, tag) holds out of all lists.
+-- Removes the handler entries for which is_old(entry, tag) is true from all lists.
 local function sweep(is_old)
   for name, handlers in pairs(_G) do
     if type(name) == "string" and name:find("^es_") and type(handlers) == "table" then
@@ -159,17 +159,17 @@ local function sweep(is_old)
         end
       end
       if kept == 0 and rawget(handlers, "made_by_on") then
-        rawset(_G, name, nil) -- so that the daemon says again that nobody knows this type
+        rawset(_G, name, nil) -- so that the daemon reports this type as unknown again
       end
     end
   end
 end
 
--- Entries that scripts put into a list_func by hand, with their module's name as the tag, are swept too. Difficult is
--- only the file that begins a round: an entry with its tag is left from the round before, unless the file has just put
--- it there. What was there when a later module began, or when the loop ran, has been seen and is old. A module that
--- nothing came after, `adding`, may have entries that are old and not seen: unless it does so each time, it has not
--- put them there before its script_define.
+-- Entries that scripts add to a list_func by hand, with their module's name as the tag, are swept too. The hard case is
+-- the first file of a generation: an entry with its tag may be left from the former generation, or the file may have
+-- just added it. An entry that was there when a later module began, or when the loop ran, is marked as seen, and a seen
+-- entry is old. Only `adding`, the last module of a load, can have old entries that are not seen. They count as old,
+-- unless this module adds its entries before its script_define each time.
 local seen = setmetatable({}, { __mode = "k" })
 local adding
 
@@ -178,16 +178,16 @@ local function see_all()
   adding = nil
 end
 
--- The value that goes with each script_define of a round. The daemon keeps it in the registry until the next reload
--- begins: while it is there, the round goes on.
+-- The value passed to each script_define of a generation. The daemon keeps it in the registry until the next reload
+-- begins: as long as it is there, the generation goes on.
 local mark
 local mark_slot
 
-local function round_goes_on()
+local function generation_goes_on()
   return mark ~= nil and rawequal(debug.getregistry()[mark_slot], mark)
 end
 
-local function begin_round(new_mark, first_name)
+local function begin_generation(new_mark, first_name)
   mark = new_mark
   for slot, value in pairs(debug.getregistry()) do
     if rawequal(value, mark) then
@@ -196,7 +196,7 @@ local function begin_round(new_mark, first_name)
   end
   write_counts()
   failing = {}
-  round = round + 1
+  generation = generation + 1
   former, modules = modules, {}
   sweep(function(entry, tag)
     local owner, module = owners[entry], former[tag]
@@ -216,7 +216,7 @@ local function begin_module(name)
     sweep(function(entry, tag)
       fills_first = fills_first or (tag == name and not owners[entry] and not seen[entry])
     end)
-    modules[name] = { name = name, round = round, fills_first = fills_first, looks = {} }
+    modules[name] = { name = name, generation = generation, fills_first = fills_first, looks = {} }
   end
   see_all()
   adding = modules[name]
@@ -245,26 +245,26 @@ local function has_module(info)
   return files[info.source]
 end
 
--- script_define as the daemon has it, and the place where this file learns that a file is loaded.
+-- Wraps the daemon's script_define: this is how this file learns that a script file is being loaded.
 local daemon_define = script_define
 function script_define(name, ...)
-  local value = round_goes_on() and mark or {}
+  local value = generation_goes_on() and mark or {}
   local done, message = pcall(daemon_define, name, value)
   if not done then
     error((message:gsub("'%?'", "'script_define'")), 2)
   end
-  value[#value + 1] = { ... } -- the script's own value lives as long as the daemon would have kept it
+  value[#value + 1] = { ... } -- the script's own value is kept as long as the daemon would keep it
   name = get_module_name()
   if value ~= mark then
-    begin_round(value, name)
+    begin_generation(value, name)
   end
   begin_module(name)
   files[lowest_source(is_being_loaded) or ""] = modules[name]
 end
 
--- The module that registers `func`: the one being loaded, else the one that runs. In a function that was not registered
--- here it is the module of that function's file, whichever load the function is from. A file that no module is known
--- of counts as a base file.
+-- The module that registers `func`: the one being loaded, or else the one that runs. In a function that was not
+-- registered here, it is the module of that function's file, as last loaded. A file without a known module counts as a
+-- base file.
 local function module_at_work(func)
   local loading, name = pcall(get_module_name)
   local source = lowest_source(is_being_loaded) or debug.getinfo(func, "S").source
@@ -277,7 +277,7 @@ local function module_at_work(func)
     or { name = file_name, looks = {} }
 end
 
--- Returns a function that runs func(arg) for the module, and reports its error.
+-- Returns a function that runs func(arg) for the module and reports its error.
 local function protected(module, what, func, arg)
   local function call()
     func(arg)
@@ -287,7 +287,7 @@ local function protected(module, what, func, arg)
     running = module
     local done, text = xpcall(call, traceback)
     running = outer
-    if not done then -- of the traceback, what lies below xpcall and its `call` says nothing
+    if not done then -- the part of the traceback below xpcall and its `call` is of no use
       report(module, what, text:match("^(.*)\n[^\n]*\n[^\n]*in function 'xpcall'") or text)
     end
   end
@@ -311,11 +311,11 @@ function on(type_name, func, arg)
     handlers = { list_func = {}, made_by_on = true }
     rawset(_G, name, handlers)
   elseif type(handlers) ~= "table" then
-    error(name .. " is no table but a " .. type(handlers), 2)
+    error(name .. " is a " .. type(handlers) .. ", not a table", 2)
   end
   handlers.list_func = handlers.list_func or {}
   if type(handlers.list_func) ~= "table" then
-    error(name .. ".list_func is no table but a " .. type(handlers.list_func), 2)
+    error(name .. ".list_func is a " .. type(handlers.list_func) .. ", not a table", 2)
   end
   local call = protected(module, "handler of " .. type_name, func, arg)
   local entry = { module.name, call, arg }
@@ -323,7 +323,7 @@ function on(type_name, func, arg)
   table.insert(handlers.list_func, entry)
 end
 
--- Calls look() every `interval` s, on the multiples of that time since 1970 (UTC), until the module is a former one.
+-- Calls look() every `interval` s, at multiples of that time since 1970 (UTC), until the module is a former one.
 local function add_timer(module, interval, look)
   return try_with_tag(module.name, tmr_add, function()
     if is_former(module) then
@@ -333,8 +333,8 @@ local function add_timer(module, interval, look)
   end, interval, 0, nil)
 end
 
--- Calls func(arg) every `interval` s, on the multiples of that time since 1970 (UTC): so a reload shifts nothing. In
--- func, tmr_delete() ends it.
+-- Calls func(arg) every `interval` s, at multiples of that time since 1970 (UTC): so a reload shifts nothing. In func,
+-- tmr_delete() ends it.
 function every(interval, func, arg)
   if not is_whole(interval, 1, 2147483647) or type(func) ~= "function" then
     error("every(interval_s, func [, arg]): whole seconds from 1 on and a function expected", 2)
@@ -346,15 +346,15 @@ function every(interval, func, arg)
   end
 end
 
--- A number for each minute of local time that grows from day to day, though not by the same step.
+-- A number for each minute of local time. It grows from day to day, though not always by the same step.
 local function local_minute(time)
   local date = os.date("*t", time)
   return (date.year * 366 + date.yday) * 1440 + date.hour * 60 + date.min
 end
 
-local kLongestLeap = 3600 -- s; beyond it the clock was set, and nothing has passed
+local kLongestLeap = 3600 -- s; a longer leap means that the clock was set: no time has passed
 
--- Whether the minute of the day lies after `from` and not after `to`, on either's day.
+-- Whether the minute of the day lies after `from` and not after `to`, on the day of either.
 local function is_between(from, minute_of_day, to)
   local due = to - to % 1440 + minute_of_day
   if due > to then
@@ -363,8 +363,8 @@ local function is_between(from, minute_of_day, to)
   return from < due and due <= to
 end
 
--- Where an `at` of that minute of the day begins: its time, and the latest local minute that has been looked at. What a
--- reload came before, because it fell into the very minute or the device was busy, the new load makes up for.
+-- Where an `at` for that minute of the day begins: its time, and the latest local minute that has been looked at. If the
+-- former load has not run it yet, because the reload came in that very minute or the device was busy, this load does.
 local function first_look(module, minute_of_day)
   local before = former[module.name]
   local look = module.looks[minute_of_day] or before and before.looks[minute_of_day]
@@ -375,10 +375,10 @@ local function first_look(module, minute_of_day)
   return { time = time, minute = local_minute(time) }
 end
 
--- Calls func(arg) once a local day. Each minute it looks whether local time has passed that point since the last look.
--- So where local time leaps ahead over it, func is called after the leap, and where it falls back, the second time does
--- not count. When the clock itself is set, back or by more than an hour ahead, nothing has passed. In func,
--- tmr_delete() ends it.
+-- Calls func(arg) once a day in local time. Each minute it checks whether local time has passed that point since the
+-- last check. So where local time leaps ahead over it, func is called after the leap, and where local time falls back,
+-- the second time does not count. When the clock itself is set, back or ahead by more than an hour, nothing has passed.
+-- In func, tmr_delete() ends it.
 function at(hour, minute, func, arg)
   if not is_whole(hour, 0, 23) or not is_whole(minute, 0, 59) or type(func) ~= "function" then
     error("at(hour, minute, func [, arg]): 0 to 23, 0 to 59 and a function expected", 2)
@@ -404,8 +404,8 @@ function at(hour, minute, func, arg)
 end
 
 -- Runs func(arg) as a coroutine: at once and up to its first cr_yield(ms), then on whenever that time has passed and no
--- event waits. An error ends it and is reported; in a coroutine of cr_add it is lost. func runs in a coroutine inside
--- the daemon's, because Lua 5.1 cannot yield across xpcall.
+-- event waits. An error ends it and is reported; in a coroutine of cr_add it would be lost. func runs in a coroutine
+-- inside the daemon's coroutine, because Lua 5.1 cannot yield across xpcall.
 function task(func, arg)
   local created, thread = pcall(coroutine.create, func)
   if not created then
@@ -436,7 +436,7 @@ function task(func, arg)
   end
 end
 
--- The fields of the event at hand: name -> text. Of equal names the first counts, as for evt_field_str.
+-- The fields of the event being handled: name -> text. Of equal names the first counts, as for evt_field_str.
 function fields()
   local known, info = pcall(evt_info)
   if not known then

@@ -1,14 +1,41 @@
-// One event's way through the Lua handlers of its type.
+// One event's way through the Lua handlers of its type, and how handlers read it.
 //
 // The handlers of type N stand in the global table "es_N", whose field list_func is a sequence of entries
 // { tag, function, argument }. Scripts may put anything there: whatever it is, it costs a log line and nothing else.
 #pragma once
 
+#include <lua.hpp>
+#include <string>
+
 #include "device/event_queue.h"
 
-class ManagerScript;
+// Only the thread that has the Lua state.
+class EventDispatch {
+ public:
+  // Calls the handlers of `event` in order, each under its entry's tag; a failing one is logged and the next one runs.
+  // Returns true when there is a handler table, false when the type is unknown (logged).
+  bool dispatch(lua_State* L, const event_item& event);
 
-// Calls the handlers of `event` in order, each with handler_tag set to its entry's tag; a failing one is logged and the
-// next one runs. Returns true when there is a handler table, false when the type is unknown (logged). Script thread,
-// which must have the Lua state.
-bool dispatch_event(ManagerScript& script, const event_item& event);
+  // The event being dispatched, or null.
+  const event_item* current_event() const { return at_hand; }
+
+  // The tag of the entry that runs, or the one set last; empty after each event.
+  const std::string& handler_tag() const { return tag; }
+  void set_handler_tag(const char* text) { tag = text; }
+
+ private:
+  bool call_handlers(lua_State* L);
+  void call_entry(lua_State* L, int index);
+
+  const event_item* at_hand = nullptr;
+  std::string tag;
+};
+
+// The Lua functions that read the event at hand; script/script_api.cpp registers them. Outside a dispatch each is the
+// Lua error "no event is being dispatched".
+int evt_type_name(lua_State* L);
+int evt_timestamp(lua_State* L);
+int evt_info(lua_State* L);
+int evt_field_int(lua_State* L);
+int evt_field_str(lua_State* L);
+int evt_field_str_safe(lua_State* L);

@@ -1,27 +1,33 @@
 #include "script/lua_gate.h"
 
 void LuaGate::enter(Turn turn) {
-  std::unique_lock<std::mutex> lock(mutex);
-  if (turn == Turn::next) ++wishes;
+  uint32_t free = 0;
+  if (!word.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) wait_and_take(turn);
+  holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
+}
+
+void LuaGate::wait_and_take(Turn turn) {
+  MutexLock lock(mutex);
+  const bool is_next = turn == Turn::next;
+  waiting_for_next += is_next ? 1 : 0;
   ++waiting;
-  changed.wait(lock, [&] { return !held && (turn == Turn::next || wishes == 0); });
+  // From here on the word is neither 0 nor kHeld: nobody changes it without the mutex.
+  while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_next && waiting_for_next > 0)) {
+    changed.wait(lock);
+  }
   --waiting;
-  if (turn == Turn::next) --wishes;
-  held = true;
-  holder = std::this_thread::get_id();
+  waiting_for_next -= is_next ? 1 : 0;
+  word.store(waiting > 0 ? kHeld | kAwaited : kHeld, std::memory_order_relaxed);
 }
 
 void LuaGate::leave() {
-  bool somebody_waits = false;
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    held = false;
-    somebody_waits = waiting > 0;
-  }
-  if (somebody_waits) changed.notify_all();
+  holder.store(std::thread::id(), std::memory_order_relaxed);
+  uint32_t held = kHeld;
+  if (!word.compare_exchange_strong(held, 0, std::memory_order_release)) leave_to_others();
 }
 
-bool LuaGate::held_here() {
-  const std::lock_guard<std::mutex> lock(mutex);
-  return held && holder == std::this_thread::get_id();
+void LuaGate::leave_to_others() {
+  const MutexLock lock(mutex);
+  word.store(kAwaited, std::memory_order_release);
+  changed.notify_all();
 }

@@ -1,36 +1,51 @@
 // Who has the Lua state.
 //
 // The event loop takes it for the Lua work of each pass; the main thread takes it for a reload, at the latest when the
-// work in progress is done, also while events come without a pause. A plain mutex does not give that: the loop lets go
-// of it and has it again before the other thread wakes up. So whoever comes for a reload leaves a wish, and the loop
-// waits while there is one.
+// work in progress is done, also while events come without a pause. A plain mutex does not guarantee that: the loop
+// releases it and has it again before the other thread wakes up. So a thread can ask for the next turn, and ordinary
+// turns wait while one does.
+//
+// The loop takes one or two turns for each event, nearly always alone. So as long as nobody waits, one atomic word is
+// all there is; the first one to wait marks it, and until the last one has been served, every turn goes through the
+// mutex.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
-#include <mutex>
+#include <cstdint>
 #include <thread>
+
+#include "util/mutex.h"
 
 class LuaGate {
  public:
   enum class Turn {
-    ordinary,  // waits for everybody who wishes for the state
-    next,      // a wish: comes before every ordinary turn
+    ordinary,  // waits while a thread waits for the next turn
+    next,      // comes before every ordinary turn that waits
   };
 
-  // True when the calling thread has the state.
-  bool held_here();
+  // True when some thread waits for the state. Any thread.
+  bool awaited() const { return (word.load(std::memory_order_relaxed) & kAwaited) != 0; }
+
+  // True when the calling thread has the state. Any thread; for assertions.
+  bool held_here() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
  private:
   friend class LuaTurn;
   void enter(Turn turn);
+  void wait_and_take(Turn turn);
   void leave();
+  void leave_to_others();
 
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool held = false;       // under mutex
-  int wishes = 0;          // under mutex: turns of kind `next` that wait
-  int waiting = 0;         // under mutex: threads in enter()
-  std::thread::id holder;  // under mutex; meaningful while held
+  static constexpr uint32_t kHeld = 1;
+  static constexpr uint32_t kAwaited = 2;  // somebody waits: the word changes under the mutex only
+
+  std::atomic<uint32_t> word{0};
+  std::atomic<std::thread::id> holder{};  // nobody's while nobody has the state
+  Mutex mutex;
+  std::condition_variable_any changed;
+  int waiting GUARDED_BY(mutex) = 0;           // turns of both kinds that wait
+  int waiting_for_next GUARDED_BY(mutex) = 0;  // those of kind `next`
 };
 
 // Has the Lua state as long as it lives. One per thread at a time.

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr size_t kReserve = 64 * 1024;  // bytes: for the error's text, its line, and the collection's calls
+constexpr size_t kReserve = size_t{64} * 1024;  // bytes: for the error's text, its line, and the collection's calls
 
 }  // namespace
 
@@ -14,11 +14,11 @@ LuaMemory::~LuaMemory() {
 }
 
 lua_State* LuaMemory::new_state() {
-  lay_in();
+  refill();
   return lua_newstate(allocate, this);
 }
 
-void LuaMemory::lay_in() {
+void LuaMemory::refill() {
   if (reserve == nullptr) reserve = malloc(kReserve);
 }
 

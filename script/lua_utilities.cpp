@@ -1,4 +1,4 @@
-#include "script/lua_utilities.h"
+// Bit, sign and byte functions and sleep.
 
 #include <unistd.h>
 
@@ -6,6 +6,7 @@
 
 #include "device/log.h"
 #include "script/api_names.h"
+#include "script/script_api.h"
 #include "script/script_stop.h"
 #include "util/lua_binding.h"
 

@@ -1,24 +1,37 @@
 #include "script/manager_script.h"
 
+#include <cassert>
 #include <cstdlib>
 
-#include "util/except.h"
 #include "device/config_store.h"
+#include "device/event_source.h"
 #include "device/log.h"
 #include "script/clua.h"
 #include "script/event_loop.h"
-#include "script/lua_utilities.h"
 #include "script/script_api.h"
+#include "util/except.h"
+#include "util/exe_dir.h"
 #include "util/lua_binding.h"
+#include "util/rate_limit.h"
+#include "util/script_files.h"
 #include "util/service_thread.h"
 
 ManagerScript* g_mscript = nullptr;
 
 namespace {
 
+constexpr int kLongestWaitMs = 1000;
+
+RateLimit g_finalizer_lines;  // of the thread that has the Lua state
+
 int panic(lua_State* L) {
   elog(1, "mscript: Lua error outside any protected call - %s", error_value_text(L, -1).c_str());
   abort();
+}
+
+// Lets the loop look again at what is to be done, should it be waiting for an event.
+void wake_loop() {
+  if (event_wake != nullptr) event_wake();
 }
 
 // No exception may leave a thread. Memory can run short anywhere in a pass; what the pass held has been given back by
@@ -50,7 +63,7 @@ ManagerScript::~ManagerScript() {
 void ManagerScript::init() {
   elog(2, "mscript: init...");
   const LuaTurn turn(gate);
-  clear_scripts();
+  scripts.clear(lua_state);
   lua_state = memory.new_state();
   if (lua_state == nullptr) throw except_base("mscript: no memory for the Lua state");
   lua_atpanic(lua_state, panic);
@@ -68,6 +81,39 @@ void ManagerScript::init() {
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
 
+// Scripts run on the main thread here. A signal must not cut their reads and sleeps short: the error that follows would
+// end the daemon.
+void ManagerScript::load_scripts(const char* script_path, const char* external_path) {
+  const RunSignalsBlocked undisturbed;
+  const LuaTurn turn(gate);
+  const StopsWhenWanted limited(stop);
+  load_file(lua_state, script_in(exe_dir(), "init_base.lua"));
+  elog(2, "mscript: load script files...");
+  elog(2, "mscript: loading config.lua file...");
+  load_file(lua_state, base_script("config.lua", script_path, external_path));
+  elog(2, "mscript: loading event_server.lua file...");
+  load_file(lua_state, base_script("server_event.lua", script_path, external_path));
+  elog(2, "mscript: event_server.init()");
+  const int top = lua_gettop(lua_state);
+  if (clua_run_string(lua_state, "event_server.init()") < 0) {
+    const std::string error = clua_error_text(lua_state);
+    lua_settop(lua_state, top);
+    throw except_base("mscript: failed to run event_server.init() - %s", error.c_str());
+  }
+  scripts.load(lua_state, script_path, external_path);
+}
+
+void ManagerScript::reload(const char* script_path, const char* external_path) {
+  // A script that never returns keeps the state from us; a stop that is asked for meanwhile must end it all the same.
+  stop.begin_to_watch();
+  const LuaTurn turn(gate, LuaGate::Turn::next);
+  const RunSignalsBlocked undisturbed;
+  const StopsWhenWanted limited(stop);  // begins anew: what is loaded has its own time
+  scripts.clear(lua_state);
+  scripts.load(lua_state, script_path, external_path);
+  wake_loop();  // coroutines that were started may be due before the end of its wait
+}
+
 int ManagerScript::start_thread() {
   running = true;
   elog(2, "mscript: thread start...");
@@ -80,16 +126,17 @@ void ManagerScript::stop_thread() {
   running = false;
   elog(2, "mscript: thread stop...");
   if (thread == 0) return;
-  stop.raise_after(stop_patience_ms);
+  stop.begin_patience();
+  wake_loop();
   pthread_join(thread, nullptr);
-  stop.forget();
+  stop.end();
   thread = 0;
 }
 
 void ManagerScript::call_cleanup() {
   const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
-  const StopsWhenWanted limited(stop, stop_patience_ms);
+  const StopsWhenWanted limited(stop);
   if (lua_state == nullptr) return;
   const int top = lua_gettop(lua_state);
   if (clua_run_string(lua_state, "event_server.cleanup()") < 0) {
@@ -106,7 +153,7 @@ void ManagerScript::cleanup() {
     helper_cleanup();
     econf_cleanup();
   }
-  clear_scripts();
+  scripts.clear(lua_state);
 }
 
 // Finalizers run in here and may still call the whole API; the records they see or make belong to the dying state.
@@ -117,9 +164,44 @@ void ManagerScript::close_state() {
   coroutines.clear();
 }
 
+void ManagerScript::run_timers() {
+  assert(gate.held_here());
+  timers.run_due(lua_state, clock.seconds());
+}
+
+void ManagerScript::resume_coroutines() {
+  assert(gate.held_here());
+  coroutines.resume_due(lua_state, clock.milliseconds());
+}
+
+int ManagerScript::next_wait_ms() {
+  assert(gate.held_here());
+  return coroutines.next_wait_ms(clock.milliseconds(), kLongestWaitMs);
+}
+
+bool ManagerScript::dispatch_event(const event_item& event) {
+  assert(gate.held_here());
+  return dispatch.dispatch(lua_state, event);
+}
+
+void ManagerScript::collect_garbage() const {
+  assert(gate.held_here());
+  std::string error;
+  if (protect(lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); })) return;
+  if (const auto left_out = g_finalizer_lines.allow()) {
+    elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out->text);
+  }
+}
+
+void ManagerScript::refill_memory() {
+  if (!memory.is_short()) return;
+  collect_garbage();
+  memory.refill();
+}
+
 const std::string& ManagerScript::current_tag_name() const {
-  if (current_script != nullptr) return current_script->module_name;
-  if (current_coroutine != nullptr) return current_coroutine->tag;
-  if (current_timer != nullptr) return current_timer->tag;
-  return handler_tag;
+  if (scripts.current() != nullptr) return scripts.current()->module_name;
+  if (coroutines.current() != nullptr) return coroutines.current()->tag;
+  if (timers.current() != nullptr) return timers.current()->tag;
+  return dispatch.handler_tag();
 }

@@ -9,25 +9,24 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <list>
 #include <lua.hpp>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "device/event_queue.h"
+#include "script/event_dispatch.h"
 #include "script/lua_gate.h"
 #include "script/lua_memory.h"
-#include "script/script_clock.h"
 #include "script/script_coroutine.h"
+#include "script/script_loading.h"
 #include "script/script_stop.h"
 #include "script/script_timer.h"
+#include "util/clock.h"
 
-// One file loaded from the script directories.
-struct ScriptModule {
-  std::string path;
-  std::string module_name;     // given by script_define while the file ran; empty until then
-  int module_ref = LUA_NOREF;  // registry reference to the value given to script_define
+// The clocks that timers and coroutines live by. Tests put others in their place.
+struct ScriptClock {
+  // Wall clock in seconds since the epoch: timers.
+  int (*seconds)() = [] { return static_cast<int>(time(nullptr)); };
+  // now_ms: coroutines and timems().
+  int (*milliseconds)() = now_ms;
 };
 
 class ManagerScript {
@@ -45,57 +44,55 @@ class ManagerScript {
   // Runs init_base.lua, config.lua and server_event.lua, the scripts' event_server.init(), then the other files of the
   // directories. Throws except_base when one of them fails; what ran before stays.
   void load_scripts(const char* script_path, const char* external_path);
-  // Starts the event loop on a thread of its own. Returns 1, or -1 (logged) when there is no thread to be had.
+  // Starts the event loop on a thread of its own. Returns 1, or -1 (logged) when no thread can be started.
   int start_thread();
   // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
-  // Asks the loop to end and joins its thread: at most a pass, so about a second and the script call in progress.
+  // Asks the loop to end and joins its thread: at most a pass, which does not wait for events any more.
   void stop_thread();
   // Runs the scripts' event_server.cleanup(); a failure is logged.
   void call_cleanup();
   // Closes the state and the device libraries' parts in it.
   void cleanup();
 
-  // What the event loop calls, on the script thread, which must have the Lua state.
+  // What the event loop calls, on the thread that has the Lua state.
 
-  // Runs the timers that are due by the clock.
+  // Calls the timers that are due by the clock.
   void run_timers();
   // Resumes the coroutines that are due by the clock.
   void resume_coroutines();
+  // How long the loop may wait for an event, in ms: until the first coroutine is due, 0 to 1000.
+  int next_wait_ms();
+  // Calls the handlers of `event`. Returns false when nobody knows its type (logged).
+  bool dispatch_event(const event_item& event);
+  // Collects all garbage; a finalizer that fails is logged.
+  void collect_garbage() const;
+  // Where a request for memory has failed since the last call: collects all garbage and refills the reserve.
+  void refill_memory();
 
   // The tag of the script code that runs now; empty when it has none. Only the thread that has the Lua state.
   const std::string& current_tag_name() const;
 
-  std::atomic<bool> running{false};  // main thread writes, the loop reads once per pass
+  std::atomic<bool> running{false};  // the main thread writes, the loop reads once per pass
   LuaGate gate;
-  ScriptClock clock;  // set before the script thread starts
-  // A script that has not returned so long after stop_thread() or, in the calls that run scripts on the main thread or
-  // wait for them, after stop.wanted(), gets an error raised in it. Set before any of these.
-  int stop_patience_ms = 10000;
   ScriptStop stop;
 
-  // Everything below belongs to the thread that has the Lua state.
+  // Set before the script thread starts.
+  ScriptClock clock;
+  int collect_every = 20;  // dispatched events between two full collections, at least 1
 
-  LuaMemory memory;
+  // The rest belongs to the thread that has the Lua state.
   lua_State* lua_state = nullptr;
-  std::string handler_tag;                             // of the handler entry being run, or by set_handler_tag
-  std::vector<std::unique_ptr<ScriptModule>> scripts;  // in load order
-  ScriptModule* current_script = nullptr;              // the directory file whose code is being loaded or run
-  std::list<ScriptTimer> timers;                       // in creation order
-  ScriptTimer* current_timer = nullptr;                // whose callback runs
-  bool timers_changed = false;                         // the callback that runs has deleted its timer
-  std::list<ScriptCoroutine> coroutines;               // in creation order
-  ScriptCoroutine* current_coroutine = nullptr;        // whose thread runs
-  const event_item* current_event = nullptr;           // being dispatched
+  ScriptModules scripts;
+  ScriptTimers timers;
+  ScriptCoroutines coroutines;
+  EventDispatch dispatch;
 
  private:
-  void load_file(const std::string& path);
-  void load_directory_file(const std::string& path);
-  void load_script_files(const char* script_path, const char* external_path);
-  void clear_scripts();
   void close_state();
 
-  pthread_t thread = 0;  // main thread; 0 when there is none
+  LuaMemory memory;      // of the thread that has the Lua state
+  pthread_t thread = 0;  // of the main thread; 0 when there is none
 };
 
 // The one instance, or null. Set before and cleared after all other threads.

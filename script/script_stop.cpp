@@ -6,16 +6,28 @@
 
 namespace {
 
-// Between two looks. A look costs a few ns: at this distance it does not show. A loop whose every round waits in C
-// has few instructions a round: sleep() looks by itself.
+// Between two looks. A look costs a few ns: at this distance it does not show. A loop that waits in C executes few
+// instructions: sleep() looks by itself.
 constexpr int kInstructions = 50;
 
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: whoever catches one to report it has this long, and what the pass has still to run.
+// Between two errors: code that catches one to report it has this long, and so has the rest of the pass.
 constexpr int kRespiteMs = 500;
 
 }  // namespace
+
+ScriptStop::Phase ScriptStop::next(Phase phase, bool wanted, bool over) {
+  if (!over) return phase;
+  switch (phase) {
+    case Phase::watching:
+      return wanted ? Phase::patient : Phase::watching;
+    case Phase::patient:
+      return Phase::raising;
+    default:
+      return phase;
+  }
+}
 
 void ScriptStop::watch(lua_State* L) {
   lua_sethook(L, look, LUA_MASKCOUNT, kInstructions);
@@ -30,38 +42,39 @@ void ScriptStop::check(lua_State* L) {
   }
 }
 
-void ScriptStop::raise_after(int patience) {
+void ScriptStop::begin_patience() {
+  begin(Phase::patient, patience_ms);
+}
+
+void ScriptStop::begin_to_watch() {
+  begin(Phase::watching, 0);
+}
+
+void ScriptStop::begin(Phase first, int ms) {
   said = RateLimit();
-  patience_ms = 0;
-  deadline_ms = steady_ms() + patience;
+  over_at_ms = steady_ms() + ms;
+  phase.store(first, std::memory_order_release);
 }
 
-void ScriptStop::raise_once_wanted(int patience) {
-  said = RateLimit();
-  patience_ms = patience;
-  deadline_ms = steady_ms();
+void ScriptStop::end() {
+  phase = Phase::off;
 }
 
-void ScriptStop::forget() {
-  deadline_ms = kNever;
+// Takes the step that is due, if any. Returns true when it is to raise an error.
+bool ScriptStop::is_time_to_raise() {
+  const int64_t now = steady_ms();
+  if (now < over_at_ms) return false;
+  const Phase reached = next(phase, phase == Phase::watching && wanted(), true);
+  phase = reached;
+  over_at_ms = now + (reached == Phase::watching ? kAskEveryMs : reached == Phase::patient ? patience_ms : kRespiteMs);
+  return reached == Phase::raising;
 }
 
-bool ScriptStop::is_due() const {
-  const int64_t deadline = deadline_ms.load(std::memory_order_acquire);
-  return deadline != kNever && steady_ms() >= deadline;
-}
-
-void ScriptStop::ask() {
-  const bool is_wanted = wanted();
-  deadline_ms = steady_ms() + (is_wanted ? patience_ms : kAskEveryMs);
-  if (is_wanted) patience_ms = 0;
-}
-
-// A script that catches the error meets it again and again.
+// A script that catches the error gets it again and again.
 void ScriptStop::say_stopped(const lua_Debug& at) {
   const auto left_out = said.allow();
   if (!left_out) return;
-  const event_item* const event = g_mscript->current_event;
+  const event_item* const event = g_mscript->dispatch.current_event();
   elog(1, "mscript: stopped a script that does not return: event(%s), tag[%s], %s:%d%s",
        event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name().c_str(), at.short_src,
        at.currentline, left_out->text);
@@ -69,9 +82,8 @@ void ScriptStop::say_stopped(const lua_Debug& at) {
 
 void ScriptStop::look(lua_State* L, lua_Debug* at) {
   ScriptStop& stop = g_mscript->stop;
-  if (!stop.is_due()) return;
-  if (stop.patience_ms != 0) return stop.ask();
-  stop.deadline_ms = steady_ms() + kRespiteMs;
+  if (stop.phase.load(std::memory_order_acquire) == Phase::off) return;
+  if (!stop.is_time_to_raise()) return;
   lua_getinfo(L, "Sl", at);
   stop.say_stopped(*at);
   lua_pushfstring(L, "%s:%d: stopped, the daemon is to end", at->short_src, at->currentline);

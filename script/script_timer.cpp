@@ -24,23 +24,17 @@ int tmr_add(lua_State* L) {
   if (interval < 1) throw ArgumentError(2, "an interval of at least 1 s expected");
   const int origin = int_arg(L, 3);
   if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
-  if (script.timers.size() >= kMaxTimers) throw ScriptError("too many timers");
+  if (script.timers.size() >= ScriptTimers::kMost) throw ScriptError("too many timers");
   lua_pushvalue(L, 1);
   const int callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
   const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
   const int next_due = get_target_time(script.clock.seconds(), interval, origin);
-  script.timers.push_back({interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()});
+  script.timers.add({interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()});
   return 0;
 }
 
 int tmr_delete(lua_State* L) {
-  ManagerScript& script = *g_mscript;
-  const ScriptTimer* const timer = script.current_timer;
-  if (timer == nullptr) throw ScriptError("This is not timer callback");
-  luaL_unref(L, LUA_REGISTRYINDEX, timer->callback_ref);
-  luaL_unref(L, LUA_REGISTRYINDEX, timer->argument_ref);
-  script.timers_changed = true;  // the pass, which is walking the list, removes the record when the callback returns
-  script.current_timer = nullptr;
+  if (!g_mscript->timers.delete_current(L)) throw ScriptError("This is not timer callback");
   return 0;
 }
 
@@ -66,32 +60,41 @@ int timer_time(lua_State* L) {
 
 namespace {
 
-void call_back(ManagerScript& script, ScriptTimer& timer) {
-  script.current_timer = &timer;
+void call_back(lua_State* L, const ScriptTimer& timer) {
   std::string error;
-  const bool done = protect(script.lua_state, error, [&](lua_State* L) {
-    lua_rawgeti(L, LUA_REGISTRYINDEX, timer.callback_ref);
-    lua_rawgeti(L, LUA_REGISTRYINDEX, timer.argument_ref);
-    lua_call(L, 1, 0);
+  const bool done = protect(L, error, [&](lua_State* state) {
+    lua_rawgeti(state, LUA_REGISTRYINDEX, timer.callback_ref);
+    lua_rawgeti(state, LUA_REGISTRYINDEX, timer.argument_ref);
+    lua_call(state, 1, 0);
   });
   if (!done) elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
 }
 
 }  // namespace
 
-void ManagerScript::run_timers() {
-  assert(gate.held_here());
-  const int now = clock.seconds();
-  for (auto timer = timers.begin(); timer != timers.end();) {  // callbacks append timers; none of those is due yet
-    if (int64_t{timer->next_due} - now > timer->interval) {    // the clock was set back
+void ScriptTimers::run_due(lua_State* L, int now) {
+  auto timer = timers.begin();
+  for (size_t left = timers.size(); left > 0; --left) {      // callbacks append timers
+    if (int64_t{timer->next_due} - now > timer->interval) {  // the clock was set back
       timer->next_due = get_target_time(now, timer->interval, timer->origin);
     }
-    timers_changed = false;
+    bool deleted = false;
     if (timer->next_due <= now) {
       timer->next_due = get_target_time(now, timer->interval, timer->origin);
-      call_back(*this, *timer);
+      current_timer = &*timer;
+      call_back(L, *timer);
+      deleted = current_timer == nullptr;
     }
-    timer = timers_changed ? timers.erase(timer) : std::next(timer);
+    timer = deleted ? timers.erase(timer) : std::next(timer);
   }
   current_timer = nullptr;
+}
+
+// The walk removes the record when the callback has returned.
+bool ScriptTimers::delete_current(lua_State* L) {
+  if (current_timer == nullptr) return false;
+  luaL_unref(L, LUA_REGISTRYINDEX, current_timer->callback_ref);
+  luaL_unref(L, LUA_REGISTRYINDEX, current_timer->argument_ref);
+  current_timer = nullptr;
+  return true;
 }

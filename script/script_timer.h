@@ -2,12 +2,14 @@
 //
 // A timer runs at the instants that differ from its phase origin by whole intervals, until its own callback deletes it.
 // One that is late by several intervals runs once; missed runs are not made up. A step of the clock costs at most one
-// interval. The pass is ManagerScript::run_timers.
+// interval.
 #pragma once
 
 #include <cstddef>
+#include <list>
 #include <lua.hpp>
 #include <string>
+#include <utility>
 
 struct ScriptTimer {
   int interval;      // s, at least 1
@@ -19,11 +21,36 @@ struct ScriptTimer {
 };
 
 // The first instant after `now` that differs from `origin` by a whole number of intervals, in s since the epoch; cut at
-// the last second that 32 bits hold. `interval` must be at least 1.
+// the last second that 32 bits hold. `interval` must be at least 1. Any thread.
 int get_target_time(int now, int interval, int origin);
 
-// How many timers there may be at once.
-constexpr size_t kMaxTimers = 65536;
+// All timers, in creation order. Only the thread that has the Lua state.
+class ScriptTimers {
+ public:
+  static constexpr size_t kMost = 65536;  // at once
+
+  size_t size() const { return timers.size(); }
+
+  // Takes over a timer with its two registry references. At most kMost.
+  void add(ScriptTimer timer) { timers.push_back(std::move(timer)); }
+
+  // Calls those that are due at `now`, in s since the epoch, in creation order; a failure is logged. What their
+  // callbacks add is not called. A second call for the same second finds nothing to do.
+  void run_due(lua_State* L, int now);
+
+  // The timer whose callback runs, or null; null too once that callback has deleted it.
+  const ScriptTimer* current() const { return current_timer; }
+
+  // Deletes that timer. Returns false when there is none.
+  bool delete_current(lua_State* L);
+
+  // Forgets all of them; their references die with the state.
+  void clear() { timers.clear(); }
+
+ private:
+  std::list<ScriptTimer> timers;
+  ScriptTimer* current_timer = nullptr;
+};
 
 // The Lua functions; script/script_api.cpp registers them.
 int tmr_add(lua_State* L);

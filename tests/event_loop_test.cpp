@@ -1,19 +1,18 @@
 // The event loop on the real script manager, with a device made for tests. A loop ends because the quit event ends it.
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <future>
 
-#include "util/except.h"
 #include "script/clua.h"
 #include "script/event_loop.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
 #include "util/clock.h"
+#include "util/except.h"
 
 namespace {
 
@@ -34,6 +33,15 @@ class EventLoop : public testing::Test {
     standin::post(EVENT_TYPE_QUIT, "quit", "");
     event_loop(script);
   }
+  // A folder with one script file, as long as the test runs.
+  std::string folder_with(const std::string& file, const std::string& text) {
+    std::filesystem::create_directory(folder);
+    std::ofstream(folder + "/" + file) << text;
+    return folder;
+  }
+  ~EventLoop() override { std::filesystem::remove_all(folder); }
+
+  const std::string folder = testing::TempDir() + "event_loop_" + std::to_string(getpid());
   ManagerScript script;
 };
 
@@ -54,15 +62,39 @@ TEST_F(EventLoop, LogsDispatchesAndGivesBackInOrder) {
   EXPECT_EQ(standin::log_lines_with("unknown event type[nobody]").size(), 1u);
 }
 
-TEST_F(EventLoop, CollectsAfterEveryTwentiethDispatchedEvent) {
+TEST_F(EventLoop, CollectsAfterEverySoManyDispatchedEvents) {
   run_lua("es_a = {} do local p = newproxy(true) getmetatable(p).__gc = function() error('planted', 0) end end");
-  for (int i = 0; i < 400; ++i) {
-    standin::post(1, "a", "");
-    standin::post(1, "nobody", "");  // not counted
+  for (const auto& [every, collections] : {std::pair(20, 20u), std::pair(100, 20u + 4u)}) {
+    script.collect_every = every;
+    for (int i = 0; i < 400; ++i) {
+      standin::post(1, "a", "");
+      standin::post(1, "nobody", "");  // not counted
+    }
+    run_to_quit();
+    EXPECT_EQ(standin::log_lines_with("repair lua").size(), collections);
+  }
+  EXPECT_EQ(standin::log_lines_with("planted"), Lines{"<1> mscript: a finalizer failed - planted"});
+}
+
+// While events come without a pause, timers run whenever the second changes, also backwards.
+TEST_F(EventLoop, TimersRunBetweenEvents) {
+  static int seconds;
+  seconds = 1000000;
+  script.clock.seconds = [] { return seconds; };
+  const lua_CFunction set_clock = [](lua_State* L) {
+    seconds = static_cast<int>(lua_tointeger(L, 1));
+    return 0;
+  };
+  lua_register(script.lua_state, "set_clock", set_clock);
+  run_lua(
+      "set_handler_tag('t') tmr_add(function() trace(2, timer_time()) end, 8, 1000000, 0)"
+      "es_a = { list_func = { { 't', function() set_clock(evt_field_int('to')) end } } }");
+  for (const int to : {1000007, 1000008, 1000008, 1000030, 999900, 999903, 999904, 999911, 999912, 0}) {
+    standin::post(1, "a", "to=" + std::to_string(to));
   }
   run_to_quit();
-  EXPECT_EQ(standin::log_lines_with("repair lua").size(), 20u);
-  EXPECT_EQ(standin::log_lines_with("planted"), Lines{"<1> mscript: a finalizer failed - planted"});
+  EXPECT_EQ(standin::log_lines_with("trace"), (Lines{"<2> lua-trace: 1000008", "<2> lua-trace: 1000030",
+                                                     "<2> lua-trace: 999904", "<2> lua-trace: 999912"}));
 }
 
 TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart) {
@@ -87,7 +119,7 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart
 
 // Whatever way a script never returns, a stop ends it, says where it was, and spares what runs afterwards.
 TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
-  script.stop_patience_ms = 50;
+  script.stop.patience_ms = 50;
   run_lua("function hang() trace(1, 'hangs') while true do end end");
   for (const std::string code : {"trace(1, 'hangs') while true do sleep(1) end", "for i = 1, 5 do pcall(hang) end",
                                  "coroutine.wrap(function() coroutine.wrap(hang)() end)()",
@@ -106,10 +138,8 @@ TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
 
 // A handler that a reload waits for, a file that it loads, the scripts' own end: each is given its time, and ended.
 TEST_F(EventLoop, AStopEndsWhatHoldsUpTheMainThread) {
-  const std::string folder = testing::TempDir() + "hang_" + std::to_string(getpid());
-  std::filesystem::create_directory(folder);
-  std::ofstream(folder + "/hang.lua") << "\nwhile true do end";
-  script.stop_patience_ms = 50;
+  folder_with("hang.lua", "\nwhile true do end");
+  script.stop.patience_ms = 50;
   script.stop.wanted = [] { return true; };
   run_lua("es_a = { list_func = { { 't', function() trace(1, 'resumed') while true do end end } } }");
   run_lua("event_server = { cleanup = function() while true do end end }");
@@ -123,24 +153,62 @@ TEST_F(EventLoop, AStopEndsWhatHoldsUpTheMainThread) {
   EXPECT_EQ(standin::log_lines_with("stopped a script"),
             (Lines{line + "a), tag[t], [string \"temp\"]:1", line + "none), tag[], " + folder + "/hang.lua:2",
                    line + "none), tag[], [string \"temp\"]:1"}));
-  std::filesystem::remove_all(folder);
 }
 
-// A reload gets the state when the pass in progress ends, although the loop wants it again at once.
-TEST(LuaGate, AWishComesBeforeTheNextPass) {
-  LuaGate gate;
-  std::atomic<bool> reloaded{false};
-  std::future<void> reload;
-  {
-    const LuaTurn pass(gate);
-    reload = std::async(std::launch::async, [&] {
-      const LuaTurn turn(gate, LuaGate::Turn::next);
-      reloaded = true;
-    });
-    usleep(100000);  // until the wish is there
+TEST(ScriptStop, Phases) {
+  using Phase = ScriptStop::Phase;
+  const struct {
+    Phase phase;
+    Phase next[4];  // before its time is over: no stop wanted, one wanted; afterwards likewise
+  } rows[] = {
+      {Phase::off, {Phase::off, Phase::off, Phase::off, Phase::off}},
+      {Phase::watching, {Phase::watching, Phase::watching, Phase::watching, Phase::patient}},
+      {Phase::patient, {Phase::patient, Phase::patient, Phase::raising, Phase::raising}},
+      {Phase::raising, {Phase::raising, Phase::raising, Phase::raising, Phase::raising}},
+  };
+  for (const auto& row : rows) {
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(ScriptStop::next(row.phase, i % 2 == 1, i >= 2), row.next[i]) << i;
   }
-  const LuaTurn next_pass(gate);
-  EXPECT_TRUE(reloaded);
+}
+
+bool main_thread_sleeps() {
+  std::string stat;
+  std::getline(std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/stat"), stat);
+  return stat.find(") S ") != std::string::npos;
+}
+
+// A reload gets the state when the pass in progress ends, although events wait and the loop wants it again at once.
+TEST_F(EventLoop, AReloadComesBeforeTheNextPass) {
+  const lua_CFunction wait_for_reload = [](lua_State*) {
+    while (!g_mscript->gate.awaited() || !main_thread_sleeps()) sched_yield();
+    return 0;
+  };
+  lua_register(script.lua_state, "wait_for_reload", wait_for_reload);
+  run_lua(
+      "es_a = { list_func = { { 't', function() trace(2, 'before') wait_for_reload() end } } }"
+      "es_b = { list_func = { { 't', function() trace(2, 'after') end } } }");
+  folder_with("a.lua", "trace(2, 'reload')");
+  standin::post(1, "a", "");
+  standin::post(1, "b", "");
+  ASSERT_EQ(script.start_thread(), 1);
+  ASSERT_TRUE(standin::wait_for_line("before"));
+  script.reload(folder.c_str(), "");
+  ASSERT_TRUE(standin::wait_for_line("after"));
+  script.stop_thread();
+  EXPECT_EQ(standin::log_lines_with("trace"),
+            (Lines{"<2> lua-trace: before", "<2> lua-trace: reload", "<2> lua-trace: after"}));
+}
+
+// Neither a stop nor a coroutine that a reload starts waits until the loop has waited for an event.
+TEST_F(EventLoop, StopAndReloadEndItsWait) {
+  folder_with("a.lua", "script_define('a', 0) cr_add(function() cr_yield(1) trace(2, 'resumed') end, 0, 0)");
+  ASSERT_EQ(script.start_thread(), 1);
+  standin::wait_until_idle();
+  script.reload(folder.c_str(), "");
+  EXPECT_TRUE(standin::wait_for_line("resumed"));
+  standin::wait_until_idle();
+  script.stop_thread();
+  EXPECT_EQ(standin::full_waits(), 0);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <string>
 
 #include "device/event_queue.h"
-#include "script/event_dispatch.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
 
@@ -26,7 +25,7 @@ class ScriptFixture : public testing::Test {
     if (event == nullptr) return g_mscript->resume_coroutines();
     event->timestamp[0] = g_mscript->clock.seconds();
     event->timestamp[1] = 250000;
-    dispatch_event(*g_mscript, *event);
+    g_mscript->dispatch_event(*event);
     event_item_free(event);
   }
 

@@ -2,11 +2,10 @@
 //
 // Beside the API they find: check(label, got, wanted); raises(text, func, ...); traced(), as in the fixture;
 // ran(seconds, milliseconds), which sets the clock, makes a pass and returns what that traced; counts() of timers and
-// coroutines, and the wait for the next one of these; references() in the registry; lua_dir and docs_dir, where the
-// default scripts and the documents are.
+// coroutines, and the wait for the next one of these; references() in the registry; dumped_by_coroutine(...); lua_dir
+// and docs_dir, where the default scripts and the documents are.
 
 #include "script/clua.h"
-#include "script/event_loop.h"
 #include "tests/script_fixture.h"
 
 namespace {
@@ -25,8 +24,22 @@ int ran(lua_State* L) {
 int counts(lua_State* L) {
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->timers.size()));
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->coroutines.size()));
-  lua_pushinteger(L, next_wait_ms(g_mscript->coroutines, g_mscript->clock.milliseconds()));
+  lua_pushinteger(L, g_mscript->coroutines.next_wait_ms(g_mscript->clock.milliseconds(), 1000));
   return 3;
+}
+
+// Has a coroutine dump the values given, on the stack of this very function; returns what that logged.
+int dumped_by_coroutine(lua_State* L) {
+  const size_t before = standin::log_lines().size();
+  lua_State* const thread = lua_newthread(L);
+  lua_getglobal(thread, "stack_dump");
+  lua_pushliteral(thread, "below");
+  lua_resume(thread, 1);
+  const std::vector<std::string> lines = standin::log_lines();
+  std::string text;
+  for (size_t i = before; i < lines.size(); ++i) text += lines[i].substr(4);
+  lua_pushstring(L, text.c_str());
+  return 1;
 }
 
 constexpr char kPrelude[] = R"(
@@ -52,6 +65,7 @@ TEST_P(ScriptLua, Table) {
   lua_register(L, "traced", push_traced);
   lua_register(L, "ran", ran);
   lua_register(L, "counts", counts);
+  lua_register(L, "dumped_by_coroutine", dumped_by_coroutine);
   ASSERT_EQ(clua_run_string(L, "lua_dir, docs_dir = '" ZELVIND_LUA_DIR "', '" ZELVIND_DOCS_DIR "'"), 1);
   ASSERT_EQ(clua_run_string(L, kPrelude), 1) << clua_error_text(L);
   const std::string file = TEST_LUA_DIR "/" + std::string(GetParam()) + ".lua";

@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "device/config_store.h"
 #include "device/event_queue.h"
@@ -22,7 +23,8 @@ struct Event : event_item {
 struct Device {
   std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
-  int refusals = 0, arranged = 0;
+  int refusals = 0, arranged = 0, full_waits = 0;
+  bool idle = false, woken = false;
 };
 
 // The device, locked as long as this lives; without a name, until the statement ends.
@@ -69,12 +71,18 @@ bool wait_for_line(const std::string& part, size_t count) {
   return device.wait_for(10000, [&] { return device.lines_with(part).size() >= count; });
 }
 
+void wait_until_idle() {
+  Locked device;
+  device.wait_for(10000, [&] { return device->idle; });
+}
+
 // clang-format off
 void reset() { *Locked().device = Device(); }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }
 std::vector<std::string> log_lines_with(const std::string& part) { return Locked().lines_with(part); }
 int arrange_calls() { return Locked()->arranged; }
+int full_waits() { return Locked()->full_waits; }
 // clang-format on
 
 }  // namespace standin
@@ -95,10 +103,21 @@ void elogr(int level, const char* format, ...) __attribute__((alias("elog")));
 
 event_item* event_dequeue(int timeout_ms) {
   Locked device;
-  if (!device.wait_for(timeout_ms, [&] { return !device->queue.empty(); })) return nullptr;
+  device->idle = device->queue.empty();
+  Locked::changed.notify_all();
+  const bool in_time = device.wait_for(timeout_ms, [&] { return !device->queue.empty() || device->woken; });
+  device->idle = false;
+  if (!in_time && timeout_ms == 1000) ++device->full_waits;
+  if (std::exchange(device->woken, false) || device->queue.empty()) return nullptr;
   Event* event = device->queue.front().release();
   device->queue.pop_front();
   return event;
+}
+
+void event_wake() {
+  const Locked device;
+  device->woken = true;
+  Locked::changed.notify_all();
 }
 
 int event_post(int type, const char* type_name, const char* info) {

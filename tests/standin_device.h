@@ -28,4 +28,10 @@ bool wait_for_line(const std::string& part, size_t count = 1);
 // Calls of event_arrange since reset.
 int arrange_calls();
 
+// Waits until the event loop waits for an event.
+void wait_until_idle();
+
+// Calls of event_dequeue since reset that waited for the whole of 1000 ms.
+int full_waits();
+
 }  // namespace standin

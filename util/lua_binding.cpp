@@ -23,6 +23,8 @@ std::string error_value_text(lua_State* L, int index) {
 namespace lua_binding {
 namespace {
 
+char g_key;  // its address is where the registry keeps run_protected
+
 int run_protected(lua_State* L) {
   Call* const call = static_cast<Call*>(lua_touserdata(L, 1));
   lua_settop(L, 0);
@@ -32,6 +34,26 @@ int run_protected(lua_State* L) {
     return 0;
   };
   return run_body(L, body, call);
+}
+
+int keep_run_protected(lua_State* L) {
+  lua_pushlightuserdata(L, &g_key);
+  lua_pushcfunction(L, run_protected);
+  lua_rawset(L, LUA_REGISTRYINDEX);
+  return run_protected(L);
+}
+
+// lua_cpcall makes a function on Lua's heap for each call. So the first call of a state keeps one in the registry, and
+// later ones take it from there: nothing of that allocates, so nothing can raise outside the protected call.
+int call_run_protected(lua_State* L, void* call) {
+  lua_pushlightuserdata(L, &g_key);
+  lua_rawget(L, LUA_REGISTRYINDEX);
+  if (lua_isnil(L, -1)) {
+    lua_pop(L, 1);
+    return lua_cpcall(L, keep_run_protected, call);
+  }
+  lua_pushlightuserdata(L, call);
+  return lua_pcall(L, 1, 0, 0);
 }
 
 }  // namespace
@@ -55,7 +77,7 @@ int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work) {
 
 bool protected_call(lua_State* L, std::string& error, const Call& call) {
   const int top = lua_gettop(L);
-  if (lua_cpcall(L, run_protected, const_cast<Call*>(&call)) == 0) return true;
+  if (call_run_protected(L, const_cast<Call*>(&call)) == 0) return true;
   try {
     error = error_value_text(L, -1);
   } catch (const std::bad_alloc&) {

@@ -1,4 +1,4 @@
-// The door between C++ and Lua.
+// Calls between C++ and Lua.
 //
 // A Lua error is a long jump: it runs no destructor. So a function that Lua calls is written as a body, ordinary C++
 // with three rules, and registered through api<body>:
@@ -34,7 +34,7 @@ class ArgumentError : public std::runtime_error {
 };
 
 // Argument `index` read as a signed 32-bit integer the way lua_tointeger reads it; anything but a number gives 0.
-// A number beyond 32 bits keeps its low 32 bits. The one place where Lua's integers are narrowed.
+// A number beyond 32 bits keeps its low 32 bits. Lua's integers are narrowed nowhere else.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 inline int int_arg(lua_State* L, int index) {
@@ -42,7 +42,7 @@ inline int int_arg(lua_State* L, int index) {
 }
 #pragma GCC diagnostic pop
 
-// As int_arg; throws ArgumentError when the argument is no number.
+// As int_arg; throws ArgumentError when the argument is not a number.
 inline int number_arg(lua_State* L, int index) {
   if (lua_isnumber(L, index) == 0) {
     throw ArgumentError(index, std::string("number expected, got ") + luaL_typename(L, index));
@@ -70,7 +70,7 @@ int api(lua_State* L) {
 }
 
 // The text of the value at `index` for a log line: a string as it is (up to a zero byte), a number as Lua writes it,
-// "NOT ERROR" for anything else. Never raises and never touches the stack.
+// "NOT ERROR" for anything else. Never raises and never changes the stack.
 std::string error_value_text(lua_State* L, int index);
 
 namespace lua_binding {
@@ -83,8 +83,8 @@ bool protected_call(lua_State* L, std::string& error, const Call& call);
 
 // Runs work(L) inside a protected call, in a frame of its own that starts empty. `work` is a callable that obeys the
 // rules for bodies: when Lua raises, no destructor inside it runs. The stack is afterwards as it was, whatever
-// happened. Returns true, or false with the text of the error in `error`; throws nothing. Only the thread that has the
-// Lua state may call it.
+// happened; it needs room for two values. Returns true, or false with the text of the error in `error`; throws nothing.
+// Only the thread that has the Lua state may call it.
 template <typename Work>
 bool protect(lua_State* L, std::string& error, Work&& work) {
   using Callable = std::remove_reference_t<Work>;

@@ -8,7 +8,7 @@
 
 ---- The default scripts: init_base.lua and config.lua -----------------------------------------------------------------
 
----What the daemon calls itself: `init` once when the base files have run, `cleanup` at its end.
+---What the daemon itself calls: `init` once when the base files have run, `cleanup` at its end.
 ---@class zelvind.event_server
 ---@field init fun()
 ---@field cleanup fun()
@@ -42,7 +42,7 @@ function at(hour, minute, func, arg) end
 ---@param arg? any
 function task(func, arg) end
 
----The fields of the event at hand. Error when there is none.
+---The fields of the current event. Error when there is none.
 ---@return table<string, string>
 ---@nodiscard
 function fields() end
@@ -63,7 +63,7 @@ function get_module_name() end
 ---@param tag string
 function set_handler_tag(tag) end
 
----- The event at hand -------------------------------------------------------------------------------------------------
+---- The current event -------------------------------------------------------------------------------------------------
 
 ---The event's type name. Error when no event is being dispatched, as for all `evt_` functions.
 ---@return string

@@ -17,7 +17,7 @@ end
 
 pass(0)
 es_list = { list_func = 7 }
-raises("es_list.list_func is no table but a number", on, "list", print)
+raises("es_list.list_func is a number, not a table", on, "list", print)
 
 -- An error, wherever it happens, is written with its traceback, line by line.
 local failing = chunk("local text = ...\nlocal function f() error(text) end\n" ..

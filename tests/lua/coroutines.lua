@@ -62,6 +62,19 @@ ran(0, 100000)
 cr_add(function() cr_yield(50) trace(1, "due") end, 0, nil)
 expect("set back", 0, "", 1, 50)
 expect("set back", 51, "due", 0)
+ran(0, 99000)
+cr_add(function() cr_yield(1050) trace(1, "began before") end, 0, nil)
+ran(0, 100000)
+cr_add(function() cr_yield(50) trace(1, "began after") end, 0, nil)
+expect("set back a little", 99990, "", 2, 50)
+expect("set back a little", 100041, "began after", 1, 9)
+expect("set back a little", 100051, "began before", 0)
+
+-- Those that are due run in the order in which they were made.
+for _, wait in ipairs { 30, 10, 20 } do cr_add(function() cr_yield(wait) trace(1, wait) end, 0, nil) end
+expect("order", 100051, "", 3, 10)
+expect("order", 100082, "30|10|20", 0)
+ran(0, 51)
 
 local thread = cr_add(function() cr_yield(10) cr_yield(10) trace(1, "no") end, 0, nil)
 check("resumed by a script", select(2, coroutine.resume(thread)):match("cr_yield outside a coroutine$") ~= nil, true)

@@ -26,18 +26,21 @@ end
 raises("no event is being dispatched", evt_info)
 raises("bad argument #1 to '?' (number expected, got nil)", trace, nil, "x")
 
+local dump = "lua stack below(4)---\n  1.5    'text'    table(a:1)    thread(8)    \n---\n"
+check("stack dump in a coroutine", dumped_by_coroutine(1.5, "text", { a = 1 }), dump)
+
 -- Whatever stands where a handler table or an entry is looked for costs one line, and the next entry is fine.
 local good = { "good", function() trace(1, "good") end }
 local function first(func) return { list_func = { { "t", func }, good } } end
 local faults = {
-  { 5, "es_x is no table but a number" }, { false, "es_x is no table but a boolean" },
+  { 5, "es_x is a number, not a table" }, { false, "es_x is a boolean, not a table" },
   { setmetatable({}, { __index = function() error("angry", 0) end }), "angry" },
-  { { list_func = "abc" }, "es_x.list_func is no table but a string" },
-  { { list_func = { 5, good } }, "es_x.list_func[1] is no table but a number|good" },
+  { { list_func = "abc" }, "es_x.list_func is a string, not a table" },
+  { { list_func = { 5, good } }, "es_x.list_func[1] is a number, not a table|good" },
   { { list_func = { {}, good } }, "attempt to call a nil value|good" },
   { first(function() error() end), "NOT ERROR|good" }, { first(function() error("%s%n", 0) end), "%s%n|good" },
   { first(function() es_x.list_func = nil end), "good" },
-  { first(function() table.remove(es_x.list_func) end), "es_x.list_func[2] is no table but a nil" },
+  { first(function() table.remove(es_x.list_func) end), "es_x.list_func[2] is a nil, not a table" },
   { { list_func = { { "t", function() table.insert(es_x.list_func, good) end } } }, "" },
 }
 for i, fault in ipairs(faults) do

@@ -4,7 +4,7 @@ local others = -- Lua's own and this test's
   " _G _VERSION assert collectgarbage coroutine debug dofile error gcinfo getfenv getmetatable io ipairs load " ..
   "loadfile loadstring math module newproxy next os package pairs pcall print rawequal rawget rawset require select " ..
   "setfenv setmetatable string table tonumber tostring type unpack xpcall " ..
-  "check raises traced ran counts references lua_dir docs_dir "
+  "check raises traced ran counts references dumped_by_coroutine lua_dir docs_dir "
 dofile(lua_dir .. "/init_base.lua")
 dofile(lua_dir .. "/config.lua")
 local known = { event_post = true, econf_str = true, econf_int = true } -- the device libraries have these

@@ -1,0 +1,38 @@
+// Loading: the modules of the script directories, and running their files in order.
+#pragma once
+
+#include <list>
+#include <lua.hpp>
+#include <string>
+
+// One file loaded from the script directories.
+struct ScriptModule {
+  std::string module_name;     // given by script_define while the file ran; empty until then
+  int module_ref = LUA_NOREF;  // registry reference to the value given to script_define
+};
+
+// Compiles and runs one file on L. Throws except_base, which names the file. Only the thread that has the Lua state.
+void load_file(lua_State* L, const std::string& path);
+
+// The modules of the script directories, in load order. Only the thread that has the Lua state.
+class ScriptModules {
+ public:
+  size_t size() const { return modules.size(); }
+
+  // Runs the files of the directories, those of external_path first, which may be empty. Throws except_base when one
+  // fails: those before it stay, the failed one is dropped.
+  void load(lua_State* L, const char* script_path, const char* external_path);
+
+  // The module whose file runs, or null.
+  ScriptModule* current() { return loading; }
+  const ScriptModule* current() const { return loading; }
+
+  // Forgets all modules and releases their values; L may be null, when they are gone with the state.
+  void clear(lua_State* L);
+
+ private:
+  void load_one(lua_State* L, const std::string& path);
+
+  std::list<ScriptModule> modules;
+  ScriptModule* loading = nullptr;  // the last of them, or null
+};
