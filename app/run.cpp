@@ -9,6 +9,7 @@
 #include "device/settings.h"
 #include "util/exe_dir.h"
 #include "app/signals.h"
+#include "device/event_source.h"
 #include "device/log.h"
 #include "device/service.h"
 #include "extension/manager_extension.h"
@@ -52,6 +53,7 @@ struct Managers {  // built in this order, destroyed in the reverse one
 bool start(Managers& managers, const Settings& settings) {
   try {
     managers.script.init();
+    tell_service(SERVICE_STARTING);
     managers.extension.load(settings.dll_path.c_str());
     managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
     managers.listener.start();
@@ -111,6 +113,7 @@ void stop(Managers& managers) {
 void run() {
   elog_set_level("zelvind", 1);
   errlog_init(3, "zelvind");
+  open_service(event_socket_owned);
   elog(1, "Start zelvind...");
   Managers managers;
   managers.script.stop.wanted = stop_asked;

@@ -17,6 +17,14 @@ extern "C" {
 // queue full (65,536 events, or 64 MiB) or no memory.
 __attribute__((weak)) int event_post(int type, const char* type_name, const char* info);
 
+// Makes the event_dequeue in progress, or else the next one, return at once without an event. Any thread, also when the
+// queue is closed.
+__attribute__((weak)) void event_wake();
+
+// Tells whether this process has the event socket: 0 when it does not, else another number for each socket that it has
+// made. Any thread.
+__attribute__((weak)) int event_socket_owned();
+
 // The number of events that are taken in and parsed, so that event_dequeue is certain to return them without waiting.
 // Script thread only.
 __attribute__((weak)) int event_pending();
