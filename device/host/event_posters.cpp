@@ -92,7 +92,7 @@ bool EventPosters::wait(int timeout_ms) {
 
 EventPosters::Work EventPosters::read_piece() {
   const MutexLock lock(mutex);
-  if (turn_count == 0) {
+  if (turn_count == 0 || has_room()) {  // who has become ready comes behind one turn of the others, not behind all
     Ready ready;
     collect(ready, 0);
     note(ready);
