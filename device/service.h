@@ -18,8 +18,9 @@ constexpr int SERVICE_STARTING = 4;   // the event queue is open, scripts and pl
 extern "C" {
 
 // Takes what a service manager asks for out of the environment: what scripts start is not to speak for the daemon.
-// `owns_socket` is asked whether this process has the event socket (event_socket_owned), at each change and in each pass
-// of the loop: only then it keeps the state file; null: it never does. Main thread, once, before other threads start.
+// `owns_socket` is asked whether this process has the event socket (event_socket_owned), at each change and in each
+// pass of the loop: only then it keeps the state file; null: it never does. Main thread, once, before other threads
+// start.
 __attribute__((weak)) void service_open(int (*owns_socket)());
 
 // Tells one of the above: SERVICE_ALIVE on the script thread, cheaply enough for every pass; the others on the main

@@ -380,7 +380,8 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   const std::string is_made = "<1> evq: " + path + " is made: events from other processes are taken\n";
   const std::string removed =
       "<1> evq: " + path + " was removed or replaced: no events from other processes\n" + is_made;
-  EXPECT_EQ(logged(), removed + removed + "<1> evq: " + path + " belongs to process 4711: no events from other processes\n" + is_made);
+  EXPECT_EQ(logged(), removed + removed + "<1> evq: " + path +
+                          " belongs to process 4711: no events from other processes\n" + is_made);
 }
 
 TEST_F(DeviceQueue, NoProgramInheritsADescriptor) {

@@ -45,8 +45,8 @@ int EventInbox::post(int type, std::string_view name, std::string_view info) {
   EventRecord* const record = make_record(EventSource::process, type, name, info, stamp_now());
   const Tally& mine = posted(EventSource::process);
   const MutexLock lock(mutex);
-  const bool has_room = record != nullptr && mine.waiting() < kInboxEventsMax &&
-                        mine.bytes_waiting() + record->size <= kInboxBytesMax;
+  const bool has_room =
+      record != nullptr && mine.waiting() < kInboxEventsMax && mine.bytes_waiting() + record->size <= kInboxBytesMax;
   if (is_open && has_room) {
     arrived.push(record);
     added(EventSource::process, 1, record->size);

@@ -84,9 +84,9 @@ class EventInbox {
   // The number of posts refused since the last call because the queue was full. Any thread.
   int64_t take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
 
-  // Around a fork, so that the child can post: both are taken before it and opened on both sides.
-  void lock() ZELVIND_LOCK_RULE(acquire_capability(mutex)) { mutex.lock(); }
-  void unlock() ZELVIND_LOCK_RULE(release_capability(mutex)) { mutex.unlock(); }
+  // Around a fork, so that the child can post: holds the lock from before it until after it, on both sides.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
 
  private:
   void added(EventSource source, uint32_t count, size_t bytes) REQUIRES(mutex);
@@ -99,7 +99,7 @@ class EventInbox {
   std::atomic<bool> is_sleeping{false};      // set under mutex; script thread
   std::atomic<bool> is_woken{false};         // set under mutex
   std::condition_variable_any woken;
-  int wake_fd = -1;                          // changed under mutex, by the main thread alone
+  int wake_fd = -1;  // changed under mutex, by the main thread alone
   RecordList taken;  // script thread: moved here from `arrived` in one go, which spares a lock for each event
   Tally tallies[2];
   std::atomic<int64_t> refused{0};

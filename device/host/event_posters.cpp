@@ -100,8 +100,10 @@ EventPosters::Work EventPosters::read_piece() {
   const bool has_turn = turn_count > 0 && has_room();
   if (has_turn) take_turn();
   accept_waiting();
+  const bool is_left = turn_count > 0 || someone_waits;
+  if (is_left) inbox.pass_on_wake();  // the loop may have begun to wait before that was so
   if (has_turn) return Work::done;
-  return turn_count > 0 || someone_waits ? Work::held_up : Work::nothing;
+  return is_left ? Work::held_up : Work::nothing;
 }
 
 int64_t EventPosters::tidy_up() {
@@ -135,13 +137,14 @@ void EventPosters::note(const Ready& ready) {
     } else if (tag == this) {
       someone_waits = true;
     } else if (tag == &socket) {
-      is_for_the_loop = socket_changed = socket.take_change();
+      socket_changed = socket.take_change() || socket_changed;
+      is_for_the_loop = true;
     } else {
       ++last_ready;
       queue_turn(*static_cast<Poster*>(tag));
     }
   }
-  if (is_for_the_loop) inbox.pass_on_wake();  // nothing happens where it is the loop that was told
+  if (is_for_the_loop) inbox.pass_on_wake();  // does nothing when it is the loop that was told
 }
 
 void EventPosters::queue_turn(Poster& poster) {
@@ -168,7 +171,8 @@ void EventPosters::take_turn() {
   }
 }
 
-// Receives and cuts at most `size` bytes. Returns false when there was nothing to receive; at its end the poster leaves.
+// Receives and cuts at most `size` bytes. Returns false when there was nothing to receive; at its end the poster
+// leaves.
 bool EventPosters::receive(Poster& poster, size_t size, int lines_max) {
   // recv, never recvmsg: what somebody passes along beside the bytes, descriptors above all, is thrown away.
   const ssize_t got = recv(poster.fd, buffer, size, MSG_DONTWAIT);
@@ -188,10 +192,11 @@ void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
   const EventInbox::Tally& mine = inbox.posted(EventSource::posters);
   const int64_t room = kPostedEventsMax - mine.waiting();
   const size_t bytes_before = mine.bytes_waiting();
-  const std::string_view rest = poster.lines.feed(bytes, [&](std::string_view line) {
-    take_line(poster, line, batch);
-    return batch.lines < lines_max && batch.count < room && bytes_before + batch.bytes < kPostedBytesMax;
-  });
+  const std::string_view rest =
+      poster.lines.feed(bytes, [&](std::string_view line) ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+        take_line(poster, line, batch);
+        return batch.lines < lines_max && batch.count < room && bytes_before + batch.bytes < kPostedBytesMax;
+      });
   if (batch.lines > 0) poster.heard_ms = steady_ms();
   inbox.add(batch.records, batch.count, batch.bytes);
   if (rest.empty()) return;
@@ -201,7 +206,8 @@ void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
 
 void EventPosters::finish(Poster& poster) {
   Batch batch;
-  poster.lines.finish([&](std::string_view line) { take_line(poster, line, batch); });
+  poster.lines.finish([&](std::string_view line)
+                          ZELVIND_LOCK_RULE(no_thread_safety_analysis) { take_line(poster, line, batch); });
   inbox.add(batch.records, batch.count, batch.bytes);
 }
 
@@ -228,6 +234,7 @@ void EventPosters::take_line(const Poster& poster, std::string_view line, Batch&
 }
 
 void EventPosters::accept_waiting() {
+  if (socket.descriptor() < 0) someone_waits = false;
   if (!someone_waits || steady_ms() < accept_not_before) return;
   while (someone_waits && (!places.all_taken() || make_place()) && accept_one()) {
   }

@@ -56,8 +56,8 @@ class EventPosters {
 
   enum class Work { done, nothing, held_up };
 
-  // Reads one piece, if there is one, without waiting: `held_up` means that something has to wait for room in the inbox,
-  // or for its time. Stand-in reader.
+  // Reads one piece, if there is one, without waiting: `held_up` means that something has to wait for room in the
+  // inbox, or for its time. Stand-in reader.
   Work read_piece();
 
   // Ready for poll(2) while anything has happened that nobody has looked at yet.
@@ -101,10 +101,10 @@ class EventPosters {
   uint8_t turns[kPostersMax] GUARDED_BY(mutex);  // a ring of places: whose turn it is next, each once
   int first_turn GUARDED_BY(mutex) = 0;
   int turn_count GUARDED_BY(mutex) = 0;
-  int last_ready GUARDED_BY(mutex) = 0;         // the number of posters that were ready when it was last asked
-  bool socket_changed GUARDED_BY(mutex) = false;  // it may have been removed
-  bool someone_waits GUARDED_BY(mutex) = false;   // somebody may be waiting to be accepted
-  bool someone_leaves GUARDED_BY(mutex) = false;  // a connection that had to go is being read empty
+  int last_ready GUARDED_BY(mutex) = 0;             // the number of posters that were ready when it was last asked
+  bool socket_changed GUARDED_BY(mutex) = false;    // it may have been removed
+  bool someone_waits GUARDED_BY(mutex) = false;     // somebody may be waiting to be accepted
+  bool someone_leaves GUARDED_BY(mutex) = false;    // a connection that had to go is being read empty
   int64_t accept_not_before GUARDED_BY(mutex) = 0;  // steady_ms
   RecordList spares GUARDED_BY(mutex);
   int64_t dropped GUARDED_BY(mutex) = 0;

@@ -64,11 +64,11 @@ EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
   return nullptr;
 }
 
-// A child of this process may post as long as it lives.
+// A child of this process may post as long as it lives, whatever the other threads did when it was made.
 void keep_usable_in_children() {
-  const auto lock = [] { queue().inbox.lock(), lock_spare_records(); };
-  const auto unlock = [] { unlock_spare_records(), queue().inbox.unlock(); };
-  static const int registered = pthread_atfork(lock, unlock, unlock);
+  const auto before = [] { queue().inbox.before_fork(), spare_records_before_fork(); };
+  const auto after = [] { spare_records_after_fork(), queue().inbox.after_fork(); };
+  static const int registered = pthread_atfork(before, after, after);
   (void)registered;
 }
 

@@ -93,11 +93,11 @@ void free_spare_records() {
   g_spares.count = 0;
 }
 
-void lock_spare_records() ZELVIND_LOCK_RULE(acquire_capability(g_spares.mutex)) {
+void spare_records_before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
   g_spares.mutex.lock();
 }
 
-void unlock_spare_records() ZELVIND_LOCK_RULE(release_capability(g_spares.mutex)) {
+void spare_records_after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
   g_spares.mutex.unlock();
 }
 

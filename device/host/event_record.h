@@ -35,9 +35,9 @@ class RecordList {
 
   bool empty() const { return first == nullptr; }
   void push(EventRecord* record);
-  EventRecord* take();             // the first; null when empty
-  void append(RecordList& from);   // moves all of `from` to the end, in one go
-  void clear();                    // frees them
+  EventRecord* take();            // the first; null when empty
+  void append(RecordList& from);  // moves all of `from` to the end, in one go
+  void clear();                   // frees them
 
  private:
   EventRecord* first = nullptr;
@@ -55,6 +55,7 @@ void free_record(EventRecord* record);
 // Frees the records that wait to be used again. Script thread.
 void free_spare_records();
 
-// Around a fork, so that the child can make records: the store's lock is taken before it and opened on both sides.
-void lock_spare_records();
-void unlock_spare_records();
+// Around a fork, so that the child can make records: hold the store's lock from before it until after it, on both
+// sides.
+void spare_records_before_fork();
+void spare_records_after_fork();

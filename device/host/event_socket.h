@@ -38,8 +38,8 @@ class EventSocket {
   // The listening descriptor, non-blocking and owned by this object; -1: there is none.
   int descriptor() const { return listening.get(); }
 
-  // Becomes readable when something in the socket's folder has changed; -1: the kernel does not tell. What changed before
-  // the socket was returned is not told.
+  // Becomes readable when something in the socket's folder has changed; -1: the kernel does not tell. What changed
+  // before the socket was returned is not told.
   int change_descriptor() const { return changes.get(); }
 
   // Reads what change_descriptor() tells. Returns true when the socket may have been removed or replaced.
@@ -63,8 +63,8 @@ class EventSocket {
   Descriptor changes;
   std::atomic<int> is_made{0};  // number()
   int made = 0;                 // sockets so far
-  pid_t maker = 0;         // the process that made the socket file; 0: there is none
-  dev_t device = 0;        // what identifies the socket file
+  pid_t maker = 0;              // the process that made the socket file; 0: there is none
+  dev_t device = 0;             // what identifies the socket file
   ino_t inode = 0;
   int64_t not_before = 0;  // steady_ms; when to try again
   int64_t not_after = 0;   // 0: the loop has not tried yet

@@ -16,9 +16,9 @@ struct Poster {
   int fd = -1;  // -1: a free place
   pid_t process = 0;
   uid_t user = 0;
-  int64_t since_ms = 0;    // steady_ms of its connecting
-  int64_t heard_ms = 0;    // of the last end of a line: bytes alone do not count
-  bool is_queued = false;  // its place stands in the queue for turns
+  int64_t since_ms = 0;     // steady_ms of its connecting
+  int64_t heard_ms = 0;     // of the last end of a line: bytes alone do not count
+  bool is_queued = false;   // its place stands in the queue for turns
   bool is_leaving = false;  // has to go, as soon as it is read empty
   PosterLines lines;
   std::string unread;  // received, and left for its next turn

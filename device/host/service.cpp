@@ -36,7 +36,7 @@ struct Service {
   State state GUARDED_BY(mutex) = State::starting;
   long long reloads GUARDED_BY(mutex) = 0;
   bool said_file GUARDED_BY(mutex) = false;
-  std::atomic<int> kept_for{0};            // written under mutex: the socket for which the state file is kept; 0: none is
+  std::atomic<int> kept_for{0};  // written under mutex: the socket for which the state file is kept; 0: none is
   std::atomic<bool> said_manager{false};  // any thread
 };
 
@@ -69,8 +69,7 @@ void write_state(Service& s) REQUIRES(s.mutex) {
   unlink(path.c_str());  // no state is better than an old one
   if (s.said_file) return;
   s.said_file = true;
-  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", path.c_str(),
-       strerrordesc_np(error));
+  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", path.c_str(), strerrordesc_np(error));
 }
 
 // The manager is told first: who waits for the file may ask the manager next.

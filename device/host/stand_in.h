@@ -2,8 +2,8 @@
 // events have the time stamps of their coming, and who posts them is not kept waiting.
 //
 // The loop reads for itself whenever it looks for events: a thread in between would double the time that a single event
-// takes. So this thread asks every kTickMs whether the loop has looked since it asked before, and only reads when it has
-// not, one piece at a time until the loop looks again: an event is read at most twice kTickMs late. It ticks while
+// takes. So this thread asks every kTickMs whether the loop has looked since it asked before, and only reads when it
+// has not, one piece at a time until the loop looks again: an event is read at most twice kTickMs late. It ticks while
 // events come. When none has come for kSilenceMs it sleeps, in poll(2) on the set of the posters, until the kernel
 // finds something to be read there, whoever should have read it: an event that ends a silence wakes it, no other does,
 // and neither that nor anything else costs the loop a system call.
