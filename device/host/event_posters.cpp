@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "device/log.h"
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr int kAcceptRetryMs = 300;
+constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -21,10 +23,21 @@ bool watch(int epoll, int fd, uint32_t what, void* tag) {
   return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+bool has_memory_for_a_piece() {
+  void* volatile const memory = malloc(kPieceMemory);  // volatile: or the compiler takes it for granted
+  free(memory);
+  return memory != nullptr;
+}
+
 }  // namespace
 
 // The events of one piece: they came in together, and go into the inbox together.
 struct EventPosters::Batch {
+  Batch() = default;
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
+  ~Batch() { records.clear(); }
+
   EventStamp stamp = stamp_now();
   uint32_t count = 0;
   size_t bytes = 0;
@@ -91,6 +104,8 @@ bool EventPosters::wait(int timeout_ms) {
 }
 
 EventPosters::Work EventPosters::read_piece() {
+  // A script may be eating it, and lose it soon: until then what comes can wait.
+  if (!has_memory_for_a_piece()) return Work::held_up;
   const MutexLock lock(mutex);
   if (turn_count == 0 || has_room()) {  // who has become ready comes behind one turn of the others, not behind all
     Ready ready;

@@ -57,7 +57,7 @@ class EventPosters {
   enum class Work { done, nothing, held_up };
 
   // Reads one piece, if there is one, without waiting: `held_up` means that something has to wait for room in the
-  // inbox, or for its time. Stand-in reader.
+  // inbox, for its time, or for memory. Throws std::bad_alloc. Stand-in reader.
   Work read_piece();
 
   // Ready for poll(2) while anything has happened that nobody has looked at yet.

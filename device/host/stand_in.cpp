@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 
 #include "device/log.h"
 #include "util/service_thread.h"
@@ -67,6 +68,10 @@ void StandIn::pause(int milliseconds) {
 EventPosters::Work StandIn::read_while_away(uint32_t since) {
   if (LoopLooks::is_looking(since)) return EventPosters::Work::nothing;
   EventPosters::Work work = EventPosters::Work::done;
-  while (work == EventPosters::Work::done && looks.count() == since && !is_stopping) work = posters.read_piece();
+  try {
+    while (work == EventPosters::Work::done && looks.count() == since && !is_stopping) work = posters.read_piece();
+  } catch (const std::bad_alloc&) {
+    work = EventPosters::Work::held_up;
+  }
   return work;
 }
