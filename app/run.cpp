@@ -6,6 +6,7 @@
 #include <string>
 
 #include "app/signals.h"
+#include "device/event_source.h"
 #include "device/log.h"
 #include "device/service.h"
 #include "device/settings.h"
@@ -49,6 +50,7 @@ struct Managers {  // built in this order, destroyed in the reverse one
 bool start(Managers& managers, const Settings& settings) {
   try {
     managers.script.init();
+    tell_service(SERVICE_STARTING);
     managers.extension.load(settings.dll_path.c_str());
     managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
     managers.listener.start();
@@ -109,6 +111,7 @@ void stop(Managers& managers) {
 void run() {
   elog_set_level("zelvind", 1);
   errlog_init(3, "zelvind");
+  open_service(event_socket_owned);
   elog(1, "Start zelvind...");
   Managers managers;
   managers.script.stop.wanted = stop_asked;

@@ -13,12 +13,24 @@ constexpr int SERVICE_ALIVE = 0;      // the event loop is about to take an even
 constexpr int SERVICE_RELOADING = 1;  // a reload begins
 constexpr int SERVICE_RELOADED = 2;   // and is done
 constexpr int SERVICE_STOPPING = 3;   // the daemon ends because it was asked to
+constexpr int SERVICE_STARTING = 4;   // the event queue is open, scripts and plug-ins are about to be loaded
 
 extern "C" {
+
+// Takes what a service manager asks for out of the environment: what scripts start is not to speak for the daemon.
+// `owns_socket` is asked whether this process has the event socket (event_socket_owned), at each change and in each
+// pass of the loop: only then it keeps the state file; null: it never does. Main thread, once, before other threads
+// start.
+__attribute__((weak)) void service_open(int (*owns_socket)());
 
 // Tells one of the above: SERVICE_ALIVE on the script thread, cheaply enough for every pass; the others on the main
 // thread. Never fails; what cannot be told is said in the log once.
 __attribute__((weak)) void service_state(int state);
+}
+
+// service_open, where there is one.
+inline void open_service(int (*owns_socket)()) {
+  if (service_open != nullptr) service_open(owns_socket);
 }
 
 // service_state, where there is one.

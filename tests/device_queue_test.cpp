@@ -2,6 +2,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <atomic>
 #include <lua.hpp>
@@ -10,10 +11,23 @@
 
 #include "device/event_queue.h"
 #include "device/event_source.h"
+#include "device/service.h"
 #include "tests/device_root_fixture.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
+
+namespace {
+
+std::string g_guarded;          // a file that a lock guards
+bool g_unlocked_early = false;  // the lock was opened by name while the file was there
+
+}  // namespace
+
+extern "C" int flock(int fd, int operation) {
+  g_unlocked_early = g_unlocked_early || (operation == LOCK_UN && std::filesystem::exists(g_guarded));
+  return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
 
 namespace {
 
@@ -83,21 +97,65 @@ TEST_F(DeviceQueue, LinesOfPosters) {
                           std::string(36, 'x') + "'\n<1> evq: 1 bad lines of other processes dropped\n");
 }
 
-TEST_F(DeviceQueue, BothSourcesKeepTheirOrderAndNeitherStarves) {
-  const Descriptor fd = poster();
-  std::string lines;
-  for (int i = 0; i < 3000; ++i) lines += "1 line " + std::to_string(i) + "\n";
-  send_all(fd, lines);
-  int own_posted = 0, own_taken = 0, lines_taken = 0;
-  for (const int64_t start = steady_ms(); lines_taken < 3000 && steady_ms() - start < 20000;) {
-    for (int i = 0; i < 2; ++i) own_posted += event_post(2, "own", std::to_string(own_posted).c_str());
-    const std::string event = next(0);
-    const bool is_line = event[0] == '1';
-    ASSERT_EQ(event, is_line ? "1 line " + std::to_string(lines_taken) : "2 own " + std::to_string(own_taken));
-    ++(is_line ? lines_taken : own_taken);
+// Nobody dequeues until the end: what comes meanwhile is read, stamped and answered by another thread.
+TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
+  struct Stamps {
+    static int64_t now_us() {
+      timespec now{};
+      clock_gettime(CLOCK_REALTIME, &now);
+      return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+    }
+    int64_t before, after;
+  };
+  std::vector<Stamps> stamps;
+  const std::string events[] = {"1 line 1", "2 own 1", "1 line 2", "2 own 2", "1 line 3"};
+  for (const std::string& event : events) {
+    Stamps& stamp = stamps.emplace_back();
+    stamp.before = Stamps::now_us();
+    if (event[0] == '2') {
+      EXPECT_EQ(event_post(2, "own", event.substr(6).c_str()), 1);
+    } else {
+      const Descriptor fd = poster();
+      send_all(fd, event);
+      shutdown(fd.get(), SHUT_WR);
+      char byte;
+      EXPECT_EQ(recv(fd.get(), &byte, 1, 0), 0);  // all was taken in
+    }
+    stamp.after = Stamps::now_us();
   }
-  EXPECT_EQ(lines_taken, 3000);
-  EXPECT_GT(own_taken, 2900);
+  EXPECT_EQ(event_pending(), 5);
+  for (size_t i = 0; i < stamps.size(); ++i) {
+    event_item* const item = event_dequeue(0);
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(std::to_string(item->type) + " " + item->type_name + " " + item->info, events[i]);
+    const int64_t stamp = int64_t{item->timestamp[0]} * 1000000 + item->timestamp[1];
+    EXPECT_GE(stamp, stamps[i].before);
+    EXPECT_LE(stamp, stamps[i].after);
+    event_item_free(item);
+  }
+}
+
+TEST_F(DeviceQueue, ManyPostersTakeTurnsByEvents) {
+  const auto lines = [](const std::string& line, size_t count) {
+    std::string text;
+    while (text.size() < count * line.size()) text += line;
+    return text;
+  };
+  const Descriptor first = poster();
+  send_all(first, lines("1 n\n", 4096));
+  while (event_pending() < 4096) usleep(100);  // nobody is read any more, until both of these are ready
+  const Descriptor posters[] = {poster(), poster()};
+  send_all(posters[0], lines("1 a\n", 1500));
+  send_all(posters[1], lines("1 b\n", 1500));
+  for (int i = 0; i < 4096; ++i) ASSERT_EQ(next(0), "1 n ");
+  int run = 0, left[2] = {1500, 1500};
+  for (std::string before, event; left[0] + left[1] > 0; before = event) {
+    event = next(1000);
+    const int who = event == "1 a " ? 0 : 1;
+    run = event == before ? run + 1 : 1;
+    ASSERT_TRUE(run <= 256 || left[1 - who] == 0);
+    ASSERT_GE(--left[who], 0) << event;
+  }
 }
 
 TEST_F(DeviceQueue, AFloodOfRubbishDelaysNobody) {
@@ -144,35 +202,56 @@ TEST_F(DeviceQueue, AFloodWaitsInItsSend) {
   EXPECT_EQ(taken, sent / 4);
 }
 
-TEST_F(DeviceQueue, TheSilentMakePlaceForThoseWhoWait) {
-  std::vector<Descriptor> silent;
-  for (int i = 0; i < 256; ++i) silent.push_back(poster());
-  next(20);
-  for (size_t i = 1; i < silent.size(); ++i) send_all(silent[i], "2 spoke\n");
-  for (int i = 1; i < 256; ++i) EXPECT_EQ(next(1000), "2 spoke ");
-  const Descriptor waiting = poster();
-  send_all(waiting, "3 waited\n");
-  const clock_t cpu = clock();
-  std::string event;
-  for (int i = 0; i < 8 && event.empty(); ++i) {
-    send_all(silent[0], "x");  // bytes alone keep no place
-    event = next(1000);
+TEST_F(DeviceQueue, LongLinesWaitInTheirSendEarlier) {
+  constexpr int kMost = 8 * 1024 * 1024 / 60000 + 1;  // of them fit
+  const Descriptor fd = poster();
+  std::thread flooder([&] {
+    for (int i = 0; i < 2 * kMost; ++i) send_all(fd, "1 n " + std::string(60000, 'x') + "\n");
+  });
+  for (int taken = 0; taken < kMost; ++taken) {
+    while (event_pending() < kMost - 1) usleep(100);
+    EXPECT_LE(event_pending(), kMost);
+    EXPECT_NE(next(0), "");
   }
-  EXPECT_EQ(event, "3 waited ");
-  EXPECT_LT(clock() - cpu, CLOCKS_PER_SEC / 5);  // nobody spins meanwhile
-  // By now the others were silent as long, but they speak before anybody is told that one more waits.
-  EXPECT_EQ(next(200), "");
-  const Descriptor second = poster();
-  send_all(second, "5 waited\n");
-  for (size_t i = 1; i < silent.size(); ++i) send_all(silent[i], "4 late\n");
-  for (int i = 1; i < 256; ++i) EXPECT_EQ(next(1000), "4 late ");
+  for (int i = 0; i < kMost; ++i) EXPECT_NE(next(1000), "");
+  flooder.join();
+}
+
+// The connections of this process are few and silent, those of the other one many and not.
+TEST_F(DeviceQueue, WhoHasMostConnectionsGivesOneUp) {
+  const Descriptor silent = poster();
+  int ready[2], done[2];
+  ASSERT_EQ(pipe(ready) | pipe(done), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(done[1]);
+    std::vector<Descriptor> many;
+    for (int i = 0; i < 255; ++i) send_all(many.emplace_back(poster()), "1 spoke\n");
+    char byte = 0;
+    _exit(write(ready[1], &byte, 1) == 1 && read(done[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  close(done[0]);
   char byte;
-  EXPECT_EQ(recv(silent[0].get(), &byte, 1, MSG_DONTWAIT), 0);
-  for (size_t i = 1; i < silent.size(); ++i) EXPECT_LT(recv(silent[i].get(), &byte, 1, MSG_DONTWAIT), 0) << i;
-  EXPECT_EQ(logged(), "<1> evq: closed process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
-                          ", without a line for 5 s while others wait\n");
-  silent[1].reset();
-  EXPECT_EQ(next(1000), "5 waited ");  // who leaves makes place at once
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  const Descriptor waiting = poster();
+  send_all(waiting, "2 waited\n");
+  const clock_t cpu = clock();
+  int spoke = 0;
+  std::string event;
+  for (int i = 0; i < 300 && event != "2 waited "; ++i) spoke += (event = next(1000)) == "1 spoke ";
+  EXPECT_EQ(event, "2 waited ");
+  EXPECT_EQ(spoke, 255);                         // what the one that had to go has sent was read before
+  EXPECT_LT(clock() - cpu, CLOCKS_PER_SEC / 5);  // nobody spins meanwhile
+  EXPECT_EQ(post({"3 n\n"}), "3 n \n");
+  EXPECT_LT(recv(silent.get(), &byte, 1, MSG_DONTWAIT), 0);  // is still served
+  const std::string line = "<1> evq: closed a connection of process " + std::to_string(child) + " of user " +
+                           std::to_string(getuid()) + ", which has 255, while others wait\n";
+  EXPECT_EQ(logged().substr(0, line.size()), line);
+  close(done[1]);
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  close(ready[0]), close(ready[1]);
 }
 
 TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
@@ -218,9 +297,49 @@ TEST_F(DeviceQueue, ThreadsWakeTheLoopAndPostUntilTheEnd) {
   EXPECT_EQ(next(5000), "1 n a=1");
   EXPECT_LT(steady_ms() - start, 1000);
   for (int i = 0; i < 20000; ++i) EXPECT_NE(next(1000), "");
+  for (int i = 0; i < 100 && !HasFailure(); ++i) {  // a child finds no lock held
+    const auto child_posts = [] {
+      alarm(10);
+      EXPECT_NE(event_post(1, "n", ""), -1);
+    };
+    EXPECT_EQ(in_child(child_posts), 0);
+  }
   helper_cleanup();
   stop = true;
   for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(DeviceQueue, NoWakeUpIsLost) {
+  constexpr int kRounds = 20000;
+  std::atomic<int> taken{0};
+  std::thread thread([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      event_post(1, "n", "");
+      while (taken == i) std::this_thread::yield();
+    }
+  });
+  int64_t longest = 0;
+  while (taken < kRounds) {
+    const int64_t start = steady_ms();
+    ASSERT_EQ(next(5000), "1 n ");
+    longest = std::max(longest, steady_ms() - start);
+    ++taken;
+  }
+  thread.join();
+  EXPECT_LT(longest, 4000);  // a lost one costs the whole time-out
+
+  event_post(1, "n", "");
+  event_wake();
+  EXPECT_EQ(next(0), "");  // also before an event
+  EXPECT_EQ(next(0), "1 n ");
+  std::thread waker([] { usleep(20000), event_wake(); });  // the loop waits by now
+  const int64_t start = steady_ms();
+  EXPECT_EQ(next(20000), "");
+  waker.join();
+  helper_cleanup();
+  event_wake();
+  EXPECT_EQ(next(20000), "");
+  EXPECT_LT(steady_ms() - start, 10000);
 }
 
 TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
@@ -236,7 +355,16 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0660});
   EXPECT_EQ(std::filesystem::status(deep + "/run/zelvind").permissions(), std::filesystem::perms{0755});
   umask(022);
+  const int number = event_socket_owned();
+  std::filesystem::rename(path, path + ".old");
+  EXPECT_EQ(next(20), "");
+  std::filesystem::remove_all(deep + "/run");
+  EXPECT_EQ(next(20), "");
+  ASSERT_EQ(event_socket_owned(), number + 2);
+  EXPECT_EQ(post({"1 n\n"}), "1 n \n");
+  g_guarded = path;
   helper_cleanup();
+  EXPECT_FALSE(g_unlocked_early);
   EXPECT_FALSE(std::filesystem::exists(path));
 
   const std::string lock_path = deep + "/run/zelvind/events.lock";
@@ -250,8 +378,11 @@ TEST_F(DeviceQueue, OneOwnerOfTheSocket) {
   usleep(1100 * 1000);
   EXPECT_EQ(next(0), "");  // tries again
   EXPECT_EQ(post({"1 n\n"}), "1 n \n");
-  EXPECT_EQ(logged(), "<1> evq: " + path + " belongs to process 4711: no events from other processes\n" +
-                          "<1> evq: " + path + " is made: events from other processes are taken\n");
+  const std::string is_made = "<1> evq: " + path + " is made: events from other processes are taken\n";
+  const std::string removed =
+      "<1> evq: " + path + " was removed or replaced: no events from other processes\n" + is_made;
+  EXPECT_EQ(logged(), removed + removed + "<1> evq: " + path +
+                          " belongs to process 4711: no events from other processes\n" + is_made);
 }
 
 TEST_F(DeviceQueue, NoProgramInheritsADescriptor) {
@@ -268,6 +399,29 @@ TEST_F(DeviceQueue, NoProgramInheritsADescriptor) {
     for (int high = 3; high < 100; ++high) EXPECT_NE(fcntl(high, F_GETFD), 0) << high;
   };
   EXPECT_EQ(in_child(start), 0);
+}
+
+// A service manager that gives up after a second hears twice in that time.
+TEST_F(DeviceQueue, TheWatchdogHearsAtHalfItsTime) {
+  const std::string name = root + "/notify";
+  Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(unix_bind(manager.get(), name), 0);
+  setenv("NOTIFY_SOCKET", name.c_str(), 1);
+  setenv("WATCHDOG_USEC", "1000000", 1);
+  service_open(nullptr);
+  const auto heard = [&] {
+    char text[64];
+    const ssize_t size = recv(manager.get(), text, sizeof(text), 0);
+    return std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+  };
+  service_state(SERVICE_ALIVE);
+  EXPECT_EQ(heard(), "READY=1");
+  const int64_t start = steady_ms();
+  std::string text;
+  for (; text.empty() && steady_ms() - start < 5000; text = heard()) usleep(1000), service_state(SERVICE_ALIVE);
+  EXPECT_EQ(text, "WATCHDOG=1");
+  EXPECT_GE(steady_ms() - start, 500);
+  EXPECT_LT(steady_ms() - start, 1000);
 }
 
 }  // namespace

@@ -70,9 +70,10 @@ void expect_survival(const Case& row, bool from_start) {
 TEST(Fault, OfACallAtTheStart) {
   const char* const no_queue = "evq: cannot open the event queue: Too many open files";
   const Case cases[] = {
-      {"pthread_create", EAGAIN, 0, 1, "mlistener: failed to run event_recv thread", kOwnEvents | kPosters},
-      {"pthread_create", EAGAIN, 1, 1, "mlistener: failed to run accept thread", kOwnEvents | kPosters},
-      {"pthread_create", EAGAIN, 2, 1, "mscript: failed to run thread", kNone},
+      {"pthread_create", EAGAIN, 0, 1, "evq: no thread to read events while scripts run (Resource", kAll},
+      {"pthread_create", EAGAIN, 1, 1, "mlistener: failed to run event_recv thread", kOwnEvents | kPosters},
+      {"pthread_create", EAGAIN, 2, 1, "mlistener: failed to run accept thread", kOwnEvents | kPosters},
+      {"pthread_create", EAGAIN, 3, 1, "mscript: failed to run thread", kNone},
       {"pthread_create", EAGAIN, 0, 9, "mscript: failed to run thread", kNone},
       {"socket", EMFILE, 0, 1, "", kAll},
       {"socket", EMFILE, 1, 1, "events.sock (Too many open files)", kOwnEvents | kClients},

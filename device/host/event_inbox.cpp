@@ -2,17 +2,15 @@
 
 #include <sys/eventfd.h>
 #include <unistd.h>
-#include <ctime>
+#include <chrono>
 
 #include "util/descriptor.h"
 
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
-
 // For a counter with one writer at a time: no atomic addition.
 template <typename Number>
-void add(std::atomic<Number>& counter, Number count, std::memory_order order) {
+void increase(std::atomic<Number>& counter, Number count, std::memory_order order) {
   counter.store(counter.load(std::memory_order_relaxed) + count, order);
 }
 
@@ -21,72 +19,113 @@ void add(std::atomic<Number>& counter, Number count, std::memory_order order) {
 bool EventInbox::open() {
   const int fd = above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (fd < 0) return false;
-  const Lock lock(mutex);
+  const MutexLock lock(mutex);
   wake_fd = fd;
   is_open = true;
-  is_sleeping = false;
+  is_woken = false;
+  woke_up();
   refused = 0;
   return true;
 }
 
 void EventInbox::close() {
-  const Lock lock(mutex);
+  const MutexLock lock(mutex);
   is_open = false;
   if (wake_fd >= 0) ::close(wake_fd);
   wake_fd = -1;
-  posted.clear();
+  arrived.clear();
   taken.clear();
-  taken_events.store(posted_events);
-  taken_bytes.store(posted_bytes);
+  for (Tally& tally : tallies) {
+    tally.taken_events.store(tally.added_events);
+    tally.taken_bytes.store(tally.added_bytes);
+  }
 }
 
 int EventInbox::post(int type, std::string_view name, std::string_view info) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  EventRecord* record =
-      make_record(type, name, info, static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec / 1000));
-  const Lock lock(mutex);
-  if (!is_open) {
-    free_record(record);
-    return -1;
+  EventRecord* const record = make_record(EventSource::process, type, name, info, stamp_now());
+  const Tally& mine = posted(EventSource::process);
+  const MutexLock lock(mutex);
+  const bool has_room =
+      record != nullptr && mine.waiting() < kInboxEventsMax && mine.bytes_waiting() + record->size <= kInboxBytesMax;
+  if (is_open && has_room) {
+    arrived.push(record);
+    added(EventSource::process, 1, record->size);
+    return 1;
   }
-  if (record == nullptr || is_full(record->size)) {
-    refused.fetch_add(1, std::memory_order_relaxed);
-    free_record(record);
-    return -2;
-  }
-  posted.push(record);
-  add(posted_bytes, record->size, std::memory_order_relaxed);
-  add(posted_events, 1u, std::memory_order_release);
-  if (is_sleeping) {
-    // Under the lock, so that the descriptor cannot be closed, and its number reused, in between.
-    is_sleeping = false;
-    eventfd_write(wake_fd, 1);
-  }
-  return 1;
+  free(record);  // free_record is the script thread's
+  if (!is_open) return -1;
+  refused.fetch_add(1, std::memory_order_relaxed);
+  return -2;
+}
+
+void EventInbox::add(RecordList& records, uint32_t count, size_t bytes) {
+  if (count == 0) return;
+  const MutexLock lock(mutex);
+  arrived.append(records);
+  added(EventSource::posters, count, bytes);
+}
+
+void EventInbox::added(EventSource source, uint32_t count, size_t bytes) {
+  Tally& tally = tallies[static_cast<int>(source)];
+  increase(tally.added_bytes, bytes, std::memory_order_relaxed);
+  increase(tally.added_events, count, std::memory_order_release);
+  if (is_sleeping) call();
+}
+
+// Under the lock, so that the descriptor cannot be closed, and its number reused, in between.
+void EventInbox::call() {
+  if (is_called || wake_fd < 0) return;
+  is_called = true;
+  eventfd_write(wake_fd, 1);
 }
 
 EventRecord* EventInbox::take() {
   if (taken.empty()) {
     if (waiting() == 0) return nullptr;
-    const Lock lock(mutex);
-    taken.take_all(posted);
+    const MutexLock lock(mutex);
+    taken.append(arrived);
   }
-  EventRecord* record = taken.take();
-  add(taken_bytes, record->size, std::memory_order_relaxed);
-  add(taken_events, 1u, std::memory_order_relaxed);
+  EventRecord* const record = taken.take();
+  Tally& tally = tallies[static_cast<int>(record->source)];
+  increase(tally.taken_bytes, record->size, std::memory_order_relaxed);
+  increase(tally.taken_events, 1u, std::memory_order_relaxed);
   return record;
+}
+
+uint32_t EventInbox::traffic() const {
+  uint32_t count = 0;
+  for (const Tally& tally : tallies) count += tally.added_events + tally.taken_events;
+  return count;
 }
 
 bool EventInbox::may_sleep() {
   if (waiting() > 0) return false;
-  const Lock lock(mutex);
-  is_sleeping = posted.empty();
-  return is_sleeping;
+  const MutexLock lock(mutex);
+  if (!arrived.empty() || is_woken) return false;
+  is_called = false;
+  is_sleeping = true;
+  return true;
 }
 
-bool EventInbox::is_full(size_t size) const {
-  return waiting() >= kInboxEventsMax ||
-         posted_bytes.load(std::memory_order_relaxed) - taken_bytes.load(std::memory_order_relaxed) + size >
-             kInboxBytesMax;
+void EventInbox::wake() {
+  const MutexLock lock(mutex);
+  is_woken = true;
+  if (is_sleeping) call();
+  woken.notify_all();
+}
+
+void EventInbox::sleep(int timeout_ms) {
+  MutexLock lock(mutex);
+  woken.wait_for(lock, std::chrono::milliseconds(timeout_ms), [this] { return is_woken.load(); });
+}
+
+void EventInbox::pass_on_wake() {
+  const MutexLock lock(mutex);
+  is_called = false;
+  if (is_sleeping) call();
+}
+
+void EventInbox::wake_stand_in() {
+  const MutexLock lock(mutex);
+  if (wake_fd >= 0) eventfd_write(wake_fd, 1);
 }

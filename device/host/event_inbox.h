@@ -1,17 +1,20 @@
-// The events that are posted inside the process: any thread posts, the script thread takes.
+// The events that have come in, in the order in which they came: posted inside the process, from any thread, or read
+// from other processes. The script thread takes them.
 //
-// Bounded by number and by bytes. A post wakes the script thread through a descriptor, and only when that thread has
+// Each source has a bound of its own, so that one cannot keep the other out; posters are not read while their share is
+// full (event_posters.h). Who adds an event wakes the script thread through a descriptor, and only when that thread has
 // said that it is going to sleep: a burst costs one wake-up, and no system call while the loop is busy.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string_view>
 
 #include "device/host/event_record.h"
+#include "util/mutex.h"
 
-constexpr int kInboxEventsMax = 65536;
+constexpr int kInboxEventsMax = 65536;  // posted inside the process
 constexpr size_t kInboxBytesMax = size_t{64} * 1024 * 1024;
 
 class EventInbox {
@@ -19,45 +22,85 @@ class EventInbox {
   // Opens for posts. Returns false, with errno set, when there is no descriptor left. Main thread, as close().
   bool open();
 
-  // Refuses all later posts and frees what waits. The script thread must not run.
+  // Refuses all later posts and frees what waits. The other threads that add and take must have ended, except those
+  // that post.
   void close();
 
-  // Queues an event: 1 queued, -1 closed, -2 full. `name` must be a good name. Any thread, at any time.
+  // Adds an event of the process: 1 queued, -1 closed, -2 full. `name` must be a good name. Any thread, at any time.
   int post(int type, std::string_view name, std::string_view info);
 
-  // The oldest event, or null. Script thread, like everything below.
+  // Adds `count` events of other processes, `bytes` big together; `records` is empty afterwards. Whoever reads them.
+  void add(RecordList& records, uint32_t count, size_t bytes);
+
+  // The oldest event, or null. Script thread.
   EventRecord* take();
 
   // The number of events that take() would return, without a lock.
-  int waiting() const {
-    return static_cast<int>(posted_events.load(std::memory_order_acquire) -
-                            taken_events.load(std::memory_order_relaxed));
-  }
+  int waiting() const { return posted(EventSource::process).waiting() + posted(EventSource::posters).waiting(); }
 
-  // True when nothing waits; from then on the next post makes wake_descriptor() ready.
+  // What came from one source. Each counter has one writer at a time, so that no event costs an atomic addition, which
+  // would wait until the new record has been written out to memory.
+  struct Tally {
+    std::atomic<uint32_t> added_events{0};  // written under the inbox's mutex, as the next one
+    std::atomic<size_t> added_bytes{0};
+    std::atomic<uint32_t> taken_events{0};  // written by the script thread, as the next one
+    std::atomic<size_t> taken_bytes{0};
+    int waiting() const {
+      return static_cast<int>(added_events.load(std::memory_order_acquire) -
+                              taken_events.load(std::memory_order_relaxed));
+    }
+    size_t bytes_waiting() const {
+      return added_bytes.load(std::memory_order_relaxed) - taken_bytes.load(std::memory_order_relaxed);
+    }
+  };
+  const Tally& posted(EventSource source) const { return tallies[static_cast<int>(source)]; }
+
+  // Changes whenever an event has come or gone. Any thread.
+  uint32_t traffic() const;
+
+  // True when nothing waits and nobody has called wake(); from then on an event that comes makes wake_descriptor()
+  // ready, until woke_up(). Script thread, as woke_up().
   bool may_sleep();
+  void woke_up() { is_sleeping.store(false, std::memory_order_relaxed); }
 
-  // Becomes readable at each post that wakes. It is never read: to be watched for edges.
+  // Has the script thread return from its sleep, or else not begin the next one, until it has asked take_wake(), which
+  // is then true once. Any thread; take_wake() script thread.
+  void wake();
+  bool take_wake() { return is_woken.load(std::memory_order_relaxed) && is_woken.exchange(false); }
+
+  // Waits for wake() and nothing else, at most timeout_ms: for a queue that could not be opened. Script thread.
+  void sleep(int timeout_ms);
+
+  // Becomes readable at each wake-up. It is never read: to be watched for edges.
   int wake_descriptor() const { return wake_fd; }
+
+  // Makes an edge in any case: the stand-in reader sleeps on it, too. Main thread.
+  void wake_stand_in();
+
+  // Makes a new edge if the script thread sleeps: for another thread that has watched the descriptor and may have seen
+  // the edge in its place.
+  void pass_on_wake();
 
   // The number of posts refused since the last call because the queue was full. Any thread.
   int64_t take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
 
+  // Around a fork, so that the child can post: holds the lock from before it until after it, on both sides.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
+
  private:
-  bool is_full(size_t size) const;
+  void added(EventSource source, uint32_t count, size_t bytes) REQUIRES(mutex);
+  void call() REQUIRES(mutex);
 
-  std::mutex mutex;
-  RecordList posted;         // under mutex
-  bool is_open = false;      // under mutex
-  bool is_sleeping = false;  // under mutex
-  int wake_fd = -1;          // changed under mutex, by the main thread alone
-  RecordList taken;          // script thread: moved here from `posted` in one go, which spares a lock for each event
-
-  // What ever came and went; what waits is the difference. Each has one writer at a time, so that no event costs an
-  // atomic addition, which would wait until the new record has been written out to memory.
-  std::atomic<uint32_t> posted_events{0};  // written under mutex
-  std::atomic<size_t> posted_bytes{0};     // written under mutex
-  std::atomic<uint32_t> taken_events{0};   // written by the script thread
-  std::atomic<size_t> taken_bytes{0};      // written by the script thread
+  Mutex mutex;
+  RecordList arrived GUARDED_BY(mutex);
+  bool is_open GUARDED_BY(mutex) = false;
+  bool is_called GUARDED_BY(mutex) = false;  // the sleep in progress has its edge
+  std::atomic<bool> is_sleeping{false};      // set under mutex; script thread
+  std::atomic<bool> is_woken{false};         // set under mutex
+  std::condition_variable_any woken;
+  int wake_fd = -1;  // changed under mutex, by the main thread alone
+  RecordList taken;  // script thread: moved here from `arrived` in one go, which spares a lock for each event
+  Tally tallies[2];
   std::atomic<int64_t> refused{0};
 };

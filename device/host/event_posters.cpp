@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "device/log.h"
 #include "util/clock.h"
@@ -14,8 +14,7 @@
 namespace {
 
 constexpr int kAcceptRetryMs = 300;
-constexpr int kSocketRetryMs = 1000;
-constexpr int kSocketPatienceMs = 60000;
+constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -24,178 +23,240 @@ bool watch(int epoll, int fd, uint32_t what, void* tag) {
   return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-ucred peer_of(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
-  return peer;
+bool has_memory_for_a_piece() {
+  void* volatile const memory = malloc(kPieceMemory);  // volatile: or the compiler takes it for granted
+  free(memory);
+  return memory != nullptr;
 }
 
 }  // namespace
 
-bool EventPosters::open(int wake_fd) {
+// The events of one piece: they came in together, and go into the inbox together.
+struct EventPosters::Batch {
+  Batch() = default;
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
+  ~Batch() { records.clear(); }
+
+  EventStamp stamp = stamp_now();
+  uint32_t count = 0;
+  size_t bytes = 0;
+  int lines = 0;
+  RecordList records;
+};
+
+bool EventPosters::open() {
   epoll.reset(above_standard_streams(epoll_create1(EPOLL_CLOEXEC)));
-  if (epoll.get() < 0 || !watch(epoll.get(), wake_fd, EPOLLIN | EPOLLET, nullptr)) {
+  if (epoll.get() < 0 || !watch(epoll.get(), inbox.wake_descriptor(), EPOLLIN | EPOLLET, nullptr)) {
     epoll.reset();
     return false;
   }
+  const MutexLock lock(mutex);
   dropped = 0;
-  socket_not_after = 0;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
-  open_socket();
+  if (socket.open()) watch_socket();
   return true;
-}
-
-// Who has the socket may be about to end, so it is tried for again from when the loop runs; but not for ever: when the
-// daemon that should have it is restarted later on, a stray one must not step in.
-void EventPosters::retry_socket() {
-  const int64_t now = steady_ms();
-  if (socket_not_after == 0) {
-    socket_not_before = now;
-    socket_not_after = now + kSocketPatienceMs;
-  }
-  if (now < socket_not_before || now > socket_not_after) return;
-  socket_not_before = now + kSocketRetryMs;
-  open_socket();
-}
-
-void EventPosters::open_socket() {
-  listening = socket.open();
-  if (listening < 0 || watch(epoll.get(), listening, EPOLLIN | EPOLLET, this)) return;
-  elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
-  socket.close();
-  listening = -1;
 }
 
 void EventPosters::close() {
-  for (Poster& poster : posters) {
-    if (poster.fd >= 0) drop(poster);
-  }
+  const MutexLock lock(mutex);
+  places.leave_all();
   socket.close();
-  listening = -1;
   epoll.reset();
-  someone_waits = false;
-  ready_count = next_ready = 0;
-  records.clear();
-  events = 0;
-  bytes = 0;
+  first_turn = turn_count = last_ready = 0;
+  someone_waits = someone_leaves = socket_changed = false;
+  spares.clear();
 }
 
-EventRecord* EventPosters::take() {
-  EventRecord* record = records.take();
-  if (record == nullptr) return nullptr;
-  --events;
-  bytes -= record->size;
-  return record;
+void EventPosters::watch_socket() {
+  if (!watch(epoll.get(), socket.descriptor(), EPOLLIN | EPOLLET, this)) {
+    elog(1, "evq: cannot watch the event socket (%s): no events from other processes", strerrordesc_np(errno));
+    return socket.close();
+  }
+  socket_changed = true;  // it may be gone already
+  if (socket.change_descriptor() >= 0) watch(epoll.get(), socket.change_descriptor(), EPOLLIN, &socket);
 }
 
 bool EventPosters::wait(int timeout_ms) {
-  if (listening < 0) retry_socket();
   const int64_t start = steady_ms();
-  if (next_ready == ready_count && !collect_ready(std::min(timeout_ms, next_chore_ms(start)))) return false;
-  serve_ready(std::max(start + timeout_ms, steady_ms() + 1));
-  if (someone_waits) accept_waiting();
+  int wait_ms = 0;
+  {
+    const MutexLock lock(mutex);
+    if (socket_changed || socket.number() == 0) {
+      if (socket_changed) accept_waiting();  // the former socket's last ones
+      socket_changed = false;
+      if (socket.make_again(start)) watch_socket();
+    }
+    if (turn_count == 0) wait_ms = std::min(timeout_ms, next_chore_ms(start));
+  }
+  Ready ready;
+  if (!collect(ready, wait_ms)) return false;
+  inbox.woke_up();
+  const int64_t until_ms = std::max(start + timeout_ms, steady_ms() + 1);
+  const MutexLock lock(mutex);
+  note(ready);
+  while (turn_count > 0 && has_room()) {
+    take_turn();
+    if (steady_ms() >= until_ms) break;
+  }
+  accept_waiting();
   return true;
 }
 
-int64_t EventPosters::take_dropped() {
+EventPosters::Work EventPosters::read_piece() {
+  // A script may be eating it, and lose it soon: until then what comes can wait.
+  if (!has_memory_for_a_piece()) return Work::held_up;
+  const MutexLock lock(mutex);
+  if (turn_count == 0 || has_room()) {  // who has become ready comes behind one turn of the others, not behind all
+    Ready ready;
+    collect(ready, 0);
+    note(ready);
+  }
+  const bool has_turn = turn_count > 0 && has_room();
+  if (has_turn) take_turn();
+  accept_waiting();
+  const bool is_left = turn_count > 0 || someone_waits;
+  if (is_left) inbox.pass_on_wake();  // the loop may have begun to wait before that was so
+  if (has_turn) return Work::done;
+  return is_left ? Work::held_up : Work::nothing;
+}
+
+int64_t EventPosters::tidy_up() {
+  const MutexLock lock(mutex);
+  spares.clear();
   const int64_t count = dropped;
   dropped = 0;
   return count;
 }
 
 // How long to sleep at most because somebody waits to be accepted.
-int EventPosters::next_chore_ms(int64_t now) {
+int EventPosters::next_chore_ms(int64_t now) const {
   if (!someone_waits) return INT_MAX;
-  int64_t due = accept_not_before;
-  if (poster_count == kPostersMax) due = silent_longest().heard_ms + kPosterSilenceMs;
-  return static_cast<int>(std::clamp<int64_t>(due - now, 0, INT_MAX));
+  return static_cast<int>(std::clamp<int64_t>(accept_not_before - now, 0, INT_MAX));
 }
 
-bool EventPosters::collect_ready(int timeout_ms) {
-  next_ready = 0;
-  ready_count = epoll_wait(epoll.get(), ready, static_cast<int>(std::size(ready)), timeout_ms);
-  if (ready_count >= 0) return true;
-  ready_count = 0;
-  return false;
+bool EventPosters::collect(Ready& ready, int timeout_ms) const {
+  const int count = epoll_wait(epoll.get(), ready.events, static_cast<int>(std::size(ready.events)), timeout_ms);
+  ready.count = std::max(count, 0);
+  return count >= 0;
 }
 
-void EventPosters::serve_ready(int64_t until_ms) {
-  while (next_ready < ready_count && has_room()) {
-    void* tag = ready[next_ready++].data.ptr;
-    if (tag == nullptr) continue;  // the wake descriptor, or a poster that is gone
-    if (tag == this) {
+// A poster may have left, and its place be another's, since the set was asked: then there is nothing to receive.
+void EventPosters::note(const Ready& ready) {
+  last_ready = 0;
+  bool is_for_the_loop = false;
+  for (int i = 0; i < ready.count; ++i) {
+    void* const tag = ready.events[i].data.ptr;
+    if (tag == nullptr) {
+      is_for_the_loop = true;
+    } else if (tag == this) {
       someone_waits = true;
-      continue;
+    } else if (tag == &socket) {
+      socket_changed = socket.take_change() || socket_changed;
+      is_for_the_loop = true;
+    } else {
+      ++last_ready;
+      queue_turn(*static_cast<Poster*>(tag));
     }
-    serve(*static_cast<Poster*>(tag));
-    if (steady_ms() >= until_ms) return;
+  }
+  if (is_for_the_loop) inbox.pass_on_wake();  // does nothing when it is the loop that was told
+}
+
+void EventPosters::queue_turn(Poster& poster) {
+  if (poster.is_queued) return;
+  poster.is_queued = true;
+  turns[(first_turn + turn_count++) % kPostersMax] = static_cast<uint8_t>(places.index_of(poster));
+}
+
+// Gives the next poster its turn. With what it was left from its last one it does not receive.
+void EventPosters::take_turn() {
+  Poster& poster = places.at(turns[first_turn]);
+  first_turn = (first_turn + 1) % kPostersMax;
+  --turn_count;
+  poster.is_queued = false;
+  if (poster.fd < 0) return;
+  const bool is_alone = last_ready <= 1 && turn_count == 0;
+  const int lines_max = is_alone ? INT_MAX : kTurnEvents;
+  if (poster.unread.empty()) {
+    receive(poster, is_alone ? kTurnBytesAlone : kTurnBytes, lines_max);
+  } else {
+    std::string bytes;
+    bytes.swap(poster.unread);
+    cut(poster, bytes, lines_max);
   }
 }
 
-// Gives a poster its turn. Returns false when there was nothing to read.
-bool EventPosters::serve(Poster& poster) {
-  const ssize_t got = recv_piece(poster);
-  if (got > 0) return true;
-  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return false;
-  if (got == 0) take_in(poster, {}, true);
-  drop(poster);
-  return true;
-}
-
-// Reads a piece and takes it in; returns what recv returns.
-ssize_t EventPosters::recv_piece(Poster& poster) {
+// Receives and cuts at most `size` bytes. Returns false when there was nothing to receive; at its end the poster
+// leaves.
+bool EventPosters::receive(Poster& poster, size_t size, int lines_max) {
   // recv, never recvmsg: what somebody passes along beside the bytes, descriptors above all, is thrown away.
-  const ssize_t got = recv(poster.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-  const bool has_line = got > 0 && take_in(poster, std::string_view(buffer, static_cast<size_t>(got)), false);
-  if (has_line) poster.heard_ms = steady_ms();
-  return got;
+  const ssize_t got = recv(poster.fd, buffer, size, MSG_DONTWAIT);
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return false;
+  if (got > 0) {
+    cut(poster, std::string_view(buffer, static_cast<size_t>(got)), lines_max);
+    return true;
+  }
+  if (got == 0 && !poster.is_leaving) finish(poster);
+  leave(poster);
+  return false;
 }
 
-// Returns true when a line came to its end, or was given up as too long.
-bool EventPosters::take_in(Poster& poster, std::string_view piece, bool is_end) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  bool has_line = false;
-  const auto take = [&](std::string_view line) {
-    has_line = true;
-    take_line(poster, line, static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec / 1000));
-  };
-  poster.lines.feed(piece, take);
-  if (is_end) poster.lines.finish(take);
-  return has_line;
+// Takes the lines among `bytes`, until there are lines_max of them, or no room in the inbox.
+void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
+  Batch batch;
+  const EventInbox::Tally& mine = inbox.posted(EventSource::posters);
+  const int64_t room = kPostedEventsMax - mine.waiting();
+  const size_t bytes_before = mine.bytes_waiting();
+  const std::string_view rest =
+      poster.lines.feed(bytes, [&](std::string_view line) ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+        take_line(poster, line, batch);
+        return batch.lines < lines_max && batch.count < room && bytes_before + batch.bytes < kPostedBytesMax;
+      });
+  if (batch.lines > 0) poster.heard_ms = steady_ms();
+  inbox.add(batch.records, batch.count, batch.bytes);
+  if (rest.empty()) return;
+  poster.unread = rest;
+  queue_turn(poster);
 }
 
-void EventPosters::take_line(const Poster& poster, std::string_view line, int32_t seconds, int32_t microseconds) {
+void EventPosters::finish(Poster& poster) {
+  Batch batch;
+  poster.lines.finish([&](std::string_view line)
+                          ZELVIND_LOCK_RULE(no_thread_safety_analysis) { take_line(poster, line, batch); });
+  inbox.add(batch.records, batch.count, batch.bytes);
+}
+
+void EventPosters::take_line(const Poster& poster, std::string_view line, Batch& batch) {
+  ++batch.lines;
   EventLine event{};
   EventRecord* record = nullptr;
   const char* wrong = parse_event_line(line, event);
   if (wrong == nullptr) {
-    record = make_record(event.type, event.name, event.info, seconds, microseconds);
+    record = make_record(EventSource::posters, event.type, event.name, event.info, batch.stamp, &spares);
     if (record == nullptr) wrong = "there is no memory for it";
   }
   if (record != nullptr) {
-    records.push(record);
-    ++events;
-    bytes += record->size;
+    batch.records.push(record);
+    ++batch.count;
+    batch.bytes += record->size;
     return;
   }
   ++dropped;
-  const auto left_out = bad_line_limit.allow();
-  if (!left_out) return;
-  const ucred peer = peer_of(poster.fd);
-  elog(1, "evq: dropped a line of process %d of user %u: %s: '%.*s'%s", peer.pid, peer.uid, wrong,
-       static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out->text);
+  if (const auto left_out = bad_line_limit.allow()) {
+    elog(1, "evq: dropped a line of process %d of user %u: %s: '%.*s'%s", poster.process, poster.user, wrong,
+         static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out->text);
+  }
 }
 
 void EventPosters::accept_waiting() {
-  if (poster_count < kPostersMax && steady_ms() < accept_not_before) return;
-  while (someone_waits && (poster_count < kPostersMax || make_place()) && accept_one()) {
+  if (socket.descriptor() < 0) someone_waits = false;
+  if (!someone_waits || steady_ms() < accept_not_before) return;
+  while (someone_waits && (!places.all_taken() || make_place()) && accept_one()) {
   }
 }
 
 bool EventPosters::accept_one() {
-  const int fd = above_standard_streams(accept4(listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  const int fd = above_standard_streams(accept4(socket.descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (fd < 0) {
     if (errno == EINTR || errno == ECONNABORTED) return true;
     someone_waits = errno != EAGAIN;
@@ -207,52 +268,33 @@ bool EventPosters::accept_one() {
     }
     return false;
   }
-  const auto is_free = [](const Poster& poster) { return poster.fd < 0; };
-  Poster& poster = *std::find_if(std::begin(posters), std::end(posters), is_free);
-  poster.fd = fd;
-  poster.heard_ms = steady_ms();
-  ++poster_count;
-  if (!watch(epoll.get(), fd, EPOLLIN, &poster)) drop(poster);
+  Poster& poster = places.enter(fd);
+  if (!watch(epoll.get(), fd, EPOLLIN, &poster)) leave(poster);
   return true;
 }
 
-// All places are taken: closes the poster that was silent longest, if it was so for long enough and somebody waits.
-// Returns true when there is a place.
+// All places are taken: if somebody waits, the first to go leaves as soon as all it has sent is read, in its turns like
+// everybody. Returns true when there is a place.
 bool EventPosters::make_place() {
-  Poster& poster = silent_longest();
-  const int64_t due = poster.heard_ms + kPosterSilenceMs;
-  if (steady_ms() < due) return false;
-  pollfd waiting{listening, POLLIN, 0};
-  if (poll(&waiting, 1, 0) == 0) {
-    someone_waits = false;
-    return false;
-  }
-  serve(poster);
-  if (poster_count < kPostersMax) return true;
-  if (poster.heard_ms + kPosterSilenceMs > due) return false;  // it spoke, and it is we who did not listen
-  shutdown(poster.fd, SHUT_RD);                                // from here on its sends fail: nothing is lost unseen
-  while (recv_piece(poster) > 0) {
-  }
+  pollfd waiting{socket.descriptor(), POLLIN, 0};
+  someone_waits = poll(&waiting, 1, 0) != 0;
+  if (!someone_waits || someone_leaves) return false;
+  Poster& poster = places.first_to_go();
+  accept_not_before = poster.since_ms + kPosterHoldMs;
+  if (steady_ms() < accept_not_before) return false;
   if (const auto left_out = closed_limit.allow()) {
-    const ucred peer = peer_of(poster.fd);
-    elog(1, "evq: closed process %d of user %u, without a line for 5 s while others wait%s", peer.pid, peer.uid,
-         left_out->text);
+    elog(1, "evq: closed a connection of process %d of user %u, which has %d, while others wait%s", poster.process,
+         poster.user, places.of_process(poster), left_out->text);
   }
-  drop(poster);
-  return true;
+  shutdown(poster.fd, SHUT_RD);  // from here on its sends fail: nothing is lost unseen
+  someone_leaves = poster.is_leaving = true;
+  queue_turn(poster);
+  return false;
 }
 
-EventPosters::Poster& EventPosters::silent_longest() {
-  const auto silent_longer = [](const Poster& a, const Poster& b) { return a.heard_ms < b.heard_ms; };
-  return *std::min_element(std::begin(posters), std::end(posters), silent_longer);
-}
-
-void EventPosters::drop(Poster& poster) {
-  for (int i = next_ready; i < ready_count; ++i) {
-    if (ready[i].data.ptr == &poster) ready[i].data.ptr = nullptr;
-  }
-  ::close(poster.fd);
-  poster.fd = -1;
-  poster.lines.reset();
-  --poster_count;
+// Frees a place, and may free the descriptor that somebody waits for.
+void EventPosters::leave(Poster& poster) {
+  if (poster.is_leaving) someone_leaves = false;
+  accept_not_before = 0;
+  places.leave(poster);
 }

@@ -1,98 +1,115 @@
-// The other processes that post events: their connections, the waiting for them, and the events read from them.
+// The other processes that post events: waiting for them, reading what they send, and cutting it into events.
 //
 // Readiness comes from one epoll set, which also holds the descriptor that wakes the script thread for events of the
 // process itself. What is hard here is fairness with strangers:
-//   - A poster is served one bounded piece at a time, in the order in which posters became ready; those that were
-//     ready but not served yet come first next time.
-//   - Nothing is read while enough events wait here, so a poster that is faster than the loop waits in its send.
-//   - With all places taken and somebody waiting to be accepted, the poster that was silent longest, and for long
-//     enough, has to go. Silent is who ends no line, however many bytes come. The listening socket is watched for
-//     edges: a connection that cannot be accepted yet must not wake the loop again and again.
+//   - Posters take turns in the order in which they became ready. A turn is at most kTurnEvents events while several
+//     are ready; what was received beyond waits for the next turn.
+//   - Nothing is read while enough events wait in the inbox, so a poster that is faster than the loop waits in its
+//     send.
+//   - With all places taken and somebody waiting to be accepted, a connection has to go (poster_places.h), though not
+//     before all it has sent was read. The listening socket is watched for edges: a connection that cannot be accepted
+//     yet must not wake the loop again and again.
 //
-// open and close: main thread, while the script thread does not run. Everything else: script thread.
+// The script thread reads, and in its place the stand-in reader (stand_in.h), one at a time under the lock; only the
+// script thread waits, without the lock, and only it makes the socket again. open and close: main thread, while neither
+// runs.
 #pragma once
 
 #include <sys/epoll.h>
+#include <atomic>
 #include <cstdint>
 #include <string_view>
 
-#include "device/host/event_record.h"
+#include "device/host/event_inbox.h"
 #include "device/host/event_socket.h"
-#include "device/host/poster_lines.h"
+#include "device/host/poster_places.h"
 #include "util/descriptor.h"
+#include "util/mutex.h"
 #include "util/rate_limit.h"
 
-constexpr int kPostersMax = 256;
 constexpr int kPostedEventsMax = 4096;                       // no reading while that many wait
 constexpr size_t kPostedBytesMax = size_t{8} * 1024 * 1024;  // nor while they are that big
-constexpr int kPosterSilenceMs = 5000;                       // of a poster that has to make place
-constexpr size_t kPosterPiece = size_t{64} * 1024;           // bytes read from one poster in its turn
+constexpr int kTurnEvents = 256;                             // lines of one poster in its turn, when several are ready
+constexpr size_t kTurnBytes = size_t{4} * 1024;              // received for such a turn
+constexpr size_t kTurnBytesAlone = size_t{64} * 1024;        // received when nobody else is ready
 
 class EventPosters {
  public:
-  // Makes the epoll set with `wake_fd` in it, and the socket if it can be made; otherwise wait() tries again. Returns
-  // false, with errno set, when there is no descriptor left for the set.
-  bool open(int wake_fd);
+  explicit EventPosters(EventInbox& the_inbox) : inbox(the_inbox) {}
 
-  // Closes all connections and the socket, and frees what waits.
+  // Makes the epoll set with the inbox's descriptor in it, and the socket if it can be made; otherwise wait() tries
+  // again. Returns false, with errno set, when there is no descriptor left for the set.
+  bool open();
+
+  // Closes all connections and the socket.
   void close();
 
   bool is_open() const { return epoll.get() >= 0; }
 
-  // The oldest event read, or null.
-  EventRecord* take();
+  // EventSocket::number(). Any thread.
+  int socket_number() const { return socket.number(); }
 
-  // The number of events that take() would return.
-  int waiting() const { return events; }
-
-  // Waits until something happens, at most timeout_ms, and serves who is ready; may return early with nothing done.
-  // Serving goes on until enough events wait, or until the time is up. Returns false when a signal interrupted it.
+  // Waits until something happens, at most timeout_ms, and reads from who is ready; may return early with nothing done.
+  // Reading goes on until enough events wait, or until the time is up. Returns false when a signal interrupted it.
+  // Script thread.
   bool wait(int timeout_ms);
 
-  // The number of lines dropped since the last call.
-  int64_t take_dropped();
+  enum class Work { done, nothing, held_up };
+
+  // Reads one piece, if there is one, without waiting: `held_up` means that something has to wait for room in the
+  // inbox, for its time, or for memory. Throws std::bad_alloc. Stand-in reader.
+  Work read_piece();
+
+  // Ready for poll(2) while anything has happened that nobody has looked at yet.
+  int descriptor() const { return epoll.get(); }
+
+  // Gives memory back that a burst has left. Returns the number of lines dropped since the last call. Script thread.
+  int64_t tidy_up();
 
  private:
-  struct Poster {
-    int fd = -1;           // -1: a free place
-    int64_t heard_ms = 0;  // steady_ms of the last end of a line: bytes alone would let anybody keep a place
-    PosterLines lines;
+  struct Batch;
+  struct Ready {
+    epoll_event events[64];
+    int count = 0;
   };
 
-  void open_socket();
-  void retry_socket();
-  int next_chore_ms(int64_t now);
-  bool collect_ready(int timeout_ms);
-  void serve_ready(int64_t until_ms);
-  bool serve(Poster& poster);
-  ssize_t recv_piece(Poster& poster);
-  bool take_in(Poster& poster, std::string_view bytes, bool is_end);
-  void take_line(const Poster& poster, std::string_view line, int32_t seconds, int32_t microseconds);
-  void accept_waiting();
-  bool accept_one();
-  bool make_place();
-  Poster& silent_longest();
-  void drop(Poster& poster);
-  bool has_room() const { return events < kPostedEventsMax && bytes < kPostedBytesMax; }
+  void watch_socket() REQUIRES(mutex);
+  bool collect(Ready& ready, int timeout_ms) const;
+  void note(const Ready& ready) REQUIRES(mutex);
+  int next_chore_ms(int64_t now) const REQUIRES(mutex);
+  void queue_turn(Poster& poster) REQUIRES(mutex);
+  void take_turn() REQUIRES(mutex);
+  bool receive(Poster& poster, size_t size, int lines_max) REQUIRES(mutex);
+  void cut(Poster& poster, std::string_view bytes, int lines_max) REQUIRES(mutex);
+  void finish(Poster& poster) REQUIRES(mutex);
+  void take_line(const Poster& poster, std::string_view line, Batch& batch) REQUIRES(mutex);
+  void accept_waiting() REQUIRES(mutex);
+  bool accept_one() REQUIRES(mutex);
+  bool make_place() REQUIRES(mutex);
+  void leave(Poster& poster) REQUIRES(mutex);
+  bool has_room() const {
+    const EventInbox::Tally& mine = inbox.posted(EventSource::posters);
+    return mine.waiting() < kPostedEventsMax && mine.bytes_waiting() < kPostedBytesMax;
+  }
 
-  EventSocket socket;
-  Descriptor epoll;
-  int listening = -1;             // owned by `socket`; -1: there is none
-  int64_t socket_not_before = 0;  // steady_ms; when to try for one again
-  int64_t socket_not_after = 0;   // 0: the loop has not tried yet
-  bool someone_waits = false;     // somebody may be waiting to be accepted
-  int64_t accept_not_before = 0;  // steady_ms; after descriptors ran out
-  Poster posters[kPostersMax];
-  int poster_count = 0;
-  epoll_event ready[64];  // reported by the set; served from next_ready on
-  int ready_count = 0;
-  int next_ready = 0;
-  RecordList records;
-  int events = 0;    // in records
-  size_t bytes = 0;  // in records
-  int64_t dropped = 0;
-  RateLimit bad_line_limit;
-  RateLimit closed_limit;
-  RateLimit accept_limit;
-  char buffer[kPosterPiece];
+  EventInbox& inbox;
+  Descriptor epoll;    // constant while the threads run
+  EventSocket socket;  // changed by the script thread, under mutex
+
+  Mutex mutex;
+  PosterPlaces places GUARDED_BY(mutex);
+  uint8_t turns[kPostersMax] GUARDED_BY(mutex);  // a ring of places: whose turn it is next, each once
+  int first_turn GUARDED_BY(mutex) = 0;
+  int turn_count GUARDED_BY(mutex) = 0;
+  int last_ready GUARDED_BY(mutex) = 0;             // the number of posters that were ready when it was last asked
+  bool socket_changed GUARDED_BY(mutex) = false;    // it may have been removed
+  bool someone_waits GUARDED_BY(mutex) = false;     // somebody may be waiting to be accepted
+  bool someone_leaves GUARDED_BY(mutex) = false;    // a connection that had to go is being read empty
+  int64_t accept_not_before GUARDED_BY(mutex) = 0;  // steady_ms
+  RecordList spares GUARDED_BY(mutex);
+  int64_t dropped GUARDED_BY(mutex) = 0;
+  RateLimit bad_line_limit GUARDED_BY(mutex);
+  RateLimit closed_limit GUARDED_BY(mutex);
+  RateLimit accept_limit GUARDED_BY(mutex);
+  char buffer[kTurnBytesAlone] GUARDED_BY(mutex);
 };

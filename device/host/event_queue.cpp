@@ -1,7 +1,7 @@
 #include "device/event_queue.h"
 
 #include <malloc.h>
-#include <poll.h>
+#include <pthread.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -11,32 +11,24 @@
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
 #include "device/host/event_posters.h"
-#include "device/host/service_state.h"
+#include "device/host/stand_in.h"
 #include "device/log.h"
 #include "util/clock.h"
 #include "util/lua_binding.h"
 
 namespace {
 
-// The two sources of events, and whose turn it is.
 struct EventQueue {
-  EventInbox inbox;           // the process itself
-  EventPosters posters;       // other processes
-  bool inbox_is_next = true;  // script thread
-  int64_t last_look = 0;      // script thread: when the posters were looked at, in ticks
+  EventInbox inbox;
+  EventPosters posters{inbox};
+  LoopLooks looks;
+  StandIn stand_in{looks, posters, inbox};
+  int64_t last_look = 0;  // script thread: when the posters were looked at, in ticks
 };
 
 EventQueue& queue() {
   static EventQueue* const the_queue = new EventQueue;  // threads of plug-ins may post until the process is gone
   return *the_queue;
-}
-
-// The sources take turns, so that neither waits for the other to run dry.
-EventRecord* take(EventQueue& q) {
-  q.inbox_is_next = !q.inbox_is_next;
-  EventRecord* record = q.inbox_is_next ? q.inbox.take() : q.posters.take();
-  if (record != nullptr) return record;
-  return q.inbox_is_next ? q.posters.take() : q.inbox.take();
 }
 
 // A clock that is read almost for nothing and moves every few milliseconds.
@@ -49,23 +41,35 @@ int64_t tick() {
 // While the process itself posts without a pause the loop never waits, and only waiting looks at the posters. So they
 // get a look at every tick then: often enough for them, and no system call for each event.
 void look_at_posters(EventQueue& q) {
-  if (q.posters.waiting() > 0 || q.inbox.waiting() == 0) return;
+  if (q.inbox.posted(EventSource::posters).waiting() > 0 || q.inbox.waiting() == 0) return;
   const int64_t now = tick();
   if (now == q.last_look) return;
   q.last_look = now;
+  const LoopLooks::Look look(q.looks);
   q.posters.wait(0);
 }
 
 EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
+  const LoopLooks::Look look(q.looks);
   const int64_t deadline = steady_ms() + timeout_ms;
   int64_t left = timeout_ms;
   do {
     const int wait_ms = q.inbox.may_sleep() ? static_cast<int>(left) : 0;
-    if (!q.posters.wait(wait_ms)) return nullptr;
-    if (EventRecord* record = take(q)) return record;
+    const bool is_whole = q.posters.wait(wait_ms);
+    q.inbox.woke_up();
+    if (!is_whole || q.inbox.take_wake()) return nullptr;
+    if (EventRecord* record = q.inbox.take()) return record;
     left = deadline - steady_ms();
   } while (left > 0);
   return nullptr;
+}
+
+// A child of this process may post as long as it lives, whatever the other threads did when it was made.
+void keep_usable_in_children() {
+  const auto before = [] { queue().inbox.before_fork(), spare_records_before_fork(); };
+  const auto after = [] { spare_records_after_fork(), queue().inbox.after_fork(); };
+  static const int registered = pthread_atfork(before, after, after);
+  (void)registered;
 }
 
 // The type of an event: a narrowed one could be another's, or the one that ends the loop.
@@ -110,7 +114,6 @@ int lua_event_post(lua_State* L) {
 extern "C" {
 
 int helper_init(lua_State* L) {
-  open_service();
   std::string error;
   // First of all: scripts that post are told when the queue could not be opened, and load.
   if (!protect(L, error, [](lua_State* state) { lua_register(state, "event_post", api<lua_event_post>); })) {
@@ -118,25 +121,30 @@ int helper_init(lua_State* L) {
     return -1;
   }
   EventQueue& q = queue();
-  if (q.posters.is_open() || (q.inbox.open() && q.posters.open(q.inbox.wake_descriptor()))) return 0;
-  elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
-  q.inbox.close();
-  return -1;
+  if (q.posters.is_open()) return 0;
+  if (!q.inbox.open() || !q.posters.open()) {
+    elog(1, "evq: cannot open the event queue: %s", strerrordesc_np(errno));
+    q.inbox.close();
+    return -1;
+  }
+  keep_usable_in_children();
+  q.stand_in.start();
+  return 0;
 }
 
 void helper_cleanup() {
-  queue().posters.close();
-  queue().inbox.close();
+  EventQueue& q = queue();
+  q.stand_in.stop();
+  q.posters.close();
+  q.inbox.close();
 }
 
 event_item* event_dequeue(int timeout_ms) {
   EventQueue& q = queue();
-  if (!q.posters.is_open()) {  // the loop relies on the wait
-    poll(nullptr, 0, timeout_ms);
-    return nullptr;
-  }
+  if (!q.posters.is_open()) q.inbox.sleep(timeout_ms);  // the loop relies on the wait
+  if (q.inbox.take_wake() || !q.posters.is_open()) return nullptr;
   look_at_posters(q);
-  EventRecord* record = take(q);
+  EventRecord* record = q.inbox.take();
   return record != nullptr ? record : wait_for_event(q, timeout_ms);
 }
 
@@ -145,10 +153,11 @@ void event_item_free(event_item* item) {
 }
 
 void event_arrange() {
-  const long long dropped = queue().posters.take_dropped();
+  const long long dropped = queue().posters.tidy_up();
   const long long refused = queue().inbox.take_refused();
   if (dropped > 0) elog(1, "evq: %lld bad lines of other processes dropped", dropped);
   if (refused > 0) elog(1, "evq: %lld events refused because the queue was full", refused);
+  free_spare_records();
   malloc_trim(0);
 }
 
@@ -158,6 +167,14 @@ int event_post(int type, const char* type_name, const char* info) {
 }
 
 int event_pending() {
-  return queue().inbox.waiting() + queue().posters.waiting();
+  return queue().inbox.waiting();
+}
+
+void event_wake() {
+  queue().inbox.wake();
+}
+
+int event_socket_owned() {
+  return queue().posters.socket_number();
 }
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,14 +13,14 @@
 
 #include "device/event_source.h"
 #include "device/host/device_root.h"
-#include "device/host/service_state.h"
 #include "device/log.h"
-#include "device/service.h"
 #include "util/unix_socket.h"
 
 namespace {
 
 constexpr mode_t kSocketMode = 0660;
+constexpr int kRetryMs = 1000;
+constexpr int kPatienceMs = 60000;
 
 EventSocket* g_removed_at_exit = nullptr;  // while other threads may change it, nobody exits
 
@@ -44,32 +45,72 @@ pid_t read_owner(int fd) {
 
 }  // namespace
 
-int EventSocket::open() {
-  if (!under_device_root(kEventSocketPath, path)) return -1;
+bool EventSocket::open() {
+  not_after = 0;
+  return make();
+}
+
+bool EventSocket::make() {
+  if (!under_device_root(kEventSocketPath, path)) return false;
   if (!make_folders(path)) {
     say_cannot_make(path);
-    return -1;
+    return false;
   }
   if (!take_lock() || !make_socket()) {
     close();
-    return -1;
+    return false;
   }
   if (!said.empty()) elog(1, "evq: %s is made: events from other processes are taken", path.c_str());
   said.clear();
   static const int registered = atexit(remove_at_exit);
   (void)registered;
   g_removed_at_exit = this;
-  return listening.get();
+  watch_folder();
+  is_made = ++made;
+  return true;
+}
+
+// Who has the socket may be about to end, so it is tried for again from when the loop runs; but not for ever: when the
+// daemon that should have it is restarted later on, a stray one must not step in.
+bool EventSocket::make_again(int64_t now) {
+  if (number() != 0) {
+    if (is_in_place()) return false;
+    say(path + " was removed or replaced");
+    close();
+    not_after = 0;
+  }
+  if (not_after == 0) {
+    not_before = now;
+    not_after = now + kPatienceMs;
+  }
+  if (now < not_before || now > not_after) return false;
+  not_before = now + kRetryMs;
+  return make();
 }
 
 void EventSocket::close() {
+  is_made = 0;
+  changes.reset();
   remove_file();
   maker = 0;
   listening.reset();
-  keep_service_state("");
   // A child between its fork and its exec still has the descriptor; letting go by name does not wait for it.
   if (lock.get() >= 0) flock(lock.get(), LOCK_UN);
   lock.reset();
+}
+
+void EventSocket::watch_folder() {
+  changes.reset(above_standard_streams(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)));
+  const std::string folder = path.substr(0, path.rfind('/'));
+  constexpr uint32_t kGone = IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+  if (changes.get() >= 0 && inotify_add_watch(changes.get(), folder.c_str(), kGone) < 0) changes.reset();
+}
+
+bool EventSocket::take_change() const {
+  char changed[4096];
+  bool has_changed = false;
+  while (read(changes.get(), changed, sizeof(changed)) > 0) has_changed = true;
+  return has_changed;
 }
 
 bool EventSocket::take_lock() {
@@ -92,8 +133,6 @@ bool EventSocket::take_lock() {
     say_cannot_make(lock_path);
     return false;
   }
-  std::string state_path;
-  if (under_device_root(kServiceStatePath, state_path)) keep_service_state(state_path);
   return true;
 }
 
@@ -128,11 +167,13 @@ void EventSocket::say(const std::string& reason) {
   elog(1, "evq: %s: no events from other processes", reason.c_str());
 }
 
-void EventSocket::remove_file() const {
+bool EventSocket::is_in_place() const {
   struct stat status {};
-  const bool ours =
-      maker == getpid() && lstat(path.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == inode;
-  if (ours) unlink(path.c_str());
+  return lstat(path.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == inode;
+}
+
+void EventSocket::remove_file() const {
+  if (maker == getpid() && is_in_place()) unlink(path.c_str());
 }
 
 void EventSocket::remove_at_exit() {

@@ -3,29 +3,54 @@
 // A socket file that a dead daemon left behind looks like a live one, and two daemons that start at once would both
 // take it for dead. So the owner holds a lock (flock) on events.lock, which the kernel lets go of whenever the owner
 // ends, and writes its process id into it: whoever gets the lock may replace the socket, everybody else leaves it
-// alone. The lock file itself stays behind; a lock on a file that may vanish is none.
+// alone. The lock file itself stays behind: a file that may vanish cannot carry a lock.
+//
+// A socket that could not be made is tried for again during a minute, and one that was removed or replaced is made
+// again: the kernel tells of changes in its folder (inotify), so that nothing looks at the file by the clock and a busy
+// daemon is told, too.
 #pragma once
 
 #include <sys/types.h>
+#include <atomic>
 #include <string>
 
 #include "util/descriptor.h"
 
 class EventSocket {
  public:
-  // Makes folders, lock and socket below DEVICE_ROOT. Returns the listening descriptor, non-blocking and owned by this
-  // object, or -1, and then the caller runs without, and may try again. The log says why when it is not the reason of
-  // the try before (under_device_root says it once), and says when it came right. The socket file is removed by
-  // close(), or else at the exit of the process that made it; `this` must live until then. Main thread, or script
-  // thread.
-  int open();
+  // Makes folders, lock and socket below DEVICE_ROOT. Returns false when it cannot; the caller then runs without. The
+  // log says why when it is not the reason of the try before (under_device_root says it once), and says when it came
+  // right. The socket file is removed by close(), or else at the exit of the process that made it; `this` must live
+  // until then. Main thread, or script thread.
+  bool open();
 
-  // Removes the socket file, if it is still the one made, and lets go of the lock. Same threads.
+  // For a call at every look, while there is no socket or take_change() was true: makes a socket when it is time for a
+  // try, or when the one that was made is not in its place any more. Returns true when there is a new one. `now` is
+  // steady_ms. Script thread.
+  bool make_again(int64_t now);
+
+  // Removes the socket file, if it is still the one made, and lets go of the lock. Main thread, or script thread.
   void close();
 
+  // 0 while this process does not have the socket, else another number for each one that it has made. Any thread.
+  int number() const { return is_made.load(std::memory_order_relaxed); }
+
+  // The listening descriptor, non-blocking and owned by this object; -1: there is none.
+  int descriptor() const { return listening.get(); }
+
+  // Becomes readable when something in the socket's folder has changed; -1: the kernel does not tell. What changed
+  // before the socket was returned is not told.
+  int change_descriptor() const { return changes.get(); }
+
+  // Reads what change_descriptor() tells. Returns true when the socket may have been removed or replaced.
+  bool take_change() const;
+
  private:
+  bool make();
   bool take_lock();
   bool make_socket();
+  void watch_folder();
+  bool is_in_place() const;
   void say_cannot_make(const std::string& file);
   void say(const std::string& reason);
   void remove_file() const;
@@ -35,7 +60,12 @@ class EventSocket {
   std::string said;  // why the last try failed; empty: it did not
   Descriptor lock;
   Descriptor listening;
-  pid_t maker = 0;   // the process that made the socket file; 0: there is none
-  dev_t device = 0;  // what identifies the socket file
+  Descriptor changes;
+  std::atomic<int> is_made{0};  // number()
+  int made = 0;                 // sockets so far
+  pid_t maker = 0;              // the process that made the socket file; 0: there is none
+  dev_t device = 0;             // what identifies the socket file
   ino_t inode = 0;
+  int64_t not_before = 0;  // steady_ms; when to try again
+  int64_t not_after = 0;   // 0: the loop has not tried yet
 };

@@ -20,7 +20,7 @@ void NotifySocket::open() {
   if (name == nullptr || *name == '\0') return;
   const size_t size = strlen(name);
   if ((*name != '/' && *name != '@') || size < 2 || size >= sizeof(address.sun_path)) {
-    elog(1, "service: %s is '%s': no path and no abstract name of a socket, nobody is told", kVariable, name);
+    elog(1, "service: %s is '%s': expected a path, or @ and an abstract name; nobody is told", kVariable, name);
   } else {
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, name, size);

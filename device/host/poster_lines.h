@@ -15,15 +15,17 @@
 
 class PosterLines {
  public:
-  // Calls take_line(std::string_view) for every line that `bytes` completes; the view lives during the call.
+  // Calls take_line(std::string_view) for every line that `bytes` completes, until it returns false; the view lives
+  // during the call. Returns the bytes behind that line, which are to be fed later, or nothing.
   template <typename TakeLine>
-  void feed(std::string_view bytes, TakeLine&& take_line) {
-    while (!bytes.empty()) {
+  std::string_view feed(std::string_view bytes, TakeLine&& take_line) {
+    for (bool wants_more = true; wants_more && !bytes.empty();) {
       const size_t end = bytes.find('\n');
       const bool is_complete = end != std::string_view::npos;
-      add(bytes.substr(0, end), is_complete, take_line);
+      wants_more = add(bytes.substr(0, end), is_complete, take_line);
       bytes.remove_prefix(is_complete ? end + 1 : bytes.size());
     }
+    return bytes;
   }
 
   // The poster is done: a last line without a line feed counts too. Ready for another poster afterwards.
@@ -41,24 +43,25 @@ class PosterLines {
 
  private:
   template <typename TakeLine>
-  void add(std::string_view piece, bool is_complete, TakeLine&& take_line) {
+  bool add(std::string_view piece, bool is_complete, TakeLine&& take_line) {
     if (is_skipping) {
       is_skipping = !is_complete;
-      return;
-    }
-    if (held.empty()) {
-      if (!is_complete && piece.size() <= kEventLineMax) {
-        held = piece;
-        return;
-      }
-      take_line(piece);
-    } else {
-      held.append(piece.substr(0, kEventLineMax + 1 - held.size()));
-      if (!is_complete && held.size() <= kEventLineMax) return;
-      take_line(std::string_view(held));
-      std::string().swap(held);  // hundreds of posters must not keep 64 KiB each
+      return true;
     }
     is_skipping = !is_complete;
+    if (held.empty()) {
+      if (is_complete || piece.size() > kEventLineMax) return take_line(piece);
+      held = piece;
+    } else {
+      held.append(piece.substr(0, kEventLineMax + 1 - held.size()));
+      if (is_complete || held.size() > kEventLineMax) {
+        const std::string line = std::move(held);
+        std::string().swap(held);  // hundreds of posters must not keep 64 KiB each
+        return take_line(std::string_view(line));
+      }
+    }
+    is_skipping = false;
+    return true;
   }
 
   std::string held;          // the beginning of a line

@@ -8,13 +8,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
+#include <string>
 
+#include "device/host/device_root.h"
 #include "device/host/notify_socket.h"
-#include "device/host/service_state.h"
 #include "device/log.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
+#include "util/mutex.h"
 #include "util/quiet_write.h"
 
 namespace {
@@ -25,17 +26,17 @@ enum class State { starting, ready, reloading, stopping };
 constexpr const char* kStateNames[] = {"starting", "ready", "reloading", "stopping"};
 
 struct Service {
-  NotifySocket manager;    // opened before the script thread starts, constant afterwards
-  int64_t alive_ms = 0;    // likewise: how often the manager wants to hear that we are alive; 0: it does not
-  bool is_awake = false;   // script thread: the first SERVICE_ALIVE has come
-  int64_t next_alive = 0;  // script thread: in steady_ms
+  NotifySocket manager;            // opened before the script thread starts, constant afterwards
+  int64_t alive_ms = 0;            // likewise: how often the manager wants to hear that we are alive; 0: it does not
+  int (*owns_socket)() = nullptr;  // likewise; null: no state is kept
+  bool is_awake = false;           // script thread: the first SERVICE_ALIVE has come
+  int64_t next_alive = 0;          // script thread: in steady_ms
 
-  std::mutex mutex;
-  State state = State::starting;  // under mutex, like everything below
-  long long reloads = 0;
-  std::string path;      // of the state file; empty: none is kept
-  std::string new_path;  // where its next content is written
-  bool said_file = false;
+  Mutex mutex;
+  State state GUARDED_BY(mutex) = State::starting;
+  long long reloads GUARDED_BY(mutex) = 0;
+  bool said_file GUARDED_BY(mutex) = false;
+  std::atomic<int> kept_for{0};  // written under mutex: the socket for which the state file is kept; 0: none is
   std::atomic<bool> said_manager{false};  // any thread
 };
 
@@ -55,22 +56,24 @@ bool replace_file(const std::string& path, const std::string& new_path, const ch
   return file.get() >= 0 && write_fully(file.get(), text, size) && rename(new_path.c_str(), path.c_str()) == 0;
 }
 
-void write_state(Service& s) {
-  if (s.path.empty()) return;
+// Only the owner of the event socket keeps the state.
+void write_state(Service& s) REQUIRES(s.mutex) {
+  s.kept_for = s.owns_socket != nullptr ? s.owns_socket() : 0;
+  std::string path;
+  if (s.kept_for == 0 || !under_device_root(kServiceStatePath, path)) return;
   char text[64];
   const int size =
       snprintf(text, sizeof(text), "%d %s %lld\n", getpid(), kStateNames[static_cast<int>(s.state)], s.reloads);
-  if (replace_file(s.path, s.new_path, text, static_cast<size_t>(size))) return;
+  if (replace_file(path, path + ".new", text, static_cast<size_t>(size))) return;
   const int error = errno;
-  unlink(s.path.c_str());  // better no state than a former one
+  unlink(path.c_str());  // no state is better than an old one
   if (s.said_file) return;
   s.said_file = true;
-  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", s.path.c_str(),
-       strerrordesc_np(error));
+  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", path.c_str(), strerrordesc_np(error));
 }
 
 // The manager is told first: who waits for the file may ask the manager next.
-void change(Service& s, State state, const char* text) {
+void change(Service& s, State state, const char* text) REQUIRES(s.mutex) {
   s.state = state;
   tell_manager(s, text);
   write_state(s);
@@ -79,11 +82,20 @@ void change(Service& s, State state, const char* text) {
 void wake_up(Service& s) {
   s.is_awake = true;
   s.next_alive = steady_ms() + s.alive_ms;
-  const std::lock_guard<std::mutex> lock(s.mutex);
+  const MutexLock lock(s.mutex);
   if (s.state == State::starting) change(s, State::ready, "READY=1");
 }
 
+void begin_start(Service& s) {
+  const MutexLock lock(s.mutex);
+  write_state(s);
+}
+
 void say_alive(Service& s) {
+  if (s.owns_socket != nullptr && s.owns_socket() != s.kept_for.load(std::memory_order_relaxed)) {
+    const MutexLock lock(s.mutex);
+    write_state(s);
+  }
   if (s.alive_ms == 0) return;
   const int64_t now = steady_ms();
   if (now < s.next_alive) return;
@@ -97,25 +109,26 @@ void begin_reload(Service& s) {
   char text[64];
   snprintf(text, sizeof(text), "RELOADING=1\nMONOTONIC_USEC=%lld",
            static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000);
-  const std::lock_guard<std::mutex> lock(s.mutex);
+  const MutexLock lock(s.mutex);
   change(s, State::reloading, text);
 }
 
 void end_reload(Service& s) {
-  const std::lock_guard<std::mutex> lock(s.mutex);
+  const MutexLock lock(s.mutex);
   ++s.reloads;
   change(s, State::ready, "READY=1");
 }
 
 void begin_stop(Service& s) {
-  const std::lock_guard<std::mutex> lock(s.mutex);
+  const MutexLock lock(s.mutex);
   change(s, State::stopping, "STOPPING=1");
 }
 
 }  // namespace
 
-void open_service() {
+extern "C" void service_open(int (*owns_socket)()) {
   Service& s = service();
+  s.owns_socket = owns_socket;
   s.manager.open();
   // WATCHDOG_PID is left alone: it names the process that the manager started, and the daemon is a child of that one.
   if (const char* microseconds = secure_getenv(kWatchdogVariable)) {
@@ -124,19 +137,13 @@ void open_service() {
   }
 }
 
-void keep_service_state(const std::string& path) {
-  Service& s = service();
-  const std::lock_guard<std::mutex> lock(s.mutex);
-  s.path = path;
-  s.new_path = path + ".new";
-  write_state(s);
-}
-
 extern "C" void service_state(int state) {
   Service& s = service();
   switch (state) {
     case SERVICE_ALIVE:
       return s.is_awake ? say_alive(s) : wake_up(s);
+    case SERVICE_STARTING:
+      return begin_start(s);
     case SERVICE_RELOADING:
       return begin_reload(s);
     case SERVICE_RELOADED:

@@ -37,10 +37,12 @@ void fuzz(size_t choice, std::string input) {
     at += whole.size() + 1;
     HOLDS(whole.size() > 65000 ? line.size() > 65000 && whole.find(line) == 0 : line == whole);
     check(std::string(line));
+    return line.size() % 3 != 0;  // now and then enough for this turn
   };
   const size_t before = __sanitizer_get_current_allocated_bytes();
   for (size_t fed = 0; fed < input.size(); fed += piece_size) {
-    lines.feed(Exact(std::string_view(input).substr(fed, piece_size)).view(), take_line);
+    const Exact piece(std::string_view(input).substr(fed, piece_size));
+    for (auto rest = piece.view(); !rest.empty();) rest = lines.feed(rest, take_line);
   }
   HOLDS(__sanitizer_get_current_allocated_bytes() - before <= 2 * 65000);
   lines.finish(take_line);

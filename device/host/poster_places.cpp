@@ -1,0 +1,58 @@
+#include "device/host/poster_places.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+#include <algorithm>
+#include <iterator>
+#include <tuple>
+
+#include "util/clock.h"
+
+Poster& PosterPlaces::enter(int fd) {
+  Poster& poster = *std::find_if(std::begin(posters), std::end(posters), [](const Poster& p) { return p.fd < 0; });
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  poster.fd = fd;
+  poster.process = peer.pid;
+  poster.user = peer.uid;
+  poster.since_ms = poster.heard_ms = steady_ms();
+  ++count;
+  return poster;
+}
+
+void PosterPlaces::leave(Poster& poster) {
+  close(poster.fd);
+  poster.fd = -1;
+  poster.is_leaving = false;
+  poster.lines.reset();
+  std::string().swap(poster.unread);
+  --count;
+}
+
+void PosterPlaces::leave_all() {
+  for (Poster& poster : posters) {
+    if (poster.fd >= 0) leave(poster);
+    poster.is_queued = false;
+  }
+}
+
+int PosterPlaces::of_process(const Poster& poster) const {
+  const auto same = [&](const Poster& other) { return other.fd >= 0 && other.process == poster.process; };
+  return static_cast<int>(std::count_if(std::begin(posters), std::end(posters), same));
+}
+
+// Counts for each anew: that is 50 us, and a connection is closed for it.
+Poster& PosterPlaces::first_to_go() {
+  Poster* first = nullptr;
+  std::tuple<int, int, int64_t> most;
+  for (Poster& poster : posters) {
+    const auto same_user = [&](const Poster& other) { return other.fd >= 0 && other.user == poster.user; };
+    const int of_user = static_cast<int>(std::count_if(std::begin(posters), std::end(posters), same_user));
+    const std::tuple<int, int, int64_t> claim(of_process(poster), of_user, -poster.heard_ms);
+    if (first != nullptr && claim <= most) continue;
+    first = &poster;
+    most = claim;
+  }
+  return *first;
+}

@@ -1,0 +1,52 @@
+// The connections of other processes that post events, and who has to give one up when all places are taken.
+//
+// Not shared between threads: the lock of EventPosters guards it.
+#pragma once
+
+#include <sys/types.h>
+#include <cstdint>
+#include <string>
+
+#include "device/host/poster_lines.h"
+
+constexpr int kPostersMax = 256;
+constexpr int kPosterHoldMs = 1000;  // a place is nobody's to take for so long: a burst of short posts fits in
+
+struct Poster {
+  int fd = -1;  // -1: a free place
+  pid_t process = 0;
+  uid_t user = 0;
+  int64_t since_ms = 0;     // steady_ms of its connecting
+  int64_t heard_ms = 0;     // of the last end of a line: bytes alone do not count
+  bool is_queued = false;   // its place stands in the queue for turns
+  bool is_leaving = false;  // has to go, as soon as it is read empty
+  PosterLines lines;
+  std::string unread;  // received, and left for its next turn
+};
+
+class PosterPlaces {
+ public:
+  bool all_taken() const { return count == kPostersMax; }
+
+  // Gives the connection `fd` a place; one must be free. The place owns it until leave().
+  Poster& enter(int fd);
+
+  // Closes the connection and frees its place.
+  void leave(Poster& poster);
+  void leave_all();
+
+  // Who has to go when all places are taken: of the process with most connections, or where each has one of the user
+  // with most, the connection that has been silent longest. The caller heeds kPosterHoldMs.
+  Poster& first_to_go();
+
+  // The number of connections of the poster's process.
+  int of_process(const Poster& poster) const;
+
+  // Where `poster` stands, and who stands there.
+  int index_of(const Poster& poster) const { return static_cast<int>(&poster - posters); }
+  Poster& at(int index) { return posters[index]; }
+
+ private:
+  Poster posters[kPostersMax];
+  int count = 0;
+};
