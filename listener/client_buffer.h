@@ -8,7 +8,8 @@
 
 #include <atomic>
 #include <cstddef>
-#include <string>
+#include <cstring>
+#include <vector>
 
 constexpr size_t kClientMax = 1000;
 
@@ -50,63 +51,48 @@ class ClientBuffer {
   explicit ClientBuffer(ClientMemory& account) : memory(account) {}
   ClientBuffer(const ClientBuffer&) = delete;
   ClientBuffer& operator=(const ClientBuffer&) = delete;
-  ~ClientBuffer() { memory.replace(bytes.capacity(), 0); }
+  ~ClientBuffer() { memory.replace(storage.size(), 0); }
 
-  const char* data() const { return bytes.data() + start; }
-  size_t size() const { return bytes.size() - start; }
-  bool empty() const { return size() == 0; }
-  bool is_large() const { return bytes.capacity() > kKept; }
+  const char* data() const { return storage.data() + start; }
+  size_t size() const { return end - start; }
+  bool empty() const { return start == end; }
 
   // Makes room for `more` bytes behind those held. False when the memory for it is not granted; nothing has changed
   // then. Throws std::bad_alloc when there is none.
-  bool reserve(size_t more) {
-    if (bytes.size() + more <= bytes.capacity()) return true;
-    if (size() + more > bytes.capacity() && !grow(size() + more)) return false;
-    bytes.erase(0, start);
-    start = 0;
-    return true;
-  }
+  bool reserve(size_t more) { return more <= storage.size() - end || make_room(more); }
 
   // Adds `count` bytes; results as of reserve.
   bool append(const char* added, size_t count) {
     if (!reserve(count)) return false;
-    bytes.append(added, count);
+    memcpy(storage.data() + end, added, count);
+    end += count;
     return true;
   }
 
   // Takes away the first `count` bytes, at most size().
   void consume(size_t count) {
     start += count;
-    if (!empty()) return;
-    bytes.clear();
-    start = 0;
+    if (empty()) start = end = 0;
   }
 
   // Drops everything.
-  void clear() { consume(size()); }
+  void clear() { start = end = 0; }
 
   // Gives the memory of an empty buffer back, but for a little.
   void tidy() {
-    if (!empty() || !is_large()) return;
-    memory.replace(bytes.capacity(), 0);
-    std::string().swap(bytes);
-    memory.replace(0, bytes.capacity());
+    if (!empty() || storage.size() <= kKept) return;
+    memory.replace(storage.size(), 0);
+    std::vector<char>().swap(storage);
   }
 
  private:
-  bool grow(size_t wanted) {
-    size_t capacity = bytes.capacity() < 64 ? 128 : bytes.capacity() * 2;
-    while (capacity < wanted) capacity *= 2;
-    std::string larger;
-    larger.reserve(capacity);
-    if (!memory.resize(bytes.capacity(), larger.capacity())) return false;
-    larger.append(data(), size());
-    larger.swap(bytes);
-    start = 0;
-    return true;
-  }
+  static constexpr size_t kLine = 64;           // of the processor's cache
+  static constexpr size_t kUsual = 1057 * kLine;  // a full row of gathered packets, and a bit
+
+  bool make_room(size_t more);
 
   ClientMemory& memory;
-  std::string bytes;  // [start, end) is held
+  std::vector<char> storage;  // [start, end) is held
   size_t start = 0;
+  size_t end = 0;
 };

@@ -34,8 +34,7 @@ class ClientOutput {
   // it is not granted: nothing has been added.
   bool append(const char* packet, size_t size) { return bytes.append(packet, size); }
 
-  // Whether it has more memory than an idle client needs; gives it back when nothing waits.
-  bool is_large() const { return bytes.is_large(); }
+  // Gives memory back when nothing waits.
   void tidy() { bytes.tidy(); }
 
   // Sends as much of what waits as `fd` takes without waiting. `failed`: the system is short of something; nothing is

@@ -31,25 +31,34 @@ void ManagerListener::forward_event(const event_item* event) {
     if (clients.empty()) return;
     slow.clear();
     const bool more = more_events_wait(*event);
+    if (more) note_burst();
     const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
     for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
       uint64_t concerned = asking.words[i] | (more ? 0 : gathered.words[i]);
       while (concerned != 0) {
-        const uint64_t bit = concerned & -concerned;
-        ListenerClient& client = *clients[i * ClientSet::kWordBits + take_lowest(concerned)];
-        if ((asking.words[i] & bit) != 0) {
+        const size_t bit = take_lowest(concerned);
+        ListenerClient& client = *clients[i * ClientSet::kWordBits + bit];
+        if ((asking.words[i] >> bit & 1) != 0) {
           deliver(client, packet, more);
         } else {
           send_now(client);  // gathered from the events before
         }
-        gathered.put(client.position, client.output.is_due());
+        gathered.put(i * ClientSet::kWordBits + bit, client.output.is_due());
       }
     }
     if (!slow.empty()) wait_for_slow();
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
   }
+}
+
+// From the first packet that may be gathered on, the event_recv thread comes round.
+void ManagerListener::note_burst() {
+  was_gathered = true;
+  if (is_burst) return;
+  is_burst = true;
+  wake_receiver();
 }
 
 void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more) {
@@ -63,17 +72,9 @@ void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet,
     if (output.broken()) return;
     if (output.owes() || !output.append(packet.data(), packet.size())) return skip(client);
   }
-  if (more) note_burst();
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
 }
 
-// From the first packet that is gathered on, the event_recv thread comes round.
-void ManagerListener::note_burst() {
-  was_gathered = true;
-  if (is_burst) return;
-  is_burst = true;
-  wake_receiver();
-}
 
 void ManagerListener::send_now(ListenerClient& client) {
   push(client);

@@ -29,8 +29,7 @@ const ClientSet& SubscriptionCache::who_asks_for(const char* type_name, const Cl
   return name.asking;
 }
 
-SubscriptionCache::Name& SubscriptionCache::find(const char* type_name) {
-  if (last < names.size() && names[last].text == type_name) return names[last];
+SubscriptionCache::Name& SubscriptionCache::find_elsewhere(const char* type_name) {
   const uint64_t hash = hash_of(type_name);
   for (size_t i = 0; i < names.size(); ++i) {
     if (names[i].hash != hash || names[i].text != type_name) continue;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,7 +36,11 @@ class SubscriptionCache {
     ClientSet asking;  // and those in which the name was found
   };
 
-  Name& find(const char* type_name);
+  Name& find(const char* type_name) {
+    if (last < names.size() && strcmp(names[last].text.c_str(), type_name) == 0) return names[last];
+    return find_elsewhere(type_name);
+  }
+  Name& find_elsewhere(const char* type_name);
 
   std::vector<Name> names;
   size_t last = 0;  // found last: events come in rows of one type
