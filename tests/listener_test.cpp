@@ -164,18 +164,23 @@ TEST(ClientMemory, HasAnEndAndAShareForEach) {
   std::vector<std::unique_ptr<ClientBuffer>> buffers;
   for (int i = 0; i < 200; ++i) buffers.push_back(std::make_unique<ClientBuffer>(memory));
   const std::string large(40000, 'x'), small(1500, 'y');
-  int granted = 0;
-  for (const auto& buffer : buffers) granted += buffer->append(large.data(), large.size()) ? 1 : 0;
-  EXPECT_EQ(granted, 99);  // of 64 KiB less the share
-  for (const auto& buffer : buffers) EXPECT_TRUE(buffer->append(small.data(), small.size()));
-  buffers[0]->consume(large.size());
-  EXPECT_EQ(std::string(buffers[0]->data(), buffers[0]->size()), small);
+  const auto append = [](ClientBuffer& buffer, const std::string& bytes) {
+    return buffer.append(bytes.data(), bytes.size());
+  };
+  size_t granted = 0;
+  while (append(*buffers[granted], large)) ++granted;
+  EXPECT_EQ(granted, 165u);  // of some 38,000 bytes beyond the share
+  for (size_t i = granted; i < buffers.size(); ++i) EXPECT_TRUE(append(*buffers[i], small));
+  buffers[1]->consume(39990);
+  EXPECT_TRUE(append(*buffers[1], small));
+  EXPECT_EQ(std::string(buffers[1]->data(), buffers[1]->size()), std::string(10, 'x') + small);
   buffers[0]->clear();
-  EXPECT_FALSE(buffers[199]->append(large.data(), large.size()));
+  EXPECT_FALSE(append(*buffers[199], large));
   buffers[0]->tidy();
-  EXPECT_TRUE(buffers[199]->append(large.data(), large.size()));
+  EXPECT_TRUE(append(*buffers[199], large));
   buffers.clear();
-  EXPECT_TRUE(ClientBuffer(memory).append(std::string(4 << 20, 'z').data(), 4 << 20));
+  ClientBuffer last(memory);
+  EXPECT_TRUE(append(last, std::string(6 << 20, 'z')));  // all is there again
 }
 
 // Whatever comes and goes: the cache says what the type strings say.
