@@ -134,7 +134,7 @@ void ManagerListener::add_client(int fd, const sockaddr_in& peer) {
     client = std::move(free_clients.back());
     free_clients.pop_back();
   }
-  client->open(fd, peer, ++connections);
+  client->open(fd, peer);
   client->position = clients.size();
   clients.push_back(std::move(client));
 }

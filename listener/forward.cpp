@@ -78,7 +78,7 @@ void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet,
 
 void ManagerListener::send_now(ListenerClient& client) {
   push(client);
-  if (client.output.is_due()) slow.push_back({&client, client.connection});
+  if (client.output.is_due()) slow.push_back(&client);
 }
 
 // Sends what waits for the client, as far as its socket takes it.
@@ -128,7 +128,7 @@ void ManagerListener::wait_for_slow() {
     const Clock::duration longest = settle(start, now);
     if (slow.empty()) return;
     slow_fds.clear();
-    for (const SlowClient& entry : slow) slow_fds.push_back({entry.client->fd, POLLOUT, 0});
+    for (const ListenerClient* client : slow) slow_fds.push_back({client->fd, POLLOUT, 0});
     slow_fds.push_back({stop_event.get(), POLLIN, 0});
     const auto slice = std::chrono::ceil<std::chrono::milliseconds>(std::min<Clock::duration>(longest, kWaitSlice));
     mutex.unlock();
@@ -138,9 +138,7 @@ void ManagerListener::wait_for_slow() {
     now = Clock::now();
     charge(before, now);
     for (size_t i = 0; i < slow.size(); ++i) {
-      const SlowClient& entry = slow[i];
-      if (entry.client->connection != entry.connection) continue;
-      if (ready == 0 || slow_fds[i].revents != 0) push(*entry.client);
+      if (ready == 0 || slow_fds[i].revents != 0) push(*slow[i]);
     }
   }
 }
@@ -150,17 +148,16 @@ void ManagerListener::wait_for_slow() {
 ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start, Clock::time_point now) {
   Clock::duration longest = longest_wait - (now - start);
   size_t kept = 0;
-  for (const SlowClient& entry : slow) {
-    ListenerClient& client = *entry.client;
-    if (client.connection != entry.connection || !client.output.is_due()) continue;
-    const WaitBudget& budget = client.is_known(now) ? known_wait : strangers_wait;
+  for (ListenerClient* const client : slow) {
+    if (!client->output.is_due()) continue;
+    const WaitBudget& budget = client->is_known(now) ? known_wait : strangers_wait;
     const Clock::duration left = std::min(budget.left(now), longest_wait - (now - start));
-    if (!running || left <= Clock::duration::zero() || !client.output.deserves_wait(now)) {
-      owe(client);
+    if (!running || left <= Clock::duration::zero() || !client->output.deserves_wait(now)) {
+      owe(*client);
       continue;
     }
     longest = std::min(longest, left);
-    slow[kept++] = entry;
+    slow[kept++] = client;
   }
   slow.resize(kept);
   return longest;
@@ -169,7 +166,7 @@ ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start
 // The wait from `before` to `now` was for those that are slow.
 void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
   bool strangers = false, known = false;
-  for (const SlowClient& entry : slow) (entry.client->is_known(before) ? known : strangers) = true;
+  for (const ListenerClient* client : slow) (client->is_known(before) ? known : strangers) = true;
   if (strangers) strangers_wait.spend(now - before, now);
   if (known) known_wait.spend(now - before, now);
 }

@@ -12,19 +12,17 @@ PeerText::PeerText(const sockaddr_in& peer) {
   snprintf(text, sizeof(text), "%s:%d", host, ntohs(peer.sin_port));
 }
 
-void ListenerClient::open(int new_fd, const sockaddr_in& peer, uint64_t number) {
+void ListenerClient::open(int new_fd, const sockaddr_in& peer) {
   read_tick = -1;
   is_held_off = is_leaving = false;
   address = peer;
   since = Clock::now();
   fd = new_fd;
-  connection = number;
 }
 
 void ListenerClient::close() {
   if (fd > 0) sock_close(fd);
   fd = 0;
-  connection = 0;
   recv_buf.clear();
   recv_buf.tidy();
   set_type_string({});

@@ -27,9 +27,8 @@ class ListenerClient {
   ListenerClient& operator=(const ListenerClient&) = delete;
   ~ListenerClient() { set_type_string({}); }
 
-  // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`. `number` is the
-  // connection's, above 0 and never used before. Accept thread.
-  void open(int new_fd, const sockaddr_in& peer, uint64_t number);
+  // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`. Accept thread.
+  void open(int new_fd, const sockaddr_in& peer);
 
   // Ends the connection and gives back what it held. The event_recv thread, or the main thread once that has ended.
   void close();
@@ -47,7 +46,6 @@ class ListenerClient {
 
   // Under the listener's lock.
   int fd = 0;               // 0 once closed
-  uint64_t connection = 0;  // tells the record's present client from earlier ones; 0 once closed
   size_t position = 0;      // in the list of clients
   bool is_leaving = false;  // given up for another one; the event_recv thread will remove it
   ClientOutput output;

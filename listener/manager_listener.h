@@ -5,9 +5,10 @@
 // (receive_thread.cpp) reads what they send, removes those that have gone, and sends what a running handler holds back;
 // the script thread forwards events (forward.cpp). All of them sleep on descriptors; at rest none wakes.
 //
-// Nobody holds the lock while he waits, so a record may serve another client afterwards: `connection` tells. While the
-// threads run, only the event_recv thread closes a client's descriptor: it polls numbers, and a number that is closed
-// elsewhere could be another client's by the time it reads.
+// Nobody holds the lock while he waits. So a record that the script thread waits for may serve another client afterwards;
+// then nothing is due to it, since only the script thread adds to what waits. While the threads run, only the event_recv
+// thread closes a client's descriptor: it polls numbers, and a number that is closed elsewhere could be another client's
+// by the time it reads.
 #pragma once
 
 #include <poll.h>
@@ -61,11 +62,6 @@ class ManagerListener {
 
   struct PollSet;  // the event_recv thread's working arrays
 
-  struct SlowClient {
-    ListenerClient* client;
-    uint64_t connection;
-  };
-
   explicit ManagerListener(SettingsFile&& file);
 
   // manager_listener.cpp
@@ -114,7 +110,6 @@ class ManagerListener {
   ClientList clients GUARDED_BY(mutex);       // in the order in which they were accepted
   ClientList free_clients GUARDED_BY(mutex);  // a stack
   size_t leaving GUARDED_BY(mutex) = 0;       // clients that have been given up and not yet removed
-  uint64_t connections GUARDED_BY(mutex) = 0;
   SubscriptionCache subscriptions GUARDED_BY(mutex);
   ClientSet gathered GUARDED_BY(mutex);          // who may have output that nobody owes; a bit too many does no harm
   bool is_burst GUARDED_BY(mutex) = false;       // the event_recv thread comes round to send what is gathered
@@ -128,8 +123,8 @@ class ManagerListener {
   RateLimit place_limit GUARDED_BY(mutex);       // the "too many clients" lines'
 
   // The script thread's, during a wait.
-  std::vector<SlowClient> slow;   // clients that did not take all at once,
-  std::vector<pollfd> slow_fds;   // their descriptors, and stop_event
+  std::vector<ListenerClient*> slow;  // clients that did not take all at once,
+  std::vector<pollfd> slow_fds;       // their descriptors, and stop_event
 
   // Main thread only.
   pthread_t recv_thread = 0;    // 0 when not running
