@@ -336,6 +336,7 @@ TEST_F(Listener, ServesOthersAndStopsWhileItWaits) {
   start(3000, 1 << 17);
   const auto client = subscribed("door"), leaving = subscribed("door,leaving");
   std::thread script([] { forward("door", std::string(32 << 20, '.')); });  // more than a socket holds
+  ASSERT_TRUE(client->is_sent_to());
   const Stopwatch watch;
   leaving->leave();
   ASSERT_TRUE(standin::wait_for_line("delete client"));
