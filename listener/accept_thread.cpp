@@ -1,19 +1,20 @@
-// The accept thread: admits clients.
-#include <netinet/tcp.h>
+// The accept thread: admits clients, and when there are too many, decides who gives up his place.
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <unordered_map>
 
 #include "device/log.h"
 #include "listener/manager_listener.h"
-#include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/socket.h"
 
 namespace {
 
-constexpr int kWaitMs = 300;  // how long a pass lasts when nobody comes
+constexpr int kRetryPortMs = 1000;
+constexpr int kNoDescriptorMs = 300;  // before the next try when descriptors have run out
+constexpr int kNoPlaceMs = 10;        // before the next look whether a client that was given up has left
 constexpr int kDescriptorsForOthers = 320;
 
 // Whether the next accept is likely to fail as well, at once and for the same reason.
@@ -21,72 +22,119 @@ bool lasts(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EBADF;
 }
 
-void set_option(int fd, int level, int option, int value) {
-  setsockopt(fd, level, option, &value, sizeof(value));  // a client without it is served all the same
-}
-
-// Small packets leave at once, and a peer that is dead, or takes nothing for two minutes while data waits for it, is
-// hung up by the kernel.
-void set_client_options(int fd) {
-  set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
-  set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-  set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
-  set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 20);
-  set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
-}
-
 }  // namespace
 
 void ManagerListener::accept_loop() {
-  while (running) {
+  while (running && (server_fd > 0 || tries_left > 0)) {
     try {
-      accept_pass();
+      if (server_fd > 0) {
+        accept_pass();
+      } else {
+        listen_again();
+      }
     } catch (...) {
       elog(1, "mlistener: unknown error");
     }
   }
 }
 
+void ManagerListener::listen_again() {
+  if (!pause(kRetryPortMs)) return;
+  if (open_port()) {
+    elog(1, "mlistener: port %d is open now", port);
+  } else if (--tries_left == 0) {
+    elog(1, "mlistener: port %d is still in use: no client can connect until a restart", port);
+  }
+}
+
 void ManagerListener::accept_pass() {
-  sock_wait_readable(server_fd, kWaitMs);
+  pollfd wanted[] = {{server_fd, POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
+  poll(wanted, 2, -1);
+  if (!running) return;
   sockaddr_in from{};
   const int accepted = sock_accept(server_fd, &from, 1);
   if (accepted <= 0) {
-    if (accepted < 0 && lasts(errno)) usleep(kWaitMs * 1000);
+    if (accepted < 0 && lasts(errno)) pause(kNoDescriptorMs);
     return;
   }
   Descriptor fd(accepted);
-  const PeerText peer(from);
-  if (is_full()) return say_refused(peer);
-  set_client_options(fd.get());
+  if (!make_place(PeerText(from))) return;
   elog(2, "mlistener: new client : %d - tot:%d", fd.get(), g_accepted_total);
   ++g_accepted_total;
-  add_client(fd.get(), peer);
+  add_client(fd.get(), from);
   fd.release();
+  wake_receiver();
+}
+
+// False when there is none, or no time for it any more.
+bool ManagerListener::make_place(const PeerText& newcomer) {
+  for (;;) {
+    {
+      const MutexLock lock(mutex);
+      if (!is_full()) return true;
+      if (leaving < kLeavingMax) {
+        ListenerClient* const victim = find_victim();
+        if (victim != nullptr) {
+          give_up(*victim, newcomer);
+          return true;
+        }
+        if (const auto left_out = place_limit.allow()) {
+          elog(1, "mlistener: too many clients, %s is refused%s", newcomer.text, left_out->text);
+        }
+        return false;
+      }
+    }
+    if (!pause(kNoPlaceMs)) return false;
+  }
 }
 
 bool ManagerListener::is_full() {
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
-  const Locked held(mutex);
-  return clients.size() >= kClientMax || clients.size() + kDescriptorsForOthers >= descriptors.rlim_cur;
+  const size_t staying = clients.size() - leaving;
+  return staying >= kClientMax || staying + kDescriptorsForOthers >= descriptors.rlim_cur;
 }
 
-void ManagerListener::say_refused(const PeerText& peer) {
-  if (const auto left_out = refusal_limit.allow()) {
-    elog(1, "mlistener: too many clients, %s is refused%s", peer.text, left_out->text);
+// Of the address with most connections: the oldest one that has not subscribed, else the one that owes for longest. Null
+// when all of them read what they have asked for.
+ListenerClient* ManagerListener::find_victim() {
+  std::unordered_map<in_addr_t, size_t> connections_of;
+  size_t most = 0;
+  for (const auto& client : clients) {
+    if (!client->is_leaving) most = std::max(most, ++connections_of[client->address.sin_addr.s_addr]);
   }
+  ListenerClient* longest = nullptr;
+  for (const auto& client : clients) {
+    if (client->is_leaving || connections_of[client->address.sin_addr.s_addr] < most) continue;
+    if (!client->type_string) return client.get();
+    if (!client->output.owes()) continue;
+    if (longest == nullptr || client->output.owes_since() < longest->output.owes_since()) longest = client.get();
+  }
+  return longest;
 }
 
-void ManagerListener::add_client(int fd, const PeerText& peer) {
-  const Locked held(mutex);
+// The event_recv thread finds it hung up, and removes it.
+void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) {
+  if (const auto left_out = place_limit.allow()) {
+    elog(1, "mlistener: too many clients, client %d (%s) is closed for %s%s", victim.fd, PeerText(victim.address).text,
+         newcomer.text, left_out->text);
+  }
+  victim.is_leaving = true;
+  ++leaving;
+  victim.output.give_up();
+  shutdown(victim.fd, SHUT_RDWR);
+}
+
+void ManagerListener::add_client(int fd, const sockaddr_in& peer) {
+  const MutexLock lock(mutex);
   std::unique_ptr<ListenerClient> client;
   if (free_clients.empty()) {
-    client = std::make_unique<ListenerClient>();
+    client = std::make_unique<ListenerClient>(memory);
   } else {
     client = std::move(free_clients.back());
     free_clients.pop_back();
   }
   client->open(fd, peer);
+  client->position = clients.size();
   clients.push_back(std::move(client));
 }

@@ -1,57 +1,53 @@
 #include "listener/client_output.h"
 
-#include <sys/socket.h>
 #include <cerrno>
+
+#include "util/socket.h"
 
 namespace {
 
-constexpr size_t kReserved = ClientOutput::kGatherMax + 2048;  // a packet of the usual size fits behind a full row
+constexpr std::chrono::seconds kProbation{60};  // after a client has caught up
 
 }  // namespace
 
-ClientOutput::ClientOutput() {
-  bytes.reserve(kReserved);
-}
-
 void ClientOutput::reset() {
-  drop();
-  failing = false;
-  is_broken = false;
-  budget = {};
+  bytes.clear();
+  bytes.tidy();
+  owing = failing = is_broken = false;
   skipped = 0;
-}
-
-void ClientOutput::append(const char* packet, size_t size) {
-  if (sent > 0) {
-    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(sent));
-    sent = 0;
-  }
-  bytes.insert(bytes.end(), packet, packet + size);
+  trusted_from = {};
 }
 
 ClientOutput::Pushed ClientOutput::push(int fd) {
   if (empty()) return Pushed::ok;
-  ssize_t now_sent;
-  do {
-    now_sent = send(fd, bytes.data() + sent, waiting(), MSG_DONTWAIT);
-  } while (now_sent < 0 && errno == EINTR);
-  if (now_sent < 0 && errno == EAGAIN) return Pushed::ok;
-  if (now_sent < 0 && (errno == ENOBUFS || errno == ENOMEM)) {
+  const int sent = sock_send_ready(fd, bytes.data(), static_cast<int>(bytes.size()));
+  if (sent < 0 && (errno == ENOBUFS || errno == ENOMEM)) {
     const bool first = !failing;
-    owing = failing = true;
+    failing = true;
+    owe();
     return first ? Pushed::failed : Pushed::ok;
   }
-  if (now_sent < 0) {
-    drop();
-    is_broken = true;
+  if (sent < 0) {
+    give_up();
     return Pushed::broken;
   }
-  failing = false;
-  sent += static_cast<size_t>(now_sent);
-  if (!empty()) return Pushed::ok;
-  if (owing) budget.caught_up(Clock::now());
-  drop();
+  if (sent > 0) failing = false;
+  bytes.consume(static_cast<size_t>(sent));
+  if (!empty() || !owing) return Pushed::ok;
+  owing = false;
+  trusted_from = Clock::now() + kProbation;
   return Pushed::ok;
+}
+
+void ClientOutput::give_up() {
+  bytes.clear();
+  owing = false;
+  is_broken = true;
+}
+
+void ClientOutput::owe() {
+  if (!owing) owing_since = Clock::now();
+  owing = true;
 }
 
 bool ClientOutput::skip() {
@@ -64,13 +60,4 @@ int ClientOutput::take_row() {
   const int number = skipped;
   skipped = 0;
   return number;
-}
-
-void ClientOutput::drop() {
-  bytes.clear();
-  sent = 0;
-  owing = false;
-  if (bytes.capacity() <= kReserved) return;
-  bytes = std::vector<char>();  // a large packet went through: keep no more than before
-  bytes.reserve(kReserved);
 }

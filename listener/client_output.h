@@ -10,43 +10,52 @@
 
 #include <chrono>
 #include <cstddef>
-#include <vector>
 
-#include "listener/wait_budget.h"
+#include "listener/client_buffer.h"
 
 class ClientOutput {
  public:
-  using Clock = WaitBudget::Clock;
+  using Clock = std::chrono::steady_clock;
 
   static constexpr size_t kGatherMax = 64 * 1024;  // bytes that are gathered for one send
 
   enum class Pushed { ok, failed, broken };
 
-  ClientOutput();
+  // `memory` outlives it.
+  explicit ClientOutput(ClientMemory& memory) : bytes(memory) {}
 
   // Forgets everything about the connection, and keeps no more memory than a new record has.
   void reset();
 
-  bool empty() const { return sent == bytes.size(); }
-  size_t waiting() const { return bytes.size() - sent; }
+  bool empty() const { return bytes.empty(); }
+  size_t waiting() const { return bytes.size(); }
 
-  // Adds a packet behind what waits. Not while the client owes, nor to a broken connection.
-  void append(const char* packet, size_t size);
+  // Adds a packet behind what waits. Not while the client owes, nor to a broken connection. False when the memory for
+  // it is not granted: nothing has been added.
+  bool append(const char* packet, size_t size) { return bytes.append(packet, size); }
+
+  // Gives memory back when nothing waits.
+  void tidy() { bytes.tidy(); }
 
   // Sends as much of what waits as `fd` takes without waiting. `failed`: the system is short of something; nothing is
   // lost, the client owes what waits, and further failures are `ok` until something has gone out. `broken`: nothing can
   // be sent any more; what waited is dropped.
   Pushed push(int fd);
 
+  // Nothing is sent any more; what waits is dropped.
+  void give_up();
   bool broken() const { return is_broken; }
 
-  // Whether somebody may wait for this client at `now`, and that somebody has, for `duration`.
-  bool deserves_wait(Clock::time_point now) const { return budget.is_left(now); }
-  void waited(Clock::duration duration, Clock::time_point now) { budget.spend(duration, now); }
+  // Whether somebody may wait for this client at `now`: not within 60 s after it has caught up.
+  bool deserves_wait(Clock::time_point now) const { return now >= trusted_from; }
 
   // Nobody waits any longer for what still waits here: the client owes it until push has sent it.
-  void owe() { owing = true; }
+  void owe();
   bool owes() const { return owing; }
+  Clock::time_point owes_since() const { return owing_since; }
+
+  // Has bytes that leave as soon as somebody pushes: gathered, and not owed.
+  bool is_due() const { return !bytes.empty() && !owing; }
 
   // Counts an event that is not sent to this client. Returns true for the first one of a row.
   bool skip();
@@ -58,14 +67,12 @@ class ClientOutput {
   int take_row();
 
  private:
-  void drop();
-
-  std::vector<char> bytes;  // [sent, end) waits
-  size_t sent = 0;
+  ClientBuffer bytes;
   bool owing = false;
   bool failing = false;  // the last push failed
   bool is_broken = false;
-  WaitBudget budget;
   int skipped = 0;  // in the row that has not been told
+  Clock::time_point owing_since{};
+  Clock::time_point trusted_from{};
   Clock::time_point first_skip{};
 };

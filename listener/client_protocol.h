@@ -34,7 +34,7 @@ struct ClientPacket {
 };
 
 // Looks at the front of `held` bytes. Changes nothing.
-ClientPacket next_packet(const char* bytes, int held);
+ClientPacket next_packet(const char* bytes, size_t held);
 
 // Whether a client's type string asks for events of `type_name`: 1 yes, -1 no. The first occurrence of the name in the
 // string decides: it must stand at the start or right behind a comma; what follows it does not matter.

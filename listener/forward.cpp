@@ -2,7 +2,8 @@
 //
 // A send per event and client is what a burst spends its time with. So while the event queue has more at hand, packets
 // are gathered, and leave together with the last one of the row. A handler may run for long before the next event comes
-// round; what is held back until then, the event_recv thread sends.
+// round; what is held back until then, the event_recv thread sends. It comes round every 50 ms from the first packet that
+// is gathered until a second after the last one, so that a burst costs one wake-up and not one an event.
 #include <sys/socket.h>
 #include <algorithm>
 #include <cerrno>
@@ -12,120 +13,181 @@
 #include "device/log.h"
 #include "listener/client_protocol.h"
 #include "listener/manager_listener.h"
-#include "util/clock.h"
 
 namespace {
 
-using Clock = ClientOutput::Clock;
-
-constexpr int kWaitSliceMs = 50;  // how late a wait notices that the listener is stopping
+// A socket with little room is not writable to poll, and may yet take the rest: it is tried at least so often.
+constexpr std::chrono::milliseconds kWaitSlice{50};
 
 bool more_events_wait(const event_item& event) {
   return event.type != EVENT_TYPE_QUIT && event_pending != nullptr && event_pending() > 0;
-}
-
-// Sends what waits for the client, as far as its socket takes it.
-void push(ListenerClient& client) {
-  const ClientOutput::Pushed pushed = client.output.push(client.fd);
-  if (pushed == ClientOutput::Pushed::ok) return;
-  elog(1, "mlistener: failed to send data");
-  // A part of a packet may have gone out. The peer is gone anyway; the event_recv thread will find it hung up.
-  if (pushed == ClientOutput::Pushed::broken) shutdown(client.fd, SHUT_RDWR);
 }
 
 }  // namespace
 
 void ManagerListener::forward_event(const event_item* event) {
   try {
-    const Locked held(mutex);
+    const MutexLock lock(mutex);
     if (clients.empty()) return;
+    slow.clear();
     const bool more = more_events_wait(*event);
+    if (more) note_burst();
+    const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
-    const uint64_t bit = bit_of(event->type_name, held);
-    unfinished.clear();
-    for (const std::unique_ptr<ListenerClient>& client : clients) {
-      if (client->subscription.asks_for(event->type_name, bit)) {
-        deliver(*client, packet, more, held);
-      } else if (!more && !client->output.empty()) {
-        send_now(*client, held);  // gathered from the events before
+    for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
+      uint64_t concerned = asking.words[i] | (more ? 0 : gathered.words[i]);
+      while (concerned != 0) {
+        const size_t bit = take_lowest(concerned);
+        ListenerClient& client = *clients[i * ClientSet::kWordBits + bit];
+        if ((asking.words[i] >> bit & 1) != 0) {
+          deliver(client, packet, more);
+        } else {
+          send_now(client);  // gathered from the events before
+        }
+        gathered.put(i * ClientSet::kWordBits + bit, client.output.is_due());
       }
     }
-    if (!unfinished.empty()) wait_for_unfinished(held);
+    if (!slow.empty()) wait_for_slow();
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
   }
 }
 
-uint64_t ManagerListener::bit_of(const char* type_name, const Locked&) {
-  const TypeTable::Entry type = types.find(type_name);
-  if (type.fresh) {
-    for (const std::unique_ptr<ListenerClient>& client : clients) client->subscription.forget(type.bit);
-  }
-  return type.bit;
+// From the first packet that may be gathered on, the event_recv thread comes round.
+void ManagerListener::note_burst() {
+  was_gathered = true;
+  if (is_burst) return;
+  is_burst = true;
+  wake_receiver();
 }
 
-void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more, const Locked& held) {
+void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more) {
   ClientOutput& output = client.output;
   if (output.owes() || output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
   if (output.broken()) return;
   if (output.owes()) return skip(client);
-  output.append(packet.data(), packet.size());
-  if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client, held);
+  if (!output.append(packet.data(), packet.size())) {  // no memory: what it has leaves first
+    push(client);
+    if (!output.empty()) owe(client);
+    if (output.broken()) return;
+    if (output.owes() || !output.append(packet.data(), packet.size())) return skip(client);
+  }
+  if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
+}
+
+
+void ManagerListener::send_now(ListenerClient& client) {
+  push(client);
+  if (client.output.is_due()) slow.push_back(&client);
+}
+
+// Sends what waits for the client, as far as its socket takes it.
+void ManagerListener::push(ListenerClient& client) {
+  ClientOutput& output = client.output;
+  const ClientOutput::Pushed pushed = output.push(client.fd);
+  if (!is_burst) output.tidy();
+  if (output.row_over() && !has_untold) {
+    has_untold = true;
+    wake_receiver();
+  }
+  if (pushed == ClientOutput::Pushed::ok) return;
+  elog(1, "mlistener: failed to send data");
+  if (pushed == ClientOutput::Pushed::failed) return wake_receiver();
+  shutdown(client.fd, SHUT_RDWR);  // a part of a packet may have gone out; the event_recv thread will find it hung up
+}
+
+// Nobody waits for the client any longer; the event_recv thread sends the rest when there is room.
+void ManagerListener::owe(ListenerClient& client) {
+  client.output.owe();
+  wake_receiver();
 }
 
 void ManagerListener::skip(ListenerClient& client) {
   if (!client.output.skip()) return;
-  if (const auto left_out = skip_limit.allow()) {
-    elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd, client.address.text,
-         left_out->text);
+  if (client.output.owes()) {
+    if (const auto left_out = skip_limit.allow()) {
+      elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd,
+           PeerText(client.address).text, left_out->text);
+    }
+    return;
   }
-}
-
-void ManagerListener::send_now(ListenerClient& client, const Locked&) {
-  push(client);
-  if (!client.output.empty() && !client.output.owes()) unfinished.push_back(&client);
+  has_untold = true;
+  wake_receiver();
+  if (const auto left_out = memory_limit.allow()) {
+    elog(1, "mlistener: the clients hold all of listener_memory, an event for client %d (%s) is skipped%s", client.fd,
+         PeerText(client.address).text, left_out->text);
+  }
 }
 
 // Waits for all the slow ones at once: those that read are through after a moment, however many others have stalled,
-// and those that have stalled cost the loop one wait together.
-void ManagerListener::wait_for_unfinished(const Locked&) {
-  Clock::time_point now = Clock::now();
-  const auto is_settled = [&now](ListenerClient* client) {
-    ClientOutput& output = client->output;
-    if (!output.empty() && !output.deserves_wait(now)) output.owe();
-    return output.empty() || output.owes();
-  };
-  for (;;) {
-    unfinished.erase(std::remove_if(unfinished.begin(), unfinished.end(), is_settled), unfinished.end());
-    if (unfinished.empty() || !running) break;
-    unfinished_fds.clear();
-    for (const ListenerClient* client : unfinished) unfinished_fds.push_back({client->fd, POLLOUT, 0});
-    const int ready = poll(unfinished_fds.data(), unfinished_fds.size(), kWaitSliceMs);
-    if (ready < 0 && errno != EINTR) break;
-    for (size_t i = 0; i < unfinished.size(); ++i) {
-      // A socket with little room is not writable to poll, and may yet take the rest.
-      if (ready == 0 || unfinished_fds[i].revents != 0) push(*unfinished[i]);
-    }
+// and those that have stalled cost the loop one wait together. Without the lock: meanwhile clients come, subscribe and
+// go, and the event_recv thread sends as well.
+void ManagerListener::wait_for_slow() {
+  const Clock::time_point start = Clock::now();
+  for (Clock::time_point now = start;;) {
+    const Clock::duration longest = settle(start, now);
+    if (slow.empty()) return;
+    slow_fds.clear();
+    for (const ListenerClient* client : slow) slow_fds.push_back({client->fd, POLLOUT, 0});
+    slow_fds.push_back({stop_event.get(), POLLIN, 0});
+    const auto slice = std::chrono::ceil<std::chrono::milliseconds>(std::min<Clock::duration>(longest, kWaitSlice));
+    mutex.unlock();
+    const int ready = poll(slow_fds.data(), slow_fds.size(), static_cast<int>(slice.count()));
+    mutex.lock();
     const Clock::time_point before = now;
     now = Clock::now();
-    for (ListenerClient* client : unfinished) client->output.waited(now - before, now);
+    charge(before, now);
+    for (size_t i = 0; i < slow.size(); ++i) {
+      if (ready == 0 || slow_fds[i].revents != 0) push(*slow[i]);
+    }
   }
-  for (ListenerClient* client : unfinished) client->output.owe();
 }
 
-void ManagerListener::send_waiting(const Locked&) {
-  ListenerClient* again = nullptr;  // whose row is the oldest: in the end each has its turn
+// Forgets the slow clients that have got all or have gone, and those that nobody waits for any longer at `now`. Returns
+// how long the others may be waited for.
+ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start, Clock::time_point now) {
+  Clock::duration longest = longest_wait - (now - start);
+  size_t kept = 0;
+  for (ListenerClient* const client : slow) {
+    if (!client->output.is_due()) continue;
+    const WaitBudget& budget = client->is_known(now) ? known_wait : strangers_wait;
+    const Clock::duration left = std::min(budget.left(now), longest_wait - (now - start));
+    if (!running || left <= Clock::duration::zero() || !client->output.deserves_wait(now)) {
+      owe(*client);
+      continue;
+    }
+    longest = std::min(longest, left);
+    slow[kept++] = client;
+  }
+  slow.resize(kept);
+  return longest;
+}
+
+// The wait from `before` to `now` was for those that are slow.
+void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
+  bool strangers = false, known = false;
+  for (const ListenerClient* client : slow) (client->is_known(before) ? known : strangers) = true;
+  if (strangers) strangers_wait.spend(now - before, now);
+  if (known) known_wait.spend(now - before, now);
+}
+
+// Sends what clients owe and, if `also_gathered`, what is gathered. Tells of a row of skipped events that is over, of the
+// oldest one: in the end each has its turn.
+void ManagerListener::send_waiting(bool also_gathered) {
+  ListenerClient* again = nullptr;
+  int rows = 0;
   for (const std::unique_ptr<ListenerClient>& client : clients) {
-    push(*client);
-    if (!client->output.row_over()) continue;
-    if (again == nullptr || client->output.row_start() < again->output.row_start()) again = client.get();
+    ClientOutput& output = client->output;
+    if (output.owes() || also_gathered) push(*client);
+    if (!output.row_over()) continue;
+    ++rows;
+    if (again == nullptr || output.row_start() < again->output.row_start()) again = client.get();
   }
-  if (again != nullptr) say_reads_again(*again);
-}
-
-// A row that cannot be told yet is told by a later pass, with what has been skipped until then: no event is left out.
-void ManagerListener::say_reads_again(ListenerClient& client) {
-  if (!again_limit.allow()) return;
-  elog(1, "mlistener: client %d (%s) reads again, %d events skipped", client.fd, client.address.text,
-       client.output.take_row());
+  // What cannot be told yet is told later, with what has been skipped until then: no event is left out.
+  if (again != nullptr && again_limit.allow()) {
+    --rows;
+    elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->address).text,
+         again->output.take_row());
+  }
+  has_untold = rows > 0;
 }

@@ -2,15 +2,9 @@
 
 #include <arpa/inet.h>
 #include <cstdio>
-#include <cstring>
+#include <utility>
 
 #include "util/socket.h"
-
-namespace {
-
-constexpr int kFirstCapacity = 1024;  // bytes
-
-}  // namespace
 
 PeerText::PeerText(const sockaddr_in& peer) {
   char host[INET_ADDRSTRLEN] = "?";
@@ -18,33 +12,24 @@ PeerText::PeerText(const sockaddr_in& peer) {
   snprintf(text, sizeof(text), "%s:%d", host, ntohs(peer.sin_port));
 }
 
-ListenerClient::ListenerClient() : recv_buf(new char[kFirstCapacity]), recv_cap(kFirstCapacity) {}
-
-void ListenerClient::open(int new_fd, const PeerText& peer) {
-  recv_len = 0;
+void ListenerClient::open(int new_fd, const sockaddr_in& peer) {
+  read_tick = -1;
+  is_held_off = is_leaving = false;
   address = peer;
+  since = Clock::now();
   fd = new_fd;
 }
 
 void ListenerClient::close() {
   if (fd > 0) sock_close(fd);
   fd = 0;
-  std::unique_ptr<char[]> none;
-  subscription.swap(none);
+  recv_buf.clear();
+  recv_buf.tidy();
+  set_type_string({});
   output.reset();
 }
 
-void ListenerClient::make_room(int size) {
-  int wanted = recv_cap;
-  while (wanted < recv_len + size) wanted *= 2;
-  if (wanted == recv_cap) return;
-  std::unique_ptr<char[]> larger(new char[static_cast<size_t>(wanted)]);
-  memcpy(larger.get(), recv_buf.get(), static_cast<size_t>(recv_len));
-  recv_buf = std::move(larger);
-  recv_cap = wanted;
-}
-
-void ListenerClient::consume(int size) {
-  recv_len -= size;
-  memmove(recv_buf.get(), recv_buf.get() + size, static_cast<size_t>(recv_len));
+void ListenerClient::set_type_string(std::optional<std::string> text) {
+  memory.replace(type_string ? type_string->capacity() : 0, text ? text->capacity() : 0);
+  type_string = std::move(text);
 }

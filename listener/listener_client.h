@@ -3,42 +3,58 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <memory>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
 
+#include "listener/client_buffer.h"
 #include "listener/client_output.h"
-#include "listener/subscription.h"
 
 // The address of a client, for log lines: "a.b.c.d:port".
 struct PeerText {
-  explicit PeerText(const sockaddr_in& peer = {});
+  explicit PeerText(const sockaddr_in& peer);
   char text[24];
 };
 
-struct ListenerClient {
-  ListenerClient();
+class ListenerClient {
+ public:
+  using Clock = std::chrono::steady_clock;
 
-  // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`.
-  void open(int new_fd, const PeerText& peer);
+  // `account` outlives the record.
+  explicit ListenerClient(ClientMemory& account) : recv_buf(account), output(account), memory(account) {}
+  ListenerClient(const ListenerClient&) = delete;
+  ListenerClient& operator=(const ListenerClient&) = delete;
+  ~ListenerClient() { set_type_string({}); }
 
-  // Ends the connection. The rest of the record stays for the next open, without the memory that large packets took.
+  // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`. Accept thread.
+  void open(int new_fd, const sockaddr_in& peer);
+
+  // Ends the connection and gives back what it held. The event_recv thread, or the main thread once that has ended.
   void close();
 
-  // Makes room for `size` more bytes behind the held ones.
-  void make_room(int size);
+  // What the client asks for from now on; empty: nothing yet. The listener's cache must forget what it knew.
+  void set_type_string(std::optional<std::string> text);
 
-  // Takes `size` bytes away from the front of the held ones.
-  void consume(int size);
+  // Whether the client has been connected for a minute: strangers are waited for at their own expense.
+  bool is_known(Clock::time_point now) const { return now - since >= std::chrono::seconds(60); }
 
-  // The event_recv thread's, while the client is connected: what it has sent and the daemon has not consumed.
-  std::unique_ptr<char[]> recv_buf;
-  int recv_len = 0;
-  int recv_cap;
+  // The event_recv thread's, while the client is connected.
+  ClientBuffer recv_buf;     // what it has sent and the daemon has not consumed
+  int64_t read_tick = -1;    // when it was read last
+  bool is_held_off = false;  // there was no memory to read more
 
   // Under the listener's lock.
-  int fd = 0;  // 0 once closed
-  Subscription subscription;
+  int fd = 0;               // 0 once closed
+  size_t position = 0;      // in the list of clients
+  bool is_leaving = false;  // given up for another one; the event_recv thread will remove it
   ClientOutput output;
+  std::optional<std::string> type_string;  // set by set_type_string alone
 
   // Set by open, constant while connected.
-  PeerText address;
+  sockaddr_in address{};
+  Clock::time_point since{};
+
+ private:
+  ClientMemory& memory;
 };

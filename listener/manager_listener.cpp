@@ -1,12 +1,12 @@
 #include "listener/manager_listener.h"
 
-#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <cerrno>
 
-#include "device/settings.h"
 #include "device/log.h"
-#include "listener/client_protocol.h"
+#include "device/settings.h"
 #include "util/service_thread.h"
 #include "util/socket.h"
 
@@ -22,14 +22,45 @@ int bound_port(int fd) {
   return ntohs(address.sin_port);
 }
 
+Descriptor new_event() {
+  return Descriptor(above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+}
+
+void set_option(int fd, int level, int option, int value) {
+  setsockopt(fd, level, option, &value, sizeof(value));  // clients without it are served all the same
+}
+
+// What clients' connections inherit: small packets leave at once, and a peer that is dead, or takes nothing for two
+// minutes while data waits for it, is hung up by the kernel.
+void set_client_options(int fd) {
+  set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+  set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 20);
+  set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
+}
+
+template <void (ManagerListener::*loop)()>
+void* thread_body(void* self) {
+  (static_cast<ManagerListener*>(self)->*loop)();
+  return nullptr;
+}
+
 }  // namespace
 
-ManagerListener::ManagerListener() : port(SettingsFile().number(settings::listener_port)) {
+ManagerListener::ManagerListener() : ManagerListener(SettingsFile()) {}
+
+ManagerListener::ManagerListener(SettingsFile&& file)
+    : port(file.number(settings::listener_port)),
+      longest_wait(file.number(settings::listener_wait_ms)),
+      memory(static_cast<size_t>(file.number(settings::listener_memory)) * 1024),
+      strangers_wait(longest_wait),
+      known_wait(longest_wait) {
   // Room for all that there can ever be: moving a record from list to list never fails.
-  clients.reserve(kClientMax);
-  free_clients.reserve(kClientMax);
-  unfinished.reserve(kClientMax);
-  unfinished_fds.reserve(kClientMax);
+  clients.reserve(kPositionMax);
+  free_clients.reserve(kPositionMax);
+  slow.reserve(kPositionMax);
+  slow_fds.reserve(kPositionMax + 1);
   g_listener = this;
 }
 
@@ -41,33 +72,37 @@ ManagerListener::~ManagerListener() {
 int ManagerListener::start() {
   elog(2, "mlistener: ManagerListener start...");
   elog(2, "mlistener: Listener listen port : %d", port);
-  const int listening = sock_listen_tcp(port);
-  if (listening < 1) {
-    elog(1, "mlistener: Failed to create server socket(errno:%d)", errno);
-    return -1;
+  stop_event = new_event();
+  if (stop_event.get() >= 0) receive_event = new_event();
+  const bool is_open = receive_event.get() >= 0 && open_port();
+  if (!is_open) {
+    const int error = errno;
+    elog(1, "mlistener: Failed to create server socket(errno:%d)", error);
+    if (error != EADDRINUSE) return -1;
+    elog(1, "mlistener: port %d is in use, trying again for a minute", port);
   }
-  server_fd = listening;
-  if (port == 0) elog(2, "mlistener: listening on port %d", bound_port(server_fd));
-
-  const auto receive_body = [](void* self) -> void* {
-    static_cast<ManagerListener*>(self)->receive_loop();
-    return nullptr;
-  };
-  const auto accept_body = [](void* self) -> void* {
-    static_cast<ManagerListener*>(self)->accept_loop();
-    return nullptr;
-  };
   running = true;
-  if (start_service_thread(&recv_thread, receive_body, this) != 0) {
+  if (start_service_thread(&recv_thread, thread_body<&ManagerListener::receive_loop>, this) != 0) {
     elog(1, "mlistener: failed to run event_recv thread");
-  } else if (start_service_thread(&accept_thread, accept_body, this) != 0) {
+  } else if (start_service_thread(&accept_thread, thread_body<&ManagerListener::accept_loop>, this) != 0) {
     elog(1, "mlistener: failed to run accept thread");
   }
-  return 1;
+  return is_open ? 1 : -1;
+}
+
+// False with errno when it cannot be had.
+bool ManagerListener::open_port() {
+  const int listening = sock_listen_tcp(port);
+  if (listening < 1) return false;
+  set_client_options(listening);
+  server_fd = listening;
+  if (port == 0) elog(2, "mlistener: listening on port %d", bound_port(server_fd));
+  return true;
 }
 
 void ManagerListener::stop() {
   running = false;
+  if (stop_event.get() >= 0) eventfd_write(stop_event.get(), 1);
   for (pthread_t* thread : {&accept_thread, &recv_thread}) {
     if (*thread != 0) pthread_join(*thread, nullptr);
     *thread = 0;
@@ -75,11 +110,22 @@ void ManagerListener::stop() {
   if (server_fd > 0) sock_close(server_fd);
   server_fd = 0;
 
-  const Locked held(mutex);  // the script thread may still be forwarding an event
-  send_waiting(held);
+  const MutexLock lock(mutex);  // the script thread may still be forwarding an event
+  send_waiting(true);
+  for (size_t i = clients.size(); i > 0; --i) subscriptions.remove(i - 1);
   for (std::unique_ptr<ListenerClient>& client : clients) {
     client->close();
     free_clients.push_back(std::move(client));
   }
   clients.clear();
+}
+
+// Waits until the stop or for so long. Whether the listener still runs. Any thread of the listener.
+bool ManagerListener::pause(int milliseconds) const {
+  sock_wait_readable(stop_event.get(), milliseconds);
+  return running;
+}
+
+void ManagerListener::wake_receiver() const {
+  eventfd_write(receive_event.get(), 1);
 }

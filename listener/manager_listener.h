@@ -3,100 +3,144 @@
 //
 // Three threads meet here. The accept thread (accept_thread.cpp) adds clients; the event_recv thread
 // (receive_thread.cpp) reads what they send, removes those that have gone, and sends what a running handler holds back;
-// the script thread forwards events (forward.cpp). While they run, only the event_recv thread closes a client's
-// descriptor: it polls numbers, and a number that is closed elsewhere could be another client's by the time it reads.
+// the script thread forwards events (forward.cpp). All of them sleep on descriptors; at rest none wakes.
+//
+// Nobody holds the lock while he waits. So a record that the script thread waits for may serve another client afterwards;
+// then nothing is due to it, since only the script thread adds to what waits. While the threads run, only the event_recv
+// thread closes a client's descriptor: it polls numbers, and a number that is closed elsewhere could be another client's
+// by the time it reads.
 #pragma once
 
 #include <poll.h>
 #include <pthread.h>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "listener/client_set.h"
 #include "listener/listener_client.h"
-#include "listener/lock.h"
-#include "listener/type_table.h"
+#include "listener/subscription_cache.h"
+#include "listener/wait_budget.h"
+#include "util/descriptor.h"
+#include "util/mutex.h"
 #include "util/rate_limit.h"
 
 struct event_item;
 class EventPacket;
+class SettingsFile;
 
 class ManagerListener {
  public:
-  // Reads "listener_port". Throws except_conf when the store file cannot be opened.
+  // Reads "listener_port", "listener_wait_ms" and "listener_memory". Throws except_conf when the store file cannot be
+  // opened. Main thread.
   ManagerListener();
 
-  // Stops the threads and closes every connection. The script thread must have ended.
+  // Stops the threads and closes every connection. The script thread must have ended. Main thread.
   ~ManagerListener();
 
   ManagerListener(const ManagerListener&) = delete;
   ManagerListener& operator=(const ManagerListener&) = delete;
 
   // Opens the port and starts the two threads. Returns 1 (a thread that cannot be started is only logged), or -1 when
-  // the port cannot be opened; both are logged here. Main thread.
+  // the port cannot be opened; both are logged here. A port that is in use is tried again for a minute, by the accept
+  // thread. Main thread, once.
   int start();
 
-  // Ends the threads, sends what was held back and takes no wait for it, closes every connection: within 3.5 s, also
-  // while the script thread is forwarding. May be called again, and without start. Main thread.
+  // Ends the threads and the waits of the script thread at once, sends what was held back as far as the clients take it,
+  // closes every connection. May be called again, and without start. Main thread.
   void stop();
 
   // Sends `event` to every client that has subscribed to its type name; while the event queue has more, it may be held
-  // back for the event_recv thread's pass of at most some 350 ms. Waits for clients that are slow in taking it, all of
-  // them at once, and for each of them 3000 ms a minute at most. Failures are logged. Script thread.
+  // back for 50 ms. Waits for clients that are slow in taking it, all of them at once and without the lock, as long as
+  // the budgets allow. Failures are logged. Script thread.
   void forward_event(const event_item* event);
 
  private:
-  static constexpr int kClientMax = 1000;
+  using Clock = ClientOutput::Clock;
 
   struct PollSet;  // the event_recv thread's working arrays
 
+  explicit ManagerListener(SettingsFile&& file);
+
+  // manager_listener.cpp
+  bool open_port();
+  bool pause(int milliseconds) const;
+  void wake_receiver() const;
+
   // accept_thread.cpp
   void accept_loop();
+  void listen_again();
   void accept_pass();
-  bool is_full();
-  void say_refused(const PeerText& peer);
-  void add_client(int fd, const PeerText& peer);
+  bool make_place(const PeerText& newcomer);
+  bool is_full() REQUIRES(mutex);
+  ListenerClient* find_victim() REQUIRES(mutex);
+  void give_up(ListenerClient& victim, const PeerText& newcomer) REQUIRES(mutex);
+  void add_client(int fd, const sockaddr_in& peer);
 
   // receive_thread.cpp
   void receive_loop();
   void receive_pass(PollSet& set);
-  bool receive(ListenerClient& client, int fd);
+  int prepare(PollSet& set);
+  void end_burst() REQUIRES(mutex);
+  bool receive(ListenerClient& client, int fd, int64_t tick);
   void take_packets(ListenerClient& client);
   void set_type_string(ListenerClient& client, const char* text);
   void remove_client(ListenerClient& client);
 
   // forward.cpp
-  uint64_t bit_of(const char* type_name, const Locked& held);
-  void deliver(ListenerClient& client, const EventPacket& packet, bool more, const Locked& held);
-  void send_now(ListenerClient& client, const Locked& held);
-  void wait_for_unfinished(const Locked& held);
-  void skip(ListenerClient& client);
-  void send_waiting(const Locked& held);
-  void say_reads_again(ListenerClient& client);
+  void deliver(ListenerClient& client, const EventPacket& packet, bool more) REQUIRES(mutex);
+  void skip(ListenerClient& client) REQUIRES(mutex);
+  void send_now(ListenerClient& client) REQUIRES(mutex);
+  void push(ListenerClient& client) REQUIRES(mutex);
+  void owe(ListenerClient& client) REQUIRES(mutex);
+  void note_burst() REQUIRES(mutex);
+  void wait_for_slow() REQUIRES(mutex);
+  Clock::duration settle(Clock::time_point start, Clock::time_point now) REQUIRES(mutex);
+  void charge(Clock::time_point before, Clock::time_point now) REQUIRES(mutex);
+  void send_waiting(bool also_gathered) REQUIRES(mutex);
 
-  // Under mutex.
-  ListenerMutex mutex;
-  std::vector<std::unique_ptr<ListenerClient>> clients;       // in the order in which they were accepted
-  std::vector<std::unique_ptr<ListenerClient>> free_clients;  // a stack
-  std::vector<ListenerClient*> unfinished;                    // forward_event's: sends that came back short,
-  std::vector<pollfd> unfinished_fds;                         // and their descriptors
-  TypeTable types;                                            // forward_event's
-  RateLimit skip_limit;                                       // the "stopped reading" lines'
-  RateLimit again_limit;                                      // the "reads again" lines'
+  // Set by the constructor.
+  const int port;
+  const std::chrono::milliseconds longest_wait;
+  ClientMemory memory;
+
+  Mutex mutex;
+  ClientList clients GUARDED_BY(mutex);       // in the order in which they were accepted
+  ClientList free_clients GUARDED_BY(mutex);  // a stack
+  size_t leaving GUARDED_BY(mutex) = 0;       // clients that have been given up and not yet removed
+  SubscriptionCache subscriptions GUARDED_BY(mutex);
+  ClientSet gathered GUARDED_BY(mutex);          // who may have output that nobody owes; a bit too many does no harm
+  bool is_burst GUARDED_BY(mutex) = false;       // the event_recv thread comes round to send what is gathered
+  bool was_gathered GUARDED_BY(mutex) = false;   // since it did so last
+  bool has_untold GUARDED_BY(mutex) = false;     // "reads again" lines that had to wait
+  WaitBudget strangers_wait GUARDED_BY(mutex);   // of clients younger than a minute
+  WaitBudget known_wait GUARDED_BY(mutex);       // of the others
+  RateLimit skip_limit GUARDED_BY(mutex);        // the "stopped reading" lines'
+  RateLimit memory_limit GUARDED_BY(mutex);      // the lines' about memory
+  RateLimit again_limit GUARDED_BY(mutex);       // the "reads again" lines'
+  RateLimit place_limit GUARDED_BY(mutex);       // the "too many clients" lines'
+
+  // The script thread's, during a wait.
+  std::vector<ListenerClient*> slow;  // clients that did not take all at once,
+  std::vector<pollfd> slow_fds;       // their descriptors, and stop_event
 
   // Main thread only.
   pthread_t recv_thread = 0;    // 0 when not running
   pthread_t accept_thread = 0;  // likewise
 
-  // Set while no thread runs, constant while they do.
-  int port;
-  int server_fd = 0;  // 0 when none
+  // Set by start. Event descriptors: the first one is readable from the stop on, the second one when the event_recv
+  // thread has something to look at.
+  Descriptor stop_event;
+  Descriptor receive_event;
+
+  // The accept thread's while it runs, else the main thread's.
+  int server_fd = 0;   // 0 when none
+  int tries_left = 60;  // to open the port, one a second
 
   // The main thread writes, the others read.
   std::atomic<bool> running{false};
-
-  // Accept thread only.
-  RateLimit refusal_limit;
 };
 
 // The one listener, or null: set by its constructor, cleared first in its destructor. Main thread writes; the script

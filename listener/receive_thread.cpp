@@ -1,42 +1,48 @@
-// The event_recv thread: reads from the clients, takes their subscriptions, and removes those that have gone.
+// The event_recv thread: reads from the clients, takes their subscriptions, removes those that have gone, and sends what
+// the script thread holds back or slow clients owe.
+//
+// It sleeps until one of them has something for it. A quiet client's bytes are read at once; one that has just been read
+// waits for the next tick, all of them for the same one, and passes that clients cause come to one a tick. So busy
+// clients get a piece each a tick, and cannot make the thread do more than that, however many they are.
+#include <malloc.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <algorithm>
-#include <cstring>
 
 #include "device/log.h"
 #include "listener/client_protocol.h"
 #include "listener/manager_listener.h"
+#include "util/clock.h"
 
 namespace {
 
-constexpr int kPauseUs = 50 * 1000;  // caps what busy clients can make this thread do
-constexpr int kPollMs = 300;
-constexpr int kPieceSize = 512;  // bytes read from a client in a pass
-constexpr size_t kFirstRoom = 100;
+constexpr int kTickMs = 50;
+constexpr int kPassesSaved = 20;   // passes in a row after a silence
+constexpr int kUntoldMs = 1000;    // before a line that could not be written is tried again
+constexpr int kQuietTicks = 20;    // after which a burst is over
+constexpr size_t kPieceSize = 512;  // bytes read from a client in a pass
 
 }  // namespace
 
 // What a pass looks at, taken under the lock and used without: records are never freed, and descriptors are closed by
 // this thread alone.
 struct ManagerListener::PollSet {
-  PollSet() {
-    entries.reserve(kFirstRoom);
-    records.reserve(kFirstRoom);
+  std::vector<pollfd> entries;           // the stop, the event of this thread, the clients
+  std::vector<ListenerClient*> records;  // the clients of the third entry on
+  int64_t tick = 0;                      // of this pass
+  int64_t sent_tick = 0;                 // at which gathered output was sent last
+  int quiet_ticks = 0;                   // without anything gathered
+  bool has_ended_burst = false;          // just now
+  int64_t paid_until_ms = 0;             // by when a pass a tick comes to what has been done
+
+  // Milliseconds to wait before the next pass.
+  int pay() {
+    const int64_t now = steady_ms();
+    paid_until_ms = std::max(paid_until_ms, now - kPassesSaved * kTickMs) + kTickMs;
+    return static_cast<int>(std::max<int64_t>(paid_until_ms - now, 0));
   }
 
-  void fill(const std::vector<std::unique_ptr<ListenerClient>>& all, const Locked&) {
-    entries.clear();
-    records.clear();
-    for (const std::unique_ptr<ListenerClient>& client : all) {
-      const int events = client->output.empty() ? POLLIN : POLLIN | POLLOUT;  // room for the rest ends the poll early
-      entries.push_back({client->fd, static_cast<short>(events), 0});
-      records.push_back(client.get());
-    }
-  }
-
-  std::vector<pollfd> entries;
-  std::vector<ListenerClient*> records;  // the entries' clients
+  void add(int fd, int events) { entries.push_back({fd, static_cast<short>(events), 0}); }
 };
 
 void ManagerListener::receive_loop() {
@@ -46,80 +52,129 @@ void ManagerListener::receive_loop() {
       receive_pass(set);
     } catch (...) {
       elog(1, "mlistener: unknown error");
+      pause(kTickMs);
     }
   }
 }
 
 void ManagerListener::receive_pass(PollSet& set) {
-  usleep(kPauseUs);
-  {
-    const Locked held(mutex);
-    if (clients.empty()) return;
-    send_waiting(held);
-    set.fill(clients, held);
-  }
-  const int ready = poll(set.entries.data(), set.entries.size(), kPollMs);
+  const int timeout_ms = prepare(set);
+  if (set.has_ended_burst) malloc_trim(0);
+  const int ready = poll(set.entries.data(), set.entries.size(), timeout_ms);
+  if (ready == 0 || !running) return;
   if (ready < 0) elog(1, "mlistener: poll function failed");
-  if (ready <= 0) return;
-  for (size_t i = 0; i < set.entries.size(); ++i) {
-    const pollfd& entry = set.entries[i];
+  eventfd_t ignored;
+  if (ready > 0 && set.entries[1].revents != 0) eventfd_read(receive_event.get(), &ignored);
+  for (size_t i = 0; ready > 0 && i < set.records.size(); ++i) {
+    const pollfd& entry = set.entries[i + 2];
     ListenerClient& client = *set.records[i];
-    const bool closed = (entry.revents & POLLIN) != 0 && !receive(client, entry.fd);
+    const bool closed = (entry.revents & POLLIN) != 0 && !receive(client, entry.fd, set.tick);
     if ((entry.revents & POLLERR) != 0) elog(1, "mlistener: poll err");
-    if (closed || (entry.revents & POLLHUP) != 0) remove_client(client);
+    if (closed || (entry.revents & (POLLHUP | POLLRDHUP)) != 0) remove_client(client);
+  }
+  if (const int wait_ms = set.pay()) pause(wait_ms);
+}
+
+// Sends what is due, fills the set, and returns how long the pass may sleep, as poll takes it.
+int ManagerListener::prepare(PollSet& set) {
+  const int64_t now = steady_ms();
+  set.tick = now / kTickMs;
+  const MutexLock lock(mutex);
+  const bool is_round = is_burst && set.tick != set.sent_tick;
+  send_waiting(is_round);
+  if (is_round) {
+    set.sent_tick = set.tick;
+    set.quiet_ticks = was_gathered ? 0 : set.quiet_ticks + 1;
+    was_gathered = false;
+    if (set.quiet_ticks > kQuietTicks) end_burst();
+  }
+  set.has_ended_burst = is_round && !is_burst;
+
+  set.entries.clear();
+  set.records.clear();
+  set.add(stop_event.get(), POLLIN);
+  set.add(receive_event.get(), POLLIN);
+  bool needs_tick = is_burst;
+  for (const auto& client : clients) {
+    const bool was_read = client->read_tick == set.tick;
+    needs_tick = needs_tick || was_read;
+    int events = was_read ? 0 : POLLIN;
+    if (client->is_held_off) events |= POLLRDHUP;  // the end would be found behind what is not read
+    if (client->output.owes()) events |= POLLOUT;
+    set.add(client->fd, events);
+    set.records.push_back(client.get());
+  }
+  if (needs_tick) return static_cast<int>((set.tick + 1) * kTickMs - now);
+  return has_untold ? kUntoldMs : -1;
+}
+
+// Nothing has been gathered for a while: this thread need not come round, and what the burst has taken goes back.
+void ManagerListener::end_burst() {
+  is_burst = false;
+  for (const auto& client : clients) {
+    is_burst = is_burst || client->output.is_due();  // a handler runs on, and the client does not read
+    client->output.tidy();
   }
 }
 
 // Returns false when the peer has closed its end.
-bool ManagerListener::receive(ListenerClient& client, int fd) {
-  client.make_room(kPieceSize);
+bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
+  client.read_tick = tick;
+  client.is_held_off = !client.recv_buf.reserve(kPieceSize);
+  if (client.is_held_off) return true;
+  char piece[kPieceSize];
   // Poll has seen bytes, or an end; should they be gone again, this thread must not hang here.
-  const ssize_t size = recv(fd, client.recv_buf.get() + client.recv_len, kPieceSize, MSG_DONTWAIT);
+  const ssize_t size = recv(fd, piece, sizeof(piece), MSG_DONTWAIT);
   if (size <= 0) return size < 0;
-  client.recv_len += static_cast<int>(size);
+  client.recv_buf.append(piece, static_cast<size_t>(size));
   take_packets(client);
+  client.recv_buf.tidy();
   return true;
 }
 
 void ManagerListener::take_packets(ListenerClient& client) {
+  ClientBuffer& held = client.recv_buf;
   for (;;) {
-    const ClientPacket packet = next_packet(client.recv_buf.get(), client.recv_len);
+    const ClientPacket packet = next_packet(held.data(), held.size());
     switch (packet.kind) {
       case PacketKind::incomplete:
         return;
       case PacketKind::reset:
-        client.recv_len = 0;
-        return;
+        return held.clear();
       case PacketKind::bad_end:
         elog(4, "mlistener: recv packet : %d bytes", packet.length);
         [[fallthrough]];
       case PacketKind::bad_length:
         elog(1, "mlistener: broken packet is recevied");
-        client.recv_len = 0;
-        return;
+        return held.clear();
       case PacketKind::subscription:
         elog(4, "mlistener: recv packet : %d bytes", packet.length);
         set_type_string(client, packet.type_string);
-        client.consume(packet.length);
+        held.consume(static_cast<size_t>(packet.length));
     }
   }
 }
 
 void ManagerListener::set_type_string(ListenerClient& client, const char* text) {
   elog(2, "mlistener: type string is set as [%s]", text);
-  const size_t size = strlen(text) + 1;
-  std::unique_ptr<char[]> copy(new char[size]);
-  memcpy(copy.get(), text, size);
-  const Locked held(mutex);
-  client.subscription.swap(copy);
+  std::string copy(text);
+  const MutexLock lock(mutex);
+  if (client.type_string == copy) return;
+  client.set_type_string(std::move(copy));
+  subscriptions.forget(client.position);
 }
 
 void ManagerListener::remove_client(ListenerClient& client) {
-  const Locked held(mutex);
+  const MutexLock lock(mutex);
   elog(2, "mlistener: delete client : %d", client.fd);
-  const auto found =
-      std::find_if(clients.begin(), clients.end(), [&](const auto& item) { return item.get() == &client; });
+  shutdown(client.fd, SHUT_RDWR);  // ends a wait for it, which would keep the connection open
+  const size_t position = client.position;
+  if (client.is_leaving) --leaving;
   client.close();
+  subscriptions.remove(position);
+  gathered.remove(position);
+  const auto found = clients.begin() + static_cast<std::ptrdiff_t>(position);
   free_clients.push_back(std::move(*found));
   clients.erase(found);
+  for (size_t i = position; i < clients.size(); ++i) clients[i]->position = i;
 }

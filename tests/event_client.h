@@ -9,6 +9,7 @@
 #include <string>
 
 #include "util/descriptor.h"
+#include "util/socket.h"
 
 class EventClient {
  public:
@@ -35,6 +36,9 @@ class EventClient {
   }
 
   void send_bytes(const std::string& bytes) { send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+  // Waits until something has come; false after 10 s.
+  bool is_sent_to() { return sock_wait_readable(fd.get(), 10000) == 1; }
 
   // Reads the next event. False at the end of the connection, and when nothing whole comes within 10 s.
   bool read(Event& event) {

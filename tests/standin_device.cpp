@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -23,6 +24,7 @@ struct Event : event_item {
 struct Device {
   std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
+  std::map<std::string, int> numbers;
   int refusals = 0, arranged = 0, full_waits = 0;
   bool idle = false, woken = false;
 };
@@ -78,6 +80,7 @@ void wait_until_idle() {
 
 // clang-format off
 void reset() { *Locked().device = Device(); }
+void set_number(const std::string& key, int value) { Locked()->numbers[key] = value; }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }
 std::vector<std::string> log_lines_with(const std::string& part) { return Locked().lines_with(part); }
@@ -134,7 +137,7 @@ int event_pending() { return static_cast<int>(Locked()->queue.size()); }
 void event_item_free(event_item* item) { delete static_cast<Event*>(item); }
 void event_arrange() { ++Locked()->arranged; }
 econf_handle* econf_open(int, const char*, const char*) { return reinterpret_cast<econf_handle*>(Locked::device); }
-int econf_get_int(econf_handle*, const char*, int* value) { return *value = 0; }
+int econf_get_int(econf_handle*, const char* key, int* value) { return *value = Locked()->numbers[key], 0; }
 int econf_get_str(econf_handle*, const char*, char*, int) { return -1; }
 void econf_close(econf_handle*) {}
 int econf_init(lua_State*) { return 1; }

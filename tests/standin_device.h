@@ -1,5 +1,5 @@
 // A device made for tests, linked behind the headers of device/: events from a queue, log lines into a vector, and a
-// store in which every number is 0. Everything may be called from any thread.
+// store in which every number is 0 unless it is set. Everything may be called from any thread.
 #pragma once
 
 #include <string>
@@ -7,8 +7,11 @@
 
 namespace standin {
 
-// Forgets events and log lines.
+// Forgets events, log lines and numbers of the store.
 void reset();
+
+// Sets a number of the store.
+void set_number(const std::string& key, int value);
 
 // Adds an event at the end of the queue.
 void post(int type, const std::string& type_name, const std::string& info);

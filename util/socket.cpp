@@ -39,7 +39,7 @@ int sock_listen_tcp(int port) {
   address.sin_addr.s_addr = htonl(INADDR_ANY);
   address.sin_port = htons(static_cast<uint16_t>(port));
   if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) return SOCK_ERR_BIND;
-  if (listen(fd.get(), 5) < 0) return SOCK_ERR_LISTEN;
+  if (listen(fd.get(), INT_MAX) < 0) return SOCK_ERR_LISTEN;
   return fd.release();
 }
 
@@ -91,7 +91,7 @@ int sock_send_ready(int fd, const char* buf, int len) {
     if (now_sent >= 0) {
       sent += static_cast<int>(now_sent);
     } else if (errno != EINTR) {
-      return sock_errno_class() == -11 ? sent : SOCK_ERR_SEND;
+      return (sent > 0 || sock_errno_class() == -11) ? sent : SOCK_ERR_SEND;
     }
   }
   return sent;

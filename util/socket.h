@@ -26,9 +26,9 @@ uint32_t sock_now_ms();
 // Class of the calling thread's errno: -11 EAGAIN, -10 EINPROGRESS, -1 anything else.
 int sock_errno_class();
 
-// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, with SO_REUSEADDR. Returns the
-// descriptor, which the caller gives back with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with
-// EINVAL.
+// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, with SO_REUSEADDR and as long a
+// queue of waiting connections as the system allows: one that finds it full waits for a second. Returns the descriptor,
+// which the caller gives back with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with EINVAL.
 int sock_listen_tcp(int port);
 
 // Waits at most timeout_ms (negative counts as 0) until `fd`, of whatever number, can be read. Returns 1 readable, 0
@@ -44,8 +44,8 @@ int sock_accept(int fd, sockaddr_in* peer, int timeout_ms);
 // raises SIGPIPE as well.
 int sock_send_all(int fd, const char* buf, int len, uint32_t timeout_ms);
 
-// Sends what the socket takes without waiting. Returns the number of bytes sent, 0 to `len`, or SOCK_ERR_SEND. A peer
-// that is gone raises SIGPIPE as well.
+// Sends what the socket takes without waiting. Returns the number of bytes sent, 0 to `len`, or SOCK_ERR_SEND when none
+// were: a failure after some bytes is the next call's. A peer that is gone raises SIGPIPE as well.
 int sock_send_ready(int fd, const char* buf, int len);
 
 // Closes `fd`.

@@ -1,7 +1,7 @@
 // What a client sends, taken apart as the event_recv thread does it, in a client's own buffer. Input: the size of the
 // pieces (one byte; from 128 on zeros are put in the middle, so that the longest packet can come), then the bytes.
+#include "listener/client_buffer.h"
 #include "listener/client_protocol.h"
-#include "listener/listener_client.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
@@ -17,19 +17,19 @@ PacketKind reference(const std::string& held) {
   return held[static_cast<size_t>(length) - 1] == '\0' ? PacketKind::subscription : PacketKind::bad_end;
 }
 
-void take_packets(ListenerClient& client) {
+void take_packets(ClientBuffer& buffer) {
   for (;;) {
-    const std::string held(client.recv_buf.get(), static_cast<size_t>(client.recv_len));
+    const std::string held(buffer.data(), buffer.size());
     const Exact exact(held);
-    const ClientPacket packet = next_packet(exact.data.get(), client.recv_len);
+    const ClientPacket packet = next_packet(exact.data.get(), held.size());
     HOLDS(packet.kind == reference(held));
     if (packet.kind == PacketKind::incomplete) return;
-    if (packet.kind != PacketKind::subscription) client.recv_len = 0;
-    if (packet.kind != PacketKind::subscription) return;
-    HOLDS(packet.type_string == exact.data.get() + 8 && packet.length <= client.recv_len);
-    HOLDS(strlen(packet.type_string) < static_cast<size_t>(packet.length) - 8);
-    client.consume(packet.length);
-    HOLDS(memcmp(client.recv_buf.get(), held.data() + packet.length, static_cast<size_t>(client.recv_len)) == 0);
+    if (packet.kind != PacketKind::subscription) return buffer.clear();
+    const auto length = static_cast<size_t>(packet.length);
+    HOLDS(packet.type_string == exact.data.get() + 8 && length <= held.size());
+    HOLDS(strlen(packet.type_string) < length - 8);
+    buffer.consume(length);
+    HOLDS(std::string(buffer.data(), buffer.size()) == held.substr(length));
   }
 }
 
@@ -38,13 +38,13 @@ void take_packets(ListenerClient& client) {
 void fuzz(size_t choice, std::string input) {
   if (choice >= 128) input.insert(input.size() / 2, 64900 + choice, '\0');
   const size_t piece_size = choice >= 128 ? 512 : choice + 1;
-  ListenerClient client;
+  ClientMemory memory(1 << 20);
+  ClientBuffer buffer(memory);
   for (size_t fed = 0; fed < input.size(); fed += piece_size) {
     const std::string piece = input.substr(fed, piece_size);
-    client.make_room(static_cast<int>(piece.size()));
-    memcpy(client.recv_buf.get() + client.recv_len, piece.data(), piece.size());
-    client.recv_len += static_cast<int>(piece.size());
-    take_packets(client);
-    HOLDS(client.recv_len < 65024 && client.recv_cap <= 65536);
+    HOLDS(buffer.append(piece.data(), piece.size()));
+    take_packets(buffer);
+    HOLDS(buffer.size() < 65024);
+    buffer.tidy();
   }
 }

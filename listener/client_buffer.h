@@ -1,0 +1,98 @@
+// What the daemon holds for its clients in memory, and the bound of it.
+//
+// A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string. A
+// thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client is
+// sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its client is
+// treated as stalled, until it has taken what waits for it or others have given memory back.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+constexpr size_t kClientMax = 1000;
+
+// The account. Any thread.
+class ClientMemory {
+ public:
+  // `limit`: bytes of all clients together.
+  explicit ClientMemory(size_t limit) : own(limit / 2 / kClientMax / kBuffersOfAClient), shared(limit - limit / 2) {}
+
+  // A buffer of `from` bytes wants to have `to` instead. Returns whether it may; a smaller one always may.
+  bool resize(size_t from, size_t to) {
+    const size_t before = beyond(from), after = beyond(to);
+    const size_t sum = used.fetch_add(after - before) + (after - before);
+    if (after <= before || sum <= shared) return true;
+    used -= after - before;
+    return false;
+  }
+
+  // The same for memory that takes the place of a refused-or-granted buffer: always granted.
+  void replace(size_t from, size_t to) { used += beyond(to) - beyond(from); }
+
+ private:
+  static constexpr size_t kBuffersOfAClient = 3;
+
+  size_t beyond(size_t size) const { return size > own ? size - own : 0; }
+
+  const size_t own;
+  const size_t shared;
+  std::atomic<size_t> used{0};  // of the shared half
+};
+
+// Bytes that come in at the end and go out at the front. Starts without memory, grows by doubling. Not shared between
+// threads: its owner's rule of access holds.
+class ClientBuffer {
+ public:
+  static constexpr size_t kKept = 1024;  // bytes that an empty buffer keeps, so that small traffic allocates nothing
+
+  // `account` outlives the buffer.
+  explicit ClientBuffer(ClientMemory& account) : memory(account) {}
+  ClientBuffer(const ClientBuffer&) = delete;
+  ClientBuffer& operator=(const ClientBuffer&) = delete;
+  ~ClientBuffer() { memory.replace(storage.size(), 0); }
+
+  const char* data() const { return storage.data() + start; }
+  size_t size() const { return end - start; }
+  bool empty() const { return start == end; }
+
+  // Makes room for `more` bytes behind those held. False when the memory for it is not granted; nothing has changed
+  // then. Throws std::bad_alloc when there is none.
+  bool reserve(size_t more) { return more <= storage.size() - end || make_room(more); }
+
+  // Adds `count` bytes; results as of reserve.
+  bool append(const char* added, size_t count) {
+    if (!reserve(count)) return false;
+    memcpy(storage.data() + end, added, count);
+    end += count;
+    return true;
+  }
+
+  // Takes away the first `count` bytes, at most size().
+  void consume(size_t count) {
+    start += count;
+    if (empty()) start = end = 0;
+  }
+
+  // Drops everything.
+  void clear() { start = end = 0; }
+
+  // Gives the memory of an empty buffer back, but for a little.
+  void tidy() {
+    if (!empty() || storage.size() <= kKept) return;
+    memory.replace(storage.size(), 0);
+    std::vector<char>().swap(storage);
+  }
+
+ private:
+  static constexpr size_t kLine = 64;           // of the processor's cache
+  static constexpr size_t kUsual = 1057 * kLine;  // a full row of gathered packets, and a bit
+
+  bool make_room(size_t more);
+
+  ClientMemory& memory;
+  std::vector<char> storage;  // [start, end) is held
+  size_t start = 0;
+  size_t end = 0;
+};
