@@ -17,6 +17,10 @@ using Figures = benchmark::UserCounters;
 // Has `measure` run once per repetition; it fills in the figures, or throws.
 void add_benchmark(const std::string& name, int repetitions, const std::function<void(Figures&)>& measure);
 
+// Has `measure` run for the daemon that is measured and, when there is another one to compare with, for that one right
+// before; adds other_FIGURE and FIGURE_to_other then.
+void measure_daemons(Figures& figures, const std::function<void(const std::string& program, Figures&)>& measure);
+
 // Prints one line per figure, with the target where there is one, and at the end how many targets were missed.
 class FigureTable : public benchmark::BenchmarkReporter {
  public:

@@ -75,8 +75,14 @@ PeerProcess::PeerProcess(const std::function<void(Channel&)>& body) {
 }
 
 PeerProcess::~PeerProcess() {
-  if (std::uncaught_exceptions() > 0) kill(pid, SIGKILL);
+  if (std::uncaught_exceptions() > 0) end();
+  if (pid > 0) waitpid(pid, nullptr, 0);
+}
+
+void PeerProcess::end() {
+  kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
+  pid = 0;
 }
 
 void send_whole(int fd, const void* bytes, size_t size) {

@@ -1,4 +1,4 @@
-// Timers and coroutines: what a pass costs for those that are not due, and how late a coroutine is resumed.
+// coroutine_lateness: how late a coroutine is resumed.
 
 #include <poll.h>
 
@@ -7,58 +7,8 @@
 #include "bench/benchmarks.h"
 #include "bench/figures.h"
 #include "bench/loop_here.h"
-#include "device/event_queue.h"
-#include "script/event_loop.h"
 
 namespace {
-
-constexpr int kRecords = 10000;
-constexpr int kPasses = 200;
-
-// ns per record of kPasses calls of `pass`.
-template <typename Pass>
-double ns_per_record(Pass&& pass) {
-  const Stopwatch watch;
-  for (int i = 0; i < kPasses; ++i) pass();
-  return watch.seconds() * 1e9 / kPasses / kRecords;
-}
-
-void timer_pass(Figures& figures) {
-  LoopHere loop("for i = 1, 10000 do tmr_add(function() end, 1000000, os.time(), nil) end");
-  ManagerScript& script = loop.script;
-  const double ns = ns_per_record([&] {
-    const LuaTurn turn(script.gate);
-    script.run_timers();
-  });
-  const double floor_ns = ns_per_record([&] {
-    const int now = script.clock.seconds();
-    int due = 0;
-    for (const auto& timer : script.timers) due += timer.next_due <= now ? 1 : 0;
-    benchmark::DoNotOptimize(due);
-  });
-  figures["ns"] = ns;
-  figures["floor_ns"] = floor_ns;
-  figures["ratio"] = ns / floor_ns;
-}
-
-void coroutine_pass(Figures& figures) {
-  LoopHere loop("for i = 1, 10000 do cr_add(function() cr_yield(1000000) end, 0, nil) end");
-  ManagerScript& script = loop.script;
-  const double ns = ns_per_record([&] {
-    const LuaTurn turn(script.gate);
-    script.resume_coroutines();
-    benchmark::DoNotOptimize(next_wait_ms(script.coroutines, script.clock.milliseconds()));
-  });
-  const double floor_ns = ns_per_record([&] {
-    const int now = script.clock.milliseconds();
-    int due = 0;
-    for (const auto& coroutine : script.coroutines) due += now - coroutine.last_resume > coroutine.wait ? 1 : 0;
-    benchmark::DoNotOptimize(due);
-  });
-  figures["ns"] = ns;
-  figures["floor_ns"] = floor_ns;
-  figures["ratio"] = ns / floor_ns;
-}
 
 // Eight coroutines that wait 3 to 24 ms in turn, 120 times each; the last one to end ends the loop.
 constexpr char kSleepers[] = R"(
@@ -122,8 +72,6 @@ void coroutine_lateness(Figures& figures) {
 
 }  // namespace
 
-void add_schedule_benchmarks() {
-  add_benchmark("timer_pass", 9, timer_pass);
-  add_benchmark("coroutine_pass", 9, coroutine_pass);
+void add_lateness_benchmark() {
   add_benchmark("coroutine_lateness", 5, coroutine_lateness);
 }
