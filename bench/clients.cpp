@@ -26,14 +26,6 @@ sockaddr_in address_of(int port) {
   return address;
 }
 
-// A connection to `port` of this machine; -1 when there is none.
-Descriptor try_connect(int port) {
-  Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = address_of(port);
-  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) fd.reset();
-  return fd;
-}
-
 Descriptor connect_client(int port) {
   Descriptor fd = try_connect(port);
   if (fd.get() < 0) throw std::runtime_error("cannot connect to port " + std::to_string(port));
@@ -66,10 +58,7 @@ Clients::Clients(int port, int count) : clients(static_cast<size_t>(count)), epo
 }
 
 void Clients::subscribe(const std::string& type_string) {
-  const auto length = static_cast<uint32_t>(8 + type_string.size() + 1);
-  const uint32_t head[2] = {length, 0};
-  std::string packet(reinterpret_cast<const char*>(head), sizeof(head));  // little-endian, as this machine
-  packet.append(type_string.c_str(), type_string.size() + 1);
+  const std::string packet = subscription(type_string);
   for (Client& client : clients) {
     client.is_done = false;
     send_whole(client.fd.get(), packet.data(), packet.size());
@@ -156,8 +145,29 @@ int free_port() {
   return port;
 }
 
-bool can_connect(int port) {
-  return try_connect(port).get() >= 0;
+Descriptor try_connect(int port, const char* from, int receive_buffer) {
+  Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (receive_buffer > 0) setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+  if (from != nullptr) {
+    sockaddr_in own = address_of(0);
+    inet_pton(AF_INET, from, &own.sin_addr);
+    bind(fd.get(), reinterpret_cast<const sockaddr*>(&own), sizeof(own));
+  }
+  const sockaddr_in address = address_of(port);
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) fd.reset();
+  return fd;
+}
+
+std::string subscription(const std::string& type_string) {
+  const auto length = static_cast<uint32_t>(8 + type_string.size() + 1);
+  const uint32_t head[2] = {length, 0};
+  std::string packet(reinterpret_cast<const char*>(head), sizeof(head));  // little-endian, as this machine
+  return packet.append(type_string.c_str(), type_string.size() + 1);
+}
+
+void send_subscription(int fd, const std::string& type_string) {
+  const std::string packet = subscription(type_string);
+  send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);
 }
 
 BareServer::BareServer() : listening(bind_any(own_port)) {

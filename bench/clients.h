@@ -1,4 +1,4 @@
-// Network clients of the listener, many in one process, that read whatever comes. For the other process of a benchmark.
+// Network clients of the listener: single connections, and many in one process that read whatever comes.
 #pragma once
 
 #include <string>
@@ -48,11 +48,16 @@ class Clients {
   Descriptor epoll;
 };
 
+// A connection to `port` of this machine, from the address `from` where one is given; -1 when it is refused. A small
+// receive buffer makes a client that does not read stall soon.
+Descriptor try_connect(int port, const char* from = nullptr, int receive_buffer = 0);
+
+// The packet that subscribes to `type_string`.
+std::string subscription(const std::string& type_string);
+void send_subscription(int fd, const std::string& type_string);
+
 // A TCP port of this machine that nobody listens on.
 int free_port();
-
-// Whether somebody accepts connections at `port` of this machine.
-bool can_connect(int port);
 
 // A bare server at a port of its own.
 class BareServer {

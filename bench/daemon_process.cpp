@@ -19,8 +19,9 @@
 #include <vector>
 
 #include "bench/clients.h"
-#include "bench/figures.h"
+#include "bench/measure.h"
 #include "device/event_source.h"
+#include "util/unix_socket.h"
 
 namespace fs = std::filesystem;
 
@@ -123,7 +124,7 @@ double DaemonProcess::start() {
   bool ended = false;
   const auto has_come = [&] {
     ended = text_of("log").find(kEndLine) != std::string::npos;
-    return ended || can_connect(listener_port);
+    return ended || try_connect(listener_port).get() >= 0;
   };
   if (!look_until(has_come, kStartLimitS) || ended) {
     throw std::runtime_error(program + " does not start: " + text_of("stderr") + text_of("log"));
@@ -164,6 +165,12 @@ std::string DaemonProcess::next_report(double limit_s) {
 
 std::string DaemonProcess::event_socket() const {
   return root + kEventSocketPath;
+}
+
+Descriptor DaemonProcess::connect_poster() const {
+  Descriptor fd(unix_stream_socket());
+  if (unix_connect(fd.get(), event_socket()) != 0) throw std::runtime_error("cannot connect to " + event_socket());
+  return fd;
 }
 
 std::string DaemonProcess::text_of(const std::string& file) const {

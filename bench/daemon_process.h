@@ -42,6 +42,7 @@ class DaemonProcess {
   int port() const { return listener_port; }
   std::string path(const std::string& file) const { return root + "/" + file; }
   std::string event_socket() const;
+  Descriptor connect_poster() const;
   // What is in a file below the root; empty when there is none.
   std::string text_of(const std::string& file) const;
 

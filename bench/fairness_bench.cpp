@@ -19,11 +19,11 @@ constexpr char kSlowHandler[] = "local till = os.clock() + 0.0002 repeat until o
 constexpr char kShortLine[] = "1 bench\n";
 constexpr int kFloodBatch = 64;
 
-void flood(const std::string& socket, int flooders, Channel& parent) {
+void flood(const DaemonProcess& daemon, int flooders, Channel& parent) {
   std::vector<std::unique_ptr<PeerProcess>> processes;
   for (int i = 0; i < flooders; ++i) {
     processes.push_back(std::make_unique<PeerProcess>([&](Channel&) {
-      const Descriptor poster = connect_poster(socket);
+      const Descriptor poster = daemon.connect_poster();
       std::string lines;
       for (int line = 0; line < kFloodBatch; ++line) lines += kShortLine;
       for (;;) send_whole(poster.get(), lines.data(), lines.size());
@@ -36,9 +36,8 @@ void flood(const std::string& socket, int flooders, Channel& parent) {
 void wait_between_floods(const std::string& program, Figures& figures, int flooders, const char* handler) {
   DaemonProcess daemon({program, true, handler_of(kEventName, handler) + handler_of("polite", "report('handled')")});
   daemon.start();
-  const std::string socket = daemon.event_socket();
-  const Descriptor polite = connect_poster(socket);
-  PeerProcess flooding([&](Channel& parent) { flood(socket, flooders, parent); });
+  const Descriptor polite = daemon.connect_poster();
+  PeerProcess flooding([&](Channel& parent) { flood(daemon, flooders, parent); });
   usleep(500000);  // until what can wait in front of the loop waits there
   std::vector<double> times;
   const Stopwatch all;

@@ -139,10 +139,3 @@ void FigureTable::ReportRuns(const std::vector<Run>& runs) {
 void FigureTable::Finalize() {
   printf("%d targets missed, %d repetitions failed\n", missed, failed);
 }
-
-double percentile(std::vector<double>& samples, double share) {
-  const size_t index = std::min(samples.size() - 1, static_cast<size_t>(static_cast<double>(samples.size()) * share));
-  const auto at = samples.begin() + static_cast<std::ptrdiff_t>(index);
-  std::nth_element(samples.begin(), at, samples.end());
-  return *at;
-}

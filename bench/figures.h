@@ -7,10 +7,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "bench/measure.h"
 
 using Figures = benchmark::UserCounters;
 
@@ -34,15 +35,3 @@ class FigureTable : public benchmark::BenchmarkReporter {
   int missed = 0;
   int failed = 0;
 };
-
-class Stopwatch {
- public:
-  double seconds() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point start = Clock::now();
-};
-
-// The value below which `share` (0 to 1) of the samples lie; reorders them. There must be one at least.
-double percentile(std::vector<double>& samples, double share);

@@ -40,7 +40,7 @@ std::vector<double> relay_times(const Descriptor& poster, Clients& clients) {
 void daemon_times(const std::string& program, Figures& figures, int count) {
   DaemonProcess daemon({program, true, handler_of(kEventName, "")});
   daemon.start();
-  const Descriptor poster = connect_poster(daemon.event_socket());
+  const Descriptor poster = daemon.connect_poster();
   Clients clients(daemon.port(), count);
   clients.subscribe_now(kEventName, kEventName, poster.get());
   std::vector<double> times = relay_times(poster, clients);
@@ -80,12 +80,12 @@ void daemon_rate(const std::string& program, Figures& figures, int count, bool p
   DaemonProcess daemon({program, packaged, handler_of(kEventName, "")});
   daemon.start();
   PeerProcess poster([&daemon](Channel& parent) {
-    const Descriptor connection = connect_poster(daemon.event_socket());
+    const Descriptor connection = daemon.connect_poster();
     parent.wait();
     post_lines(connection.get(), kBurst, kBatch);
   });
   Clients clients(daemon.port(), count);
-  clients.subscribe_now(kEventName, kEventName, connect_poster(daemon.event_socket()).get());
+  clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
   const double cpu_before = daemon.cpu_ns();
   const Stopwatch watch;
   poster.channel().signal();

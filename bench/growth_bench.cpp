@@ -65,7 +65,7 @@ void pass_mark(DaemonProcess& daemon, int poster) {
 // Reads for `count` clients until the parent signals.
 void read_events(const DaemonProcess& daemon, int count, Channel& parent) {
   Clients clients(daemon.port(), count);
-  clients.subscribe_now(kEventName, kEventName, connect_poster(daemon.event_socket()).get());
+  clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
   parent.signal();
   clients.read_on();
 }
@@ -80,7 +80,7 @@ void measure_events(const std::string& program, Figures& figures, const std::str
     readers.emplace([&](Channel& parent) { read_events(daemon, clients, parent); });
     readers->channel().wait();
   }
-  const Descriptor poster = connect_poster(daemon.event_socket());
+  const Descriptor poster = daemon.connect_poster();
   pass_mark(daemon, poster.get());
   usleep(200000);  // coroutines have their first turn when there is no event
   const double cpu_before = daemon.cpu_ns();

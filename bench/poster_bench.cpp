@@ -80,7 +80,7 @@ double bare_rate(int batch) {
 void handle_many(const std::string& program, Figures& figures, int batch) {
   DaemonProcess daemon({program, true, handler_of("bench", kTwoFields) + handler_of("quit_bench", "report('done')")});
   daemon.start();
-  const Descriptor poster = connect_poster(daemon.event_socket());
+  const Descriptor poster = daemon.connect_poster();
   const double cpu_before = daemon.cpu_ns();
   const Stopwatch watch;
   post_lines(poster.get(), kLines, batch);

@@ -38,7 +38,7 @@ void start(const std::string& program, Figures& figures) {
   DaemonProcess daemon({program, true, handler_of(kEventName, "")});
   const Stopwatch watch;
   figures["first_connection_ms"] = daemon.start() * 1000;
-  const Descriptor poster = connect_poster(daemon.event_socket());
+  const Descriptor poster = daemon.connect_poster();
   Clients client(daemon.port(), 1);
   client.subscribe(kEventName);
   do {
@@ -64,7 +64,7 @@ void idle(const std::string& program, Figures& figures) {
   figures["wakeups_per_s"] = wakeups_per_s(daemon);
   {
     Clients clients(daemon.port(), 10);
-    clients.subscribe_now(kEventName, kEventName, connect_poster(daemon.event_socket()).get());
+    clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
     figures["wakeups_10_clients_per_s"] = wakeups_per_s(daemon);
   }
   figures["stop_ms"] = daemon.stop() * 1000;
@@ -73,11 +73,11 @@ void idle(const std::string& program, Figures& figures) {
 void memory(const std::string& program, Figures& figures) {
   DaemonProcess daemon({program, true, handler_of(kEventName, "")});
   daemon.start();
-  const Descriptor poster = connect_poster(daemon.event_socket());
+  const Descriptor poster = daemon.connect_poster();
   {
     Clients clients(daemon.port(), kBurstClients);
     clients.subscribe_now(kEventName, kEventName, poster.get());
-    PeerProcess posting([&daemon](Channel&) { post_lines(connect_poster(daemon.event_socket()).get(), kBurst, kBatch); });
+    PeerProcess posting([&daemon](Channel&) { post_lines(daemon.connect_poster().get(), kBurst, kBatch); });
     clients.read_bytes(event_packet().size() * (kBurst + kBatch - kBurst % kBatch));
     figures["rss_in_burst_kib"] = daemon.memory_kib();
   }
