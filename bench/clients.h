@@ -25,7 +25,8 @@ class Clients {
   // Reads until the last bytes of what every client has got are `end`.
   void read_to(const std::string& end);
 
-  // Reads until every client has got something since it subscribed; false when there is silence for `silence_ms` before.
+  // Reads until every client has got something since it subscribed; false when there is silence for `silence_ms`
+  // before.
   bool try_read_something(int silence_ms);
   void read_something();
 

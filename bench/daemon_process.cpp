@@ -178,7 +178,8 @@ std::string DaemonProcess::text_of(const std::string& file) const {
 }
 
 double DaemonProcess::cpu_ns() const {
-  return sum_over_threads(pid, [](const std::string& folder) { return number_behind(text_of_file(folder + "/schedstat"), ""); });
+  return sum_over_threads(
+      pid, [](const std::string& folder) { return number_behind(text_of_file(folder + "/schedstat"), ""); });
 }
 
 double DaemonProcess::wakeups() const {

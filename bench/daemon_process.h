@@ -46,9 +46,9 @@ class DaemonProcess {
   // What is in a file below the root; empty when there is none.
   std::string text_of(const std::string& file) const;
 
-  double cpu_ns() const;       // that all its threads have used
-  double wakeups() const;      // of all its threads, since they started
-  double memory_kib() const;   // resident
+  double cpu_ns() const;          // that all its threads have used
+  double wakeups() const;         // of all its threads, since they started
+  double memory_kib() const;      // resident
   double own_memory_kib() const;  // resident and shared with nobody
 
  private:

@@ -69,9 +69,8 @@ void bare_times(Figures& figures, int count) {
 
 void forward_single(Figures& figures, int count) {
   bare_times(figures, count);
-  measure_daemons(figures, [count](const std::string& program, Figures& measured) {
-    daemon_times(program, measured, count);
-  });
+  measure_daemons(figures,
+                  [count](const std::string& program, Figures& measured) { daemon_times(program, measured, count); });
   figures["p50_ratio"] = figures["p50_us"] / figures["floor_p50_us"];
   figures["p99_ratio"] = figures["p99_us"] / figures["floor_p99_us"];
 }
@@ -118,9 +117,8 @@ double bare_rate(int count, int events, int batch) {
 void forward_burst(Figures& figures, int count, bool packaged) {
   figures["send_floor_per_s"] = bare_rate(count, std::min(kBurst, kSendFloorDeliveries / count), 1);
   figures["batch_floor_per_s"] = bare_rate(count, kBurst, kBatch);
-  measure_daemons(figures, [=](const std::string& program, Figures& measured) {
-    daemon_rate(program, measured, count, packaged);
-  });
+  measure_daemons(
+      figures, [=](const std::string& program, Figures& measured) { daemon_rate(program, measured, count, packaged); });
   const double rate = figures["deliveries_per_s"];
   figures["to_send_floor"] = rate / figures["send_floor_per_s"];
   figures["to_batch_floor"] = rate / figures["batch_floor_per_s"];

@@ -31,8 +31,10 @@ std::string one_handler(int) {
 }
 
 std::string heap(int megabytes) {
-  return one_handler(0) + sstr("ballast = {} while collectgarbage('count') < %d do for i = 1, 100 do "
-                               "ballast[#ballast + 1] = { i } end end", megabytes * 1024);
+  return one_handler(0) + sstr(
+                              "ballast = {} while collectgarbage('count') < %d do for i = 1, 100 do "
+                              "ballast[#ballast + 1] = { i } end end",
+                              megabytes * 1024);
 }
 
 std::string timers(int count) {
@@ -44,15 +46,15 @@ std::string coroutines(int count) {
 }
 
 std::string handlers(int count) {
-  return sstr("es_bench = { list_func = {} } for i = 1, %d do "
-              "es_bench.list_func[i] = { 'bench', function() end } end", count);
+  return sstr(
+      "es_bench = { list_func = {} } for i = 1, %d do "
+      "es_bench.list_func[i] = { 'bench', function() end } end",
+      count);
 }
 
 const Growth kGrowths[] = {
-    {"clients", {0, 1, 3, 10, 30, 100}, one_handler},
-    {"heap", {0, 1, 3, 10}, heap},
-    {"timers", {0, 1000, 10000, 60000}, timers},
-    {"coroutines", {0, 1000, 10000, 60000}, coroutines},
+    {"clients", {0, 1, 3, 10, 30, 100}, one_handler}, {"heap", {0, 1, 3, 10}, heap},
+    {"timers", {0, 1000, 10000, 60000}, timers},      {"coroutines", {0, 1000, 10000, 60000}, coroutines},
     {"handlers", {1, 3, 10, 30, 100}, handlers},
 };
 

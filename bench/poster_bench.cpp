@@ -92,9 +92,8 @@ void handle_many(const std::string& program, Figures& figures, int batch) {
 
 void post(Figures& figures, int batch) {
   figures["floor_per_s"] = bare_rate(batch);
-  measure_daemons(figures, [batch](const std::string& program, Figures& measured) {
-    handle_many(program, measured, batch);
-  });
+  measure_daemons(figures,
+                  [batch](const std::string& program, Figures& measured) { handle_many(program, measured, batch); });
   figures["ratio"] = figures["events_per_s"] / figures["floor_per_s"];
   figures["to_dispatch"] = figures["events_per_s"] / dispatch_rate();
 }

@@ -4,7 +4,6 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-
 #include "bench/benchmarks.h"
 #include "bench/clients.h"
 #include "bench/daemon_process.h"

@@ -142,11 +142,11 @@ void stay_silent(const Target& target, std::mt19937&) {
   }
 }
 
-// Names that only differ at their ends, and none of the subscribed ones is posted: the worst for who searches.
+// Names that only differ at their beginnings, and none that is posted is subscribed: the worst for a search of texts.
 void subscribe_much(const Target& target, std::mt19937& random) {
   const std::string stem(110, 'a');
   std::string names;
-  for (int i = 0; names.size() < 64800; ++i) names += stem + "b" + std::to_string(i) + ",";
+  for (int i = 0; names.size() < 64800; ++i) names += "b" + std::to_string(i) + stem + ",";
   names += "good";
   std::vector<Descriptor> clients;
   while (clients.size() < 900) {
@@ -158,7 +158,7 @@ void subscribe_much(const Target& target, std::mt19937& random) {
   const Descriptor poster = poster_of(target);
   static char bytes[65536];
   for (;; wait_ms(10)) {
-    send_now(poster, "1 " + stem + std::to_string(random() % 100) + "\n");
+    send_now(poster, "1 " + std::to_string(random() % 100) + stem + "\n");
     for (const Descriptor& client : clients) {
       while (recv(client.get(), bytes, sizeof(bytes), MSG_DONTWAIT) == sizeof(bytes)) {
       }

@@ -24,16 +24,16 @@ void stay_silent(const Target& target, std::mt19937& random);      // a thousand
 void subscribe_much(const Target& target, std::mt19937& random);   // 900 with 65 KB of names; a poster of 100 names
 
 // Posters.
-void flood_eight(const Target& target, std::mt19937& random);      // events whose handler takes 0.2 ms
-void flood_many(const Target& target, std::mt19937& random);       // 255 of them, with a trivial handler
-void trickle(const Target& target, std::mt19937& random);          // 256 that each end a line every 4 s
-void hold_the_loop(const Target& target, std::mt19937& random);    // an event whose handler takes up to 3 s
-void start_a_circle(const Target& target, std::mt19937& random);   // an event whose handler posts it again
+void flood_eight(const Target& target, std::mt19937& random);     // events whose handler takes 0.2 ms
+void flood_many(const Target& target, std::mt19937& random);      // 255 of them, with a trivial handler
+void trickle(const Target& target, std::mt19937& random);         // 256 that each end a line every 4 s
+void hold_the_loop(const Target& target, std::mt19937& random);   // an event whose handler takes up to 3 s
+void start_a_circle(const Target& target, std::mt19937& random);  // an event whose handler posts it again
 
 // Others.
-void send_rubbish(const Target& target, std::mt19937& random);     // to both sockets
-void remove_socket(const Target& target, std::mt19937& random);    // the event socket's file
-void reload_and_flood(const Target& target, std::mt19937& random); // SIGHUPs, and eight flooding posters
+void send_rubbish(const Target& target, std::mt19937& random);      // to both sockets
+void remove_socket(const Target& target, std::mt19937& random);     // the event socket's file
+void reload_and_flood(const Target& target, std::mt19937& random);  // SIGHUPs, and eight flooding posters
 
 // The handlers of what the attackers post.
 extern const char kAttackScript[];

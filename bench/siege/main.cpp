@@ -31,9 +31,8 @@ double number_of(const char* text) {
 }
 
 const Scene& scene_of(const char* name) {
-  const auto found = std::find_if(kScenes.begin(), kScenes.end(), [&](const Scene& scene) {
-    return strcmp(scene.name, name) == 0;
-  });
+  const auto found =
+      std::find_if(kScenes.begin(), kScenes.end(), [&](const Scene& scene) { return strcmp(scene.name, name) == 0; });
   if (found == kScenes.end()) refuse(sstr("there is no scene '%s'", name));
   return *found;
 }
@@ -52,8 +51,10 @@ Orders orders_of(int argc, char** argv) {
   Orders orders;
   orders.plan.program = daemon_program();
   orders.plan.seed = static_cast<unsigned>(time(nullptr)) % 1000000;
-  const option options[] = {{"packaged", no_argument, nullptr, 'p'}, {"daemon", required_argument, nullptr, 'd'},
-                            {"seed", required_argument, nullptr, 's'}, {"list", no_argument, nullptr, 'l'},
+  const option options[] = {{"packaged", no_argument, nullptr, 'p'},
+                            {"daemon", required_argument, nullptr, 'd'},
+                            {"seed", required_argument, nullptr, 's'},
+                            {"list", no_argument, nullptr, 'l'},
                             {}};
   for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
     if (letter == 'p') orders.plan.packaged = true;
@@ -94,8 +95,8 @@ void print_seen(const char* name, const char* phase, const Seen& seen) {
 bool run(const Orders& orders) {
   printf("%zu scenes of %.1f s, %s settings, seed %u; ms, three figures are p50 p99 max\n\n", orders.scenes.size(),
          orders.plan.seconds, orders.plan.packaged ? "packaged" : "no", orders.plan.seed);
-  printf("%-16s %-6s %-17s %-17s %-15s %6s  %-17s %4s %5s %4s %7s %6s\n", "scene", "", "client", "handled", "stamp late",
-         "tick", "newcomer", "fail", "lost", "left", "held", "stop");
+  printf("%-16s %-6s %-17s %-17s %-15s %6s  %-17s %4s %5s %4s %7s %6s\n", "scene", "", "client", "handled",
+         "stamp late", "tick", "newcomer", "fail", "lost", "left", "held", "stop");
   bool kept = true;
   for (const Scene& scene : orders.scenes) {
     const Outcome outcome = run_scene(scene, orders.plan);

@@ -11,11 +11,11 @@
 
 namespace {
 
-constexpr int kPad = 8000;
+constexpr int kPad = 30000;  // fills what the kernel holds for a client that does not read in a second
 constexpr double kPeaceShare = 0.25;
 constexpr double kDrainS = 60;
 constexpr double kStopS = 20;
-constexpr double kHeldMs = 400;     // and a share of the time: how long a noisy machine holds a loop that nobody holds
+constexpr double kHeldMs = 400;  // and a share of the time: how long a noisy machine holds a loop that nobody holds
 constexpr double kHeldShare = 0.1;
 #ifdef ZELVIND_SANITIZED
 constexpr double kSlack = 10;  // the sanitizers make everything slower

@@ -148,8 +148,8 @@ bool Witnesses::send_line(Line& line, size_t number) {
     setsockopt(poster.get(), SOL_SOCKET, SO_SNDTIMEO, &kPosterPatience, sizeof(kPosterPatience));
     if (unix_connect(poster.get(), daemon.event_socket()) != 0) return false;
   }
-  const std::string text = "1 good n=" + std::to_string(number) + "&pad=" +
-                           std::string(static_cast<size_t>(plan.pad), '.') + "\n";
+  const std::string text =
+      "1 good n=" + std::to_string(number) + "&pad=" + std::string(static_cast<size_t>(plan.pad), '.') + "\n";
   line.sent_us = clock_ns(CLOCK_REALTIME) / 1000;
   for (size_t done = 0; done < text.size();) {
     const ssize_t taken = send(poster.get(), text.data() + done, text.size() - done, MSG_NOSIGNAL);

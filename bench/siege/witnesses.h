@@ -77,15 +77,15 @@ class Witnesses {
   DaemonProcess& daemon;
   const WitnessPlan plan;
   Descriptor client;
-  Descriptor poster;                        // poster thread
-  std::vector<Line> lines;                  // each field by one thread, read by others once that has ended
+  Descriptor poster;        // poster thread
+  std::vector<Line> lines;  // each field by one thread, read by others once that has ended
   std::atomic<size_t> sent{0};
   std::atomic<int> phase{0};
   std::atomic<bool> is_posting{true};
   std::atomic<bool> is_reading{true};
-  int64_t last_tick_ns = 0;                 // report thread
-  std::vector<Sample> ticks;                // report thread
-  std::vector<Sample> newcomers;            // newcomer thread; -1 ms for one that failed
+  int64_t last_tick_ns = 0;       // report thread
+  std::vector<Sample> ticks;      // report thread
+  std::vector<Sample> newcomers;  // newcomer thread; -1 ms for one that failed
   std::vector<std::thread> posting_threads;
   std::vector<std::thread> reading_threads;
 };
