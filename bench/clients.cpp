@@ -140,9 +140,18 @@ void Clients::read_on() {
 }
 
 int free_port() {
-  int port = 0;
-  bind_any(port);
-  return port;
+  constexpr int kFirst = 10000;
+  constexpr int kCount = 20000;
+  static int tried = getpid();
+  for (int i = 0; i < kCount; ++i) {
+    sockaddr_in address = address_of(kFirst + tried++ % kCount);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    const Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+      return ntohs(address.sin_port);
+    }
+  }
+  throw std::runtime_error("no free port");
 }
 
 Descriptor try_connect(int port, const char* from, int receive_buffer) {

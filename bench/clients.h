@@ -57,7 +57,7 @@ Descriptor try_connect(int port, const char* from = nullptr, int receive_buffer 
 std::string subscription(const std::string& type_string);
 void send_subscription(int fd, const std::string& type_string);
 
-// A TCP port of this machine that nobody listens on.
+// A TCP port of this machine that nobody listens on, and that the kernel does not give to others meanwhile.
 int free_port();
 
 // A bare server at a port of its own.

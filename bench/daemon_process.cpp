@@ -86,6 +86,7 @@ DaemonProcess::DaemonProcess(const DaemonPlan& plan)
   write_file(path("opt/flash/mtd4-cfg/zelvind.info"),
              packaged + "\nlog_level = 1\nlistener_port = " + std::to_string(listener_port) + "\nscript_path = " +
                  path("scripts") + "\nexternal_path = " + path("none") + "\ndll_path = " + path("none") + "\n");
+  fs::create_directories(path("none"));
   write_file(path("scripts/bench.lua"), kReportScript + plan.script + "\n");
   for (const char* script : {"config.lua", "server_event.lua"}) {
     fs::copy_file(fs::path(program).parent_path() / script, path("scripts/") + script);

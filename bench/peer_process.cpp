@@ -69,7 +69,7 @@ PeerProcess::PeerProcess(const std::function<void(Channel&)>& body) {
     body(other_end);
     _exit(0);
   } catch (const std::exception& error) {
-    fprintf(stderr, "zelvind_bench: other process: %s\n", error.what());
+    fprintf(stderr, "bench: another process failed: %s\n", error.what());
     _exit(1);
   }
 }
