@@ -158,7 +158,7 @@ void subscribe_much(const Target& target, std::mt19937& random) {
   const Descriptor poster = poster_of(target);
   static char bytes[65536];
   for (;; wait_ms(10)) {
-    send_now(poster, "1 " + std::to_string(random() % 100) + stem + "\n");
+    send_now(poster, "1 c" + std::to_string(random() % 100) + stem + "\n");
     for (const Descriptor& client : clients) {
       while (recv(client.get(), bytes, sizeof(bytes), MSG_DONTWAIT) == sizeof(bytes)) {
       }

@@ -90,7 +90,7 @@ const std::vector<Scene> kScenes = {
     {"slow-readers", "twenty slow readers", read_slowly, {kPad}, kSlowClients},
     {"silent", "1,000 silent connections", stay_silent, {}, {false, 0, 0, 0, 3000}},
     {"many-names", "900 clients with 65 KB of names, 100 names in turn", subscribe_much, {}, {false, 0, 2000, 0, 0}},
-    {"flood-8", "8 flooding posters, handlers of 0.2 ms", flood_eight, {}, {false, 2000, 4000, 0, 0}},
+    {"flood-8", "8 flooding posters, handlers of 0.2 ms", flood_eight, {}, {false, 5000, 10000, 0, 0}},
     {"flood-255", "255 flooding posters", flood_many, {}, {false, 2000, 4000, 0, 0}},
     {"trickle-256", "256 posters that each end a line every 4 s", trickle, {0, true}, {false, 500, 5000, 0, 0}},
     {"rubbish", "rubbish to both sockets", send_rubbish, {}, {false, 500, 3000, 0, 3000}},
