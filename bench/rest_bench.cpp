@@ -18,7 +18,7 @@ constexpr useconds_t kSettleUs = 100000;
 constexpr useconds_t kIdleUs = 5000000;
 constexpr int kManyClients = 1000;
 constexpr int kBurstClients = 100;
-constexpr int kBurst = 50000;
+constexpr int kBurst = 51200;  // whole batches
 constexpr int kBatch = 64;
 
 double seconds_of_true() {
@@ -69,21 +69,26 @@ void idle(const std::string& program, Figures& figures) {
   figures["stop_ms"] = daemon.stop() * 1000;
 }
 
-void memory(const std::string& program, Figures& figures) {
+void memory_after_burst(const std::string& program, Figures& figures) {
   DaemonProcess daemon({program, true, handler_of(kEventName, "")});
   daemon.start();
-  const Descriptor poster = daemon.connect_poster();
   {
     Clients clients(daemon.port(), kBurstClients);
-    clients.subscribe_now(kEventName, kEventName, poster.get());
+    clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
     PeerProcess posting([&daemon](Channel&) { post_lines(daemon.connect_poster().get(), kBurst, kBatch); });
-    clients.read_bytes(event_packet().size() * (kBurst + kBatch - kBurst % kBatch));
+    clients.read_bytes(event_packet().size() * kBurst);
     figures["rss_in_burst_kib"] = daemon.memory_kib();
   }
   usleep(kSettleUs * 20);
   figures["rss_after_burst_kib"] = daemon.memory_kib();
+}
+
+void memory(const std::string& program, Figures& figures) {
+  memory_after_burst(program, figures);
+  DaemonProcess daemon({program, true, handler_of(kEventName, "")});
+  daemon.start();
   Clients clients(daemon.port(), kManyClients);
-  clients.subscribe_now(kEventName, kEventName, poster.get());
+  clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
   usleep(kSettleUs * 10);
   figures["rss_1000_clients_kib"] = daemon.memory_kib();
 }
