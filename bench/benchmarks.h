@@ -3,10 +3,12 @@
 
 void add_dispatch_benchmark();
 void add_poster_benchmarks();
-void add_schedule_benchmarks();
+void add_lateness_benchmark();
 void add_forward_benchmarks();
 void add_match_benchmark();
-void add_start_benchmark();
+void add_fairness_benchmarks();
+void add_rest_benchmarks();
+void add_growth_benchmarks();
 
 // Events per second of the `dispatch` benchmark's loop, measured now: what other rates are compared with.
 double dispatch_rate();

@@ -1,12 +1,18 @@
 #include "bench/figures.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <map>
 #include <ostream>
 
+#include "bench/daemon_process.h"
+
 namespace {
+
+constexpr unsigned kLimitS = 300;  // of one repetition: should another process fail, it may wait for ever
 
 enum class Bound { at_most, at_least };
 
@@ -23,6 +29,18 @@ constexpr Target kTargets[] = {
     {"post_batch", "to_dispatch", Bound::at_least, 0.7},
     {"coroutine_lateness", "p99_us", Bound::at_most, 2000},
     {"start", "rss_kib", Bound::at_most, 6144},
+    {"start", "first_connection_ms", Bound::at_most, 8},
+    {"start", "first_event_ms", Bound::at_most, 10},
+    {"idle", "wakeups_per_s", Bound::at_most, 2},
+    {"idle", "wakeups_10_clients_per_s", Bound::at_most, 2},
+    {"idle", "stop_ms", Bound::at_most, 50},
+    {"memory", "rss_1000_clients_kib", Bound::at_most, 10240},
+    {"memory", "rss_after_burst_kib", Bound::at_most, 4608},
+    {"fairness/8", "p50_ms", Bound::at_most, 1000},
+    {"fairness/8", "max_ms", Bound::at_most, 2000},
+    {"fairness/255", "p50_ms", Bound::at_most, 600},
+    {"growth/timers/60000/packaged", "to_first", Bound::at_most, 1.1},
+    {"growth/coroutines/60000/packaged", "to_first", Bound::at_most, 1.1},
     {"forward_single/1", "p50_ratio", Bound::at_most, 1.3},
     {"forward_single/1", "p99_ratio", Bound::at_most, 1.3},
     {"forward_single/10", "p50_ratio", Bound::at_most, 1.3},
@@ -63,6 +81,7 @@ std::string number(double value) {
 void add_benchmark(const std::string& name, int repetitions, const std::function<void(Figures&)>& measure) {
   const auto run = [measure](benchmark::State& state) {
     try {
+      alarm(kLimitS);
       for (auto _ : state) measure(state.counters);
     } catch (const std::exception& error) {
       state.SkipWithError(error.what());
@@ -71,10 +90,21 @@ void add_benchmark(const std::string& name, int repetitions, const std::function
   benchmark::RegisterBenchmark(name.c_str(), run)->Iterations(1)->Repetitions(repetitions);
 }
 
+void measure_daemons(Figures& figures, const std::function<void(const std::string& program, Figures&)>& measure) {
+  Figures other;
+  const std::string other_program = other_daemon_program();
+  if (!other_program.empty()) measure(other_program, other);
+  measure(daemon_program(), figures);
+  for (const auto& [figure, counter] : other) {
+    figures["other_" + figure] = counter;
+    figures[figure + "_to_other"] = figures[figure] / counter;
+  }
+}
+
 bool FigureTable::ReportContext(const Context& context) {
   PrintBasicContext(&GetOutputStream(), context);
   GetOutputStream().flush();
-  printf("%-20s %-22s %12s   %-27s %s\n", "benchmark", "figure", "median", "lowest .. highest", "target");
+  printf("%-32s %-26s %12s   %-27s %s\n", "benchmark", "figure", "median", "lowest .. highest", "target");
   return true;
 }
 
@@ -83,7 +113,7 @@ void FigureTable::ReportRuns(const std::vector<Run>& runs) {
   std::map<std::string, std::vector<double>> figures;
   for (const Run& run : runs) {
     if (run.error_occurred) {
-      printf("%-20s failed: %s\n", name.c_str(), run.error_message.c_str());
+      printf("%-32s failed: %s\n", name.c_str(), run.error_message.c_str());
       ++failed;
     }
     if (run.run_type != Run::RT_Iteration) continue;
@@ -92,7 +122,7 @@ void FigureTable::ReportRuns(const std::vector<Run>& runs) {
   for (auto& [figure, values] : figures) {
     const double median = percentile(values, 0.5);
     const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());
-    printf("%-20s %-22s %12s   %-27s", name.c_str(), figure.c_str(), number(median).c_str(),
+    printf("%-32s %-26s %12s   %-27s", name.c_str(), figure.c_str(), number(median).c_str(),
            (number(*lowest) + " .. " + number(*highest)).c_str());
     if (const Target* const target = find_target(name, figure)) {
       printf(" %s %s", target->bound == Bound::at_most ? "at most" : "at least", number(target->value).c_str());
@@ -108,11 +138,4 @@ void FigureTable::ReportRuns(const std::vector<Run>& runs) {
 
 void FigureTable::Finalize() {
   printf("%d targets missed, %d repetitions failed\n", missed, failed);
-}
-
-double percentile(std::vector<double>& samples, double share) {
-  const size_t index = std::min(samples.size() - 1, static_cast<size_t>(static_cast<double>(samples.size()) * share));
-  const auto at = samples.begin() + static_cast<std::ptrdiff_t>(index);
-  std::nth_element(samples.begin(), at, samples.end());
-  return *at;
 }

@@ -7,15 +7,20 @@
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "bench/measure.h"
 
 using Figures = benchmark::UserCounters;
 
 // Has `measure` run once per repetition; it fills in the figures, or throws.
 void add_benchmark(const std::string& name, int repetitions, const std::function<void(Figures&)>& measure);
+
+// Has `measure` run for the daemon that is measured and, when there is another one to compare with, for that one right
+// before; adds other_FIGURE and FIGURE_to_other then.
+void measure_daemons(Figures& figures, const std::function<void(const std::string& program, Figures&)>& measure);
 
 // Prints one line per figure, with the target where there is one, and at the end how many targets were missed.
 class FigureTable : public benchmark::BenchmarkReporter {
@@ -30,15 +35,3 @@ class FigureTable : public benchmark::BenchmarkReporter {
   int missed = 0;
   int failed = 0;
 };
-
-class Stopwatch {
- public:
-  double seconds() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point start = Clock::now();
-};
-
-// The value below which `share` (0 to 1) of the samples lie; reorders them. There must be one at least.
-double percentile(std::vector<double>& samples, double share);

@@ -4,20 +4,14 @@
 
 #include <algorithm>
 #include <ctime>
-#include <optional>
-#include <stdexcept>
-#include <utility>
 
 #include "bench/benchmarks.h"
 #include "bench/clients.h"
+#include "bench/daemon_process.h"
 #include "bench/figures.h"
 #include "bench/loop_here.h"
 #include "bench/peer_process.h"
 #include "bench/posters.h"
-#include "device/event_queue.h"
-#include "listener/client_protocol.h"
-#include "listener/manager_listener.h"
-#include "util/text.h"
 
 namespace {
 
@@ -26,63 +20,6 @@ constexpr long kPauseNs = 2000000;
 constexpr int kBurst = 200000;
 constexpr int kSendFloorDeliveries = 400000;
 constexpr int kBatch = 64;
-
-constexpr char kSync[] = "sync";
-
-std::string event_packet() {
-  event_item event{1, {0, 0}, "", kEventInfo};
-  copy_text(event.type_name, sizeof(event.type_name), kEventName);
-  const EventPacket packet(event);
-  return std::string(packet.data(), packet.size());
-}
-
-// The daemon's loop and listener, in this process; the event has an empty handler.
-class ForwardingDaemon {
- public:
-  ForwardingDaemon() : port(free_port()), loop(handler_of(kEventName, "")) {
-    write_settings(bench_root(), "listener_port = " + std::to_string(port) + "\n");
-    listener.emplace();
-  }
-  ~ForwardingDaemon() {
-    if (is_running) loop.stop();
-  }
-
-  // Once the other processes have been started.
-  void start() {
-    if (listener->start() < 0) throw std::runtime_error("the listener has no port");
-    loop.start();
-    is_running = true;
-  }
-
-  // Returns when all clients of the other process have their subscriptions and nothing is under way to them any more.
-  void await_subscriptions(Channel& clients) {
-    clients.signal();
-    do {
-      post(1, kEventName, "probe");
-    } while (!clients.wait_for(20));
-    post(1, kEventName, kSync);
-    clients.wait();
-  }
-
-  const int port;
-
- private:
-  LoopHere loop;
-  std::optional<ManagerListener> listener;
-  bool is_running = false;
-};
-
-// The other side of await_subscriptions.
-Clients subscribed_clients(int port, int count, Channel& daemon) {
-  daemon.wait();
-  Clients clients(port, count);
-  clients.subscribe(kEventName);
-  clients.read_something();
-  daemon.signal();
-  clients.read_to(std::string(kSync, sizeof(kSync)));
-  daemon.signal();
-  return clients;
-}
 
 // Posts events and has all clients receive them, one after the other. Returns the times from send to the last receipt,
 // in us.
@@ -100,67 +37,61 @@ std::vector<double> relay_times(const Descriptor& poster, Clients& clients) {
   return times;
 }
 
-std::vector<double> daemon_times(int count) {
-  ForwardingDaemon daemon;
-  PeerProcess peer([&](Channel& parent) {
-    Clients clients = subscribed_clients(daemon.port, count, parent);
-    parent.give(relay_times(connect_poster(), clients));
-  });
+void daemon_times(const std::string& program, Figures& figures, int count) {
+  DaemonProcess daemon({program, true, handler_of(kEventName, "")});
   daemon.start();
-  daemon.await_subscriptions(peer.channel());
-  return peer.channel().receive();
+  const Descriptor poster = daemon.connect_poster();
+  Clients clients(daemon.port(), count);
+  clients.subscribe_now(kEventName, kEventName, poster.get());
+  std::vector<double> times = relay_times(poster, clients);
+  figures["p50_us"] = percentile(times, 0.5);
+  figures["p99_us"] = percentile(times, 0.99);
 }
 
-std::vector<double> bare_times(int count) {
+// The relay is another process, as the daemon is.
+void bare_times(Figures& figures, int count) {
   const BareSocket socket;
   BareServer server;
-  PeerProcess peer([&](Channel& parent) {
-    Clients clients(server.port(), count);
-    const std::vector<double> times = relay_times(connect_poster(socket.path), clients);
-    parent.give(times);
+  PeerProcess relay([&](Channel&) {
+    const std::vector<Descriptor> connections = server.accept_clients(count);
+    const Descriptor poster = socket.accept_poster();
+    const std::string packet = event_packet();
+    char line[4096];
+    while (recv(poster.get(), line, sizeof(line), 0) > 0) {
+      for (const Descriptor& connection : connections) send_whole(connection.get(), packet.data(), packet.size());
+    }
   });
-  const std::vector<Descriptor> connections = server.accept_clients(count);
-  const Descriptor poster = socket.accept_poster();
-  const std::string packet = event_packet();
-  char line[4096];
-  while (recv(poster.get(), line, sizeof(line), 0) > 0) {
-    for (const Descriptor& connection : connections) send_whole(connection.get(), packet.data(), packet.size());
-  }
-  return peer.channel().receive();
+  Clients clients(server.port(), count);
+  std::vector<double> times = relay_times(connect_poster(socket.path), clients);
+  figures["floor_p50_us"] = percentile(times, 0.5);
+  figures["floor_p99_us"] = percentile(times, 0.99);
 }
 
 void forward_single(Figures& figures, int count) {
-  std::vector<double> floor = bare_times(count);
-  std::vector<double> times = daemon_times(count);
-  for (const auto& [name, share] : {std::pair("p50", 0.5), std::pair("p99", 0.99)}) {
-    const std::string figure = name;
-    const double time = percentile(times, share);
-    const double floor_time = percentile(floor, share);
-    figures[figure + "_us"] = time;
-    figures["floor_" + figure + "_us"] = floor_time;
-    figures[figure + "_ratio"] = time / floor_time;
-  }
+  bare_times(figures, count);
+  measure_daemons(figures,
+                  [count](const std::string& program, Figures& measured) { daemon_times(program, measured, count); });
+  figures["p50_ratio"] = figures["p50_us"] / figures["floor_p50_us"];
+  figures["p99_ratio"] = figures["p99_us"] / figures["floor_p99_us"];
 }
 
-// Deliveries per second.
-double daemon_rate(int count) {
-  ForwardingDaemon daemon;
-  PeerProcess reader([&](Channel& parent) {
-    Clients clients = subscribed_clients(daemon.port, count, parent);
-    clients.read_bytes(event_packet().size() * kBurst);
-    parent.signal();
-  });
-  PeerProcess poster([](Channel& parent) {
-    const Descriptor connection = connect_poster();
+void daemon_rate(const std::string& program, Figures& figures, int count, bool packaged) {
+  DaemonProcess daemon({program, packaged, handler_of(kEventName, "")});
+  daemon.start();
+  PeerProcess poster([&daemon](Channel& parent) {
+    const Descriptor connection = daemon.connect_poster();
     parent.wait();
     post_lines(connection.get(), kBurst, kBatch);
   });
-  daemon.start();
-  daemon.await_subscriptions(reader.channel());
+  Clients clients(daemon.port(), count);
+  clients.subscribe_now(kEventName, kEventName, daemon.connect_poster().get());
+  const double cpu_before = daemon.cpu_ns();
   const Stopwatch watch;
   poster.channel().signal();
-  reader.channel().wait();
-  return double{kBurst} * count / watch.seconds();
+  clients.read_bytes(event_packet().size() * kBurst);
+  const double deliveries = double{kBurst} * count;
+  figures["deliveries_per_s"] = deliveries / watch.seconds();
+  figures["cpu_ns_per_event"] = (daemon.cpu_ns() - cpu_before) / kBurst;
 }
 
 // Deliveries per second of bare sends, `batch` packets in each.
@@ -183,15 +114,14 @@ double bare_rate(int count, int events, int batch) {
   return static_cast<double>(events) * count / watch.seconds();
 }
 
-void forward_burst(Figures& figures, int count) {
-  const double send_floor = bare_rate(count, std::min(kBurst, kSendFloorDeliveries / count), 1);
-  const double batch_floor = bare_rate(count, kBurst, kBatch);
-  const double rate = daemon_rate(count);
-  figures["deliveries_per_s"] = rate;
-  figures["send_floor_per_s"] = send_floor;
-  figures["batch_floor_per_s"] = batch_floor;
-  figures["to_send_floor"] = rate / send_floor;
-  figures["to_batch_floor"] = rate / batch_floor;
+void forward_burst(Figures& figures, int count, bool packaged) {
+  figures["send_floor_per_s"] = bare_rate(count, std::min(kBurst, kSendFloorDeliveries / count), 1);
+  figures["batch_floor_per_s"] = bare_rate(count, kBurst, kBatch);
+  measure_daemons(
+      figures, [=](const std::string& program, Figures& measured) { daemon_rate(program, measured, count, packaged); });
+  const double rate = figures["deliveries_per_s"];
+  figures["to_send_floor"] = rate / figures["send_floor_per_s"];
+  figures["to_batch_floor"] = rate / figures["batch_floor_per_s"];
   figures["to_dispatch"] = rate / dispatch_rate();
 }
 
@@ -201,6 +131,7 @@ void add_forward_benchmarks() {
   for (const int count : {1, 10, 100}) {
     const std::string suffix = "/" + std::to_string(count);
     add_benchmark("forward_single" + suffix, 7, [count](Figures& figures) { forward_single(figures, count); });
-    add_benchmark("forward_burst" + suffix, 5, [count](Figures& figures) { forward_burst(figures, count); });
+    add_benchmark("forward_burst" + suffix, 5, [count](Figures& figures) { forward_burst(figures, count, true); });
   }
+  add_benchmark("forward_burst/1/absent", 5, [](Figures& figures) { forward_burst(figures, 1, false); });
 }

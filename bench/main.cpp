@@ -1,5 +1,6 @@
 // Runs the benchmarks below a temporary DEVICE_ROOT, with the log in a file there. Options are those of Google
-// Benchmark; --benchmark_out=FILE has all figures of all repetitions.
+// Benchmark; --benchmark_out=FILE has all figures of all repetitions. ZELVIND_BENCH_DAEMON names the daemon to measure
+// (the one of this build otherwise), ZELVIND_BENCH_AGAINST another one that is measured in turn with it.
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -25,7 +26,6 @@ int main(int argc, char** argv) {
   elog_set_level("zelvind", 1);
   errlog_init(3, "zelvind");
   signal(SIGPIPE, SIG_IGN);
-  alarm(900);  // should another process fail, the loop here waits for its events
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   descriptors.rlim_cur = std::min<rlim_t>(descriptors.rlim_max, 4096);  // for a thousand clients
@@ -33,10 +33,12 @@ int main(int argc, char** argv) {
 
   add_dispatch_benchmark();
   add_poster_benchmarks();
-  add_schedule_benchmarks();
+  add_lateness_benchmark();
   add_forward_benchmarks();
   add_match_benchmark();
-  add_start_benchmark();
+  add_fairness_benchmarks();
+  add_rest_benchmarks();
+  add_growth_benchmarks();
   FigureTable table;
   benchmark::RunSpecifiedBenchmarks(&table);
   std::filesystem::remove_all(root);

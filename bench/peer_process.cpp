@@ -69,14 +69,20 @@ PeerProcess::PeerProcess(const std::function<void(Channel&)>& body) {
     body(other_end);
     _exit(0);
   } catch (const std::exception& error) {
-    fprintf(stderr, "zelvind_bench: other process: %s\n", error.what());
+    fprintf(stderr, "bench: another process failed: %s\n", error.what());
     _exit(1);
   }
 }
 
 PeerProcess::~PeerProcess() {
-  if (std::uncaught_exceptions() > 0) kill(pid, SIGKILL);
+  if (std::uncaught_exceptions() > 0) end();
+  if (pid > 0) waitpid(pid, nullptr, 0);
+}
+
+void PeerProcess::end() {
+  kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
+  pid = 0;
 }
 
 void send_whole(int fd, const void* bytes, size_t size) {

@@ -28,12 +28,15 @@ class PeerProcess {
  public:
   // Starts `body` in a forked process, which ends with it. The caller must have no other threads.
   explicit PeerProcess(const std::function<void(Channel&)>& body);
-  // Waits for its end; a peer that is still at work because something failed here is killed.
+  // Waits for its end, unless end() was called; a peer that is still at work because something failed here is killed.
   ~PeerProcess();
   PeerProcess(const PeerProcess&) = delete;
   PeerProcess& operator=(const PeerProcess&) = delete;
 
   Channel& channel() { return own_end; }
+
+  // Kills it: for one that goes on for ever.
+  void end();
 
  private:
   Channel own_end;

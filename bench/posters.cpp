@@ -6,7 +6,10 @@
 
 #include "bench/loop_here.h"
 #include "bench/peer_process.h"
+#include "device/event_queue.h"
 #include "device/event_source.h"
+#include "listener/client_protocol.h"
+#include "util/text.h"
 #include "util/unix_socket.h"
 
 Descriptor connect_poster() {
@@ -23,6 +26,13 @@ void post_lines(int poster, int count, int batch) {
   std::string lines;
   for (int i = 0; i < batch; ++i) lines += kEventLine;
   for (int i = 0; i < count; i += batch) send_whole(poster, lines.data(), lines.size());
+}
+
+std::string event_packet() {
+  event_item event{1, {0, 0}, "", kEventInfo};
+  copy_text(event.type_name, sizeof(event.type_name), kEventName);
+  const EventPacket packet(event);
+  return std::string(packet.data(), packet.size());
 }
 
 BareSocket::BareSocket() : path(bench_root() + "/bare.sock"), listening(unix_stream_socket()) {

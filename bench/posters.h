@@ -20,6 +20,9 @@ Descriptor connect_poster(const std::string& path);
 // Sends `count` event lines, `batch` in one send, as fast as they are taken.
 void post_lines(int poster, int count, int batch);
 
+// The packet that a network client gets for it.
+std::string event_packet();
+
 // A bare Unix socket to post to, for floors.
 class BareSocket {
  public:

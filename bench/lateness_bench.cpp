@@ -72,6 +72,6 @@ void coroutine_lateness(Figures& figures) {
 
 }  // namespace
 
-void add_schedule_benchmarks() {
+void add_lateness_benchmark() {
   add_benchmark("coroutine_lateness", 5, coroutine_lateness);
 }
