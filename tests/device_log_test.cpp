@@ -107,9 +107,8 @@ TEST_F(DeviceLog, FilesAndWhatIsNone) {
   EXPECT_EQ(logged(), std::string(1024 * 1024 + 1, 'x') + "\n");
   testing::internal::CaptureStderr();
   for (int i = 0; i < 2; ++i) log_to("file:/no/such/\x1b[2Jfile");
-  EXPECT_EQ(
-      testing::internal::GetCapturedStderr(),
-      "log: cannot open the file of ELOG_TARGET (No such file or directory) 'file:/no/such/?[2Jfile': using syslog\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "log: failed to open '/no/such/\\x1b[2Jfile' of ELOG_TARGET: No such file or directory; using syslog\n");
   elog_set_level("zelvind", 3);
   for (int level = 1; level <= 3; ++level) elog(level, "a\nb");
   EXPECT_EQ(g_syslog, "5 a|5 b|6 a|6 b|7 a|7 b|");
