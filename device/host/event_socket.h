@@ -33,7 +33,7 @@ class EventSocket {
   void close();
 
   // 0 while this process does not have the socket, else another number for each one that it has made. Any thread.
-  int number() const { return is_made.load(std::memory_order_relaxed); }
+  int number() const { return current_number.load(std::memory_order_relaxed); }
 
   // The listening descriptor, non-blocking and owned by this object; -1: there is none.
   int descriptor() const { return listening.get(); }
@@ -61,7 +61,7 @@ class EventSocket {
   Descriptor lock;
   Descriptor listening;
   Descriptor changes;
-  std::atomic<int> is_made{0};  // number()
+  std::atomic<int> current_number{0};  // number()
   int made = 0;                 // sockets so far
   pid_t maker = 0;              // the process that made the socket file; 0: there is none
   dev_t device = 0;             // what identifies the socket file
