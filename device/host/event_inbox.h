@@ -2,8 +2,8 @@
 // from other processes. The script thread takes them.
 //
 // Each source has a bound of its own, so that one cannot keep the other out; posters are not read while their share is
-// full (event_posters.h). Who adds an event wakes the script thread through a descriptor, and only when that thread has
-// said that it is going to sleep: a burst costs one wake-up, and no system call while the loop is busy.
+// full (event_posters.h). Adding an event wakes the script thread through a descriptor, but only if that thread has
+// announced that it goes to sleep: a burst costs one wake-up, and no system call while the loop is busy.
 #pragma once
 
 #include <atomic>
@@ -22,14 +22,14 @@ class EventInbox {
   // Opens for posts. Returns false, with errno set, when there is no descriptor left. Main thread, as close().
   bool open();
 
-  // Refuses all later posts and frees what waits. The other threads that add and take must have ended, except those
-  // that post.
+  // Refuses all later posts and frees the events that wait. Other threads may still call post(), and nothing else.
   void close();
 
   // Adds an event of the process: 1 queued, -1 closed, -2 full. `name` must be a good name. Any thread, at any time.
   int post(int type, std::string_view name, std::string_view info);
 
-  // Adds `count` events of other processes, `bytes` big together; `records` is empty afterwards. Whoever reads them.
+  // Adds `count` events of other processes, `bytes` in all; `records` is empty afterwards. The thread that has read
+  // them.
   void add(RecordList& records, uint32_t count, size_t bytes);
 
   // The oldest event, or null. Script thread.
@@ -58,27 +58,27 @@ class EventInbox {
   // Changes whenever an event has come or gone. Any thread.
   uint32_t traffic() const;
 
-  // True when nothing waits and nobody has called wake(); from then on an event that comes makes wake_descriptor()
-  // ready, until woke_up(). Script thread, as woke_up().
+  // True when no event waits and nobody has called wake(). From then until woke_up(), a new event makes
+  // wake_descriptor() ready. Script thread, as woke_up().
   bool may_sleep();
   void woke_up() { is_sleeping.store(false, std::memory_order_relaxed); }
 
-  // Has the script thread return from its sleep, or else not begin the next one, until it has asked take_wake(), which
-  // is then true once. Any thread; take_wake() script thread.
+  // Ends the sleep of the script thread, or prevents its next one: take_wake() is then true once. wake() any thread,
+  // take_wake() script thread.
   void wake();
   bool take_wake() { return is_woken.load(std::memory_order_relaxed) && is_woken.exchange(false); }
 
-  // Waits for wake() and nothing else, at most timeout_ms: for a queue that could not be opened. Script thread.
+  // Waits for wake() alone, at most timeout_ms: for a queue that could not be opened. Script thread.
   void sleep(int timeout_ms);
 
-  // Becomes readable at each wake-up. It is never read: to be watched for edges.
+  // Becomes readable at each wake-up. It is never read: watch it for edges.
   int wake_descriptor() const { return wake_fd; }
 
-  // Makes an edge in any case: the stand-in reader sleeps on it, too. Main thread.
+  // Makes wake_descriptor() ready in any case, since the stand-in reader sleeps on it, too. Main thread.
   void wake_stand_in();
 
-  // Makes a new edge if the script thread sleeps: for another thread that has watched the descriptor and may have seen
-  // the edge in its place.
+  // Makes wake_descriptor() ready again if the script thread sleeps: for a thread that may have taken the edge that was
+  // meant for it.
   void pass_on_wake();
 
   // The number of posts refused since the last call because the queue was full. Any thread.

@@ -104,10 +104,10 @@ bool EventPosters::wait(int timeout_ms) {
 }
 
 EventPosters::Work EventPosters::read_piece() {
-  // A script may be eating it, and lose it soon: until then what comes can wait.
+  // A script may be using it all up, and give it back soon: until then the posters can wait.
   if (!has_memory_for_a_piece()) return Work::held_up;
   const MutexLock lock(mutex);
-  if (turn_count == 0 || has_room()) {  // who has become ready comes behind one turn of the others, not behind all
+  if (turn_count == 0 || has_room()) {  // who becomes ready waits for one turn of the others, not for all
     Ready ready;
     collect(ready, 0);
     note(ready);
@@ -168,7 +168,7 @@ void EventPosters::queue_turn(Poster& poster) {
   turns[(first_turn + turn_count++) % kPostersMax] = static_cast<uint8_t>(places.index_of(poster));
 }
 
-// Gives the next poster its turn. With what it was left from its last one it does not receive.
+// Gives the next poster its turn. It receives nothing as long as something is left from its last turn.
 void EventPosters::take_turn() {
   Poster& poster = places.at(turns[first_turn]);
   first_turn = (first_turn + 1) % kPostersMax;
@@ -273,8 +273,8 @@ bool EventPosters::accept_one() {
   return true;
 }
 
-// All places are taken: if somebody waits, the first to go leaves as soon as all it has sent is read, in its turns like
-// everybody. Returns true when there is a place.
+// For when all places are taken. If somebody waits, tells the first to go to leave; it is then read empty in its turns,
+// like everybody, and leaves at its end. Returns true when there is a place.
 bool EventPosters::make_place() {
   pollfd waiting{socket.descriptor(), POLLIN, 0};
   someone_waits = poll(&waiting, 1, 0) != 0;
@@ -292,7 +292,7 @@ bool EventPosters::make_place() {
   return false;
 }
 
-// Frees a place, and may free the descriptor that somebody waits for.
+// Frees a place and a descriptor: somebody may be waiting for either.
 void EventPosters::leave(Poster& poster) {
   if (poster.is_leaving) someone_leaves = false;
   accept_not_before = 0;

@@ -3,12 +3,12 @@
 // Readiness comes from one epoll set, which also holds the descriptor that wakes the script thread for events of the
 // process itself. What is hard here is fairness with strangers:
 //   - Posters take turns in the order in which they became ready. A turn is at most kTurnEvents events while several
-//     are ready; what was received beyond waits for the next turn.
+//     are ready; the rest of what was received waits for the next turn.
 //   - Nothing is read while enough events wait in the inbox, so a poster that is faster than the loop waits in its
 //     send.
-//   - With all places taken and somebody waiting to be accepted, a connection has to go (poster_places.h), though not
-//     before all it has sent was read. The listening socket is watched for edges: a connection that cannot be accepted
-//     yet must not wake the loop again and again.
+//   - When all places are taken and somebody waits to be accepted, one connection has to go (poster_places.h), after
+//     all that it has sent has been read. The listening socket is watched for edges: a connection that cannot be
+//     accepted yet must not wake the loop again and again.
 //
 // The script thread reads, and in its place the stand-in reader (stand_in.h), one at a time under the lock; only the
 // script thread waits, without the lock, and only it makes the socket again. open and close: main thread, while neither
@@ -56,14 +56,15 @@ class EventPosters {
 
   enum class Work { done, nothing, held_up };
 
-  // Reads one piece, if there is one, without waiting: `held_up` means that something has to wait for room in the
-  // inbox, for its time, or for memory. Throws std::bad_alloc. Stand-in reader.
+  // Reads one piece, if there is one, without waiting. `held_up`: there is something to do, but not before there is
+  // room in the inbox, or memory, or before its time has come. Throws std::bad_alloc. Stand-in reader.
   Work read_piece();
 
-  // Ready for poll(2) while anything has happened that nobody has looked at yet.
+  // Readable for poll(2) while there is anything that no thread has looked at yet.
   int descriptor() const { return epoll.get(); }
 
-  // Gives memory back that a burst has left. Returns the number of lines dropped since the last call. Script thread.
+  // Gives back the memory that a burst has left behind. Returns the number of lines dropped since the last call. Script
+  // thread.
   int64_t tidy_up();
 
  private:

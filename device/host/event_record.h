@@ -1,7 +1,8 @@
 // One queued event: the record that event_dequeue hands out, a link, and the info text, all in one allocation.
 //
-// Small records are all of one size and are used again: an event costs no malloc and no free while events come. At most
-// kSpareRecordsMax wait in the store and as many in a reader's hand; free_spare_records() gives their memory back.
+// Small records are all of one size and are used again, so that an event costs no malloc and no free while events come.
+// At most kSpareRecordsMax wait in the store, and as many with the reader; free_spare_records() gives their memory
+// back.
 #pragma once
 
 #include <cstddef>
@@ -45,11 +46,11 @@ class RecordList {
 };
 
 // A new record with copies of `name` (at most 127 bytes) and `info`. It is the caller's until free_record; null when
-// memory is short. Any thread. A caller that makes many gives a list of `spares`, which it keeps for the next time.
+// memory is short. Any thread. A caller that makes many passes a list of `spares`, which it keeps for the next time.
 EventRecord* make_record(EventSource source, int type, std::string_view name, std::string_view info, EventStamp stamp,
                          RecordList* spares = nullptr);
 
-// Takes a record back, for use again; null is let pass. Script thread.
+// Takes a record back, to use it again; null is ignored. Script thread.
 void free_record(EventRecord* record);
 
 // Frees the records that wait to be used again. Script thread.

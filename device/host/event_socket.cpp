@@ -66,7 +66,7 @@ bool EventSocket::make() {
   (void)registered;
   g_removed_at_exit = this;
   watch_folder();
-  is_made = ++made;
+  current_number = ++made;
   return true;
 }
 
@@ -89,7 +89,7 @@ bool EventSocket::make_again(int64_t now) {
 }
 
 void EventSocket::close() {
-  is_made = 0;
+  current_number = 0;
   changes.reset();
   remove_file();
   maker = 0;

@@ -6,8 +6,8 @@
 // alone. The lock file itself stays behind: a file that may vanish cannot carry a lock.
 //
 // A socket that could not be made is tried for again during a minute, and one that was removed or replaced is made
-// again: the kernel tells of changes in its folder (inotify), so that nothing looks at the file by the clock and a busy
-// daemon is told, too.
+// again. The kernel reports changes in its folder (inotify): nothing checks the file by the clock, and a busy daemon
+// learns of it, too.
 #pragma once
 
 #include <sys/types.h>
@@ -24,8 +24,9 @@ class EventSocket {
   // until then. Main thread, or script thread.
   bool open();
 
-  // For a call at every look, while there is no socket or take_change() was true: makes a socket when it is time for a
-  // try, or when the one that was made is not in its place any more. Returns true when there is a new one. `now` is
+  // Makes a new socket when the one that was made is no longer in its place, or when there is none and it is time for
+  // another try. Call it at every look while there is none, and when take_change() was true. Returns true when there is
+  // a new one. `now` is
   // steady_ms. Script thread.
   bool make_again(int64_t now);
 
@@ -33,16 +34,16 @@ class EventSocket {
   void close();
 
   // 0 while this process does not have the socket, else another number for each one that it has made. Any thread.
-  int number() const { return is_made.load(std::memory_order_relaxed); }
+  int number() const { return current_number.load(std::memory_order_relaxed); }
 
   // The listening descriptor, non-blocking and owned by this object; -1: there is none.
   int descriptor() const { return listening.get(); }
 
-  // Becomes readable when something in the socket's folder has changed; -1: the kernel does not tell. What changed
-  // before the socket was returned is not told.
+  // Becomes readable when something in the socket's folder changes; -1: the kernel does not report it. Changes made
+  // before open() or make_again() returned are not reported.
   int change_descriptor() const { return changes.get(); }
 
-  // Reads what change_descriptor() tells. Returns true when the socket may have been removed or replaced.
+  // Reads what change_descriptor() reports. Returns true when the socket may have been removed or replaced.
   bool take_change() const;
 
  private:
@@ -61,10 +62,10 @@ class EventSocket {
   Descriptor lock;
   Descriptor listening;
   Descriptor changes;
-  std::atomic<int> is_made{0};  // number()
-  int made = 0;                 // sockets so far
-  pid_t maker = 0;              // the process that made the socket file; 0: there is none
-  dev_t device = 0;             // what identifies the socket file
+  std::atomic<int> current_number{0};  // number()
+  int made = 0;                        // sockets so far
+  pid_t maker = 0;                     // the process that made the socket file; 0: there is none
+  dev_t device = 0;                    // what identifies the socket file
   ino_t inode = 0;
   int64_t not_before = 0;  // steady_ms; when to try again
   int64_t not_after = 0;   // 0: the loop has not tried yet

@@ -42,7 +42,7 @@ int PosterPlaces::of_process(const Poster& poster) const {
   return static_cast<int>(std::count_if(std::begin(posters), std::end(posters), same));
 }
 
-// Counts for each anew: that is 50 us, and a connection is closed for it.
+// Counts anew for each place, which takes some 50 us: it happens when a connection is closed.
 Poster& PosterPlaces::first_to_go() {
   Poster* first = nullptr;
   std::tuple<int, int, int64_t> most;

@@ -10,7 +10,7 @@
 #include "device/host/poster_lines.h"
 
 constexpr int kPostersMax = 256;
-constexpr int kPosterHoldMs = 1000;  // a place is nobody's to take for so long: a burst of short posts fits in
+constexpr int kPosterHoldMs = 1000;  // nobody is told to leave earlier: a burst of short posts gets through
 
 struct Poster {
   int fd = -1;  // -1: a free place
@@ -35,8 +35,8 @@ class PosterPlaces {
   void leave(Poster& poster);
   void leave_all();
 
-  // Who has to go when all places are taken: of the process with most connections, or where each has one of the user
-  // with most, the connection that has been silent longest. The caller heeds kPosterHoldMs.
+  // Returns the connection that has to go when all places are taken: of the process with most connections, or of the
+  // user with most where each process has one, the one that has been silent longest. The caller heeds kPosterHoldMs.
   Poster& first_to_go();
 
   // The number of connections of the poster's process.

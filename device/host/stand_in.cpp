@@ -54,7 +54,7 @@ void StandIn::run() {
   }
 }
 
-// Until there is something to read, or a call of stop(); the loop's own wake-ups count, too.
+// Sleeps until there is something to read, or stop() is called. A wake-up that is meant for the loop ends it, too.
 void StandIn::sleep() {
   pollfd set{posters.descriptor(), POLLIN, 0};
   if (ppoll(&set, 1, nullptr, nullptr) < 0) pause(kSilenceMs);

@@ -1,12 +1,11 @@
 // A thread that reads from posters while the event loop does not: during a long handler, a load, a reload, a sleep. So
-// events have the time stamps of their coming, and who posts them is not kept waiting.
+// events are stamped when they come, and posters are not kept waiting.
 //
 // The loop reads for itself whenever it looks for events: a thread in between would double the time that a single event
-// takes. So this thread asks every kTickMs whether the loop has looked since it asked before, and only reads when it
+// takes. So this thread checks every kTickMs whether the loop has looked since the last check, and reads only when it
 // has not, one piece at a time until the loop looks again: an event is read at most twice kTickMs late. It ticks while
-// events come. When none has come for kSilenceMs it sleeps, in poll(2) on the set of the posters, until the kernel
-// finds something to be read there, whoever should have read it: an event that ends a silence wakes it, no other does,
-// and neither that nor anything else costs the loop a system call.
+// events come. After kSilenceMs without one it sleeps in poll(2) on the posters' epoll set. So the kernel wakes it with
+// the first event after a silence, whatever the loop does at that moment, and it costs the loop no system call.
 #pragma once
 
 #include <pthread.h>
@@ -20,12 +19,12 @@
 
 constexpr int kTickMs = 4;
 constexpr int kSilenceMs = 100;
-constexpr int kLongestPauseMs = 500;  // between looks whether a full inbox has room again, when nobody takes from it
+constexpr int kLongestPauseMs = 500;  // between checks for room, while the inbox is full and nobody takes from it
 
-// Whether the loop looks for events, and how often it has.
+// Tells whether the loop looks for events right now, and how often it has.
 class LoopLooks {
  public:
-  // The loop looks as long as this lives. Script thread.
+  // Lives while the loop looks. Script thread.
   class Look {
    public:
     explicit Look(LoopLooks& the_looks) : looks(the_looks) { looks.step(); }
@@ -51,7 +50,7 @@ class StandIn {
   StandIn(const LoopLooks& the_looks, EventPosters& the_posters, EventInbox& the_inbox)
       : looks(the_looks), posters(the_posters), inbox(the_inbox) {}
 
-  // Starts the thread, with everything open; without it, the log says so and the loop reads alone. Main thread.
+  // Starts the thread, once everything is open. If it cannot, the log says so and the loop reads alone. Main thread.
   void start();
 
   // Ends and joins it. Main thread, before anything is closed.
