@@ -120,7 +120,8 @@ void ManagerListener::end_burst() {
 // Returns false when the peer has closed its end.
 bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
   client.read_tick = tick;
-  client.is_held_off = !client.recv_buf.reserve(kPieceSize);
+  // Room for the whole packet, or none: many half ones would leave no memory to complete any.
+  client.is_held_off = !client.recv_buf.reserve(client.awaited + kPieceSize);
   if (client.is_held_off) return true;
   char piece[kPieceSize];
   // Poll has seen bytes, or an end; should they be gone again, this thread must not hang here.
@@ -134,10 +135,12 @@ bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
 
 void ManagerListener::take_packets(ListenerClient& client) {
   ClientBuffer& held = client.recv_buf;
+  client.awaited = 0;
   for (;;) {
     const ClientPacket packet = next_packet(held.data(), held.size());
     switch (packet.kind) {
       case PacketKind::incomplete:
+        if (packet.length > 0) client.awaited = static_cast<size_t>(packet.length) - held.size();
         return;
       case PacketKind::reset:
         return held.clear();

@@ -364,6 +364,20 @@ TEST_F(Listener, WaitsAddUpOverConnections) {
   EXPECT_LT(held_ms, 900);  // once 300 ms, and not six times
 }
 
+TEST_F(Listener, MemoryRunsOut) {
+  start(300, 64);
+  EventClient greedy(port);
+  greedy.send_bytes(integer(65000) + std::string(2000, 'g'));  // there is no room for all of it
+  const auto client = subscribed("door");
+  forward("door", std::string(60000, '.'));
+  forward("door", "small enough");
+  EXPECT_EQ(client->read_info(), "small enough");
+  EXPECT_TRUE(standin::wait_for_line("reads again, 1 events skipped"));
+  EXPECT_EQ(standin::log_lines_with("the clients hold all of listener_memory, an event for client ").size(), 1u);
+  greedy.leave();
+  EXPECT_TRUE(standin::wait_for_line("delete client"));  // though what it has sent is not read
+}
+
 TEST_F(Listener, APortInUseIsTriedAgain) {
   Descriptor other(sock_listen_tcp(0));
   sockaddr_in address{};
