@@ -1,9 +1,9 @@
 // What the daemon holds for its clients in memory, and the bound of it.
 //
-// A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string. A
-// thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client is
-// sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its client is
-// treated as stalled, until it has taken what waits for it or others have given memory back.
+// A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string.
+// A thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client
+// is sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its
+// client is treated as stalled, until it has taken what waits for it or others have given memory back.
 #pragma once
 
 #include <atomic>
@@ -86,7 +86,7 @@ class ClientBuffer {
   }
 
  private:
-  static constexpr size_t kLine = 64;           // of the processor's cache
+  static constexpr size_t kLine = 64;             // of the processor's cache
   static constexpr size_t kUsual = 1057 * kLine;  // a full row of gathered packets, and a bit
 
   bool make_room(size_t more);

@@ -206,7 +206,8 @@ TEST(SubscriptionCache, AgreesWithTheTypeStrings) {
     const std::string name = std::to_string(below(400));  // more than are remembered
     const ClientSet& asking = cache.who_asks_for(name.c_str(), clients);
     for (size_t i = 0; i < clients.size(); ++i) {
-      const bool asks = clients[i]->type_string && match_type_string(clients[i]->type_string->c_str(), name.c_str()) > 0;
+      const bool asks =
+          clients[i]->type_string && match_type_string(clients[i]->type_string->c_str(), name.c_str()) > 0;
       ASSERT_EQ((asking.words[i / 64] >> i % 64 & 1) != 0, asks) << step;
     }
   }
@@ -245,7 +246,7 @@ TEST_F(Listener, SubscriptionsComeInAnyPieces) {
   EXPECT_EQ(standin::log_lines_with("set as"), (Lines{set_as + "door]", set_as + "mail]", set_as + much + "]"}));
 }
 
-TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
+TEST_F(Listener, ABurstLeavesWithItsLastEvent) {
   const auto client = subscribed("door");
   const Stopwatch watch;
   for (int round = 0; round < 20; ++round) {
@@ -308,7 +309,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const Stopwatch until_skipped;
   while (standin::log_lines_with(stop).size() < 2 && until_skipped.ms() < 9000) forward_numbered();
   ASSERT_LT(until_skipped.ms(), 8000);
-  EXPECT_LT(ms_of_300(), 2000);         // and none any more
+  EXPECT_LT(ms_of_300(), 2000);  // and none any more
   const Lines stops = standin::log_lines_with(stop);
   EXPECT_NE(stops[1].find(stop + " (and "), std::string::npos) << stops[1];
 
