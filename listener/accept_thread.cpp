@@ -95,8 +95,8 @@ bool ManagerListener::is_full() {
   return staying >= kClientMax || staying + kDescriptorsForOthers >= descriptors.rlim_cur;
 }
 
-// Of the address with most connections: the oldest one that has not subscribed, else the one that owes for longest. Null
-// when all of them read what they have asked for.
+// Of the address with most connections: the oldest one that has not subscribed, else the one that owes for longest.
+// Null when all of them read what they have asked for.
 ListenerClient* ManagerListener::find_victim() {
   std::unordered_map<in_addr_t, size_t> connections_of;
   size_t most = 0;

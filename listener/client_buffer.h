@@ -1,11 +1,12 @@
 // What the daemon holds for its clients in memory, and the bound of it.
 //
-// A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string. A
-// thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client is
-// sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its client is
-// treated as stalled, until it has taken what waits for it or others have given memory back.
+// A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string.
+// A thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client
+// is sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its
+// client is treated as stalled, until it has taken what waits for it or others have given memory back.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstring>
@@ -28,7 +29,7 @@ class ClientMemory {
     return false;
   }
 
-  // The same for memory that takes the place of a refused-or-granted buffer: always granted.
+  // The same without asking: for what is given back, and for what takes the place of something as large.
   void replace(size_t from, size_t to) { used += beyond(to) - beyond(from); }
 
  private:
@@ -86,10 +87,27 @@ class ClientBuffer {
   }
 
  private:
-  static constexpr size_t kLine = 64;           // of the processor's cache
-  static constexpr size_t kUsual = 1057 * kLine;  // a full row of gathered packets, and a bit
+  static constexpr size_t kLine = 64;             // of the processor's cache
+  static constexpr size_t kUsual = 1057 * kLine;  // what is gathered for one send, and a bit
 
-  bool make_room(size_t more);
+  bool make_room(size_t more) {
+    const size_t wanted = size() + more;
+    if (wanted > storage.size()) {
+      size_t capacity = std::max(wanted, 2 * storage.size());
+      if (wanted <= kUsual) capacity = std::min(capacity, kUsual);
+      // An odd number of lines: else the buffers of many clients, which fill up alike, share a few places of the
+      // caches.
+      std::vector<char> larger(((capacity + kLine - 1) / kLine | 1) * kLine);
+      if (!memory.resize(storage.size(), larger.size())) return false;
+      std::copy_n(data(), size(), larger.data());
+      storage.swap(larger);
+    } else {
+      std::copy_n(data(), size(), storage.data());  // towards the front
+    }
+    end -= start;
+    start = 0;
+    return true;
+  }
 
   ClientMemory& memory;
   std::vector<char> storage;  // [start, end) is held

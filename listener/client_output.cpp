@@ -56,7 +56,7 @@ bool ClientOutput::skip() {
   return true;
 }
 
-int ClientOutput::take_row() {
+int ClientOutput::take_gap() {
   const int number = skipped;
   skipped = 0;
   return number;

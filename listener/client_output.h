@@ -57,21 +57,21 @@ class ClientOutput {
   // Has bytes that leave as soon as somebody pushes: gathered, and not owed.
   bool is_due() const { return !bytes.empty() && !owing; }
 
-  // Counts an event that is not sent to this client. Returns true for the first one of a row.
+  // Counts an event that is not sent to this client. Returns true when a gap begins with it.
   bool skip();
 
-  // Whether a row of skipped events is over and has not been told, when it began, and its number of events. take_row
-  // counts as telling.
-  bool row_over() const { return skipped > 0 && !owing && !is_broken; }
-  Clock::time_point row_start() const { return first_skip; }
-  int take_row();
+  // Whether a gap of skipped events is over and has not been logged, when it began, and its number of events. take_gap
+  // counts as logging it.
+  bool gap_over() const { return skipped > 0 && !owing && !is_broken; }
+  Clock::time_point gap_start() const { return first_skip; }
+  int take_gap();
 
  private:
   ClientBuffer bytes;
   bool owing = false;
   bool failing = false;  // the last push failed
   bool is_broken = false;
-  int skipped = 0;  // in the row that has not been told
+  int skipped = 0;  // in the gap that has not been logged
   Clock::time_point owing_since{};
   Clock::time_point trusted_from{};
   Clock::time_point first_skip{};

@@ -28,7 +28,7 @@ ClientPacket next_packet(const char* bytes, size_t held) {
   if (length == 0) return {PacketKind::reset, 0, nullptr};
   // Before anything else is done with it: what a client announces is an index into our memory.
   if (length <= kHeaderSize || length > kSubscriptionMax) return {PacketKind::bad_length, length, nullptr};
-  if (static_cast<size_t>(length) > held) return {PacketKind::incomplete, 0, nullptr};
+  if (static_cast<size_t>(length) > held) return {PacketKind::incomplete, length, nullptr};
   if (bytes[length - 1] != '\0') return {PacketKind::bad_end, length, nullptr};
   return {PacketKind::subscription, length, bytes + kHeaderSize};
 }

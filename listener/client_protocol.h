@@ -29,7 +29,7 @@ enum class PacketKind {
 
 struct ClientPacket {
   PacketKind kind;
-  int length;               // of the packet, as announced; 0 while incomplete
+  int length;               // of the packet, as announced; 0 while that is not known
   const char* type_string;  // of a good packet: zero-terminated, inside the bytes looked at
 };
 

@@ -1,9 +1,9 @@
 // Forwarding: from the script thread to the clients.
 //
-// A send per event and client is what a burst spends its time with. So while the event queue has more at hand, packets
-// are gathered, and leave together with the last one of the row. A handler may run for long before the next event comes
-// round; what is held back until then, the event_recv thread sends. It comes round every 50 ms from the first packet that
-// is gathered until a second after the last one, so that a burst costs one wake-up and not one an event.
+// A burst spends its time with one send per event and client. So while the event queue has more, packets are gathered,
+// and leave together with the last one. A handler may run for long before the next event is forwarded; until then, the
+// event_recv thread sends what is gathered, every 50 ms. It is woken once, by the first packet of a burst, and sleeps
+// again a second after the last one.
 #include <sys/socket.h>
 #include <algorithm>
 #include <cerrno>
@@ -53,7 +53,7 @@ void ManagerListener::forward_event(const event_item* event) {
   }
 }
 
-// From the first packet that may be gathered on, the event_recv thread comes round.
+// The event_recv thread sends what is gathered, from now until the burst is over.
 void ManagerListener::note_burst() {
   was_gathered = true;
   if (is_burst) return;
@@ -75,7 +75,6 @@ void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet,
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
 }
 
-
 void ManagerListener::send_now(ListenerClient& client) {
   push(client);
   if (client.output.is_due()) slow.push_back(&client);
@@ -86,7 +85,7 @@ void ManagerListener::push(ListenerClient& client) {
   ClientOutput& output = client.output;
   const ClientOutput::Pushed pushed = output.push(client.fd);
   if (!is_burst) output.tidy();
-  if (output.row_over() && !has_untold) {
+  if (output.gap_over() && !has_untold) {
     has_untold = true;
     wake_receiver();
   }
@@ -171,23 +170,23 @@ void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
   if (known) known_wait.spend(now - before, now);
 }
 
-// Sends what clients owe and, if `also_gathered`, what is gathered. Tells of a row of skipped events that is over, of the
-// oldest one: in the end each has its turn.
+// Sends what clients owe and, if `also_gathered`, what is gathered. Logs one gap that is over, the oldest one: in the
+// end each has its turn.
 void ManagerListener::send_waiting(bool also_gathered) {
   ListenerClient* again = nullptr;
-  int rows = 0;
+  int gaps = 0;
   for (const std::unique_ptr<ListenerClient>& client : clients) {
     ClientOutput& output = client->output;
     if (output.owes() || also_gathered) push(*client);
-    if (!output.row_over()) continue;
-    ++rows;
-    if (again == nullptr || output.row_start() < again->output.row_start()) again = client.get();
+    if (!output.gap_over()) continue;
+    ++gaps;
+    if (again == nullptr || output.gap_start() < again->output.gap_start()) again = client.get();
   }
-  // What cannot be told yet is told later, with what has been skipped until then: no event is left out.
+  // A gap that cannot be logged yet is logged later, with what has been skipped until then: no event is left out.
   if (again != nullptr && again_limit.allow()) {
-    --rows;
+    --gaps;
     elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->address).text,
-         again->output.take_row());
+         again->output.take_gap());
   }
-  has_untold = rows > 0;
+  has_untold = gaps > 0;
 }

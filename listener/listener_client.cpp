@@ -14,6 +14,7 @@ PeerText::PeerText(const sockaddr_in& peer) {
 
 void ListenerClient::open(int new_fd, const sockaddr_in& peer) {
   read_tick = -1;
+  awaited = 0;
   is_held_off = is_leaving = false;
   address = peer;
   since = Clock::now();

@@ -42,7 +42,8 @@ class ListenerClient {
   // The event_recv thread's, while the client is connected.
   ClientBuffer recv_buf;     // what it has sent and the daemon has not consumed
   int64_t read_tick = -1;    // when it was read last
-  bool is_held_off = false;  // there was no memory to read more
+  size_t awaited = 0;        // bytes that its next packet lacks, as far as is known
+  bool is_held_off = false;  // there was no memory for them
 
   // Under the listener's lock.
   int fd = 0;               // 0 once closed

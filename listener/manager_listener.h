@@ -5,10 +5,10 @@
 // (receive_thread.cpp) reads what they send, removes those that have gone, and sends what a running handler holds back;
 // the script thread forwards events (forward.cpp). All of them sleep on descriptors; at rest none wakes.
 //
-// Nobody holds the lock while he waits. So a record that the script thread waits for may serve another client afterwards;
-// then nothing is due to it, since only the script thread adds to what waits. While the threads run, only the event_recv
-// thread closes a client's descriptor: it polls numbers, and a number that is closed elsewhere could be another client's
-// by the time it reads.
+// Nobody holds the lock while he waits. So a record that the script thread waits for may serve another client
+// afterwards; then nothing is due to it, since only the script thread adds to what waits. While the threads run, only
+// the event_recv thread closes a client's descriptor: it polls numbers, and a number that is closed elsewhere could be
+// another client's by the time it reads.
 #pragma once
 
 #include <poll.h>
@@ -48,8 +48,8 @@ class ManagerListener {
   // thread. Main thread, once.
   int start();
 
-  // Ends the threads and the waits of the script thread at once, sends what was held back as far as the clients take it,
-  // closes every connection. May be called again, and without start. Main thread.
+  // Ends the threads and the waits of the script thread at once, sends what was held back as far as the clients take
+  // it, closes every connection. May be called again, and without start. Main thread.
   void stop();
 
   // Sends `event` to every client that has subscribed to its type name; while the event queue has more, it may be held
@@ -111,16 +111,16 @@ class ManagerListener {
   ClientList free_clients GUARDED_BY(mutex);  // a stack
   size_t leaving GUARDED_BY(mutex) = 0;       // clients that have been given up and not yet removed
   SubscriptionCache subscriptions GUARDED_BY(mutex);
-  ClientSet gathered GUARDED_BY(mutex);          // who may have output that nobody owes; a bit too many does no harm
-  bool is_burst GUARDED_BY(mutex) = false;       // the event_recv thread comes round to send what is gathered
-  bool was_gathered GUARDED_BY(mutex) = false;   // since it did so last
-  bool has_untold GUARDED_BY(mutex) = false;     // "reads again" lines that had to wait
-  WaitBudget strangers_wait GUARDED_BY(mutex);   // of clients younger than a minute
-  WaitBudget known_wait GUARDED_BY(mutex);       // of the others
-  RateLimit skip_limit GUARDED_BY(mutex);        // the "stopped reading" lines'
-  RateLimit memory_limit GUARDED_BY(mutex);      // the lines' about memory
-  RateLimit again_limit GUARDED_BY(mutex);       // the "reads again" lines'
-  RateLimit place_limit GUARDED_BY(mutex);       // the "too many clients" lines'
+  ClientSet gathered GUARDED_BY(mutex);         // who may have output that is due; a bit too many does no harm
+  bool is_burst GUARDED_BY(mutex) = false;      // the event_recv thread sends what is gathered every 50 ms
+  bool was_gathered GUARDED_BY(mutex) = false;  // since it did so last
+  bool has_untold GUARDED_BY(mutex) = false;    // there are "reads again" lines to write
+  WaitBudget strangers_wait GUARDED_BY(mutex);  // of clients younger than a minute
+  WaitBudget known_wait GUARDED_BY(mutex);      // of the others
+  RateLimit skip_limit GUARDED_BY(mutex);       // the "stopped reading" lines'
+  RateLimit memory_limit GUARDED_BY(mutex);     // the lines' about memory
+  RateLimit again_limit GUARDED_BY(mutex);      // the "reads again" lines'
+  RateLimit place_limit GUARDED_BY(mutex);      // the "too many clients" lines'
 
   // The script thread's, during a wait.
   std::vector<ListenerClient*> slow;  // clients that did not take all at once,
@@ -136,7 +136,7 @@ class ManagerListener {
   Descriptor receive_event;
 
   // The accept thread's while it runs, else the main thread's.
-  int server_fd = 0;   // 0 when none
+  int server_fd = 0;    // 0 when none
   int tries_left = 60;  // to open the port, one a second
 
   // The main thread writes, the others read.

@@ -1,8 +1,8 @@
-// The event_recv thread: reads from the clients, takes their subscriptions, removes those that have gone, and sends what
-// the script thread holds back or slow clients owe.
+// The event_recv thread: reads from the clients, takes their subscriptions, removes those that have gone, and sends
+// what the script thread holds back or slow clients owe.
 //
-// It sleeps until one of them has something for it. A quiet client's bytes are read at once; one that has just been read
-// waits for the next tick, all of them for the same one, and passes that clients cause come to one a tick. So busy
+// It sleeps until one of them has something for it. A quiet client's bytes are read at once; one that has just been
+// read waits for the next tick, all of them for the same one, and passes that clients cause come to one a tick. So busy
 // clients get a piece each a tick, and cannot make the thread do more than that, however many they are.
 #include <malloc.h>
 #include <sys/eventfd.h>
@@ -17,9 +17,9 @@
 namespace {
 
 constexpr int kTickMs = 50;
-constexpr int kPassesSaved = 20;   // passes in a row after a silence
-constexpr int kUntoldMs = 1000;    // before a line that could not be written is tried again
-constexpr int kQuietTicks = 20;    // after which a burst is over
+constexpr int kPassesSaved = 20;    // passes in a row after a silence
+constexpr int kUntoldMs = 1000;     // before a line that could not be written is tried again
+constexpr int kQuietTicks = 20;     // after which a burst is over
 constexpr size_t kPieceSize = 512;  // bytes read from a client in a pass
 
 }  // namespace
@@ -80,15 +80,15 @@ int ManagerListener::prepare(PollSet& set) {
   const int64_t now = steady_ms();
   set.tick = now / kTickMs;
   const MutexLock lock(mutex);
-  const bool is_round = is_burst && set.tick != set.sent_tick;
-  send_waiting(is_round);
-  if (is_round) {
+  const bool is_flush = is_burst && set.tick != set.sent_tick;
+  send_waiting(is_flush);
+  if (is_flush) {
     set.sent_tick = set.tick;
     set.quiet_ticks = was_gathered ? 0 : set.quiet_ticks + 1;
     was_gathered = false;
     if (set.quiet_ticks > kQuietTicks) end_burst();
   }
-  set.has_ended_burst = is_round && !is_burst;
+  set.has_ended_burst = is_flush && !is_burst;
 
   set.entries.clear();
   set.records.clear();
@@ -108,7 +108,7 @@ int ManagerListener::prepare(PollSet& set) {
   return has_untold ? kUntoldMs : -1;
 }
 
-// Nothing has been gathered for a while: this thread need not come round, and what the burst has taken goes back.
+// Nothing has been gathered for a while: this thread may sleep, and the memory that the burst took goes back.
 void ManagerListener::end_burst() {
   is_burst = false;
   for (const auto& client : clients) {
@@ -120,10 +120,11 @@ void ManagerListener::end_burst() {
 // Returns false when the peer has closed its end.
 bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
   client.read_tick = tick;
-  client.is_held_off = !client.recv_buf.reserve(kPieceSize);
+  // Room for the whole packet, or none: many half ones would leave no memory to complete any.
+  client.is_held_off = !client.recv_buf.reserve(client.awaited + kPieceSize);
   if (client.is_held_off) return true;
   char piece[kPieceSize];
-  // Poll has seen bytes, or an end; should they be gone again, this thread must not hang here.
+  // Poll has seen bytes, or an end; should they be gone again, this thread must not block here.
   const ssize_t size = recv(fd, piece, sizeof(piece), MSG_DONTWAIT);
   if (size <= 0) return size < 0;
   client.recv_buf.append(piece, static_cast<size_t>(size));
@@ -134,10 +135,12 @@ bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
 
 void ManagerListener::take_packets(ListenerClient& client) {
   ClientBuffer& held = client.recv_buf;
+  client.awaited = 0;
   for (;;) {
     const ClientPacket packet = next_packet(held.data(), held.size());
     switch (packet.kind) {
       case PacketKind::incomplete:
+        if (packet.length > 0) client.awaited = static_cast<size_t>(packet.length) - held.size();
         return;
       case PacketKind::reset:
         return held.clear();

@@ -206,7 +206,8 @@ TEST(SubscriptionCache, AgreesWithTheTypeStrings) {
     const std::string name = std::to_string(below(400));  // more than are remembered
     const ClientSet& asking = cache.who_asks_for(name.c_str(), clients);
     for (size_t i = 0; i < clients.size(); ++i) {
-      const bool asks = clients[i]->type_string && match_type_string(clients[i]->type_string->c_str(), name.c_str()) > 0;
+      const bool asks =
+          clients[i]->type_string && match_type_string(clients[i]->type_string->c_str(), name.c_str()) > 0;
       ASSERT_EQ((asking.words[i / 64] >> i % 64 & 1) != 0, asks) << step;
     }
   }
@@ -245,7 +246,7 @@ TEST_F(Listener, SubscriptionsComeInAnyPieces) {
   EXPECT_EQ(standin::log_lines_with("set as"), (Lines{set_as + "door]", set_as + "mail]", set_as + much + "]"}));
 }
 
-TEST_F(Listener, ARowOfEventsLeavesWithItsLastOne) {
+TEST_F(Listener, ABurstLeavesWithItsLastEvent) {
   const auto client = subscribed("door");
   const Stopwatch watch;
   for (int round = 0; round < 20; ++round) {
@@ -308,7 +309,7 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   const Stopwatch until_skipped;
   while (standin::log_lines_with(stop).size() < 2 && until_skipped.ms() < 9000) forward_numbered();
   ASSERT_LT(until_skipped.ms(), 8000);
-  EXPECT_LT(ms_of_300(), 2000);         // and none any more
+  EXPECT_LT(ms_of_300(), 2000);  // and none any more
   const Lines stops = standin::log_lines_with(stop);
   EXPECT_NE(stops[1].find(stop + " (and "), std::string::npos) << stops[1];
 
@@ -362,6 +363,20 @@ TEST_F(Listener, WaitsAddUpOverConnections) {
   }
   EXPECT_GT(held_ms, 200);
   EXPECT_LT(held_ms, 900);  // once 300 ms, and not six times
+}
+
+TEST_F(Listener, MemoryRunsOut) {
+  start(300, 64);
+  EventClient greedy(port);
+  greedy.send_bytes(integer(65000) + std::string(2000, 'g'));  // there is no room for all of it
+  const auto client = subscribed("door");
+  forward("door", std::string(60000, '.'));
+  forward("door", "small enough");
+  EXPECT_EQ(client->read_info(), "small enough");
+  EXPECT_TRUE(standin::wait_for_line("reads again, 1 events skipped"));
+  EXPECT_EQ(standin::log_lines_with("the clients hold all of listener_memory, an event for client ").size(), 1u);
+  greedy.leave();
+  EXPECT_TRUE(standin::wait_for_line("delete client"));  // though what it has sent is not read
 }
 
 TEST_F(Listener, APortInUseIsTriedAgain) {
