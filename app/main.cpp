@@ -1,5 +1,6 @@
 // Process entry: options, detaching, pid file, signals; everything else is run().
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include "app/run.h"
 #include "app/signals.h"
 #include "device/log.h"
+#include "util/descriptor.h"
 #include "util/text.h"
 
 namespace {
@@ -48,17 +50,20 @@ void detach() {
   if (child != 0) exit(0);
 }
 
-// The shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
-bool is_fifo(const std::string& path) {
+// A shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
+bool nobody_reads(const std::string& path, Descriptor& writer) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+  if (stat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
+  writer.reset(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+  return writer.get() < 0;
 }
 
 // The session's id is the daemon's process id.
 void write_pid_file(pid_t session, const std::string& path) {
   if (path.empty()) return;
-  if (is_fifo(path)) {
-    fprintf(stderr, "zelvind: %s is a FIFO: no pid file is written\n", path.c_str());
+  Descriptor writer;  // while it is open, the shell need not wait for a reader
+  if (nobody_reads(path, writer)) {
+    fprintf(stderr, "zelvind: %s is a FIFO that nobody reads: no pid file is written\n", path.c_str());
     return;
   }
   const int ignored = system(sstr("echo %d > %s", session, path.c_str()).c_str());

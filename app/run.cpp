@@ -83,9 +83,10 @@ void reload(Managers& managers, const Settings& settings) {
 // reload is done.
 void idle(Managers& managers, const Settings& settings) {
   for (;;) {
-    write_signal_lines();
+    const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
-    if (g_reload.exchange(0) != 0) {
+    write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
+    if (reloading) {
       reload(managers, settings);
       if (stopping) return;
     } else if (g_running == 0 && g_stop != 0) {

@@ -17,8 +17,8 @@ extern "C" {
 // queue full (65,536 events, or 64 MiB) or no memory.
 __attribute__((weak)) int event_post(int type, const char* type_name, const char* info);
 
-// Makes the event_dequeue in progress, or else the next one, return at once without an event. Any thread, also when the
-// queue is closed.
+// Ends the wait of the event_dequeue in progress, or else of the next one that would wait: it returns at once, without
+// an event. Any thread, also when the queue is closed.
 __attribute__((weak)) void event_wake();
 
 // Tells whether this process has the event socket: 0 when it does not, else another number for each socket that it has

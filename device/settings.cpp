@@ -43,9 +43,9 @@ bool read_int(econf_handle* handle, const char* key, int& value) try {
 }
 
 bool read_text(econf_handle* handle, const char* key, std::string& value) try {
-  char buffer[kSettingMax + 1] = "";
-  if (econf_get_str(handle, key, buffer, sizeof(buffer)) < 0) return false;
-  value = buffer;
+  std::string buffer(kStoreLineMax + 1, '\0');  // longer than a good value, which is then seen to be too long
+  if (econf_get_str(handle, key, buffer.data(), static_cast<int>(buffer.size())) < 0) return false;
+  value = buffer.c_str();
   return true;
 } catch (const std::exception&) {
   return false;
@@ -77,5 +77,9 @@ int SettingsFile::number(const Setting& setting) {
 
 std::string SettingsFile::text(const Setting& setting, const std::string& absent) {
   std::string value;
-  return read_text(handle, setting.key, value) ? value : absent;
+  if (!read_text(handle, setting.key, value)) return absent;
+  const std::string problem = settings::problem(setting, value);
+  if (problem.empty()) return value;
+  elog(1, "econf: %s; it is not used", problem.c_str());
+  return absent;
 }

@@ -1,5 +1,5 @@
-// The daemon's settings: one table that the daemon, zelvctl and the test of the documents go by, and the file that holds
-// their values. docs/configuration.md tells users what each one means.
+// The daemon's settings: one table that the daemon, zelvctl and the test of the documents go by, and the file that
+// holds their values. docs/configuration.md tells users what each one means.
 #pragma once
 
 #include <climits>
@@ -7,7 +7,7 @@
 #include <string_view>
 
 constexpr char kSettingsFile[] = "zelvind.info";
-constexpr char kSettingsDir[1024] = "/opt/flash/mtd4-cfg";  // store libraries may read the whole buffer
+constexpr char kSettingsDir[1024] = "/opt/flash/mtd4-cfg";            // store libraries may read the whole buffer
 constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // both, joined, for the embedded store
 constexpr int kSettingMax = 10239;                                    // bytes of a text; a longer one is not used
 
@@ -37,7 +37,7 @@ struct Setting {
 namespace settings {
 
 inline constexpr Setting log_level =
-    Setting::number("log_level", 1, 0, 99, "the log's level: 1 errors and life to 4 every client packet");
+    Setting::number("log_level", 1, INT_MIN, INT_MAX, "the log's level: 1 errors and life to 4 every client packet");
 inline constexpr Setting script_path = Setting::text("script_path", nullptr, "the folder of the Lua scripts");
 inline constexpr Setting external_path =
     Setting::text("external_path", "", "a second folder, whose scripts replace those of the same name");

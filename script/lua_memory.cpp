@@ -1,14 +1,5 @@
 #include "script/lua_memory.h"
 
-#include <cstdlib>
-#include <utility>
-
-namespace {
-
-constexpr size_t kReserve = size_t{64} * 1024;  // bytes: for the error's text, its line, and the collection's calls
-
-}  // namespace
-
 LuaMemory::~LuaMemory() {
   free(reserve);
 }
@@ -18,16 +9,16 @@ lua_State* LuaMemory::new_state() {
   return lua_newstate(allocate, this);
 }
 
-void LuaMemory::refill() {
-  if (reserve == nullptr) reserve = malloc(kReserve);
-}
-
 void* LuaMemory::allocate(void* self, void* block, size_t, size_t size) {
   if (size == 0) {
     free(block);
     return nullptr;
   }
   void* const result = realloc(block, size);
-  if (result == nullptr) free(std::exchange(static_cast<LuaMemory*>(self)->reserve, nullptr));
+  if (result == nullptr) {
+    auto& memory = *static_cast<LuaMemory*>(self);
+    memory.is_short = true;
+    free(std::exchange(memory.reserve, nullptr));
+  }
   return result;
 }

@@ -6,7 +6,9 @@
 // garbage and refills the reserve.
 #pragma once
 
+#include <cstdlib>
 #include <lua.hpp>
+#include <utility>
 
 // Plain memory and a reserve. Must outlive the state. Only the thread that has the Lua state.
 class LuaMemory {
@@ -19,14 +21,20 @@ class LuaMemory {
   // A new state with this memory, or null when there is none.
   lua_State* new_state();
 
-  // Whether a request has failed since the last refill.
-  bool is_short() const { return reserve == nullptr; }
+  // Whether a request has failed since the last call.
+  bool take_shortage() { return std::exchange(is_short, false); }
 
-  // Takes the reserve from malloc, if malloc has it.
-  void refill();
+  // Takes the reserve from malloc, unless it is there, or malloc has none.
+  void refill() {
+    if (reserve == nullptr) reserve = malloc(kReserve);
+  }
 
  private:
   static void* allocate(void* self, void* block, size_t old_size, size_t size);
 
+  static constexpr size_t kReserve =
+      size_t{64} * 1024;  // bytes: for the error's text, its line, and a collection's calls
+
   void* reserve = nullptr;
+  bool is_short = false;
 };

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kLongestWaitMs = 1000;
 
-RateLimit g_finalizer_lines;  // of the thread that has the Lua state
+RateLimit g_collection_lines;  // of the thread that has the Lua state
 
 int panic(lua_State* L) {
   elog(1, "mscript: Lua error outside any protected call - %s", error_value_text(L, -1).c_str());
@@ -38,12 +38,15 @@ void wake_loop() {
 // then, and the loop goes on with the next one.
 void* thread_main(void* instance) {
   ManagerScript& script = *static_cast<ManagerScript*>(instance);
+  RateLimit limit;
   for (bool ended = false; !ended;) {
     try {
       event_loop(script);
       ended = true;
     } catch (...) {
-      elog(1, "mscript: no memory for a pass of the event loop");
+      if (const auto left_out = limit.allow()) {
+        elog(1, "mscript: no memory for a pass of the event loop%s", left_out->text);
+      }
     }
   }
   return reinterpret_cast<void*>(1);
@@ -111,7 +114,8 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   const StopsWhenWanted limited(stop);  // begins anew: what is loaded has its own time
   scripts.clear(lua_state);
   scripts.load(lua_state, script_path, external_path);
-  wake_loop();  // coroutines that were started may be due before the end of its wait
+  if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
+  wake_loop();                         // coroutines that were started may be due before the end of its wait
 }
 
 int ManagerScript::start_thread() {
@@ -188,14 +192,13 @@ void ManagerScript::collect_garbage() const {
   assert(gate.held_here());
   std::string error;
   if (protect(lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); })) return;
-  if (const auto left_out = g_finalizer_lines.allow()) {
-    elog(1, "mscript: a finalizer failed - %s%s", error.c_str(), left_out->text);
+  if (const auto left_out = g_collection_lines.allow()) {
+    elog(1, "mscript: a collection failed - %s%s", error.c_str(), left_out->text);
   }
 }
 
 void ManagerScript::refill_memory() {
-  if (!memory.is_short()) return;
-  collect_garbage();
+  if (memory.take_shortage()) collect_garbage();
   memory.refill();
 }
 

@@ -55,13 +55,14 @@ TEST(Daemon, StopsInItsFixedOrder) {
   EXPECT_EQ(client.read_info(), "");
   daemon.send_signal(SIGTERM);
   EXPECT_TRUE(client.ended());
+  EXPECT_TRUE(daemon.wait_for("mscript: thread stop..."));
   daemon.write("gate", "");
   EXPECT_EQ(daemon.wait_for_end(), 0);
   const std::string log = daemon.log();
   size_t at = 0;
-  for (const char* line : {"signal_handler: SIGTERM", "mscript: thread stop...", "<1> lua-trace: handled",
-                           "<1> lua-trace: cleanup", "mextension: prepare_cleanup", "mscript: cleanup...",
-                           "mextension: cleanup", kEnd}) {
+  for (const char* line :
+       {"signal_handler: SIGTERM", "mscript: thread stop...", "<1> lua-trace: handled", "<1> lua-trace: cleanup",
+        "mextension: prepare_cleanup", "mscript: cleanup...", "mextension: cleanup", kEnd}) {
     const size_t found = log.find(line, at);
     EXPECT_NE(found, std::string::npos) << line;
     if (found != std::string::npos) at = found;
@@ -124,7 +125,8 @@ TEST(Daemon, OptionsNeverKeepItFromStarting) {
       {"-p ''", line + "\n", ""},
       {"-p $ROOT/a --pidfile=$ROOT/b", line + "ROOT/a\n" + line + "ROOT/b\n", ""},
       {"-p /nowhere/pid", line + "/nowhere/pid\n", "/nowhere/pid"},
-      {"-p $ROOT/fifo", line + "ROOT/fifo\n", "zelvind: ROOT/fifo is a FIFO: no pid file is written\n"},
+      {"-p $ROOT/fifo", line + "ROOT/fifo\n",
+       "zelvind: ROOT/fifo is a FIFO that nobody reads: no pid file is written\n"},
       {"-p " + long_path, line + long_path + "\n", "longer than 1023 characters, none is written"},
   };
   for (const auto& row : cases) {

@@ -73,7 +73,7 @@ TEST_F(EventLoop, CollectsAfterEverySoManyDispatchedEvents) {
     run_to_quit();
     EXPECT_EQ(standin::log_lines_with("repair lua").size(), collections);
   }
-  EXPECT_EQ(standin::log_lines_with("planted"), Lines{"<1> mscript: a finalizer failed - planted"});
+  EXPECT_EQ(standin::log_lines_with("planted"), Lines{"<1> mscript: a collection failed - planted"});
 }
 
 // While events come without a pause, timers run whenever the second changes, also backwards.

@@ -27,6 +27,7 @@ char g_key;  // its address is where the registry keeps run_protected
 
 int run_protected(lua_State* L) {
   Call* const call = static_cast<Call*>(lua_touserdata(L, 1));
+  if (call == nullptr) return luaL_error(L, "not for scripts");  // one has found it by debug.getregistry
   lua_settop(L, 0);
   const auto body = [](lua_State* state, void* work) {
     const Call* const wanted = static_cast<Call*>(work);
@@ -48,7 +49,7 @@ int keep_run_protected(lua_State* L) {
 int call_run_protected(lua_State* L, void* call) {
   lua_pushlightuserdata(L, &g_key);
   lua_rawget(L, LUA_REGISTRYINDEX);
-  if (lua_isnil(L, -1)) {
+  if (lua_tocfunction(L, -1) != run_protected) {
     lua_pop(L, 1);
     return lua_cpcall(L, keep_run_protected, call);
   }

@@ -57,8 +57,9 @@ EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
     const int wait_ms = q.inbox.may_sleep() ? static_cast<int>(left) : 0;
     const bool is_whole = q.posters.wait(wait_ms);
     q.inbox.woke_up();
-    if (!is_whole || q.inbox.take_wake()) return nullptr;
+    if (!is_whole) return nullptr;
     if (EventRecord* record = q.inbox.take()) return record;
+    if (q.inbox.take_wake()) return nullptr;
     left = deadline - steady_ms();
   } while (left > 0);
   return nullptr;
@@ -141,8 +142,11 @@ void helper_cleanup() {
 
 event_item* event_dequeue(int timeout_ms) {
   EventQueue& q = queue();
-  if (!q.posters.is_open()) q.inbox.sleep(timeout_ms);  // the loop relies on the wait
-  if (q.inbox.take_wake() || !q.posters.is_open()) return nullptr;
+  if (!q.posters.is_open()) {  // the loop relies on the wait
+    q.inbox.sleep(timeout_ms);
+    q.inbox.take_wake();
+    return nullptr;
+  }
   look_at_posters(q);
   EventRecord* record = q.inbox.take();
   return record != nullptr ? record : wait_for_event(q, timeout_ms);
