@@ -36,7 +36,7 @@ ClientOutput::Pushed ClientOutput::push(int fd) {
   if (!empty() || !owing) return Pushed::ok;
   owing = false;
   trusted_from = Clock::now() + kProbation;
-  return Pushed::ok;
+  return gap_over() ? Pushed::gap_over : Pushed::ok;
 }
 
 void ClientOutput::give_up() {

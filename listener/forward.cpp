@@ -1,12 +1,12 @@
 // Forwarding: from the script thread to the clients.
 //
-// A burst spends its time with one send per event and client. So while the event queue has more, packets are gathered,
-// and leave together with the last one. A handler may run for long before the next event is forwarded; until then, the
-// event_recv thread sends what is gathered, every 50 ms. It is woken once, by the first packet of a burst, and sleeps
+// In a burst, one send per event and client would take most of the time. So while the event queue has more, packets are
+// gathered, and leave together with the last one. A handler may run for long before the next event is forwarded; until
+// then, the event_recv thread sends what is gathered every 50 ms. The first packet of a burst wakes it, and it sleeps
 // again a second after the last one.
 #include <sys/socket.h>
 #include <algorithm>
-#include <cerrno>
+#include <utility>
 
 #include "device/event_queue.h"
 #include "device/event_source.h"
@@ -16,8 +16,9 @@
 
 namespace {
 
-// A socket with little room is not writable to poll, and may yet take the rest: it is tried at least so often.
+// A socket with little room is not writable to poll, but may take a short rest: it is tried at least so often.
 constexpr std::chrono::milliseconds kWaitSlice{50};
+constexpr int kBurstTicks = 20;  // from the last packet gathered to the end of the burst, a tick every 50 ms
 
 bool more_events_wait(const event_item& event) {
   return event.type != EVENT_TYPE_QUIT && event_pending != nullptr && event_pending() > 0;
@@ -31,7 +32,7 @@ void ManagerListener::forward_event(const event_item* event) {
     if (clients.empty()) return;
     slow.clear();
     const bool more = more_events_wait(*event);
-    if (more) note_burst();
+    if (more && std::exchange(burst_ticks, kBurstTicks) == 0) wake_receiver();
     const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
     for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
@@ -51,14 +52,6 @@ void ManagerListener::forward_event(const event_item* event) {
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
   }
-}
-
-// The event_recv thread sends what is gathered, from now until the burst is over.
-void ManagerListener::note_burst() {
-  was_gathered = true;
-  if (is_burst) return;
-  is_burst = true;
-  wake_receiver();
 }
 
 void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more) {
@@ -82,20 +75,16 @@ void ManagerListener::send_now(ListenerClient& client) {
 
 // Sends what waits for the client, as far as its socket takes it.
 void ManagerListener::push(ListenerClient& client) {
-  ClientOutput& output = client.output;
-  const ClientOutput::Pushed pushed = output.push(client.fd);
-  if (!is_burst) output.tidy();
-  if (output.gap_over() && !has_untold) {
-    has_untold = true;
-    wake_receiver();
-  }
+  const ClientOutput::Pushed pushed = client.output.push(client.fd);
+  if (burst_ticks == 0) client.output.tidy();
   if (pushed == ClientOutput::Pushed::ok) return;
+  wake_receiver();  // to log the gap, to send the rest, or to remove the client
+  if (pushed == ClientOutput::Pushed::gap_over) return;
   elog(1, "mlistener: failed to send data");
-  if (pushed == ClientOutput::Pushed::failed) return wake_receiver();
-  shutdown(client.fd, SHUT_RDWR);  // a part of a packet may have gone out; the event_recv thread will find it hung up
+  if (pushed == ClientOutput::Pushed::broken) shutdown(client.fd, SHUT_RDWR);  // part of a packet may have gone out
 }
 
-// Nobody waits for the client any longer; the event_recv thread sends the rest when there is room.
+// The script thread no longer waits for the client; the event_recv thread sends the rest when there is room.
 void ManagerListener::owe(ListenerClient& client) {
   client.output.owe();
   wake_receiver();
@@ -110,17 +99,16 @@ void ManagerListener::skip(ListenerClient& client) {
     }
     return;
   }
-  has_untold = true;
-  wake_receiver();
+  wake_receiver();  // to log the gap
   if (const auto left_out = memory_limit.allow()) {
     elog(1, "mlistener: the clients hold all of listener_memory, an event for client %d (%s) is skipped%s", client.fd,
          PeerText(client.address).text, left_out->text);
   }
 }
 
-// Waits for all the slow ones at once: those that read are through after a moment, however many others have stalled,
-// and those that have stalled cost the loop one wait together. Without the lock: meanwhile clients come, subscribe and
-// go, and the event_recv thread sends as well.
+// Waits for all slow clients at once: those that read are done after a moment, however many others have stalled, and
+// those that have stalled cost the loop one wait together. Without the lock: meanwhile clients come, subscribe and go,
+// and the event_recv thread sends as well.
 void ManagerListener::wait_for_slow() {
   const Clock::time_point start = Clock::now();
   for (Clock::time_point now = start;;) {
@@ -142,8 +130,8 @@ void ManagerListener::wait_for_slow() {
   }
 }
 
-// Forgets the slow clients that have got all or have gone, and those that nobody waits for any longer at `now`. Returns
-// how long the others may be waited for.
+// Drops the slow clients that have got everything or have gone, and those that have no wait left at `now`. Returns how
+// long to wait for the others.
 ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start, Clock::time_point now) {
   Clock::duration longest = longest_wait - (now - start);
   size_t kept = 0;
@@ -162,31 +150,28 @@ ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start
   return longest;
 }
 
-// The wait from `before` to `now` was for those that are slow.
+// Charges the wait from `before` to `now` to the budgets of those that are slow.
 void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
-  bool strangers = false, known = false;
+  bool strangers = false;
+  bool known = false;
   for (const ListenerClient* client : slow) (client->is_known(before) ? known : strangers) = true;
   if (strangers) strangers_wait.spend(now - before, now);
   if (known) known_wait.spend(now - before, now);
 }
 
-// Sends what clients owe and, if `also_gathered`, what is gathered. Logs one gap that is over, the oldest one: in the
-// end each has its turn.
+// Sends what clients owe and, if `also_gathered`, what is gathered. Logs the oldest gap that is over: in the end each
+// has its turn.
 void ManagerListener::send_waiting(bool also_gathered) {
   ListenerClient* again = nullptr;
-  int gaps = 0;
   for (const std::unique_ptr<ListenerClient>& client : clients) {
     ClientOutput& output = client->output;
     if (output.owes() || also_gathered) push(*client);
     if (!output.gap_over()) continue;
-    ++gaps;
     if (again == nullptr || output.gap_start() < again->output.gap_start()) again = client.get();
   }
-  // A gap that cannot be logged yet is logged later, with what has been skipped until then: no event is left out.
+  // A gap that cannot be logged yet is logged later, with what has been skipped until then: every skip is counted.
   if (again != nullptr && again_limit.allow()) {
-    --gaps;
     elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->address).text,
          again->output.take_gap());
   }
-  has_untold = gaps > 0;
 }
