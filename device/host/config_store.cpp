@@ -26,7 +26,7 @@ struct econf_handle {
 
 namespace {
 
-constexpr off_t kFileMax = off_t{16} * 1024 * 1024;     // bytes
+constexpr off_t kFileMax = off_t{16} * 1024 * 1024;  // bytes
 
 // What identifies a state of a file: complaints are repeated when it has changed.
 using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
