@@ -81,7 +81,8 @@ bool ManagerListener::make_place(const PeerText& newcomer) {
     {
       const MutexLock lock(mutex);
       if (clients.size() < most) return true;
-      const size_t leaving = std::count_if(clients.begin(), clients.end(), [](const auto& c) { return c->is_leaving; });
+      const auto is_leaving = [](const auto& client) { return client->is_leaving; };
+      const auto leaving = static_cast<size_t>(std::count_if(clients.begin(), clients.end(), is_leaving));
       if (clients.size() - leaving < most) return true;
       if (leaving < kLeavingMax) {
         ListenerClient* const victim = find_victim();

@@ -35,13 +35,14 @@ void ManagerListener::forward_event(const event_item* event) {
     if (more && std::exchange(burst_ticks, kBurstTicks) == 0) wake_receiver();
     const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
+    const bool in_block = !asking.empty() && add_to_block(packet);
     for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
       uint64_t concerned = asking.words[i] | (more ? 0 : gathered.words[i]);
       while (concerned != 0) {
         const size_t bit = take_lowest(concerned);
         ListenerClient& client = *clients[i * ClientSet::kWordBits + bit];
         if ((asking.words[i] >> bit & 1) != 0) {
-          deliver(client, packet, more);
+          deliver(client, packet, in_block, more);
         } else {
           send_now(client);  // gathered from the events before
         }
@@ -49,21 +50,48 @@ void ManagerListener::forward_event(const event_item* event) {
       }
     }
     if (!slow.empty()) wait_for_slow();
+    if (burst_ticks == 0) block->tidy();
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
   }
 }
 
-void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more) {
+// Puts the packet at the end of the block. A full block is sent first; if clients still hold ranges of it, since they
+// have no memory for copies, it is left to them. Returns false when there is no memory for the packet.
+bool ManagerListener::add_to_block(const EventPacket& packet) {
+  if (block->size() + packet.size() > PacketBlock::kMax && block->is_held()) {
+    send_gathered();
+    if (block->is_held()) {
+      auto* const next = new PacketBlock(memory);
+      block->leave();
+      block = next;
+    }
+  }
+  block->clear();
+  return block->append(packet.data(), packet.size());
+}
+
+void ManagerListener::send_gathered() {
+  for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
+    uint64_t due = gathered.words[i];
+    while (due != 0) send_now(*clients[i * ClientSet::kWordBits + take_lowest(due)]);
+  }
+}
+
+// `in_block`: the packet is the last one of the block.
+void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool in_block, bool more) {
   ClientOutput& output = client.output;
+  const auto gather = [&output, &packet, shared = in_block ? block : nullptr] {
+    return shared != nullptr ? output.append_last(*shared, packet.size()) : output.append(packet.data(), packet.size());
+  };
   if (output.owes() || output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
   if (output.broken()) return;
   if (output.owes()) return skip(client);
-  if (!output.append(packet.data(), packet.size())) {  // no memory: what it has leaves first
+  if (!gather()) {  // no memory: what it has leaves first
     push(client);
     if (!output.empty()) owe(client);
     if (output.broken()) return;
-    if (output.owes() || !output.append(packet.data(), packet.size())) return skip(client);
+    if (output.owes() || !gather()) return skip(client);
   }
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
 }

@@ -88,7 +88,9 @@ class ManagerListener {
   void remove_client(ListenerClient& client);
 
   // forward.cpp
-  void deliver(ListenerClient& client, const EventPacket& packet, bool more) REQUIRES(mutex);
+  void send_gathered() REQUIRES(mutex);
+  bool add_to_block(const EventPacket& packet) REQUIRES(mutex);
+  void deliver(ListenerClient& client, const EventPacket& packet, bool in_block, bool more) REQUIRES(mutex);
   void skip(ListenerClient& client) REQUIRES(mutex);
   void send_now(ListenerClient& client) REQUIRES(mutex);
   void push(ListenerClient& client) REQUIRES(mutex);
@@ -107,6 +109,7 @@ class ManagerListener {
   ClientList clients GUARDED_BY(mutex);       // in the order in which they were accepted
   ClientList free_clients GUARDED_BY(mutex);  // a stack
   SubscriptionCache subscriptions GUARDED_BY(mutex);
+  PacketBlock* block GUARDED_BY(mutex);         // the packets that clients have ranges of
   ClientSet gathered GUARDED_BY(mutex);         // who may have output that is due; a bit too many does no harm
   int burst_ticks GUARDED_BY(mutex) = 0;        // how often the event_recv thread will send what is gathered
   WaitBudget strangers_wait GUARDED_BY(mutex);  // for clients younger than a minute

@@ -86,6 +86,7 @@ bool ManagerListener::send_due(PollSet& set) {
     if (client->output.is_due()) burst_ticks = 1;  // a handler runs on, and the client does not read
     client->output.tidy();
   }
+  if (burst_ticks == 0) block->tidy();
   return burst_ticks == 0;
 }
 
