@@ -1,4 +1,4 @@
-// The accept thread: admits clients, and when there are too many, decides who gives up his place.
+// The accept thread: admits clients, and when there are too many, decides which one gives up its place.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -14,12 +14,20 @@ namespace {
 
 constexpr int kRetryPortMs = 1000;
 constexpr int kNoDescriptorMs = 300;  // before the next try when descriptors have run out
-constexpr int kNoPlaceMs = 10;        // before the next look whether a client that was given up has left
+constexpr int kNoPlaceMs = 10;        // before it is checked again whether a client that was given up has left
 constexpr int kDescriptorsForOthers = 320;
 
 // Whether the next accept is likely to fail as well, at once and for the same reason.
 bool lasts(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EBADF;
+}
+
+// How many clients there may be.
+size_t places() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const size_t for_clients = std::max<rlim_t>(descriptors.rlim_cur, kDescriptorsForOthers) - kDescriptorsForOthers;
+  return std::min(for_clients, kClientMax);
 }
 
 }  // namespace
@@ -66,12 +74,16 @@ void ManagerListener::accept_pass() {
   wake_receiver();
 }
 
-// False when there is none, or no time for it any more.
+// Returns false when every client keeps its place, and at the stop.
 bool ManagerListener::make_place(const PeerText& newcomer) {
-  for (;;) {
+  const size_t most = places();
+  do {
     {
       const MutexLock lock(mutex);
-      if (!is_full()) return true;
+      if (clients.size() < most) return true;
+      const auto is_leaving = [](const auto& client) { return client->is_leaving; };
+      const auto leaving = static_cast<size_t>(std::count_if(clients.begin(), clients.end(), is_leaving));
+      if (clients.size() - leaving < most) return true;
       if (leaving < kLeavingMax) {
         ListenerClient* const victim = find_victim();
         if (victim != nullptr) {
@@ -84,18 +96,11 @@ bool ManagerListener::make_place(const PeerText& newcomer) {
         return false;
       }
     }
-    if (!pause(kNoPlaceMs)) return false;
-  }
+  } while (pause(kNoPlaceMs));
+  return false;
 }
 
-bool ManagerListener::is_full() {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  const size_t staying = clients.size() - leaving;
-  return staying >= kClientMax || staying + kDescriptorsForOthers >= descriptors.rlim_cur;
-}
-
-// Of the address with most connections: the oldest one that has not subscribed, else the one that owes for longest.
+// Of the address with most connections: the oldest one that has not subscribed, else the one that has owed for longest.
 // Null when all of them read what they have asked for.
 ListenerClient* ManagerListener::find_victim() {
   std::unordered_map<in_addr_t, size_t> connections_of;
@@ -113,14 +118,13 @@ ListenerClient* ManagerListener::find_victim() {
   return longest;
 }
 
-// The event_recv thread finds it hung up, and removes it.
+// Hangs the victim up; the event_recv thread notices that and removes it.
 void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) {
   if (const auto left_out = place_limit.allow()) {
     elog(1, "mlistener: too many clients, client %d (%s) is closed for %s%s", victim.fd, PeerText(victim.address).text,
          newcomer.text, left_out->text);
   }
   victim.is_leaving = true;
-  ++leaving;
   victim.output.give_up();
   shutdown(victim.fd, SHUT_RDWR);
 }

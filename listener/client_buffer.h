@@ -1,9 +1,9 @@
-// What the daemon holds for its clients in memory, and the bound of it.
+// The memory that the daemon holds for its clients, and its bound.
 //
 // A client can make the daemon hold 64 KiB that it has sent, as much that waits to be sent to it, and its type string.
-// A thousand of them must not eat the device. One half of the memory is shared out: each buffer of each possible client
-// is sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not grow: its
-// client is treated as stalled, until it has taken what waits for it or others have given memory back.
+// A thousand clients must not use up the device's memory. One half of what they may use is divided: each buffer of each
+// possible client is sure of its own part. The other half goes to whoever asks first. A buffer that is refused does not
+// grow: its client is treated as stalled until it has taken what waits for it, or others have given memory back.
 #pragma once
 
 #include <algorithm>
@@ -20,16 +20,17 @@ class ClientMemory {
   // `limit`: bytes of all clients together.
   explicit ClientMemory(size_t limit) : own(limit / 2 / kClientMax / kBuffersOfAClient), shared(limit - limit / 2) {}
 
-  // A buffer of `from` bytes wants to have `to` instead. Returns whether it may; a smaller one always may.
+  // Asks for a buffer of `to` bytes in place of one of `from`. Returns whether it is granted; a smaller one always is.
   bool resize(size_t from, size_t to) {
-    const size_t before = beyond(from), after = beyond(to);
+    const size_t before = beyond(from);
+    const size_t after = beyond(to);
     const size_t sum = used.fetch_add(after - before) + (after - before);
     if (after <= before || sum <= shared) return true;
     used -= after - before;
     return false;
   }
 
-  // The same without asking: for what is given back, and for what takes the place of something as large.
+  // The same without asking: for what is given back, and for a type string: its packet was granted as much.
   void replace(size_t from, size_t to) { used += beyond(to) - beyond(from); }
 
  private:
@@ -42,13 +43,13 @@ class ClientMemory {
   std::atomic<size_t> used{0};  // of the shared half
 };
 
-// Bytes that come in at the end and go out at the front. Starts without memory, grows by doubling. Not shared between
-// threads: its owner's rule of access holds.
+// Bytes that are added at the end and taken from the front. Starts without memory, grows by doubling. Not shared
+// between threads.
 class ClientBuffer {
  public:
   static constexpr size_t kKept = 1024;  // bytes that an empty buffer keeps, so that small traffic allocates nothing
 
-  // `account` outlives the buffer.
+  // `account` must outlive the buffer.
   explicit ClientBuffer(ClientMemory& account) : memory(account) {}
   ClientBuffer(const ClientBuffer&) = delete;
   ClientBuffer& operator=(const ClientBuffer&) = delete;
@@ -62,7 +63,7 @@ class ClientBuffer {
   // then. Throws std::bad_alloc when there is none.
   bool reserve(size_t more) { return more <= storage.size() - end || make_room(more); }
 
-  // Adds `count` bytes; results as of reserve.
+  // Adds `count` bytes. Fails as reserve does.
   bool append(const char* added, size_t count) {
     if (!reserve(count)) return false;
     memcpy(storage.data() + end, added, count);
@@ -70,7 +71,7 @@ class ClientBuffer {
     return true;
   }
 
-  // Takes away the first `count` bytes, at most size().
+  // Removes the first `count` bytes, at most size().
   void consume(size_t count) {
     start += count;
     if (empty()) start = end = 0;
@@ -79,7 +80,7 @@ class ClientBuffer {
   // Drops everything.
   void clear() { start = end = 0; }
 
-  // Gives the memory of an empty buffer back, but for a little.
+  // Gives the memory of an empty buffer back, unless it is small.
   void tidy() {
     if (!empty() || storage.size() <= kKept) return;
     memory.replace(storage.size(), 0);
@@ -95,8 +96,8 @@ class ClientBuffer {
     if (wanted > storage.size()) {
       size_t capacity = std::max(wanted, 2 * storage.size());
       if (wanted <= kUsual) capacity = std::min(capacity, kUsual);
-      // An odd number of lines: else the buffers of many clients, which fill up alike, share a few places of the
-      // caches.
+      // An odd number of lines: otherwise the buffers of many clients, which fill up alike, compete for a few sets of
+      // the caches.
       std::vector<char> larger(((capacity + kLine - 1) / kLine | 1) * kLine);
       if (!memory.resize(storage.size(), larger.size())) return false;
       std::copy_n(data(), size(), larger.data());

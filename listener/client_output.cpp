@@ -21,7 +21,7 @@ void ClientOutput::reset() {
 
 ClientOutput::Pushed ClientOutput::push(int fd) {
   if (empty()) return Pushed::ok;
-  if (!bytes.empty()) copy_range();  // for one send; else the range has to wait for another one
+  if (!bytes.empty()) copy_range();  // so that one send takes both; without memory, the range waits for the next one
   const bool is_range = bytes.empty();
   const int sent = is_range ? sock_send_ready(fd, range.data(), static_cast<int>(range.size()))
                             : sock_send_ready(fd, bytes.data(), static_cast<int>(bytes.size()));
@@ -38,17 +38,17 @@ ClientOutput::Pushed ClientOutput::push(int fd) {
   if (sent > 0) failing = false;
   if (is_range) {
     range.consume(static_cast<size_t>(sent));
-    copy_range();  // the block is for those who keep up
+    copy_range();  // slow clients must not hold the block
   } else {
     bytes.consume(static_cast<size_t>(sent));
   }
   if (!empty() || !owing) return Pushed::ok;
   owing = false;
   trusted_from = Clock::now() + kProbation;
-  return Pushed::ok;
+  return gap_over() ? Pushed::gap_over : Pushed::ok;
 }
 
-// Turns the range into bytes of the client's own. False when the memory for them is not granted.
+// Copies the range into the client's own buffer. Returns false when the memory for that is not granted.
 bool ClientOutput::copy_range() {
   if (range.empty()) return true;
   if (!bytes.append(range.data(), range.size())) return false;

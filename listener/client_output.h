@@ -1,12 +1,12 @@
 // What waits to be sent to one client of the listener, and how the client keeps up.
 //
 // Packets are gathered here while more events are at hand and leave in one send: as a range of the block that all
-// clients share, and before it, what has been copied from there because it could not stay a range. A packet of which a
-// part has been sent is never given up: the client would take the next packet's bytes for its end. So when nobody waits
-// for a client any longer, it owes the rest, and events are skipped for it, whole, until the rest is out. What is held
-// stays below 64 KiB and one packet.
+// clients share, behind copies of those that could not stay in a range. A packet of which a part has been sent is never
+// dropped: the client would take the next packet's bytes for its end. So when nobody waits for a client any longer, it
+// owes the rest, and whole events are skipped for it until the rest is out. What is held stays below 64 KiB and one
+// packet.
 //
-// No lock of its own: everything under the listener's lock.
+// No lock of its own: all calls under the listener's lock.
 #pragma once
 
 #include <chrono>
@@ -19,14 +19,14 @@ class ClientOutput {
  public:
   using Clock = std::chrono::steady_clock;
 
-  static constexpr size_t kGatherMax = 64 * 1024;  // bytes that are gathered for one send
+  static constexpr size_t kGatherMax = size_t{64} * 1024;  // bytes that are gathered for one send
 
-  enum class Pushed { ok, failed, broken };
+  enum class Pushed { ok, gap_over, failed, broken };
 
-  // `memory` outlives it.
+  // `memory` must outlive it.
   explicit ClientOutput(ClientMemory& memory) : bytes(memory) {}
 
-  // Forgets everything about the connection, and keeps no more memory than a new record has.
+  // Forgets everything about the connection, and gives its memory back.
   void reset();
 
   bool empty() const { return bytes.empty() && range.empty(); }
@@ -36,30 +36,31 @@ class ClientOutput {
   // it is not granted: nothing has been added.
   bool append(const char* packet, size_t size) { return copy_range() && bytes.append(packet, size); }
 
-  // As append, with the packet of `size` bytes at `place` of `block`.
-  bool append(PacketBlock& block, size_t place, size_t size) {
-    if (range.extend(block, place, size)) return true;
+  // As append, with the last packet of `block`, `size` bytes long. It is not copied.
+  bool append_last(PacketBlock& block, size_t size) {
+    if (range.extend(block, size)) return true;
     if (!copy_range()) return false;
-    range.begin(block, place, size);
+    range.begin(block, size);
     return true;
   }
 
   // Gives memory back when nothing waits.
   void tidy() { bytes.tidy(); }
 
-  // Sends as much of what waits as `fd` takes without waiting. `failed`: the system is short of something; nothing is
-  // lost, the client owes what waits, and further failures are `ok` until something has gone out. `broken`: nothing can
-  // be sent any more; what waited is dropped.
+  // Sends as much of what waits as `fd` takes without waiting. `gap_over`: the client owed, and events were skipped;
+  // the rest is out. `failed`: the system is short of something; nothing is lost, the client owes what waits, and
+  // further failures are `ok` until something has gone out. `broken`: nothing can be sent any more; what waited is
+  // dropped.
   Pushed push(int fd);
 
-  // Nothing is sent any more; what waits is dropped.
+  // Drops what waits; nothing is sent any more.
   void give_up();
   bool broken() const { return is_broken; }
 
-  // Whether somebody may wait for this client at `now`: not within 60 s after it has caught up.
+  // Whether the client may be waited for at `now`: not within 60 s after it has caught up.
   bool deserves_wait(Clock::time_point now) const { return now >= trusted_from; }
 
-  // Nobody waits any longer for what still waits here: the client owes it until push has sent it.
+  // Nobody waits for the client any longer: it owes what waits here until push has sent it.
   void owe();
   bool owes() const { return owing; }
   Clock::time_point owes_since() const { return owing_since; }
@@ -80,7 +81,7 @@ class ClientOutput {
   bool copy_range();
 
   ClientBuffer bytes;
-  PacketRange range;  // goes out behind them
+  PacketRange range;  // leaves after them
   bool owing = false;
   bool failing = false;  // the last push failed
   bool is_broken = false;

@@ -26,7 +26,7 @@ ClientPacket next_packet(const char* bytes, size_t held) {
   if (held < 4) return {PacketKind::incomplete, 0, nullptr};
   const int length = read_int(bytes);
   if (length == 0) return {PacketKind::reset, 0, nullptr};
-  // Before anything else is done with it: what a client announces is an index into our memory.
+  // Checked before any use: what a client announces becomes an index into our memory.
   if (length <= kHeaderSize || length > kSubscriptionMax) return {PacketKind::bad_length, length, nullptr};
   if (static_cast<size_t>(length) > held) return {PacketKind::incomplete, length, nullptr};
   if (bytes[length - 1] != '\0') return {PacketKind::bad_end, length, nullptr};
@@ -34,7 +34,7 @@ ClientPacket next_packet(const char* bytes, size_t held) {
 }
 
 int match_type_string(const char* type_string, const char* type_name) {
-  // Not strstr: on some machines, strings made for the purpose slow it down tenfold.
+  // Not strstr: on some machines, a malicious string slows it down tenfold.
   const void* const found = memmem(type_string, strlen(type_string), type_name, strlen(type_name));
   if (found == nullptr) return -1;
   return found == type_string || static_cast<const char*>(found)[-1] == ',' ? 1 : -1;

@@ -1,4 +1,5 @@
-// The packets that clients of the listener and the daemon exchange; docs/protocol.md tells the writers of clients.
+// The packets that clients of the listener and the daemon exchange; docs/protocol.md describes them for authors of
+// clients.
 // All integers are 32 bits wide and little-endian.
 //
 // Subscription packet, client to daemon:           Event packet, daemon to client:
@@ -8,7 +9,7 @@
 //              padding may follow, but the last      offset 12      type name of n bytes, and a zero byte
 //              byte is zero                          offset 13 + n  info, and a zero byte
 //
-// Nothing here knows a socket, a lock or the log. Any thread.
+// Uses no socket, no lock and no log. Any thread.
 #pragma once
 
 #include <cstddef>
@@ -16,9 +17,9 @@
 
 struct event_item;
 
-constexpr int kSubscriptionMax = 65024;  // bytes of a subscription packet: with a piece of 512 it fits into 64 KiB
+constexpr int kSubscriptionMax = 65024;  // bytes of a subscription packet: with a piece of 512, it fits into 64 KiB
 
-// What stands at the front of the bytes that a client has sent.
+// What the bytes that a client has sent begin with.
 enum class PacketKind {
   incomplete,   // wait for more bytes
   reset,        // a length of 0: everything held is to be dropped
@@ -30,22 +31,21 @@ enum class PacketKind {
 struct ClientPacket {
   PacketKind kind;
   int length;               // of the packet, as announced; 0 while that is not known
-  const char* type_string;  // of a good packet: zero-terminated, inside the bytes looked at
+  const char* type_string;  // of a good packet: zero-terminated, inside the bytes that were passed
 };
 
-// Looks at the front of `held` bytes. Changes nothing.
+// Examines the first packet among `held` bytes. Changes nothing.
 ClientPacket next_packet(const char* bytes, size_t held);
 
 // Whether a client's type string asks for events of `type_name`: 1 yes, -1 no. The first occurrence of the name in the
 // string decides: it must stand at the start or right behind a comma; what follows it does not matter.
 int match_type_string(const char* type_string, const char* type_name);
 
-// An event as the packet that clients get. Built on the stack, in memory of its own when larger than 2048 bytes.
+// An event as the packet that clients get. Lives on the stack; a packet of more than 2048 bytes takes memory from the
+// heap (std::bad_alloc when there is none).
 class EventPacket {
  public:
   explicit EventPacket(const event_item& event);
-  EventPacket(const EventPacket&) = delete;
-  EventPacket& operator=(const EventPacket&) = delete;
 
   const char* data() const { return large.empty() ? small : large.data(); }
   size_t size() const { return length; }

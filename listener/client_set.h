@@ -1,5 +1,5 @@
-// A set of connected clients, by their positions in the listener's list: a bit each, so that an event that few of a
-// thousand clients ask for costs a few words and not a thousand look-ups.
+// A set of connected clients, one bit for each position in the listener's list: so an event that few of a thousand
+// clients ask for costs a few words and not a thousand look-ups.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 #include "listener/client_buffer.h"
 
-// Positions there are: clients that are given up are replaced at once and leave a moment later.
+// The number of positions: clients that are given up are replaced at once and leave a moment later.
 constexpr size_t kLeavingMax = 24;
 constexpr size_t kPositionMax = kClientMax + kLeavingMax;
 

@@ -1,12 +1,12 @@
 // Forwarding: from the script thread to the clients.
 //
-// A burst spends its time with one send per event and client. So while the event queue has more, packets are gathered,
-// and leave together with the last one. A handler may run for long before the next event is forwarded; until then, the
-// event_recv thread sends what is gathered, every 50 ms. It is woken once, by the first packet of a burst, and sleeps
+// In a burst, one send per event and client would take most of the time. So while the event queue has more, packets are
+// gathered, and leave together with the last one. A handler may run for long before the next event is forwarded; until
+// then, the event_recv thread sends what is gathered every 50 ms. The first packet of a burst wakes it, and it sleeps
 // again a second after the last one.
 #include <sys/socket.h>
 #include <algorithm>
-#include <cerrno>
+#include <utility>
 
 #include "device/event_queue.h"
 #include "device/event_source.h"
@@ -16,8 +16,9 @@
 
 namespace {
 
-// A socket with little room is not writable to poll, and may yet take the rest: it is tried at least so often.
+// A socket with little room is not writable to poll, but may take a short rest: it is tried at least so often.
 constexpr std::chrono::milliseconds kWaitSlice{50};
+constexpr int kBurstTicks = 20;  // from the last packet gathered to the end of the burst, a tick every 50 ms
 
 bool more_events_wait(const event_item& event) {
   return event.type != EVENT_TYPE_QUIT && event_pending != nullptr && event_pending() > 0;
@@ -31,17 +32,17 @@ void ManagerListener::forward_event(const event_item* event) {
     if (clients.empty()) return;
     slow.clear();
     const bool more = more_events_wait(*event);
-    if (more) note_burst();
+    if (more && std::exchange(burst_ticks, kBurstTicks) == 0) wake_receiver();
     const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
-    is_in_block = !asking.empty() && add_to_block(packet);
+    const bool in_block = !asking.empty() && add_to_block(packet);
     for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
       uint64_t concerned = asking.words[i] | (more ? 0 : gathered.words[i]);
       while (concerned != 0) {
         const size_t bit = take_lowest(concerned);
         ListenerClient& client = *clients[i * ClientSet::kWordBits + bit];
         if ((asking.words[i] >> bit & 1) != 0) {
-          deliver(client, packet, more);
+          deliver(client, packet, in_block, more);
         } else {
           send_now(client);  // gathered from the events before
         }
@@ -49,17 +50,14 @@ void ManagerListener::forward_event(const event_item* event) {
       }
     }
     if (!slow.empty()) wait_for_slow();
-    if (!is_burst && !block->is_held()) {
-      block->clear();
-      block->tidy();
-    }
+    if (burst_ticks == 0) block->tidy();
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
   }
 }
 
-// Puts the packet behind those that clients have ranges of. A full block is sent to all of them first; one that is held
-// even so, by clients that have no memory for a copy, is left to them.
+// Puts the packet at the end of the block. A full block is sent first; if clients still hold ranges of it, since they
+// have no memory for copies, it is left to them. Returns false when there is no memory for the packet.
 bool ManagerListener::add_to_block(const EventPacket& packet) {
   if (block->size() + packet.size() > PacketBlock::kMax && block->is_held()) {
     send_gathered();
@@ -69,7 +67,7 @@ bool ManagerListener::add_to_block(const EventPacket& packet) {
       block = next;
     }
   }
-  if (!block->is_held()) block->clear();
+  block->clear();
   return block->append(packet.data(), packet.size());
 }
 
@@ -80,31 +78,22 @@ void ManagerListener::send_gathered() {
   }
 }
 
-// The event_recv thread sends what is gathered, from now until the burst is over.
-void ManagerListener::note_burst() {
-  was_gathered = true;
-  if (is_burst) return;
-  is_burst = true;
-  wake_receiver();
-}
-
-void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool more) {
+// `in_block`: the packet is the last one of the block.
+void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet, bool in_block, bool more) {
   ClientOutput& output = client.output;
+  const auto gather = [&output, &packet, shared = in_block ? block : nullptr] {
+    return shared != nullptr ? output.append_last(*shared, packet.size()) : output.append(packet.data(), packet.size());
+  };
   if (output.owes() || output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
   if (output.broken()) return;
   if (output.owes()) return skip(client);
-  if (!gather(output, packet)) {  // no memory: what it has leaves first
+  if (!gather()) {  // no memory: what it has leaves first
     push(client);
     if (!output.empty()) owe(client);
     if (output.broken()) return;
-    if (output.owes() || !gather(output, packet)) return skip(client);
+    if (output.owes() || !gather()) return skip(client);
   }
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
-}
-
-bool ManagerListener::gather(ClientOutput& output, const EventPacket& packet) {
-  return is_in_block ? output.append(*block, block->size() - packet.size(), packet.size())
-                     : output.append(packet.data(), packet.size());
 }
 
 void ManagerListener::send_now(ListenerClient& client) {
@@ -114,20 +103,16 @@ void ManagerListener::send_now(ListenerClient& client) {
 
 // Sends what waits for the client, as far as its socket takes it.
 void ManagerListener::push(ListenerClient& client) {
-  ClientOutput& output = client.output;
-  const ClientOutput::Pushed pushed = output.push(client.fd);
-  if (!is_burst) output.tidy();
-  if (output.gap_over() && !has_untold) {
-    has_untold = true;
-    wake_receiver();
-  }
+  const ClientOutput::Pushed pushed = client.output.push(client.fd);
+  if (burst_ticks == 0) client.output.tidy();
   if (pushed == ClientOutput::Pushed::ok) return;
+  wake_receiver();  // to log the gap, to send the rest, or to remove the client
+  if (pushed == ClientOutput::Pushed::gap_over) return;
   elog(1, "mlistener: failed to send data");
-  if (pushed == ClientOutput::Pushed::failed) return wake_receiver();
-  shutdown(client.fd, SHUT_RDWR);  // a part of a packet may have gone out; the event_recv thread will find it hung up
+  if (pushed == ClientOutput::Pushed::broken) shutdown(client.fd, SHUT_RDWR);  // part of a packet may have gone out
 }
 
-// Nobody waits for the client any longer; the event_recv thread sends the rest when there is room.
+// The script thread no longer waits for the client; the event_recv thread sends the rest when there is room.
 void ManagerListener::owe(ListenerClient& client) {
   client.output.owe();
   wake_receiver();
@@ -142,17 +127,16 @@ void ManagerListener::skip(ListenerClient& client) {
     }
     return;
   }
-  has_untold = true;
-  wake_receiver();
+  wake_receiver();  // to log the gap
   if (const auto left_out = memory_limit.allow()) {
     elog(1, "mlistener: the clients hold all of listener_memory, an event for client %d (%s) is skipped%s", client.fd,
          PeerText(client.address).text, left_out->text);
   }
 }
 
-// Waits for all the slow ones at once: those that read are through after a moment, however many others have stalled,
-// and those that have stalled cost the loop one wait together. Without the lock: meanwhile clients come, subscribe and
-// go, and the event_recv thread sends as well.
+// Waits for all slow clients at once: those that read are done after a moment, however many others have stalled, and
+// those that have stalled cost the loop one wait together. Without the lock: meanwhile clients come, subscribe and go,
+// and the event_recv thread sends as well.
 void ManagerListener::wait_for_slow() {
   const Clock::time_point start = Clock::now();
   for (Clock::time_point now = start;;) {
@@ -174,8 +158,8 @@ void ManagerListener::wait_for_slow() {
   }
 }
 
-// Forgets the slow clients that have got all or have gone, and those that nobody waits for any longer at `now`. Returns
-// how long the others may be waited for.
+// Drops the slow clients that have got everything or have gone, and those that have no wait left at `now`. Returns how
+// long to wait for the others.
 ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start, Clock::time_point now) {
   Clock::duration longest = longest_wait - (now - start);
   size_t kept = 0;
@@ -194,31 +178,28 @@ ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start
   return longest;
 }
 
-// The wait from `before` to `now` was for those that are slow.
+// Charges the wait from `before` to `now` to the budgets of those that are slow.
 void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
-  bool strangers = false, known = false;
+  bool strangers = false;
+  bool known = false;
   for (const ListenerClient* client : slow) (client->is_known(before) ? known : strangers) = true;
   if (strangers) strangers_wait.spend(now - before, now);
   if (known) known_wait.spend(now - before, now);
 }
 
-// Sends what clients owe and, if `also_gathered`, what is gathered. Logs one gap that is over, the oldest one: in the
-// end each has its turn.
+// Sends what clients owe and, if `also_gathered`, what is gathered. Logs the oldest gap that is over: in the end each
+// has its turn.
 void ManagerListener::send_waiting(bool also_gathered) {
   ListenerClient* again = nullptr;
-  int gaps = 0;
   for (const std::unique_ptr<ListenerClient>& client : clients) {
     ClientOutput& output = client->output;
     if (output.owes() || also_gathered) push(*client);
     if (!output.gap_over()) continue;
-    ++gaps;
     if (again == nullptr || output.gap_start() < again->output.gap_start()) again = client.get();
   }
-  // A gap that cannot be logged yet is logged later, with what has been skipped until then: no event is left out.
+  // A gap that cannot be logged yet is logged later, with what has been skipped until then: every skip is counted.
   if (again != nullptr && again_limit.allow()) {
-    --gaps;
     elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->address).text,
          again->output.take_gap());
   }
-  has_untold = gaps > 0;
 }

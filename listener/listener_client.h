@@ -21,28 +21,29 @@ class ListenerClient {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `account` outlives the record.
+  // `account` must outlive the record.
   explicit ListenerClient(ClientMemory& account) : recv_buf(account), output(account), memory(account) {}
   ListenerClient(const ListenerClient&) = delete;
   ListenerClient& operator=(const ListenerClient&) = delete;
   ~ListenerClient() { set_type_string({}); }
 
-  // Starts over for a new connection: nothing of the one before is left. Takes over `new_fd`. Accept thread.
+  // Starts over for a new connection, and takes over `new_fd`. The record is new or closed. Accept thread.
   void open(int new_fd, const sockaddr_in& peer);
 
   // Ends the connection and gives back what it held. The event_recv thread, or the main thread once that has ended.
   void close();
 
-  // What the client asks for from now on; empty: nothing yet. The listener's cache must forget what it knew.
+  // Sets what the client asks for from now on; without a value it has not subscribed. The caller tells the listener's
+  // SubscriptionCache.
   void set_type_string(std::optional<std::string> text);
 
-  // Whether the client has been connected for a minute: strangers are waited for at their own expense.
+  // Whether the client has been connected for a minute: waits for newer ones come out of a budget of their own.
   bool is_known(Clock::time_point now) const { return now - since >= std::chrono::seconds(60); }
 
-  // The event_recv thread's, while the client is connected.
+  // Event_recv thread, while the client is connected.
   ClientBuffer recv_buf;     // what it has sent and the daemon has not consumed
-  int64_t read_tick = -1;    // when it was read last
-  size_t awaited = 0;        // bytes that its next packet lacks, as far as is known
+  int64_t read_tick = -1;    // when it was read last; -1: never
+  size_t awaited = 0;        // bytes that its next packet is known to lack
   bool is_held_off = false;  // there was no memory for them
 
   // Under the listener's lock.

@@ -27,11 +27,11 @@ Descriptor new_event() {
 }
 
 void set_option(int fd, int level, int option, int value) {
-  setsockopt(fd, level, option, &value, sizeof(value));  // clients without it are served all the same
+  setsockopt(fd, level, option, &value, sizeof(value));  // a failure does no harm: clients are served without it
 }
 
-// What clients' connections inherit: small packets leave at once, and a peer that is dead, or takes nothing for two
-// minutes while data waits for it, is hung up by the kernel.
+// Clients' connections inherit these from the listening socket: small packets leave at once, and the kernel hangs up a
+// peer that is dead, or takes nothing for two minutes while data waits for it.
 void set_client_options(int fd) {
   set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -57,7 +57,7 @@ ManagerListener::ManagerListener(SettingsFile&& file)
       block(new PacketBlock(memory)),
       strangers_wait(longest_wait),
       known_wait(longest_wait) {
-  // Room for all that there can ever be: moving a record from list to list never fails.
+  // Room for all clients that there can be: moving a record from list to list never fails.
   clients.reserve(kPositionMax);
   free_clients.reserve(kPositionMax);
   slow.reserve(kPositionMax);
@@ -92,7 +92,7 @@ int ManagerListener::start() {
   return is_open ? 1 : -1;
 }
 
-// False with errno when it cannot be had.
+// Returns false, with errno set, when it fails.
 bool ManagerListener::open_port() {
   const int listening = sock_listen_tcp(port);
   if (listening < 1) return false;
@@ -122,7 +122,7 @@ void ManagerListener::stop() {
   clients.clear();
 }
 
-// Waits until the stop or for so long. Whether the listener still runs. Any thread of the listener.
+// Waits until the stop, at most so long. Returns whether the listener still runs. Accept and event_recv threads.
 bool ManagerListener::pause(int milliseconds) const {
   sock_wait_readable(stop_event.get(), milliseconds);
   return running;

@@ -1,10 +1,10 @@
-// The packets of a burst, each held once, whoever gets it.
+// The packets of a burst, each stored once for all clients that get it.
 //
 // Most clients ask for the same events. A copy for each of them would cost more than anything else in a burst: it
-// drives everything out of the processor's caches. So packets stand here one behind the other, and a client has a
-// range of them: it grows by a packet as long as no other packet stands in between, and is sent as it is.
+// drives everything out of the processor's caches. So packets are stored here one after another, and a client has a
+// range of them, which is sent without a copy and grows as long as the client gets every packet that is added.
 //
-// No lock of its own: everything under the listener's lock.
+// No lock of its own: all calls under the listener's lock.
 #pragma once
 
 #include <cstddef>
@@ -13,23 +13,32 @@
 
 class PacketBlock {
  public:
-  static constexpr size_t kMax = size_t{256} * 1024;  // bytes, but for a single packet that is larger
+  static constexpr size_t kMax = size_t{256} * 1024;  // bytes, unless a single packet is larger
 
-  // `memory` outlives it. Owned by those who share it: the listener, which makes it, and the ranges.
+  // `memory` must outlive it. Belongs to all that share it: the listener, which makes it, and the ranges. The last one
+  // that leaves deletes it.
   explicit PacketBlock(ClientMemory& memory) : bytes(memory) {}
 
   const char* data() const { return bytes.data(); }
   size_t size() const { return bytes.size(); }
 
-  // Adds a packet at the end. False when the memory for it is not granted: nothing has been added.
+  // Adds a packet at the end. False when the memory for it is not granted: nothing has been added. Throws
+  // std::bad_alloc when there is none.
   bool append(const char* packet, size_t count) { return bytes.append(packet, count); }
 
   // Whether there is a range of it.
   bool is_held() const { return sharers > 1; }
 
-  // Drops all packets, and with `tidy` most of the memory. Only while it is not held.
-  void clear() { bytes.clear(); }
-  void tidy() { bytes.tidy(); }
+  // Drops all packets, unless there is a range of them.
+  void clear() {
+    if (!is_held()) bytes.clear();
+  }
+
+  // As clear; gives the memory back as well.
+  void tidy() {
+    clear();
+    bytes.tidy();
+  }
 
   void share() { ++sharers; }
   void leave() {
@@ -43,7 +52,7 @@ class PacketBlock {
   size_t sharers = 1;  // its maker
 };
 
-// The bytes from one place of a block to another, which stay there as long as the range has them.
+// A piece of a block, which keeps its bytes as long as the range exists.
 class PacketRange {
  public:
   PacketRange() = default;
@@ -55,22 +64,22 @@ class PacketRange {
   size_t size() const { return end - start; }
   bool empty() const { return start == end; }
 
-  // Begins with `count` bytes at `place` of `wanted`. Only while it is empty.
-  void begin(PacketBlock& wanted, size_t place, size_t count) {
+  // Becomes the last `count` bytes of `wanted`. Only while it is empty.
+  void begin(PacketBlock& wanted, size_t count) {
     wanted.share();
     block = &wanted;
-    start = place;
-    end = place + count;
+    end = wanted.size();
+    start = end - count;
   }
 
-  // Takes the `count` bytes at `place` of `wanted` in. False when they do not stand right behind its end.
-  bool extend(const PacketBlock& wanted, size_t place, size_t count) {
-    if (block != &wanted || end != place) return false;
+  // Adds the last `count` bytes of `wanted`. False when the range does not end right before them: nothing has changed.
+  bool extend(const PacketBlock& wanted, size_t count) {
+    if (block != &wanted || end + count != wanted.size()) return false;
     end += count;
     return true;
   }
 
-  // Takes away the first `count` bytes, at most size().
+  // Removes the first `count` bytes, at most size().
   void consume(size_t count) {
     start += count;
     if (empty()) clear();

@@ -1,9 +1,9 @@
 // The event_recv thread: reads from the clients, takes their subscriptions, removes those that have gone, and sends
 // what the script thread holds back or slow clients owe.
 //
-// It sleeps until one of them has something for it. A quiet client's bytes are read at once; one that has just been
-// read waits for the next tick, all of them for the same one, and passes that clients cause come to one a tick. So busy
-// clients get a piece each a tick, and cannot make the thread do more than that, however many they are.
+// It sleeps until there is something to do. A quiet client is read at once; a client that has just been read waits for
+// the next tick, and on average clients cause one pass a tick. So each busy client is read one piece a tick, and no
+// number of busy clients makes the thread do more.
 #include <malloc.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -18,27 +18,24 @@ namespace {
 
 constexpr int kTickMs = 50;
 constexpr int kPassesSaved = 20;    // passes in a row after a silence
-constexpr int kUntoldMs = 1000;     // before a line that could not be written is tried again
-constexpr int kQuietTicks = 20;     // after which a burst is over
+constexpr int kGapLineMs = 1000;    // before a "reads again" line over the limit is tried again
 constexpr size_t kPieceSize = 512;  // bytes read from a client in a pass
 
 }  // namespace
 
-// What a pass looks at, taken under the lock and used without: records are never freed, and descriptors are closed by
-// this thread alone.
+// What a pass works on: filled under the lock, used without it. Records are never freed, and only this thread closes
+// descriptors.
 struct ManagerListener::PollSet {
   std::vector<pollfd> entries;           // the stop, the event of this thread, the clients
   std::vector<ListenerClient*> records;  // the clients of the third entry on
   int64_t tick = 0;                      // of this pass
   int64_t sent_tick = 0;                 // at which gathered output was sent last
-  int quiet_ticks = 0;                   // without anything gathered
-  bool has_ended_burst = false;          // just now
-  int64_t paid_until_ms = 0;             // by when a pass a tick comes to what has been done
+  int64_t paid_until_ms = 0;             // the time that the passes so far are worth, at one a tick
 
-  // Milliseconds to wait before the next pass.
+  // Accounts for a pass. Returns the milliseconds to wait before the next one.
   int pay() {
     const int64_t now = steady_ms();
-    paid_until_ms = std::max(paid_until_ms, now - kPassesSaved * kTickMs) + kTickMs;
+    paid_until_ms = std::max(paid_until_ms, now - int64_t{kPassesSaved} * kTickMs) + kTickMs;
     return static_cast<int>(std::max<int64_t>(paid_until_ms - now, 0));
   }
 
@@ -58,12 +55,12 @@ void ManagerListener::receive_loop() {
 }
 
 void ManagerListener::receive_pass(PollSet& set) {
+  if (send_due(set)) malloc_trim(0);
   const int timeout_ms = prepare(set);
-  if (set.has_ended_burst) malloc_trim(0);
   const int ready = poll(set.entries.data(), set.entries.size(), timeout_ms);
   if (ready == 0 || !running) return;
   if (ready < 0) elog(1, "mlistener: poll function failed");
-  eventfd_t ignored;
+  eventfd_t ignored = 0;
   if (ready > 0 && set.entries[1].revents != 0) eventfd_read(receive_event.get(), &ignored);
   for (size_t i = 0; ready > 0 && i < set.records.size(); ++i) {
     const pollfd& entry = set.entries[i + 2];
@@ -75,56 +72,55 @@ void ManagerListener::receive_pass(PollSet& set) {
   if (const int wait_ms = set.pay()) pause(wait_ms);
 }
 
-// Sends what is due, fills the set, and returns how long the pass may sleep, as poll takes it.
-int ManagerListener::prepare(PollSet& set) {
-  const int64_t now = steady_ms();
-  set.tick = now / kTickMs;
+// Sends what clients owe and, once a tick during a burst, what is gathered. Returns true when the burst is over:
+// nothing has been gathered for a while, and the memory that it took can go back.
+bool ManagerListener::send_due(PollSet& set) {
+  set.tick = steady_ms() / kTickMs;
   const MutexLock lock(mutex);
-  const bool is_flush = is_burst && set.tick != set.sent_tick;
+  const bool is_flush = burst_ticks > 0 && set.tick != set.sent_tick;
   send_waiting(is_flush);
-  if (is_flush) {
-    set.sent_tick = set.tick;
-    set.quiet_ticks = was_gathered ? 0 : set.quiet_ticks + 1;
-    was_gathered = false;
-    if (set.quiet_ticks > kQuietTicks) end_burst();
+  if (!is_flush) return false;
+  set.sent_tick = set.tick;
+  if (--burst_ticks > 0) return false;
+  for (const auto& client : clients) {
+    if (client->output.is_due()) burst_ticks = 1;  // a handler runs on, and the client does not read
+    client->output.tidy();
   }
-  set.has_ended_burst = is_flush && !is_burst;
+  if (burst_ticks == 0) block->tidy();
+  return burst_ticks == 0;
+}
 
+// Fills the set. Returns how long the pass may sleep: the milliseconds for poll, -1 for ever.
+int ManagerListener::prepare(PollSet& set) {
+  const MutexLock lock(mutex);
   set.entries.clear();
   set.records.clear();
   set.add(stop_event.get(), POLLIN);
   set.add(receive_event.get(), POLLIN);
-  bool needs_tick = is_burst;
+  bool needs_tick = burst_ticks > 0;
+  bool has_gap = false;
   for (const auto& client : clients) {
     const bool was_read = client->read_tick == set.tick;
     needs_tick = needs_tick || was_read;
     int events = was_read ? 0 : POLLIN;
     if (client->is_held_off) events |= POLLRDHUP;  // the end would be found behind what is not read
     if (client->output.owes()) events |= POLLOUT;
+    has_gap = has_gap || client->output.gap_over();
     set.add(client->fd, events);
     set.records.push_back(client.get());
   }
-  if (needs_tick) return static_cast<int>((set.tick + 1) * kTickMs - now);
-  return has_untold ? kUntoldMs : -1;
-}
-
-// Nothing has been gathered for a while: this thread may sleep, and the memory that the burst took goes back.
-void ManagerListener::end_burst() {
-  is_burst = false;
-  for (const auto& client : clients) {
-    is_burst = is_burst || client->output.is_due();  // a handler runs on, and the client does not read
-    client->output.tidy();
-  }
+  if (needs_tick) return static_cast<int>(std::max<int64_t>((set.tick + 1) * kTickMs - steady_ms(), 0));
+  return has_gap ? kGapLineMs : -1;
 }
 
 // Returns false when the peer has closed its end.
 bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
   client.read_tick = tick;
-  // Room for the whole packet, or none: many half ones would leave no memory to complete any.
+  // Room for the whole packet or none: many half packets would leave no memory to complete any of them.
   client.is_held_off = !client.recv_buf.reserve(client.awaited + kPieceSize);
   if (client.is_held_off) return true;
   char piece[kPieceSize];
-  // Poll has seen bytes, or an end; should they be gone again, this thread must not block here.
+  // Without a wait, although poll has reported bytes: this thread must not block, should they be gone again.
   const ssize_t size = recv(fd, piece, sizeof(piece), MSG_DONTWAIT);
   if (size <= 0) return size < 0;
   client.recv_buf.append(piece, static_cast<size_t>(size));
@@ -170,9 +166,8 @@ void ManagerListener::set_type_string(ListenerClient& client, const char* text) 
 void ManagerListener::remove_client(ListenerClient& client) {
   const MutexLock lock(mutex);
   elog(2, "mlistener: delete client : %d", client.fd);
-  shutdown(client.fd, SHUT_RDWR);  // ends a wait for it, which would keep the connection open
+  shutdown(client.fd, SHUT_RDWR);  // ends the script thread's wait for it, which would keep the connection open
   const size_t position = client.position;
-  if (client.is_leaving) --leaving;
   client.close();
   subscriptions.remove(position);
   gathered.remove(position);

@@ -1,7 +1,7 @@
-// Who asks for events of which type name, for the names of recent events. Searching all type strings for every event
-// would let a few clients with long ones hold up all the others.
+// Which clients ask for events of a type name, remembered for the names of recent events. Searching all type strings
+// for every event would let a few clients with long ones hold up all the others.
 //
-// No lock of its own: under the listener's lock.
+// No lock of its own: all calls under the listener's lock.
 #pragma once
 
 #include <cstdint>
@@ -32,8 +32,8 @@ class SubscriptionCache {
   struct Name {
     uint64_t hash = 0;
     std::string text;
-    ClientSet known;   // whose type strings have been searched,
-    ClientSet asking;  // and those in which the name was found
+    ClientSet known;   // clients whose type strings have been searched,
+    ClientSet asking;  // and those whose type strings ask for the name
   };
 
   Name& find(const char* type_name) {
@@ -43,6 +43,6 @@ class SubscriptionCache {
   Name& find_elsewhere(const char* type_name);
 
   std::vector<Name> names;
-  size_t last = 0;  // found last: events come in rows of one type
-  size_t next = 0;  // the place to be given away next, once all are taken
+  size_t last = 0;  // the name found last: events of one type often come in a row
+  size_t next = 0;  // the name to be replaced next, once there are kNames
 };

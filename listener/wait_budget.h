@@ -1,10 +1,11 @@
 // How long the event loop may still wait for a group of slow clients.
 //
-// Waits add up over clients and over time: a client that takes a moment too long again and again, or that comes back
-// under a new connection, costs the others as much as one that takes nothing at all. So all waits of a minute for the
-// whole group come to a limit.
+// Waits add up over clients and over time: a client that is a moment late again and again, or that comes back with a
+// new connection, costs the others as much as one that takes nothing at all. So there is a limit to the sum of all
+// waits for the group within a minute.
 //
-// No lock of its own (under the listener's) and no clock: `now` is the caller's reading.
+// No lock of its own: all calls under the listener's lock. No clock of its own: `now` is the time as the caller read
+// it.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +17,7 @@ class WaitBudget {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `most`: all waits of a minute.
+  // `most`: the limit of a minute.
   explicit WaitBudget(std::chrono::milliseconds most) : limit(most) {}
 
   // Counts a wait of `duration` that ends at `now`.
@@ -27,7 +28,7 @@ class WaitBudget {
     piece.waited += duration;
   }
 
-  // What may still be waited at `now`; 0 when nothing is left.
+  // How long may still be waited at `now`; 0 when nothing is left.
   Clock::duration left(Clock::time_point now) const {
     const int64_t oldest = number_at(now) - kPeriod / kPiece;
     Clock::duration rest = limit;
@@ -39,7 +40,7 @@ class WaitBudget {
 
  private:
   static constexpr std::chrono::seconds kPeriod{60};
-  static constexpr std::chrono::seconds kPiece{5};  // how exactly a wait's age is known
+  static constexpr std::chrono::seconds kPiece{5};  // a wait's age is known to within this
 
   struct Piece {
     int64_t number = -1;  // counted from the clock's start
@@ -49,5 +50,5 @@ class WaitBudget {
   static int64_t number_at(Clock::time_point now) { return now.time_since_epoch() / kPiece; }
 
   const Clock::duration limit;
-  std::array<Piece, kPeriod / kPiece + 1> pieces;  // each in the place that its number gives it
+  std::array<Piece, kPeriod / kPiece + 1> pieces;  // each at its number modulo their count
 };

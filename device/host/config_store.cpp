@@ -7,7 +7,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <tuple>
 
@@ -17,6 +16,7 @@
 #include "device/store_text.h"
 #include "util/descriptor.h"
 #include "util/lua_binding.h"
+#include "util/mutex.h"
 #include "util/text.h"
 
 // A handle holds the values as they were when the file was opened; the file itself is closed again.
@@ -26,26 +26,27 @@ struct econf_handle {
 
 namespace {
 
-constexpr off_t kFileMax = off_t{16} * 1024 * 1024;     // bytes
+constexpr off_t kFileMax = off_t{16} * 1024 * 1024;  // bytes
 
-// What identifies a state of a file: complaints are repeated when it has changed.
+// Identifies a state of a file: complaints are repeated when it has changed.
 using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
 
 struct Complained {
-  std::mutex mutex;
-  std::map<std::string, FileState> files;  // under mutex: those complained about, by path
+  Mutex mutex;
+  std::map<std::string, FileState> files GUARDED_BY(mutex);  // those complained about, by path
 };
 
 Complained& complained() {
-  static Complained* const the_complained = new Complained;  // scripts of any thread may come late
+  static auto* const the_complained = new Complained;  // any thread's scripts may use it until the process is gone
   return *the_complained;
 }
 
-// True once for each state of the file at `path`.
+// Returns true once for each state of the file at `path`.
 bool is_news(const std::string& path, const struct stat& status) {
   const FileState state(status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
-  const std::lock_guard<std::mutex> lock(complained().mutex);
-  const auto [entry, is_new] = complained().files.try_emplace(path, state);
+  Complained& c = complained();
+  const MutexLock lock(c.mutex);
+  const auto [entry, is_new] = c.files.try_emplace(path, state);
   if (!is_new && entry->second == state) return false;
   entry->second = state;
   return true;
@@ -53,7 +54,7 @@ bool is_news(const std::string& path, const struct stat& status) {
 
 void complain_about_file(const std::string& path, const char* reason) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return;  // a file that is not there is its reader's business
+  if (stat(path.c_str(), &status) != 0) return;  // a missing file is a matter for its reader
   if (is_news(path, status)) elog(1, "econf: cannot read %s: %s", path.c_str(), reason);
 }
 
@@ -69,7 +70,7 @@ void complain_about_lines(const std::string& path, const struct stat& status, co
   if (store.more_complaints > 0) elog(1, "econf: %s: %d more bad lines", path.c_str(), store.more_complaints);
 }
 
-// Reads a regular file whole. Returns null, or why it cannot be read.
+// Reads a whole regular file. Returns null, or why it cannot be read.
 const char* read_file(const std::string& path, std::string& bytes, struct stat& status) {
   const Descriptor file(above_standard_streams(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)));
   if (file.get() < 0 || fstat(file.get(), &status) != 0) return strerrordesc_np(errno);
@@ -191,7 +192,8 @@ int econf_init(lua_State* L) {
 }
 
 void econf_cleanup() {
-  const std::lock_guard<std::mutex> lock(complained().mutex);
-  complained().files.clear();
+  Complained& c = complained();
+  const MutexLock lock(c.mutex);
+  c.files.clear();
 }
 }

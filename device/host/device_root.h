@@ -1,10 +1,10 @@
-// DEVICE_ROOT: a folder that goes in front of every absolute path of the embedded device libraries, so that tests,
-// demos and several daemons on one machine stay apart.
+// DEVICE_ROOT: a folder that the embedded device libraries put in front of every absolute path, so that tests, demos
+// and several daemons on one machine stay apart.
 #pragma once
 
 #include <string>
 
-// Puts $DEVICE_ROOT in front of `path`, an absolute path, and returns true. A DEVICE_ROOT that is not absolute is
-// refused with one line on standard error; the result is then false, and the caller must leave the real path alone.
-// Set-uid programs ignore the variable. Any thread.
+// Sets `out` to `path`, an absolute path, with $DEVICE_ROOT in front, and returns true. When DEVICE_ROOT is not
+// absolute, says so once on standard error and returns false; the caller must then not use the path at all. Set-uid
+// programs ignore the variable. Any thread.
 bool under_device_root(const std::string& path, std::string& out);

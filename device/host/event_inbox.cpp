@@ -72,7 +72,7 @@ void EventInbox::added(EventSource source, uint32_t count, size_t bytes) {
   if (is_sleeping) call();
 }
 
-// Under the lock, so that the descriptor cannot be closed, and its number reused, in between.
+// Under the lock: the descriptor must not be closed, and its number reused, in between.
 void EventInbox::call() {
   if (is_called || wake_fd < 0) return;
   is_called = true;

@@ -3,7 +3,7 @@
 //
 // Each source has a bound of its own, so that one cannot keep the other out; posters are not read while their share is
 // full (event_posters.h). Adding an event wakes the script thread through a descriptor, but only if that thread has
-// announced that it goes to sleep: a burst costs one wake-up, and no system call while the loop is busy.
+// announced that it will sleep: a burst costs one wake-up, and no system call while the loop is busy.
 #pragma once
 
 #include <atomic>
@@ -19,31 +19,30 @@ constexpr size_t kInboxBytesMax = size_t{64} * 1024 * 1024;
 
 class EventInbox {
  public:
-  // Opens for posts. Returns false, with errno set, when there is no descriptor left. Main thread, as close().
+  // Opens for posts. Returns false, with errno set, when there is no descriptor left. Main thread, like close().
   bool open();
 
-  // Refuses all later posts and frees the events that wait. Other threads may still call post(), and nothing else.
+  // Refuses all later posts and frees the events that wait. Other threads may still call post(), but nothing else.
   void close();
 
   // Adds an event of the process: 1 queued, -1 closed, -2 full. `name` must be a good name. Any thread, at any time.
   int post(int type, std::string_view name, std::string_view info);
 
-  // Adds `count` events of other processes, `bytes` in all; `records` is empty afterwards. The thread that has read
-  // them.
+  // Adds `count` events of other processes, `bytes` in all; leaves `records` empty. The thread that has read them.
   void add(RecordList& records, uint32_t count, size_t bytes);
 
-  // The oldest event, or null. Script thread.
+  // Returns the oldest event, now owned by the caller, or null. Script thread.
   EventRecord* take();
 
-  // The number of events that take() would return, without a lock.
+  // The number of events that take() would return. Takes no lock. Script thread.
   int waiting() const { return posted(EventSource::process).waiting() + posted(EventSource::posters).waiting(); }
 
-  // What came from one source. Each counter has one writer at a time, so that no event costs an atomic addition, which
-  // would wait until the new record has been written out to memory.
+  // What came from one source. Each counter has one writer at a time: an atomic addition for each event would have to
+  // wait until the new record is written to memory.
   struct Tally {
-    std::atomic<uint32_t> added_events{0};  // written under the inbox's mutex, as the next one
+    std::atomic<uint32_t> added_events{0};  // written under the inbox's mutex, like the next one
     std::atomic<size_t> added_bytes{0};
-    std::atomic<uint32_t> taken_events{0};  // written by the script thread, as the next one
+    std::atomic<uint32_t> taken_events{0};  // written by the script thread, like the next one
     std::atomic<size_t> taken_bytes{0};
     int waiting() const {
       return static_cast<int>(added_events.load(std::memory_order_acquire) -
@@ -59,32 +58,32 @@ class EventInbox {
   uint32_t traffic() const;
 
   // True when no event waits and nobody has called wake(). From then until woke_up(), a new event makes
-  // wake_descriptor() ready. Script thread, as woke_up().
+  // wake_descriptor() ready. Script thread, like woke_up().
   bool may_sleep();
   void woke_up() { is_sleeping.store(false, std::memory_order_relaxed); }
 
-  // Ends the sleep of the script thread, or prevents its next one: take_wake() is then true once. wake() any thread,
-  // take_wake() script thread.
+  // Ends the sleep of the script thread, or prevents its next one: take_wake() then returns true once. wake(): any
+  // thread; take_wake(): script thread.
   void wake();
   bool take_wake() { return is_woken.load(std::memory_order_relaxed) && is_woken.exchange(false); }
 
-  // Waits for wake() alone, at most timeout_ms: for a queue that could not be opened. Script thread.
+  // Waits for wake() and nothing else, at most timeout_ms: for a queue that could not be opened. Script thread.
   void sleep(int timeout_ms);
 
   // Becomes readable at each wake-up. It is never read: watch it for edges.
   int wake_descriptor() const { return wake_fd; }
 
-  // Makes wake_descriptor() ready in any case, since the stand-in reader sleeps on it, too. Main thread.
+  // Makes wake_descriptor() ready in any case: the stand-in reader sleeps on it too. Main thread.
   void wake_stand_in();
 
-  // Makes wake_descriptor() ready again if the script thread sleeps: for a thread that may have taken the edge that was
-  // meant for it.
+  // Makes wake_descriptor() ready again if the script thread sleeps: another thread may have taken the edge that was
+  // meant for it. Any thread.
   void pass_on_wake();
 
   // The number of posts refused since the last call because the queue was full. Any thread.
   int64_t take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
 
-  // Around a fork, so that the child can post: holds the lock from before it until after it, on both sides.
+  // Hold the lock from before a fork until after it, in parent and child, so that the child can post.
   void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
   void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
 
@@ -100,7 +99,7 @@ class EventInbox {
   std::atomic<bool> is_woken{false};         // set under mutex
   std::condition_variable_any woken;
   int wake_fd = -1;  // changed under mutex, by the main thread alone
-  RecordList taken;  // script thread: moved here from `arrived` in one go, which spares a lock for each event
+  RecordList taken;  // script thread: all of `arrived` is moved here at once, so that not every event takes the lock
   Tally tallies[2];
   std::atomic<int64_t> refused{0};
 };

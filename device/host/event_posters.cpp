@@ -24,14 +24,14 @@ bool watch(int epoll, int fd, uint32_t what, void* tag) {
 }
 
 bool has_memory_for_a_piece() {
-  void* volatile const memory = malloc(kPieceMemory);  // volatile: or the compiler takes it for granted
+  void* volatile const memory = malloc(kPieceMemory);  // volatile: the compiler must not assume that it succeeds
   free(memory);
   return memory != nullptr;
 }
 
 }  // namespace
 
-// The events of one piece: they came in together, and go into the inbox together.
+// The events of one piece, which enter the inbox together.
 struct EventPosters::Batch {
   Batch() = default;
   Batch(const Batch&) = delete;
@@ -61,9 +61,10 @@ bool EventPosters::open() {
 void EventPosters::close() {
   const MutexLock lock(mutex);
   places.leave_all();
+  while (!turns.empty()) turns.take();
   socket.close();
   epoll.reset();
-  first_turn = turn_count = last_ready = 0;
+  last_ready = 0;
   someone_waits = someone_leaves = socket_changed = false;
   spares.clear();
 }
@@ -83,11 +84,11 @@ bool EventPosters::wait(int timeout_ms) {
   {
     const MutexLock lock(mutex);
     if (socket_changed || socket.number() == 0) {
-      if (socket_changed) accept_waiting();  // the former socket's last ones
+      if (socket_changed) accept_waiting();  // those who connected to the former socket
       socket_changed = false;
       if (socket.make_again(start)) watch_socket();
     }
-    if (turn_count == 0) wait_ms = std::min(timeout_ms, next_chore_ms(start));
+    if (turns.empty()) wait_ms = std::min(timeout_ms, next_chore_ms(start));
   }
   Ready ready;
   if (!collect(ready, wait_ms)) return false;
@@ -95,7 +96,7 @@ bool EventPosters::wait(int timeout_ms) {
   const int64_t until_ms = std::max(start + timeout_ms, steady_ms() + 1);
   const MutexLock lock(mutex);
   note(ready);
-  while (turn_count > 0 && has_room()) {
+  while (!turns.empty() && has_room()) {
     take_turn();
     if (steady_ms() >= until_ms) break;
   }
@@ -104,19 +105,19 @@ bool EventPosters::wait(int timeout_ms) {
 }
 
 EventPosters::Work EventPosters::read_piece() {
-  // A script may be using it all up, and give it back soon: until then the posters can wait.
+  // A script may have used up the memory, and free it soon: the posters can wait until then.
   if (!has_memory_for_a_piece()) return Work::held_up;
   const MutexLock lock(mutex);
-  if (turn_count == 0 || has_room()) {  // who becomes ready waits for one turn of the others, not for all
+  if (turns.empty() || has_room()) {  // before each turn: a poster that becomes ready joins the queue at once
     Ready ready;
     collect(ready, 0);
     note(ready);
   }
-  const bool has_turn = turn_count > 0 && has_room();
+  const bool has_turn = !turns.empty() && has_room();
   if (has_turn) take_turn();
   accept_waiting();
-  const bool is_left = turn_count > 0 || someone_waits;
-  if (is_left) inbox.pass_on_wake();  // the loop may have begun to wait before that was so
+  const bool is_left = !turns.empty() || someone_waits;
+  if (is_left) inbox.pass_on_wake();  // the loop may have begun to wait before this thread took notice of it
   if (has_turn) return Work::done;
   return is_left ? Work::held_up : Work::nothing;
 }
@@ -129,7 +130,7 @@ int64_t EventPosters::tidy_up() {
   return count;
 }
 
-// How long to sleep at most because somebody waits to be accepted.
+// How long wait() may sleep, in milliseconds, before it has to accept a poster that waits.
 int EventPosters::next_chore_ms(int64_t now) const {
   if (!someone_waits) return INT_MAX;
   return static_cast<int>(std::clamp<int64_t>(accept_not_before - now, 0, INT_MAX));
@@ -141,7 +142,7 @@ bool EventPosters::collect(Ready& ready, int timeout_ms) const {
   return count >= 0;
 }
 
-// A poster may have left, and its place be another's, since the set was asked: then there is nothing to receive.
+// A poster may have left, and another one have its place, since the set was asked: then there is nothing to receive.
 void EventPosters::note(const Ready& ready) {
   last_ready = 0;
   bool is_for_the_loop = false;
@@ -156,26 +157,17 @@ void EventPosters::note(const Ready& ready) {
       is_for_the_loop = true;
     } else {
       ++last_ready;
-      queue_turn(*static_cast<Poster*>(tag));
+      turns.add(*static_cast<Poster*>(tag));
     }
   }
-  if (is_for_the_loop) inbox.pass_on_wake();  // does nothing when it is the loop that was told
+  if (is_for_the_loop) inbox.pass_on_wake();  // does nothing when this is the loop
 }
 
-void EventPosters::queue_turn(Poster& poster) {
-  if (poster.is_queued) return;
-  poster.is_queued = true;
-  turns[(first_turn + turn_count++) % kPostersMax] = static_cast<uint8_t>(places.index_of(poster));
-}
-
-// Gives the next poster its turn. It receives nothing as long as something is left from its last turn.
+// Gives the next poster its turn. Nothing is received as long as something is left from its last turn.
 void EventPosters::take_turn() {
-  Poster& poster = places.at(turns[first_turn]);
-  first_turn = (first_turn + 1) % kPostersMax;
-  --turn_count;
-  poster.is_queued = false;
+  Poster& poster = turns.take();
   if (poster.fd < 0) return;
-  const bool is_alone = last_ready <= 1 && turn_count == 0;
+  const bool is_alone = last_ready <= 1 && turns.empty();
   const int lines_max = is_alone ? INT_MAX : kTurnEvents;
   if (poster.unread.empty()) {
     receive(poster, is_alone ? kTurnBytesAlone : kTurnBytes, lines_max);
@@ -186,19 +178,14 @@ void EventPosters::take_turn() {
   }
 }
 
-// Receives and cuts at most `size` bytes. Returns false when there was nothing to receive; at its end the poster
-// leaves.
-bool EventPosters::receive(Poster& poster, size_t size, int lines_max) {
-  // recv, never recvmsg: what somebody passes along beside the bytes, descriptors above all, is thrown away.
+// Receives and cuts at most `size` bytes. A poster that has sent all leaves.
+void EventPosters::receive(Poster& poster, size_t size, int lines_max) {
+  // recv, never recvmsg: the kernel then drops what comes along with the bytes, descriptors above all.
   const ssize_t got = recv(poster.fd, buffer, size, MSG_DONTWAIT);
-  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return false;
-  if (got > 0) {
-    cut(poster, std::string_view(buffer, static_cast<size_t>(got)), lines_max);
-    return true;
-  }
+  if (got > 0) return cut(poster, std::string_view(buffer, static_cast<size_t>(got)), lines_max);
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got == 0 && !poster.is_leaving) finish(poster);
   leave(poster);
-  return false;
 }
 
 // Takes the lines among `bytes`, until there are lines_max of them, or no room in the inbox.
@@ -216,7 +203,7 @@ void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
   inbox.add(batch.records, batch.count, batch.bytes);
   if (rest.empty()) return;
   poster.unread = rest;
-  queue_turn(poster);
+  turns.add(poster);
 }
 
 void EventPosters::finish(Poster& poster) {
@@ -251,8 +238,9 @@ void EventPosters::take_line(const Poster& poster, std::string_view line, Batch&
 void EventPosters::accept_waiting() {
   if (socket.descriptor() < 0) someone_waits = false;
   if (!someone_waits || steady_ms() < accept_not_before) return;
-  while (someone_waits && (!places.all_taken() || make_place()) && accept_one()) {
+  while (someone_waits && !places.all_taken() && accept_one()) {
   }
+  if (someone_waits && places.all_taken()) ask_one_to_leave();
 }
 
 bool EventPosters::accept_one() {
@@ -273,26 +261,25 @@ bool EventPosters::accept_one() {
   return true;
 }
 
-// For when all places are taken. If somebody waits, tells the first to go to leave; it is then read empty in its turns,
-// like everybody, and leaves at its end. Returns true when there is a place.
-bool EventPosters::make_place() {
+// Called when all places are taken. If a poster does wait to be accepted, one connection has to go: it is read empty in
+// its turns, like all others, and then leaves.
+void EventPosters::ask_one_to_leave() {
   pollfd waiting{socket.descriptor(), POLLIN, 0};
   someone_waits = poll(&waiting, 1, 0) != 0;
-  if (!someone_waits || someone_leaves) return false;
+  if (!someone_waits || someone_leaves) return;
   Poster& poster = places.first_to_go();
   accept_not_before = poster.since_ms + kPosterHoldMs;
-  if (steady_ms() < accept_not_before) return false;
+  if (steady_ms() < accept_not_before) return;
   if (const auto left_out = closed_limit.allow()) {
     elog(1, "evq: closed a connection of process %d of user %u, which has %d, while others wait%s", poster.process,
          poster.user, places.of_process(poster), left_out->text);
   }
-  shutdown(poster.fd, SHUT_RD);  // from here on its sends fail: nothing is lost unseen
+  shutdown(poster.fd, SHUT_RD);  // its sends fail from now on: no line is lost without its notice
   someone_leaves = poster.is_leaving = true;
-  queue_turn(poster);
-  return false;
+  turns.add(poster);
 }
 
-// Frees a place and a descriptor: somebody may be waiting for either.
+// Frees a place and a descriptor: another poster may be waiting for either.
 void EventPosters::leave(Poster& poster) {
   if (poster.is_leaving) someone_leaves = false;
   accept_not_before = 0;

@@ -1,18 +1,18 @@
 // The other processes that post events: waiting for them, reading what they send, and cutting it into events.
 //
 // Readiness comes from one epoll set, which also holds the descriptor that wakes the script thread for events of the
-// process itself. What is hard here is fairness with strangers:
+// process itself. Posters are strangers, and must not harm the loop or each other:
 //   - Posters take turns in the order in which they became ready. A turn is at most kTurnEvents events while several
 //     are ready; the rest of what was received waits for the next turn.
 //   - Nothing is read while enough events wait in the inbox, so a poster that is faster than the loop waits in its
 //     send.
-//   - When all places are taken and somebody waits to be accepted, one connection has to go (poster_places.h), after
-//     all that it has sent has been read. The listening socket is watched for edges: a connection that cannot be
+//   - When all places are taken and another poster waits to be accepted, one connection has to go (poster_places.h),
+//     after all that it has sent has been read. The listening socket is watched for edges: a connection that cannot be
 //     accepted yet must not wake the loop again and again.
 //
-// The script thread reads, and in its place the stand-in reader (stand_in.h), one at a time under the lock; only the
-// script thread waits, without the lock, and only it makes the socket again. open and close: main thread, while neither
-// runs.
+// The script thread reads, or in its place the stand-in reader (stand_in.h), one at a time under the lock. Only the
+// script thread waits, without the lock, and only it replaces the socket. open and close: main thread, while neither
+// of them runs.
 #pragma once
 
 #include <sys/epoll.h>
@@ -27,18 +27,18 @@
 #include "util/mutex.h"
 #include "util/rate_limit.h"
 
-constexpr int kPostedEventsMax = 4096;                       // no reading while that many wait
-constexpr size_t kPostedBytesMax = size_t{8} * 1024 * 1024;  // nor while they are that big
+constexpr int kPostedEventsMax = 4096;                       // nothing is read while that many wait,
+constexpr size_t kPostedBytesMax = size_t{8} * 1024 * 1024;  // or while they are that large
 constexpr int kTurnEvents = 256;                             // lines of one poster in its turn, when several are ready
 constexpr size_t kTurnBytes = size_t{4} * 1024;              // received for such a turn
-constexpr size_t kTurnBytesAlone = size_t{64} * 1024;        // received when nobody else is ready
+constexpr size_t kTurnBytesAlone = size_t{64} * 1024;        // received when no other poster is ready
 
 class EventPosters {
  public:
   explicit EventPosters(EventInbox& the_inbox) : inbox(the_inbox) {}
 
-  // Makes the epoll set with the inbox's descriptor in it, and the socket if it can be made; otherwise wait() tries
-  // again. Returns false, with errno set, when there is no descriptor left for the set.
+  // Makes the epoll set with the inbox's descriptor in it, and the socket; wait() tries again when that fails. Returns
+  // false, with errno set, when there is no descriptor left for the set.
   bool open();
 
   // Closes all connections and the socket.
@@ -49,21 +49,21 @@ class EventPosters {
   // EventSocket::number(). Any thread.
   int socket_number() const { return socket.number(); }
 
-  // Waits until something happens, at most timeout_ms, and reads from who is ready; may return early with nothing done.
-  // Reading goes on until enough events wait, or until the time is up. Returns false when a signal interrupted it.
-  // Script thread.
+  // Waits until something happens, at most timeout_ms, and reads from the posters that are ready, until enough events
+  // wait or the time is up. May return early with nothing done. Returns false when a signal interrupted it. Script
+  // thread.
   bool wait(int timeout_ms);
 
   enum class Work { done, nothing, held_up };
 
-  // Reads one piece, if there is one, without waiting. `held_up`: there is something to do, but not before there is
-  // room in the inbox, or memory, or before its time has come. Throws std::bad_alloc. Stand-in reader.
+  // Reads one piece, if there is one, without waiting. `held_up`: something has to wait for room in the inbox, for
+  // memory, or until its time comes. Throws std::bad_alloc. Stand-in reader.
   Work read_piece();
 
-  // Readable for poll(2) while there is anything that no thread has looked at yet.
+  // Readable for poll(2) while there is anything that no thread has taken notice of yet.
   int descriptor() const { return epoll.get(); }
 
-  // Gives back the memory that a burst has left behind. Returns the number of lines dropped since the last call. Script
+  // Frees the memory that a burst has left behind. Returns the number of lines dropped since the last call. Script
   // thread.
   int64_t tidy_up();
 
@@ -78,15 +78,14 @@ class EventPosters {
   bool collect(Ready& ready, int timeout_ms) const;
   void note(const Ready& ready) REQUIRES(mutex);
   int next_chore_ms(int64_t now) const REQUIRES(mutex);
-  void queue_turn(Poster& poster) REQUIRES(mutex);
   void take_turn() REQUIRES(mutex);
-  bool receive(Poster& poster, size_t size, int lines_max) REQUIRES(mutex);
+  void receive(Poster& poster, size_t size, int lines_max) REQUIRES(mutex);
   void cut(Poster& poster, std::string_view bytes, int lines_max) REQUIRES(mutex);
   void finish(Poster& poster) REQUIRES(mutex);
   void take_line(const Poster& poster, std::string_view line, Batch& batch) REQUIRES(mutex);
   void accept_waiting() REQUIRES(mutex);
   bool accept_one() REQUIRES(mutex);
-  bool make_place() REQUIRES(mutex);
+  void ask_one_to_leave() REQUIRES(mutex);
   void leave(Poster& poster) REQUIRES(mutex);
   bool has_room() const {
     const EventInbox::Tally& mine = inbox.posted(EventSource::posters);
@@ -99,12 +98,10 @@ class EventPosters {
 
   Mutex mutex;
   PosterPlaces places GUARDED_BY(mutex);
-  uint8_t turns[kPostersMax] GUARDED_BY(mutex);  // a ring of places: whose turn it is next, each once
-  int first_turn GUARDED_BY(mutex) = 0;
-  int turn_count GUARDED_BY(mutex) = 0;
-  int last_ready GUARDED_BY(mutex) = 0;             // the number of posters that were ready when it was last asked
+  PosterTurns turns GUARDED_BY(mutex);
+  int last_ready GUARDED_BY(mutex) = 0;             // how many posters the epoll set last reported
   bool socket_changed GUARDED_BY(mutex) = false;    // it may have been removed
-  bool someone_waits GUARDED_BY(mutex) = false;     // somebody may be waiting to be accepted
+  bool someone_waits GUARDED_BY(mutex) = false;     // a poster may be waiting to be accepted
   bool someone_leaves GUARDED_BY(mutex) = false;    // a connection that had to go is being read empty
   int64_t accept_not_before GUARDED_BY(mutex) = 0;  // steady_ms
   RecordList spares GUARDED_BY(mutex);

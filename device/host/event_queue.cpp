@@ -23,23 +23,23 @@ struct EventQueue {
   EventPosters posters{inbox};
   LoopLooks looks;
   StandIn stand_in{looks, posters, inbox};
-  int64_t last_look = 0;  // script thread: when the posters were looked at, in ticks
+  int64_t last_look = 0;  // script thread: the tick() at which look_at_posters last looked
 };
 
 EventQueue& queue() {
-  static EventQueue* const the_queue = new EventQueue;  // threads of plug-ins may post until the process is gone
+  static auto* const the_queue = new EventQueue;  // threads of plug-ins may post until the process is gone
   return *the_queue;
 }
 
-// A clock that is read almost for nothing and moves every few milliseconds.
+// Nanoseconds of a clock that costs almost nothing to read and moves every few milliseconds.
 int64_t tick() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
-// While the process itself posts without a pause the loop never waits, and only waiting looks at the posters. So they
-// get a look at every tick then: often enough for them, and no system call for each event.
+// While the process itself posts without a pause, the loop never waits, and only a wait looks at the posters. So this
+// looks at them once a tick: often enough for them, and without a system call for each event.
 void look_at_posters(EventQueue& q) {
   if (q.inbox.posted(EventSource::posters).waiting() > 0 || q.inbox.waiting() == 0) return;
   const int64_t now = tick();
@@ -65,7 +65,7 @@ EventRecord* wait_for_event(EventQueue& q, int timeout_ms) {
   return nullptr;
 }
 
-// A child of this process may post as long as it lives, whatever the other threads did when it was made.
+// A child of this process may post as long as it lives, whatever other threads did during the fork.
 void keep_usable_in_children() {
   const auto before = [] { queue().inbox.before_fork(), spare_records_before_fork(); };
   const auto after = [] { spare_records_after_fork(), queue().inbox.after_fork(); };
@@ -73,14 +73,14 @@ void keep_usable_in_children() {
   (void)registered;
 }
 
-// The type of an event: a narrowed one could be another's, or the one that ends the loop.
+// The type of an event. It must be whole: a truncated one could be another type, or the one that ends the loop.
 int type_arg(lua_State* L, int index) {
   const int type = number_arg(L, index);
   if (lua_tonumber(L, index) != type) throw ArgumentError(index, "whole 32-bit number expected");
   return type;
 }
 
-// As text_arg, zero bytes included.
+// Like text_arg, zero bytes included.
 std::string_view bytes_arg(lua_State* L, int index) {
   const char* text = text_arg(L, index);
   return {text, lua_objlen(L, index)};
@@ -104,7 +104,7 @@ int lua_event_post(lua_State* L) {
     if (result == -1) wrong = "the queue is closed";
     if (result == -2) wrong = "the queue is full";
   }
-  lua_pushboolean(L, wrong == nullptr);
+  lua_pushboolean(L, wrong == nullptr ? 1 : 0);
   if (wrong == nullptr) return 1;
   lua_pushstring(L, wrong);
   return 2;
@@ -116,7 +116,7 @@ extern "C" {
 
 int helper_init(lua_State* L) {
   std::string error;
-  // First of all: scripts that post are told when the queue could not be opened, and load.
+  // First of all: scripts that post still load when the queue cannot be opened, and are told so.
   if (!protect(L, error, [](lua_State* state) { lua_register(state, "event_post", api<lua_event_post>); })) {
     elog(1, "evq: cannot add event_post to Lua: %s", error.c_str());
     return -1;
@@ -142,7 +142,7 @@ void helper_cleanup() {
 
 event_item* event_dequeue(int timeout_ms) {
   EventQueue& q = queue();
-  if (!q.posters.is_open()) {  // the loop relies on the wait
+  if (!q.posters.is_open()) {  // the loop must not spin
     q.inbox.sleep(timeout_ms);
     q.inbox.take_wake();
     return nullptr;

@@ -9,20 +9,20 @@
 namespace {
 
 constexpr size_t kSmallRecord = 256;  // bytes: an info text of about 80
-constexpr int kReturnedAtOnce = 64;   // records that the script thread gathers before it takes the lock
+constexpr int kReturnedAtOnce = 64;   // records that the script thread collects before it takes the lock
 
 struct SpareRecords {
   Mutex mutex;
   RecordList records GUARDED_BY(mutex);
   int count GUARDED_BY(mutex) = 0;
 
-  RecordList returned;  // script thread, as the next one
+  RecordList returned;  // script thread, like the next one
   int returned_count = 0;
 };
 
 SpareRecords g_spares;
 
-// One spare record, or null. With a list of the caller's, that list gets all of them first.
+// Returns a spare record, or null. A caller's empty list is filled with all spare records of the store first.
 EventRecord* take_spare(RecordList* spares) {
   if (spares != nullptr && !spares->empty()) return spares->take();
   const MutexLock lock(g_spares.mutex);
@@ -36,7 +36,7 @@ EventRecord* take_spare(RecordList* spares) {
   return record;
 }
 
-void return_gathered() {
+void store_returned() {
   {
     const MutexLock lock(g_spares.mutex);
     if (g_spares.count + g_spares.returned_count <= kSpareRecordsMax) {
@@ -44,7 +44,7 @@ void return_gathered() {
       g_spares.count += g_spares.returned_count;
     }
   }
-  g_spares.returned.clear();  // what the store has no place for
+  g_spares.returned.clear();  // those that the store has no room for
   g_spares.returned_count = 0;
 }
 
@@ -66,7 +66,7 @@ EventRecord* make_record(EventSource source, int type, std::string_view name, st
   }
   if (memory == nullptr) memory = malloc(size);
   if (memory == nullptr) return nullptr;
-  EventRecord* const record = new (memory) EventRecord;  // not set to zero: the name alone would be 128 bytes
+  auto* const record = new (memory) EventRecord;  // not set to zero: the name alone would be 128 bytes
   record->type = type;
   record->timestamp[0] = stamp.seconds;
   record->timestamp[1] = stamp.microseconds;
@@ -82,7 +82,7 @@ EventRecord* make_record(EventSource source, int type, std::string_view name, st
 void free_record(EventRecord* record) {
   if (record == nullptr || record->size != kSmallRecord) return free(record);
   g_spares.returned.push(record);
-  if (++g_spares.returned_count == kReturnedAtOnce) return_gathered();
+  if (++g_spares.returned_count == kReturnedAtOnce) store_returned();
 }
 
 void free_spare_records() {

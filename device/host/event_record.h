@@ -1,8 +1,8 @@
 // One queued event: the record that event_dequeue hands out, a link, and the info text, all in one allocation.
 //
 // Small records are all of one size and are used again, so that an event costs no malloc and no free while events come.
-// At most kSpareRecordsMax wait in the store, and as many with the reader; free_spare_records() gives their memory
-// back.
+// At most kSpareRecordsMax spare ones are in the store, and as many with the reader of the posters;
+// free_spare_records() frees those of the store.
 #pragma once
 
 #include <cstddef>
@@ -27,10 +27,12 @@ struct EventStamp {
 };
 EventStamp stamp_now();  // any thread
 
-// Records in the order in which they were added; owns them until they are taken. Not shared between threads.
+// Records in the order in which they were added. Owns them until they are taken, but frees them in clear() alone: the
+// queue's lists exist until the process is gone. Not shared between threads.
 class RecordList {
  public:
   RecordList() = default;
+  ~RecordList() = default;
   RecordList(const RecordList&) = delete;
   RecordList& operator=(const RecordList&) = delete;
 
@@ -45,18 +47,17 @@ class RecordList {
   EventRecord* last = nullptr;
 };
 
-// A new record with copies of `name` (at most 127 bytes) and `info`. It is the caller's until free_record; null when
-// memory is short. Any thread. A caller that makes many passes a list of `spares`, which it keeps for the next time.
+// Returns a new record with copies of `name` (at most 127 bytes) and `info`, owned by the caller; null when memory is
+// short. Any thread. A caller that makes many passes a list of `spares` and keeps it for the next time.
 EventRecord* make_record(EventSource source, int type, std::string_view name, std::string_view info, EventStamp stamp,
                          RecordList* spares = nullptr);
 
-// Takes a record back, to use it again; null is ignored. Script thread.
+// Takes a record back to use it again; ignores null. Script thread.
 void free_record(EventRecord* record);
 
 // Frees the records that wait to be used again. Script thread.
 void free_spare_records();
 
-// Around a fork, so that the child can make records: hold the store's lock from before it until after it, on both
-// sides.
+// Hold the store's lock from before a fork until after it, in parent and child, so that the child can make records.
 void spare_records_before_fork();
 void spare_records_after_fork();

@@ -22,9 +22,9 @@ constexpr mode_t kSocketMode = 0660;
 constexpr int kRetryMs = 1000;
 constexpr int kPatienceMs = 60000;
 
-EventSocket* g_removed_at_exit = nullptr;  // while other threads may change it, nobody exits
+EventSocket* g_removed_at_exit = nullptr;  // the process does not exit while the script thread may change it
 
-// Makes the folders above `path`; those it makes can be entered by everybody, whatever the umask.
+// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask.
 bool make_folders(const std::string& path) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     const std::string folder = path.substr(0, slash);
@@ -40,7 +40,7 @@ bool make_folders(const std::string& path) {
 pid_t read_owner(int fd) {
   char text[16] = "";
   const ssize_t got = pread(fd, text, sizeof(text) - 1, 0);
-  return got > 0 ? atoi(text) : 0;
+  return got > 0 ? static_cast<pid_t>(strtol(text, nullptr, 10)) : 0;
 }
 
 }  // namespace
@@ -70,8 +70,8 @@ bool EventSocket::make() {
   return true;
 }
 
-// Who has the socket may be about to end, so it is tried for again from when the loop runs; but not for ever: when the
-// daemon that should have it is restarted later on, a stray one must not step in.
+// The owner of the socket may be about to end, so the loop tries again; but not for ever: when the daemon that should
+// have the socket is restarted later, a second daemon must not take it in between.
 bool EventSocket::make_again(int64_t now) {
   if (number() != 0) {
     if (is_in_place()) return false;
@@ -94,7 +94,7 @@ void EventSocket::close() {
   remove_file();
   maker = 0;
   listening.reset();
-  // A child between its fork and its exec still has the descriptor; letting go by name does not wait for it.
+  // Explicitly: a child between its fork and its exec still has the descriptor, and would keep the lock.
   if (lock.get() >= 0) flock(lock.get(), LOCK_UN);
   lock.reset();
 }
@@ -116,7 +116,7 @@ bool EventSocket::take_change() const {
 bool EventSocket::take_lock() {
   std::string lock_path;
   under_device_root(kEventLockPath, lock_path);
-  // Nobody else may open it: who can read a file can lock it.
+  // Nobody else may open it: a process that can read a file can lock it.
   lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
   if (lock.get() < 0) {
     say_cannot_make(lock_path);
@@ -141,7 +141,7 @@ bool EventSocket::make_socket() {
   if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());  // its owner is gone
   listening.reset(unix_stream_socket());
   const int fd = listening.get();
-  // Before bind, where the umask can only take from it, and after: so it is never wider in between.
+  // The mode is set before bind, which can only narrow it by the umask, and again after: it is never wider in between.
   const bool bound = fd >= 0 && fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && fchmod(fd, kSocketMode) == 0 &&
                      unix_bind(fd, path) == 0 && lstat(path.c_str(), &status) == 0;
   if (!bound) {
@@ -160,7 +160,7 @@ void EventSocket::say_cannot_make(const std::string& file) {
   say("cannot make " + file + " (" + strerrordesc_np(errno) + ")");
 }
 
-// Tries are many: each reason is said when it is a new one.
+// There are many tries: a reason is logged only when it is new.
 void EventSocket::say(const std::string& reason) {
   if (reason == said) return;
   said = reason;

@@ -1,13 +1,13 @@
-// The Unix stream socket at which other processes post events, and the lock file beside it that says whose it is.
+// The Unix stream socket at which other processes post events, and the lock file beside it that names its owner.
 //
 // A socket file that a dead daemon left behind looks like a live one, and two daemons that start at once would both
-// take it for dead. So the owner holds a lock (flock) on events.lock, which the kernel lets go of whenever the owner
-// ends, and writes its process id into it: whoever gets the lock may replace the socket, everybody else leaves it
-// alone. The lock file itself stays behind: a file that may vanish cannot carry a lock.
+// take it for dead. So the owner holds a lock (flock) on events.lock, which the kernel releases when the owner ends,
+// and writes its process id into it: whoever gets the lock may replace the socket, everybody else leaves it alone. The
+// lock file itself is never removed: a file that may vanish cannot carry a lock.
 //
-// A socket that could not be made is tried for again during a minute, and one that was removed or replaced is made
+// A daemon that fails to make the socket tries again for a minute, and makes a socket that was removed or replaced
 // again. The kernel reports changes in its folder (inotify): nothing checks the file by the clock, and a busy daemon
-// learns of it, too.
+// learns of them too.
 #pragma once
 
 #include <sys/types.h>
@@ -18,29 +18,28 @@
 
 class EventSocket {
  public:
-  // Makes folders, lock and socket below DEVICE_ROOT. Returns false when it cannot; the caller then runs without. The
-  // log says why when it is not the reason of the try before (under_device_root says it once), and says when it came
-  // right. The socket file is removed by close(), or else at the exit of the process that made it; `this` must live
-  // until then. Main thread, or script thread.
+  // Makes folders, lock and socket below DEVICE_ROOT. Returns false when that fails; the caller then runs without. Logs
+  // a reason that differs from that of the last try, and the first success after a failure. The socket file is removed
+  // by close(), or else at the exit of the process that made it; `this` must live until then. Main thread.
   bool open();
 
-  // Makes a new socket when the one that was made is no longer in its place, or when there is none and it is time for
-  // another try. Call it at every look while there is none, and when take_change() was true. Returns true when there is
-  // a new one. `now` is
-  // steady_ms. Script thread.
+  // Makes a new socket when the file is no longer the one that was made, or when there is none and it is time for
+  // another try. To be called regularly while there is none, and when take_change() was true. Returns true when there
+  // is a new socket. `now`: steady_ms(). Script thread.
   bool make_again(int64_t now);
 
-  // Removes the socket file, if it is still the one made, and lets go of the lock. Main thread, or script thread.
+  // Removes the socket file, if it is still the one that was made, and releases the lock. Main thread, or script
+  // thread.
   void close();
 
-  // 0 while this process does not have the socket, else another number for each one that it has made. Any thread.
+  // 0 while this process does not have the socket, otherwise a different number for each one that it makes. Any thread.
   int number() const { return current_number.load(std::memory_order_relaxed); }
 
   // The listening descriptor, non-blocking and owned by this object; -1: there is none.
   int descriptor() const { return listening.get(); }
 
-  // Becomes readable when something in the socket's folder changes; -1: the kernel does not report it. Changes made
-  // before open() or make_again() returned are not reported.
+  // Becomes readable when something in the socket's folder changes; -1: the kernel does not report it. A change before
+  // open() or make_again() returns is not reported.
   int change_descriptor() const { return changes.get(); }
 
   // Reads what change_descriptor() reports. Returns true when the socket may have been removed or replaced.
@@ -58,15 +57,15 @@ class EventSocket {
   static void remove_at_exit();
 
   std::string path;
-  std::string said;  // why the last try failed; empty: it did not
+  std::string said;  // why the last try failed; empty: it succeeded
   Descriptor lock;
   Descriptor listening;
   Descriptor changes;
   std::atomic<int> current_number{0};  // number()
   int made = 0;                        // sockets so far
   pid_t maker = 0;                     // the process that made the socket file; 0: there is none
-  dev_t device = 0;                    // what identifies the socket file
+  dev_t device = 0;                    // identifies the socket file, with the next one
   ino_t inode = 0;
-  int64_t not_before = 0;  // steady_ms; when to try again
-  int64_t not_after = 0;   // 0: the loop has not tried yet
+  int64_t not_before = 0;  // steady_ms: when to try again
+  int64_t not_after = 0;   // steady_ms: when to give up; 0: the loop has not tried yet
 };

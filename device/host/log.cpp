@@ -1,11 +1,10 @@
 // What happens to a message on its way out. Whatever a client, an event or a script put into it, it must not forge a
-// line or drive a terminal:
+// line or control a terminal:
 //
-//   - a line end stays one in the white space that ends the format, and anywhere in a format without conversions: there
-//     the program itself wrote it; any other is written "\n";
-//   - every other control character is written likewise ("\t", "\x1b"), and so is a byte that is not UTF-8;
-//   - everything else, UTF-8 included, is left as it is.
-
+//   - a line end that the program itself wrote stays: in the white space that ends the format, and anywhere in a format
+//     without conversions; any other becomes "\n";
+//   - every other control character becomes such an escape too ("\t", "\x1b"), and so does a byte that is not UTF-8;
+//   - everything else, UTF-8 included, stays as it is.
 #include "device/log.h"
 
 #include <pthread.h>
@@ -25,14 +24,14 @@
 
 namespace {
 
-// Both may be used until the process is gone, by any thread: nothing here is destroyed at exit.
+// Any thread may use both until the process is gone: nothing here is destroyed at exit.
 std::atomic<int> g_level{1};
 LogTarget g_target;
 static_assert(std::is_trivially_destructible_v<LogTarget>, "the log outlives everything");
 
 constexpr size_t kPiecesMax = size_t{1024} * 1024;  // bytes held for a line that does not end
 
-// A script's os.setlocale is for the whole process; it must not change how the log writes a number.
+// A script's os.setlocale affects the whole process; it must not change how the log writes a number.
 class PlainLocale {
  public:
   PlainLocale() : before(uselocale(plain())) {}
@@ -80,20 +79,20 @@ size_t trailing_white_space(const char* format) {
   return last == std::string_view::npos ? text.size() : text.size() - last - 1;
 }
 
-// Formats a message as printf does, whatever the locale, and makes it safe as above.
+// Formats a message like printf, whatever the locale, and makes it safe as described above.
 std::string log_text(const char* format, va_list arguments) {
   const std::string raw = format_text(format, arguments);
   const size_t tail = has_conversions(format) ? trailing_white_space(format) : raw.size();
   return escaped(raw, tail);
 }
 
-// True when `text` ends in a line of nothing but blanks: the head of a line that more pieces will complete.
+// Whether `text` ends in a line of nothing but blanks: the beginning of a line that more pieces will complete.
 bool ends_in_blanks(const std::string& text) {
   const size_t last = text.find_last_not_of(' ');
   return last != std::string::npos && last + 1 < text.size() && text[last] == '\n';
 }
 
-// What a thread has said of lines that are not complete yet.
+// The beginning of a line that a thread has not completed yet.
 struct Pieces {
   std::string text;
   bool framed = false;
@@ -102,20 +101,20 @@ struct Pieces {
 
 void flush(Pieces& pieces) {
   if (pieces.text.empty()) return;
-  if (pieces.text.back() != '\n') pieces.text += '\n';  // nobody completed it: the next line must not continue it
+  if (pieces.text.back() != '\n') pieces.text += '\n';  // not completed: the next line must not continue it
   g_target.write(pieces.level, pieces.framed, pieces.text);
   pieces = Pieces();
 }
 
 void end_of_thread(void* own) {
-  Pieces* pieces = static_cast<Pieces*>(own);
+  auto* pieces = static_cast<Pieces*>(own);
   flush(*pieces);
   delete pieces;
 }
 
 pthread_key_t pieces_key() {
-  // Not thread_local: a plug-in may still log while the objects of its thread are being destroyed, and then simply gets
-  // new memory.
+  // Not thread_local: a plug-in may still log while the objects of its thread are being destroyed, and then gets new
+  // memory.
   static const pthread_key_t key = [] {
     pthread_key_t made{};
     pthread_key_create(&made, end_of_thread);
@@ -125,7 +124,7 @@ pthread_key_t pieces_key() {
 }
 
 Pieces& own_pieces() {
-  Pieces* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
+  auto* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
   if (pieces == nullptr) {
     pieces = new Pieces;
     pthread_setspecific(pieces_key(), pieces);
@@ -134,7 +133,7 @@ Pieces& own_pieces() {
 }
 
 void flush_own_pieces() {
-  Pieces* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
+  auto* pieces = static_cast<Pieces*>(pthread_getspecific(pieces_key()));
   if (pieces != nullptr) flush(*pieces);
 }
 

@@ -22,7 +22,7 @@ namespace {
 
 constexpr char kFilePrefix[] = "file:";
 
-// Occupies the free ones of the descriptors 0 to 2, so that syslog's socket, made meanwhile, does not land there.
+// Occupies those of the descriptors 0 to 2 that are free, so that syslog's socket does not become one of them.
 class LowNumbersHeld {
  public:
   LowNumbersHeld() {
@@ -62,12 +62,12 @@ int syslog_priority(int level) {
 }  // namespace
 
 void LogTarget::open(int facility, const char* name) {
-  const std::lock_guard<std::mutex> lock(mutex);
+  const MutexLock lock(mutex);
   open_held(facility, name);
 }
 
 void LogTarget::write(int level, bool framed, std::string_view lines) {
-  const std::lock_guard<std::mutex> lock(mutex);
+  const MutexLock lock(mutex);
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
   if (fd >= 0) write_stream(level, framed, lines);
   if (to_syslog) write_syslog(level, lines);
@@ -137,9 +137,9 @@ void LogTarget::write_stream(int level, bool framed, std::string_view lines) {
   }
 }
 
-void LogTarget::write_syslog(int level, std::string_view lines) {
+void LogTarget::write_syslog(int level, std::string_view lines) const {
   std::optional<LowNumbersHeld> held;
-  if (low_numbers_free) held.emplace();  // the C library makes its socket anew when the syslog daemon was restarted
+  if (low_numbers_free) held.emplace();  // the C library makes a new socket when the syslog daemon was restarted
   while (!lines.empty()) {
     const size_t end = lines.find('\n');
     const std::string_view line = lines.substr(0, end);

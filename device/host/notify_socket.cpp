@@ -30,10 +30,10 @@ void NotifySocket::open() {
     if (socket.get() < 0) elog(1, "service: cannot make a socket (%s): nobody is told", strerrordesc_np(errno));
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendLimit, sizeof(kSendLimit));
   }
-  unsetenv(kVariable);
+  unsetenv(kVariable);  // NOLINT(concurrency-mt-unsafe): no other thread reads the environment yet
 }
 
 bool NotifySocket::send(const char* text) const {
-  const sockaddr* const to = reinterpret_cast<const sockaddr*>(&address);
+  const auto* const to = reinterpret_cast<const sockaddr*>(&address);
   return sendto(socket.get(), text, strlen(text), MSG_NOSIGNAL, to, address_size) >= 0;
 }

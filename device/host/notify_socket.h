@@ -1,5 +1,5 @@
-// The datagram socket at which a service manager wants to hear from us: NOTIFY_SOCKET in the environment, a path or,
-// with "@" in front, an abstract name.
+// The datagram socket at which a service manager takes our messages: NOTIFY_SOCKET in the environment, a path or, with
+// "@" in front, an abstract name.
 #pragma once
 
 #include <sys/socket.h>
@@ -9,8 +9,8 @@
 
 class NotifySocket {
  public:
-  // Opens the one that the environment names, and takes the name out of it: what scripts start is not to speak for the
-  // daemon. Main thread, before others read the environment.
+  // Opens the socket that the environment names, and removes the name from there: programs that scripts start must not
+  // speak for the daemon. Logs a failure. Main thread, before other threads read the environment.
   void open();
 
   bool is_open() const { return socket.get() >= 0; }

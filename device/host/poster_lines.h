@@ -1,10 +1,10 @@
 // Cuts the bytes of one poster into lines.
 //
-// Holds nothing while the bytes end in a line end, else the beginning of one line, at most kEventLineMax bytes and one.
-// A line that grows longer is handed on right then, as long as it is, which is too long for an event, and the rest of
-// it up to its line feed is skipped without being held.
+// Holds nothing when the bytes end with a line feed, otherwise the beginning of one line, at most kEventLineMax bytes
+// and one. A line that grows longer is handed on as far as it has come, which is too long for an event, and the
+// rest of it up to its line feed is skipped without being held.
 //
-// Knows no socket: tests and the fuzzer feed it bytes. Not shared between threads.
+// Uses no socket: tests and the fuzzer feed it bytes. Not shared between threads.
 #pragma once
 
 #include <algorithm>
@@ -15,8 +15,8 @@
 
 class PosterLines {
  public:
-  // Calls take_line(std::string_view) for every line that `bytes` completes, until it returns false; the view lives
-  // during the call. Returns the bytes behind that line, which are to be fed later, or nothing.
+  // Calls take_line(std::string_view) for every line that `bytes` completes, until it returns false; the view is valid
+  // during the call. Returns the bytes after that line, to be fed later, or nothing.
   template <typename TakeLine>
   std::string_view feed(std::string_view bytes, TakeLine&& take_line) {
     for (bool wants_more = true; wants_more && !bytes.empty();) {
@@ -56,7 +56,7 @@ class PosterLines {
       held.append(piece.substr(0, kEventLineMax + 1 - held.size()));
       if (is_complete || held.size() > kEventLineMax) {
         const std::string line = std::move(held);
-        std::string().swap(held);  // hundreds of posters must not keep 64 KiB each
+        std::string().swap(held);  // hundreds of posters must not hold 64 KiB each
         return take_line(std::string_view(line));
       }
     }

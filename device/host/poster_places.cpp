@@ -33,7 +33,6 @@ void PosterPlaces::leave(Poster& poster) {
 void PosterPlaces::leave_all() {
   for (Poster& poster : posters) {
     if (poster.fd >= 0) leave(poster);
-    poster.is_queued = false;
   }
 }
 
@@ -42,7 +41,7 @@ int PosterPlaces::of_process(const Poster& poster) const {
   return static_cast<int>(std::count_if(std::begin(posters), std::end(posters), same));
 }
 
-// Counts anew for each place, which takes some 50 us: it happens when a connection is closed.
+// Counts again for each place, which takes about 50 us: acceptable for the rare case that a connection has to go.
 Poster& PosterPlaces::first_to_go() {
   Poster* first = nullptr;
   std::tuple<int, int, int64_t> most;

@@ -1,6 +1,7 @@
-// The connections of other processes that post events, and who has to give one up when all places are taken.
+// The connections of other processes that post events: whose turn it is, and which process has to give one up when all
+// places are taken.
 //
-// Not shared between threads: the lock of EventPosters guards it.
+// No lock of its own: all calls under the lock of EventPosters.
 #pragma once
 
 #include <sys/types.h>
@@ -18,8 +19,8 @@ struct Poster {
   uid_t user = 0;
   int64_t since_ms = 0;     // steady_ms of its connecting
   int64_t heard_ms = 0;     // of the last end of a line: bytes alone do not count
-  bool is_queued = false;   // its place stands in the queue for turns
-  bool is_leaving = false;  // has to go, as soon as it is read empty
+  bool is_queued = false;   // PosterTurns: waits for its turn
+  bool is_leaving = false;  // has to go as soon as it is read empty
   PosterLines lines;
   std::string unread;  // received, and left for its next turn
 };
@@ -36,17 +37,40 @@ class PosterPlaces {
   void leave_all();
 
   // Returns the connection that has to go when all places are taken: of the process with most connections, or of the
-  // user with most where each process has one, the one that has been silent longest. The caller heeds kPosterHoldMs.
+  // user with most where each process has one, the one that has been silent longest. The caller checks kPosterHoldMs.
   Poster& first_to_go();
 
   // The number of connections of the poster's process.
   int of_process(const Poster& poster) const;
 
-  // Where `poster` stands, and who stands there.
-  int index_of(const Poster& poster) const { return static_cast<int>(&poster - posters); }
-  Poster& at(int index) { return posters[index]; }
-
  private:
   Poster posters[kPostersMax];
+  int count = 0;
+};
+
+// The posters that wait for their turn, each once. One that has left stays until its turn.
+class PosterTurns {
+ public:
+  bool empty() const { return count == 0; }
+
+  // Puts the poster at the end, unless it waits already.
+  void add(Poster& poster) {
+    if (poster.is_queued) return;
+    poster.is_queued = true;
+    ring[(first + count++) % kPostersMax] = &poster;
+  }
+
+  // Takes the first one; there must be one.
+  Poster& take() {
+    Poster& poster = *ring[first];
+    first = (first + 1) % kPostersMax;
+    --count;
+    poster.is_queued = false;
+    return poster;
+  }
+
+ private:
+  Poster* ring[kPostersMax];
+  int first = 0;
   int count = 0;
 };

@@ -27,7 +27,7 @@ constexpr const char* kStateNames[] = {"starting", "ready", "reloading", "stoppi
 
 struct Service {
   NotifySocket manager;            // opened before the script thread starts, constant afterwards
-  int64_t alive_ms = 0;            // likewise: how often the manager wants to hear that we are alive; 0: it does not
+  int64_t alive_ms = 0;            // likewise: between two messages that the daemon is alive; 0: none is wanted
   int (*owns_socket)() = nullptr;  // likewise; null: no state is kept
   bool is_awake = false;           // script thread: the first SERVICE_ALIVE has come
   int64_t next_alive = 0;          // script thread: in steady_ms
@@ -41,7 +41,7 @@ struct Service {
 };
 
 Service& service() {
-  static Service* const the_service = new Service;  // the loop may outlive the static objects of a process that ends
+  static auto* const the_service = new Service;  // the loop may outlive the static objects of a process that ends
   return *the_service;
 }
 
@@ -72,7 +72,7 @@ void write_state(Service& s) REQUIRES(s.mutex) {
   elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", path.c_str(), strerrordesc_np(error));
 }
 
-// The manager is told first: who waits for the file may ask the manager next.
+// The manager is told first: a program that waits for the file may ask the manager next.
 void change(Service& s, State state, const char* text) REQUIRES(s.mutex) {
   s.state = state;
   tell_manager(s, text);
@@ -130,10 +130,10 @@ extern "C" void service_open(int (*owns_socket)()) {
   Service& s = service();
   s.owns_socket = owns_socket;
   s.manager.open();
-  // WATCHDOG_PID is left alone: it names the process that the manager started, and the daemon is a child of that one.
+  // WATCHDOG_PID does not count: it names the process that the manager started, and the daemon is a child of that.
   if (const char* microseconds = secure_getenv(kWatchdogVariable)) {
-    if (s.manager.is_open()) s.alive_ms = atoll(microseconds) / 1000 / 2;
-    unsetenv(kWatchdogVariable);
+    if (s.manager.is_open()) s.alive_ms = strtoll(microseconds, nullptr, 10) / 1000 / 2;
+    unsetenv(kWatchdogVariable);  // NOLINT(concurrency-mt-unsafe): no other thread reads the environment yet
   }
 }
 

@@ -36,25 +36,27 @@ void* StandIn::main(void* instance) {
 void StandIn::run() {
   uint32_t seen = looks.count();
   uint32_t traffic = inbox.traffic();
+  Work work = Work::nothing;
   int pause_ms = kTickMs;
+  int silent_ms = kSilenceMs;
   while (!is_stopping) {
-    sleep();
-    EventPosters::Work work = EventPosters::Work::nothing;
-    for (int silent_ms = 0; !is_stopping && (silent_ms < kSilenceMs || work == EventPosters::Work::held_up);) {
-      const uint32_t now = looks.count();
-      work = now == seen ? read_while_away(now) : EventPosters::Work::nothing;
-      seen = now;
-      const uint32_t traffic_before = traffic;
-      traffic = inbox.traffic();
-      const bool is_stuck = work == EventPosters::Work::held_up && traffic == traffic_before;
-      pause_ms = is_stuck ? std::min(2 * pause_ms, kLongestPauseMs) : kTickMs;
-      silent_ms = traffic == traffic_before ? silent_ms + pause_ms : 0;
-      pause(pause_ms);
+    if (silent_ms >= kSilenceMs && work != Work::held_up) {
+      sleep();
+      silent_ms = 0;
     }
+    const uint32_t now = looks.count();
+    work = now == seen ? read_while_away(now) : Work::nothing;
+    seen = now;
+    const uint32_t traffic_before = traffic;
+    traffic = inbox.traffic();
+    const bool is_silent = traffic == traffic_before;
+    pause_ms = is_silent && work == Work::held_up ? std::min(2 * pause_ms, kLongestPauseMs) : kTickMs;
+    silent_ms = is_silent ? silent_ms + pause_ms : 0;
+    pause(pause_ms);
   }
 }
 
-// Sleeps until there is something to read, or stop() is called. A wake-up that is meant for the loop ends it, too.
+// Sleeps until there is something to read, or until stop(). A wake-up that is meant for the loop ends the sleep too.
 void StandIn::sleep() {
   pollfd set{posters.descriptor(), POLLIN, 0};
   if (ppoll(&set, 1, nullptr, nullptr) < 0) pause(kSilenceMs);
@@ -66,12 +68,12 @@ void StandIn::pause(int milliseconds) {
 }
 
 EventPosters::Work StandIn::read_while_away(uint32_t since) {
-  if (LoopLooks::is_looking(since)) return EventPosters::Work::nothing;
-  EventPosters::Work work = EventPosters::Work::done;
+  if (LoopLooks::is_looking(since)) return Work::nothing;
+  Work work = Work::done;
   try {
-    while (work == EventPosters::Work::done && looks.count() == since && !is_stopping) work = posters.read_piece();
+    while (work == Work::done && looks.count() == since && !is_stopping) work = posters.read_piece();
   } catch (const std::bad_alloc&) {
-    work = EventPosters::Work::held_up;
+    work = Work::held_up;
   }
   return work;
 }

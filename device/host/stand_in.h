@@ -1,11 +1,12 @@
 // A thread that reads from posters while the event loop does not: during a long handler, a load, a reload, a sleep. So
-// events are stamped when they come, and posters are not kept waiting.
+// events are stamped when they come, and posters need not wait.
 //
 // The loop reads for itself whenever it looks for events: a thread in between would double the time that a single event
-// takes. So this thread checks every kTickMs whether the loop has looked since the last check, and reads only when it
-// has not, one piece at a time until the loop looks again: an event is read at most twice kTickMs late. It ticks while
-// events come. After kSilenceMs without one it sleeps in poll(2) on the posters' epoll set. So the kernel wakes it with
-// the first event after a silence, whatever the loop does at that moment, and it costs the loop no system call.
+// takes. So this thread checks every kTickMs whether the loop has looked since the last check. If it has not, this
+// thread reads one piece after another until the loop looks again: an event is read at most twice kTickMs late. The
+// checks go on while events come. After kSilenceMs without one the thread sleeps in poll(2) on the posters' epoll set,
+// where the kernel wakes it with the first event after the silence, whatever the loop does at that moment: the loop
+// needs no system call for it.
 #pragma once
 
 #include <pthread.h>
@@ -19,7 +20,7 @@
 
 constexpr int kTickMs = 4;
 constexpr int kSilenceMs = 100;
-constexpr int kLongestPauseMs = 500;  // between checks for room, while the inbox is full and nobody takes from it
+constexpr int kLongestPauseMs = 500;  // between checks for room, while the inbox is full and the loop takes nothing
 
 // Tells whether the loop looks for events right now, and how often it has.
 class LoopLooks {
@@ -50,18 +51,21 @@ class StandIn {
   StandIn(const LoopLooks& the_looks, EventPosters& the_posters, EventInbox& the_inbox)
       : looks(the_looks), posters(the_posters), inbox(the_inbox) {}
 
-  // Starts the thread, once everything is open. If it cannot, the log says so and the loop reads alone. Main thread.
+  // Starts the thread, after everything has been opened. When that fails, logs it, and the loop reads alone. Main
+  // thread.
   void start();
 
   // Ends and joins it. Main thread, before anything is closed.
   void stop();
 
  private:
+  using Work = EventPosters::Work;
+
   static void* main(void* instance);
   void run();
   void sleep();
   void pause(int milliseconds);
-  EventPosters::Work read_while_away(uint32_t since);
+  Work read_while_away(uint32_t since);
 
   const LoopLooks& looks;
   EventPosters& posters;
