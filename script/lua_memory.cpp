@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr size_t kReserve = size_t{64} * 1024;  // bytes: for the error's text, its line, and the collection's calls
+constexpr size_t kReserve = size_t{64} * 1024;  // bytes: for the error's text, its log line, and the collection
 
 }  // namespace
 

@@ -1,14 +1,14 @@
-// The memory of the Lua state: malloc's, with a reserve for the worst moment.
+// The memory of the Lua state: malloc's, with a reserve for when that runs out.
 //
-// Lua 5.1 does not collect when memory is short: it raises "not enough memory", and all that the failing script held
-// stays taken, with nothing left for the rest of the daemon, not even for the log line about it. So the request that
-// malloc refuses fails, as it must, and the reserve goes back to malloc at that moment. The event loop then collects
-// garbage and refills the reserve.
+// Lua 5.1 does not collect when memory is short. It raises "not enough memory", and all that the failing script holds
+// stays allocated: nothing is left for the rest of the daemon, not even for the log line about it. So when malloc
+// refuses a request, the request fails and the reserve is freed. The event loop then collects garbage and refills the
+// reserve.
 #pragma once
 
 #include <lua.hpp>
 
-// Plain memory and a reserve. Must outlive the state. Only the thread that has the Lua state.
+// Must outlive the state. Only the thread that has the Lua state.
 class LuaMemory {
  public:
   LuaMemory() = default;
@@ -16,13 +16,13 @@ class LuaMemory {
   LuaMemory& operator=(const LuaMemory&) = delete;
   ~LuaMemory();
 
-  // A new state with this memory, or null when there is none.
+  // A new state that uses this memory; the caller closes it. Null when memory is short.
   lua_State* new_state();
 
-  // Whether a request has failed since the last refill.
+  // True when a request has failed since the last successful refill.
   bool is_short() const { return reserve == nullptr; }
 
-  // Takes the reserve from malloc, if malloc has it.
+  // Allocates the reserve again, if malloc can.
   void refill();
 
  private:
