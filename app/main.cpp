@@ -1,4 +1,4 @@
-// Process entry: options, detaching, pid file, signals; everything else is run().
+// The entry of the process: options, detaching, pid file, signals; everything else is run().
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -21,8 +21,8 @@ namespace {
 
 constexpr size_t kPidFileMax = 1023;
 
-// Returns the path of the pid file, or an empty text. Options that the daemon does not know, and those that it accepts
-// and ignores, never keep it from starting: it runs where nobody reads a usage text.
+// Returns the path of the pid file, or an empty text. No option keeps the daemon from starting, known, ignored or
+// unknown: it runs where nobody reads a usage text.
 std::string parse_options(int argc, char** argv) {
   static const option kOptions[] = {
       {"version", no_argument, nullptr, 'v'},
@@ -32,7 +32,7 @@ std::string parse_options(int argc, char** argv) {
   };
   std::string pid_file;
   for (int letter = 0; letter != -1;) {
-    letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);
+    letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);  // NOLINT(concurrency-mt-unsafe): the only thread
     if (letter != 'p') continue;
     printf("pid file indicated : %s\n", optarg);
     pid_file = optarg;
@@ -44,10 +44,10 @@ std::string parse_options(int argc, char** argv) {
 }
 
 void detach() {
-  fflush(stdout);  // or both processes would write what is still held
+  fflush(stdout);  // or both processes would write what is still buffered
   const pid_t child = fork();
   if (child < 0) fprintf(stderr, "Failed to fork current process\n");
-  if (child != 0) exit(0);
+  if (child != 0) exit(0);  // NOLINT(concurrency-mt-unsafe): the only thread
 }
 
 // A shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
@@ -67,7 +67,7 @@ void write_pid_file(pid_t session, const std::string& path) {
     return;
   }
   const int ignored = system(sstr("echo %d > %s", session, path.c_str()).c_str());
-  (void)ignored;  // without one the daemon runs all the same, and the shell has said why
+  (void)ignored;  // the daemon runs without a pid file too, and the shell has said what is wrong
 }
 
 int run_to_end() {
@@ -90,13 +90,13 @@ int run_to_end() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // By default every thread gets a heap of its own, and what one of them has freed is of no use to the others and does
-  // not go back to the system. Our threads rarely allocate at the same time: one heap serves all of them.
+  // By default every thread gets a heap of its own: what one thread has freed neither serves the others nor goes back
+  // to the system. Our threads rarely allocate at the same time, so one heap serves all of them.
   mallopt(M_ARENA_MAX, 1);
   const std::string pid_file = parse_options(argc, argv);
   block_signals();
   detach();
-  if (chdir("/") != 0) perror("zelvind: chdir");
+  if (chdir("/") != 0) perror("zelvind: chdir");  // NOLINT(concurrency-mt-unsafe): the only thread
   write_pid_file(setsid(), pid_file);
   install_signals();
   return run_to_end();

@@ -18,23 +18,14 @@
 
 namespace {
 
-struct Settings {
-  std::string script_path;
-  std::string external_path;
-  std::string dll_path;
+struct Folders {
+  std::string scripts;
+  std::string external_scripts;
+  std::string plugins;
 };
 
-Settings read_settings(SettingsFile& file) {
-  elog_set_level("zelvind", file.number(settings::log_level));
-  Settings values;
-  values.script_path = file.text(settings::script_path, exe_dir());
-  values.external_path = file.text(settings::external_path);
-  values.dll_path = file.text(settings::dll_path);
-  return values;
-}
-
-// Descriptor 0 means "none" to the socket layer and the listener. When it is free, a socket is put there for good, so
-// that no other one gets it.
+// Descriptor 0 means "none" to the socket layer and the listener. When it is free, a socket takes it for good, so that
+// no other one gets it.
 void occupy_descriptor_0() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd > 0) sock_close(fd);
@@ -47,12 +38,12 @@ struct Managers {  // built in this order, destroyed in the reverse one
 };
 
 // Returns false when a step failed.
-bool start(Managers& managers, const Settings& settings) {
+bool start(Managers& managers, const Folders& folders) {
   try {
     managers.script.init();
     tell_service(SERVICE_STARTING);
-    managers.extension.load(settings.dll_path.c_str());
-    managers.script.load_scripts(settings.script_path.c_str(), settings.external_path.c_str());
+    managers.extension.load(folders.plugins.c_str());
+    managers.script.load_scripts(folders.scripts.c_str(), folders.external_scripts.c_str());
     managers.listener.start();
     managers.script.start_thread();
   } catch (const std::exception& error) {
@@ -64,30 +55,30 @@ bool start(Managers& managers, const Settings& settings) {
   return true;
 }
 
-// The listener first: it ends the waits of a forward_event in progress, so that the script thread is not held up.
+// The listener first: that ends the waits of a forward_event in progress, which would hold up the script thread.
 void stop_threads(Managers& managers) {
   managers.listener.stop();
   managers.script.stop_thread();
 }
 
-void reload(Managers& managers, const Settings& settings) {
+void reload(Managers& managers, const Folders& folders) {
   tell_service(SERVICE_RELOADING);
   elog(2, "zelvind: reloading ...");
-  managers.script.reload(settings.script_path.c_str(), settings.external_path.c_str());
+  managers.script.reload(folders.scripts.c_str(), folders.external_scripts.c_str());
   resume_running();
   tell_service(SERVICE_RELOADED);
 }
 
-// Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. Each request is taken before
-// it is carried out, so that one which comes meanwhile counts again; but once a stop is asked for, at most one more
-// reload is done.
-void idle(Managers& managers, const Settings& settings) {
+// Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. A request is taken before it
+// is carried out, so that one that comes meanwhile counts again; but once a stop is asked for, at most one more reload
+// is done.
+void idle(Managers& managers, const Folders& folders) {
   for (;;) {
     const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
     write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
     if (reloading) {
-      reload(managers, settings);
+      reload(managers, folders);
       if (stopping) return;
     } else if (g_running == 0 && g_stop != 0) {
       return;
@@ -120,14 +111,16 @@ void run() {
   sock_init();
   occupy_descriptor_0();
   SettingsFile file;
-  const Settings settings = read_settings(file);
+  elog_set_level("zelvind", file.number(settings::log_level));
   managers.script.collect_every = file.number(settings::collect_every);
-  if (!start(managers, settings)) return;
+  const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
+                        file.text(settings::dll_path)};
+  if (!start(managers, folders)) return;
   try {
-    idle(managers, settings);
+    idle(managers, folders);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
-    stop_threads(managers);  // before what they use is destroyed; nothing else is cleaned up
+    stop_threads(managers);  // they use what is destroyed next; nothing else is cleaned up
     return;
   } catch (...) {
     stop_threads(managers);

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <initializer_list>
 
 #include "device/log.h"
 #include "util/quiet_write.h"
@@ -19,7 +18,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "the signal handler must no
 
 namespace {
 
-// Signals that wait for their lines. Handlers of several threads take slots in arrival order; the run loop empties
+// Signals that wait for their lines. Handlers on several threads fill slots in order of arrival; the run loop empties
 // them.
 class SignalRing {
  public:
@@ -31,7 +30,7 @@ class SignalRing {
     slots[slot % kSlots].store(signal_number);
   }
 
-  // The oldest signal, or 0. A slot that is taken and not yet filled counts as none: it is there the next time.
+  // The oldest signal, or 0: also when its slot is claimed but not filled yet. The next call finds it.
   int take() {
     const uint32_t slot = next_read.load();
     const int signal_number = slots[slot % kSlots].exchange(0);
@@ -48,13 +47,15 @@ class SignalRing {
 
 SignalRing g_arrived;
 
-// Counts the handler's calls. A semaphore, since a handler may post one, and needs no descriptor that could be missing.
+// Counts the handler's calls. A semaphore: a handler may post it, and it needs no descriptor that could be missing.
 sem_t g_calls;
 
-sigset_t run_signals() {
+constexpr int kSignals[] = {SIGHUP, SIGINT, SIGTERM, SIGPIPE};
+
+sigset_t signal_set() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal_number : {SIGHUP, SIGINT, SIGTERM, SIGPIPE}) sigaddset(&set, signal_number);
+  for (const int signal_number : kSignals) sigaddset(&set, signal_number);
   return set;
 }
 
@@ -83,12 +84,12 @@ void signal_handler(int signal_number) {
     g_running = 0;
   }
   g_arrived.add(signal_number);
-  sem_post(&g_calls);  // last: whoever wakes up finds all of the above
+  sem_post(&g_calls);  // last: the thread that wakes up finds all of the above
   errno = error;
 }
 
 void block_signals() {
-  const sigset_t set = run_signals();
+  const sigset_t set = signal_set();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
@@ -96,10 +97,10 @@ int install_signals() {
   sem_init(&g_calls, 0, 0);
   struct sigaction action {};
   action.sa_handler = signal_handler;
-  action.sa_mask = run_signals();
+  action.sa_mask = signal_set();
   sigaddset(&action.sa_mask, SIGSEGV);
-  for (const int signal_number : {SIGINT, SIGHUP, SIGTERM, SIGPIPE}) sigaction(signal_number, &action, nullptr);
-  const sigset_t set = run_signals();
+  for (const int signal_number : kSignals) sigaction(signal_number, &action, nullptr);
+  const sigset_t set = signal_set();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   return 0;
 }
@@ -113,7 +114,7 @@ void write_signal_lines() {
 }
 
 void wait_for_signal() {
-  sem_wait(&g_calls);  // or an interruption
+  sem_wait(&g_calls);  // an interruption ends it too
   while (sem_trywait(&g_calls) == 0) {
   }
 }

@@ -1,9 +1,8 @@
-// The four signals that mean something to the daemon: SIGHUP reloads, SIGINT and SIGTERM stop, SIGPIPE is only
-// reported.
+// The four signals that the daemon handles: SIGHUP reloads, SIGINT and SIGTERM stop, SIGPIPE is only reported.
 //
-// The handler may run on any thread and in the middle of anything, the log included. It sets flags and remembers the
-// signal; the run loop writes the lines. Two flags cannot tell a stop with a reload from a reload alone, since both
-// clear g_running and a reload sets it again: so a third word remembers a stop for good.
+// The handler may run on any thread and interrupt anything, the log included. It sets flags and queues the signal; the
+// run loop writes the lines. g_running and g_reload alone cannot tell a stop that comes with a reload from a reload,
+// which sets g_running again: so g_stop remembers a stop for good.
 #pragma once
 
 #include <atomic>
@@ -13,25 +12,25 @@ extern std::atomic<int> g_reload;   // 1 asks the run loop for a reload
 extern std::atomic<int> g_stop;     // 1 once SIGINT or SIGTERM came; never cleared
 
 // Blocks the four signals in the calling thread. Called before the fork: a signal that comes before the handler is
-// installed waits for it instead of ending the daemon.
+// installed stays pending instead of ending the daemon.
 void block_signals();
 
-// Installs the handler and lets the four signals in. Always 0. Main thread.
+// Installs the handler and unblocks the four signals. Returns 0. Main thread.
 int install_signals();
 
 // The handler itself.
 void signal_handler(int signal_number);
 
-// Writes the lines of the signals that came since the last call, in their order: one on standard error and one in the
-// log each. Of more than 256 waiting ones the latest have no lines. Main thread.
+// Writes two lines for each signal that came since the last call, in order of arrival: one on standard error, one in
+// the log. When more than 256 signals wait, the latest get no lines. Main thread.
 void write_signal_lines();
 
-// Sleeps until the handler has run, on any thread, since this returned last; may return early. Main thread, after
-// install_signals.
+// Sleeps until the handler has run, on any thread, since the last return of this function; may return early. Main
+// thread, after install_signals.
 void wait_for_signal();
 
-// True once SIGINT or SIGTERM came, even while the signals are blocked. Any thread.
+// True once SIGINT or SIGTERM has come, even while the signals are blocked. Any thread.
 bool stop_asked();
 
-// Sets g_running, unless a stop has been asked for. Main thread.
+// Sets g_running, or clears it when a stop has been asked for. Main thread.
 void resume_running();

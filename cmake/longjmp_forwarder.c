@@ -3,4 +3,6 @@
 #include <setjmp.h>
 
 void __longjmp_chk(jmp_buf env, int value);
-void __longjmp_chk(jmp_buf env, int value) { longjmp(env, value); }
+void __longjmp_chk(jmp_buf env, int value) {
+  longjmp(env, value);
+}

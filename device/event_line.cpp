@@ -20,9 +20,9 @@ const char* parse_event_line(std::string_view line, EventLine& event) {
   if (error == std::errc::result_out_of_range) return "the type is out of range";
   if (error != std::errc() || (rest != end && *rest != ' ')) return "the type is not a whole number";
   if (rest == end) return "the name is missing";
-  const std::string_view behind_type(rest + 1, static_cast<size_t>(end - rest - 1));
-  const size_t blank = behind_type.find(' ');
-  event.name = behind_type.substr(0, blank);
-  event.info = blank == std::string_view::npos ? std::string_view() : behind_type.substr(blank + 1);
+  const std::string_view after_type(rest + 1, static_cast<size_t>(end - rest - 1));
+  const size_t blank = after_type.find(' ');
+  event.name = after_type.substr(0, blank);
+  event.info = blank == std::string_view::npos ? std::string_view() : after_type.substr(blank + 1);
   return check_event_name(event.name);
 }

@@ -3,8 +3,8 @@
 //   TYPE NAME[ INFO]
 //
 // TYPE is a decimal signed 32-bit integer, NAME 1 to 127 bytes without blanks and control characters, INFO the rest of
-// the line as it is; single blanks stand between them. A line has at most 65,000 bytes, no zero byte, and is ended by a
-// line feed that does not belong to it. Described for posters in docs/events.md.
+// the line as it is; single blanks separate them. A line has at most 65,000 bytes, no zero byte, and is ended by a line
+// feed that does not belong to it. Described for posters in docs/events.md.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +20,8 @@ struct EventLine {
   std::string_view info;
 };
 
-// Takes a line apart. Returns null and fills `event`, or says what is wrong with the line. Any thread.
+// Parses a line. Returns null and fills `event`, or returns what is wrong with the line. Any thread.
 const char* parse_event_line(std::string_view line, EventLine& event);
 
-// What is wrong with an event type's name, or null. Any thread.
+// Returns what is wrong with the name of an event type, or null. Any thread.
 const char* check_event_name(std::string_view name);

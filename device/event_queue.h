@@ -1,5 +1,5 @@
-// The device's event queue, as the daemon sees it.
-// The embedded default is device/host/event_queue.cpp; how events get into it is described in docs/events.md.
+// The device's event queue, as the daemon sees it. The embedded default is device/host/event_queue.cpp; how events get
+// into it is described in docs/events.md.
 #pragma once
 
 #include <cstdint>
@@ -18,22 +18,22 @@ struct event_item {
   const char* info;      // "name=value" items joined by "&", zero-terminated, never null
 };
 
-// Waits at most timeout_ms (0 to 1000) for the next event. Null: none came in time, or a signal interrupted the wait.
-// The record is the caller's until event_item_free. Script thread only.
+// Waits at most timeout_ms (0 to 1000) for the next event. Null: none came in time, or the wait was interrupted. The
+// record is the caller's until event_item_free. Script thread only.
 event_item* event_dequeue(int timeout_ms);
 
-// Lets the queue tidy itself up; the loop calls it when it is idle, at most every 31 s. Script thread only. The
-// embedded default gives memory back and logs how many lines and events it had to drop or refuse since the last call.
+// Lets the queue tidy up; the idle loop calls it, at most every 31 s. Script thread only. The embedded default returns
+// memory to the system and logs how many lines and events it has dropped or refused since the last call.
 void event_arrange();
 
-// Gives a record of event_dequeue back, exactly once. Script thread only.
+// Releases a record of event_dequeue, exactly once. Script thread only.
 void event_item_free(event_item* item);
 
 // Opens the queue and adds its own functions to a fresh Lua state. Main thread, before the script thread starts.
-// Negative: failed, and said in the log. The embedded default adds event_post(type, name [, info]), which gives true,
-// or false and a reason; without a socket for other processes it says so in the log and goes on.
+// Negative: failed (logged). The embedded default adds event_post(type, name [, info]), which returns true, or false
+// and a reason; when it has no socket for other processes, it logs that and goes on.
 int helper_init(lua_State* L);
 
-// Closes the queue, after the Lua state is closed. Main thread, after the script thread has been joined.
+// Closes the queue, after the Lua state. Main thread, after the script thread has been joined.
 void helper_cleanup();
 }

@@ -13,12 +13,13 @@ void elog_set_level(const char* name, int level);
 void errlog_init(int facility, const char* name);
 
 // Writes one line. The text is printf-style; a line end is added unless the text ends in one. Any thread, also before
-// errlog_init and until the process is gone; errno is kept. The embedded default escapes line ends and other control
-// characters that arguments bring along, and takes a text whose last line is all blanks for the first piece of a line
-// that elogr completes.
+// errlog_init and until the process ends; errno is kept. The embedded default escapes line ends and other control
+// characters in arguments. A text whose last line is all blanks counts there as the first piece of a line that elogr
+// completes.
 void elog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Writes text without framing: the pieces of one thread build lines, whose ends the caller writes itself. The embedded
-// default lets them out together when one ends in a line end, or else before the thread's next elog. As elog otherwise.
+// Writes a piece of a line: the text as it is, whose line ends the caller writes. The embedded default keeps the pieces
+// of a thread until one ends in a line end, or until the thread's next elog, and writes them together. Otherwise as
+// elog.
 void elogr(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 }

@@ -5,26 +5,26 @@
 // WATCHDOG_USEC, and keeps the state in a file for `zelvctl reload`; both are described in docs/operations.md.
 #pragma once
 
-// Beside the event socket, behind DEVICE_ROOT: one line "PID STATE RELOADS", replaced as a whole at every change.
-// STATE is starting, ready, reloading or stopping; RELOADS counts those that were done.
+// Beside the event socket, below DEVICE_ROOT: one line "PID STATE RELOADS", replaced as a whole at every change.
+// STATE is starting, ready, reloading or stopping; RELOADS counts the reloads that are done.
 constexpr char kServiceStatePath[] = "/run/zelvind/state";
 
 constexpr int SERVICE_ALIVE = 0;      // the event loop is about to take an event; the first time it becomes ready
 constexpr int SERVICE_RELOADING = 1;  // a reload begins
-constexpr int SERVICE_RELOADED = 2;   // and is done
+constexpr int SERVICE_RELOADED = 2;   // a reload is done
 constexpr int SERVICE_STOPPING = 3;   // the daemon ends because it was asked to
 constexpr int SERVICE_STARTING = 4;   // the event queue is open, scripts and plug-ins are about to be loaded
 
 extern "C" {
 
-// Takes what a service manager asks for out of the environment: what scripts start is not to speak for the daemon.
-// `owns_socket` is asked whether this process has the event socket (event_socket_owned), at each change and in each
-// pass of the loop: only then it keeps the state file; null: it never does. Main thread, once, before other threads
-// start.
+// Reads what a service manager asks for, and removes it from the environment: programs that scripts start must not
+// speak for the daemon. The state file is kept only while this process owns the event socket: `owns_socket`, which is
+// event_socket_owned or null (never), is called at each change and in each pass of the loop. Main thread, once, before
+// other threads start.
 __attribute__((weak)) void service_open(int (*owns_socket)());
 
-// Tells one of the above: SERVICE_ALIVE on the script thread, cheaply enough for every pass; the others on the main
-// thread. Never fails; what cannot be told is said in the log once.
+// Reports one of the states above: SERVICE_ALIVE from the script thread, cheap enough for every pass; the others from
+// the main thread. Never fails; what cannot be reported is logged once.
 __attribute__((weak)) void service_state(int state);
 }
 

@@ -35,7 +35,7 @@ namespace {
 
 constexpr int kStoreType = 0;
 
-// What a device's own library throws is not a value either.
+// A device's own library may throw: that is not a value either.
 bool read_int(econf_handle* handle, const char* key, int& value) try {
   return econf_get_int(handle, key, &value) >= 0;
 } catch (const std::exception&) {

@@ -1,5 +1,5 @@
-// The daemon's settings: one table that the daemon, zelvctl and the test of the documents go by, and the file that
-// holds their values. docs/configuration.md tells users what each one means.
+// The daemon's settings: the one table that the daemon, zelvctl and the documents' test use, and the file that holds
+// their values. docs/configuration.md tells users what each one means.
 #pragma once
 
 #include <climits>
@@ -9,7 +9,7 @@
 constexpr char kSettingsFile[] = "zelvind.info";
 constexpr char kSettingsDir[1024] = "/opt/flash/mtd4-cfg";            // store libraries may read the whole buffer
 constexpr char kSettingsPath[] = "/opt/flash/mtd4-cfg/zelvind.info";  // both, joined, for the embedded store
-constexpr int kSettingMax = 10239;                                    // bytes of a text; a longer one is not used
+constexpr int kSettingMax = 10239;                                    // bytes of a text; a longer one is ignored
 
 static_assert(std::string_view(kSettingsPath).find(kSettingsDir) == 0 &&
                   std::string_view(kSettingsPath).substr(std::string_view(kSettingsDir).size() + 1) == kSettingsFile,
@@ -20,44 +20,45 @@ struct Setting {
 
   const char* key;
   Type type;
-  int absent;               // of a number: its value when the key is missing or not understood
+  int absent;               // of a number: its value when the key is missing or the value is not valid
   int least;                // of a number
   int most;                 // of a number
   const char* absent_text;  // of a text; null: the folder of the daemon's executable
-  const char* help;         // one line
 
-  static constexpr Setting number(const char* key, int absent, int least, int most, const char* help) {
-    return {key, Type::number, absent, least, most, nullptr, help};
+  static constexpr Setting number(const char* key, int absent, int least, int most) {
+    return {key, Type::number, absent, least, most, nullptr};
   }
-  static constexpr Setting text(const char* key, const char* absent_text, const char* help) {
-    return {key, Type::text, 0, 0, 0, absent_text, help};
+  static constexpr Setting text(const char* key, const char* absent_text) {
+    return {key, Type::text, 0, 0, 0, absent_text};
   }
 };
 
 namespace settings {
 
-inline constexpr Setting log_level =
-    Setting::number("log_level", 1, INT_MIN, INT_MAX, "the log's level: 1 errors and life to 4 every client packet");
-inline constexpr Setting script_path = Setting::text("script_path", nullptr, "the folder of the Lua scripts");
-inline constexpr Setting external_path =
-    Setting::text("external_path", "", "a second folder, whose scripts replace those of the same name");
-inline constexpr Setting dll_path = Setting::text("dll_path", "/usr/lib", "the folder of the plug-ins");
-inline constexpr Setting collect_every =
-    Setting::number("collect_every", 20, 1, 1000000, "events between two full collections of the Lua state");
-inline constexpr Setting listener_port =
-    Setting::number("listener_port", 5512, 0, 65535, "the listener's TCP port; 0 lets the kernel choose");
-inline constexpr Setting listener_wait_ms = Setting::number(
-    "listener_wait_ms", 3000, 0, 60000, "ms: the longest wait for slow clients, and all waits of a minute");
-inline constexpr Setting listener_memory =
-    Setting::number("listener_memory", 16384, 64, 1048576, "KiB that all clients of the listener together may hold");
+// The log's level: 1 errors and the daemon's start and end, 2 progress, 3 each event, 4 each client packet.
+inline constexpr Setting log_level = Setting::number("log_level", 1, INT_MIN, INT_MAX);
+// The folder of the Lua scripts.
+inline constexpr Setting script_path = Setting::text("script_path", nullptr);
+// A second folder, whose scripts replace those of the same name.
+inline constexpr Setting external_path = Setting::text("external_path", "");
+// The folder of the plug-ins.
+inline constexpr Setting dll_path = Setting::text("dll_path", "/usr/lib");
+// Events between two full collections of the Lua state.
+inline constexpr Setting collect_every = Setting::number("collect_every", 20, 1, 1000000);
+// The listener's TCP port; 0 lets the kernel choose.
+inline constexpr Setting listener_port = Setting::number("listener_port", 5512, 0, 65535);
+// The longest wait for slow clients, and the sum of these waits in a minute, in ms.
+inline constexpr Setting listener_wait_ms = Setting::number("listener_wait_ms", 3000, 0, 60000);
+// What all clients of the listener together may hold, in KiB.
+inline constexpr Setting listener_memory = Setting::number("listener_memory", 16384, 64, 1048576);
 
 inline constexpr const Setting* kAll[] = {&log_level,     &script_path,   &external_path,    &dll_path,
                                           &collect_every, &listener_port, &listener_wait_ms, &listener_memory};
 
-// The setting of that key, or null. Any thread, like problem().
+// The setting with that key, or null. Any thread, like problem().
 const Setting* find(std::string_view key);
 
-// What is wrong with `value`, with the key in front and what is expected behind; empty when it is good.
+// What is wrong with `value` and what is expected, as a text that begins with the key; empty when the value is good.
 std::string problem(const Setting& setting, std::string_view value);
 
 }  // namespace settings
@@ -67,18 +68,18 @@ struct econf_handle;
 // The settings file in the configuration store, open.
 class SettingsFile {
  public:
-  // Throws except_conf when there is none. Main thread, like everything here.
+  // Throws except_conf when the file cannot be opened. Main thread, like everything here.
   SettingsFile();
   SettingsFile(const SettingsFile&) = delete;
   SettingsFile& operator=(const SettingsFile&) = delete;
   ~SettingsFile();
 
-  // The value of a setting. A missing key gives its default without a word; so does a value that is not understood or
-  // out of range, after a level 1 line.
+  // The value of a setting, or its default: silently when the key is missing or a text is too long, after a level 1
+  // line when a number is not valid.
   int number(const Setting& setting);
   std::string text(const Setting& setting) { return text(setting, setting.absent_text); }
 
-  // As text(setting), with a default of the caller's.
+  // As text(setting), with the caller's default.
   std::string text(const Setting& setting, const std::string& absent);
 
  private:

@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr char kByteOrderMark[] = "\xef\xbb\xbf";  // some editors put it in front of a text
+constexpr char kByteOrderMark[] = "\xef\xbb\xbf";  // some editors put it at the start of a file
 
 std::string_view trimmed(std::string_view text) {
   constexpr char kBlanks[] = " \t\r";
@@ -13,14 +13,14 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// Takes one line in; returns what is wrong with it, or null.
+// Parses one line into `store`; returns what is wrong with it, or null.
 const char* add_line(std::string_view line, StoreText& store) {
   if (line.size() > kStoreLineMax) return "the line is longer than 64 KiB";
   const std::string_view text = trimmed(line);
   if (text.empty() || text[0] == '#' || text[0] == ';') return nullptr;
   if (text.front() == '[' && text.back() == ']') return nullptr;
   const size_t equals = text.find('=');
-  if (equals == std::string_view::npos) return "the line is no 'key = value'";
+  if (equals == std::string_view::npos) return "the line is not 'key = value'";
   const std::string_view key = trimmed(text.substr(0, equals));
   if (key.empty()) return "the key is missing";
   store.values.insert_or_assign(std::string(key), std::string(trimmed(text.substr(equals + 1))));
@@ -32,7 +32,7 @@ const char* add_line(std::string_view line, StoreText& store) {
 StoreText parse_store(std::string_view bytes) {
   StoreText store;
   if (bytes.find('\0') != std::string_view::npos) {
-    store.complaints.push_back({0, "it holds a zero byte, so it is no text and has no keys"});
+    store.complaints.push_back({0, "it holds a zero byte, so it is not text and has no keys"});
     return store;
   }
   if (bytes.substr(0, 3) == kByteOrderMark) bytes.remove_prefix(3);

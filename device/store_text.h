@@ -7,7 +7,7 @@
 // Blanks around a key and a value are dropped; within a value everything counts, "#", ";" and "=" too. Of equal keys
 // the last counts. A line has at most 64 KiB. Described for users in docs/configuration.md.
 //
-// Knows no file and no log: tests and the fuzzer feed it bytes.
+// Uses no file and no log: tests and the fuzzer feed it bytes.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@
 #include <vector>
 
 constexpr size_t kStoreLineMax = size_t{64} * 1024;  // bytes, without the line end
-constexpr size_t kStoreComplaintsMax = 20;           // bad lines told of one by one; the rest is counted
+constexpr size_t kStoreComplaintsMax = 20;           // bad lines reported one by one; the others are counted
 
 struct StoreComplaint {
   int line;  // counted from 1; 0: the file as a whole
@@ -30,9 +30,8 @@ struct StoreText {
   int more_complaints = 0;                 // bad lines beyond those
 };
 
-// Takes a store file's bytes apart; never fails. A file that holds a zero byte is no text and gives no keys. Any
-// thread.
+// Parses a store file's bytes; never fails. A file with a zero byte is not text and gives no keys. Any thread.
 StoreText parse_store(std::string_view bytes);
 
-// Reads `text` as a whole decimal number of 32 bits. Any thread.
+// Reads `text` as a whole decimal number of 32 bits. Returns false, and leaves `value`, when it is not one. Any thread.
 bool parse_store_int(std::string_view text, int& value);

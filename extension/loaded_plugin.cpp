@@ -39,7 +39,7 @@ EntryPoint find_required(const LoadedPlugin& plugin, const char* symbol) {
   return found;
 }
 
-// Returns false, with the text in `error`, when an exception came out of `work`; the exception is gone by then.
+// Returns false, with the text in `error`, when `work` has thrown; the exception object is gone by then.
 template <typename Work>
 bool run_guarded(std::string& error, Work&& work) {
   try {
@@ -53,7 +53,7 @@ bool run_guarded(std::string& error, Work&& work) {
   return false;
 }
 
-// For entry points that may use Lua if their kind has it: a Lua error counts as an exception.
+// For entry points that may use Lua when their kind has it: a Lua error counts as an exception.
 template <typename Work>
 bool run_with_lua(const LoadedPlugin& plugin, lua_State* L, std::string& error, Work&& work) {
   if (!plugin.kind->has_lua) return run_guarded(error, work);
@@ -65,8 +65,8 @@ int call_init(const LoadedPlugin& plugin, lua_State* L) {
   return reinterpret_cast<int (*)()>(plugin.init)();
 }
 
-// An init that failed may have left functions and finalizers in the Lua state, which lives on: the code stays mapped
-// also when the library is closed.
+// A failed init may have left functions and finalizers in the Lua state, which lives on: the code stays mapped when the
+// library is closed.
 void keep_mapped(const LoadedPlugin& plugin) {
   if (plugin.kind->has_lua) dlopen(plugin.path.c_str(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }

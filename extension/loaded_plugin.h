@@ -1,7 +1,7 @@
 // One plug-in: its library, its entry points, and the calls into it.
 //
-// What is hard about it: nothing of a plug-in may be left when its library is closed, neither an exception object,
-// whose class may be the plug-in's own, nor a Lua frame. So every call here ends with a plain text.
+// The hard part: nothing of a plug-in may be left when its library is closed, neither an exception object, whose class
+// may be the plug-in's own, nor a Lua frame. So every failure here leaves the plug-in as a plain text.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,7 @@ struct PluginKind {
   const char* prepare_cleanup;
   const char* cleanup;
   const char* open_error;  // printf format; may name the file with %s
-  bool has_lua;            // its entry points are given the Lua state, or may use it
+  bool has_lua;            // its init receives the Lua state, its prepare_cleanup may use it
 };
 
 extern const PluginKind kEventSource;
@@ -26,11 +26,11 @@ extern const PluginKind kEventAction;
 struct LoadedPlugin {
   using EntryPoint = void (*)();
 
-  const PluginKind* kind;
+  const PluginKind* kind = nullptr;
   std::string path;                      // as passed to dlopen
   void* handle = nullptr;                // null when closed
-  dev_t device = 0;                      // which file that is, once it has been opened
-  ino_t inode = 0;                       // 0: not known
+  dev_t device = 0;                      // of the file, once it has been opened
+  ino_t inode = 0;                       // of the file; 0: unknown
   EntryPoint init = nullptr;             // int (*)(), or int (*)(lua_State*) when the kind has Lua
   EntryPoint prepare_cleanup = nullptr;  // may be null
   EntryPoint cleanup = nullptr;
@@ -38,16 +38,16 @@ struct LoadedPlugin {
 
 // All of these are called on the main thread.
 
-// Opens the library path names through the loader's own search path. Throws except_base.
+// Opens the library `path`, which the loader looks up in its own search path. Throws except_base.
 void open_plugin(LoadedPlugin& plugin);
 
-// Looks up the entry points of an open plug-in and calls its init; `L` is used for a kind that has Lua. Throws
-// except_base, also for whatever came out of init.
+// Looks up the entry points of an open plug-in and calls its init, with `L` when its kind has Lua. Throws except_base,
+// also for whatever init throws or raises.
 void init_plugin(LoadedPlugin& plugin, lua_State* L);
 
-// Calls prepare_cleanup when the plug-in has one. What comes out of it is logged.
+// Calls prepare_cleanup when the plug-in is open and has one. What it throws or raises is logged.
 void prepare_plugin(LoadedPlugin& plugin, lua_State* L);
 
-// Calls cleanup when it was found, closes the library and clears the record; does nothing when it is not open. What
-// comes out of cleanup, and a library that cannot be closed, is logged.
+// Calls cleanup when it was found, closes the library and clears the record; does nothing when it is not open. An
+// exception of cleanup, and a library that cannot be closed, are logged.
 void unload_plugin(LoadedPlugin& plugin);

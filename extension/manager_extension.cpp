@@ -12,8 +12,8 @@ namespace {
 
 using Plugins = ManagerExtension::Plugins;
 
-// A link beside the file, as version numbers bring them, is the same library: its init must not run twice, also not
-// when it has failed.
+// A second link to a file, as for a version number, is the same library: its init must not run twice, not even after it
+// has failed.
 void refuse_second_name(const LoadedPlugin& plugin, const Plugins& others, const char* what) {
   for (const auto& other : others) {
     const bool is_same = plugin.inode != 0 && other->inode == plugin.inode && other->device == plugin.device;
@@ -21,7 +21,7 @@ void refuse_second_name(const LoadedPlugin& plugin, const Plugins& others, const
   }
 }
 
-// Returns false, with the text in `error`, when a step failed; what was opened is still open then.
+// Returns false, with the text in `error`, when a step has failed; the library may be open then.
 bool load_plugin(LoadedPlugin& plugin, const Plugins& loaded, const Plugins& failed, std::string& error) {
   try {
     open_plugin(plugin);
@@ -36,16 +36,7 @@ bool load_plugin(LoadedPlugin& plugin, const Plugins& loaded, const Plugins& fai
   }
 }
 
-}  // namespace
-
-void ManagerExtension::load(const char* dir) {
-  elog(2, "mextension: load extension files...");
-  const RunSignalsBlocked blocked;  // for the shell that lists the files, and for the threads that plug-ins start
-  load_kind(kEventSource, sources, dir);
-  load_kind(kEventAction, actions, dir);
-}
-
-void ManagerExtension::load_kind(const PluginKind& kind, Plugins& plugins, const char* dir) {
+void load_kind(const PluginKind& kind, Plugins& plugins, const char* dir) {
   Plugins failed;
   for (const std::string& name : list_plugins(dir, kind.tag)) {
     elog(2, "mextension: load %s file[%s]...", kind.tag, name.c_str());
@@ -61,6 +52,15 @@ void ManagerExtension::load_kind(const PluginKind& kind, Plugins& plugins, const
     elog(1, "mextension: %s[%s]: %s", kind.name, name.c_str(), error.c_str());
     failed.push_back(std::move(plugin));
   }
+}
+
+}  // namespace
+
+void ManagerExtension::load(const char* dir) {
+  elog(2, "mextension: load extension files...");
+  const RunSignalsBlocked blocked;  // for the shell that lists the files, and for the threads that plug-ins start
+  load_kind(kEventSource, sources, dir);
+  load_kind(kEventAction, actions, dir);
 }
 
 void ManagerExtension::prepare_cleanup() {

@@ -1,7 +1,7 @@
-// The owner of the daemon's native plug-ins: finds them at start-up, initialises them, tells them of the end and
-// unloads them. extension/plugin.h tells what a plug-in is and may do.
+// The owner of the daemon's native plug-ins: finds them at start-up, initialises them, announces the end to them and
+// unloads them. extension/plugin.h says what a plug-in is and may do.
 //
-// One bad plug-in costs one line: it is unloaded again, and the others and the daemon go on without it.
+// A bad plug-in is logged and unloaded; the others and the daemon go on without it.
 #pragma once
 
 #include <memory>
@@ -14,7 +14,7 @@ class ManagerExtension {
   using Plugins = std::vector<std::unique_ptr<LoadedPlugin>>;
 
   ManagerExtension() = default;
-  // Unloads nothing: after a failed start, plug-ins may still be at work until the process ends.
+  // Unloads nothing: after a failed start, plug-ins may be at work until the process ends.
   ~ManagerExtension() = default;
   ManagerExtension(const ManagerExtension&) = delete;
   ManagerExtension& operator=(const ManagerExtension&) = delete;
@@ -30,8 +30,6 @@ class ManagerExtension {
   void cleanup();
 
  private:
-  void load_kind(const PluginKind& kind, Plugins& plugins, const char* dir);
-
   // In load order, and only those that were initialised without error.
   Plugins sources;
   Plugins actions;

@@ -1,21 +1,21 @@
-/* What a plug-in of zelvind is made of: the functions that it exports and those that the daemon offers it.
+/* The interface of zelvind's plug-ins: the functions that a plug-in exports and those that the daemon offers it.
  *
  * A plug-in is a shared object in the folder that the configuration key "dll_path" names. Its file name says what it
  * is:
  *
- *   libesNAME.so   eSource   brings events: esource_init, esource_cleanup and, if it likes, esource_prepare_cleanup
- *   libeaNAME.so   eAction   brings functions for scripts: eaction_init, eaction_cleanup and, if it likes,
+ *   libesNAME.so   eSource   posts events: esource_init, esource_cleanup and optionally esource_prepare_cleanup
+ *   libeaNAME.so   eAction   adds functions for scripts: eaction_init, eaction_cleanup and optionally
  *                            eaction_prepare_cleanup
  *
  * For C11 and C++17. This header includes nothing, and only names lua_State: an eAction plug-in includes Lua 5.1's own
- * headers besides. docs/plugins.md tells the whole life of a plug-in and how to build one.
+ * headers besides. docs/plugins.md describes the whole life of a plug-in and how to build one.
  *
  * Link with -Wl,-z,now. The daemon opens plug-ins lazily: without it, the first call of a function that nothing defines
  * ends the daemon; with it, such a plug-in is refused and the log says why. */
 #ifndef ZELVIND_PLUGIN_H
 #define ZELVIND_PLUGIN_H
 
-/* Grows when something is added below. What is there is never changed or taken away. A plug-in that needs version N:
+/* Grows when something is added below; nothing is ever changed or removed. A plug-in that needs version N:
  *   #if ZELVIND_PLUGIN_INTERFACE < N
  *   #error "this plug-in needs a newer zelvind/plugin.h" */
 #define ZELVIND_PLUGIN_INTERFACE 1
@@ -32,10 +32,10 @@ extern "C" {
  * process. A C++ exception or, in eaction_init and eaction_prepare_cleanup, a Lua error that leaves one of them is
  * logged; it does not reach the daemon. */
 
-/* Starts the source. Comes before any script, and before the eAction plug-ins. SIGHUP, SIGINT and SIGTERM are blocked
- * meanwhile, and so they are in the threads that it starts. Returns 0 or more, or a negative number: then the failure
- * is logged, esource_cleanup is called, the library is closed, and nothing of it is called again. What it posts waits
- * until the scripts are loaded. */
+/* Starts the source, before any script is loaded and before the eAction plug-ins. SIGHUP, SIGINT and SIGTERM are
+ * blocked meanwhile, and stay blocked in the threads that it starts. Returns 0 or more, or a negative number: then the
+ * failure is logged, esource_cleanup is called, the library is closed, and nothing of it is called again. What it posts
+ * waits until the scripts are loaded. */
 ZELVIND_PLUGIN_EXPORT int esource_init(void);
 
 /* Optional. The daemon is about to end: no script runs any more, events that come now are not handled. */
@@ -65,7 +65,7 @@ ZELVIND_PLUGIN_EXPORT void eaction_cleanup(void);
 /* Queues one event for the scripts and the listener's clients. `type` is its code (9999 ends the daemon's event loop),
  * `type_name` 1 to 127 bytes without blanks and control characters, `info` "name=value" items joined by "&", or null
  * for none; all are copied. Returns 1 queued, -1 bad argument or queue closed, -2 queue full: try again later. Its
- * address is null on a device whose event queue takes no events from plug-ins: look before the first call. */
+ * address is null on a device whose event queue takes no events from plug-ins: check it before the first call. */
 __attribute__((weak)) int event_post(int type, const char* type_name, const char* info);
 
 /* Writes one line to the daemon's log when `level` is at most the level set: 1 errors, 2 progress, 3 and more for

@@ -26,15 +26,15 @@ bool is_plugin_name(const std::string& name, const std::string& start) {
          name.compare(name.size() - 3, 3, ".so") == 0;
 }
 
-// True for a text that means the same to the shell as to the system.
+// True for a text that the shell takes literally.
 bool is_plain(const std::string& text) {
-  const std::string plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-+.,/";
-  return text.find_first_not_of(plain) == std::string::npos;
+  return text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-+.,/") ==
+         std::string::npos;
 }
 
-// What the shell's commands below would list, at a hundredth of their time. Nothing where they could see it otherwise:
-// a folder or a name that means something to the shell, a matching directory, and two files that were changed in the
-// same moment, whose order is up to the locale.
+// What the shell's commands below would list, at a hundredth of their time. Nothing where they could differ: for a
+// folder or a name that the shell does not take literally, a matching directory, and two files that were changed at the
+// same time, whose order depends on the locale.
 std::optional<Names> list_here(const std::string& dir, const std::string& start) {
   if (dir[0] != '/' || dir.find("..") != std::string::npos || !is_plain(dir)) return {};
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(dir.c_str()), closedir);
@@ -43,7 +43,7 @@ std::optional<Names> list_here(const std::string& dir, const std::string& start)
   while (const dirent* entry = readdir(folder.get())) {
     std::string name = entry->d_name;
     if (!is_plugin_name(name, start)) continue;
-    struct stat status {};  // of a link itself, as ls takes it, unless it leads to a directory
+    struct stat status {};  // of a link itself, as for ls, unless it leads to a directory
     if (!is_plain(name) || fstatat(dirfd(folder.get()), name.c_str(), &status, 0) != 0 || S_ISDIR(status.st_mode) ||
         fstatat(dirfd(folder.get()), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       return {};
@@ -60,7 +60,7 @@ std::optional<Names> list_here(const std::string& dir, const std::string& start)
   return names;
 }
 
-// Joined and not formatted into a buffer: a command that is cut would be another command.
+// Concatenated, not formatted into a buffer: a truncated command would be another command.
 std::string count_command(const std::string& dir, const char* tag) {
   return "cd " + dir + " && echo lib" + tag + "*.so | wc -w | sed 's/[^0-9]//g'";
 }
@@ -69,9 +69,8 @@ std::string list_command(const std::string& dir, const char* tag) {
   return "cd " + dir + " && ls -t lib" + tag + "*.so";
 }
 
-// What the command writes to its standard output; nothing when it cannot be started. That there is no such file or
-// folder is not an error here, so the shell keeps its complaints to itself; and the two variables would change what
-// the commands write.
+// What the command writes to its standard output; nothing when it cannot be started. A missing file or folder is not an
+// error, so standard error is discarded; the two variables would change the output of the commands.
 std::string output_of(const std::string& command) {
   FILE* const pipe = popen(("exec 2>/dev/null; unset CDPATH QUOTING_STYLE; " + command).c_str(), "re");
   if (pipe == nullptr) return "";
@@ -87,7 +86,7 @@ std::string output_of(const std::string& command) {
   return output;
 }
 
-// A matching directory brings its contents, its own name with a ":" behind and empty lines into the listing.
+// For a matching directory the listing has its name with a ":", its contents and empty lines besides.
 Names plugin_names(const std::string& listing, const std::string& start) {
   Names names;
   size_t begin = 0;

@@ -1,5 +1,5 @@
-// The names of the globals that the daemon adds for its scripts, as plain data: for whoever checks scripts without
-// running them. The tables that register the functions are held against these lists when they are compiled.
+// The names of the globals that the daemon adds for its scripts, as plain data for tools that check scripts without
+// running them. The compiler checks the tables that register the functions against these lists.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ inline constexpr const char* kLuaUtilityNames[] = {
 // Registered by the device libraries that ship with the daemon: helper_init and econf_init.
 inline constexpr const char* kDeviceApiNames[] = {"event_post", "econf_str", "econf_int"};
 
-// Whether the entries of `table`, which have a field `name`, stand for exactly these names, in this order.
+// True when the `name` fields of the entries of `table` are exactly these names, in this order.
 template <typename Entry, size_t entries, size_t count>
 constexpr bool has_names(const Entry (&table)[entries], const char* const (&names)[count]) {
   if (entries != count) return false;

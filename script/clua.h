@@ -1,4 +1,4 @@
-// Running a line of Lua given as text, and the text of what Lua raised.
+// Running Lua code given as text, and the text of a Lua error.
 #pragma once
 
 #include <lua.hpp>
@@ -8,6 +8,6 @@
 // compile and -2 when it raised, with the error value left on the stack. Only the thread that has the Lua state.
 int clua_run_string(lua_State* L, const char* code);
 
-// The text of the error value on top of the stack, which is removed; "NOT ERROR" when it is neither a string nor a
-// number, and then it stays. Never raises. Only the thread that has the Lua state.
+// Removes the error value on top of the stack and returns its text; when it is neither a string nor a number, leaves it
+// there and returns "NOT ERROR". Never raises. Only the thread that has the Lua state.
 std::string clua_error_text(lua_State* L);

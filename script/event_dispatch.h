@@ -1,7 +1,7 @@
-// One event's way through the Lua handlers of its type, and how handlers read it.
+// Calling the Lua handlers of an event's type, and how they read the event.
 //
-// The handlers of type N stand in the global table "es_N", whose field list_func is a sequence of entries
-// { tag, function, argument }. Scripts may put anything there: whatever it is, it costs a log line and nothing else.
+// The handlers of type N are in the global table "es_N", whose field list_func is a sequence of entries
+// { tag, function, argument }. Scripts may put anything there: what is not an entry costs a log line and nothing else.
 #pragma once
 
 #include <lua.hpp>
@@ -19,7 +19,7 @@ class EventDispatch {
   // The event being dispatched, or null.
   const event_item* current_event() const { return at_hand; }
 
-  // The tag of the entry that runs, or the one set last; empty after each event.
+  // The tag of the entry that runs, or the one that the entry has set since; empty after each event.
   const std::string& handler_tag() const { return tag; }
   void set_handler_tag(const char* text) { tag = text; }
 
@@ -31,8 +31,8 @@ class EventDispatch {
   std::string tag;
 };
 
-// The Lua functions that read the event at hand; script/script_api.cpp registers them. Outside a dispatch each is the
-// Lua error "no event is being dispatched".
+// The Lua functions that read the current event; script/script_api.cpp registers them. Outside a dispatch each raises
+// "no event is being dispatched".
 int evt_type_name(lua_State* L);
 int evt_timestamp(lua_State* L);
 int evt_info(lua_State* L);

@@ -25,7 +25,7 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
-// The Lua state, for a part of a pass, with a reserve of memory behind it.
+// Holds the Lua state, with a full reserve of memory, for a part of a pass.
 class LoopTurn {
  public:
   explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) { script.refill_memory(); }
@@ -38,8 +38,8 @@ class LoopTurn {
   const LuaTurn turn;
 };
 
-// Runs the timers, unless they ran in this second: none of them is due twice in one. Returns how long the pass may wait
-// for an event, in ms; that is only worth a look where it would wait.
+// Runs the timers, unless they have run in this second: none is due twice in one. Returns how long the pass may wait
+// for an event, in ms; while events wait, that is 0 and needs no look at the coroutines.
 int begin_pass(ManagerScript& script, std::optional<int>& timers_ran_at) {
   const int now = script.clock.seconds();
   const bool event_waits = event_pending != nullptr && event_pending() > 0;
@@ -67,7 +67,7 @@ void collect_now_and_then(ManagerScript& script) {
   script.collect_garbage();
 }
 
-// Everything up to the dispatch needs no Lua state: a client that keeps forward_event waiting holds up no reload.
+// Nothing before the dispatch needs the Lua state: a client that makes forward_event wait does not hold up a reload.
 Next handle_event(ManagerScript& script, Event event) {
   if (g_listener != nullptr) g_listener->forward_event(event.get());
   elog(3, "mscript: event(%s) - %s", event->type_name, event->info);
@@ -86,7 +86,7 @@ void event_loop(ManagerScript& script) {
   while (script.running) {
     const int wait_ms = begin_pass(script, timers_ran_at);
     tell_service(SERVICE_ALIVE);
-    Event event(event_dequeue(wait_ms));  // the state is given away while it waits
+    Event event(event_dequeue(wait_ms));  // without the Lua state
     if (event == nullptr) {
       idle_pass(script);
     } else if (handle_event(script, std::move(event)) == Next::quit) {

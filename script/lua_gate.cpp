@@ -11,7 +11,7 @@ void LuaGate::wait_and_take(Turn turn) {
   const bool is_next = turn == Turn::next;
   waiting_for_next += is_next ? 1 : 0;
   ++waiting;
-  // From here on the word is neither 0 nor kHeld: nobody changes it without the mutex.
+  // Once kAwaited is set, the word is neither 0 nor kHeld: nobody changes it without the mutex.
   while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_next && waiting_for_next > 0)) {
     changed.wait(lock);
   }

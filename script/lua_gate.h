@@ -1,13 +1,13 @@
 // Who has the Lua state.
 //
-// The event loop takes it for the Lua work of each pass; the main thread takes it for a reload, at the latest when the
-// work in progress is done, also while events come without a pause. A plain mutex does not guarantee that: the loop
-// releases it and has it again before the other thread wakes up. So a thread can ask for the next turn, and ordinary
-// turns wait while one does.
+// The event loop takes it for the Lua work of each pass. The main thread takes it for a reload, at the latest when the
+// work in progress is done, even while events come without a pause. A plain mutex does not guarantee that: the loop
+// would release it and take it again before the other thread wakes up. So a thread can ask for the next turn, and
+// ordinary turns wait while one does.
 //
-// The loop takes one or two turns for each event, nearly always alone. So as long as nobody waits, one atomic word is
-// all there is; the first one to wait marks it, and until the last one has been served, every turn goes through the
-// mutex.
+// The loop takes one or two turns for each event, nearly always without contention. So while nobody waits, an atomic
+// word is all that is touched; the first thread that waits marks it, and until the last one has been served, every turn
+// goes through the mutex.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,7 @@ class LuaGate {
  public:
   enum class Turn {
     ordinary,  // waits while a thread waits for the next turn
-    next,      // comes before every ordinary turn that waits
+    next,      // precedes every ordinary turn that waits
   };
 
   // True when some thread waits for the state. Any thread.
@@ -38,17 +38,17 @@ class LuaGate {
   void leave_to_others();
 
   static constexpr uint32_t kHeld = 1;
-  static constexpr uint32_t kAwaited = 2;  // somebody waits: the word changes under the mutex only
+  static constexpr uint32_t kAwaited = 2;  // a thread waits: the word changes only under the mutex
 
   std::atomic<uint32_t> word{0};
-  std::atomic<std::thread::id> holder{};  // nobody's while nobody has the state
+  std::atomic<std::thread::id> holder{};  // the thread that has the state, or none
   Mutex mutex;
   std::condition_variable_any changed;
   int waiting GUARDED_BY(mutex) = 0;           // turns of both kinds that wait
   int waiting_for_next GUARDED_BY(mutex) = 0;  // those of kind `next`
 };
 
-// Has the Lua state as long as it lives. One per thread at a time.
+// Holds the Lua state until destroyed. One per thread at a time.
 class LuaTurn {
  public:
   explicit LuaTurn(LuaGate& the_gate, LuaGate::Turn turn = LuaGate::Turn::ordinary) : gate(the_gate) {

@@ -1,16 +1,16 @@
-// The memory of the Lua state: malloc's, with a reserve for the worst moment.
+// The memory of the Lua state: malloc's, with a reserve for when that runs out.
 //
-// Lua 5.1 does not collect when memory is short: it raises "not enough memory", and all that the failing script held
-// stays taken, with nothing left for the rest of the daemon, not even for the log line about it. So the request that
-// malloc refuses fails, as it must, and the reserve goes back to malloc at that moment. The event loop then collects
-// garbage and refills the reserve.
+// Lua 5.1 does not collect when memory is short. It raises "not enough memory", and all that the failing script holds
+// stays allocated: nothing is left for the rest of the daemon, not even for the log line about it. So when malloc
+// refuses a request, the request fails and the reserve is freed. The event loop then collects garbage and refills the
+// reserve.
 #pragma once
 
 #include <cstdlib>
 #include <lua.hpp>
 #include <utility>
 
-// Plain memory and a reserve. Must outlive the state. Only the thread that has the Lua state.
+// Must outlive the state. Only the thread that has the Lua state.
 class LuaMemory {
  public:
   LuaMemory() = default;
@@ -18,13 +18,13 @@ class LuaMemory {
   LuaMemory& operator=(const LuaMemory&) = delete;
   ~LuaMemory();
 
-  // A new state with this memory, or null when there is none.
+  // A new state that uses this memory; the caller closes it. Null when memory is short.
   lua_State* new_state();
 
-  // Whether a request has failed since the last call.
+  // True when a request has failed since the last call.
   bool take_shortage() { return std::exchange(is_short, false); }
 
-  // Takes the reserve from malloc, unless it is there, or malloc has none.
+  // Allocates the reserve again where it is gone, if malloc can.
   void refill() {
     if (reserve == nullptr) reserve = malloc(kReserve);
   }

@@ -21,7 +21,7 @@ int number(uint32_t value) {
   return static_cast<int>(value);
 }
 
-// Shift amounts count modulo 256; from 32 on nothing of the value is left but its sign.
+// Shift amounts count modulo 256; from 32 on, only the sign of the value is left.
 int shift_left(int value, int amount) {
   const uint32_t n = bits(amount) & 255;
   return n < 32 ? number(bits(value) << n) : 0;
@@ -101,7 +101,7 @@ int isminus(lua_State* L) {
   return push(L, int_arg(L, 1) < 0 ? 1 : 0);
 }
 
-// Reports one result without pushing any: the script gets its last argument back.
+// Returns 1 without pushing a result: the script gets its last argument back.
 int sleep_ms(lua_State* L) {
   const int duration = int_arg(L, 1);
   if (duration < 0 || duration > kLongestSleepMs) throw ArgumentError(1, "0 to 2147483 ms expected");

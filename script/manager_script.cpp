@@ -29,13 +29,13 @@ int panic(lua_State* L) {
   abort();
 }
 
-// Lets the loop look again at what is to be done, should it be waiting for an event.
+// Ends the loop's wait for an event, if it waits: there is something to do.
 void wake_loop() {
   if (event_wake != nullptr) event_wake();
 }
 
-// No exception may leave a thread. Memory can run short anywhere in a pass; what the pass held has been given back by
-// then, and the loop goes on with the next one.
+// No exception may leave a thread. Memory can run short anywhere in a pass; by the time of the catch, the pass has
+// released what it held, and the loop goes on with the next one.
 void* thread_main(void* instance) {
   ManagerScript& script = *static_cast<ManagerScript*>(instance);
   RateLimit limit;
@@ -84,7 +84,7 @@ void ManagerScript::init() {
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
 
-// Scripts run on the main thread here. A signal must not cut their reads and sleeps short: the error that follows would
+// Scripts run on the main thread here. A signal must not interrupt their reads and sleeps: the error that follows would
 // end the daemon.
 void ManagerScript::load_scripts(const char* script_path, const char* external_path) {
   const RunSignalsBlocked undisturbed;
@@ -107,15 +107,15 @@ void ManagerScript::load_scripts(const char* script_path, const char* external_p
 }
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
-  // A script that never returns keeps the state from us; a stop that is asked for meanwhile must end it all the same.
+  // A script that never returns keeps the state: a stop that is asked for meanwhile must be able to end it.
   stop.begin_to_watch();
   const LuaTurn turn(gate, LuaGate::Turn::next);
   const RunSignalsBlocked undisturbed;
-  const StopsWhenWanted limited(stop);  // begins anew: what is loaded has its own time
+  const StopsWhenWanted limited(stop);  // begins anew: the files that are loaded have a time of their own
   scripts.clear(lua_state);
   scripts.load(lua_state, script_path, external_path);
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
-  wake_loop();                         // coroutines that were started may be due before the end of its wait
+  wake_loop();                         // the files may have started coroutines that are due before its wait ends
 }
 
 int ManagerScript::start_thread() {
@@ -160,7 +160,7 @@ void ManagerScript::cleanup() {
   scripts.clear(lua_state);
 }
 
-// Finalizers run in here and may still call the whole API; the records they see or make belong to the dying state.
+// Finalizers run in here and may call the whole API; the records they see or make belong to the state that is closed.
 void ManagerScript::close_state() {
   if (lua_state != nullptr) lua_close(lua_state);
   lua_state = nullptr;

@@ -1,9 +1,9 @@
 // The owner of the daemon's one Lua state and of all that scripts keep in it.
 //
-// It creates the state, loads the script files in their fixed order, runs the script thread whose event loop calls the
-// handlers, reloads the script directories and closes the state. What is hard about it: one Lua state, two threads. The
-// script thread has the state during the Lua work of a pass, the main thread before the script thread starts, for a
-// reload, and after it has been joined; `gate` hands it over.
+// It creates the state, loads the script files in their fixed order, runs the script thread, whose event loop calls the
+// handlers, reloads the script directories and closes the state. The hard part: one Lua state, two threads. The script
+// thread has the state during the Lua work of a pass; the main thread has it before the script thread starts, for a
+// reload, and after the join. `gate` hands it over.
 #pragma once
 
 #include <pthread.h>
@@ -21,7 +21,7 @@
 #include "script/script_timer.h"
 #include "util/clock.h"
 
-// The clocks that timers and coroutines live by. Tests put others in their place.
+// The clocks of timers and coroutines. Tests replace them.
 struct ScriptClock {
   // Wall clock in seconds since the epoch: timers.
   int (*seconds)() = [] { return static_cast<int>(time(nullptr)); };
@@ -48,11 +48,12 @@ class ManagerScript {
   int start_thread();
   // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
-  // Asks the loop to end and joins its thread: at most a pass, which does not wait for events any more.
+  // Asks the loop to end and joins its thread, at the latest after the pass in progress, which no longer waits for
+  // events.
   void stop_thread();
   // Runs the scripts' event_server.cleanup(); a failure is logged.
   void call_cleanup();
-  // Closes the state and the device libraries' parts in it.
+  // Closes the state, and then the device libraries.
   void cleanup();
 
   // What the event loop calls, on the thread that has the Lua state.
@@ -67,10 +68,10 @@ class ManagerScript {
   bool dispatch_event(const event_item& event);
   // Collects all garbage; a finalizer that fails is logged.
   void collect_garbage() const;
-  // Where a request for memory has failed since the last call: collects all garbage and refills the reserve.
+  // When a request for memory has failed since the last call, collects all garbage and refills the reserve.
   void refill_memory();
 
-  // The tag of the script code that runs now; empty when it has none. Only the thread that has the Lua state.
+  // The tag of the script code that runs; empty when it has none. Only the thread that has the Lua state.
   const std::string& current_tag_name() const;
 
   std::atomic<bool> running{false};  // the main thread writes, the loop reads once per pass
@@ -81,7 +82,7 @@ class ManagerScript {
   ScriptClock clock;
   int collect_every = 20;  // dispatched events between two full collections, at least 1
 
-  // The rest belongs to the thread that has the Lua state.
+  // The following belong to the thread that has the Lua state.
   lua_State* lua_state = nullptr;
   ScriptModules scripts;
   ScriptTimers timers;
@@ -91,9 +92,9 @@ class ManagerScript {
  private:
   void close_state();
 
-  LuaMemory memory;      // of the thread that has the Lua state
-  pthread_t thread = 0;  // of the main thread; 0 when there is none
+  LuaMemory memory;      // for the thread that has the Lua state
+  pthread_t thread = 0;  // for the main thread; 0 when there is none
 };
 
-// The one instance, or null. Set before and cleared after all other threads.
+// The one instance, or null. Set before any other thread starts, cleared after the last has ended.
 extern ManagerScript* g_mscript;

@@ -38,18 +38,17 @@ int timems(lua_State* L) {
   return 1;
 }
 
-// Reports one result without pushing any: the script gets its last argument back.
+// Returns 1 without pushing a result: the script gets its last argument back.
 int trace(lua_State* L) {
   const int level = number_arg(L, 1);
   elog(level, "lua-trace: %s", text_arg(L, 2));
   return 1;
 }
 
-// The stack dump. Nothing of it can raise once the arguments are read: the walk pushes a few values within the room
-// that every C function has, and lua_next of an unchanged table finds each of its keys. So strings may be alive in
-// between.
+// The stack dump. Once its argument is read, nothing of it can raise: it pushes a few values, for which every C
+// function has room, and lua_next finds every key of an unchanged table. So strings may be alive meanwhile.
 
-// By type and never with lua_tolstring, which would turn a number key into text under lua_next's feet.
+// Never calls lua_tolstring on a number: that would convert a key in place, and lua_next would lose it.
 std::string value_text(lua_State* L, int index) {
   switch (lua_type(L, index)) {
     case LUA_TBOOLEAN:
@@ -75,7 +74,7 @@ std::string table_text(lua_State* L) {
   return text;
 }
 
-// `L` lends its stack for the walk: the main state may stand below it, in the middle of a resume.
+// Walks a table on the stack of `L`: below it, the main state may be in the middle of a resume.
 void dump_value(lua_State* L, lua_State* main, int index) {
   const int type = lua_type(main, index);
   switch (type) {

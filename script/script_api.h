@@ -1,4 +1,4 @@
-// The globals that the daemon adds for its scripts. docs/scripting.md tells what each does.
+// The globals that the daemon adds for its scripts. docs/scripting.md describes each.
 #pragma once
 
 #include <lua.hpp>

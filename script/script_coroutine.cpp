@@ -13,11 +13,11 @@ namespace {
 
 // Runs the thread until it yields or ends; `arguments` values are on its stack. An error in it only ends it.
 void run_until_yield(lua_State* from, lua_State* thread, int arguments) {
-  lua_setlevel(from, thread);  // coroutines that start coroutines meet Lua's limit for C calls before the stack's end
-  if (lua_resume(thread, arguments) == LUA_YIELD) lua_settop(thread, 0);  // nobody takes what it yielded
+  lua_setlevel(from, thread);  // nested coroutines reach Lua's limit for C calls before the end of the C stack
+  if (lua_resume(thread, arguments) == LUA_YIELD) lua_settop(thread, 0);  // nobody reads what it yielded
 }
 
-// A C function at the bottom of a thread cannot be resumed after it yielded; a Lua function below it can.
+// A C function at the bottom of a thread cannot be resumed after a yield; above a Lua function it can.
 void put_below_lua_function(lua_State* thread) {
   if (luaL_loadstring(thread, "local f, a = ... f(a)") != 0) throw ScriptError("not enough memory");
   lua_insert(thread, 1);
@@ -72,7 +72,7 @@ int ScriptCoroutines::next_wait_ms(int now, int longest) {
   return static_cast<int>(std::clamp<int64_t>(waiting.front().due - clock_ms, 0, longest));
 }
 
-// Takes no memory: start() has made room for an entry of each record.
+// Does not allocate: start() has made room for an entry for each record.
 void ScriptCoroutines::let_wait(Record record) {
   waiting.push_back({record->last_resume + record->wait, record});
   std::push_heap(waiting.begin(), waiting.end(), is_later);
@@ -123,8 +123,8 @@ void ScriptCoroutines::resume_due(lua_State* L, int now) {
 
 void ScriptCoroutines::resume(lua_State* L, Record record, int64_t pass_ms) {
   record->wait = 0;
-  record->last_resume = std::min(pass_ms, clock_ms);  // one that was resumed before may have met a clock set back
-  // A thread that has ended would run whatever lies on top of its stack.
+  record->last_resume = std::min(pass_ms, clock_ms);  // the clock may have been set back during the pass
+  // Resumed, a thread that has ended would call whatever is on top of its stack.
   if (lua_status(record->thread) == LUA_YIELD) run(L, *record, 0);
   if (record->wait != 0 && lua_status(record->thread) == LUA_YIELD) {
     let_wait(record);

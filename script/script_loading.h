@@ -1,4 +1,4 @@
-// Loading: the modules of the script directories, and running their files in order.
+// Loading: running script files, and the modules of the script directories.
 #pragma once
 
 #include <list>
@@ -19,15 +19,14 @@ class ScriptModules {
  public:
   size_t size() const { return modules.size(); }
 
-  // Runs the files of the directories, those of external_path first, which may be empty. Throws except_base when one
-  // fails: those before it stay, the failed one is dropped.
+  // Runs the files of the directories, those of external_path (which may be empty) first. Throws except_base when one
+  // fails: the modules before it stay, the failed one is dropped.
   void load(lua_State* L, const char* script_path, const char* external_path);
 
   // The module whose file runs, or null.
-  ScriptModule* current() { return loading; }
-  const ScriptModule* current() const { return loading; }
+  ScriptModule* current() const { return loading; }
 
-  // Forgets all modules and releases their values; L may be null, when they are gone with the state.
+  // Forgets all modules and releases their values; a null L means that the values are gone with the state.
   void clear(lua_State* L);
 
  private:

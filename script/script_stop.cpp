@@ -6,13 +6,14 @@
 
 namespace {
 
-// Between two looks. A look costs a few ns: at this distance it does not show. A loop that waits in C executes few
-// instructions: sleep() looks by itself.
+// Between two calls of the hook, each of which costs a few ns: that often, it cannot be measured. A loop that waits in
+// C executes few instructions, so sleep() checks by itself.
 constexpr int kInstructions = 50;
 
+// Between two calls of wanted().
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: code that catches one to report it has this long, and so has the rest of the pass.
+// Between two errors: code that catches one has this long to report it, and so has the rest of the pass.
 constexpr int kRespiteMs = 500;
 
 }  // namespace
@@ -60,7 +61,7 @@ void ScriptStop::end() {
   phase = Phase::off;
 }
 
-// Takes the step that is due, if any. Returns true when it is to raise an error.
+// Enters the next phase when that is due. Returns true when an error is to be raised.
 bool ScriptStop::is_time_to_raise() {
   const int64_t now = steady_ms();
   if (now < over_at_ms) return false;
@@ -70,7 +71,7 @@ bool ScriptStop::is_time_to_raise() {
   return reached == Phase::raising;
 }
 
-// A script that catches the error gets it again and again.
+// A rate limit: a script that catches the error gets it again and again.
 void ScriptStop::say_stopped(const lua_Debug& at) {
   const auto left_out = said.allow();
   if (!left_out) return;

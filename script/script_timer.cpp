@@ -1,7 +1,6 @@
 #include "script/script_timer.h"
 
 #include <algorithm>
-#include <cassert>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -45,7 +44,7 @@ int timer_time(lua_State* L) {
   int fields[kFields] = {-1, -1, -1, -1, -1, -1};
   for (int i = 0; i < given; ++i) fields[kFields - given + i] = int_arg(L, i + 1);
   const time_t now = g_mscript->clock.seconds();
-  tzset();  // localtime_r does not look whether the device's time zone has changed, mktime does
+  tzset();  // localtime_r does not notice a change of the device's time zone, mktime does
   tm local{};
   localtime_r(&now, &local);
   if (fields[0] != -1) local.tm_year = static_cast<int>(std::max<int64_t>(int64_t{fields[0]} - 1900, INT_MIN));

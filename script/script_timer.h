@@ -1,8 +1,8 @@
 // Periodic timers of the scripts, in whole seconds of the wall clock.
 //
-// A timer runs at the instants that differ from its phase origin by whole intervals, until its own callback deletes it.
-// One that is late by several intervals runs once; missed runs are not made up. A step of the clock costs at most one
-// interval.
+// A timer runs at the instants that differ from its origin by whole intervals, until its own callback deletes it. A
+// timer that is late by several intervals runs once; missed runs are not made up. When the clock is set, the next run
+// is at most one interval away.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +20,8 @@ struct ScriptTimer {
   std::string tag;   // never empty
 };
 
-// The first instant after `now` that differs from `origin` by a whole number of intervals, in s since the epoch; cut at
-// the last second that 32 bits hold. `interval` must be at least 1. Any thread.
+// The first instant after `now` that differs from `origin` by a whole number of intervals, in s since the epoch; at
+// most INT_MAX. `interval` must be at least 1. Any thread.
 int get_target_time(int now, int interval, int origin);
 
 // All timers, in creation order. Only the thread that has the Lua state.
@@ -34,11 +34,11 @@ class ScriptTimers {
   // Takes over a timer with its two registry references. At most kMost.
   void add(ScriptTimer timer) { timers.push_back(std::move(timer)); }
 
-  // Calls those that are due at `now`, in s since the epoch, in creation order; a failure is logged. What their
-  // callbacks add is not called. A second call for the same second finds nothing to do.
+  // Calls those that are due at `now`, in s since the epoch, in creation order; failures are logged. Timers that their
+  // callbacks add wait for the next call. A second call for the same second finds nothing to do.
   void run_due(lua_State* L, int now);
 
-  // The timer whose callback runs, or null; null too once that callback has deleted it.
+  // The timer whose callback runs, or null, also when that callback has deleted it.
   const ScriptTimer* current() const { return current_timer; }
 
   // Deletes that timer. Returns false when there is none.

@@ -14,10 +14,10 @@ TEST(StoreText, KeysAndComplaints) {
       {"a=1\na=2", "a=2|"},
       {"a=\n\n#b=1\n ;c=1\n[d]\n", "a=|"},
       {"\xef\xbb\xbfkey=1\n", "key=1|"},
-      {"word\na=1\n = 2\n", "a=1|1: the line is no 'key = value'|3: the key is missing|"},
+      {"word\na=1\n = 2\n", "a=1|1: the line is not 'key = value'|3: the key is missing|"},
       {"a=" + longest, "a=" + longest + "|"},
       {"a=" + longest + "v\nb=1", "b=1|1: the line is longer than 64 KiB|"},
-      {std::string("a=1\n\0", 5), "0: it holds a zero byte, so it is no text and has no keys|"},
+      {std::string("a=1\n\0", 5), "0: it holds a zero byte, so it is not text and has no keys|"},
   };
   for (const auto& [bytes, expected] : rows) {
     const StoreText store = parse_store(bytes);
@@ -65,7 +65,7 @@ TEST_F(DeviceStore, ComplaintsComeOnceForEachStateOfAFile) {
     write(text);
     for (int i = 0; i < 3; ++i) econf_close(open_store());
   }
-  const std::string complaint = "<1> econf: " + folder + "zelvind.info:1: the line is no 'key = value'\n";
+  const std::string complaint = "<1> econf: " + folder + "zelvind.info:1: the line is not 'key = value'\n";
   EXPECT_EQ(logged(), complaint + complaint);
 }
 

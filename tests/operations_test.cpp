@@ -101,7 +101,7 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
       "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\n' >>zelvind.info");
   daemon.expect_zelvctl(
       "check", 1,
-      settings + ":4: warning: the line is no 'key = value'\n" + settings +
+      settings + ":4: warning: the line is not 'key = value'\n" + settings +
           ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" + settings +
           ": warning: the daemon has no setting 'scipt_path'\n"
           "ROOT/scripts/config.lua:1: '<name>' expected near '('\n"

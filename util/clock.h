@@ -1,4 +1,4 @@
-// The clocks: the wall clock as the scripts and the coroutine scheduler count it, and a steady one for deadlines.
+// The clocks: the wall clock as scripts and the coroutine scheduler count it, and a steady one for deadlines.
 #pragma once
 
 #include <sys/time.h>
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <ctime>
 
-// The arithmetic of now_ms for a wall clock of `seconds` and `microseconds`.
+// What now_ms returns when the wall clock reads `seconds` and `microseconds`.
 inline int clock_ms(int64_t seconds, int64_t microseconds) {
   return static_cast<int>(static_cast<uint32_t>(seconds * 1000 + microseconds / 1000));
 }
@@ -19,12 +19,12 @@ inline int now_ms() {
   return clock_ms(now.tv_sec, now.tv_usec);
 }
 
-// `later` minus `earlier`, both readings of now_ms, right across a wrap while they lie less than 24.8 days apart.
+// `later` minus `earlier`, both readings of now_ms; correct across a wrap when they are less than 24.8 days apart.
 inline int ms_between(int earlier, int later) {
   return static_cast<int>(static_cast<uint32_t>(later) - static_cast<uint32_t>(earlier));
 }
 
-// Milliseconds of a clock that no one sets, for deadlines and silences. Any thread.
+// Milliseconds of the monotonic clock, which nobody sets: for deadlines and time-outs. Any thread.
 inline int64_t steady_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -1,4 +1,4 @@
-// Descriptors: their owner, and the rule that none of ours stands where a standard stream belongs.
+// File descriptors: their owner, and the guard that keeps ours off the numbers of the standard streams.
 #pragma once
 
 #include <fcntl.h>
@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-// Owns a descriptor, or nothing (-1). Closing keeps errno. Not shared between threads.
+// Owns a descriptor, or none (-1). Closing keeps errno. Not thread-safe.
 class Descriptor {
  public:
   explicit Descriptor(int owned = -1) : fd(owned) {}

@@ -44,8 +44,8 @@ int keep_run_protected(lua_State* L) {
   return run_protected(L);
 }
 
-// lua_cpcall makes a function on Lua's heap for each call. So the first call of a state keeps one in the registry, and
-// later ones take it from there: nothing of that allocates, so nothing can raise outside the protected call.
+// lua_cpcall allocates a function for each call. So the first call in a state keeps one in the registry, from where
+// later calls take it without allocating: nothing can raise outside the protected call.
 int call_run_protected(lua_State* L, void* call) {
   lua_pushlightuserdata(L, &g_key);
   lua_rawget(L, LUA_REGISTRYINDEX);
@@ -61,7 +61,7 @@ int call_run_protected(lua_State* L, void* call) {
 
 int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work) {
   int argument = 0;
-  char text[1280];  // holds the longest field name that an error quotes
+  char text[1280];  // room for the longest field name that an error quotes
   try {
     return body(L, work);
   } catch (const ArgumentError& error) {
@@ -76,9 +76,9 @@ int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work) {
   return luaL_error(L, "%s", text);
 }
 
-bool protected_call(lua_State* L, std::string& error, const Call& call) {
+bool protected_call(lua_State* L, std::string& error, Call call) {
   const int top = lua_gettop(L);
-  if (call_run_protected(L, const_cast<Call*>(&call)) == 0) return true;
+  if (call_run_protected(L, &call) == 0) return true;
   try {
     error = error_value_text(L, -1);
   } catch (const std::bad_alloc&) {

@@ -12,7 +12,6 @@
 // metamethod or a finalizer that raises.
 #pragma once
 
-#include <exception>
 #include <lua.hpp>
 #include <stdexcept>
 #include <string>
@@ -35,12 +34,9 @@ class ArgumentError : public std::runtime_error {
 
 // Argument `index` read as a signed 32-bit integer the way lua_tointeger reads it; anything but a number gives 0.
 // A number beyond 32 bits keeps its low 32 bits. Lua's integers are narrowed nowhere else.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wconversion"
 inline int int_arg(lua_State* L, int index) {
   return static_cast<int>(lua_tointeger(L, index));
 }
-#pragma GCC diagnostic pop
 
 // As int_arg; throws ArgumentError when the argument is not a number.
 inline int number_arg(lua_State* L, int index) {
@@ -61,28 +57,27 @@ inline const char* text_arg(lua_State* L, int index) {
 namespace lua_binding {
 // Runs body(L, work); what it throws becomes a Lua error after everything in it has been destroyed.
 int run_body(lua_State* L, int (*body)(lua_State* L, void* work), void* work);
+
+struct Call {
+  void (*run)(lua_State* L, void* work);
+  void* work;
+};
+bool protected_call(lua_State* L, std::string& error, Call call);
 }  // namespace lua_binding
 
-// Makes a plain C function for Lua, without upvalues, of a body that obeys the rules above.
+// Turns a body that obeys the rules above into a plain C function for Lua, without upvalues.
 template <int (*body)(lua_State*)>
 int api(lua_State* L) {
-  return lua_binding::run_body(L, [](lua_State* state, void*) { return body(state); }, nullptr);
+  const auto run = [](lua_State* state, void*) { return body(state); };
+  return lua_binding::run_body(L, run, nullptr);
 }
 
 // The text of the value at `index` for a log line: a string as it is (up to a zero byte), a number as Lua writes it,
 // "NOT ERROR" for anything else. Never raises and never changes the stack.
 std::string error_value_text(lua_State* L, int index);
 
-namespace lua_binding {
-struct Call {
-  void (*run)(lua_State* L, void* work);
-  void* work;
-};
-bool protected_call(lua_State* L, std::string& error, const Call& call);
-}  // namespace lua_binding
-
 // Runs work(L) inside a protected call, in a frame of its own that starts empty. `work` is a callable that obeys the
-// rules for bodies: when Lua raises, no destructor inside it runs. The stack is afterwards as it was, whatever
+// rules for bodies: when Lua raises, no destructor inside it runs. Afterwards the stack is as it was, whatever
 // happened; it needs room for two values. Returns true, or false with the text of the error in `error`; throws nothing.
 // Only the thread that has the Lua state may call it.
 template <typename Work>

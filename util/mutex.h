@@ -27,11 +27,11 @@ class ZELVIND_LOCK_RULE(capability("mutex")) Mutex {
   std::mutex mutex;
 };
 
-// Holds the lock until destroyed; unlock() and lock() open it for a while, as around a wait.
+// Holds the lock until destroyed; unlock() and lock() release it for a while, for instance around a wait.
 class ZELVIND_LOCK_RULE(scoped_lockable) MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) ZELVIND_LOCK_RULE(acquire_capability(mutex)) : guard(mutex) {}
-  ~MutexLock() ZELVIND_LOCK_RULE(release_capability()) {}
+  ~MutexLock() ZELVIND_LOCK_RULE(release_capability()) = default;
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
   void lock() ZELVIND_LOCK_RULE(acquire_capability()) { guard.lock(); }

@@ -22,12 +22,10 @@ bool write_fully(int fd, const char* data, size_t size) {
     if (written > 0) {
       data += written;
       size -= static_cast<size_t>(written);
-    } else if (written == 0) {
-      return false;
-    } else if (errno == EAGAIN) {
+    } else if (written < 0 && errno == EAGAIN) {
       pollfd wait{fd, POLLOUT, 0};
       if (poll(&wait, 1, 1000) == 0) return false;
-    } else if (errno != EINTR) {
+    } else if (written == 0 || errno != EINTR) {
       return false;
     }
   }
@@ -40,7 +38,7 @@ bool write_quietly(int fd, const char* data, size_t size) {
   sigemptyset(&pipe_only);
   sigaddset(&pipe_only, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe_only, &before);
-  const bool pending_before = is_pending(SIGPIPE);  // somebody else's: not ours to take away
+  const bool pending_before = is_pending(SIGPIPE);  // somebody else's: it must stay
   const bool done = write_fully(fd, data, size);
   const int error = errno;
   if (!done && error == EPIPE && !pending_before) {

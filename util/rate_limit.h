@@ -1,4 +1,4 @@
-// For a log line that strangers can provoke: at most one a second, which then tells how many were left out.
+// Limits a log line that strangers can provoke to one a second; the next one says how many were left out.
 //
 //   if (const auto left_out = limit.allow()) elog(1, "evq: cannot accept a poster%s", left_out->text);
 #pragma once
@@ -9,16 +9,16 @@
 
 #include "util/clock.h"
 
-// How such a line ends: " (and 5 more)" when lines were left out since the last one, else nothing.
+// The end of such a line: " (and 5 more)" when lines were left out since the last one, else empty.
 struct LeftOut {
   char text[40] = "";
 };
 
-// Plain memory without a destructor. Not shared between threads: its owner's lock guards it, if it has one.
+// Trivially destructible. Not thread-safe: the owner guards it with its own lock, if it has one.
 class RateLimit {
  public:
-  // Asks for a line. Returns its end, or nothing: then the line is counted as left out. `now_seconds` is a reading of a
-  // steady clock; only tests give one.
+  // Asks for a line. Returns its end, or nothing: then the line counts as left out. `now_seconds` is a reading of a
+  // steady clock; only tests pass one.
   std::optional<LeftOut> allow(int64_t now_seconds = steady_ms() / 1000) {
     if (now_seconds == last_second) {
       ++refused;

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Length of the character at the front of `text` when it may go out as it is, else 0.
+// Length of the first character of `text` in bytes, or 0 when it is to be escaped.
 size_t harmless_length(std::string_view text) {
   const unsigned lead = static_cast<unsigned char>(text[0]);
   if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
@@ -23,7 +23,7 @@ size_t harmless_length(std::string_view text) {
   return length;
 }
 
-// The number of bytes at the front of `text` that may go out as they are.
+// The number of bytes before the first that is to be escaped.
 size_t harmless_run(std::string_view text) {
   size_t run = 0;
   while (run < text.size()) {

@@ -12,16 +12,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-Names list_external_files(const std::string& external_path, std::string& ignored) {
-  if (external_path.empty()) return {};
-  try {
-    return list_script_files(external_path);
-  } catch (const std::exception& error) {
-    ignored = error.what();
-    return {};
-  }
-}
-
 void remove_names(Names& names, const Names& unwanted) {
   const auto is_unwanted = [&](const std::string& name) {
     return std::find(unwanted.begin(), unwanted.end(), name) != unwanted.end();
@@ -59,7 +49,12 @@ std::string base_script(const char* name, const std::string& script_path, const 
 DirectoryScripts directory_scripts(const std::string& script_path, const std::string& external_path) {
   DirectoryScripts scripts;
   Names script_names = list_script_files(script_path);
-  Names external_names = list_external_files(external_path, scripts.ignored);
+  Names external_names;
+  try {
+    if (!external_path.empty()) external_names = list_script_files(external_path);
+  } catch (const std::exception& error) {
+    scripts.ignored = error.what();
+  }
   const Names loaded_before = {"server_event.lua", "config.lua"};
   remove_names(external_names, loaded_before);
   remove_names(script_names, loaded_before);

@@ -1,5 +1,5 @@
-// Which script files there are, and in which order the daemon loads them. `zelvctl check` goes by the same list. Plain
-// files and names, no Lua; any thread.
+// Which script files exist, and in which order the daemon loads them; `zelvctl check` uses the same list. Files and
+// names only, no Lua; any thread.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 // True for the name of a script file: it ends in ".lua".
 bool is_script_name(std::string_view name);
 
-// `name` in folder `dir`.
+// The path of `name` in folder `dir`.
 std::string script_in(const std::string& dir, const std::string& name);
 
-// The script names in `dir`, in ascending byte order. Throws except_base when there is no such folder.
+// The script names in `dir`, in ascending byte order. Throws except_base when `dir` cannot be read.
 std::vector<std::string> list_script_files(const std::string& dir);
 
 // Where base file `name` (config.lua, server_event.lua) is loaded from: external_path if it is there, else script_path.

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <initializer_list>
 
-// Holds SIGHUP, SIGINT and SIGTERM back from the calling thread as long as it lives; threads started meanwhile inherit
-// that for good. What came meanwhile is delivered at its end.
+// Blocks SIGHUP, SIGINT and SIGTERM in the calling thread until destroyed; those that came meanwhile are delivered
+// then. Threads started meanwhile inherit the mask for good.
 class RunSignalsBlocked {
  public:
   RunSignalsBlocked() {
@@ -22,16 +22,16 @@ class RunSignalsBlocked {
   ~RunSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
 
  private:
-  sigset_t before;
+  sigset_t before{};
 };
 
-// Sizes of stacks in bytes, whatever the C library or the shell's limits would give: scripts recurse through C.
+// Stack sizes in bytes, independent of the C library and of the shell's limits. Scripts recurse through C.
 constexpr size_t kThreadStack = size_t{256} * 1024;
 constexpr size_t kScriptThreadStack = size_t{4} * 1024 * 1024;
 
-// Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked, so that those reach the main thread
-// and never cut a script's sleep or a poll short; SIGPIPE stays as it is. The handle goes to *thread, which the caller
-// joins. Returns 0, or an error number as pthread_create does; *thread is then 0. Main thread only.
+// Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked: they reach the main thread and
+// never interrupt a script's sleep or a poll. SIGPIPE stays as it is. Stores the handle in *thread; the caller joins
+// it. Returns 0, or an error number, as pthread_create does, with 0 in *thread. Main thread only.
 inline int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument,
                                 size_t stack_size = kThreadStack) {
   const RunSignalsBlocked blocked;

@@ -44,7 +44,7 @@ int sock_listen_tcp(int port) {
 }
 
 int sock_wait_readable(int fd, int timeout_ms) {
-  if (fd < 0) {  // poll would wait in vain
+  if (fd < 0) {  // poll would ignore it and wait in vain
     errno = EBADF;
     return SOCK_ERR_SELECT;
   }

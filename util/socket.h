@@ -10,7 +10,7 @@ struct sockaddr_in;
 constexpr int SOCK_ERR_SOCKET = -20001;   // creating the socket failed
 constexpr int SOCK_ERR_SEND = -20003;     // sending failed; the connection is of no use any more
 constexpr int SOCK_ERR_ACCEPT = -20005;   // accepting a connection failed
-constexpr int SOCK_ERR_BIND = -20006;     // binding the address failed, or the port is none
+constexpr int SOCK_ERR_BIND = -20006;     // binding the address failed, or the port is out of range
 constexpr int SOCK_ERR_LISTEN = -20007;   // switching the socket to listening failed
 constexpr int SOCK_ERR_SELECT = -20008;   // waiting on the descriptor failed
 constexpr int SOCK_ERR_SOCKOPT = -20009;  // setting a socket option failed
@@ -26,17 +26,18 @@ uint32_t sock_now_ms();
 // Class of the calling thread's errno: -11 EAGAIN, -10 EINPROGRESS, -1 anything else.
 int sock_errno_class();
 
-// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, with SO_REUSEADDR and as long a
-// queue of waiting connections as the system allows: one that finds it full waits for a second. Returns the descriptor,
-// which the caller gives back with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with EINVAL.
+// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, with SO_REUSEADDR and the
+// longest backlog that the system allows: a client that finds it full tries again only after a second. Returns the
+// descriptor, which the caller closes with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with
+// EINVAL.
 int sock_listen_tcp(int port);
 
-// Waits at most timeout_ms (negative counts as 0) until `fd`, of whatever number, can be read. Returns 1 readable, 0
-// not in time, or SOCK_ERR_SELECT.
+// Waits at most timeout_ms (negative counts as 0) until `fd` can be read. Returns 1 readable, 0 timed out, or
+// SOCK_ERR_SELECT.
 int sock_wait_readable(int fd, int timeout_ms);
 
-// Takes a connection that arrives at listening socket `fd` within timeout_ms. Returns its descriptor, which the caller
-// gives back with sock_close, 0 when none came, or a code. `peer`, unless null, gets the other end's address.
+// Accepts a connection that arrives at listening socket `fd` within timeout_ms. Returns its descriptor, which the
+// caller closes with sock_close, 0 when none came, or a code. `peer`, unless null, receives the other end's address.
 int sock_accept(int fd, sockaddr_in* peer, int timeout_ms);
 
 // Sends `len` bytes, waiting at most timeout_ms in all for a peer that takes them slowly. Returns the number of bytes
@@ -45,7 +46,7 @@ int sock_accept(int fd, sockaddr_in* peer, int timeout_ms);
 int sock_send_all(int fd, const char* buf, int len, uint32_t timeout_ms);
 
 // Sends what the socket takes without waiting. Returns the number of bytes sent, 0 to `len`, or SOCK_ERR_SEND when none
-// were: a failure after some bytes is the next call's. A peer that is gone raises SIGPIPE as well.
+// were: the next call reports a failure that follows some bytes. A peer that is gone raises SIGPIPE as well.
 int sock_send_ready(int fd, const char* buf, int len);
 
 // Closes `fd`.

@@ -1,20 +1,20 @@
-// Text helpers: formatting, and the "name=value&name=value" lists that an event's info is made of.
+// Text helpers: formatting, and the "name=value&name=value" lists of which an event's info consists. Any thread.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-// printf into a string of at most 2047 characters; what is longer is cut there. Any thread.
+// printf into a string, which is cut after 2047 characters.
 std::string sstr(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Copies `text` into out[size] and ends it with a zero byte; what does not fit is cut. size must be at least 1.
+// Copies `text` into out[size], zero-terminated; what does not fit is cut. size must be at least 1.
 void copy_text(char* out, size_t size, const char* text);
 
 // Index of the first byte of `s` that equals the low 8 bits of `c`, or the length of `s`.
 int char_index(const char* s, int c);
 
-// Looks up an item of `text`, a list of items joined by "&". `key` is the field name with its "=" behind. The first
-// item that begins with the key decides. The rest of the item is copied into `out`, which must hold max + 1 bytes.
-// Returns the offset in `text` just past the item, -1 when no item matches, -2 when the value is longer than `max`;
-// on failure `out` is empty. Bytes are compared as they are: nothing is trimmed or decoded.
+// Looks up an item of `text`, a list of items joined by "&". `key` is the field name with "=" appended. The first item
+// that begins with the key counts; the rest of it is copied into `out`, which must hold max + 1 bytes. Returns the
+// offset in `text` just past the item, -1 when no item matches, -2 when the value is longer than `max`; on failure
+// `out` is empty. Bytes are compared as they are: nothing is trimmed or decoded.
 int query_field(const char* text, const char* key, char* out, int max);

@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 #include <cerrno>
-#include <cstring>
 
 #include "util/descriptor.h"
 #include "util/text.h"
@@ -14,26 +12,21 @@ namespace {
 
 using AddressCall = int (*)(int fd, const sockaddr* address, socklen_t size);
 
-int with_address(AddressCall call, int fd, const std::string& path) {
+int with_address(AddressCall call, int fd, std::string path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() < sizeof(address.sun_path)) {
-    copy_text(address.sun_path, sizeof(address.sun_path), path.c_str());
-    return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  }
+  Descriptor folder;
   const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
+  if (path.size() >= sizeof(address.sun_path) && slash != std::string::npos) {
+    folder.reset(open(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() < 0) return -1;
+    path = "/proc/self/fd/" + std::to_string(folder.get()) + path.substr(slash);
+  }
+  if (path.size() >= sizeof(address.sun_path)) {
     errno = ENAMETOOLONG;
     return -1;
   }
-  const Descriptor folder(open(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (folder.get() < 0) return -1;
-  const std::string short_path = sstr("/proc/self/fd/%d/%s", folder.get(), path.c_str() + slash + 1);
-  if (short_path.size() >= sizeof(address.sun_path)) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  copy_text(address.sun_path, sizeof(address.sun_path), short_path.c_str());
+  copy_text(address.sun_path, sizeof(address.sun_path), path.c_str());
   return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 

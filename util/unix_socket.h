@@ -1,5 +1,5 @@
-// Unix stream sockets at paths of any length. A socket address holds 107 bytes of path; a longer one is reached
-// through the folder's descriptor.
+// Unix stream sockets at paths of any length. A socket address holds 107 bytes of path; a socket with a longer path is
+// reached through a descriptor of its folder.
 #pragma once
 
 #include <string>

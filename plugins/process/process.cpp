@@ -3,11 +3,11 @@
 //   g++ -std=c++17 -O2 -fPIC -shared -pthread -Wl,-z,now $(pkg-config --cflags lua5.1) -o libeaprocess.so *.cpp
 //
 // It adds one global, proc_run(argv, timeout_s, func [, arg]), which starts a program and returns its number at once.
-// When the program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler that
-// stands in es_proc_done.list_func calls func(arg, status, output).
+// When the program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler in
+// es_proc_done.list_func calls func(arg, status, output).
 //
-// A Lua error is a long jump, and nearly every Lua function can raise one: no destructor would run in the frames that
-// it crosses. So this file keeps to plain values, Lua's own memory and the Lua stack. Everything else lives behind
+// A Lua error is a long jump, and nearly every Lua function can raise one: no destructor runs in the frames that it
+// crosses. So this file uses plain values, Lua's own memory and the Lua stack only. Everything else is behind
 // program_runner.h, whose functions never call Lua and never throw.
 
 #include <zelvind/plugin.h>
@@ -22,7 +22,7 @@ namespace {
 
 // Their addresses are keys in Lua's registry.
 char g_callbacks_key;  // table: number of a program -> { func, arg }
-char g_guard_key;      // userdata whose finalizer ends the programs with the Lua state, however that comes to its end
+char g_guard_key;      // userdata whose finalizer ends the programs when the Lua state is closed, on whatever path
 
 int proc_done(lua_State* L);
 
@@ -31,8 +31,8 @@ void push_registered(lua_State* L, char* key) {
   lua_rawget(L, LUA_REGISTRYINDEX);
 }
 
-// Pushes the table `table`[name], made if it is missing; `table` is an absolute index. Raw access, so that a strict table
-// of globals does not object. Raises an error when the value is not a table.
+// Pushes the table `table`[name], which it makes when it is missing; `table` is an absolute index. Uses raw access, so
+// that a strict table of globals does not object. Raises an error when the value is not a table.
 void push_table_field(lua_State* L, int table, const char* name) {
   lua_pushstring(L, name);
   lua_rawget(L, table);
@@ -45,8 +45,8 @@ void push_table_field(lua_State* L, int table, const char* name) {
   lua_rawset(L, table);
 }
 
-// Makes sure that our handler is among those of "proc_done": a script may have replaced the table, and the events of
-// programs that have ended since then reached nobody.
+// Makes sure that our handler is among those of "proc_done": a script may have replaced the table, and then the events
+// of the programs that have ended since have reached nobody.
 void ensure_handler(lua_State* L) {
   const int top = lua_gettop(L);
   push_table_field(L, LUA_GLOBALSINDEX, "es_proc_done");
@@ -74,20 +74,23 @@ void ensure_handler(lua_State* L) {
   lua_settop(L, top);
 }
 
-// Makes an argument vector of the list at index 1, in memory of Lua's. It and a table that holds its texts are left on
-// the stack, where they must stay while the vector is used.
+// Makes an argument vector of the list at index 1, in Lua's memory. The vector and a table of its texts are left on the
+// stack, where they must stay while the vector is used.
 const char* const* push_argv(lua_State* L) {
   const int count = static_cast<int>(lua_objlen(L, 1));
   luaL_argcheck(L, count > 0, 1, "a list with the program and its arguments expected");
   lua_createtable(L, count, 0);
   const int texts = lua_gettop(L);
-  const auto argv = static_cast<const char**>(lua_newuserdata(L, (static_cast<size_t>(count) + 1) * sizeof(char*)));
+  auto* const argv = static_cast<const char**>(lua_newuserdata(L, (static_cast<size_t>(count) + 1) * sizeof(char*)));
   for (int i = 0; i < count; ++i) {
     lua_rawgeti(L, 1, i + 1);
     size_t size = 0;
     argv[i] = lua_tolstring(L, -1, &size);
-    if (argv[i] == nullptr) luaL_error(L, "argument %d of the program is a %s", i, luaL_typename(L, -1));
-    if (strlen(argv[i]) != size) luaL_error(L, "argument %d of the program holds a zero byte", i);
+    if (argv[i] == nullptr) {
+      luaL_error(L, "argument %d of the program is a %s", i, luaL_typename(L, -1));
+    } else if (strlen(argv[i]) != size) {
+      luaL_error(L, "argument %d of the program holds a zero byte", i);
+    }
     lua_rawseti(L, texts, i + 1);
   }
   argv[count] = nullptr;
@@ -106,7 +109,7 @@ int proc_run(lua_State* L) {
   const char* const* const argv = push_argv(L);
   const int id = program_runner::next_id();
 
-  // What can raise comes before the program is handed over.
+  // All that can raise comes before the program is handed over.
   push_registered(L, &g_callbacks_key);
   lua_createtable(L, 2, 0);
   lua_pushvalue(L, 3);
@@ -124,14 +127,14 @@ int proc_run(lua_State* L) {
   return 1;
 }
 
-// The handler of "proc_done". Anybody can post such an event: a number without a finished program is ignored.
+// The handler of "proc_done". Anybody can post such an event: a number that no finished program has is ignored.
 int proc_done(lua_State* L) {
   lua_settop(L, 0);
   lua_getglobal(L, "evt_field_int");
   lua_pushliteral(L, "id");
   lua_call(L, 1, 1);
   const int id = static_cast<int>(lua_tointeger(L, 1));
-  program_runner::Result result;
+  program_runner::Result result{};
   if (!program_runner::find_result(id, &result)) return 0;
   push_registered(L, &g_callbacks_key);
   lua_rawgeti(L, 2, id);
@@ -171,11 +174,12 @@ int eaction_init(lua_State* L) {
   lua_register(L, "proc_run", proc_run);
   ensure_handler(L);
   if (program_runner::start()) return 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known error numbers are constants
   elog(1, "process: failed to start - %s", strerror(errno));
   return -1;
 }
 
-// The programs end with the Lua state, so before this; but after an eaction_init that failed the state lives on.
+// The programs end with the Lua state, which is before this; but after a failed eaction_init the state lives on.
 void eaction_cleanup() {
   program_runner::stop();
 }

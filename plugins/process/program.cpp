@@ -12,8 +12,6 @@
 #include <cstring>
 #include <ctime>
 
-extern char** environ;
-
 int64_t steady_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -48,12 +46,13 @@ Program::~Program() {
 }
 
 bool Program::fail(int error) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known error numbers are constants
   output = arguments[0] + ": " + strerror(error);
   return false;
 }
 
-// Standard input from /dev/null, both outputs to the pipe, nothing else open, a process group of its own, no signal
-// blocked or ignored. Returns an error number.
+// Standard input is /dev/null, both outputs are the pipe, nothing else is open; the process has a group of its own,
+// with no signal blocked or ignored. Returns an error number.
 int Program::spawn(int output_for_program) {
   std::vector<char*> argv;
   for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -103,9 +102,9 @@ bool Program::start() {
 }
 
 // On the waiter's thread.
-void* Program::wait_for_end(void* argument) {
-  Program& program = *static_cast<Program*>(argument);
-  siginfo_t info;
+void* Program::wait_for_end(void* instance) {
+  Program& program = *static_cast<Program*>(instance);
+  siginfo_t info{};
   int result = 0;
   do {
     result = waitid(P_PID, static_cast<id_t>(program.pid), &info, WEXITED | WNOWAIT);
@@ -127,7 +126,7 @@ void Program::read_output() {
   }
 }
 
-void Program::kill_group() {
+void Program::kill_group() const {
   kill(-pid, SIGKILL);
 }
 
@@ -150,7 +149,7 @@ void Program::reap() {
     kill_group();
     status_lost = waitpid(pid, &result, 0) != pid;
   }
-  // One more piece and no wait for the pipe's end: somebody who left the process group may hold it open and go on
+  // Read one more piece, not to the pipe's end: a process that has left the group may hold the pipe open and go on
   // writing.
   if (output_end >= 0) read_output();
   if (output_end >= 0) close(output_end);

@@ -1,10 +1,9 @@
 // One program that a script asked for: its process group, what it writes, and its time.
 //
-// Belongs to one thread at a time: whoever asks for it makes it, the runner's thread works with it, and its result is
-// read when that thread has given it away. The end of the process is waited for by a small thread of its own. That
-// works on every kernel (descriptors of processes need Linux 5.3), and it only looks: the process is reaped later, by
-// the runner's thread. Until then the numbers of the process and of its group cannot be given to another one, and
-// killing them is safe.
+// Belongs to one thread at a time: the one that asks for it makes it, the runner's thread works with it, and its result
+// is read when that thread has handed it over. A small thread of its own waits for the end of the process, which works
+// on every kernel (process descriptors need Linux 5.3). That thread does not reap: the runner's thread does, later.
+// Until then no other process or group can have the same number, so killing by number is safe.
 #pragma once
 
 #include <pthread.h>
@@ -18,18 +17,20 @@
 
 constexpr size_t kOutputMax = 4096;    // bytes kept of what a program writes; the rest is read and dropped
 constexpr int kGraceMs = 1000;         // from SIGTERM to SIGKILL when a program's time is over
-constexpr int kStatusNotStarted = -1;  // also when somebody else in the process took the status
+constexpr int kStatusNotStarted = -1;  // also when other code in the daemon has taken the status
 constexpr int kStatusTimedOut = -2;
-constexpr int kStatusSignal = 256;  // and the signal's number added; below it, the program's exit status
+constexpr int kStatusSignal = 256;  // plus the number of the signal; a smaller status is the program's exit status
 
-// Milliseconds of a clock that nobody sets.
+// Milliseconds of the monotonic clock. Any thread.
 int64_t steady_ms();
 
-// Starts a thread with all signals blocked: the daemon's signals belong to its main thread. Returns an error number.
+// Starts a thread with all signals blocked: the daemon's signals belong to its main thread. The caller joins *thread.
+// Returns 0, or an error number.
 int start_thread(pthread_t* thread, void* (*body)(void*), void* argument);
 
-// Moves a descriptor to a number above 2, where scripts print to nothing of ours. Returns it, or -1 with errno set.
-// The daemon and the uevent plug-in have the same few lines: a plug-in builds alone.
+// Moves a descriptor off the numbers of the standard streams, so that what scripts print does not go into it. Returns
+// its number, or -1 with errno set; `fd` is closed then. The daemon and the uevent plug-in repeat these few lines: a
+// plug-in uses nothing of the daemon but its header.
 int above_standard_streams(int fd);
 
 class Program {
@@ -38,30 +39,31 @@ class Program {
   Program(int id, const char* const* argv, int timeout_ms, int wake_fd);
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
-  // A program that was started must have been reaped.
+  // A program that has been started must have been reaped.
   ~Program();
 
-  // Returns false when it could not be started: then the status is kStatusNotStarted and the output says why.
+  // Returns false when it cannot be started: then the status is kStatusNotStarted and the output says why.
   bool start();
   // True when the program has ended and reap will not wait.
   bool has_ended() const { return ended; }
   // Reads a piece of what has been written, without waiting.
   void read_output();
-  // Asks the whole process group to end when its time is over, and kills it when it does not.
+  // Sends SIGTERM to the whole process group when its time is over at `now` (steady_ms), and SIGKILL kGraceMs later.
   void enforce_time(int64_t now);
-  void kill_group();
-  // Waits for the end, kills what the program left behind in its process group, and sets the status.
+  // Kills the whole process group.
+  void kill_group() const;
+  // Waits for the end, kills what the program has left in its process group, and sets the status.
   void reap();
 
-  int output_fd() const { return output_end; }  // -1 when there is nothing to wait for
-  int64_t next_look() const { return deadline; }
+  int output_fd() const { return output_end; }    // -1 when there is nothing to wait for
+  int64_t next_look() const { return deadline; }  // steady_ms: when enforce_time has something to do
 
   const int id;
   int status = kStatusNotStarted;
   std::string output;
 
  private:
-  static void* wait_for_end(void* program);
+  static void* wait_for_end(void* instance);
   int spawn(int output_for_program);
   bool fail(int error);
 
@@ -73,6 +75,6 @@ class Program {
   bool timed_out = false;
   pid_t pid = 0;
   pthread_t waiter{};
-  bool status_lost = false;  // set by the waiter, read after it was joined
+  bool status_lost = false;  // set by the waiter, read after the join
   std::atomic<bool> ended{false};
 };

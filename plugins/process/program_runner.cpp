@@ -23,8 +23,8 @@
 namespace program_runner {
 namespace {
 
-constexpr int kRetryMs = 100;   // for an event that found the queue full
-constexpr int kAgainMs = 1000;  // from one time that all results are posted again to the next
+constexpr int kRetryMs = 100;   // until an event that found the queue full is posted again
+constexpr int kAgainMs = 1000;  // at least, between two times that the events of all results are posted again
 
 using ProgramPtr = std::unique_ptr<Program>;
 using Lock = std::lock_guard<std::mutex>;
@@ -43,8 +43,8 @@ struct Runner {
 
   std::mutex mutex;
   bool stopping = false;               // under mutex
-  bool again_wanted = false;           // under mutex: all that is finished is to be posted again
-  std::set<int> in_hand;               // under mutex: wanted, running or finished
+  bool again_wanted = false;           // under mutex: the events of all in `finished` are to be posted again
+  std::set<int> in_hand;               // under mutex: the ids of the wanted, running and finished ones
   std::vector<ProgramPtr> wanted;      // under mutex: not started yet
   std::map<int, ProgramPtr> finished;  // under mutex: until their result is dropped
 
@@ -54,8 +54,8 @@ struct Runner {
   int64_t again_not_before = 0;               // steady_ms
 };
 
-// A plain pointer: a static object with a destructor would be destroyed under the threads when the process ends without
-// a clean-up.
+// A plain pointer: a static object with a destructor would be destroyed while the threads run when the process ends
+// without a clean-up.
 Runner* g_runner = nullptr;
 
 void finish(Runner& runner, ProgramPtr program) {
@@ -92,7 +92,7 @@ void finish_ended(Runner& runner) {
   runner.running.erase(ended, runner.running.end());
 }
 
-// An event that was still on its way comes twice then; the second one finds no result and is passed over.
+// An event that was still on its way then comes twice; the second one finds no result and is ignored.
 void unpost_finished(Runner& runner, int64_t now) {
   const Lock lock(runner.mutex);
   if (!runner.again_wanted || now < runner.again_not_before) return;
@@ -102,7 +102,7 @@ void unpost_finished(Runner& runner, int64_t now) {
   runner.again_not_before = now + kAgainMs;
 }
 
-// What a full queue refuses is tried again later; a closed one has nobody behind it any more.
+// What a full queue refuses is posted again later; nobody reads a closed one any more.
 void post_finished(Runner& runner) {
   while (!runner.unposted.empty()) {
     char info[64];

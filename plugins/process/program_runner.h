@@ -1,8 +1,8 @@
 // Runs programs for the scripts: one thread starts them, collects what they write, ends them when their time is over,
 // and posts the event "proc_done" for each.
 //
-// Nothing here knows Lua and nothing here throws: the functions are called from frames that a Lua error can cross, and
-// all objects with destructors stay on this side.
+// Nothing here uses Lua, and nothing throws: the functions are called from frames that a Lua error can cross, and all
+// objects with destructors stay on this side.
 #pragma once
 
 #include <cstddef>
@@ -10,14 +10,14 @@
 namespace program_runner {
 
 constexpr int kEventType = 7002;  // of "proc_done"
-constexpr int kProgramsMax = 64;  // running, or ended and their result not dropped yet
+constexpr int kProgramsMax = 64;  // running, or ended with a result that has not been dropped
 constexpr int kTimeoutMaxS = 86400;
 
-// Starts the thread. Main thread. Returns false when there are no resources, with errno set.
+// Starts the thread. Main thread. Returns false, with errno set, when resources are short.
 bool start() noexcept;
 
 // Kills what still runs, ends the threads and forgets all results. Does nothing when nothing was started. Main thread,
-// while no other thread calls in here.
+// while no other thread calls these functions.
 void stop() noexcept;
 
 // The rest is called by one thread at a time, the one that has the Lua state.
@@ -25,24 +25,25 @@ void stop() noexcept;
 // A new number above 0, different from those of all programs whose results have not been dropped.
 int next_id() noexcept;
 
-// Has the program argv[0] (a path, or a name to look up in PATH) started with the arguments argv, which a null pointer
-// ends; they are copied. Returns null, or the reason why it is refused: a literal. When there are too many, the events
-// of all finished programs are posted again, so that their places come back even if the first events were missed.
+// Asks for program argv[0] (a path, or a name to look up in PATH) to be started with the arguments argv, which end with
+// a null pointer and are copied, and to be ended after timeout_ms. Returns null, or the reason why it is refused, a
+// literal. When there are too many programs, the events of all finished ones are posted again, so that their places
+// come back even if the first events were missed.
 const char* run(int id, const char* const* argv, int timeout_ms) noexcept;
 
 struct Result {
   int status;          // the program's exit status, or one of the others in program.h
-  const char* output;  // the first bytes that it wrote, or why it was not started; valid until the result is dropped
+  const char* output;  // the first bytes of its output, or why it was not started; valid until the result is dropped
   size_t output_size;
 };
 
-// Gives the result of a program that has ended. Returns false when there is none of that number.
+// Stores the result of a program that has ended in *result. Returns false when no such program has that number.
 bool find_result(int id, Result* result) noexcept;
 
-// Posts the event of every result once more, at most once a second: for results whose event was missed.
+// Posts the events of all results once more, at most once a second: for those whose event was missed.
 void post_again() noexcept;
 
-// Forgets a result; its place is free for another program.
+// Forgets a result; its place is then free for another program.
 void drop_result(int id) noexcept;
 
 }  // namespace program_runner

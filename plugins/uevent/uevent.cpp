@@ -1,4 +1,4 @@
-// libesuevent.so: what the kernel says about its devices, as events.
+// libesuevent.so: the kernel's messages about its devices, as events.
 //
 //   g++ -std=c++17 -O2 -fPIC -shared -pthread -Wl,-z,now -o libesuevent.so uevent.cpp -ludev
 //
@@ -6,7 +6,7 @@
 //
 //   action=add&subsystem=block&devpath=/devices/...&name=sda1&devtype=partition&devname=/dev/sda1&major=8&minor=1&...
 //
-// The first four fields are always there; of the others those that the kernel gave. In values, "%", "&" and control
+// The first four fields are always there, the others when the kernel sends them. In values, "%", "&" and control
 // characters are written as "%" and two hexadecimal digits.
 //
 // One thread does everything between init and cleanup, so nothing here is locked.
@@ -31,7 +31,7 @@ namespace {
 
 constexpr int kEventType = 7001;
 constexpr int kRetryMs = 100;
-constexpr int kReceiveBytes = 4 * 1024 * 1024;  // what the kernel holds for us while the daemon's queue is full
+constexpr int kReceiveBytes = 4 * 1024 * 1024;  // what the kernel buffers while the daemon's queue is full
 
 struct Property {
   const char* field;
@@ -43,8 +43,8 @@ constexpr Property kProperties[] = {
     {"driver", "DRIVER"},   {"interface", "INTERFACE"}, {"seqnum", "SEQNUM"},
 };
 
-// Set by esource_init before the thread starts, taken down by esource_cleanup after it has ended. Plain variables: a
-// static object with a destructor would be destroyed under the thread when the process ends without a clean-up.
+// Set by esource_init before the thread starts, released by esource_cleanup after it has ended. Plain variables: a
+// static object with a destructor would be destroyed while the thread runs when the process ends without a clean-up.
 udev* g_udev = nullptr;
 udev_monitor* g_monitor = nullptr;
 int g_stop = -1;  // readable when the thread is to end
@@ -54,7 +54,7 @@ bool g_thread_started = false;
 void append_value(std::string& info, const char* value) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   for (; *value != '\0'; ++value) {
-    const unsigned char byte = static_cast<unsigned char>(*value);
+    const auto byte = static_cast<unsigned char>(*value);
     if (byte < 0x20 || byte == 0x7f || byte == '%' || byte == '&') {
       info += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
     } else {
@@ -83,7 +83,8 @@ std::string event_info(udev_device* device) {
   return info;
 }
 
-// Sleeps until the thread is to end, the monitor has something or the time is over. Returns false when it is to end.
+// Sleeps until the thread is to end, a message has come (with `monitor_too`) or timeout_ms is over (negative: no
+// limit). Returns false when the thread is to end.
 bool wait_for(bool monitor_too, int timeout_ms) {
   pollfd fds[2] = {{g_stop, POLLIN, 0}, {monitor_too ? udev_monitor_get_fd(g_monitor) : -1, POLLIN, 0}};
   while (poll(fds, 2, timeout_ms) < 0 && errno == EINTR) {
@@ -91,7 +92,7 @@ bool wait_for(bool monitor_too, int timeout_ms) {
   return fds[0].revents == 0;
 }
 
-// A full queue is waited out: meanwhile the kernel holds what comes.
+// Waits while the queue is full: the kernel buffers what comes meanwhile. Returns false when the thread is to end.
 bool post(const std::string& info) {
   while (event_post(kEventType, "uevent", info.c_str()) == -2) {
     if (!wait_for(false, kRetryMs)) return false;
@@ -99,7 +100,7 @@ bool post(const std::string& info) {
   return true;
 }
 
-// The kernel says that it had to drop events, but not how many. At most a line a second.
+// The kernel reports that it has dropped events, but not how many. At most one line a second.
 void log_loss() {
   static time_t last = -1;
   timespec now{};
@@ -132,8 +133,8 @@ void* thread_main(void*) {
   return nullptr;
 }
 
-// A descriptor that stands where a standard stream belongs would get what scripts print. The daemon and the process
-// plug-in have the same few lines: a plug-in builds alone, with nothing of the daemon but its header.
+// Moves a descriptor off the numbers of the standard streams, so that what scripts print does not go into it. The
+// daemon and the process plug-in repeat these few lines: a plug-in uses nothing of the daemon but its header.
 int above_standard_streams(int fd) {
   if (fd < 0 || fd > 2) return fd;
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
@@ -141,7 +142,7 @@ int above_standard_streams(int fd) {
   return moved;
 }
 
-// The daemon's signals belong to its main thread.
+// With all signals blocked: the daemon's belong to its main thread. Returns false with errno set.
 bool start_thread() {
   sigset_t all;
   sigset_t before;
@@ -153,8 +154,8 @@ bool start_thread() {
   return g_thread_started;
 }
 
-// libudev opens the monitor's socket itself: with the numbers of the standard streams taken meanwhile, it lands above
-// them also in a daemon that was started without the streams.
+// libudev opens the monitor's socket itself. In a daemon that was started without standard streams, their numbers are
+// occupied meanwhile, so that the socket gets a higher one.
 udev_monitor* new_monitor() {
   int held[3];
   int count = 0;
@@ -171,7 +172,7 @@ udev_monitor* new_monitor() {
   return monitor;
 }
 
-// The kernel's own messages: they come on devices without a udev daemon too.
+// Listens to the kernel's own messages, which also come on devices without a udev daemon. Returns false on failure.
 bool start_monitor() {
   g_udev = udev_new();
   if (g_udev == nullptr) return false;
@@ -190,6 +191,7 @@ int esource_init() {
   }
   g_stop = above_standard_streams(eventfd(0, EFD_CLOEXEC));
   if (g_stop >= 0 && start_monitor() && start_thread()) return 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known error numbers are constants
   elog(1, "uevent: failed to listen to the kernel - %s", strerror(errno));
   return -1;
 }
@@ -197,6 +199,7 @@ int esource_init() {
 void esource_cleanup() {
   if (g_thread_started) {
     const uint64_t one = 1;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known error numbers are constants
     if (write(g_stop, &one, sizeof(one)) < 0) elog(1, "uevent: failed to end the thread - %s", strerror(errno));
     pthread_join(g_thread, nullptr);
   }
