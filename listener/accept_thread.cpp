@@ -51,7 +51,8 @@ void ManagerListener::listen_again() {
   if (open_port()) {
     elog(1, "mlistener: port %d is open now", port);
   } else if (--tries_left == 0) {
-    elog(1, "mlistener: port %d is still in use: no client can connect until a restart", port);
+    elog(1, "mlistener: port %d cannot be opened (%s): no client can connect until a restart", port,
+         strerrordesc_np(errno));
   }
 }
 

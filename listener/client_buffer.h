@@ -80,11 +80,14 @@ class ClientBuffer {
   // Drops everything.
   void clear() { start = end = 0; }
 
-  // Gives the memory of an empty buffer back, unless it is small.
+  // Gives memory back when little is held, but for a little. Throws std::bad_alloc.
   void tidy() {
-    if (!empty() || storage.size() <= kKept) return;
-    memory.replace(storage.size(), 0);
-    std::vector<char>().swap(storage);
+    if (size() > kKept || storage.size() <= 2 * kKept) return;
+    std::vector<char> smaller(data(), data() + size());
+    memory.replace(storage.size(), smaller.size());
+    storage.swap(smaller);
+    end -= start;
+    start = 0;
   }
 
  private:
@@ -93,17 +96,30 @@ class ClientBuffer {
 
   bool make_room(size_t more) {
     const size_t wanted = size() + more;
-    if (wanted > storage.size()) {
-      size_t capacity = std::max(wanted, 2 * storage.size());
-      if (wanted <= kUsual) capacity = std::min(capacity, kUsual);
-      // An odd number of lines: otherwise the buffers of many clients, which fill up alike, compete for a few sets of
-      // the caches.
-      std::vector<char> larger(((capacity + kLine - 1) / kLine | 1) * kLine);
-      if (!memory.resize(storage.size(), larger.size())) return false;
+    if (wanted <= storage.size()) {
+      std::copy_n(data(), size(), storage.data());  // towards the front
+      end -= start;
+      start = 0;
+      return true;
+    }
+    size_t ample = std::max(wanted, 2 * storage.size());
+    if (wanted <= kUsual) ample = std::min(ample, kUsual);
+    return grow(in_lines(ample)) || grow(wanted);
+  }
+
+  // An odd number of lines: otherwise the buffers of many clients, which fill up alike, compete for a few sets of the
+  // caches.
+  static constexpr size_t in_lines(size_t bytes) { return ((bytes + kLine - 1) / kLine | 1) * kLine; }
+
+  bool grow(size_t capacity) {
+    if (!memory.resize(storage.size(), capacity)) return false;
+    try {
+      std::vector<char> larger(capacity);
       std::copy_n(data(), size(), larger.data());
       storage.swap(larger);
-    } else {
-      std::copy_n(data(), size(), storage.data());  // towards the front
+    } catch (...) {
+      memory.replace(capacity, storage.size());
+      throw;
     }
     end -= start;
     start = 0;

@@ -62,7 +62,7 @@ bool ManagerListener::add_to_block(const EventPacket& packet) {
   if (block->size() + packet.size() > PacketBlock::kMax && block->is_held()) {
     send_gathered();
     if (block->is_held()) {
-      auto* const next = new PacketBlock(memory);
+      auto* const next = new PacketBlock(block_memory);
       block->leave();
       block = next;
     }

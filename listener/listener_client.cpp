@@ -31,6 +31,8 @@ void ListenerClient::close() {
 }
 
 void ListenerClient::set_type_string(std::optional<std::string> text) {
-  memory.replace(type_string ? type_string->capacity() : 0, text ? text->capacity() : 0);
+  const size_t before = type_string ? type_string->capacity() : 0;
+  type_string.reset();  // first: a string that takes over a short one keeps its own memory, however much that is
   type_string = std::move(text);
+  memory.replace(before, type_string ? type_string->capacity() : 0);
 }

@@ -54,7 +54,7 @@ ManagerListener::ManagerListener(SettingsFile&& file)
     : port(file.number(settings::listener_port)),
       longest_wait(file.number(settings::listener_wait_ms)),
       memory(static_cast<size_t>(file.number(settings::listener_memory)) * 1024),
-      block(new PacketBlock(memory)),
+      block(new PacketBlock(block_memory)),
       strangers_wait(longest_wait),
       known_wait(longest_wait) {
   // Room for all clients that there can be: moving a record from list to list never fails.

@@ -104,6 +104,7 @@ class ManagerListener {
   const int port;
   const std::chrono::milliseconds longest_wait;
   ClientMemory memory;
+  ClientMemory block_memory{PacketBlock::kMemory};
 
   Mutex mutex;
   ClientList clients GUARDED_BY(mutex);       // in the order in which they were accepted

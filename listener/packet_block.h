@@ -15,6 +15,10 @@ class PacketBlock {
  public:
   static constexpr size_t kMax = size_t{256} * 1024;  // bytes, unless a single packet is larger
 
+  // What blocks may take beside what clients hold: one that is filled, and a few that clients without memory still have
+  // ranges of. An account of their own, so that nobody who holds the clients' memory keeps others from their events.
+  static constexpr size_t kMemory = 8 * kMax;
+
   // `memory` must outlive it. Belongs to all that share it: the listener, which makes it, and the ranges. The last one
   // that leaves deletes it.
   explicit PacketBlock(ClientMemory& memory) : bytes(memory) {}
@@ -37,7 +41,7 @@ class PacketBlock {
   // As clear; gives the memory back as well.
   void tidy() {
     clear();
-    bytes.tidy();
+    if (!is_held()) bytes.tidy();
   }
 
   void share() { ++sharers; }

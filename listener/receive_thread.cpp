@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kTickMs = 50;
 constexpr int kPassesSaved = 20;    // passes in a row after a silence
-constexpr int kGapLineMs = 1000;    // before a "reads again" line over the limit is tried again
+constexpr int kRetryMs = 1000;      // before a "reads again" line over the limit, or memory refused, is tried again
 constexpr size_t kPieceSize = 512;  // bytes read from a client in a pass
 
 }  // namespace
@@ -98,30 +98,34 @@ int ManagerListener::prepare(PollSet& set) {
   set.add(stop_event.get(), POLLIN);
   set.add(receive_event.get(), POLLIN);
   bool needs_tick = burst_ticks > 0;
-  bool has_gap = false;
+  bool needs_retry = false;
   for (const auto& client : clients) {
-    const bool was_read = client->read_tick == set.tick;
-    needs_tick = needs_tick || was_read;
+    const int64_t ticks = set.tick - client->read_tick;
+    const bool was_read = client->is_held_off ? ticks * kTickMs < kRetryMs : ticks == 0;
+    needs_retry = needs_retry || client->is_held_off;
+    needs_tick = needs_tick || (was_read && !client->is_held_off);
     int events = was_read ? 0 : POLLIN;
     if (client->is_held_off) events |= POLLRDHUP;  // the end would be found behind what is not read
     if (client->output.owes()) events |= POLLOUT;
-    has_gap = has_gap || client->output.gap_over();
+    needs_retry = needs_retry || client->output.gap_over();
     set.add(client->fd, events);
     set.records.push_back(client.get());
   }
   if (needs_tick) return static_cast<int>(std::max<int64_t>((set.tick + 1) * kTickMs - steady_ms(), 0));
-  return has_gap ? kGapLineMs : -1;
+  return needs_retry ? kRetryMs : -1;
 }
 
 // Returns false when the peer has closed its end.
 bool ManagerListener::receive(ListenerClient& client, int fd, int64_t tick) {
   client.read_tick = tick;
   // Room for the whole packet or none: many half packets would leave no memory to complete any of them.
-  client.is_held_off = !client.recv_buf.reserve(client.awaited + kPieceSize);
+  size_t room = kPieceSize;
+  if (!client.recv_buf.reserve(client.awaited + room)) room = std::min(room, client.awaited);
+  client.is_held_off = room == 0 || !client.recv_buf.reserve(client.awaited);
   if (client.is_held_off) return true;
   char piece[kPieceSize];
   // Without a wait, although poll has reported bytes: this thread must not block, should they be gone again.
-  const ssize_t size = recv(fd, piece, sizeof(piece), MSG_DONTWAIT);
+  const ssize_t size = recv(fd, piece, room, MSG_DONTWAIT);
   if (size <= 0) return size < 0;
   client.recv_buf.append(piece, static_cast<size_t>(size));
   take_packets(client);

@@ -390,7 +390,11 @@ TEST_F(Listener, MemoryRunsOut) {
   EventClient greedy(port);
   greedy.send_bytes(integer(65000) + std::string(2000, 'g'));  // there is no room for all of it
   const auto client = subscribed("door");
-  forward("door", std::string(60000, '.'));
+  forward("door", std::string(60000, '.'));  // who reads needs none of the memory that others hold
+  EXPECT_EQ(client->read_info().size(), 60000u);
+  client->send_bytes(subscription("door," + std::string(9, 'x')));
+  EXPECT_TRUE(standin::wait_for_line("set as [door,xxxxxxxxx]"));
+  forward("door", std::string(3 << 20, '.'));
   forward("door", "small enough");
   EXPECT_EQ(client->read_info(), "small enough");
   EXPECT_TRUE(standin::wait_for_line("reads again, 1 events skipped"));

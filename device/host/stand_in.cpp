@@ -37,7 +37,6 @@ void StandIn::run() {
   uint32_t seen = looks.count();
   uint32_t traffic = inbox.traffic();
   Work work = Work::nothing;
-  int pause_ms = kTickMs;
   int silent_ms = kSilenceMs;
   while (!is_stopping) {
     if (silent_ms >= kSilenceMs && work != Work::held_up) {
@@ -49,10 +48,8 @@ void StandIn::run() {
     seen = now;
     const uint32_t traffic_before = traffic;
     traffic = inbox.traffic();
-    const bool is_silent = traffic == traffic_before;
-    pause_ms = is_silent && work == Work::held_up ? std::min(2 * pause_ms, kLongestPauseMs) : kTickMs;
-    silent_ms = is_silent ? silent_ms + pause_ms : 0;
-    pause(pause_ms);
+    silent_ms = traffic == traffic_before ? silent_ms + kTickMs : 0;
+    pause(kTickMs);
   }
 }
 

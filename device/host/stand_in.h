@@ -20,7 +20,6 @@
 
 constexpr int kTickMs = 4;
 constexpr int kSilenceMs = 100;
-constexpr int kLongestPauseMs = 500;  // between checks for room, while the inbox is full and the loop takes nothing
 
 // Tells whether the loop looks for events right now, and how often it has.
 class LoopLooks {
