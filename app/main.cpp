@@ -32,7 +32,7 @@ std::string parse_options(int argc, char** argv) {
   };
   std::string pid_file;
   for (int letter = 0; letter != -1;) {
-    letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);  // NOLINT(concurrency-mt-unsafe): the only thread
+    letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);  // NOLINT(concurrency-mt-unsafe): no other thread runs
     if (letter != 'p') continue;
     printf("pid file indicated : %s\n", optarg);
     pid_file = optarg;
@@ -47,7 +47,7 @@ void detach() {
   fflush(stdout);  // or both processes would write what is still buffered
   const pid_t child = fork();
   if (child < 0) fprintf(stderr, "Failed to fork current process\n");
-  if (child != 0) exit(0);  // NOLINT(concurrency-mt-unsafe): the only thread
+  if (child != 0) exit(0);  // NOLINT(concurrency-mt-unsafe): no other thread runs
 }
 
 // A shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
@@ -92,11 +92,11 @@ int run_to_end() {
 int main(int argc, char** argv) {
   // By default every thread gets a heap of its own: what one thread has freed neither serves the others nor goes back
   // to the system. Our threads rarely allocate at the same time, so one heap serves all of them.
-  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): no other thread runs
   const std::string pid_file = parse_options(argc, argv);
   block_signals();
   detach();
-  if (chdir("/") != 0) perror("zelvind: chdir");  // NOLINT(concurrency-mt-unsafe): the only thread
+  if (chdir("/") != 0) perror("zelvind: chdir");  // NOLINT(concurrency-mt-unsafe): no other thread runs
   write_pid_file(setsid(), pid_file);
   install_signals();
   return run_to_end();

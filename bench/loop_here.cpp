@@ -8,8 +8,8 @@
 #include "bench/figures.h"
 #include "device/event_queue.h"
 #include "device/event_source.h"
-#include "script/clua.h"
 #include "script/event_loop.h"
+#include "util/lua_binding.h"
 #include "util/text.h"
 
 LoopHere::LoopHere(const std::string& lua) {

@@ -1,7 +1,7 @@
-// How the daemon tells its state to whoever supervises it. Declared weak: with a device's own libraries the address may
-// be null, and the daemon tells nobody.
+// How the daemon reports its state to its supervisor. Declared weak: with a device's own libraries the address may be
+// null, and the daemon reports nothing.
 //
-// The embedded default (device/host/service.cpp) tells a service manager that asks for it with NOTIFY_SOCKET and
+// The embedded default (device/host/service.cpp) notifies a service manager that asks for it with NOTIFY_SOCKET and
 // WATCHDOG_USEC, and keeps the state in a file for `zelvctl reload`; both are described in docs/operations.md.
 #pragma once
 

@@ -7,8 +7,8 @@
  *   libeaNAME.so   eAction   adds functions for scripts: eaction_init, eaction_cleanup and optionally
  *                            eaction_prepare_cleanup
  *
- * For C11 and C++17. This header includes nothing, and only names lua_State: an eAction plug-in includes Lua 5.1's own
- * headers besides. docs/plugins.md describes the whole life of a plug-in and how to build one.
+ * For C11 and C++17. This header includes nothing, and only names lua_State: an eAction plug-in also includes Lua 5.1's
+ * own headers. docs/plugins.md describes the whole life of a plug-in and how to build one.
  *
  * Link with -Wl,-z,now. The daemon opens plug-ins lazily: without it, the first call of a function that nothing defines
  * ends the daemon; with it, such a plug-in is refused and the log says why. */

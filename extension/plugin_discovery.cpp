@@ -86,7 +86,7 @@ std::string output_of(const std::string& command) {
   return output;
 }
 
-// For a matching directory the listing has its name with a ":", its contents and empty lines besides.
+// For a matching directory the listing also has its name with a ":", its contents and empty lines.
 Names plugin_names(const std::string& listing, const std::string& start) {
   Names names;
   size_t begin = 0;

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "device/log.h"
-#include "script/clua.h"
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
 #include "util/text.h"
@@ -22,7 +21,7 @@ constexpr int kValueMax = 1024;  // bytes; a longer value counts as not found
 
 using FieldValue = char[kValueMax + 1];
 
-const event_item& event_at_hand() {
+const event_item& dispatched_event() {
   const event_item* const event = g_mscript->dispatch.current_event();
   if (event == nullptr) throw ScriptError("no event is being dispatched");
   return *event;
@@ -30,7 +29,7 @@ const event_item& event_at_hand() {
 
 bool find_field(const char* name, FieldValue& value) {
   char key[1024];
-  const event_item& event = event_at_hand();
+  const event_item& event = dispatched_event();
   const size_t length = strlen(name);
   if (length + 2 > sizeof(key)) return false;
   memcpy(key, name, length);  // not snprintf, which would cost more than the search
@@ -47,7 +46,7 @@ const char* field_arg(lua_State* L, FieldValue& value) {
 }  // namespace
 
 void EventDispatch::call_entry(lua_State* L, int index) {
-  const event_item& event = *at_hand;
+  const event_item& event = *current;
   lua_rawgeti(L, kList, index);
   if (!lua_istable(L, kEntry)) {
     elog(1, "mscript: error[etype:%d] - es_%s.list_func[%d] is a %s, not a table", event.type, event.type_name, index,
@@ -66,7 +65,7 @@ void EventDispatch::call_entry(lua_State* L, int index) {
 // Returns false when there is no handler table.
 bool EventDispatch::call_handlers(lua_State* L) {
   char name[3 + sizeof(event_item::type_name)] = "es_";
-  copy_text(name + 3, sizeof(event_item::type_name), at_hand->type_name);
+  copy_text(name + 3, sizeof(event_item::type_name), current->type_name);
   lua_getfield(L, LUA_GLOBALSINDEX, name);
   if (lua_isnil(L, kTable)) return false;
   if (!lua_istable(L, kTable) && lua_isuserdata(L, kTable) == 0) {
@@ -86,31 +85,31 @@ bool EventDispatch::call_handlers(lua_State* L) {
 }
 
 bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
-  at_hand = &event;
+  current = &event;
   bool known = true;
   std::string error;
   const bool done = protect(L, error, [&](lua_State* state) { known = call_handlers(state); });
   tag.clear();
-  at_hand = nullptr;
+  current = nullptr;
   if (!done) elog(1, "mscript: error[etype:%d] - %s", event.type, error.c_str());
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);
   return known;
 }
 
 int evt_type_name(lua_State* L) {
-  lua_pushstring(L, event_at_hand().type_name);
+  lua_pushstring(L, dispatched_event().type_name);
   return 1;
 }
 
 int evt_timestamp(lua_State* L) {
-  const event_item& event = event_at_hand();
+  const event_item& event = dispatched_event();
   lua_pushinteger(L, event.timestamp[0]);
   lua_pushinteger(L, event.timestamp[1]);
   return 2;
 }
 
 int evt_info(lua_State* L) {
-  lua_pushstring(L, event_at_hand().info);
+  lua_pushstring(L, dispatched_event().info);
   return 1;
 }
 

@@ -17,7 +17,7 @@ class EventDispatch {
   bool dispatch(lua_State* L, const event_item& event);
 
   // The event being dispatched, or null.
-  const event_item* current_event() const { return at_hand; }
+  const event_item* current_event() const { return current; }
 
   // The tag of the entry that runs, or the one that the entry has set since; empty after each event.
   const std::string& handler_tag() const { return tag; }
@@ -27,7 +27,7 @@ class EventDispatch {
   bool call_handlers(lua_State* L);
   void call_entry(lua_State* L, int index);
 
-  const event_item* at_hand = nullptr;
+  const event_item* current = nullptr;
   std::string tag;
 };
 

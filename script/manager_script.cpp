@@ -6,7 +6,6 @@
 #include "device/config_store.h"
 #include "device/event_source.h"
 #include "device/log.h"
-#include "script/clua.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
 #include "util/except.h"
@@ -111,7 +110,7 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   stop.begin_to_watch();
   const LuaTurn turn(gate, LuaGate::Turn::next);
   const RunSignalsBlocked undisturbed;
-  const StopsWhenWanted limited(stop);  // begins anew: the files that are loaded have a time of their own
+  const StopsWhenWanted limited(stop);  // starts over: the files that are loaded have their own time
   scripts.clear(lua_state);
   scripts.load(lua_state, script_path, external_path);
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass

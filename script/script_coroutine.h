@@ -2,7 +2,7 @@
 //
 // cr_add runs a function in a coroutine up to its first cr_yield; the event loop resumes it when the wait it asked for
 // is over and no event waits. The hard part is the clock: its 32 bits wrap every 49.7 days, and it may be set. So its
-// differences are added up in 64 bits; when it is set back, the waits that began after the new reading begin anew.
+// differences are added up in 64 bits; when it is set back, the waits that began after the new reading start over.
 #pragma once
 
 #include <cstddef>

@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "script/clua.h"
 #include "script/event_loop.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
 #include "util/clock.h"
 #include "util/except.h"
+#include "util/lua_binding.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "extension/manager_extension.h"
-#include "script/clua.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
+#include "util/lua_binding.h"
 
 using Lines = std::vector<std::string>;
 

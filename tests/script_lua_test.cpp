@@ -5,8 +5,8 @@
 // coroutines, and the wait for the next one of these; references() in the registry; dumped_by_coroutine(...); lua_dir
 // and docs_dir, where the default scripts and the documents are.
 
-#include "script/clua.h"
 #include "tests/script_fixture.h"
+#include "util/lua_binding.h"
 
 namespace {
 

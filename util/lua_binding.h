@@ -76,6 +76,14 @@ int api(lua_State* L) {
 // "NOT ERROR" for anything else. Never raises and never changes the stack.
 std::string error_value_text(lua_State* L, int index);
 
+// Compiles `code` under the chunk name "temp" and runs it without arguments and results. Returns 1; -1 when it does not
+// compile and -2 when it raised, with the error value left on the stack. Only the thread that has the Lua state.
+int clua_run_string(lua_State* L, const char* code);
+
+// Removes the error value on top of the stack and returns its text; when it is neither a string nor a number, leaves it
+// there and returns "NOT ERROR". Never raises. Only the thread that has the Lua state.
+std::string clua_error_text(lua_State* L);
+
 // Runs work(L) inside a protected call, in a frame of its own that starts empty. `work` is a callable that obeys the
 // rules for bodies: when Lua raises, no destructor inside it runs. Afterwards the stack is as it was, whatever
 // happened; it needs room for two values. Returns true, or false with the text of the error in `error`; throws nothing.

@@ -44,7 +44,7 @@ struct Runner {
   std::mutex mutex;
   bool stopping = false;               // under mutex
   bool again_wanted = false;           // under mutex: the events of all in `finished` are to be posted again
-  std::set<int> in_hand;               // under mutex: the ids of the wanted, running and finished ones
+  std::set<int> taken_ids;             // under mutex: the ids of the wanted, running and finished ones
   std::vector<ProgramPtr> wanted;      // under mutex: not started yet
   std::map<int, ProgramPtr> finished;  // under mutex: until their result is dropped
 
@@ -198,7 +198,7 @@ int next_id() noexcept {
   const Lock lock(g_runner->mutex);
   do {
     id = id == INT_MAX ? 1 : id + 1;
-  } while (g_runner->in_hand.count(id) != 0);
+  } while (g_runner->taken_ids.count(id) != 0);
   return id;
 }
 
@@ -208,11 +208,11 @@ const char* run(int id, const char* const* argv, int timeout_ms) noexcept try {
   bool is_full = false;
   {
     const Lock lock(g_runner->mutex);
-    is_full = g_runner->in_hand.size() >= kProgramsMax;
+    is_full = g_runner->taken_ids.size() >= kProgramsMax;
     g_runner->again_wanted = g_runner->again_wanted || is_full;
     if (!is_full) {
       g_runner->wanted.push_back(std::move(program));
-      g_runner->in_hand.insert(id);
+      g_runner->taken_ids.insert(id);
     }
   }
   wake(*g_runner);
@@ -244,7 +244,7 @@ void drop_result(int id) noexcept {
   if (g_runner == nullptr) return;
   const Lock lock(g_runner->mutex);
   g_runner->finished.erase(id);
-  g_runner->in_hand.erase(id);
+  g_runner->taken_ids.erase(id);
 }
 
 }  // namespace program_runner
