@@ -11,7 +11,7 @@ class Clients {
   // Connects `count` clients to `port` of this machine.
   Clients(int port, int count);
 
-  // Sends the subscription of every client; it takes effect some time later.
+  // Sends the subscription of every client; it takes effect a moment later.
   void subscribe(const std::string& type_string);
 
   // Subscribes, and returns when all subscriptions have taken effect and nothing is under way to any client any more.
@@ -43,7 +43,6 @@ class Clients {
 
   template <typename IsDone>
   bool read_until(IsDone&& is_done, int silence_ms);
-  void expect_more(bool came) const;
 
   std::vector<Client> clients;
   Descriptor epoll;
@@ -70,6 +69,6 @@ class BareServer {
   std::vector<Descriptor> accept_clients(int count);
 
  private:
+  int own_port = 0;
   Descriptor listening;
-  int own_port;
 };

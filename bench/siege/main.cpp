@@ -56,7 +56,7 @@ Orders orders_of(int argc, char** argv) {
                             {"seed", required_argument, nullptr, 's'},
                             {"list", no_argument, nullptr, 'l'},
                             {}};
-  for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+  for (int letter = 0; (letter = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
     if (letter == 'p') orders.plan.packaged = true;
     if (letter == 'd') orders.plan.program = optarg;
     if (letter == 's') orders.plan.seed = static_cast<unsigned>(number_of(optarg));

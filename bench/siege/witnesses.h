@@ -48,8 +48,8 @@ class Witnesses {
   // most, and until the client has them. Afterwards `seen` is there.
   void finish(double patience_s);
 
-  // Phase 0 is the first.
-  Seen seen(int phase) const;
+  // Of phase `wanted`; 0 is the first.
+  Seen seen(int wanted) const;
 
  private:
   struct Line {
