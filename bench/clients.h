@@ -14,7 +14,7 @@ class Clients {
   // Sends the subscription of every client; it takes effect a moment later.
   void subscribe(const std::string& type_string);
 
-  // Subscribes, and returns when all subscriptions have taken effect and nothing is under way to any client any more.
+  // Subscribes, and returns when all subscriptions have taken effect and nothing is under way to any client.
   // `poster` is a connection to the event socket; `type_name` is posted through it, and must be one of the string.
   void subscribe_now(const std::string& type_string, const std::string& type_name, int poster);
 
@@ -56,7 +56,7 @@ Descriptor try_connect(int port, const char* from = nullptr, int receive_buffer 
 std::string subscription(const std::string& type_string);
 void send_subscription(int fd, const std::string& type_string);
 
-// A TCP port of this machine that nobody listens on, and that the kernel does not give to others meanwhile.
+// A TCP port of this machine that nobody listens on, and that the kernel does not give to others.
 int free_port();
 
 // A bare server at a port of its own.

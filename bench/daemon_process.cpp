@@ -50,7 +50,7 @@ void write_file(const std::string& path, const std::string& text) {
   if (!(file << text << std::flush)) throw std::runtime_error("failed to write " + path);
 }
 
-// Looks again and again until `condition` holds. False when it does not within `limit_s`.
+// Checks `condition` until it holds. False when it does not within `limit_s`.
 bool look_until(const std::function<bool()>& condition, double limit_s) {
   const Stopwatch watch;
   while (!condition()) {

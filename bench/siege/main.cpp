@@ -1,5 +1,5 @@
 // The siege: attackers beside good clients, posters and Lua, one scene after the other, each with a daemon of its own.
-// dev/siege starts it and tells its options; docs/performance.md tells how to read the table.
+// dev/siege starts it and lists its options; docs/performance.md explains the table.
 
 #include <getopt.h>
 #include <sys/resource.h>
