@@ -32,7 +32,7 @@ std::string event_packet() {
   event_item event{1, {0, 0}, "", kEventInfo};
   copy_text(event.type_name, sizeof(event.type_name), kEventName);
   const EventPacket packet(event);
-  return std::string(packet.data(), packet.size());
+  return {packet.data(), packet.size()};
 }
 
 BareSocket::BareSocket() : path(bench_root() + "/bare.sock"), listening(unix_stream_socket()) {
