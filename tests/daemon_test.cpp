@@ -55,6 +55,7 @@ TEST(Daemon, StopsInItsFixedOrder) {
   EXPECT_EQ(client.read_info(), "");
   daemon.send_signal(SIGTERM);
   EXPECT_TRUE(client.ended());
+  EXPECT_TRUE(daemon.wait_for("mscript: thread stop..."));
   daemon.write("gate", "");
   EXPECT_EQ(daemon.wait_for_end(), 0);
   const std::string log = daemon.log();
