@@ -1,9 +1,10 @@
 // What waits to be sent to one client of the listener, and how the client keeps up.
 //
-// Packets are gathered here while more events are at hand and leave in one send. A packet of which a part has been sent
-// is never given up: the client would take the next packet's bytes for its end. So when nobody waits for a client any
-// longer, it owes the rest, and events are skipped for it, whole, until the rest is out. What is held stays below
-// 64 KiB and one packet.
+// Packets are gathered here while more events are at hand and leave in one send: as a range of the block that all
+// clients share, and before it, what has been copied from there because it could not stay a range. A packet of which a
+// part has been sent is never given up: the client would take the next packet's bytes for its end. So when nobody waits
+// for a client any longer, it owes the rest, and events are skipped for it, whole, until the rest is out. What is held
+// stays below 64 KiB and one packet.
 //
 // No lock of its own: everything under the listener's lock.
 #pragma once
@@ -12,6 +13,7 @@
 #include <cstddef>
 
 #include "listener/client_buffer.h"
+#include "listener/packet_block.h"
 
 class ClientOutput {
  public:
@@ -27,12 +29,20 @@ class ClientOutput {
   // Forgets everything about the connection, and keeps no more memory than a new record has.
   void reset();
 
-  bool empty() const { return bytes.empty(); }
-  size_t waiting() const { return bytes.size(); }
+  bool empty() const { return bytes.empty() && range.empty(); }
+  size_t waiting() const { return bytes.size() + range.size(); }
 
   // Adds a packet behind what waits. Not while the client owes, nor to a broken connection. False when the memory for
   // it is not granted: nothing has been added.
-  bool append(const char* packet, size_t size) { return bytes.append(packet, size); }
+  bool append(const char* packet, size_t size) { return copy_range() && bytes.append(packet, size); }
+
+  // As append, with the packet of `size` bytes at `place` of `block`.
+  bool append(PacketBlock& block, size_t place, size_t size) {
+    if (range.extend(block, place, size)) return true;
+    if (!copy_range()) return false;
+    range.begin(block, place, size);
+    return true;
+  }
 
   // Gives memory back when nothing waits.
   void tidy() { bytes.tidy(); }
@@ -55,7 +65,7 @@ class ClientOutput {
   Clock::time_point owes_since() const { return owing_since; }
 
   // Has bytes that leave as soon as somebody pushes: gathered, and not owed.
-  bool is_due() const { return !bytes.empty() && !owing; }
+  bool is_due() const { return !empty() && !owing; }
 
   // Counts an event that is not sent to this client. Returns true when a gap begins with it.
   bool skip();
@@ -67,7 +77,10 @@ class ClientOutput {
   int take_gap();
 
  private:
+  bool copy_range();
+
   ClientBuffer bytes;
+  PacketRange range;  // goes out behind them
   bool owing = false;
   bool failing = false;  // the last push failed
   bool is_broken = false;

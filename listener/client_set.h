@@ -2,6 +2,7 @@
 // thousand clients ask for costs a few words and not a thousand look-ups.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -28,6 +29,10 @@ struct ClientSet {
     uint64_t& word = words[position / kWordBits];
     const uint64_t bit = uint64_t{1} << position % kWordBits;
     word = in ? word | bit : word & ~bit;
+  }
+
+  bool empty() const {
+    return std::all_of(words.begin(), words.end(), [](uint64_t word) { return word == 0; });
   }
 
   // The client at `position` leaves the list: those behind move up.

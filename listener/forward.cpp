@@ -34,6 +34,7 @@ void ManagerListener::forward_event(const event_item* event) {
     if (more) note_burst();
     const ClientSet& asking = subscriptions.who_asks_for(event->type_name, clients);
     const EventPacket packet(*event);
+    is_in_block = !asking.empty() && add_to_block(packet);
     for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
       uint64_t concerned = asking.words[i] | (more ? 0 : gathered.words[i]);
       while (concerned != 0) {
@@ -48,8 +49,34 @@ void ManagerListener::forward_event(const event_item* event) {
       }
     }
     if (!slow.empty()) wait_for_slow();
+    if (!is_burst && !block->is_held()) {
+      block->clear();
+      block->tidy();
+    }
   } catch (...) {
     elog(1, "mlistener: unknown error");  // no memory for a large packet
+  }
+}
+
+// Puts the packet behind those that clients have ranges of. A full block is sent to all of them first; one that is held
+// even so, by clients that have no memory for a copy, is left to them.
+bool ManagerListener::add_to_block(const EventPacket& packet) {
+  if (block->size() + packet.size() > PacketBlock::kMax && block->is_held()) {
+    send_gathered();
+    if (block->is_held()) {
+      auto* const next = new PacketBlock(memory);
+      block->leave();
+      block = next;
+    }
+  }
+  if (!block->is_held()) block->clear();
+  return block->append(packet.data(), packet.size());
+}
+
+void ManagerListener::send_gathered() {
+  for (size_t i = 0; i < ClientSet::words_of(clients.size()); ++i) {
+    uint64_t due = gathered.words[i];
+    while (due != 0) send_now(*clients[i * ClientSet::kWordBits + take_lowest(due)]);
   }
 }
 
@@ -66,13 +93,18 @@ void ManagerListener::deliver(ListenerClient& client, const EventPacket& packet,
   if (output.owes() || output.waiting() + packet.size() > ClientOutput::kGatherMax) push(client);
   if (output.broken()) return;
   if (output.owes()) return skip(client);
-  if (!output.append(packet.data(), packet.size())) {  // no memory: what it has leaves first
+  if (!gather(output, packet)) {  // no memory: what it has leaves first
     push(client);
     if (!output.empty()) owe(client);
     if (output.broken()) return;
-    if (output.owes() || !output.append(packet.data(), packet.size())) return skip(client);
+    if (output.owes() || !gather(output, packet)) return skip(client);
   }
   if (!more || output.waiting() > ClientOutput::kGatherMax) send_now(client);
+}
+
+bool ManagerListener::gather(ClientOutput& output, const EventPacket& packet) {
+  return is_in_block ? output.append(*block, block->size() - packet.size(), packet.size())
+                     : output.append(packet.data(), packet.size());
 }
 
 void ManagerListener::send_now(ListenerClient& client) {

@@ -54,6 +54,7 @@ ManagerListener::ManagerListener(SettingsFile&& file)
     : port(file.number(settings::listener_port)),
       longest_wait(file.number(settings::listener_wait_ms)),
       memory(static_cast<size_t>(file.number(settings::listener_memory)) * 1024),
+      block(new PacketBlock(memory)),
       strangers_wait(longest_wait),
       known_wait(longest_wait) {
   // Room for all that there can ever be: moving a record from list to list never fails.
@@ -67,6 +68,7 @@ ManagerListener::ManagerListener(SettingsFile&& file)
 ManagerListener::~ManagerListener() {
   g_listener = nullptr;
   stop();
+  block->leave();
 }
 
 int ManagerListener::start() {

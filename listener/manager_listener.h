@@ -90,7 +90,10 @@ class ManagerListener {
   void remove_client(ListenerClient& client);
 
   // forward.cpp
+  void send_gathered() REQUIRES(mutex);
+  bool add_to_block(const EventPacket& packet) REQUIRES(mutex);
   void deliver(ListenerClient& client, const EventPacket& packet, bool more) REQUIRES(mutex);
+  bool gather(ClientOutput& output, const EventPacket& packet) REQUIRES(mutex);
   void skip(ListenerClient& client) REQUIRES(mutex);
   void send_now(ListenerClient& client) REQUIRES(mutex);
   void push(ListenerClient& client) REQUIRES(mutex);
@@ -111,6 +114,8 @@ class ManagerListener {
   ClientList free_clients GUARDED_BY(mutex);  // a stack
   size_t leaving GUARDED_BY(mutex) = 0;       // clients that have been given up and not yet removed
   SubscriptionCache subscriptions GUARDED_BY(mutex);
+  PacketBlock* block GUARDED_BY(mutex);         // the packets of now, ended by the one that is being delivered
+  bool is_in_block GUARDED_BY(mutex) = false;   // which there may have been no memory for
   ClientSet gathered GUARDED_BY(mutex);         // who may have output that is due; a bit too many does no harm
   bool is_burst GUARDED_BY(mutex) = false;      // the event_recv thread sends what is gathered every 50 ms
   bool was_gathered GUARDED_BY(mutex) = false;  // since it did so last

@@ -269,6 +269,26 @@ TEST_F(Listener, ABurstLeavesWithItsLastEvent) {
   EXPECT_TRUE(client->ended());
 }
 
+TEST_F(Listener, ABurstLargerThanItsBlockComesToEachAsAsked) {
+  constexpr int kEvents = 9000;  // of 150 bytes: more than five blocks
+  const auto name_of = [](int number) { return std::string(1, static_cast<char>('a' + number / 7 % 3)); };
+  const char* const type_strings[] = {"a,b,c", "a,b,c", "b", "a,c", "none"};
+  std::vector<std::future<std::string>> readers;
+  for (const char* const type_string : type_strings) {
+    readers.push_back(std::async(std::launch::async, [&, type_string, client = subscribed(type_string)] {
+      for (int number = 0; number < kEvents; ++number) {
+        if (match_type_string(type_string, name_of(number).c_str()) < 0) continue;
+        const std::string info = client->read_info();
+        if (info != std::to_string(number) + std::string(130, '.')) return std::to_string(number) + " came as " + info;
+      }
+      return std::string("all");
+    }));
+  }
+  for (int i = 0; i < kEvents; ++i) standin::post(1, name_of(i).c_str(), std::to_string(i) + std::string(130, '.'));
+  for (int i = 0; i < kEvents; ++i) forward_next();
+  for (std::future<std::string>& reader : readers) EXPECT_EQ(reader.get(), "all");
+}
+
 TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   const auto first = subscribed("door");
   first->send_bytes(subscription("half a packet").substr(0, 15));
