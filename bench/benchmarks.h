@@ -1,4 +1,4 @@
-// What there is to measure. Each function registers its benchmarks; docs/performance.md tells about them.
+// What there is to measure. Each function registers its benchmarks; docs/performance.md describes them.
 #pragma once
 
 void add_dispatch_benchmark();

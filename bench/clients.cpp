@@ -15,7 +15,8 @@
 namespace {
 
 constexpr int kSilenceMs = 20000;
-constexpr useconds_t kConnectPauseUs = 200;  // the listener's queue is short, and who finds it full waits for a second
+// For a daemon whose queue of connections is short: a client that finds it full tries again a second later.
+constexpr useconds_t kConnectPauseUs = 200;
 constexpr size_t kTailMax = 64;
 
 sockaddr_in address_of(int port) {
@@ -28,7 +29,7 @@ sockaddr_in address_of(int port) {
 
 Descriptor connect_client(int port) {
   Descriptor fd = try_connect(port);
-  if (fd.get() < 0) throw std::runtime_error("cannot connect to port " + std::to_string(port));
+  if (fd.get() < 0) throw std::runtime_error("failed to connect to port " + std::to_string(port));
   return fd;
 }
 
@@ -42,6 +43,10 @@ Descriptor bind_any(int& port) {
   }
   port = ntohs(address.sin_port);
   return fd;
+}
+
+void expect_more(bool came) {
+  if (!came) throw std::runtime_error("clients get nothing any more");
 }
 
 }  // namespace
@@ -73,7 +78,7 @@ void Clients::subscribe_now(const std::string& type_string, const std::string& t
     send_whole(poster, probe.data(), probe.size());
   } while (!try_read_something(20));
   send_whole(poster, last.data(), last.size());
-  read_to(std::string("last", 5));
+  read_to({'l', 'a', 's', 't', '\0'});
 }
 
 // `is_done` is asked after each piece that a client has got, until it is true for that client. Returns true when it is
@@ -98,10 +103,6 @@ bool Clients::read_until(IsDone&& is_done, int silence_ms) {
     }
   }
   return true;
-}
-
-void Clients::expect_more(bool came) const {
-  if (!came) throw std::runtime_error("clients get nothing any more");
 }
 
 void Clients::read_bytes(size_t size) {
@@ -160,7 +161,7 @@ Descriptor try_connect(int port, const char* from, int receive_buffer) {
   if (from != nullptr) {
     sockaddr_in own = address_of(0);
     inet_pton(AF_INET, from, &own.sin_addr);
-    bind(fd.get(), reinterpret_cast<const sockaddr*>(&own), sizeof(own));
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&own), sizeof(own)) != 0) return Descriptor();
   }
   const sockaddr_in address = address_of(port);
   if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) fd.reset();
@@ -180,7 +181,7 @@ void send_subscription(int fd, const std::string& type_string) {
 }
 
 BareServer::BareServer() : listening(bind_any(own_port)) {
-  if (listen(listening.get(), 1024) != 0) throw std::runtime_error("cannot listen");
+  if (listen(listening.get(), 1024) != 0) throw std::runtime_error("failed to listen");
 }
 
 std::vector<Descriptor> BareServer::accept_clients(int count) {

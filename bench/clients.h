@@ -11,10 +11,10 @@ class Clients {
   // Connects `count` clients to `port` of this machine.
   Clients(int port, int count);
 
-  // Sends the subscription of every client; it takes effect some time later.
+  // Sends the subscription of every client; it takes effect a moment later.
   void subscribe(const std::string& type_string);
 
-  // Subscribes, and returns when all subscriptions have taken effect and nothing is under way to any client any more.
+  // Subscribes, and returns when all subscriptions have taken effect and nothing is under way to any client.
   // `poster` is a connection to the event socket; `type_name` is posted through it, and must be one of the string.
   void subscribe_now(const std::string& type_string, const std::string& type_name, int poster);
 
@@ -43,7 +43,6 @@ class Clients {
 
   template <typename IsDone>
   bool read_until(IsDone&& is_done, int silence_ms);
-  void expect_more(bool came) const;
 
   std::vector<Client> clients;
   Descriptor epoll;
@@ -57,7 +56,7 @@ Descriptor try_connect(int port, const char* from = nullptr, int receive_buffer 
 std::string subscription(const std::string& type_string);
 void send_subscription(int fd, const std::string& type_string);
 
-// A TCP port of this machine that nobody listens on, and that the kernel does not give to others meanwhile.
+// A TCP port of this machine that nobody listens on, and that the kernel does not give to others.
 int free_port();
 
 // A bare server at a port of its own.
@@ -70,6 +69,6 @@ class BareServer {
   std::vector<Descriptor> accept_clients(int count);
 
  private:
+  int own_port = 0;
   Descriptor listening;
-  int own_port;
 };

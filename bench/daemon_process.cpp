@@ -47,10 +47,10 @@ std::string text_of_file(const std::string& path) {
 void write_file(const std::string& path, const std::string& text) {
   fs::create_directories(fs::path(path).parent_path());
   std::ofstream file(path);
-  if (!(file << text << std::flush)) throw std::runtime_error("cannot write " + path);
+  if (!(file << text << std::flush)) throw std::runtime_error("failed to write " + path);
 }
 
-// Looks again and again until `condition` holds. False when it does not within `limit_s`.
+// Checks `condition` until it holds. False when it does not within `limit_s`.
 bool look_until(const std::function<bool()>& condition, double limit_s) {
   const Stopwatch watch;
   while (!condition()) {
@@ -80,7 +80,7 @@ DaemonProcess::DaemonProcess(const DaemonPlan& plan)
     : program(plan.program), environment(plan.environment), listener_port(free_port()) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // the daemon detaches; its exit status still comes to us
   char name[] = "/tmp/zelvind_daemon.XXXXXX";
-  if (mkdtemp(name) == nullptr) throw std::runtime_error("cannot make a temporary folder");
+  if (mkdtemp(name) == nullptr) throw std::runtime_error("failed to make a temporary folder");
   root = name;
   const std::string packaged = plan.packaged ? text_of_file(ZELVIND_PACKAGED_SETTINGS) : "";
   write_file(path("opt/flash/mtd4-cfg/zelvind.info"),
@@ -91,7 +91,7 @@ DaemonProcess::DaemonProcess(const DaemonPlan& plan)
   for (const char* script : {"config.lua", "server_event.lua"}) {
     fs::copy_file(fs::path(program).parent_path() / script, path("scripts/") + script);
   }
-  if (mkfifo(path("reports").c_str(), 0600) != 0) throw std::runtime_error("cannot make the pipe for reports");
+  if (mkfifo(path("reports").c_str(), 0600) != 0) throw std::runtime_error("failed to make the pipe for reports");
   report_pipe.reset(open(path("reports").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));  // it never ends
 }
 
@@ -120,7 +120,7 @@ double DaemonProcess::start() {
   pid_t launcher = 0;
   const int result = posix_spawn(&launcher, program.c_str(), &streams, nullptr, arguments, entries.data());
   posix_spawn_file_actions_destroy(&streams);
-  if (result != 0) throw std::runtime_error("cannot run " + program);
+  if (result != 0) throw std::runtime_error("failed to run " + program);
   waitpid(launcher, nullptr, 0);  // ends when the daemon has detached
   bool ended = false;
   const auto has_come = [&] {
@@ -150,7 +150,7 @@ double DaemonProcess::stop(double limit_s) {
 
 std::string DaemonProcess::next_report(double limit_s) {
   const Stopwatch watch;
-  size_t end;
+  size_t end = 0;
   while ((end = reported.find('\n')) == std::string::npos) {
     pollfd waiting{report_pipe.get(), POLLIN, 0};
     const int left_ms = static_cast<int>((limit_s - watch.seconds()) * 1000);
@@ -159,7 +159,7 @@ std::string DaemonProcess::next_report(double limit_s) {
     const ssize_t got = read(report_pipe.get(), piece, sizeof(piece));
     if (got > 0) reported.append(piece, static_cast<size_t>(got));
   }
-  const std::string line = reported.substr(0, end);
+  std::string line = reported.substr(0, end);
   reported.erase(0, end + 1);
   return line;
 }
@@ -170,7 +170,7 @@ std::string DaemonProcess::event_socket() const {
 
 Descriptor DaemonProcess::connect_poster() const {
   Descriptor fd(unix_stream_socket());
-  if (unix_connect(fd.get(), event_socket()) != 0) throw std::runtime_error("cannot connect to " + event_socket());
+  if (unix_connect(fd.get(), event_socket()) != 0) throw std::runtime_error("failed to connect to " + event_socket());
   return fd;
 }
 

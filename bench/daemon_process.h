@@ -1,7 +1,7 @@
 // The real daemon as another process, in a temporary folder of its own that is its DEVICE_ROOT.
 //
-// Its script may call report(TEXT), which writes one line into a pipe: what Lua has seen is known at once, without the
-// log. The log is a file at level 1, so that a flood cannot block on it.
+// Its script may call report(TEXT), which writes one line into a pipe: so a caller knows at once what Lua has seen. The
+// log is a file at level 1, so that a flood cannot block on it.
 #pragma once
 
 #include <sys/types.h>
@@ -35,7 +35,7 @@ class DaemonProcess {
 
   // Waits for the next line that the script reports, at most `limit_s`; throws when none comes.
   std::string next_report(double limit_s = 100);
-  // The reading end of the reports, for who reads them himself.
+  // The reading end of the reports, for callers that read it themselves.
   int reports() const { return report_pipe.get(); }
 
   pid_t process() const { return pid; }

@@ -48,6 +48,8 @@ int bare_int(lua_State* L) {
 class WithoutHook {
  public:
   explicit WithoutHook(lua_State* the_state) : L(the_state) { lua_sethook(L, nullptr, 0, 0); }
+  WithoutHook(const WithoutHook&) = delete;
+  WithoutHook& operator=(const WithoutHook&) = delete;
   ~WithoutHook() { ScriptStop::watch(L); }
 
  private:

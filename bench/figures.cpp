@@ -55,10 +55,10 @@ constexpr Target kTargets[] = {
 };
 
 const Target* find_target(const std::string& benchmark, const std::string& figure) {
-  const auto found = std::find_if(std::begin(kTargets), std::end(kTargets), [&](const Target& target) {
+  const auto* const found = std::find_if(std::begin(kTargets), std::end(kTargets), [&](const Target& target) {
     return benchmark == target.benchmark && figure == target.figure;
   });
-  return found == std::end(kTargets) ? nullptr : &*found;
+  return found == std::end(kTargets) ? nullptr : found;
 }
 
 bool is_met(const Target& target, double value) {

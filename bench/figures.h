@@ -1,7 +1,7 @@
 // How the benchmarks give their figures, and how these are printed.
 //
 // A benchmark here is one function that measures the daemon's part and its floor right after each other and gives the
-// figures as counters; it is repeated, and a ratio is one of two figures of the same repetition. The machine may be
+// figures as counters. It is repeated; a ratio compares two figures of the same repetition. The machine may be
 // noisy: what counts is the median over the repetitions, printed with the lowest and the highest value.
 #pragma once
 

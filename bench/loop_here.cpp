@@ -58,12 +58,13 @@ std::string handler_of(const char* type_name, const char* body) {
 }
 
 std::string bench_root() {
-  return getenv("DEVICE_ROOT");
+  const char* const root = getenv("DEVICE_ROOT");
+  return root == nullptr ? "" : root;
 }
 
 void write_settings(const std::string& root, const std::string& settings) {
   const std::string folder = root + "/opt/flash/mtd4-cfg";
   std::filesystem::create_directories(folder);
   std::ofstream file(folder + "/zelvind.info");
-  if (!(file << settings << std::flush)) throw std::runtime_error("cannot write the settings file");
+  if (!(file << settings << std::flush)) throw std::runtime_error("failed to write the settings file");
 }

@@ -30,7 +30,7 @@ void Channel::signal() {
 }
 
 void Channel::wait() {
-  char byte;
+  char byte = 0;
   receive_whole(descriptor.get(), &byte, 1);
 }
 
@@ -60,9 +60,12 @@ PeerProcess::PeerProcess(const std::function<void(Channel&)>& body) {
   own_end = Channel(pair.ends[0]);
   Channel other_end(pair.ends[1]);
   fflush(nullptr);
-  pid = fork();
-  if (pid < 0) fail("fork");
-  if (pid > 0) return;
+  const pid_t child = fork();
+  if (child < 0) fail("fork");
+  if (child > 0) {
+    pid = child;
+    return;
+  }
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   try {
     own_end = Channel();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -117,18 +118,28 @@ int fail(const std::string& what) {
   return 1;
 }
 
+int draw_all(const std::string& results_file, const std::string& folder) {
+  const nlohmann::json results = nlohmann::json::parse(std::ifstream(results_file), nullptr, false);
+  if (!results.is_object() || !results.contains("benchmarks")) return fail("no results in " + results_file);
+  for (const Picture& picture : kPictures) {
+    const std::string file = folder + "/" + picture.growth + ".svg";
+    const std::string script = script_of(results, picture, file);
+    if (script.empty()) {
+      fail(std::string("the results have no growth/") + picture.growth + ", " + file + " stays as it is");
+    } else if (!draw(script)) {
+      return fail("failed to draw " + file + ": is gnuplot installed?");
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 3) return fail("expected the JSON file and the folder for the pictures"), 2;
-  const nlohmann::json results = nlohmann::json::parse(std::ifstream(argv[1]), nullptr, false);
-  if (!results.is_object() || !results.contains("benchmarks")) return fail(std::string("no results in ") + argv[1]);
-  for (const Picture& picture : kPictures) {
-    const std::string file = std::string(argv[2]) + "/" + picture.growth + ".svg";
-    const std::string script = script_of(results, picture, file);
-    if (script.empty())
-      fail(std::string("the results have no growth/") + picture.growth + ", " + file + " stays as it is");
-    if (!script.empty() && !draw(script)) return fail("failed to draw " + file + ": is gnuplot installed?");
+  try {
+    return draw_all(argv[1], argv[2]);
+  } catch (const std::exception& error) {  // of results in another form
+    return fail(error.what());
   }
-  return 0;
 }

@@ -18,7 +18,7 @@ Descriptor connect_poster() {
 
 Descriptor connect_poster(const std::string& path) {
   Descriptor fd(unix_stream_socket());
-  if (unix_connect(fd.get(), path) != 0) throw std::runtime_error("cannot connect to " + path);
+  if (unix_connect(fd.get(), path) != 0) throw std::runtime_error("failed to connect to " + path);
   return fd;
 }
 
@@ -32,13 +32,13 @@ std::string event_packet() {
   event_item event{1, {0, 0}, "", kEventInfo};
   copy_text(event.type_name, sizeof(event.type_name), kEventName);
   const EventPacket packet(event);
-  return std::string(packet.data(), packet.size());
+  return {packet.data(), packet.size()};
 }
 
 BareSocket::BareSocket() : path(bench_root() + "/bare.sock"), listening(unix_stream_socket()) {
   unlink(path.c_str());
   if (unix_bind(listening.get(), path) != 0 || listen(listening.get(), 8) != 0) {
-    throw std::runtime_error("cannot listen on " + path);
+    throw std::runtime_error("failed to listen on " + path);
   }
 }
 

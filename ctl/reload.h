@@ -13,8 +13,7 @@ struct ReloadRequest {
 
 // Checks the scripts, sends SIGHUP, and waits until the daemon has completed a reload that began after that. Writes
 // faults, warnings and the result to `out`. Throws Failure(Exit::unreachable) when there are faults (nothing was sent
-// then), when no daemon runs, when it ends during the reload or takes longer than 60 s, and when it keeps no state that
-// tells.
+// then), when no daemon runs, when it ends during the reload or takes longer than 60 s, and when it keeps no state.
 void reload_scripts(const ReloadRequest& request, FILE* out);
 
 // Reloads whenever a script file in the configured folders changes, until the daemon has gone: then it throws

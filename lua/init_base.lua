@@ -10,11 +10,11 @@
 -- register now. So everything registered here belongs to a module (the name given to script_define, or else the name of
 -- the file) and to a generation: one load of the script directories. When the first file of a generation calls
 -- script_define or registers something, the handlers of former generations are removed from their lists; a timer of a
--- former generation deletes itself when it comes to run, and a task ends where it waits. What config.lua and
--- server_event.lua register belongs to no generation and stays, because the daemon runs those two only once.
+-- former generation deletes itself when it is due, and a task ends where it waits. What config.lua and server_event.lua
+-- register belongs to no generation and stays, because the daemon runs these files only once.
 --
--- The daemon runs this file first, from the folder of its executable. If that is the script directory too, this file
--- runs again among the others, and at every reload; it does nothing then.
+-- The daemon runs this file first, from the folder of its executable. If that is the script directory too, the daemon
+-- runs it again with the others, and at every reload; it does nothing then.
 if package.loaded.init_base then
   return
 end
@@ -25,7 +25,8 @@ event_server = event_server or {}
 event_server.init = event_server.init or function() end
 event_server.cleanup = event_server.cleanup or function() end
 
--- tmr_add and cr_add need a tag. Base files have none, so this lends them one. Returns true, or false and the error.
+-- Calls `add`, tmr_add or cr_add, which need a tag. Base files have none: they get this one for the call. Returns true,
+-- or false and the error.
 local function try_with_tag(tag, add, ...)
   local done, message = pcall(add, ...)
   if not done and message == "not set script tag name yet" then
@@ -38,12 +39,12 @@ end
 
 ---- Errors ------------------------------------------------------------------------------------------------------------
 
-local kMostErrors = 20 -- of a module that are told apart: a text may hold data of an event, and always differ
+local kMostErrors = 20 -- of a module that are told apart: a text with data of an event could differ each time
 
-local failing = {} -- name of a module -> its recent errors: first line -> how often it came since it was last written
+local failing = {} -- name of a module -> its recent errors: first line -> number of times since it was written
 local is_counting = false
 
--- Writes how often each error came again, and forgets the errors that did not.
+-- Writes how often each error has come again, and forgets the errors that have not.
 local function write_counts()
   for name, errors in pairs(failing) do
     for line, count in pairs(errors) do
@@ -58,7 +59,7 @@ local function write_counts()
   end
 end
 
-getmetatable(package.loaded.init_base).__gc = write_counts -- what is left at the end of the Lua state
+getmetatable(package.loaded.init_base).__gc = write_counts -- when the Lua state is closed
 
 local function count_errors()
   write_counts()
@@ -94,7 +95,7 @@ local function report(module, what, text)
   end
 end
 
--- Without addresses: they would make each error different.
+-- A value as text, without its address, which would make each error different.
 local function plain_text(value)
   if type(value) == "string" then
     return (string.format("%q", value:sub(1, 100)):gsub("\\\n", "\\n"))
@@ -167,9 +168,9 @@ end
 
 -- Entries that scripts add to a list_func by hand, with their module's name as the tag, are swept too. The hard case is
 -- the first file of a generation: an entry with its tag may be left from the former generation, or the file may have
--- just added it. An entry that was there when a later module began, or when the loop ran, is marked as seen, and a seen
--- entry is old. Only `adding`, the last module of a load, can have old entries that are not seen. They count as old,
--- unless this module adds its entries before its script_define each time.
+-- just added it. So entries are marked as seen when a later module begins, or when the loop runs; a seen entry is old.
+-- Only `adding`, the last module of a load, can have old entries that are not seen. They count as old, unless this
+-- module adds its entries before its script_define each time.
 local seen = setmetatable({}, { __mode = "k" })
 local adding
 
@@ -179,7 +180,7 @@ local function see_all()
 end
 
 -- The value passed to each script_define of a generation. The daemon keeps it in the registry until the next reload
--- begins: as long as it is there, the generation goes on.
+-- begins: while it is there, the generation goes on.
 local mark
 local mark_slot
 
@@ -207,7 +208,7 @@ local function begin_generation(new_mark, first_name)
     end
     return module ~= nil
   end)
-  try_with_tag(first_name, tmr_add, function() tmr_delete() see_all() end, 1, 0, nil) -- in the loop
+  try_with_tag(first_name, tmr_add, function() tmr_delete() see_all() end, 1, 0, nil) -- runs in the loop
 end
 
 local function begin_module(name)
@@ -245,7 +246,7 @@ local function has_module(info)
   return files[info.source]
 end
 
--- Wraps the daemon's script_define: this is how this file learns that a script file is being loaded.
+-- Wraps the daemon's script_define: so this file learns which script file is being loaded.
 local daemon_define = script_define
 function script_define(name, ...)
   local value = generation_goes_on() and mark or {}
@@ -363,8 +364,9 @@ local function is_between(from, minute_of_day, to)
   return from < due and due <= to
 end
 
--- Where an `at` for that minute of the day begins: its time, and the latest local minute that has been looked at. If the
--- former load has not run it yet, because the reload came in that very minute or the device was busy, this load does.
+-- The last look of an `at` for that minute of the day: its time, and the latest local minute that was looked at. A load
+-- goes on from the former load's look: where that one has not run func yet, because the reload came in that very minute
+-- or the device was busy, this one does.
 local function first_look(module, minute_of_day)
   local before = former[module.name]
   local look = module.looks[minute_of_day] or before and before.looks[minute_of_day]
@@ -376,8 +378,8 @@ local function first_look(module, minute_of_day)
 end
 
 -- Calls func(arg) once a day in local time. Each minute it checks whether local time has passed that point since the
--- last check. So where local time leaps ahead over it, func is called after the leap, and where local time falls back,
--- the second time does not count. When the clock itself is set, back or ahead by more than an hour, nothing has passed.
+-- last check. So when local time leaps over that point, func is called after the leap; when local time falls back, the
+-- second time does not count. When the clock itself is set, back or ahead by more than an hour, nothing has passed.
 -- In func, tmr_delete() ends it.
 function at(hour, minute, func, arg)
   if not is_whole(hour, 0, 23) or not is_whole(minute, 0, 59) or type(func) ~= "function" then

@@ -1,4 +1,4 @@
--- What the device does with its own events, before the files of the script directories are loaded; those may add
--- handlers for the same types. This file runs once: a reload leaves it alone.
+-- The device's own handlers. The files of the script directories are loaded later and may add handlers for the same
+-- types. This file runs once: a reload leaves it alone.
 --
 --   on("heartbeat", function() trace(3, "alive: " .. evt_info()) end)

@@ -20,7 +20,7 @@ stds.zelvind = {
   },
 }
 
--- Scripts share what they define as globals; handler tables, es_ and the name of a type of event, anybody may fill.
+-- Scripts share the globals that they define; any script may fill the handler tables, es_NAME.
 allow_defined_top = true
 ignore = { "1[1-4][1-3]/^es_" }
 

@@ -24,7 +24,7 @@ namespace {
 
 constexpr char kAddress[] = "127.0.0.2";
 constexpr int kSmallBuffer = 4096;
-constexpr useconds_t kConnectPauseUs = 300;  // a short queue of the listener must not make a connect wait for a second
+constexpr useconds_t kConnectPauseUs = 300;  // as in bench/clients.cpp
 constexpr double kReconnectS = 7;
 constexpr double kTrickleS = 4;
 
@@ -58,7 +58,7 @@ void send_now(const Descriptor& to, const std::string& bytes) {
 }
 
 bool has_ended(const Descriptor& connection) {
-  char byte;
+  char byte = 0;
   const ssize_t got = recv(connection.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   return connection.get() < 0 || got == 0 || (got < 0 && errno != EAGAIN);
 }

@@ -1,5 +1,5 @@
 // The siege: attackers beside good clients, posters and Lua, one scene after the other, each with a daemon of its own.
-// dev/siege starts it and tells its options; docs/performance.md tells how to read the table.
+// dev/siege starts it and lists its options; docs/performance.md explains the table.
 
 #include <getopt.h>
 #include <sys/resource.h>
@@ -56,7 +56,7 @@ Orders orders_of(int argc, char** argv) {
                             {"seed", required_argument, nullptr, 's'},
                             {"list", no_argument, nullptr, 'l'},
                             {}};
-  for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+  for (int letter = 0; (letter = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
     if (letter == 'p') orders.plan.packaged = true;
     if (letter == 'd') orders.plan.program = optarg;
     if (letter == 's') orders.plan.seed = static_cast<unsigned>(number_of(optarg));

@@ -109,7 +109,7 @@ Outcome run_scene(const Scene& scene, const SiegePlan& plan) {
     judge(scene, plan, outcome);
     outcome.stop_ms = daemon.stop(kStopS) * 1000;
   } catch (const std::exception& error) {
-    outcome.broken.push_back(error.what());
+    outcome.broken.emplace_back(error.what());
   }
   const std::string errors = daemon.text_of("stderr");
   if (errors.find("Sanitizer") != std::string::npos || errors.find("runtime error") != std::string::npos) {

@@ -1,4 +1,4 @@
-// One scene of the siege: an attack, what the good ones are promised beside it, and what they saw.
+// One scene of the siege: an attack, what the witnesses are promised beside it, and what they saw.
 #pragma once
 
 #include <string>

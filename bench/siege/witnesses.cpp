@@ -50,12 +50,21 @@ double ms_between(int64_t from_ns, int64_t to_ns) {
   return static_cast<double>(to_ns - from_ns) / 1e6;
 }
 
+template <typename Samples>
+std::vector<double> of_phase(const Samples& samples, int wanted) {
+  std::vector<double> values;
+  for (const auto& sample : samples) {
+    if (sample.phase == wanted) values.push_back(sample.ms);
+  }
+  return values;
+}
+
 }  // namespace
 
 Witnesses::Witnesses(DaemonProcess& watched, const WitnessPlan& the_plan, double longest_s)
     : daemon(watched), plan(the_plan), lines(static_cast<size_t>(longest_s * 1e9 / kPaceNs)) {
   client = try_connect(daemon.port());
-  if (client.get() < 0) throw std::runtime_error("the good client cannot connect");
+  if (client.get() < 0) throw std::runtime_error("the good client failed to connect");
   send_subscription(client.get(), kName);
   poster = daemon.connect_poster();
   do {
@@ -101,8 +110,8 @@ Seen Witnesses::seen(int wanted) const {
   for (size_t i = 0; i < sent; ++i) {
     const Line& line = lines[i];
     if (line.phase != wanted) continue;
-    seen.unhandled += line.handled_ns == 0;
-    seen.lost += line.handled_ns != 0 && line.received_ns == 0;
+    if (line.handled_ns == 0) ++seen.unhandled;
+    if (line.handled_ns != 0 && line.received_ns == 0) ++seen.lost;
     if (line.received_ns != 0) {
       seen.client.push_back(ms_between(line.planned_ns, line.received_ns));
       seen.stamp.push_back(static_cast<double>(line.stamp_us - line.sent_us) / 1e3);
@@ -113,13 +122,10 @@ Seen Witnesses::seen(int wanted) const {
     if (pause_ms > kHeldMs) seen.held_ms += pause_ms;
     handled_before = line.handled_ns;
   }
-  for (const Sample& tick : ticks) {
-    if (tick.phase == wanted) seen.tick.push_back(tick.ms);
-  }
-  for (const Sample& newcomer : newcomers) {
-    if (newcomer.phase != wanted) continue;
-    if (newcomer.ms < 0) ++seen.newcomers_failed;
-    if (newcomer.ms >= 0) seen.newcomer.push_back(newcomer.ms);
+  seen.tick = of_phase(ticks, wanted);
+  for (const double ms : of_phase(newcomers, wanted)) {
+    if (ms < 0) ++seen.newcomers_failed;
+    if (ms >= 0) seen.newcomer.push_back(ms);
   }
   return seen;
 }
@@ -166,7 +172,7 @@ void Witnesses::read_reports() {
     char piece[4096];
     const ssize_t got = read(daemon.reports(), piece, sizeof(piece));
     if (got > 0) reported.append(piece, static_cast<size_t>(got));
-    for (size_t end; (end = reported.find('\n')) != std::string::npos; reported.erase(0, end + 1)) {
+    for (size_t end = 0; (end = reported.find('\n')) != std::string::npos; reported.erase(0, end + 1)) {
       take_report(reported.substr(0, end));
     }
   }

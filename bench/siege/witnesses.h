@@ -1,4 +1,4 @@
-// The good ones beside the attackers: a poster, a network client that reads everything, newcomers, and Lua itself.
+// Those who do no harm beside the attackers: a poster, a network client that reads everything, newcomers, and Lua.
 //
 // The poster sends numbered lines at a steady pace, the script reports each when it handles it and every tick of a
 // timer, the client notes what it gets and how late its stamp is, and a newcomer connects four times a second and
@@ -12,7 +12,7 @@
 
 #include "bench/daemon_process.h"
 
-// What the good ones saw in one phase. Times in ms; an empty list where nothing came.
+// What they saw in one phase. Times in ms; an empty list where nothing came.
 struct Seen {
   std::vector<double> client;    // from the planned time of a line to its packet
   std::vector<double> handled;   // from the planned time of a line to its handler
@@ -48,8 +48,8 @@ class Witnesses {
   // most, and until the client has them. Afterwards `seen` is there.
   void finish(double patience_s);
 
-  // Phase 0 is the first.
-  Seen seen(int phase) const;
+  // Of phase `wanted`; 0 is the first.
+  Seen seen(int wanted) const;
 
  private:
   struct Line {

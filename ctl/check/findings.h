@@ -31,7 +31,7 @@ class Findings {
   // False when there are faults, or warnings that count as faults.
   bool passed() const { return faults == 0 && (warnings == 0 || !strict); }
 
-  // "2 faults, 1 warning", without what there is none of.
+  // "2 faults, 1 warning"; a count of 0 is left out.
   std::string counts() const;
 
   // "undefined globals were not checked", with the reason when it is a missing luacheck; empty when they were.

@@ -11,7 +11,7 @@ local parts = { pump = 30, heater = 60 } -- how long they may be silent, s
 local look_every = 5                     -- s
 
 -- Silence is counted in looks and not read from the clock, which may be set. A part that this file does not name is not
--- watched: names come from outside, and a table of all of them could grow without end. Global, to outlive a reload.
+-- watched: names come from outside, and a table of all of them could grow without end. Global, to survive a reload.
 watchdog_silent = watchdog_silent or {}
 local silent = watchdog_silent
 for part in pairs(parts) do
