@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +71,14 @@ void write_pid_file(pid_t session, const std::string& path) {
   (void)ignored;  // the daemon runs without a pid file too, and the shell has said what is wrong
 }
 
+// The listener's clients and the posters need a descriptor each. Where the limit cannot be raised, there are fewer.
+void raise_descriptor_limit() {
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return;
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+}
+
 int run_to_end() {
   try {
     run();
@@ -97,6 +106,7 @@ int main(int argc, char** argv) {
   block_signals();
   detach();
   if (chdir("/") != 0) perror("zelvind: chdir");  // NOLINT(concurrency-mt-unsafe): no other thread runs
+  raise_descriptor_limit();
   write_pid_file(setsid(), pid_file);
   install_signals();
   return run_to_end();
