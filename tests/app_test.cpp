@@ -8,20 +8,8 @@
 
 #include "app/signals.h"
 #include "tests/standin_device.h"
-#include "util/exe_dir.h"
 
 namespace {
-
-TEST(ExeDir, Rule) {
-  const std::vector<std::pair<const char*, const char*>> rows = {
-      {"/usr/bin/zelvind", "/usr/bin"},
-      {"/a/zelvind", "/a/"},
-      {"/zelvind", ""},
-      {"/a/", "/a/"},
-      {"zelvind", "zelvind"},
-  };
-  for (const auto& [path, wanted] : rows) EXPECT_EQ(exe_dir_of(path), wanted) << path;
-}
 
 TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   standin::reset();
