@@ -51,9 +51,8 @@ TEST(Daemon, StopsInItsFixedOrder) {
 // cuts a script's sleep short.
 TEST(Daemon, StopIsNeverLostAndReloadNeverStops) {
   const struct {
-    const char* name;
-    const char* command;   // for the daemon that is complete
-    const char* wait_for;  // then the signals are sent
+    const char *name, *command;  // for the daemon that is complete
+    const char* wait_for;        // then the signals are sent
     size_t times;
     std::vector<int> signals;
   } cases[] = {
@@ -127,10 +126,8 @@ TEST(Daemon, OptionsNeverKeepItFromStarting) {
 
 TEST(Daemon, FailedStartsAndReloads) {
   const struct {
-    const char* name;
-    const char* script;  // a.lua at the start; null: there is no configuration
-    const char* reload_script;
-    const char* environment;
+    const char *name, *script;  // a.lua at the start; null: there is no configuration
+    const char *reload_script, *environment;
     int status;
     const char* line;
   } cases[] = {

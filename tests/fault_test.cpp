@@ -22,7 +22,7 @@ class FaultyDaemon : public RealDaemon {
           "script_define('faults', nil)\n"
           "on('ping', function() trace(1, 'pong ' .. evt_info()) end)\n"
           "event_post(1, 'ping', 'own')\n"
-          "tmr_add(function() event_post(1, 'ping', 'own') end, 1, 0, nil)\n");
+          "cr_add(function() while true do cr_yield(20) event_post(1, 'ping', 'own') end end, 0, nil)\n");
   }
 
   // Starts the daemon behind `settings`, a shell command. False when it did not say that it is complete.
@@ -42,9 +42,7 @@ class FaultyDaemon : public RealDaemon {
 
 struct Case {
   const char* call;
-  int error;
-  int skip;
-  int count;
+  int error, skip, count;
   const char* line;  // of the log
   unsigned service;
 };
