@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>

@@ -1,6 +1,6 @@
 // The real daemon, started as its user would.
 
-#include <string.h>
+#include <cstring>
 #include <vector>
 
 #include "tests/real_daemon.h"

@@ -65,12 +65,12 @@ class DeviceQueue : public DeviceRoot {
   std::string post(const std::vector<std::string>& pieces) const {
     std::string events;
     const auto take = [&] {
-      for (std::string event; (event = next(1)) != "";) events += event + "\n";
+      for (std::string event; !(event = next(1)).empty();) events += event + "\n";
     };
     const Descriptor fd = poster();
     for (const std::string& piece : pieces) send_all(fd, piece), take();
     shutdown(fd.get(), SHUT_WR);
-    for (char byte; recv(fd.get(), &byte, 1, MSG_DONTWAIT) != 0;) take();
+    for (char byte = 0; recv(fd.get(), &byte, 1, MSG_DONTWAIT) != 0;) take();
     return events;
   }
 
@@ -113,7 +113,7 @@ TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
       const Descriptor fd = poster();
       send_all(fd, event);
       shutdown(fd.get(), SHUT_WR);
-      char byte;
+      char byte = 0;
       EXPECT_EQ(recv(fd.get(), &byte, 1, 0), 0);  // all was taken in
     }
     times.push_back(now_us());
@@ -187,7 +187,7 @@ TEST_F(DeviceQueue, WhoHasMostConnectionsGivesOneUp) {
     _exit(write(ready[1], &byte, 1) == 1 && read(done[0], &byte, 1) == 0 ? 0 : 1);
   }
   close(done[0]);
-  char byte;
+  char byte = 0;
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
   const Descriptor waiting = poster();
   send_all(waiting, "2 waited\n");
@@ -226,7 +226,7 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   EXPECT_EQ(event_post(7, "n", nullptr), 1);
   for (const char* const event : {"5 door state=open", "7 n "}) EXPECT_EQ(next(0), event);
 
-  const std::string megabyte(1024 * 1024, 'x');
+  const std::string megabyte(1 << 20, 'x');
   for (int i = 0; i < 63; ++i) ASSERT_EQ(event_post(1, "big", megabyte.c_str()), 1);
   EXPECT_EQ(event_post(1, "big", megabyte.c_str()), -2);
   for (int i = 0; i < 63; ++i) EXPECT_NE(next(0), "");

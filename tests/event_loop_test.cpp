@@ -143,7 +143,8 @@ TEST_F(EventLoop, AReloadComesBeforeTheNextPass) {
 // time to load as long as nobody wants a stop.
 TEST_F(EventLoop, StopAndReloadEndItsWait) {
   write("scripts/a.lua",
-        "sleep(300) script_define('a', 0) cr_add(function() cr_yield(1) trace(2, 'resumed') end, 0, 0)");
+        "local start = timems() while timems() - start < 300 do end "
+        "script_define('a', 0) cr_add(function() cr_yield(1) trace(2, 'resumed') end, 0, 0)");
   script->stop.patience_ms = 50;
   ASSERT_EQ(script->start_thread(), 1);
   standin::wait_until_idle();

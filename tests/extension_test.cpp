@@ -15,7 +15,8 @@
 #include "script/event_loop.h"
 #include "tests/script_fixture.h"
 #ifdef UEVENT_BUILT
-#include "plugins/uevent/uevent.cpp"  // for its text alone: no kernel sends these bytes on demand
+// NOLINTNEXTLINE(bugprone-suspicious-include): for its text alone: no kernel sends these bytes on demand
+#include "plugins/uevent/uevent.cpp"
 #endif
 
 namespace {

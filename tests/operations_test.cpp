@@ -1,7 +1,6 @@
 // How the real daemon is kept running: what it tells a service manager, and zelvctl's check, reload and run.
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
