@@ -1,27 +1,15 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "app/signals.h"
 #include "tests/standin_device.h"
-#include "util/exe_dir.h"
 
 namespace {
-
-TEST(ExeDir, Rule) {
-  const std::vector<std::pair<const char*, const char*>> rows = {
-      {"/usr/bin/zelvind", "/usr/bin"},
-      {"/a/zelvind", "/a/"},
-      {"/zelvind", ""},
-      {"/a/", "/a/"},
-      {"zelvind", "zelvind"},
-  };
-  for (const auto& [path, wanted] : rows) EXPECT_EQ(exe_dir_of(path), wanted) << path;
-}
 
 TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   standin::reset();

@@ -14,7 +14,7 @@
 class EventClient {
  public:
   struct Event {
-    int64_t seconds, microseconds;
+    int64_t seconds = 0, microseconds = 0;
     std::string name, info;
   };
 
@@ -48,7 +48,7 @@ class EventClient {
     event = {number(bytes, 4), number(bytes, 8), "", ""};
     if (length < 14 || length > 1 << 20) return false;
     if (!read_bytes(bytes, length - 12) || bytes.back() != '\0') return false;
-    event.name = bytes.c_str();
+    event.name = bytes.substr(0, bytes.find('\0'));
     event.info = bytes.substr(event.name.size() + 1);
     event.info.pop_back();
     return event.info.find('\0') == std::string::npos;

@@ -74,19 +74,19 @@ int __real_clock_gettime(clockid_t, timespec*);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
   const int result = __real_clock_gettime(clock, now);
-  if (clock == CLOCK_REALTIME && is_armed("clock")) now->tv_sec -= 30 * 60 * 60;
+  if (clock == CLOCK_REALTIME && is_armed("clock")) now->tv_sec -= 108000;
   return result;
 }
 
 int __wrap_gettimeofday(timeval* now, void*) {
-  timespec precise;
+  timespec precise{};
   const int result = __wrap_clock_gettime(CLOCK_REALTIME, &precise);
   *now = {precise.tv_sec, precise.tv_nsec / 1000};
   return result;
 }
 
 time_t __wrap_time(time_t*) {
-  timespec precise;
+  timespec precise{};
   __wrap_clock_gettime(CLOCK_REALTIME, &precise);
   return precise.tv_sec;
 }

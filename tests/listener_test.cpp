@@ -405,26 +405,6 @@ TEST_F(Listener, MemoryRunsOut) {
   EXPECT_TRUE(standin::wait_for_line("delete client"));  // though what it has sent is not read
 }
 
-TEST_F(Listener, APortInUseIsTriedAgain) {
-  Descriptor other(sock_listen_tcp(0));
-  sockaddr_in address{};
-  socklen_t size = sizeof(address);
-  getsockname(other.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  port = ntohs(address.sin_port);
-  standin::set_number("listener_port", port);
-  listener.reset();
-  listener = std::make_unique<ManagerListener>();
-  EXPECT_EQ(listener->start(), -1);
-  EXPECT_EQ(standin::log_lines_with("<1> mlistener: "),
-            (Lines{sstr("<1> mlistener: Failed to create server socket(errno:%d)", EADDRINUSE),
-                   sstr("<1> mlistener: port %d is in use, trying again for a minute", port)}));
-  other.reset();
-  EXPECT_TRUE(standin::wait_for_line(sstr("<1> mlistener: port %d is open now", port)));
-  const auto client = subscribed("door");
-  forward("door", "served");
-  EXPECT_EQ(client->read_info(), "served");
-}
-
 TEST_F(Listener, WhoeverDoesNotSubscribeGivesUpHisPlace) {
   limit_descriptors(320 + 3);
   EventClient first(port), second(port), third(port);

@@ -1,7 +1,6 @@
 // How the real daemon is kept running: what it tells a service manager, and zelvctl's check, reload and run.
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -67,7 +66,8 @@ TEST(Service, TellsItsManagerWhatHappens) {
 TEST(Service, SaysOnceThatNobodyListens) {
   const std::pair<const char*, const char*> rows[] = {
       {"$ROOT/nobody", "service: cannot tell the service manager READY=1: No such file or directory"},
-      {"vsock:2:1", "service: NOTIFY_SOCKET is 'vsock:2:1': expected a path, or @ and an abstract name; nobody is told"},
+      {"vsock:2:1",
+       "service: NOTIFY_SOCKET is 'vsock:2:1': expected a path, or @ and an abstract name; nobody is told"},
   };
   for (const auto& [name, line] : rows) {
     RealDaemon daemon;

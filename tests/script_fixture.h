@@ -10,6 +10,7 @@
 #include <string>
 
 #include "device/event_queue.h"
+#include "script/clua.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
 
@@ -57,6 +58,11 @@ class ScriptFixture : public testing::Test {
     begin();
   }
   ~ScriptFixture() override { std::filesystem::remove_all(root); }
+
+  void run_lua(const std::string& code) {
+    const LuaTurn turn(script->gate);
+    ASSERT_EQ(clua_run_string(script->lua_state, code.c_str()), 1) << clua_error_text(script->lua_state);
+  }
 
   // A new manager, and no script files but the default ones. It is 02:59 on 10 January 2026.
   void begin() {

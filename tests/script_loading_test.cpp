@@ -36,9 +36,7 @@ TEST_F(ScriptLoading, OrderOfFiles) {
 
 TEST_F(ScriptLoading, FailuresNameTheFile) {
   const struct {
-    const char* file;
-    const char* text;
-    const char* error;
+    const char *file, *text, *error;
   } cases[] = {
       {"x.lua", "error('boom')", "could not execute script[/opt/scripts/x.lua] -- /opt/scripts/x.lua:1: boom"},
       {"x.lua", "x = = 1",

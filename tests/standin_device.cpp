@@ -79,7 +79,7 @@ void wait_until_idle() {
 }
 
 // clang-format off
-void reset() { *Locked().device = Device(); }
+void reset() { *Locked().operator->() = Device(); }
 void set_number(const std::string& key, int value) { Locked()->numbers[key] = value; }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }

@@ -5,7 +5,7 @@ end
 
 -- The value of an expression inside a handler.
 local function in_handler(expression)
-  es_probe = { list_func = { { "probe", assert(loadstring("result = " .. expression)) } } }
+  es_probe = { list_func = { { "probe", assert(loadstring("argument = ... result = " .. expression)), 7 } } }
   traced_by("probe", "a=1&a=2&x=&n=-7&big=99999999999&w=abc")
   return result
 end
@@ -14,9 +14,10 @@ local rows = {
   { "evt_field_int('a')", 1 }, { "evt_field_str('x')", "" }, { "evt_field_int('x')", 0 }, { "evt_field_int('w')", 0 },
   { "evt_field_int('n')", -7 }, { "evt_field_int('big')", 2147483647 },
   { "select(2, evt_field_str_safe('a'))", "1" }, { "(pcall(evt_field_str, ('k'):rep(2000)))", false },
-  { "trace('2', 5)", "5" },
+  { "trace('2', 5)", "5" }, { "select(2, pcall(evt_field_str, 'gone')):match('not .*')", "not found field[gone]" },
 }
 for _, row in ipairs(rows) do check(row[1], in_handler(row[1]), row[2]) end
+check("argument", argument, 7)
 
 for _, size in ipairs { 1024, 1025 } do
   es_long = { list_func = { { "t", function() trace(1, tostring(evt_field_str_safe("v"))) end } } }
