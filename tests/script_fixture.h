@@ -10,9 +10,9 @@
 #include <string>
 
 #include "device/event_queue.h"
-#include "script/clua.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
+#include "util/lua_binding.h"
 
 // There is one at a time, so that C functions called from Lua find what is static. The time zone is Central Europe.
 class ScriptFixture : public testing::Test {
