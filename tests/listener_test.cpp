@@ -331,11 +331,10 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
     return watch.ms();
   };
   const Stopwatch until_skipped;
-  while (standin::log_lines_with(stop).size() < 2 && until_skipped.ms() < 9000) forward_numbered();
+  while (standin::log_lines_with(stop).empty() && until_skipped.ms() < 9000) forward_numbered();
   ASSERT_LT(until_skipped.ms(), 8000);
   EXPECT_LT(ms_of_300(), 2000);  // and none any more
   const Lines stops = standin::log_lines_with(stop);
-  EXPECT_NE(stops[1].find(stop + " (and "), std::string::npos) << stops[1];
 
   // Two go: the next client, with the record of the last one, is owed nothing. The third reads on: whole packets, in
   // order, and what is missing is told.
