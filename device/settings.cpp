@@ -45,7 +45,7 @@ bool read_int(econf_handle* handle, const char* key, int& value) try {
 bool read_text(econf_handle* handle, const char* key, std::string& value) try {
   std::string buffer(kStoreLineMax + 1, '\0');  // longer than a good value, which is then seen to be too long
   if (econf_get_str(handle, key, buffer.data(), static_cast<int>(buffer.size())) < 0) return false;
-  value = buffer.c_str();
+  value = buffer.substr(0, buffer.find('\0'));
   return true;
 } catch (const std::exception&) {
   return false;
