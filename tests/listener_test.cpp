@@ -140,7 +140,7 @@ TEST(ClientProtocol, PacketsAreTakenFromTheFront) {
               {announced(0, 4), Kind::reset}};
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.bytes.size() << " bytes: " << row.bytes.substr(0, 30));
-    const ClientPacket packet = next_packet(row.bytes.data(), static_cast<int>(row.bytes.size()));
+    const ClientPacket packet = next_packet(row.bytes.data(), row.bytes.size());
     EXPECT_EQ(packet.kind, row.kind);
     EXPECT_STREQ(packet.type_string, row.type_string);
   }
@@ -181,7 +181,7 @@ TEST(ClientMemory, HasAnEndAndAShareForEach) {
   buffers.clear();
   {
     ListenerClient client(memory);
-    for (const size_t size : {60000, 5}) client.set_type_string(std::string(size, 't'));
+    for (const size_t size : {60000u, 5u}) client.set_type_string(std::string(size, 't'));
   }
   ClientBuffer last(memory);
   EXPECT_TRUE(append(last, std::string(6 << 20, 'z')));  // all is there again
@@ -288,7 +288,7 @@ TEST_F(Listener, ABurstLargerThanItsBlockComesToEachAsAsked) {
       return std::string("all");
     }));
   }
-  for (int i = 0; i < kEvents; ++i) standin::post(1, name_of(i).c_str(), std::to_string(i) + std::string(130, '.'));
+  for (int i = 0; i < kEvents; ++i) standin::post(1, name_of(i), std::to_string(i) + std::string(130, '.'));
   for (int i = 0; i < kEvents; ++i) forward_next();
   for (std::future<std::string>& reader : readers) EXPECT_EQ(reader.get(), "all");
 }

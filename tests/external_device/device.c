@@ -16,7 +16,9 @@ struct event_item {
 
 static struct event_item door = {1, {5, 6}, "door", "state=open"};
 
-void* econf_open(int type, const char* file, const char* dir) { return type == 0 && file && dir ? &door : NULL; }
+void* econf_open(int type, const char* file, const char* dir) {
+  return type == 0 && file && dir ? &door : NULL;
+}
 int econf_get_int(void* handle, const char* key, int* value) {
   *value = handle && strcmp(key, "log_level") == 0 ? 3 : 0;
   return 0;
@@ -24,12 +26,20 @@ int econf_get_int(void* handle, const char* key, int* value) {
 int econf_get_str(void* handle, const char* key, char* buffer, int size) {
   return handle && key && buffer && size ? -1 : -2;
 }
-void econf_close(void* handle) { (void)handle; }
-int econf_init(void* lua) { return lua != NULL; }
+void econf_close(void* handle) {
+  (void)handle;
+}
+int econf_init(void* lua) {
+  return lua != NULL;
+}
 void econf_cleanup(void) {}
 
-void elog_set_level(const char* name, int level) { (void)name, (void)level; }
-void errlog_init(int facility, const char* name) { (void)facility, (void)name; }
+void elog_set_level(const char* name, int level) {
+  (void)name, (void)level;
+}
+void errlog_init(int facility, const char* name) {
+  (void)facility, (void)name;
+}
 void elog(int level, const char* format, ...) {
   FILE* log = fopen(getenv("DEVICE_LOG"), "a");
   va_list arguments;
@@ -40,7 +50,9 @@ void elog(int level, const char* format, ...) {
   fputc('\n', log);
   fclose(log);
 }
-void elogr(int level, const char* format, ...) { (void)level, (void)format; }
+void elogr(int level, const char* format, ...) {
+  (void)level, (void)format;
+}
 
 struct event_item* event_dequeue(int timeout_ms) {
   static int calls;
@@ -50,6 +62,10 @@ struct event_item* event_dequeue(int timeout_ms) {
   return NULL;
 }
 void event_arrange(void) {}
-void event_item_free(struct event_item* item) { item->type = 0; }
-int helper_init(void* lua) { return lua != NULL; }
+void event_item_free(struct event_item* item) {
+  item->type = 0;
+}
+int helper_init(void* lua) {
+  return lua != NULL;
+}
 void helper_cleanup(void) {}

@@ -7,7 +7,7 @@ end
 local function in_handler(expression)
   es_probe = { list_func = { { "probe", assert(loadstring("argument = ... result = " .. expression)), 7 } } }
   traced_by("probe", "a=1&a=2&x=&n=-7&big=99999999999&w=abc")
-  return result
+  return _G.result
 end
 
 local rows = {
@@ -17,7 +17,7 @@ local rows = {
   { "trace('2', 5)", "5" }, { "select(2, pcall(evt_field_str, 'gone')):match('not .*')", "not found field[gone]" },
 }
 for _, row in ipairs(rows) do check(row[1], in_handler(row[1]), row[2]) end
-check("argument", argument, 7)
+check("argument", _G.argument, 7)
 
 for _, size in ipairs { 1024, 1025 } do
   es_long = { list_func = { { "t", function() trace(1, tostring(evt_field_str_safe("v"))) end } } }
