@@ -58,6 +58,7 @@ void expect_survival(const Case& row, bool from_start) {
     daemon.subscribe(client.emplace(daemon.port()), "ping");
     daemon.arm(true);
     daemon.post("1 ping first\n");
+    client->send_bytes(EventClient::subscription("ping"));  // or the event_recv thread might sleep on
   }
   EXPECT_TRUE(daemon.wait_for(row.line));
   daemon.arm(from_start);
