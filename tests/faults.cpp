@@ -30,7 +30,8 @@ Fault fault;
 bool is_armed(const char* call) {
   if (strcmp(fault.call, call) != 0) return false;
   const int error = errno;
-  const bool armed = access(getenv("FAULT_ARMED"), F_OK) == 0;
+  const char* const file = getenv("FAULT_ARMED");
+  const bool armed = file != nullptr && access(file, F_OK) == 0;
   errno = error;
   return armed;
 }

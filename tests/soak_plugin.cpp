@@ -20,10 +20,15 @@ static void post(const char* name, int number) {
   while (!ended && event_post(1, name, info.c_str()) == -2) std::this_thread::sleep_for(milliseconds(1));
 }
 
+static bool gate_is_open() {
+  const char* const gate = getenv("SOAK_GATE");
+  return gate != nullptr && access(gate, F_OK) == 0;
+}
+
 static void run() {
   for (int number = 0; !ended; std::this_thread::sleep_for(milliseconds(7))) {
     const int before = number;
-    for (; !ended && access(getenv("SOAK_GATE"), F_OK) == 0; std::this_thread::sleep_for(milliseconds(7))) {
+    for (; !ended && gate_is_open(); std::this_thread::sleep_for(milliseconds(7))) {
       for (int i = number % 41; i >= 0; --i) post("soak", ++number);
     }
     if (number > before) post("soak_posted", number);
