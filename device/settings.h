@@ -52,8 +52,23 @@ inline constexpr Setting listener_wait_ms = Setting::number("listener_wait_ms", 
 // What all clients of the listener together may hold, in KiB.
 inline constexpr Setting listener_memory = Setting::number("listener_memory", 16384, 64, 1048576);
 
-inline constexpr const Setting* kAll[] = {&log_level,     &script_path,   &external_path,    &dll_path,
-                                          &collect_every, &listener_port, &listener_wait_ms, &listener_memory};
+// KiB for the ring of recent events; 0: none.
+inline constexpr Setting event_memory = Setting::number("event_memory", 256, 0, 65536);
+// 1: SIGHUP tries the reload in a forked copy first.
+inline constexpr Setting reload_trial = Setting::number("reload_trial", 0, 0, 1);
+// How long due coroutines wait, in ms, until one pass of them runs between two events; 0: until no event waits.
+inline constexpr Setting coroutine_patience_ms = Setting::number("coroutine_patience_ms", 0, 0, 60000);
+// A script call that holds the loop for longer, in ms, is named in the log; 0: never.
+inline constexpr Setting script_warn_ms = Setting::number("script_warn_ms", 1000, 0, 3600000);
+// A script call that holds the loop for longer, in ms, is ended; 0: never.
+inline constexpr Setting script_limit_ms = Setting::number("script_limit_ms", 0, 0, 3600000);
+// The memory of the Lua state, in KiB; 0: what the system has.
+inline constexpr Setting script_memory = Setting::number("script_memory", 0, 0, 1048576);
+
+inline constexpr const Setting* kAll[] = {&log_level,       &script_path,   &external_path,         &dll_path,
+                                          &collect_every,   &listener_port, &listener_wait_ms,      &listener_memory,
+                                          &event_memory,    &reload_trial,  &coroutine_patience_ms, &script_warn_ms,
+                                          &script_limit_ms, &script_memory};
 
 // The setting with that key, or null. Any thread, like problem().
 const Setting* find(std::string_view key);

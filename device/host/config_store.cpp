@@ -10,7 +10,7 @@
 #include <string>
 #include <tuple>
 
-#include "device/host/device_root.h"
+#include "util/device_root.h"
 #include "device/log.h"
 #include "device/settings.h"
 #include "device/store_text.h"

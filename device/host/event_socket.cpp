@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "device/event_source.h"
-#include "device/host/device_root.h"
+#include "util/device_root.h"
 #include "device/log.h"
 #include "util/unix_socket.h"
 

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <string>
 
-#include "device/host/device_root.h"
+#include "util/device_root.h"
 #include "device/host/notify_socket.h"
 #include "device/log.h"
 #include "util/clock.h"

@@ -1,4 +1,4 @@
-#include "device/host/device_root.h"
+#include "util/device_root.h"
 
 #include <unistd.h>
 #include <atomic>
