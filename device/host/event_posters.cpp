@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "device/event_source.h"
 #include "device/log.h"
 #include "util/clock.h"
 
@@ -15,6 +16,13 @@ namespace {
 
 constexpr int kAcceptRetryMs = 300;
 constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
+
+constexpr OwnedSocket::Names kEventSocket{kEventSocketPath,
+                                          kEventLockPath,
+                                          "evq",
+                                          "no events from other processes",
+                                          "events from other processes are taken",
+                                          elog};
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -44,6 +52,8 @@ struct EventPosters::Batch {
   int lines = 0;
   RecordList records;
 };
+
+EventPosters::EventPosters(EventInbox& the_inbox) : inbox(the_inbox), socket(kEventSocket) {}
 
 bool EventPosters::open() {
   epoll.reset(above_standard_streams(epoll_create1(EPOLL_CLOEXEC)));
