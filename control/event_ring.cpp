@@ -182,9 +182,6 @@ EventRing::Read EventRing::read(uint64_t& next, EventRecordCopy& out, uint64_t& 
 }
 
 bool EventRing::ask_to_be_woken(uint64_t next) {
-  uint64_t ignored = 0;
-  while (::read(wake.get(), &ignored, sizeof(ignored)) > 0) {
-  }
   reader_sleeps.store(true);
   if (newest.load() < next) return true;
   reader_sleeps.store(false);

@@ -65,8 +65,8 @@ class EventRing {
   const char* run() const { return run_name; }
 
   // For the one thread that follows on behalf of all: becomes readable (an eventfd; -1: there is none) with the next
-  // event after ask_to_be_woken(). Returns false when `next` has come already. While nobody follows,
-  // set_followed(false) spares add() even the look.
+  // event after ask_to_be_woken(), until the caller reads it. That returns false when `next` has come already. While
+  // nobody follows, set_followed(false) spares add() even the look.
   int wake_descriptor() const { return wake.get(); }
   void set_followed(bool is_followed) { followed.store(is_followed); }
   bool ask_to_be_woken(uint64_t next);
