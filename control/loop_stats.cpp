@@ -1,5 +1,7 @@
 #include "control/loop_stats.h"
 
+#include <algorithm>
+
 #include "util/text.h"
 
 LoopStats g_loop_stats;
@@ -10,20 +12,28 @@ const char* activity_name(Activity activity) {
   return kNames[static_cast<int>(activity)];
 }
 
-// A word that is written after this reader's look at the clock counts as written at that moment.
+// What is newer than this reader's look at the clock is 0 ns old.
+ActivityNow LoopStats::read(uint64_t word) {
+  const uint64_t reading = static_cast<uint64_t>(steady_ns()) >> 10;
+  const int64_t age = static_cast<int64_t>((reading - (word >> 20)) << 20) >> 20;  // of 44 bits
+  const auto activity = static_cast<Activity>(word & 15);
+  const bool has_event = activity == Activity::forwarding || activity == Activity::handler;
+  const bool has_tag = activity >= Activity::handler && activity <= Activity::coroutine;
+  const bool has_begun = activity != Activity::starting;
+  return {activity, has_event ? static_cast<int>(word >> 12 & 255) : -1,
+          has_tag ? static_cast<int>(word >> 4 & 255) : -1, has_begun && age > 0 ? age << 10 : 0};
+}
+
 ActivityNow LoopStats::activity() const {
-  const uint64_t word = now.load(std::memory_order_relaxed);
-  const int64_t loading = loading_since.load(std::memory_order_relaxed);
-  const int64_t alive = last_reading.load(std::memory_order_relaxed);
-  const uint64_t read_at = static_cast<uint64_t>(steady_ns());
-  const int64_t age = static_cast<int64_t>(((read_at >> 10) - (word >> 20)) << 20) >> 20;  // of 44 bits
-  const int64_t since = static_cast<int64_t>(read_at) - (age > 0 ? age << 10 : 0);
-  const Activity what = static_cast<Activity>(word & 15);
-  if (loading != 0 && what != Activity::forwarding) return {Activity::loading, -1, -1, loading, alive};
-  const bool has_event = what == Activity::forwarding || what == Activity::handler;
-  const bool has_tag = what == Activity::handler || what == Activity::timer || what == Activity::coroutine;
-  return {what, has_event ? static_cast<int>(word >> 12 & 255) : -1, has_tag ? static_cast<int>(word >> 4 & 255) : -1,
-          what == Activity::starting ? 0 : since, alive};
+  const ActivityNow loop = read(word());
+  const int64_t since = loading_since.load(std::memory_order_relaxed);
+  if (since == 0 || loop.activity == Activity::forwarding) return loop;
+  return {Activity::loading, -1, -1, steady_ns() - since};
+}
+
+int64_t LoopStats::silent_ns() const {
+  const int64_t last = last_reading.load(std::memory_order_relaxed);
+  return last == 0 ? 0 : std::max<int64_t>(steady_ns() - last, 0);
 }
 
 LastError LoopStats::last_error() const {
@@ -34,6 +44,12 @@ LastError LoopStats::last_error() const {
 LastReload LoopStats::last_reload() const {
   const MutexLock lock(mutex);
   return {reload_time, reload_text};
+}
+
+void LoopStats::looks_around() {
+  read_clock();
+  // So `idle` lasts from the end of the last work on.
+  if (static_cast<Activity>(word() & 15) != Activity::idle) set_activity(Activity::idle);
 }
 
 void LoopStats::begin_collection() {

@@ -49,10 +49,9 @@ const char* activity_name(Activity activity);
 
 struct ActivityNow {
   Activity activity;
-  int event;         // entry of LoopStats::event_names; only while forwarding and in a handler, else -1
-  int tag;           // entry of LoopStats::tag_names; only in a handler, timer or coroutine, else -1
-  int64_t since_ns;  // steady_ns
-  int64_t alive_ns;  // steady_ns: the loop's last sign of life, at most some 1 s old while it is idle; 0: none yet
+  int event;       // entry of LoopStats::event_names; only while forwarding and in a handler, else -1
+  int tag;         // entry of LoopStats::tag_names; only in a handler, timer or coroutine, else -1
+  int64_t for_ns;  // for how long already; 0 while starting
 };
 
 // The last error that a script made and the daemon, or a default script, caught.
@@ -88,7 +87,10 @@ class LoopStats {
   Counter reloads_failed;  // in the trial, or in the load itself
   Counter reloads_done;
 
+  // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
+  // How old the loop's last sign of life is: at most some 1 s while it is idle. 0 while starting.
+  int64_t silent_ns() const;
   LastError last_error() const;
   LastReload last_reload() const;
 
@@ -110,11 +112,9 @@ class LoopStats {
   bool begin_call(Activity activity, const char* tag);
   int64_t end_call();
 
-  // The loop has waited for an event, or has finished its work between two events: reads the clock.
-  void looks_around() {
-    read_clock();
-    set_activity(Activity::idle);
-  }
+  // The loop has waited for an event, or has looked for one in vain: reads the clock.
+  void looks_around();
+
   // A full collection that began at the clock's last reading has ended.
   void begin_collection();
   void end_collection();
@@ -130,9 +130,12 @@ class LoopStats {
   // Main thread: a reload, or its trial, has ended. `text` says what went wrong; null when the reload is done.
   void reload_ended(const char* text);
 
-  // The number of the call that runs, or of the last one. Any thread: for the watch over calls that do not return.
-  uint64_t call_number() const { return calls.get(); }
-  bool in_call() const { return calling.load(std::memory_order_relaxed); }
+  // A word that stands for the call that runs, and for no other one; 0: none runs. Any thread.
+  uint64_t call() const;
+  // A word that stands for what the loop does; it changes with each event and each call. Any thread.
+  uint64_t word() const { return now.load(std::memory_order_relaxed); }
+  // What such a word says, seen from now. Any thread.
+  static ActivityNow read(uint64_t word);
 
  private:
   struct CachedTag {
@@ -149,8 +152,6 @@ class LoopStats {
   std::atomic<uint64_t> now{0};
   std::atomic<int64_t> loading_since{0};  // steady_ns; 0 while no script files run
   std::atomic<int64_t> last_reading{0};   // steady_ns, of the loop
-  std::atomic<bool> calling{false};
-  Counter calls;
 
   // Of the thread that runs the event loop.
   int current_event = 0;  // entries
@@ -182,12 +183,18 @@ inline int64_t LoopStats::read_clock() {
   return reading;
 }
 
-// In units of 1024 ns, so that 44 bits last 208 days; a reader's own clock tells which ones.
+// The time in units of 1024 ns, so that its 44 bits last 208 days; a reader's own clock tells which ones.
 inline void LoopStats::set_activity(Activity activity) {
   const uint64_t since = static_cast<uint64_t>(last_reading.load(std::memory_order_relaxed)) >> 10;
   now.store(since << 20 | static_cast<uint64_t>(current_event) << 12 | static_cast<uint64_t>(current_tag) << 4 |
                 static_cast<uint64_t>(activity),
             std::memory_order_relaxed);
+}
+
+inline uint64_t LoopStats::call() const {
+  const uint64_t what = word();
+  const auto activity = static_cast<Activity>(what & 15);
+  return activity >= Activity::handler && activity <= Activity::coroutine ? what : 0;
 }
 
 inline int LoopStats::tag_entry(const char* tag) {
@@ -222,11 +229,9 @@ inline void LoopStats::end_dispatch(bool known) {
 }
 
 inline bool LoopStats::begin_call(Activity activity, const char* tag) {
-  if (calling.load(std::memory_order_relaxed)) return false;
+  if (call() != 0) return false;
   if (activity != Activity::handler) read_clock();
   current_tag = tag_entry(tag);
-  calls.add();
-  calling.store(true, std::memory_order_relaxed);
   set_activity(activity);
   return true;
 }
@@ -234,7 +239,7 @@ inline bool LoopStats::begin_call(Activity activity, const char* tag) {
 inline int64_t LoopStats::end_call() {
   const int64_t began = last_reading.load(std::memory_order_relaxed);
   const int64_t taken = read_clock() - began;
-  calling.store(false, std::memory_order_relaxed);
   tags[current_tag].run.add(taken);
+  set_activity(Activity::idle);
   return taken;
 }
