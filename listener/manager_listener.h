@@ -21,6 +21,7 @@
 
 #include "listener/client_set.h"
 #include "listener/listener_client.h"
+#include "listener/listener_status.h"
 #include "listener/subscription_cache.h"
 #include "listener/wait_budget.h"
 #include "util/descriptor.h"
@@ -55,6 +56,11 @@ class ManagerListener {
   // back for 50 ms. Waits for slow clients, all of them at once and without the lock, as long as their budgets allow.
   // Logs failures. Script thread.
   void forward_event(const event_item* event);
+
+  // Copies of what is counted, for all clients together and for each one, in the order in which they were accepted. Any
+  // thread, while the listener exists; the lock is held no longer than the copy takes.
+  ListenerStatus status();
+  std::vector<ClientStatus> client_list();
 
  private:
   using Clock = ClientOutput::Clock;
