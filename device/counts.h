@@ -47,8 +47,9 @@ __attribute__((weak)) void event_counts_now(struct event_counts* out);
  * EVENT_POSTERS_MAX is always enough. Any thread, as event_counts_now. */
 __attribute__((weak)) uint32_t event_posters_now(struct event_poster* out, uint32_t max);
 
-/* Returns the nanoseconds since `event`, a record of event_dequeue, came in, by the steady clock. Script thread. */
-__attribute__((weak)) int64_t event_waited_ns(const struct event_item* event);
+/* Returns when `event`, a record of event_dequeue, came in: nanoseconds of CLOCK_MONOTONIC, so that a caller that knows
+ * what this clock reads now need not read it again. Script thread. */
+__attribute__((weak)) int64_t event_came_ns(const struct event_item* event);
 
 /* Fills *out. Any thread; takes no lock. */
 __attribute__((weak)) void log_counts_now(struct log_counts* out);

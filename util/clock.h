@@ -31,7 +31,7 @@ inline int64_t steady_ns() {
   return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
-// The same in milliseconds: for deadlines and time-outs. Any thread.
+// The same in milliseconds: for deadlines and time-outs.
 inline int64_t steady_ms() {
   return steady_ns() / 1000000;
 }

@@ -193,7 +193,7 @@ uint32_t event_posters_now(event_poster* out, uint32_t max) {
   return queue().posters.list(out, max);
 }
 
-int64_t event_waited_ns(const event_item* event) {
-  return steady_ns() - static_cast<const EventRecord*>(event)->came_ns;
+int64_t event_came_ns(const event_item* event) {
+  return static_cast<const EventRecord*>(event)->came_ns;
 }
 }
