@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "device/event_source.h"
 #include "device/log.h"
@@ -62,7 +63,7 @@ bool EventPosters::open() {
     return false;
   }
   const MutexLock lock(mutex);
-  dropped = 0;
+  dropped_taken = dropped;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
   if (socket.open()) watch_socket();
   return true;
@@ -132,12 +133,22 @@ EventPosters::Work EventPosters::read_piece() {
   return is_left ? Work::held_up : Work::nothing;
 }
 
-int64_t EventPosters::tidy_up() {
+uint64_t EventPosters::tidy_up() {
   const MutexLock lock(mutex);
   spares.clear();
-  const int64_t count = dropped;
-  dropped = 0;
-  return count;
+  return dropped - std::exchange(dropped_taken, dropped);
+}
+
+void EventPosters::count(event_counts& out) {
+  const MutexLock lock(mutex);
+  out.lines_refused = dropped;
+  out.posters_evicted = evicted;
+  out.posters = static_cast<uint32_t>(places.taken());
+}
+
+uint32_t EventPosters::list(event_poster* out, uint32_t max) {
+  const MutexLock lock(mutex);
+  return places.list(out, max);
 }
 
 // How long wait() may sleep, in milliseconds, before it has to accept a poster that waits.
@@ -223,7 +234,7 @@ void EventPosters::finish(Poster& poster) {
   inbox.add(batch.records, batch.count, batch.bytes);
 }
 
-void EventPosters::take_line(const Poster& poster, std::string_view line, Batch& batch) {
+void EventPosters::take_line(Poster& poster, std::string_view line, Batch& batch) {
   ++batch.lines;
   EventLine event{};
   EventRecord* record = nullptr;
@@ -235,10 +246,12 @@ void EventPosters::take_line(const Poster& poster, std::string_view line, Batch&
   if (record != nullptr) {
     batch.records.push(record);
     ++batch.count;
+    ++poster.events;
     batch.bytes += record->size;
     return;
   }
   ++dropped;
+  ++poster.dropped;
   if (const auto left_out = bad_line_limit.allow()) {
     elog(1, "evq: dropped a line of process %d of user %u: %s: '%.*s'%s", poster.process, poster.user, wrong,
          static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out->text);
@@ -286,6 +299,7 @@ void EventPosters::ask_one_to_leave() {
   }
   shutdown(poster.fd, SHUT_RD);  // its sends fail from now on: no line is lost without its notice
   someone_leaves = poster.is_leaving = true;
+  ++evicted;
   turns.add(poster);
 }
 
