@@ -83,7 +83,7 @@ void idle(Managers& managers, const Folders& folders) {
     } else if (g_running == 0 && g_stop != 0) {
       return;
     } else {
-      wait_for_signal();
+      wait_for_signal(managers.script.watch.look());
     }
   }
 }
@@ -113,6 +113,10 @@ void run() {
   SettingsFile file;
   elog_set_level("zelvind", file.number(settings::log_level));
   managers.script.collect_every = file.number(settings::collect_every);
+  managers.script.memory.set_limit(size_t{1024} * static_cast<size_t>(file.number(settings::script_memory)));
+  managers.script.watch.warn_ms = file.number(settings::script_warn_ms);
+  managers.script.watch.limit_ms = file.number(settings::script_limit_ms);
+  managers.script.watch.wake = wake_run_loop;
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
