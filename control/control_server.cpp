@@ -23,8 +23,12 @@ namespace {
 constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;  // how long events gather for followers while they come
 
-constexpr OwnedSocket::Names kControlSocket{
-    kControlSocketPath, kControlLockPath, "control", "zelvctl cannot ask this daemon", "zelvctl can ask", elog};
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
+                                            kControlLockPath,
+                                            "control",
+                                            "zelvctl cannot ask this daemon",
+                                            "zelvctl can ask this daemon",
+                                            elog};
 
 void drain(int event_fd) {
   uint64_t ignored = 0;
