@@ -10,11 +10,11 @@
 #include <string>
 #include <tuple>
 
-#include "util/device_root.h"
 #include "device/log.h"
 #include "device/settings.h"
 #include "device/store_text.h"
 #include "util/descriptor.h"
+#include "util/device_root.h"
 #include "util/lua_binding.h"
 #include "util/mutex.h"
 #include "util/text.h"
@@ -68,6 +68,13 @@ void complain_about_lines(const std::string& path, const struct stat& status, co
     }
   }
   if (store.more_complaints > 0) elog(1, "econf: %s: %d more bad lines", path.c_str(), store.more_complaints);
+}
+
+// The daemon cannot start without its settings: it says where it has looked for them.
+void complain_when_missing(const std::string& folder, const char* file) {
+  std::string path;
+  if (!under_device_root(folder + "/" + file, path) || access(path.c_str(), F_OK) == 0) return;
+  elog(1, "econf: cannot read %s: %s", path.c_str(), strerrordesc_np(errno));
 }
 
 // Reads a whole regular file. Returns null, or why it cannot be read.
@@ -163,7 +170,9 @@ extern "C" {
 
 econf_handle* econf_open(int, const char* file, const char* dir) {
   auto handle = std::make_unique<econf_handle>();
-  return load(dir, file, handle->store) ? handle.release() : nullptr;
+  if (load(dir, file, handle->store)) return handle.release();
+  complain_when_missing(dir, file);
+  return nullptr;
 }
 
 int econf_get_int(econf_handle* handle, const char* key, int* value) {

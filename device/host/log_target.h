@@ -2,6 +2,8 @@
 // programs, they go to syslog, and to standard error as well when that is a terminal. A target that is not understood
 // or fails to open is reported once on standard error, and syslog is used.
 //
+// Lines of level 1 are also kept for a supervisor that wants them (device/last_lines.h).
+//
 // One object for the process, plain memory without a destructor: the last line may come after everything else is gone.
 #pragma once
 
@@ -21,7 +23,9 @@ class LogTarget {
  private:
   void open_held(int facility, const char* name) REQUIRES(mutex);
   void choose() REQUIRES(mutex);
+  void find_last_lines() REQUIRES(mutex);
   bool open_file(const char* path) REQUIRES(mutex);
+  void keep_last(std::string_view lines) REQUIRES(mutex);
   void write_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   void write_syslog(int level, std::string_view lines) const REQUIRES(mutex);
 
@@ -31,6 +35,8 @@ class LogTarget {
   int fd GUARDED_BY(mutex) = -1;  // of standard error or of the file; -1: neither
   bool is_regular_file GUARDED_BY(mutex) = false;
   bool to_syslog GUARDED_BY(mutex) = false;
+  int last_lines GUARDED_BY(mutex) = -1;  // descriptor of the supervisor's file, or -1
+  unsigned last_number GUARDED_BY(mutex) = 0;
   bool low_numbers_free GUARDED_BY(mutex) = false;  // 0, 1 or 2 was closed when syslog was opened
   char program[64] GUARDED_BY(mutex) = "";          // syslog keeps a pointer to it
 };
