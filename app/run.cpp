@@ -2,9 +2,12 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <exception>
+#include <sstream>
 #include <string>
 
+#include "app/reload_requests.h"
 #include "app/signals.h"
 #include "device/event_source.h"
 #include "device/log.h"
@@ -13,6 +16,7 @@
 #include "extension/manager_extension.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
+#include "script/reload_trial.h"
 #include "util/exe_dir.h"
 #include "util/socket.h"
 
@@ -61,27 +65,65 @@ void stop_threads(Managers& managers) {
   managers.script.stop_thread();
 }
 
-void reload(Managers& managers, const Folders& folders) {
+// One line, and the traceback behind it.
+void say_not_reloaded(const std::string& text) {
+  const size_t first = std::min(text.find('\n'), text.size());
+  elog(1, "zelvind: not reloaded: %s", text.substr(0, first).c_str());
+  std::istringstream traceback(text.substr(first));
+  for (std::string line; std::getline(traceback, line);) {
+    if (!line.empty()) elog(1, "zelvind: not reloaded, %s", line.substr(line.find_first_not_of('\t')).c_str());
+  }
+}
+
+// Throws when the reload itself fails. After a trial that fails, everything is as it was.
+ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial) {
+  const char* const scripts = folders.scripts.c_str();
+  const char* const external = folders.external_scripts.c_str();
+  ReloadVerdict verdict{true, ""};
   tell_service(SERVICE_RELOADING);
-  elog(2, "zelvind: reloading ...");
-  managers.script.reload(folders.scripts.c_str(), folders.external_scripts.c_str());
+  if (with_trial) {
+    elog(2, "zelvind: trying a reload ...");
+    const TrialVerdict trial = try_reload(managers.script, scripts, external);
+    verdict = {trial.passed, trial.text};
+  }
+  if (verdict.done) {
+    elog(2, "zelvind: reloading ...");
+    managers.script.reload(scripts, external);
+  } else {
+    say_not_reloaded(verdict.text);
+  }
   resume_running();
-  tell_service(SERVICE_RELOADED);
+  tell_service(verdict.done ? SERVICE_RELOADED : SERVICE_RELOAD_FAILED);
+  return verdict;
+}
+
+// One reload for all that ask for the same. If it ends the daemon, they are told why before.
+void reload_as_asked(Managers& managers, const Folders& folders) {
+  const bool with_trial = ReloadRequests::take();
+  try {
+    ReloadRequests::answer(reload(managers, folders, with_trial));
+  } catch (const std::exception& error) {
+    ReloadRequests::answer({false, error.what()});
+    throw;
+  }
 }
 
 // Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. A request is taken before it
 // is carried out, so that one that comes meanwhile counts again; but once a stop is asked for, at most one more reload
 // is done.
-void idle(Managers& managers, const Folders& folders) {
+void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
+  const ReloadRequests taken_meanwhile;
   for (;;) {
     const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
     write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
     if (reloading) {
-      reload(managers, folders);
+      reload(managers, folders, trial_at_signal);
       if (stopping) return;
     } else if (g_running == 0 && g_stop != 0) {
       return;
+    } else if (ReloadRequests::any()) {
+      reload_as_asked(managers, folders);
     } else {
       wait_for_signal();
     }
@@ -115,9 +157,10 @@ void run() {
   managers.script.collect_every = file.number(settings::collect_every);
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
+  const bool trial_at_signal = file.number(settings::reload_trial) != 0;
   if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
   try {
-    idle(managers, folders);
+    idle(managers, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
     tell_service(SERVICE_STOPPING);

@@ -119,6 +119,10 @@ void wait_for_signal() {
   }
 }
 
+void wake_run_loop() {
+  sem_post(&g_calls);
+}
+
 bool stop_asked() {
   if (g_stop != 0) return true;
   sigset_t waiting;

@@ -25,9 +25,12 @@ void signal_handler(int signal_number);
 // the log. When more than 256 signals wait, the latest get no lines. Main thread.
 void write_signal_lines();
 
-// Sleeps until the handler has run, on any thread, since the last return of this function; may return early. Main
-// thread, after install_signals.
+// Sleeps until the handler or wake_run_loop() has run, on any thread, since the last return of this function; may
+// return early. Main thread, after install_signals.
 void wait_for_signal();
+
+// Ends that sleep. Any thread, after install_signals.
+void wake_run_loop();
 
 // True once SIGINT or SIGTERM has come, even while the signals are blocked. Any thread.
 bool stop_asked();

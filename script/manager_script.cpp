@@ -8,6 +8,7 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/trial_guards.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
 #include "util/lua_binding.h"
@@ -79,6 +80,7 @@ void ManagerScript::init() {
     econf_init(L);
     lua_settop(L, 0);
     register_script_api(L);
+    wrap_outside_functions(L);
   });
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
@@ -111,10 +113,14 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   const LuaTurn turn(gate, LuaGate::Turn::next);
   const RunSignalsBlocked undisturbed;
   const StopsWhenWanted limited(stop);  // starts over: the files that are loaded have their own time
-  scripts.clear(lua_state);
-  scripts.load(lua_state, script_path, external_path);
+  load_again(script_path, external_path);
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
   wake_loop();                         // the files may have started coroutines that are due before its wait ends
+}
+
+void ManagerScript::load_again(const char* script_path, const char* external_path) {
+  scripts.clear(lua_state);
+  scripts.load(lua_state, script_path, external_path);
 }
 
 int ManagerScript::start_thread() {

@@ -7,6 +7,7 @@
 // One object for the process, plain memory without a destructor: the last line may come after everything else is gone.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "util/mutex.h"
@@ -20,6 +21,14 @@ class LogTarget {
   // front of the first. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
   void write(int level, bool framed, std::string_view lines);
 
+  // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
+  void divert(void (*take)(int level, const char* lines, size_t size));
+
+  // Hold the lock from before a fork until after it, in parent and child, so that the child can write. It also keeps
+  // other threads out of the C library's own locks, of the time zone and of syslog, at that moment.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
+
  private:
   void open_held(int facility, const char* name) REQUIRES(mutex);
   void choose() REQUIRES(mutex);
@@ -30,6 +39,7 @@ class LogTarget {
   void write_syslog(int level, std::string_view lines) const REQUIRES(mutex);
 
   Mutex mutex;  // also keeps the lines of the threads apart
+  void (*diverted)(int level, const char* lines, size_t size) GUARDED_BY(mutex) = nullptr;
   bool is_open GUARDED_BY(mutex) = false;
   bool complained GUARDED_BY(mutex) = false;
   int fd GUARDED_BY(mutex) = -1;  // of standard error or of the file; -1: neither
