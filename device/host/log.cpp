@@ -163,6 +163,7 @@ void say_safely(Say say, int level, const char* format, va_list arguments) {
   try {
     say(level, format, arguments);
   } catch (const std::exception&) {
+    g_target.count_lost();
   }
   errno = error;
 }
@@ -185,6 +186,10 @@ void errlog_init(int facility, const char* name) {
 
 void elog_divert(void (*take)(int level, const char* lines, size_t size)) {
   g_target.divert(take);
+}
+
+void log_counts_now(log_counts* out) {
+  *out = g_target.counts();
 }
 
 void elog(int level, const char* format, ...) {
