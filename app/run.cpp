@@ -9,6 +9,7 @@
 
 #include "app/reload_requests.h"
 #include "app/signals.h"
+#include "control/loop_stats.h"
 #include "device/event_source.h"
 #include "device/log.h"
 #include "device/service.h"
@@ -71,7 +72,7 @@ void say_not_reloaded(const std::string& text) {
   elog(1, "zelvind: not reloaded: %s", text.substr(0, first).c_str());
   std::istringstream traceback(text.substr(first));
   for (std::string line; std::getline(traceback, line);) {
-    if (!line.empty()) elog(1, "zelvind: not reloaded, %s", line.substr(line.find_first_not_of('\t')).c_str());
+    if (!line.empty()) elog(1, "zelvind: not reloaded, %s", line.substr(line[0] == '\t' ? 1 : 0).c_str());
   }
 }
 
@@ -83,6 +84,7 @@ ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial
   tell_service(SERVICE_RELOADING);
   if (with_trial) {
     elog(2, "zelvind: trying a reload ...");
+    g_loop_stats.reloads_tried.add();
     const TrialVerdict trial = try_reload(managers.script, scripts, external);
     verdict = {trial.passed, trial.text};
   }
@@ -92,6 +94,7 @@ ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial
   } else {
     say_not_reloaded(verdict.text);
   }
+  g_loop_stats.reload_ended(verdict.done ? nullptr : verdict.text.c_str());
   resume_running();
   tell_service(verdict.done ? SERVICE_RELOADED : SERVICE_RELOAD_FAILED);
   return verdict;
@@ -162,6 +165,7 @@ void run() {
   try {
     idle(managers, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
+    g_loop_stats.reload_ended(error.what());
     elog(1, "zelvind: %s", error.what());
     tell_service(SERVICE_STOPPING);
     stop_threads(managers);  // they use what is destroyed next; nothing else is cleaned up

@@ -137,6 +137,10 @@ class LoopStats {
   // What such a word says, seen from now. Any thread.
   static ActivityNow read(uint64_t word);
 
+  // Hold the lock from before a fork until after it, so that the copy that tries a reload can count too.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
+
  private:
   struct CachedTag {
     const char* text;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "control/loop_stats.h"
 #include "device/log.h"
 #include "script/manager_script.h"
 #include "script/trial_child.h"
@@ -142,8 +143,17 @@ struct Pipe {
   }
 };
 
+// The device's library does this for its own locks.
+void keep_counts_usable_in_copy() {
+  const auto before = [] { g_loop_stats.before_fork(); };
+  const auto after = [] { g_loop_stats.after_fork(); };
+  static const int registered = pthread_atfork(before, after, after);
+  (void)registered;
+}
+
 // Forks between two passes of the loop. Returns the copy's process id, or -1 with errno set.
 pid_t fork_copy(ManagerScript& script, const Trial& trial, int64_t& held_us) {
+  keep_counts_usable_in_copy();
   script.stop.begin_to_watch();  // as in a reload: a script that never returns keeps the state
   const LuaTurn turn(script.gate, LuaGate::Turn::next);
   const int64_t before = steady_ns();
