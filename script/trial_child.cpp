@@ -29,7 +29,7 @@ constexpr rlim_t kMoreMemoryMost = rlim_t{256} * 1024 * 1024;  // bytes that the
 constexpr int kRepeatUs = 100000;                              // between two interruptions of a late script's calls
 
 int g_pipe = -1;
-volatile sig_atomic_t g_is_late = 0;
+volatile sig_atomic_t g_has_place = 0;
 
 void report_piece(TrialRecord::Kind kind, int level, const char* text, size_t size) {
   char bytes[kTrialRecordMost];
@@ -54,6 +54,7 @@ void report_log(int level, const char* lines, size_t size) {
 }
 
 void report_place(const char* place) {
+  g_has_place = 1;
   report(TrialRecord::Kind::place, place, strlen(place));
 }
 
@@ -80,11 +81,11 @@ void at_exit() {
   end_failed("a library calls exit, which ends the daemon");
 }
 
-// The time is over: interrupts what a script waits for in C, so that the hook gets its turn.
+// The time is over: interrupts what a script waits for in C, so that the hook gets its turn. Where it gets none, the
+// file is all that is known.
 void on_alarm(int) {
   const ScriptModule* const loading = g_mscript->scripts.current();
-  if (g_is_late == 0 && loading != nullptr) report_place(loading->path.c_str());
-  g_is_late = 1;
+  if (g_has_place == 0 && loading != nullptr) report_place(loading->path.c_str());
 }
 
 void leave_the_daemon(pid_t daemon) {
