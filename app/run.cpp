@@ -93,8 +93,8 @@ ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial
     managers.script.reload(scripts, external);
   } else {
     say_not_reloaded(verdict.text);
+    g_loop_stats.reload_ended(verdict.text.c_str());
   }
-  g_loop_stats.reload_ended(verdict.done ? nullptr : verdict.text.c_str());
   resume_running();
   tell_service(verdict.done ? SERVICE_RELOADED : SERVICE_RELOAD_FAILED);
   return verdict;
@@ -128,7 +128,7 @@ void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
     } else if (ReloadRequests::any()) {
       reload_as_asked(managers, folders);
     } else {
-      wait_for_signal();
+      wait_for_signal(managers.script.watch.look());
     }
   }
 }
@@ -158,6 +158,10 @@ void run() {
   SettingsFile file;
   elog_set_level("zelvind", file.number(settings::log_level));
   managers.script.collect_every = file.number(settings::collect_every);
+  managers.script.memory.set_limit(size_t{1024} * static_cast<size_t>(file.number(settings::script_memory)));
+  managers.script.watch.warn_ms = file.number(settings::script_warn_ms);
+  managers.script.watch.limit_ms = file.number(settings::script_limit_ms);
+  managers.script.watch.wake = wake_run_loop;
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   const bool trial_at_signal = file.number(settings::reload_trial) != 0;
@@ -165,7 +169,6 @@ void run() {
   try {
     idle(managers, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
-    g_loop_stats.reload_ended(error.what());
     elog(1, "zelvind: %s", error.what());
     tell_service(SERVICE_STOPPING);
     stop_threads(managers);  // they use what is destroyed next; nothing else is cleaned up

@@ -95,7 +95,8 @@ Ended read_report(Report& report, int pipe, const ScriptStop& stop, const sigset
     const int64_t left = until - steady_ms();
     if (left <= 0) return Ended::late;
     pollfd wanted{pipe, POLLIN, 0};
-    const timespec limit{left / 1000, left % 1000 * 1000000};
+    const int64_t wait_ms = std::min<int64_t>(left, watch_meanwhile());
+    const timespec limit{wait_ms / 1000, wait_ms % 1000 * 1000000};
     if (ppoll(&wanted, 1, &limit, &mask) <= 0) continue;
     const ssize_t got = read(pipe, bytes, sizeof(bytes));
     if (got < 0 && errno == EINTR) continue;
@@ -155,7 +156,7 @@ void keep_counts_usable_in_copy() {
 pid_t fork_copy(ManagerScript& script, const Trial& trial, int64_t& held_us) {
   keep_counts_usable_in_copy();
   script.stop.begin_to_watch();  // as in a reload: a script that never returns keeps the state
-  const LuaTurn turn(script.gate, LuaGate::Turn::next);
+  const LuaTurn turn(script.gate, watch_meanwhile);
   const int64_t before = steady_ns();
   const StopsWhenWanted limited(script.stop);
   const pid_t copy = fork();
