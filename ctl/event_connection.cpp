@@ -15,6 +15,12 @@
 EventConnection::EventConnection(const std::string& path, int limit)
     : limit_ms(limit), socket(connect_to_daemon(path, limit)) {}
 
+pid_t EventConnection::daemon() const {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  return getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
 void EventConnection::send(std::string_view lines) {
   while (!lines.empty()) {
     const ssize_t sent = ::send(socket.get(), lines.data(), lines.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -66,9 +72,8 @@ void EventConnection::wait_for(short events, bool enough_when_read) const {
       unread = now_unread;
       last_progress = Clock::now();
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
-      if (now_unread > 0) fail("the daemon has read nothing for " + limit_text());
-      fail("the daemon has read everything and then been busy for " + limit_text() +
-           "; it may still handle the events, and posting them again may double them");
+      fail("the daemon has " + std::string(now_unread > 0 ? "read nothing" : "read everything and then been busy") +
+           " for " + limit_text() + "; it may still handle the events, and posting them again may double them");
     }
   }
 }

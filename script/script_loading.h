@@ -7,6 +7,7 @@
 
 // One file loaded from the script directories.
 struct ScriptModule {
+  std::string path;
   std::string module_name;     // given by script_define while the file ran; empty until then
   int module_ref = LUA_NOREF;  // registry reference to the value given to script_define
 };
