@@ -115,14 +115,16 @@ void run() {
   managers.script.collect_every = file.number(settings::collect_every);
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
-  if (!start(managers, folders)) return;
+  if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
   try {
     idle(managers, folders);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
+    tell_service(SERVICE_STOPPING);
     stop_threads(managers);  // they use what is destroyed next; nothing else is cleaned up
     return;
   } catch (...) {
+    tell_service(SERVICE_STOPPING);
     stop_threads(managers);
     throw;
   }

@@ -4,28 +4,16 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 
+#include "ctl/daemon_socket.h"
 #include "ctl/failure.h"
 #include "util/text.h"
-#include "util/unix_socket.h"
 
-EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
-  if (socket.get() < 0) fail("failed to make a socket: " + error_text(errno));
-  // Bounds only the connect, which waits while the queue of connections is full; the sends below never block.
-  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000L};
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
-  int result = -1;
-  do {
-    result = unix_connect(socket.get(), path);
-  } while (result < 0 && errno == EINTR);
-  if (result == 0) return;
-  if (errno == EAGAIN) fail("the daemon at " + path + " has let nobody in for " + limit_text());
-  fail("no daemon at " + path + ": " + error_text(errno));
-}
+EventConnection::EventConnection(const std::string& path, int limit)
+    : limit_ms(limit), socket(connect_to_daemon(path, limit)) {}
 
 void EventConnection::send(std::string_view lines) {
   while (!lines.empty()) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "device/event_source.h"
 #include "device/log.h"
 #include "util/clock.h"
 
@@ -16,6 +17,13 @@ namespace {
 
 constexpr int kAcceptRetryMs = 300;
 constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
+
+constexpr OwnedSocket::Names kEventSocket{kEventSocketPath,
+                                          kEventLockPath,
+                                          "evq",
+                                          "no events from other processes",
+                                          "events from other processes are taken",
+                                          elog};
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -45,6 +53,8 @@ struct EventPosters::Batch {
   int lines = 0;
   RecordList records;
 };
+
+EventPosters::EventPosters(EventInbox& the_inbox) : inbox(the_inbox), socket(kEventSocket) {}
 
 bool EventPosters::open() {
   epoll.reset(above_standard_streams(epoll_create1(EPOLL_CLOEXEC)));

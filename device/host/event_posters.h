@@ -21,10 +21,10 @@
 #include <string_view>
 
 #include "device/host/event_inbox.h"
-#include "device/host/event_socket.h"
 #include "device/host/poster_places.h"
 #include "util/descriptor.h"
 #include "util/mutex.h"
+#include "util/owned_socket.h"
 #include "util/rate_limit.h"
 
 constexpr int kPostedEventsMax = 4096;                       // nothing is read while that many wait,
@@ -35,7 +35,7 @@ constexpr size_t kTurnBytesAlone = size_t{64} * 1024;        // received when no
 
 class EventPosters {
  public:
-  explicit EventPosters(EventInbox& the_inbox) : inbox(the_inbox) {}
+  explicit EventPosters(EventInbox& the_inbox);
 
   // Makes the epoll set with the inbox's descriptor in it, and the socket; wait() tries again when that fails. Returns
   // false, with errno set, when there is no descriptor left for the set.
@@ -46,7 +46,7 @@ class EventPosters {
 
   bool is_open() const { return epoll.get() >= 0; }
 
-  // EventSocket::number(). Any thread.
+  // OwnedSocket::number(). Any thread.
   int socket_number() const { return socket.number(); }
 
   // Waits until something happens, at most timeout_ms, and reads from the posters that are ready, until enough events
@@ -98,7 +98,7 @@ class EventPosters {
 
   EventInbox& inbox;
   Descriptor epoll;    // constant while the threads run
-  EventSocket socket;  // changed by the script thread, under mutex
+  OwnedSocket socket;  // changed by the script thread, under mutex
 
   Mutex mutex;
   PosterPlaces places GUARDED_BY(mutex);

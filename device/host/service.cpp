@@ -22,8 +22,8 @@ namespace {
 
 constexpr char kWatchdogVariable[] = "WATCHDOG_USEC";
 
-enum class State { starting, ready, reloading, stopping };
-constexpr const char* kStateNames[] = {"starting", "ready", "reloading", "stopping"};
+enum class State { starting, ready, reloading, ended, stopping };
+constexpr const char* kStateNames[] = {"starting", "ready", "reloading", "ended", "stopping"};
 
 struct Service {
   NotifySocket manager;            // opened before the script thread starts, constant afterwards
@@ -34,6 +34,7 @@ struct Service {
 
   Mutex mutex;
   State state GUARDED_BY(mutex) = State::starting;
+  bool has_ended GUARDED_BY(mutex) = false;  // the event loop; a reload does not bring it back
   long long reloads GUARDED_BY(mutex) = 0;
   bool said_file GUARDED_BY(mutex) = false;
   std::atomic<int> kept_for{0};  // written under mutex: the socket for which the state file is kept; 0: none is
@@ -113,10 +114,17 @@ void begin_reload(Service& s) {
   change(s, State::reloading, text);
 }
 
-void end_reload(Service& s) {
+// `text` begins with READY=1: it ends the reload for the manager, also when no event will be handled any more.
+void end_reload(Service& s, bool is_done, const char* text) {
   const MutexLock lock(s.mutex);
-  ++s.reloads;
-  change(s, State::ready, "READY=1");
+  if (is_done) ++s.reloads;
+  change(s, s.has_ended ? State::ended : State::ready, s.has_ended ? "READY=1\nSTATUS=The event loop has ended" : text);
+}
+
+void end_loop(Service& s) {
+  const MutexLock lock(s.mutex);
+  s.has_ended = true;
+  if (s.state == State::ready) change(s, State::ended, "STATUS=The event loop has ended");
 }
 
 void begin_stop(Service& s) {
@@ -147,9 +155,13 @@ extern "C" void service_state(int state) {
     case SERVICE_RELOADING:
       return begin_reload(s);
     case SERVICE_RELOADED:
-      return end_reload(s);
+      return end_reload(s, true, "READY=1\nSTATUS=");
+    case SERVICE_RELOAD_FAILED:
+      return end_reload(s, false, "READY=1\nSTATUS=The last reload has failed and changed nothing");
     case SERVICE_STOPPING:
       return begin_stop(s);
+    case SERVICE_ENDED:
+      return end_loop(s);
     default:
       return;
   }
