@@ -111,7 +111,7 @@ void idle(Managers& managers, Control& control, const Folders& folders) {
     } else if (g_running == 0 && g_stop != 0) {
       return;
     } else {
-      wait_for_signal();
+      wait_for_signal(managers.script.watch.look());
     }
   }
 }
@@ -144,6 +144,10 @@ void run() {
   control.requests.set_log_level(file.number(settings::log_level));
   control.requests.set_script_memory(file.number(settings::script_memory));
   managers.script.collect_every = file.number(settings::collect_every);
+  managers.script.memory.set_limit(size_t{1024} * static_cast<size_t>(file.number(settings::script_memory)));
+  managers.script.watch.warn_ms = file.number(settings::script_warn_ms);
+  managers.script.watch.limit_ms = file.number(settings::script_limit_ms);
+  managers.script.watch.wake = wake_run_loop;
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   control.server.start();

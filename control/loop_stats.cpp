@@ -18,10 +18,9 @@ ActivityNow LoopStats::read(uint64_t word) {
   const int64_t age = static_cast<int64_t>((reading - (word >> 20)) << 20) >> 20;  // of 44 bits
   const auto activity = static_cast<Activity>(word & 15);
   const bool has_event = activity == Activity::forwarding || activity == Activity::handler;
-  const bool has_tag = activity >= Activity::handler && activity <= Activity::coroutine;
   const bool has_begun = activity != Activity::starting;
   return {activity, has_event ? static_cast<int>(word >> 12 & 255) : -1,
-          has_tag ? static_cast<int>(word >> 4 & 255) : -1, has_begun && age > 0 ? age << 10 : 0};
+          is_call(word) ? static_cast<int>(word >> 4 & 255) : -1, has_begun && age > 0 ? age << 10 : 0};
 }
 
 ActivityNow LoopStats::activity() const {
@@ -57,8 +56,7 @@ void LoopStats::begin_collection() {
 }
 
 void LoopStats::end_collection() {
-  const int64_t began = last_reading.load(std::memory_order_relaxed);
-  collections.add(read_clock() - began);
+  read_clock();
   set_activity(Activity::idle);
 }
 

@@ -115,10 +115,11 @@ class LoopStats {
   // The loop has waited for an event, or has looked for one in vain: reads the clock.
   void looks_around();
 
-  // A full collection that began at the clock's last reading has ended.
+  // Around what the loop does about garbage between two calls.
   void begin_collection();
   void end_collection();
-  void stop() { set_activity(Activity::stopped); }
+  // The loop has ended.
+  void stops() { set_activity(Activity::stopped); }
 
   // What the thread that has the Lua state says.
 
@@ -136,6 +137,10 @@ class LoopStats {
   uint64_t word() const { return now.load(std::memory_order_relaxed); }
   // What such a word says, seen from now. Any thread.
   static ActivityNow read(uint64_t word);
+  static bool is_call(uint64_t word) {
+    const auto activity = static_cast<Activity>(word & 15);
+    return activity >= Activity::handler && activity <= Activity::coroutine;
+  }
 
  private:
   struct CachedTag {
@@ -193,8 +198,7 @@ inline void LoopStats::set_activity(Activity activity) {
 
 inline uint64_t LoopStats::call() const {
   const uint64_t what = word();
-  const auto activity = static_cast<Activity>(what & 15);
-  return activity >= Activity::handler && activity <= Activity::coroutine ? what : 0;
+  return is_call(what) ? what : 0;
 }
 
 inline int LoopStats::tag_entry(const char* tag) {
