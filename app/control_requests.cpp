@@ -101,6 +101,17 @@ void add_events_and_tags(Answer& answer) {
   });
 }
 
+// Absent until the loop has begun.
+void add_recent(Answer& answer) {
+  const LoopStats& loop = g_loop_stats;
+  const auto past = loop.history.past(steady_ns());
+  if (!past) return;
+  const LoopSample& then = past->sample;
+  answer.line("recent").key("over_ms", past->age_ns / 1000000).key("events", loop.all_events() - then.events);
+  answer.key("errors", loop.all_errors() - then.errors).key("waiting_then", then.waiting);
+  answer.key("timers_then", then.timers).key("coroutines_then", then.coroutines);
+}
+
 void add_scripts(Answer& answer, int script_memory_kib) {
   const LoopStats& loop = g_loop_stats;
   answer.line("timers").key("now", loop.timers.get()).durations("lateness_", loop.timer_lateness);
@@ -179,6 +190,7 @@ void ControlRequests::add_stats(Answer& answer, const std::string& where) const 
   add_daemon(answer);
   add_loop(answer, where);
   add_queue(answer);
+  add_recent(answer);
   add_events_and_tags(answer);
   add_scripts(answer, script_memory_kib);
   add_listener(answer);

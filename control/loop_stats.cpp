@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "device/event_source.h"
 #include "util/text.h"
 
 LoopStats g_loop_stats;
@@ -45,8 +46,26 @@ LastReload LoopStats::last_reload() const {
   return {reload_time, reload_text};
 }
 
+uint64_t LoopStats::all_events() const {
+  uint64_t sum = 0;
+  for (const EventStats& event : events) sum += event.events.get();
+  return sum;
+}
+
+uint64_t LoopStats::all_errors() const {
+  uint64_t sum = 0;
+  for (const TagStats& tag : tags) sum += tag.errors.get();
+  return sum;
+}
+
+void LoopStats::take_sample() {
+  const int waiting = event_pending == nullptr ? 0 : event_pending();
+  history.add(last_reading.load(std::memory_order_relaxed),
+              {all_events(), all_errors(), static_cast<uint64_t>(waiting), timers.get(), coroutines.get()});
+}
+
 void LoopStats::looks_around() {
-  read_clock();
+  if (history.is_due(read_clock())) take_sample();
   // So `idle` lasts from the end of the last work on.
   if (static_cast<Activity>(word() & 15) != Activity::idle) set_activity(Activity::idle);
 }

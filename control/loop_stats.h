@@ -14,6 +14,7 @@
 #include <string>
 
 #include "control/counter.h"
+#include "control/loop_history.h"
 #include "control/name_table.h"
 #include "util/clock.h"
 #include "util/mutex.h"
@@ -86,6 +87,11 @@ class LoopStats {
   Counter reloads_tried;   // trials of a reload that have begun
   Counter reloads_failed;  // in the trial, or in the load itself
   Counter reloads_done;
+  LoopHistory history;
+
+  // The sum over all type names, or over all tags.
+  uint64_t all_events() const;
+  uint64_t all_errors() const;
 
   // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
@@ -150,6 +156,7 @@ class LoopStats {
   static constexpr uintptr_t kCachedTags = 64;
 
   int64_t read_clock();
+  void take_sample();
   int tag_entry(const char* tag);
   void set_activity(Activity activity);
 
@@ -216,6 +223,7 @@ inline void LoopStats::takes_event(const char* type_name) {
 
 inline void LoopStats::begin_dispatch() {
   dispatch_began = read_clock();
+  if (history.is_due(dispatch_began)) take_sample();
   dispatching = true;
   errors_in_dispatch = 0;
 }

@@ -45,7 +45,7 @@ size_t characters_of(const std::string& text) {
 }  // namespace
 
 std::string duration_text(uint64_t us) {
-  if (us < 1000) return std::to_string(us) + " us";
+  if (us < 1000) return us == 0 ? "0 s" : std::to_string(us) + " us";
   if (us < kSecond) return in_unit(static_cast<double>(us) / 1000, "ms");
   if (us < kMinute) return sstr("%.1f s", static_cast<double>(us / 100000) / 10);
   if (us < kHour) return in_two(us, kMinute, "min", kSecond, "s");
