@@ -38,7 +38,14 @@ class Durations {
     return bucket < kBuckets ? bucket : kBuckets - 1;
   }
 
+  // How many there are. Any thread.
+  uint64_t count() const {
+    uint64_t sum = 0;
+    for (const Counter& bucket : buckets) sum += bucket.get();
+    return sum;
+  }
+
   Counter sum_ns;
   Counter max_ns;
-  Counter buckets[kBuckets];  // their sum is the number of durations
+  Counter buckets[kBuckets];
 };

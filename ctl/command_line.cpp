@@ -62,9 +62,6 @@ void add(CLI::App& command, const Parameter& parameter) {
     case Takes::repeated:
       option->expected(1)->take_all();
       break;
-    case Takes::some_needed:
-      option->required()->expected(1, -1)->allow_extra_args();
-      break;
     case Takes::nothing:
     case Takes::value:
       break;

@@ -22,7 +22,6 @@ struct Parameter {
     needed,       // one value
     values,       // any number of them
     repeated,     // of an option: one each time it is given
-    some_needed,  // at least one
   };
 
   const char* name = nullptr;

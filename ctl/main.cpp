@@ -3,9 +3,12 @@
 #include <unistd.h>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "ctl/check/check.h"
 #include "ctl/command_line.h"
+#include "ctl/completion.h"
+#include "ctl/inspect/inspect.h"
 #include "ctl/listen.h"
 #include "ctl/live/tail.h"
 #include "ctl/post.h"
@@ -66,6 +69,18 @@ void run_reload(const Given& given) {
   const ReloadRequest request{given.root, given.value("--pidfile"), given.has("--strict")};
   if (given.has("--watch")) return reload_at_changes(request, stdout);
   reload_scripts(request, stdout);
+}
+
+void run_status(const Given& given) {
+  print_status(given.root, given.has("--json"), stdout);
+}
+
+void run_scripts(const Given& given) {
+  print_scripts(given.root, given.has("--json"), stdout);
+}
+
+void run_log_level(const Given& given) {
+  print_log_level(given.root, given.has("N") ? std::optional(given.number("N", 0)) : std::nullopt, stdout);
 }
 
 void run_run(const Given& given) {
@@ -167,6 +182,23 @@ const std::vector<Command>& commands() {
        {{"ARGUMENT", Takes::values, "Arguments of the daemon; put -- in front of them"},
         {"--force", Takes::nothing, "Start a daemon although one runs already"}},
        run_run},
+      {"status",
+       "Tell on one screen how the daemon is",
+       "The first line says whether it takes events; lines that begin with ! say what deserves a look.\n"
+       "Ends with status 0 when the daemon takes events, with 1 when it does not or when none answers.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
+       run_status},
+      {"scripts",
+       "List the daemon's script files, handlers, timers and tasks",
+       "The event loop itself tells them: while a script holds it, the command ends with 1 and names that script.",
+       {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
+       run_scripts},
+      {"log-level",
+       "Print the daemon's log level, or set it until its next start",
+       "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet.",
+       {{"N", Takes::number, "The new level", nullptr, 0, 4}},
+       run_log_level},
   };
   return table;
 }
@@ -174,13 +206,17 @@ const std::vector<Command>& commands() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);  // a reader of ours that goes away is an error like any other
+  signal(SIGPIPE, SIG_IGN);                            // a reader of ours that goes away is an error like any other
+  if (argc > 1 && strcmp(argv[1], "complete") == 0) {  // asked by a shell; no command for people
+    print_completions(commands(), {argv + 2, argv + argc}, stdout);
+    return 0;
+  }
   Exit status = Exit::unreachable;
   try {
     run_command_line(commands(), argc, argv);
     status = Exit::done;
   } catch (const Failure& failure) {
-    fprintf(stderr, "zelvctl: %s\n", failure.what());
+    if (*failure.what() != '\0') fprintf(stderr, "zelvctl: %s\n", failure.what());  // else it is said already
     status = failure.status;
   } catch (const std::exception& error) {
     fprintf(stderr, "zelvctl: %s\n", error.what());

@@ -91,6 +91,7 @@ bool ManagerListener::make_place(const PeerText& newcomer) {
           give_up(*victim, newcomer);
           return true;
         }
+        ++counted.refused;
         if (const auto left_out = place_limit.allow()) {
           elog(1, "mlistener: too many clients, %s is refused%s", newcomer.text, left_out->text);
         }
@@ -125,6 +126,7 @@ void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) 
     elog(1, "mlistener: too many clients, client %d (%s) is closed for %s%s", victim.fd, PeerText(victim.address).text,
          newcomer.text, left_out->text);
   }
+  ++counted.given_up;
   victim.is_leaving = true;
   victim.output.give_up();
   shutdown(victim.fd, SHUT_RDWR);
@@ -142,4 +144,5 @@ void ManagerListener::add_client(int fd, const sockaddr_in& peer) {
   client->open(fd, peer);
   client->position = clients.size();
   clients.push_back(std::move(client));
+  ++counted.accepted;
 }

@@ -18,20 +18,32 @@ constexpr size_t kClientMax = 1000;
 class ClientMemory {
  public:
   // `limit`: bytes of all clients together.
-  explicit ClientMemory(size_t limit) : own(limit / 2 / kClientMax / kBuffersOfAClient), shared(limit - limit / 2) {}
+  explicit ClientMemory(size_t the_limit)
+      : limit(the_limit), own(limit / 2 / kClientMax / kBuffersOfAClient), shared(limit - limit / 2) {}
 
   // Asks for a buffer of `to` bytes in place of one of `from`. Returns whether it is granted; a smaller one always is.
   bool resize(size_t from, size_t to) {
     const size_t before = beyond(from);
     const size_t after = beyond(to);
     const size_t sum = used.fetch_add(after - before) + (after - before);
-    if (after <= before || sum <= shared) return true;
-    used -= after - before;
-    return false;
+    if (after > before && sum > shared) {
+      used -= after - before;
+      return false;
+    }
+    all += to - from;
+    return true;
   }
 
   // The same without asking: for what is given back, and for a type string: its packet was granted as much.
-  void replace(size_t from, size_t to) { used += beyond(to) - beyond(from); }
+  void replace(size_t from, size_t to) {
+    used += beyond(to) - beyond(from);
+    all += to - from;
+  }
+
+  // Bytes that are held now.
+  size_t held() const { return all.load(std::memory_order_relaxed); }
+
+  const size_t limit;
 
  private:
   static constexpr size_t kBuffersOfAClient = 3;
@@ -41,6 +53,7 @@ class ClientMemory {
   const size_t own;
   const size_t shared;
   std::atomic<size_t> used{0};  // of the shared half
+  std::atomic<size_t> all{0};
 };
 
 // Bytes that are added at the end and taken from the front. Starts without memory, grows by doubling. Not shared

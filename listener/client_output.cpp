@@ -1,6 +1,7 @@
 #include "listener/client_output.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "util/socket.h"
 
@@ -17,6 +18,8 @@ void ClientOutput::reset() {
   owing = failing = is_broken = false;
   skipped = 0;
   trusted_from = {};
+  counted = {};
+  deliveries_sent = 0;
 }
 
 ClientOutput::Pushed ClientOutput::push(int fd) {
@@ -35,7 +38,12 @@ ClientOutput::Pushed ClientOutput::push(int fd) {
     give_up();
     return Pushed::broken;
   }
-  if (sent > 0) failing = false;
+  if (sent > 0) {
+    failing = false;
+    counted.bytes += static_cast<uint64_t>(sent);
+    ++counted.sends;
+    if (counted.deliveries - std::exchange(deliveries_sent, counted.deliveries) > 1) ++counted.gathered_sends;
+  }
   if (is_range) {
     range.consume(static_cast<size_t>(sent));
     copy_range();  // slow clients must not hold the block
@@ -69,8 +77,10 @@ void ClientOutput::owe() {
 }
 
 bool ClientOutput::skip() {
+  last_skip = Clock::now();
+  ++counted.skips;
   if (skipped++ > 0) return false;
-  first_skip = Clock::now();
+  first_skip = last_skip;
   return true;
 }
 

@@ -13,6 +13,7 @@
 #include <cstddef>
 
 #include "listener/client_buffer.h"
+#include "listener/listener_status.h"
 #include "listener/packet_block.h"
 
 class ClientOutput {
@@ -34,13 +35,19 @@ class ClientOutput {
 
   // Adds a packet behind what waits. Not while the client owes, nor to a broken connection. False when the memory for
   // it is not granted: nothing has been added.
-  bool append(const char* packet, size_t size) { return copy_range() && bytes.append(packet, size); }
+  bool append(const char* packet, size_t size) {
+    if (!copy_range() || !bytes.append(packet, size)) return false;
+    ++counted.deliveries;
+    return true;
+  }
 
   // As append, with the last packet of `block`, `size` bytes long. It is not copied.
   bool append_last(PacketBlock& block, size_t size) {
-    if (range.extend(block, size)) return true;
-    if (!copy_range()) return false;
-    range.begin(block, size);
+    if (!range.extend(block, size)) {
+      if (!copy_range()) return false;
+      range.begin(block, size);
+    }
+    ++counted.deliveries;
     return true;
   }
 
@@ -77,6 +84,10 @@ class ClientOutput {
   Clock::time_point gap_start() const { return first_skip; }
   int take_gap();
 
+  // What came of the connection so far, and when an event was skipped last.
+  const OutputCounts& counts() const { return counted; }
+  Clock::time_point skipped_last() const { return last_skip; }
+
  private:
   bool copy_range();
 
@@ -89,4 +100,7 @@ class ClientOutput {
   Clock::time_point owing_since{};
   Clock::time_point trusted_from{};
   Clock::time_point first_skip{};
+  Clock::time_point last_skip{};
+  OutputCounts counted;
+  uint64_t deliveries_sent = 0;  // of counted.deliveries, those that a send has begun with
 };

@@ -142,6 +142,7 @@ void ManagerListener::wait_for_slow() {
   for (Clock::time_point now = start;;) {
     const Clock::duration longest = settle(start, now);
     if (slow.empty()) return;
+    if (now == start) ++counted.waits;
     slow_fds.clear();
     for (const ListenerClient* client : slow) slow_fds.push_back({client->fd, POLLOUT, 0});
     slow_fds.push_back({stop_event.get(), POLLIN, 0});
@@ -178,8 +179,9 @@ ManagerListener::Clock::duration ManagerListener::settle(Clock::time_point start
   return longest;
 }
 
-// Charges the wait from `before` to `now` to the budgets of those that are slow.
+// Counts the wait from `before` to `now`, also against the budgets of those that are slow.
 void ManagerListener::charge(Clock::time_point before, Clock::time_point now) {
+  waited += now - before;
   bool strangers = false;
   bool known = false;
   for (const ListenerClient* client : slow) (client->is_known(before) ? known : strangers) = true;

@@ -98,7 +98,8 @@ bool ManagerListener::open_port() {
   if (listening < 1) return false;
   set_client_options(listening);
   server_fd = listening;
-  if (port == 0) elog(2, "mlistener: listening on port %d", bound_port(server_fd));
+  open_number = bound_port(server_fd);
+  if (port == 0) elog(2, "mlistener: listening on port %d", open_number.load());
   return true;
 }
 
@@ -111,15 +112,21 @@ void ManagerListener::stop() {
   }
   if (server_fd > 0) sock_close(server_fd);
   server_fd = 0;
+  open_number = 0;
 
   const MutexLock lock(mutex);  // the script thread may still be forwarding an event
   send_waiting(true);
   for (size_t i = clients.size(); i > 0; --i) subscriptions.remove(i - 1);
   for (std::unique_ptr<ListenerClient>& client : clients) {
-    client->close();
+    end_client(*client);
     free_clients.push_back(std::move(client));
   }
   clients.clear();
+}
+
+void ManagerListener::end_client(ListenerClient& client) {
+  counted.add(client.output.counts());
+  client.close();
 }
 
 // Waits until the stop, at most so long. Returns whether the listener still runs. Accept and event_recv threads.

@@ -21,6 +21,7 @@
 
 #include "listener/client_set.h"
 #include "listener/listener_client.h"
+#include "listener/listener_status.h"
 #include "listener/subscription_cache.h"
 #include "listener/wait_budget.h"
 #include "util/descriptor.h"
@@ -56,6 +57,11 @@ class ManagerListener {
   // Logs failures. Script thread.
   void forward_event(const event_item* event);
 
+  // Copies of what is counted, for all clients together and for each one, in the order in which they were accepted. Any
+  // thread, while the listener exists; the lock is held no longer than the copy takes.
+  ListenerStatus status();
+  std::vector<ClientStatus> client_list();
+
  private:
   using Clock = ClientOutput::Clock;
 
@@ -67,6 +73,7 @@ class ManagerListener {
   bool open_port();
   bool pause(int milliseconds) const;
   void wake_receiver() const;
+  void end_client(ListenerClient& client) REQUIRES(mutex);
 
   // accept_thread.cpp
   void accept_loop();
@@ -113,6 +120,8 @@ class ManagerListener {
   PacketBlock* block GUARDED_BY(mutex);         // the packets that clients have ranges of
   ClientSet gathered GUARDED_BY(mutex);         // who may have output that is due; a bit too many does no harm
   int burst_ticks GUARDED_BY(mutex) = 0;        // how often the event_recv thread will send what is gathered
+  ListenerStatus counted GUARDED_BY(mutex);     // what is counted here, and the output of clients that have gone
+  Clock::duration waited GUARDED_BY(mutex){};   // for slow clients
   WaitBudget strangers_wait GUARDED_BY(mutex);  // for clients younger than a minute
   WaitBudget known_wait GUARDED_BY(mutex);      // for the others
   RateLimit skip_limit GUARDED_BY(mutex);       // of "stopped reading" lines
@@ -137,6 +146,7 @@ class ManagerListener {
   RateLimit place_limit;  // of "too many clients" lines
 
   std::atomic<bool> running{false};  // the main thread writes it
+  std::atomic<int> open_number{0};   // of the port that is open; who has server_fd writes it
 };
 
 // The one listener, or null: set by its constructor, cleared by its destructor. The main thread writes it; the script

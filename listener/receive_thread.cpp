@@ -172,7 +172,7 @@ void ManagerListener::remove_client(ListenerClient& client) {
   elog(2, "mlistener: delete client : %d", client.fd);
   shutdown(client.fd, SHUT_RDWR);  // ends the script thread's wait for it, which would keep the connection open
   const size_t position = client.position;
-  client.close();
+  end_client(client);
   subscriptions.remove(position);
   gathered.remove(position);
   const auto found = clients.begin() + static_cast<std::ptrdiff_t>(position);

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "device/counts.h"
 #include "tests/device_root_fixture.h"
 
 static std::string g_syslog;  // what went there: "PRIORITY LINE|" each
@@ -90,9 +91,15 @@ TEST_F(DeviceLog, APipeGetsWholeLinesOfThreadsAndADeadOneNoSignal) {
   }
   for (std::thread& thread : threads) thread.join();
   reader.close();
+  log_counts counts{}, after{};
+  log_counts_now(&counts);
   errno = ENOENT;
   elog(1, "nobody reads this");  // a signal would end the test
   EXPECT_EQ(errno, ENOENT);
+  log_counts_now(&after);
+  EXPECT_GE(counts.written, 80u);
+  EXPECT_EQ(after.written, counts.written);
+  EXPECT_EQ(after.lost, counts.lost + 1);
 }
 
 TEST_F(DeviceLog, FilesAndWhatIsNone) {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "device/counts.h"
 #include "device/event_queue.h"
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
@@ -49,6 +50,12 @@ class DeviceQueue : public DeviceRoot {
     Descriptor fd(unix_stream_socket());
     EXPECT_EQ(unix_connect(fd.get(), path), 0) << path;
     return fd;
+  }
+
+  static event_counts counts() {
+    event_counts now{};
+    event_counts_now(&now);
+    return now;
   }
 
   static void send_all(const Descriptor& fd, const std::string& bytes) {
@@ -95,10 +102,19 @@ TEST_F(DeviceQueue, LinesOfPosters) {
       {"too long", {longest, longest, longest, "\n1 n\n"}, "1 n \n"},
   };
   for (const auto& row : rows) EXPECT_EQ(post(row.pieces), row.events) << row.what;
+  const Descriptor fd = poster();
+  send_all(fd, "1 n\n2 n\nrubbish\n3");
+  for (const char* const event : {"1 n ", "2 n "}) EXPECT_EQ(next(5000), event);
+  std::vector<event_poster> posters(EVENT_POSTERS_MAX);
+  posters.resize(event_posters_now(posters.data(), EVENT_POSTERS_MAX));
+  ASSERT_EQ(posters.size(), 1u);  // those of the rows have left
+  EXPECT_EQ(posters[0].process, getpid());
+  EXPECT_EQ(std::vector<uint64_t>({posters[0].lines, posters[0].lines_refused, posters[0].bytes_waiting}),
+            (std::vector<uint64_t>{2, 1, 1}));
   event_arrange();
   EXPECT_EQ(logged(), "<1> evq: dropped a line of process " + std::to_string(getpid()) + " of user " +
                           std::to_string(getuid()) + ": the line is longer than 65000 bytes: '1 n " +
-                          std::string(36, 'x') + "'\n<1> evq: 1 bad lines of other processes dropped\n");
+                          std::string(36, 'x') + "'\n<1> evq: 2 bad lines of other processes dropped\n");
 }
 
 // Nobody dequeues until the end: what comes meanwhile is read, stamped and answered by another thread.
@@ -109,6 +125,7 @@ TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
   };
   std::vector<int64_t> times = {now_us()};
+  const event_counts before = counts();
   const std::string events[] = {"1 line 1", "2 own 1", "1 line 2", "2 own 2", "1 line 3"};
   for (const std::string& event : events) {
     if (event[0] == '2') {
@@ -123,15 +140,26 @@ TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
     times.push_back(now_us());
   }
   EXPECT_EQ(event_pending(), 5);
+  const event_counts full = counts();
+  EXPECT_EQ(std::vector<uint64_t>({full.posted - before.posted, full.lines - before.lines, full.waiting}),
+            (std::vector<uint64_t>{2, 3, 5}));
   for (size_t i = 0; i + 1 < times.size(); ++i) {
+    const auto since = [&](size_t time) { return now_us() - times[time]; };
+    const int64_t least_us = since(i + 1);
+    const auto oldest_us = static_cast<int64_t>(counts().oldest_age_us);
+    EXPECT_TRUE(oldest_us >= least_us && oldest_us <= since(i)) << oldest_us;
     event_item* const item = event_dequeue(0);
     ASSERT_NE(item, nullptr);
+    const int64_t waited_us = (steady_ns() - event_came_ns(item)) / 1000;
+    EXPECT_TRUE(waited_us >= oldest_us && waited_us <= since(i)) << waited_us;
     EXPECT_EQ(std::to_string(item->type) + " " + item->type_name + " " + item->info, events[i]);
     const int64_t stamp = int64_t{item->timestamp[0]} * 1000000 + item->timestamp[1];
     EXPECT_GE(stamp, times[i]);
     EXPECT_LE(stamp, times[i + 1]);
     event_item_free(item);
   }
+  EXPECT_EQ(counts().oldest_age_us, 0u);
+  EXPECT_EQ(std::vector<uint32_t>({counts().waiting, counts().waiting_highest}), (std::vector<uint32_t>{0, 5}));
 }
 
 TEST_F(DeviceQueue, ManyPostersTakeTurnsByEvents) {
@@ -197,6 +225,7 @@ TEST_F(DeviceQueue, WhoHasMostConnectionsGivesOneUp) {
   close(done[0]);
   char byte = 0;
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  const uint64_t evicted_before = counts().posters_evicted;
   const Descriptor waiting = poster();
   send_all(waiting, "2 waited\n");
   const clock_t cpu = clock();
@@ -204,6 +233,7 @@ TEST_F(DeviceQueue, WhoHasMostConnectionsGivesOneUp) {
   std::string event;
   for (int i = 0; i < 300 && event != "2 waited "; ++i) spoke += (event = next(1000)) == "1 spoke ";
   EXPECT_EQ(event, "2 waited ");
+  EXPECT_EQ(counts().posters_evicted, evicted_before + 1);
   EXPECT_EQ(spoke, 255);                         // what the one that had to go has sent was read before
   EXPECT_LT(clock() - cpu, CLOCKS_PER_SEC / 5);  // nobody spins meanwhile
   EXPECT_EQ(post({"3 n\n"}), "3 n \n");
@@ -234,6 +264,7 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   EXPECT_EQ(event_post(7, "n", nullptr), 1);
   for (const char* const event : {"5 door state=open", "7 n "}) EXPECT_EQ(next(0), event);
 
+  const uint64_t refused_before = counts().posted_refused;
   const std::string megabyte(1 << 20, 'x');
   for (int i = 0; i < 63; ++i) ASSERT_EQ(event_post(1, "big", megabyte.c_str()), 1);
   EXPECT_EQ(event_post(1, "big", megabyte.c_str()), -2);
@@ -241,6 +272,7 @@ TEST_F(DeviceQueue, EventsOfTheProcessAndItsScripts) {
   for (int i = 0; i < 65536; ++i) ASSERT_EQ(event_post(1, "small", ""), 1);
   EXPECT_EQ(event_post(1, "small", ""), -2);
   EXPECT_EQ(event_pending(), 65536);
+  EXPECT_EQ(counts().posted_refused, refused_before + 2);
   EXPECT_EQ(next(0), "1 small ");
   EXPECT_EQ(event_post(1, "small", ""), 1);
   event_arrange();

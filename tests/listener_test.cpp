@@ -170,6 +170,7 @@ TEST(ClientMemory, HasAnEndAndAShareForEach) {
   size_t granted = 0;
   while (append(*buffers[granted], large)) ++granted;
   EXPECT_EQ(granted, 165u);  // of some 38,000 bytes beyond the share
+  EXPECT_GE(memory.held(), 165u * 40000);
   for (size_t i = granted; i < buffers.size(); ++i) EXPECT_TRUE(append(*buffers[i], small));
   buffers[1]->consume(39990);
   EXPECT_TRUE(append(*buffers[1], small));
@@ -179,6 +180,7 @@ TEST(ClientMemory, HasAnEndAndAShareForEach) {
   buffers[0]->tidy();
   EXPECT_TRUE(append(*buffers[199], large));
   buffers.clear();
+  EXPECT_EQ(memory.held(), 0u);
   {
     ListenerClient client(memory);
     for (const size_t size : {60000u, 5u}) client.set_type_string(std::string(size, 't'));
@@ -262,6 +264,11 @@ TEST_F(Listener, ABurstLeavesWithItsLastEvent) {
     forward_next();
     EXPECT_EQ(client->read_info(), "third");
   }
+  const ClientStatus counted = listener->client_list()[0];
+  EXPECT_EQ(counted.deliveries, 60u);
+  EXPECT_EQ(counted.sends, 40u);
+  EXPECT_EQ(counted.gathered_sends, 20u);
+  EXPECT_EQ(counted.bytes, 20u * (12 + 5 + 6 + 12 + 5 + 7 + 12 + 5 + 6));
   EXPECT_LT(watch.ms(), 700);              // nothing was left to the event_recv thread, which comes round every 50 ms
   for (const bool stop : {false, true}) {  // a handler that runs for long holds nothing back, nor does the stop
     for (const char* const info : {"held back", "not yet taken"}) standin::post(1, "door", info);
@@ -350,6 +357,15 @@ TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {
   forward("over", "over");
   EXPECT_EQ(fresh->read_info(), "over");
   EXPECT_EQ(got.get() + number_behind(again), number);
+  const ClientStatus caught_up = listener->client_list()[1];
+  EXPECT_EQ(caught_up.state + " "s + caught_up.subscription, "subscribed door,over,stalled");
+  EXPECT_EQ(caught_up.skips, static_cast<uint64_t>(number_behind(again)));
+  EXPECT_EQ(caught_up.deliveries + caught_up.skips, static_cast<uint64_t>(number) + 1);
+  EXPECT_GE(caught_up.last_skip_s, 0);
+  const ListenerStatus all = listener->status();
+  EXPECT_GE(all.skips, caught_up.skips + 2);  // those of clients that have gone stay counted
+  EXPECT_GT(all.waits, 0u);
+  EXPECT_TRUE(all.waited_us >= 50000 && all.waited_us < 1000000) << all.waited_us;
 
   EXPECT_LT(ms_of_300(), 2000);  // who has stalled a moment ago is not waited for
   listener->stop();
@@ -414,6 +430,11 @@ TEST_F(Listener, WhoeverDoesNotSubscribeGivesUpHisPlace) {
   subscribe(fourth, "door,fourth");
   EventClient refused(port);
   EXPECT_TRUE(refused.ended());
+  const ListenerStatus full = listener->status();
+  EXPECT_EQ(full.port, port);
+  EXPECT_EQ(std::vector<size_t>({full.clients, full.subscribed, full.owing, full.leaving}),
+            (std::vector<size_t>{3, 3, 0, 0}));
+  EXPECT_EQ(std::vector<uint64_t>({full.accepted, full.refused, full.given_up}), (std::vector<uint64_t>{4, 1, 1}));
   forward("door", "for all");
   for (EventClient* client : {&first, &third, &fourth}) EXPECT_EQ(client->read_info(), "for all");
   EXPECT_EQ(standin::log_lines_with("too many clients, ").size(), 1u);  // at most one a second
@@ -424,6 +445,7 @@ TEST_F(Listener, WhoeverDoesNotSubscribeGivesUpHisPlace) {
   ASSERT_TRUE(standin::wait_for_line("delete client", 2));
   const auto stalled = subscribed("mail,stalled", 4096);
   while (standin::log_lines_with("stopped reading").empty()) forward("mail", std::string(60000, '.'));
+  EXPECT_EQ(listener->status().owing, 1u);
   const auto newcomer = subscribed("mail,newcomer");
   EXPECT_TRUE(stalled->ended());
   forward("door", "still there");

@@ -24,9 +24,14 @@ inline int ms_between(int earlier, int later) {
   return static_cast<int>(static_cast<uint32_t>(later) - static_cast<uint32_t>(earlier));
 }
 
-// Milliseconds of the monotonic clock, which nobody sets: for deadlines and time-outs. Any thread.
-inline int64_t steady_ms() {
+// Nanoseconds of the monotonic clock, which nobody sets: for durations. Any thread.
+inline int64_t steady_ns() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// The same in milliseconds: for deadlines and time-outs.
+inline int64_t steady_ms() {
+  return steady_ns() / 1000000;
 }

@@ -3,9 +3,6 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace {
-
-// Length of the first character of `text` in bytes, or 0 when it is to be escaped.
 size_t harmless_length(std::string_view text) {
   const unsigned lead = static_cast<unsigned char>(text[0]);
   if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
@@ -22,6 +19,8 @@ size_t harmless_length(std::string_view text) {
   if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return 0;
   return length;
 }
+
+namespace {
 
 // The number of bytes before the first that is to be escaped.
 size_t harmless_run(std::string_view text) {

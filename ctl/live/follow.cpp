@@ -1,6 +1,6 @@
 #include "ctl/live/follow.h"
 
-#include <optional>
+#include <memory>
 
 #include "ctl/human_text.h"
 #include "ctl/output.h"
@@ -78,11 +78,11 @@ class Follower {
   }
 
   // The first time, whatever fails is the end: somebody looks on.
-  std::optional<ControlClient> connected() {
+  std::unique_ptr<ControlClient> connected() {
     const std::string line =
         "follow" + (last.empty() ? "" : " from=" + encoded(last)) + (names.empty() ? "" : " names=" + names);
     try {
-      std::optional<ControlClient> client(std::in_place, request.root);
+      auto client = std::make_unique<ControlClient>(request.root);
       client->send(line);
       return client;
     } catch (const Failure& failure) {

@@ -2,8 +2,11 @@
 
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <algorithm>
 #include <chrono>
+#include <utility>
 
+#include "util/clock.h"
 #include "util/descriptor.h"
 
 namespace {
@@ -24,7 +27,7 @@ bool EventInbox::open() {
   is_open = true;
   is_woken = false;
   woke_up();
-  refused = 0;
+  refused_taken = refused;
   return true;
 }
 
@@ -35,6 +38,7 @@ void EventInbox::close() {
   wake_fd = -1;
   arrived.clear();
   taken.clear();
+  oldest_taken_ns = 0;
   for (Tally& tally : tallies) {
     tally.taken_events.store(tally.added_events);
     tally.taken_bytes.store(tally.added_bytes);
@@ -54,7 +58,7 @@ int EventInbox::post(int type, std::string_view name, std::string_view info) {
   }
   free(record);  // free_record is the script thread's
   if (!is_open) return -1;
-  refused.fetch_add(1, std::memory_order_relaxed);
+  ++refused;
   return -2;
 }
 
@@ -65,10 +69,12 @@ void EventInbox::add(RecordList& records, uint32_t count, size_t bytes) {
   added(EventSource::posters, count, bytes);
 }
 
-void EventInbox::added(EventSource source, uint32_t count, size_t bytes) {
+void EventInbox::added(EventSource source, uint32_t number, size_t bytes) {
   Tally& tally = tallies[static_cast<int>(source)];
   increase(tally.added_bytes, bytes, std::memory_order_relaxed);
-  increase(tally.added_events, count, std::memory_order_release);
+  increase(tally.added_events, number, std::memory_order_release);
+  totals[static_cast<int>(source)] += number;
+  waiting_highest = std::max(waiting_highest, waiting());
   if (is_sleeping) call();
 }
 
@@ -84,12 +90,31 @@ EventRecord* EventInbox::take() {
     if (waiting() == 0) return nullptr;
     const MutexLock lock(mutex);
     taken.append(arrived);
+    oldest_taken_ns.store(taken.came_ns(), std::memory_order_relaxed);  // under the lock: count() must not miss both
   }
   EventRecord* const record = taken.take();
+  oldest_taken_ns.store(taken.empty() ? 0 : taken.came_ns(), std::memory_order_relaxed);
   Tally& tally = tallies[static_cast<int>(record->source)];
   increase(tally.taken_bytes, record->size, std::memory_order_relaxed);
   increase(tally.taken_events, 1u, std::memory_order_relaxed);
   return record;
+}
+
+uint64_t EventInbox::take_refused() {
+  const MutexLock lock(mutex);
+  return refused - std::exchange(refused_taken, refused);
+}
+
+void EventInbox::count(event_counts& out) {
+  const MutexLock lock(mutex);
+  out.posted = totals[static_cast<int>(EventSource::process)];
+  out.lines = totals[static_cast<int>(EventSource::posters)];
+  out.posted_refused = refused;
+  out.waiting = static_cast<uint32_t>(waiting());
+  out.waiting_highest = static_cast<uint32_t>(waiting_highest);
+  int64_t oldest_ns = oldest_taken_ns.load(std::memory_order_relaxed);
+  if (oldest_ns == 0 && !arrived.empty()) oldest_ns = arrived.came_ns();
+  out.oldest_age_us = oldest_ns != 0 ? static_cast<uint64_t>(steady_ns() - oldest_ns) / 1000 : 0;
 }
 
 uint32_t EventInbox::traffic() const {

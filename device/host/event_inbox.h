@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "device/counts.h"
 #include "device/host/event_record.h"
 #include "util/mutex.h"
 
@@ -81,14 +82,17 @@ class EventInbox {
   void pass_on_wake();
 
   // The number of posts refused since the last call because the queue was full. Any thread.
-  int64_t take_refused() { return refused.exchange(0, std::memory_order_relaxed); }
+  uint64_t take_refused();
+
+  // Fills what event_counts has of the inbox. Any thread.
+  void count(event_counts& out);
 
   // Hold the lock from before a fork until after it, in parent and child, so that the child can post.
   void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
   void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
 
  private:
-  void added(EventSource source, uint32_t count, size_t bytes) REQUIRES(mutex);
+  void added(EventSource source, uint32_t number, size_t bytes) REQUIRES(mutex);
   void call() REQUIRES(mutex);
 
   Mutex mutex;
@@ -100,6 +104,10 @@ class EventInbox {
   std::condition_variable_any woken;
   int wake_fd = -1;  // changed under mutex, by the main thread alone
   RecordList taken;  // script thread: all of `arrived` is moved here at once, so that not every event takes the lock
+  std::atomic<int64_t> oldest_taken_ns{0};  // written by the script thread: since when the first of them waits; 0: none
   Tally tallies[2];
-  std::atomic<int64_t> refused{0};
+  uint64_t totals[2] GUARDED_BY(mutex) = {};     // events added
+  uint64_t refused GUARDED_BY(mutex) = 0;        // posts
+  uint64_t refused_taken GUARDED_BY(mutex) = 0;  // take_refused() has returned these
+  int waiting_highest GUARDED_BY(mutex) = 0;
 };

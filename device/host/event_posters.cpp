@@ -7,7 +7,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "device/event_source.h"
 #include "device/log.h"
 #include "util/clock.h"
 
@@ -15,6 +17,13 @@ namespace {
 
 constexpr int kAcceptRetryMs = 300;
 constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
+
+constexpr OwnedSocket::Names kEventSocket{kEventSocketPath,
+                                          kEventLockPath,
+                                          "evq",
+                                          "no events from other processes",
+                                          "events from other processes are taken",
+                                          elog};
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};
@@ -45,6 +54,8 @@ struct EventPosters::Batch {
   RecordList records;
 };
 
+EventPosters::EventPosters(EventInbox& the_inbox) : inbox(the_inbox), socket(kEventSocket) {}
+
 bool EventPosters::open() {
   epoll.reset(above_standard_streams(epoll_create1(EPOLL_CLOEXEC)));
   if (epoll.get() < 0 || !watch(epoll.get(), inbox.wake_descriptor(), EPOLLIN | EPOLLET, nullptr)) {
@@ -52,7 +63,7 @@ bool EventPosters::open() {
     return false;
   }
   const MutexLock lock(mutex);
-  dropped = 0;
+  dropped_taken = dropped;
   bad_line_limit = closed_limit = accept_limit = RateLimit();
   if (socket.open()) watch_socket();
   return true;
@@ -122,12 +133,22 @@ EventPosters::Work EventPosters::read_piece() {
   return is_left ? Work::held_up : Work::nothing;
 }
 
-int64_t EventPosters::tidy_up() {
+uint64_t EventPosters::tidy_up() {
   const MutexLock lock(mutex);
   spares.clear();
-  const int64_t count = dropped;
-  dropped = 0;
-  return count;
+  return dropped - std::exchange(dropped_taken, dropped);
+}
+
+void EventPosters::count(event_counts& out) {
+  const MutexLock lock(mutex);
+  out.lines_refused = dropped;
+  out.posters_evicted = evicted;
+  out.posters = static_cast<uint32_t>(places.taken());
+}
+
+uint32_t EventPosters::list(event_poster* out, uint32_t max) {
+  const MutexLock lock(mutex);
+  return places.list(out, max);
 }
 
 // How long wait() may sleep, in milliseconds, before it has to accept a poster that waits.
@@ -213,7 +234,7 @@ void EventPosters::finish(Poster& poster) {
   inbox.add(batch.records, batch.count, batch.bytes);
 }
 
-void EventPosters::take_line(const Poster& poster, std::string_view line, Batch& batch) {
+void EventPosters::take_line(Poster& poster, std::string_view line, Batch& batch) {
   ++batch.lines;
   EventLine event{};
   EventRecord* record = nullptr;
@@ -225,10 +246,12 @@ void EventPosters::take_line(const Poster& poster, std::string_view line, Batch&
   if (record != nullptr) {
     batch.records.push(record);
     ++batch.count;
+    ++poster.events;
     batch.bytes += record->size;
     return;
   }
   ++dropped;
+  ++poster.dropped;
   if (const auto left_out = bad_line_limit.allow()) {
     elog(1, "evq: dropped a line of process %d of user %u: %s: '%.*s'%s", poster.process, poster.user, wrong,
          static_cast<int>(std::min<size_t>(line.size(), 40)), line.data(), left_out->text);
@@ -276,6 +299,7 @@ void EventPosters::ask_one_to_leave() {
   }
   shutdown(poster.fd, SHUT_RD);  // its sends fail from now on: no line is lost without its notice
   someone_leaves = poster.is_leaving = true;
+  ++evicted;
   turns.add(poster);
 }
 

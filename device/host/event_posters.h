@@ -21,10 +21,10 @@
 #include <string_view>
 
 #include "device/host/event_inbox.h"
-#include "device/host/event_socket.h"
 #include "device/host/poster_places.h"
 #include "util/descriptor.h"
 #include "util/mutex.h"
+#include "util/owned_socket.h"
 #include "util/rate_limit.h"
 
 constexpr int kPostedEventsMax = 4096;                       // nothing is read while that many wait,
@@ -35,7 +35,7 @@ constexpr size_t kTurnBytesAlone = size_t{64} * 1024;        // received when no
 
 class EventPosters {
  public:
-  explicit EventPosters(EventInbox& the_inbox) : inbox(the_inbox) {}
+  explicit EventPosters(EventInbox& the_inbox);
 
   // Makes the epoll set with the inbox's descriptor in it, and the socket; wait() tries again when that fails. Returns
   // false, with errno set, when there is no descriptor left for the set.
@@ -46,7 +46,7 @@ class EventPosters {
 
   bool is_open() const { return epoll.get() >= 0; }
 
-  // EventSocket::number(). Any thread.
+  // OwnedSocket::number(). Any thread.
   int socket_number() const { return socket.number(); }
 
   // Waits until something happens, at most timeout_ms, and reads from the posters that are ready, until enough events
@@ -65,7 +65,11 @@ class EventPosters {
 
   // Frees the memory that a burst has left behind. Returns the number of lines dropped since the last call. Script
   // thread.
-  int64_t tidy_up();
+  uint64_t tidy_up();
+
+  // Fills what event_counts has of the posters; PosterPlaces::list. Any thread.
+  void count(event_counts& out);
+  uint32_t list(event_poster* out, uint32_t max);
 
  private:
   struct Batch;
@@ -82,7 +86,7 @@ class EventPosters {
   void receive(Poster& poster, size_t size, int lines_max) REQUIRES(mutex);
   void cut(Poster& poster, std::string_view bytes, int lines_max) REQUIRES(mutex);
   void finish(Poster& poster) REQUIRES(mutex);
-  void take_line(const Poster& poster, std::string_view line, Batch& batch) REQUIRES(mutex);
+  void take_line(Poster& poster, std::string_view line, Batch& batch) REQUIRES(mutex);
   void accept_waiting() REQUIRES(mutex);
   bool accept_one() REQUIRES(mutex);
   void ask_one_to_leave() REQUIRES(mutex);
@@ -94,7 +98,7 @@ class EventPosters {
 
   EventInbox& inbox;
   Descriptor epoll;    // constant while the threads run
-  EventSocket socket;  // changed by the script thread, under mutex
+  OwnedSocket socket;  // changed by the script thread, under mutex
 
   Mutex mutex;
   PosterPlaces places GUARDED_BY(mutex);
@@ -105,7 +109,9 @@ class EventPosters {
   bool someone_leaves GUARDED_BY(mutex) = false;    // a connection that had to go is being read empty
   int64_t accept_not_before GUARDED_BY(mutex) = 0;  // steady_ms
   RecordList spares GUARDED_BY(mutex);
-  int64_t dropped GUARDED_BY(mutex) = 0;
+  uint64_t dropped GUARDED_BY(mutex) = 0;        // lines,
+  uint64_t dropped_taken GUARDED_BY(mutex) = 0;  // and as many of them as tidy_up has returned
+  uint64_t evicted GUARDED_BY(mutex) = 0;        // connections that had to go
   RateLimit bad_line_limit GUARDED_BY(mutex);
   RateLimit closed_limit GUARDED_BY(mutex);
   RateLimit accept_limit GUARDED_BY(mutex);

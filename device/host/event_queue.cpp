@@ -8,6 +8,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "device/counts.h"
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
 #include "device/host/event_posters.h"
@@ -157,10 +158,10 @@ void event_item_free(event_item* item) {
 }
 
 void event_arrange() {
-  const long long dropped = queue().posters.tidy_up();
-  const long long refused = queue().inbox.take_refused();
-  if (dropped > 0) elog(1, "evq: %lld bad lines of other processes dropped", dropped);
-  if (refused > 0) elog(1, "evq: %lld events refused because the queue was full", refused);
+  const unsigned long long dropped = queue().posters.tidy_up();
+  const unsigned long long refused = queue().inbox.take_refused();
+  if (dropped > 0) elog(1, "evq: %llu bad lines of other processes dropped", dropped);
+  if (refused > 0) elog(1, "evq: %llu events refused because the queue was full", refused);
   free_spare_records();
   malloc_trim(0);
 }
@@ -180,5 +181,19 @@ void event_wake() {
 
 int event_socket_owned() {
   return queue().posters.socket_number();
+}
+
+void event_counts_now(event_counts* out) {
+  *out = {};
+  queue().inbox.count(*out);
+  queue().posters.count(*out);
+}
+
+uint32_t event_posters_now(event_poster* out, uint32_t max) {
+  return queue().posters.list(out, max);
+}
+
+int64_t event_came_ns(const event_item* event) {
+  return static_cast<const EventRecord*>(event)->came_ns;
 }
 }

@@ -4,11 +4,12 @@
 #include <ctime>
 #include <new>
 
+#include "util/clock.h"
 #include "util/mutex.h"
 
 namespace {
 
-constexpr size_t kSmallRecord = 256;  // bytes: an info text of about 80
+constexpr size_t kSmallRecord = 256;  // bytes: an info text of about 70
 constexpr int kReturnedAtOnce = 64;   // records that the script thread collects before it takes the lock
 
 struct SpareRecords {
@@ -53,7 +54,7 @@ void store_returned() {
 EventStamp stamp_now() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  return {static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec / 1000)};
+  return {static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec / 1000), steady_ns()};
 }
 
 EventRecord* make_record(EventSource source, int type, std::string_view name, std::string_view info, EventStamp stamp,
@@ -74,6 +75,7 @@ EventRecord* make_record(EventSource source, int type, std::string_view name, st
   char* const text = reinterpret_cast<char*>(record + 1);
   text[info.copy(text, info.size())] = '\0';
   record->info = text;
+  record->came_ns = stamp.steady;
   record->size = size;
   record->source = source;
   return record;

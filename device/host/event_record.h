@@ -17,13 +17,15 @@ enum class EventSource : uint8_t { process, posters };  // the process itself, o
 
 struct EventRecord : event_item {
   EventRecord* next;
-  size_t size;  // bytes of the whole allocation
+  int64_t came_ns;  // steady_ns() when it came in
+  size_t size;      // bytes of the whole allocation
   EventSource source;
 };
 
 struct EventStamp {
   int32_t seconds;  // of the wall clock
   int32_t microseconds;
+  int64_t steady;  // steady_ns()
 };
 EventStamp stamp_now();  // any thread
 
@@ -37,6 +39,7 @@ class RecordList {
   RecordList& operator=(const RecordList&) = delete;
 
   bool empty() const { return first == nullptr; }
+  int64_t came_ns() const { return first->came_ns; }  // of the first; there must be one
   void push(EventRecord* record);
   EventRecord* take();            // the first; null when empty
   void append(RecordList& from);  // moves all of `from` to the end, in one go

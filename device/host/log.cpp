@@ -163,6 +163,7 @@ void say_safely(Say say, int level, const char* format, va_list arguments) {
   try {
     say(level, format, arguments);
   } catch (const std::exception&) {
+    g_target.count_lost();
   }
   errno = error;
 }
@@ -177,6 +178,10 @@ void elog_set_level(const char*, int level) {
 
 void errlog_init(int facility, const char* name) {
   g_target.open(facility, name);
+}
+
+void log_counts_now(log_counts* out) {
+  *out = g_target.counts();
 }
 
 void elog(int level, const char* format, ...) {

@@ -70,9 +70,10 @@ void LogTarget::open(int facility, const char* name) {
 void LogTarget::write(int level, bool framed, std::string_view lines) {
   const MutexLock lock(mutex);
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
-  if (fd >= 0) write_stream(level, framed, lines);
+  const bool taken = fd >= 0 && write_stream(level, framed, lines);
   if (to_syslog) write_syslog(level, lines);
   if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
+  (taken || to_syslog ? written : lost).fetch_add(1, std::memory_order_relaxed);
 }
 
 void LogTarget::open_held(int facility, const char* name) {
@@ -149,15 +150,11 @@ bool LogTarget::open_file(const char* path) {
   return true;
 }
 
-void LogTarget::write_stream(int level, bool framed, std::string_view lines) {
+bool LogTarget::write_stream(int level, bool framed, std::string_view lines) {
   std::string text;
   if (framed) text = frame(level, program);
   text.append(lines);
-  if (is_regular_file) {
-    write_fully(fd, text.data(), text.size());
-  } else {
-    write_quietly(fd, text.data(), text.size());
-  }
+  return (is_regular_file ? write_fully : write_quietly)(fd, text.data(), text.size());
 }
 
 void LogTarget::write_syslog(int level, std::string_view lines) const {

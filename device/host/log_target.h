@@ -7,8 +7,11 @@
 // One object for the process, plain memory without a destructor: the last line may come after everything else is gone.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <string_view>
 
+#include "device/counts.h"
 #include "util/mutex.h"
 
 class LogTarget {
@@ -20,13 +23,19 @@ class LogTarget {
   // front of the first. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
   void write(int level, bool framed, std::string_view lines);
 
+  // Counts a message that was lost before it came here. Any thread.
+  void count_lost() { lost.fetch_add(1, std::memory_order_relaxed); }
+
+  // Any thread; without the lock, which is held while a line is written.
+  log_counts counts() const { return {written.load(std::memory_order_relaxed), lost.load(std::memory_order_relaxed)}; }
+
  private:
   void open_held(int facility, const char* name) REQUIRES(mutex);
   void choose() REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   bool open_file(const char* path) REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
-  void write_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
+  bool write_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   void write_syslog(int level, std::string_view lines) const REQUIRES(mutex);
 
   Mutex mutex;  // also keeps the lines of the threads apart
@@ -39,4 +48,7 @@ class LogTarget {
   unsigned last_number GUARDED_BY(mutex) = 0;
   bool low_numbers_free GUARDED_BY(mutex) = false;  // 0, 1 or 2 was closed when syslog was opened
   char program[64] GUARDED_BY(mutex) = "";          // syslog keeps a pointer to it
+
+  std::atomic<uint64_t> written{0};  // messages that a target took,
+  std::atomic<uint64_t> lost{0};     // and those that none took
 };

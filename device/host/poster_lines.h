@@ -35,6 +35,9 @@ class PosterLines {
     reset();
   }
 
+  // Bytes of the beginning of a line that are held.
+  size_t waiting() const { return held.size(); }
+
   // Forgets the beginning of a line. Ready for another poster afterwards.
   void reset() {
     std::string().swap(held);

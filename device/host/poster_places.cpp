@@ -17,6 +17,7 @@ Poster& PosterPlaces::enter(int fd) {
   poster.process = peer.pid;
   poster.user = peer.uid;
   poster.since_ms = poster.heard_ms = steady_ms();
+  poster.events = poster.dropped = 0;
   ++count;
   return poster;
 }
@@ -34,6 +35,17 @@ void PosterPlaces::leave_all() {
   for (Poster& poster : posters) {
     if (poster.fd >= 0) leave(poster);
   }
+}
+
+uint32_t PosterPlaces::list(event_poster* out, uint32_t max) const {
+  const int64_t now = steady_ms();
+  uint32_t number = 0;
+  for (const Poster& poster : posters) {
+    if (poster.fd < 0 || number == max) continue;
+    out[number++] = {poster.process, poster.user,    static_cast<uint64_t>(now - poster.since_ms),
+                     poster.events,  poster.dropped, poster.unread.size() + poster.lines.waiting()};
+  }
+  return number;
 }
 
 int PosterPlaces::of_process(const Poster& poster) const {

@@ -8,9 +8,10 @@
 #include <cstdint>
 #include <string>
 
+#include "device/counts.h"
 #include "device/host/poster_lines.h"
 
-constexpr int kPostersMax = 256;
+constexpr int kPostersMax = EVENT_POSTERS_MAX;
 constexpr int kPosterHoldMs = 1000;  // nobody is told to leave earlier: a burst of short posts gets through
 
 struct Poster {
@@ -21,6 +22,8 @@ struct Poster {
   int64_t heard_ms = 0;     // of the last end of a line: bytes alone do not count
   bool is_queued = false;   // PosterTurns: waits for its turn
   bool is_leaving = false;  // has to go as soon as it is read empty
+  uint64_t events = 0;      // that its lines were,
+  uint64_t dropped = 0;     // and lines that were none
   PosterLines lines;
   std::string unread;  // received, and left for its next turn
 };
@@ -39,6 +42,11 @@ class PosterPlaces {
   // Returns the connection that has to go when all places are taken: of the process with most connections, or of the
   // user with most where each process has one, the one that has been silent longest. The caller checks kPosterHoldMs.
   Poster& first_to_go();
+
+  int taken() const { return count; }
+
+  // Copies what is known of the connections into out[max]. Returns their number.
+  uint32_t list(event_poster* out, uint32_t max) const;
 
   // The number of connections of the poster's process.
   int of_process(const Poster& poster) const;

@@ -1,13 +1,15 @@
-// The Unix stream socket at which other processes post events, and the lock file beside it that names its owner.
+// A Unix stream socket at a fixed path that one process of the machine owns, and the lock file beside it that names the
+// owner.
 //
 // A socket file that a dead daemon left behind looks like a live one, and two daemons that start at once would both
-// take it for dead. So the owner holds a lock (flock) on events.lock, which the kernel releases when the owner ends,
+// take it for dead. So the owner holds a lock (flock) on the lock file, which the kernel releases when the owner ends,
 // and writes its process id into it: whoever gets the lock may replace the socket, everybody else leaves it alone. The
 // lock file itself is never removed: a file that may vanish cannot carry a lock.
 //
 // A daemon that fails to make the socket tries again for a minute, and makes a socket that was removed or replaced
-// again. The kernel reports changes in its folder (inotify): nothing checks the file by the clock, and a busy daemon
-// learns of them too.
+// again. The kernel reports changes in its folder (inotify): nothing checks the file by the clock.
+//
+// One thread at a time calls it, except for number() and at the exit of the process.
 #pragma once
 
 #include <sys/types.h>
@@ -16,20 +18,37 @@
 
 #include "util/descriptor.h"
 
-class EventSocket {
+class OwnedSocket {
  public:
-  // Makes folders, lock and socket below DEVICE_ROOT. Returns false when that fails; the caller then runs without. Logs
-  // a reason that differs from that of the last try, and the first success after a failure. The socket file is removed
-  // by close(), or else at the exit of the process that made it; `this` must live until then. Main thread.
+  struct Names {
+    const char* socket_path;  // both below DEVICE_ROOT
+    const char* lock_path;
+    const char* prefix;   // of the lines in the log,
+    const char* without;  // which say what the daemon lacks without the socket,
+    const char* with;     // and what it has with it
+    void (*log)(int level, const char* format, ...);
+  };
+
+  // `all_names` and the texts in it must live as long as the process.
+  explicit OwnedSocket(const Names& all_names) : names(all_names) {}
+  OwnedSocket(const OwnedSocket&) = delete;
+  OwnedSocket& operator=(const OwnedSocket&) = delete;
+  ~OwnedSocket();
+
+  // Makes folders, lock and socket. Returns false when that fails; the caller then runs without. Logs a reason that
+  // differs from that of the last try, and the first success after a failure. The socket file is removed by close(), or
+  // else at the exit of the process that made it.
   bool open();
 
   // Makes a new socket when the file is no longer the one that was made, or when there is none and it is time for
   // another try. To be called regularly while there is none, and when take_change() was true. Returns true when there
-  // is a new socket. `now`: steady_ms(). Script thread.
+  // is a new socket. `now`: steady_ms().
   bool make_again(int64_t now);
 
-  // Removes the socket file, if it is still the one that was made, and releases the lock. Main thread, or script
-  // thread.
+  // How long to wait until make_again() makes another try, in ms; -1: there is no need, or it has given up.
+  int next_try_ms(int64_t now) const;
+
+  // Removes the socket file, if it is still the one that was made, and releases the lock.
   void close();
 
   // 0 while this process does not have the socket, otherwise a different number for each one that it makes. Any thread.
@@ -53,9 +72,13 @@ class EventSocket {
   bool is_in_place() const;
   void say_cannot_make(const std::string& file);
   void say(const std::string& reason);
-  void remove_file() const;
+  void remove_file();
+  void remove_at_exit_too();
   static void remove_at_exit();
 
+  const Names& names;
+  OwnedSocket* next_at_exit = nullptr;  // under the lock of owned_socket.cpp
+  bool is_removed_at_exit = false;
   std::string path;
   std::string said;  // why the last try failed; empty: it succeeded
   Descriptor lock;
@@ -67,5 +90,5 @@ class EventSocket {
   dev_t device = 0;                    // identifies the socket file, with the next one
   ino_t inode = 0;
   int64_t not_before = 0;  // steady_ms: when to try again
-  int64_t not_after = 0;   // steady_ms: when to give up; 0: the loop has not tried yet
+  int64_t not_after = 0;   // steady_ms: when to give up; 0: make_again() has not tried yet
 };

@@ -1,4 +1,4 @@
-#include "device/host/event_socket.h"
+#include "util/owned_socket.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -6,14 +6,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "device/event_source.h"
 #include "util/device_root.h"
-#include "device/log.h"
+#include "util/mutex.h"
 #include "util/unix_socket.h"
 
 namespace {
@@ -22,7 +22,11 @@ constexpr mode_t kSocketMode = 0660;
 constexpr int kRetryMs = 1000;
 constexpr int kPatienceMs = 60000;
 
-EventSocket* g_removed_at_exit = nullptr;  // the process does not exit while the script thread may change it
+// Guards the socket files and the list of those that are removed at exit: a script may end the process while another
+// thread makes or removes one.
+Mutex g_files;
+OwnedSocket* g_removed_at_exit GUARDED_BY(g_files) = nullptr;
+std::atomic<pid_t> g_maker{0};  // the last process that made a socket
 
 // Makes the folders above `path`; everybody may enter those that it makes, whatever the umask.
 bool make_folders(const std::string& path) {
@@ -45,13 +49,26 @@ pid_t read_owner(int fd) {
 
 }  // namespace
 
-bool EventSocket::open() {
+OwnedSocket::~OwnedSocket() {
+  close();
+  const MutexLock lock_of_files(g_files);
+  OwnedSocket** at = &g_removed_at_exit;
+  while (*at != nullptr && *at != this) at = &(*at)->next_at_exit;
+  if (*at == this) *at = next_at_exit;
+}
+
+bool OwnedSocket::open() {
   not_after = 0;
   return make();
 }
 
-bool EventSocket::make() {
-  if (!under_device_root(kEventSocketPath, path)) return false;
+bool OwnedSocket::make() {
+  std::string wanted;
+  if (!under_device_root(names.socket_path, wanted)) return false;
+  if (wanted != path) {
+    const MutexLock lock_of_files(g_files);
+    path = wanted;
+  }
   if (!make_folders(path)) {
     say_cannot_make(path);
     return false;
@@ -60,19 +77,16 @@ bool EventSocket::make() {
     close();
     return false;
   }
-  if (!said.empty()) elog(1, "evq: %s is made: events from other processes are taken", path.c_str());
+  if (!said.empty()) names.log(1, "%s: %s is made: %s", names.prefix, path.c_str(), names.with);
   said.clear();
-  static const int registered = atexit(remove_at_exit);
-  (void)registered;
-  g_removed_at_exit = this;
   watch_folder();
   current_number = ++made;
   return true;
 }
 
-// The owner of the socket may be about to end, so the loop tries again; but not for ever: when the daemon that should
+// The owner of the socket may be about to end, so there are more tries; but not for ever: when the daemon that should
 // have the socket is restarted later, a second daemon must not take it in between.
-bool EventSocket::make_again(int64_t now) {
+bool OwnedSocket::make_again(int64_t now) {
   if (number() != 0) {
     if (is_in_place()) return false;
     say(path + " was removed or replaced");
@@ -88,34 +102,44 @@ bool EventSocket::make_again(int64_t now) {
   return make();
 }
 
-void EventSocket::close() {
+int OwnedSocket::next_try_ms(int64_t now) const {
+  if (number() != 0) return -1;
+  if (not_after == 0) return 0;
+  const int64_t next = std::max(now, not_before);
+  return next <= not_after ? static_cast<int>(next - now) : -1;
+}
+
+void OwnedSocket::close() {
   current_number = 0;
   changes.reset();
-  remove_file();
-  maker = 0;
+  {
+    const MutexLock lock_of_files(g_files);
+    remove_file();
+    maker = 0;
+  }
   listening.reset();
   // Explicitly: a child between its fork and its exec still has the descriptor, and would keep the lock.
   if (lock.get() >= 0) flock(lock.get(), LOCK_UN);
   lock.reset();
 }
 
-void EventSocket::watch_folder() {
+void OwnedSocket::watch_folder() {
   changes.reset(above_standard_streams(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)));
   const std::string folder = path.substr(0, path.rfind('/'));
   constexpr uint32_t kGone = IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
   if (changes.get() >= 0 && inotify_add_watch(changes.get(), folder.c_str(), kGone) < 0) changes.reset();
 }
 
-bool EventSocket::take_change() const {
+bool OwnedSocket::take_change() const {
   char changed[4096];
   bool has_changed = false;
   while (read(changes.get(), changed, sizeof(changed)) > 0) has_changed = true;
   return has_changed;
 }
 
-bool EventSocket::take_lock() {
+bool OwnedSocket::take_lock() {
   std::string lock_path;
-  under_device_root(kEventLockPath, lock_path);
+  under_device_root(names.lock_path, lock_path);
   // Nobody else may open it: a process that can read a file can lock it.
   lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
   if (lock.get() < 0) {
@@ -136,7 +160,9 @@ bool EventSocket::take_lock() {
   return true;
 }
 
-bool EventSocket::make_socket() {
+bool OwnedSocket::make_socket() {
+  const MutexLock lock_of_files(g_files);
+  remove_at_exit_too();
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());  // its owner is gone
   listening.reset(unix_stream_socket());
@@ -156,26 +182,38 @@ bool EventSocket::make_socket() {
   return false;
 }
 
-void EventSocket::say_cannot_make(const std::string& file) {
+void OwnedSocket::say_cannot_make(const std::string& file) {
   say("cannot make " + file + " (" + strerrordesc_np(errno) + ")");
 }
 
 // There are many tries: a reason is logged only when it is new.
-void EventSocket::say(const std::string& reason) {
+void OwnedSocket::say(const std::string& reason) {
   if (reason == said) return;
   said = reason;
-  elog(1, "evq: %s: no events from other processes", reason.c_str());
+  names.log(1, "%s: %s: %s", names.prefix, reason.c_str(), names.without);
 }
 
-bool EventSocket::is_in_place() const {
+bool OwnedSocket::is_in_place() const {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-void EventSocket::remove_file() const {
+void OwnedSocket::remove_file() {
   if (maker == getpid() && is_in_place()) unlink(path.c_str());
 }
 
-void EventSocket::remove_at_exit() {
-  if (g_removed_at_exit != nullptr) g_removed_at_exit->remove_file();
+void OwnedSocket::remove_at_exit_too() {
+  static const int registered = atexit(remove_at_exit);
+  (void)registered;
+  g_maker = getpid();
+  if (is_removed_at_exit) return;
+  is_removed_at_exit = true;
+  next_at_exit = g_removed_at_exit;
+  g_removed_at_exit = this;
+}
+
+void OwnedSocket::remove_at_exit() {
+  if (g_maker != getpid()) return;  // a child has made none, and may find the lock held for ever
+  const MutexLock lock_of_files(g_files);
+  for (OwnedSocket* socket = g_removed_at_exit; socket != nullptr; socket = socket->next_at_exit) socket->remove_file();
 }

@@ -1,0 +1,27 @@
+#include "control/name_table.h"
+
+#include <cstring>
+
+namespace {
+
+uint32_t hash_of(std::string_view name) {
+  uint32_t hash = 2166136261U;
+  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  return hash ^ hash >> 15;
+}
+
+}  // namespace
+
+int NameTable::entry_of(std::string_view name) {
+  name = name.substr(0, kLongest);
+  uint32_t slot = hash_of(name) % kSlots;
+  for (; slots[slot] != 0; slot = (slot + 1) % kSlots) {
+    if (names[slots[slot] - 1] == name) return slots[slot] - 1;
+  }
+  const int entry = count.load(std::memory_order_relaxed);
+  if (entry == kMost) return kOther;
+  memcpy(names[entry], name.data(), name.size());
+  slots[slot] = static_cast<uint8_t>(entry + 1);
+  count.store(entry + 1, std::memory_order_release);
+  return entry;
+}
