@@ -11,6 +11,7 @@
 #include "ctl/inspect/inspect.h"
 #include "ctl/listen.h"
 #include "ctl/live/tail.h"
+#include "ctl/live/top.h"
 #include "ctl/post.h"
 #include "ctl/reload.h"
 #include "ctl/run.h"
@@ -58,6 +59,10 @@ void run_tail(const Given& given) {
   request.errors = given.has("--errors");
   request.json = given.has("--json");
   print_tail(request, stdout);
+}
+
+void run_top(const Given& given) {
+  show_top(given.root, given.has("--once"), stdout);
 }
 
 void run_check(const Given& given) {
@@ -146,6 +151,13 @@ const std::vector<Command>& commands() {
         {"--from", Takes::value, "Begin behind the event with that ID", "ID"},
         {"--json", Takes::nothing, "Print one JSON object a line"}},
        run_tail},
+      {"top",
+       "Show what the daemon does right now, by event, by tag and by client",
+       "Drawn again every second; rates and times are those of the last 10 s. Where no screen can be drawn on, plain\n"
+       "text comes every 5 s. LOOP is the part of the event loop's time.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--once", Takes::nothing, "Print everything once, after a second, as plain text"}},
+       run_top},
       {"check",
        "Compile the daemon's scripts and report their faults",
        "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
