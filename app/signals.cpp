@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 
 #include "device/log.h"
 #include "util/quiet_write.h"
@@ -113,8 +114,21 @@ void write_signal_lines() {
   }
 }
 
-void wait_for_signal() {
-  sem_wait(&g_calls);  // an interruption ends it too
+void wake_run_loop() {
+  sem_post(&g_calls);
+}
+
+void wait_for_signal(int timeout_ms) {
+  if (timeout_ms < 0) {
+    sem_wait(&g_calls);  // an interruption ends it too
+  } else {
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const int64_t ns = int64_t{timeout_ms} * 1000000 + until.tv_nsec;
+    until.tv_sec += ns / 1000000000;
+    until.tv_nsec = ns % 1000000000;
+    sem_clockwait(&g_calls, CLOCK_MONOTONIC, &until);
+  }
   while (sem_trywait(&g_calls) == 0) {
   }
 }

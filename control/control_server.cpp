@@ -228,8 +228,8 @@ bool ControlServer::carry_out(ControlConnection& client, const ControlRequest& r
   const auto command = std::find_if(commands.begin(), commands.end(), has_name);
   if (command == commands.end()) {
     std::string names;
-    for (const ControlCommand& known : commands) names += known.name + ", ";
-    answer.fail("unknown request '" + request.name.substr(0, 40) + "': expected " + names + "or follow");
+    for (const ControlCommand& known : commands) names += (names.empty() ? "" : ", ") + known.name;
+    answer.fail("unknown request '" + request.name.substr(0, 40) + "': expected " + names + " or follow");
     return true;
   }
   try {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "device/event_source.h"
 #include "util/text.h"
 
 LoopStats g_loop_stats;
@@ -18,10 +19,9 @@ ActivityNow LoopStats::read(uint64_t word) {
   const int64_t age = static_cast<int64_t>((reading - (word >> 20)) << 20) >> 20;  // of 44 bits
   const auto activity = static_cast<Activity>(word & 15);
   const bool has_event = activity == Activity::forwarding || activity == Activity::handler;
-  const bool has_tag = activity >= Activity::handler && activity <= Activity::coroutine;
   const bool has_begun = activity != Activity::starting;
   return {activity, has_event ? static_cast<int>(word >> 12 & 255) : -1,
-          has_tag ? static_cast<int>(word >> 4 & 255) : -1, has_begun && age > 0 ? age << 10 : 0};
+          is_call(word) ? static_cast<int>(word >> 4 & 255) : -1, has_begun && age > 0 ? age << 10 : 0};
 }
 
 ActivityNow LoopStats::activity() const {
@@ -46,8 +46,26 @@ LastReload LoopStats::last_reload() const {
   return {reload_time, reload_text};
 }
 
+uint64_t LoopStats::all_events() const {
+  uint64_t sum = 0;
+  for (const EventStats& event : events) sum += event.events.get();
+  return sum;
+}
+
+uint64_t LoopStats::all_errors() const {
+  uint64_t sum = 0;
+  for (const TagStats& tag : tags) sum += tag.errors.get();
+  return sum;
+}
+
+void LoopStats::take_sample() {
+  const int waiting = event_pending == nullptr ? 0 : event_pending();
+  history.add(last_reading.load(std::memory_order_relaxed),
+              {all_events(), all_errors(), static_cast<uint64_t>(waiting), timers.get(), coroutines.get()});
+}
+
 void LoopStats::looks_around() {
-  read_clock();
+  if (history.is_due(read_clock())) take_sample();
   // So `idle` lasts from the end of the last work on.
   if (static_cast<Activity>(word() & 15) != Activity::idle) set_activity(Activity::idle);
 }
@@ -57,8 +75,7 @@ void LoopStats::begin_collection() {
 }
 
 void LoopStats::end_collection() {
-  const int64_t began = last_reading.load(std::memory_order_relaxed);
-  collections.add(read_clock() - began);
+  read_clock();
   set_activity(Activity::idle);
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "control/counter.h"
+#include "control/loop_history.h"
 #include "control/name_table.h"
 #include "util/clock.h"
 #include "util/mutex.h"
@@ -86,6 +87,11 @@ class LoopStats {
   Counter reloads_tried;   // trials of a reload that have begun
   Counter reloads_failed;  // in the trial, or in the load itself
   Counter reloads_done;
+  LoopHistory history;
+
+  // The sum over all type names, or over all tags.
+  uint64_t all_events() const;
+  uint64_t all_errors() const;
 
   // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
@@ -115,10 +121,11 @@ class LoopStats {
   // The loop has waited for an event, or has looked for one in vain: reads the clock.
   void looks_around();
 
-  // A full collection that began at the clock's last reading has ended.
+  // Around what the loop does about garbage between two calls.
   void begin_collection();
   void end_collection();
-  void stop() { set_activity(Activity::stopped); }
+  // The loop has ended.
+  void stops() { set_activity(Activity::stopped); }
 
   // What the thread that has the Lua state says.
 
@@ -136,6 +143,10 @@ class LoopStats {
   uint64_t word() const { return now.load(std::memory_order_relaxed); }
   // What such a word says, seen from now. Any thread.
   static ActivityNow read(uint64_t word);
+  static bool is_call(uint64_t word) {
+    const auto activity = static_cast<Activity>(word & 15);
+    return activity >= Activity::handler && activity <= Activity::coroutine;
+  }
 
  private:
   struct CachedTag {
@@ -145,6 +156,7 @@ class LoopStats {
   static constexpr uintptr_t kCachedTags = 64;
 
   int64_t read_clock();
+  void take_sample();
   int tag_entry(const char* tag);
   void set_activity(Activity activity);
 
@@ -193,8 +205,7 @@ inline void LoopStats::set_activity(Activity activity) {
 
 inline uint64_t LoopStats::call() const {
   const uint64_t what = word();
-  const auto activity = static_cast<Activity>(what & 15);
-  return activity >= Activity::handler && activity <= Activity::coroutine ? what : 0;
+  return is_call(what) ? what : 0;
 }
 
 inline int LoopStats::tag_entry(const char* tag) {
@@ -212,6 +223,7 @@ inline void LoopStats::takes_event(const char* type_name) {
 
 inline void LoopStats::begin_dispatch() {
   dispatch_began = read_clock();
+  if (history.is_due(dispatch_began)) take_sample();
   dispatching = true;
   errors_in_dispatch = 0;
 }

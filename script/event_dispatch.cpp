@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/loop_stats.h"
 #include "device/log.h"
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
@@ -59,7 +60,18 @@ void EventDispatch::call_entry(lua_State* L, int index) {
   lua_pop(L, 1);
   lua_rawgeti(L, kEntry, 2);
   lua_rawgeti(L, kEntry, 3);
-  if (lua_pcall(L, 1, 0, 0) != 0) elog(1, "mscript: error[etype:%d] - %s", event.type, clua_error_text(L).c_str());
+  if (call(L, text) != 0) fail(clua_error_text(L));
+}
+
+// Calls the entry's function, which is on the stack below its argument.
+int EventDispatch::call(lua_State* L, const char* text) {
+  const LoopCall counted(g_mscript->watch, Activity::handler, text == nullptr ? "" : text);
+  return lua_pcall(L, 1, 0, 0);
+}
+
+void EventDispatch::fail(const std::string& error) const {
+  elog(1, "mscript: error[etype:%d] - %s", current->type, error.c_str());
+  g_loop_stats.failed(tag.c_str(), error.c_str());
 }
 
 // Returns false when there is no handler table.
@@ -86,12 +98,14 @@ bool EventDispatch::call_handlers(lua_State* L) {
 
 bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
   current = &event;
+  g_loop_stats.begin_dispatch();
   bool known = true;
   std::string error;
   const bool done = protect(L, error, [&](lua_State* state) { known = call_handlers(state); });
+  if (!done) fail(error);
   tag.clear();
   current = nullptr;
-  if (!done) elog(1, "mscript: error[etype:%d] - %s", event.type, error.c_str());
+  g_loop_stats.end_dispatch(known);
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);
   return known;
 }

@@ -26,6 +26,8 @@ class EventDispatch {
  private:
   bool call_handlers(lua_State* L);
   void call_entry(lua_State* L, int index);
+  static int call(lua_State* L, const char* text);
+  void fail(const std::string& error) const;
 
   const event_item* current = nullptr;
   std::string tag;

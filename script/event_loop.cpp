@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "device/event_source.h"
 #include "device/log.h"
@@ -25,10 +26,13 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
-// Holds the Lua state, with a full reserve of memory, for a part of a pass.
+// Holds the Lua state for a part of a pass. Begins with what is due whoever has it: the reserve of memory, the report.
 class LoopTurn {
  public:
-  explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) { script.refill_memory(); }
+  explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) {
+    script.refill_memory();
+    script.answer_others();
+  }
   LoopTurn(const LoopTurn&) = delete;
   LoopTurn& operator=(const LoopTurn&) = delete;
   ~LoopTurn() { assert(lua_gettop(script.lua_state) == 0); }
@@ -69,6 +73,7 @@ void collect_now_and_then(ManagerScript& script) {
 
 // Nothing before the dispatch needs the Lua state: a client that makes forward_event wait does not hold up a reload.
 Next handle_event(ManagerScript& script, Event event) {
+  g_loop_stats.takes_event(event->type_name);
   if (g_listener != nullptr) g_listener->forward_event(event.get());
   elog(3, "mscript: event(%s) - %s", event->type_name, event->info);
   if (event->type == EVENT_TYPE_QUIT) return Next::quit;
@@ -87,10 +92,14 @@ void event_loop(ManagerScript& script) {
     const int wait_ms = begin_pass(script, timers_ran_at);
     tell_service(SERVICE_ALIVE);
     Event event(event_dequeue(wait_ms));  // without the Lua state
+    if (event == nullptr || wait_ms > 0) g_loop_stats.looks_around();
     if (event == nullptr) {
       idle_pass(script);
     } else if (handle_event(script, std::move(event)) == Next::quit) {
-      return;
+      elog(1, "mscript: quit event, the event loop has ended");
+      tell_service(SERVICE_ENDED);
+      break;
     }
   }
+  g_loop_stats.stops();
 }

@@ -1,19 +1,31 @@
 #include "script/lua_gate.h"
 
-void LuaGate::enter(Turn turn) {
+#include <chrono>
+
+void LuaGate::enter(Turn turn, int (*meanwhile)()) {
   uint32_t free = 0;
-  if (!word.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) wait_and_take(turn);
+  if (!word.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) wait_and_take(turn, meanwhile);
   holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
 }
 
-void LuaGate::wait_and_take(Turn turn) {
+// What happens while the lock is released is seen by the caller's next look at the word.
+void LuaGate::wait_a_while(MutexLock& lock, int (*meanwhile)()) {
+  if (meanwhile == nullptr) return changed.wait(lock);
+  lock.unlock();
+  const int wait_ms = meanwhile();
+  lock.lock();
+  if ((word.load(std::memory_order_relaxed) & kHeld) == 0) return;
+  changed.wait_for(lock, std::chrono::milliseconds(wait_ms));
+}
+
+void LuaGate::wait_and_take(Turn turn, int (*meanwhile)()) {
   MutexLock lock(mutex);
   const bool is_next = turn == Turn::next;
   waiting_for_next += is_next ? 1 : 0;
   ++waiting;
   // Once kAwaited is set, the word is neither 0 nor kHeld: nobody changes it without the mutex.
   while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_next && waiting_for_next > 0)) {
-    changed.wait(lock);
+    wait_a_while(lock, meanwhile);
   }
   --waiting;
   waiting_for_next -= is_next ? 1 : 0;

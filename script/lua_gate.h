@@ -32,8 +32,9 @@ class LuaGate {
 
  private:
   friend class LuaTurn;
-  void enter(Turn turn);
-  void wait_and_take(Turn turn);
+  void enter(Turn turn, int (*meanwhile)());
+  void wait_and_take(Turn turn, int (*meanwhile)());
+  void wait_a_while(MutexLock& lock, int (*meanwhile)()) REQUIRES(mutex);
   void leave();
   void leave_to_others();
 
@@ -52,8 +53,11 @@ class LuaGate {
 class LuaTurn {
  public:
   explicit LuaTurn(LuaGate& the_gate, LuaGate::Turn turn = LuaGate::Turn::ordinary) : gate(the_gate) {
-    gate.enter(turn);
+    gate.enter(turn, nullptr);
   }
+  // Asks for the next turn. `meanwhile` is called before each wait, without a lock, and returns for how many ms it need
+  // not be called again.
+  LuaTurn(LuaGate& the_gate, int (*meanwhile)()) : gate(the_gate) { gate.enter(LuaGate::Turn::next, meanwhile); }
   LuaTurn(const LuaTurn&) = delete;
   LuaTurn& operator=(const LuaTurn&) = delete;
   ~LuaTurn() { gate.leave(); }

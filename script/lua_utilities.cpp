@@ -2,17 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "device/log.h"
 #include "script/api_names.h"
 #include "script/script_api.h"
 #include "script/script_stop.h"
+#include "util/clock.h"
 #include "util/lua_binding.h"
 
 namespace {
 
 constexpr int kLongestSleepMs = 2147483;  // what 32 bits of microseconds hold
+constexpr int64_t kSliceMs = 100;         // a script that sleeps can be stopped that often
 
 uint32_t bits(int value) {
   return static_cast<uint32_t>(value);
@@ -106,8 +109,13 @@ int sleep_ms(lua_State* L) {
   const int duration = int_arg(L, 1);
   if (duration < 0 || duration > kLongestSleepMs) throw ArgumentError(1, "0 to 2147483 ms expected");
   elog(2, "lua: sleep(%d)\n", duration);
-  usleep(static_cast<useconds_t>(duration) * 1000);
-  ScriptStop::check(L);
+  const int64_t end = steady_ms() + duration;
+  int64_t left = duration;
+  do {
+    usleep(static_cast<useconds_t>(std::min(left, kSliceMs)) * 1000);
+    ScriptStop::check(L);
+    left = end - steady_ms();
+  } while (left > 0);
   if (lua_gettop(L) == 0) lua_pushnil(L);
   return 1;
 }

@@ -1,5 +1,6 @@
 #include "script/manager_script.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdlib>
 
@@ -27,6 +28,22 @@ int panic(lua_State* L) {
   elog(1, "mscript: Lua error outside any protected call - %s", error_value_text(L, -1).c_str());
   abort();
 }
+
+// What a reload does while it waits for the state: who has it may be a call that is to be named or ended.
+int watch_meanwhile() {
+  constexpr int kLongestMs = 1000;  // nobody wakes it
+  const int wait_ms = g_mscript->watch.look();
+  return wait_ms < 0 ? kLongestMs : std::min(wait_ms, kLongestMs);
+}
+
+// Counts as loading while it lives.
+class Loading {
+ public:
+  Loading() { g_loop_stats.set_loading(true); }
+  Loading(const Loading&) = delete;
+  Loading& operator=(const Loading&) = delete;
+  ~Loading() { g_loop_stats.set_loading(false); }
+};
 
 // Ends the loop's wait for an event, if it waits: there is something to do.
 void wake_loop() {
@@ -89,6 +106,7 @@ void ManagerScript::load_scripts(const char* script_path, const char* external_p
   const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
   const StopsWhenWanted limited(stop);
+  const Loading counted;
   load_file(lua_state, script_in(exe_dir(), "init_base.lua"));
   elog(2, "mscript: load script files...");
   elog(2, "mscript: loading config.lua file...");
@@ -103,16 +121,25 @@ void ManagerScript::load_scripts(const char* script_path, const char* external_p
     throw except_base("mscript: failed to run event_server.init() - %s", error.c_str());
   }
   scripts.load(lua_state, script_path, external_path);
+  update_gauges();
 }
 
 void ManagerScript::reload(const char* script_path, const char* external_path) {
   // A script that never returns keeps the state: a stop that is asked for meanwhile must be able to end it.
   stop.begin_to_watch();
-  const LuaTurn turn(gate, LuaGate::Turn::next);
+  const LuaTurn turn(gate, watch_meanwhile);
   const RunSignalsBlocked undisturbed;
   const StopsWhenWanted limited(stop);  // starts over: the files that are loaded have their own time
-  scripts.clear(lua_state);
-  scripts.load(lua_state, script_path, external_path);
+  const Loading counted;
+  try {
+    scripts.clear(lua_state);
+    scripts.load(lua_state, script_path, external_path);
+  } catch (const std::exception& error) {
+    g_loop_stats.reload_ended(error.what());
+    throw;
+  }
+  g_loop_stats.reload_ended(nullptr);
+  update_gauges();
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
   wake_loop();                         // the files may have started coroutines that are due before its wait ends
 }
@@ -170,11 +197,19 @@ void ManagerScript::close_state() {
 void ManagerScript::run_timers() {
   assert(gate.held_here());
   timers.run_due(lua_state, clock.seconds());
+  update_gauges();
 }
 
 void ManagerScript::resume_coroutines() {
   assert(gate.held_here());
   coroutines.resume_due(lua_state, clock.milliseconds());
+  update_gauges();
+}
+
+void ManagerScript::update_gauges() const {
+  g_loop_stats.timers.set(timers.size());
+  g_loop_stats.coroutines.set(coroutines.size());
+  g_loop_stats.lua_bytes.set(memory.in_use());
 }
 
 int ManagerScript::next_wait_ms() {
@@ -187,18 +222,24 @@ bool ManagerScript::dispatch_event(const event_item& event) {
   return dispatch.dispatch(lua_state, event);
 }
 
-void ManagerScript::collect_garbage() const {
+void ManagerScript::collect_garbage() {
   assert(gate.held_here());
+  g_loop_stats.begin_collection();
+  collect_inside(lua_state);
+  g_loop_stats.end_collection();
+}
+
+void ManagerScript::collect_inside(lua_State* L) {
+  const int64_t began = steady_ns();
   std::string error;
-  if (protect(lua_state, error, [](lua_State* L) { lua_gc(L, LUA_GCCOLLECT, 0); })) return;
+  const bool done = protect(L, error, [](lua_State* state) { lua_gc(state, LUA_GCCOLLECT, 0); });
+  const int64_t taken = steady_ns() - began;
+  memory.collected(taken);
+  g_loop_stats.collections.add(taken);
+  if (done) return;
   if (const auto left_out = g_collection_lines.allow()) {
     elog(1, "mscript: a collection failed - %s%s", error.c_str(), left_out->text);
   }
-}
-
-void ManagerScript::refill_memory() {
-  if (memory.take_shortage()) collect_garbage();
-  memory.refill();
 }
 
 const std::string& ManagerScript::current_tag_name() const {

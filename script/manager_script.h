@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <lua.hpp>
+#include <optional>
 #include <string>
 
 #include "script/event_dispatch.h"
@@ -19,6 +20,7 @@
 #include "script/script_loading.h"
 #include "script/script_stop.h"
 #include "script/script_timer.h"
+#include "script/script_watch.h"
 #include "util/clock.h"
 
 // The clocks of timers and coroutines. Tests replace them.
@@ -66,10 +68,24 @@ class ManagerScript {
   int next_wait_ms();
   // Calls the handlers of `event`. Returns false when nobody knows its type (logged).
   bool dispatch_event(const event_item& event);
-  // Collects all garbage; a finalizer that fails is logged.
-  void collect_garbage() const;
-  // When a request for memory has failed since the last call, collects all garbage and refills the reserve.
-  void refill_memory();
+  // Collects all garbage; a finalizer that fails is logged. Between two calls of scripts.
+  void collect_garbage();
+  // The same inside a call, on the state or coroutine `L` that runs.
+  void collect_inside(lua_State* L);
+  // When a request for memory has been refused, collects all garbage and takes the reserve back, as often as the
+  // back-off allows.
+  void refill_memory() {
+    if (memory.is_short() && memory.may_collect()) collect_garbage();
+  }
+  // Does what has been asked of the loop since its last turn: the report.
+  void answer_others() {
+    if (report_wanted.load(std::memory_order_relaxed)) write_report();
+  }
+
+  // Any thread but the one that runs the event loop. The answer of the loop at its next turn, which lists the files,
+  // handlers, timers and tasks as lines (docs/control.md); nothing when it does not come within timeout_ms: the loop is
+  // busy, or does not run.
+  std::optional<std::string> report(int timeout_ms);
 
   // The tag of the script code that runs; empty when it has none. Only the thread that has the Lua state.
   const std::string& current_tag_name() const;
@@ -77,10 +93,12 @@ class ManagerScript {
   std::atomic<bool> running{false};  // the main thread writes, the loop reads once per pass
   LuaGate gate;
   ScriptStop stop;
+  ScriptWatch watch;
 
   // Set before the script thread starts.
   ScriptClock clock;
   int collect_every = 20;  // dispatched events between two full collections, at least 1
+  LuaMemory memory;        // its limit; the rest is for the thread that has the Lua state
 
   // The following belong to the thread that has the Lua state.
   lua_State* lua_state = nullptr;
@@ -91,8 +109,16 @@ class ManagerScript {
 
  private:
   void close_state();
+  void update_gauges() const;
 
-  LuaMemory memory;      // for the thread that has the Lua state
+  void write_report();
+
+  std::atomic<bool> report_wanted{false};
+  Mutex report_mutex;
+  std::condition_variable_any report_written;
+  std::optional<std::string> last_report GUARDED_BY(report_mutex);
+  int reports_awaited GUARDED_BY(report_mutex) = 0;
+
   pthread_t thread = 0;  // for the main thread; 0 when there is none
 };
 

@@ -79,9 +79,12 @@ void ScriptCoroutines::let_wait(Record record) {
 }
 
 void ScriptCoroutines::run(lua_State* L, ScriptCoroutine& coroutine, int arguments) {
+  const LoopCall counted(g_mscript->watch, Activity::coroutine, coroutine.tag.c_str());
   ScriptCoroutine* const caller = std::exchange(current_coroutine, &coroutine);
   run_until_yield(L, coroutine.thread, arguments);
   current_coroutine = caller;
+  if (lua_status(coroutine.thread) <= LUA_YIELD) return;
+  g_loop_stats.failed(coroutine.tag.c_str(), error_value_text(coroutine.thread, -1).c_str());
 }
 
 void ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref, int now, int wait,
@@ -122,6 +125,7 @@ void ScriptCoroutines::resume_due(lua_State* L, int now) {
 }
 
 void ScriptCoroutines::resume(lua_State* L, Record record, int64_t pass_ms) {
+  g_loop_stats.coroutine_lateness.add((pass_ms - record->last_resume - record->wait) * 1000000);
   record->wait = 0;
   record->last_resume = std::min(pass_ms, clock_ms);  // the clock may have been set back during the pass
   // Resumed, a thread that has ended would call whatever is on top of its stack.

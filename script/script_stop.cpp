@@ -54,10 +54,12 @@ void ScriptStop::begin_to_watch() {
 void ScriptStop::begin(Phase first, int ms) {
   said = RateLimit();
   over_at_ms = steady_ms() + ms;
-  phase.store(first, std::memory_order_release);
+  phase = first;
+  ask(kStop);
 }
 
 void ScriptStop::end() {
+  unask(kStop);
   phase = Phase::off;
 }
 
@@ -83,8 +85,14 @@ void ScriptStop::say_stopped(const lua_Debug& at) {
 
 void ScriptStop::look(lua_State* L, lua_Debug* at) {
   ScriptStop& stop = g_mscript->stop;
-  if (stop.phase.load(std::memory_order_acquire) == Phase::off) return;
-  if (!stop.is_time_to_raise()) return;
+  const unsigned asked = stop.asked.load(std::memory_order_acquire);
+  if (asked == 0) return;
+  if ((asked & ~kStop) != 0) {
+    lua_getinfo(L, "Sl", at);
+    g_mscript->watch.look_inside(L, *at, asked);
+    if ((asked & kCollect) != 0) stop.unask(kCollect), g_mscript->collect_inside(L);
+  }
+  if ((asked & kStop) == 0 || !stop.is_time_to_raise()) return;
   lua_getinfo(L, "Sl", at);
   stop.say_stopped(*at);
   lua_pushfstring(L, "%s:%d: stopped, the daemon is to end", at->short_src, at->currentline);

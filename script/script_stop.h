@@ -3,8 +3,9 @@
 // The event loop can end only between two script calls, and a load or a reload only between two files; a script that
 // never returns would hold up the stop for good. So a count hook is set in the Lua state before any script runs, and
 // every coroutine inherits it from its creator. The hook looks at one word; once a stop has waited long enough, it
-// raises an error in the script that runs. That does not help against a script that catches the error and goes on, C
-// code that does not return, and finalizers, in which Lua runs no hooks: the daemon's supervisor must end those.
+// raises an error in the script that runs. Whoever else must reach a script that runs asks by that word, too. That does
+// not help against a script that catches the error and goes on, C code that does not return, and finalizers, in which
+// Lua runs no hooks: the daemon's supervisor must end those.
 #pragma once
 
 #include <atomic>
@@ -21,6 +22,18 @@ class ScriptStop {
     patient,   // a stop is wanted; scripts have some time left
     raising,   // that time is over: scripts get errors
   };
+
+  // What the hook is asked for; the bits are cleared by who asked, or who has answered.
+  enum Ask : unsigned {
+    kStop = 1,  // a phase other than `off`
+    kTellPlace = 2,
+    kNameCall = 4,
+    kEndCall = 8,
+    kCollect = 16,
+  };
+  // Any thread.
+  void ask(unsigned bits) { asked.fetch_or(bits, std::memory_order_release); }
+  void unask(unsigned bits) { asked.fetch_and(~bits, std::memory_order_relaxed); }
 
   // The phase that follows `phase`, given whether a stop is wanted and whether the phase's time is over. Any thread.
   static Phase next(Phase phase, bool wanted, bool over);
@@ -53,6 +66,7 @@ class ScriptStop {
   bool is_time_to_raise();
   void say_stopped(const lua_Debug& at);
 
+  std::atomic<unsigned> asked{0};
   std::atomic<Phase> phase{Phase::off};
   // Written by the main thread before the phase leaves `off`, then by the thread that has the state.
   int64_t over_at_ms = 0;  // steady_ms: when the phase's time is over

@@ -60,13 +60,16 @@ int timer_time(lua_State* L) {
 namespace {
 
 void call_back(lua_State* L, const ScriptTimer& timer) {
+  const LoopCall counted(g_mscript->watch, Activity::timer, timer.tag.c_str());
   std::string error;
   const bool done = protect(L, error, [&](lua_State* state) {
     lua_rawgeti(state, LUA_REGISTRYINDEX, timer.callback_ref);
     lua_rawgeti(state, LUA_REGISTRYINDEX, timer.argument_ref);
     lua_call(state, 1, 0);
   });
-  if (!done) elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
+  if (done) return;
+  elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
+  g_loop_stats.failed(timer.tag.c_str(), error.c_str());
 }
 
 }  // namespace
@@ -79,6 +82,7 @@ void ScriptTimers::run_due(lua_State* L, int now) {
     }
     bool deleted = false;
     if (timer->next_due <= now) {
+      g_loop_stats.timer_lateness.add((int64_t{now} - timer->next_due) * 1000000000);
       timer->next_due = get_target_time(now, timer->interval, timer->origin);
       current_timer = &*timer;
       call_back(L, *timer);

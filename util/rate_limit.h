@@ -6,11 +6,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <optional>
+#include <utility>
 
 #include "util/clock.h"
 
 // The end of such a line: " (and 5 more)" when lines were left out since the last one, else empty.
 struct LeftOut {
+  LeftOut() = default;
+  explicit LeftOut(int lines) {
+    if (lines > 0) snprintf(text, sizeof(text), " (and %d more)", lines);
+  }
   char text[40] = "";
 };
 
@@ -25,10 +30,7 @@ class RateLimit {
       return {};
     }
     last_second = now_seconds;
-    LeftOut left_out;
-    if (refused > 0) snprintf(left_out.text, sizeof(left_out.text), " (and %d more)", refused);
-    refused = 0;
-    return left_out;
+    return LeftOut(std::exchange(refused, 0));
   }
 
  private:

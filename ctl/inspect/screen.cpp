@@ -42,10 +42,12 @@ class Screen {
       line += ", " + rate_text(recent.number("events") * 1000 / recent.number("over_ms")) + "/s in the last " +
               duration_text(recent.count("over_ms") * 1000);
     }
+    const char* separator = "; ";
     for (const AnswerLine& source : answers.stats) {
       if (source.kind() != "source") continue;
-      line += "; " + std::to_string(source.count("events")) + " from " +
+      line += separator + std::to_string(source.count("events")) + " from " +
               (source.text("name") == "process" ? "the process itself" : value(source, "name"));
+      separator = ", ";
       if (source.count("refused") > 0) line += " (" + std::to_string(source.count("refused")) + " refused)";
     }
     row("events", line);

@@ -1,0 +1,231 @@
+// zelvctl status, scripts, log-level and its completion, against a daemon that the test plays.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+#include <sstream>
+
+#include "ctl/human_text.h"
+#include "ctl/inspect/diagnosis.h"
+#include "ctl/inspect/script_list.h"
+#include "tests/fake_control.h"
+#include "tests/real_daemon.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+std::vector<AnswerLine> lines_in(const std::string& text) {
+  std::vector<AnswerLine> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.emplace_back(line);
+  return lines;
+}
+
+// Of a daemon that is well.
+constexpr char kWell[] =
+    "daemon version=1.2.3 pid=12 started=0 state=ready state_since_s=7380 root=/r log_level=1 rss=3145728 "
+    "exe=/d/zelvind\n"
+    "loop activity=idle for_us=100 alive_us=900000\n"
+    "queue waiting=3 highest=812 oldest_us=10 socket=owned\n"
+    "wait count=4 sum_us=400 max_us=280 buckets=0,4\n"
+    "source name=process events=1 refused=0\n"
+    "source name=posters events=13 refused=0\n"
+    "recent over_ms=10000 events=125 errors=0 waiting_then=3 timers_then=2 coroutines_then=1\n"
+    "event name=door events=12 unknown=0 errors=0\n"
+    "event name=bell%1b events=2 unknown=0 errors=0\n"
+    "tag name=front runs=14 errors=0 run_sum_us=2800 run_max_us=50000\n"
+    "timers now=2 lateness_max_us=900\n"
+    "coroutines now=1 lateness_max_us=1100\n"
+    "lua bytes=1258291 limit=0 collections=1 collect_max_us=400\n"
+    "reload done=2 failed=1 last_result=done\n"
+    "listener port=5512 clients=1 owing=0 deliveries=9 skips=0\n"
+    "log lost=0\n";
+
+TEST(Diagnosis, NamesEachTrouble) {
+  std::string posters;
+  for (int i = 1; i <= 5; ++i)
+    posters += "poster pid=0 uid=4294967294 since_s=0 events=1 refused=" + std::to_string(i) + "\n";
+  const std::string poster = "process 0 (user 4294967294) ";
+  const struct {
+    std::string lines, clients, trouble, notes;
+  } rows[] = {
+      {"", "", "", ""},
+      {"loop activity=handler tag=front event=door for_us=12345678 where=/s/door.lua:12 alive_us=12345678", "",
+       "the event loop is busy: in handler 'front' of door for 12.3 s, /s/door.lua:12", ""},
+      {"loop activity=handler tag=front event=door for_us=1900000 alive_us=1900000", "", "", ""},
+      {"loop activity=loading for_us=3000000 alive_us=3000000", "", "the event loop is busy: loading for 3.0 s", ""},
+      {"loop activity=idle for_us=3000000 alive_us=3000000", "", "the event loop is silent for 3.0 s", ""},
+      {"loop activity=stopped for_us=1 alive_us=1", "", "the quit event came, and the event loop has ended: restart it",
+       ""},
+      {"daemon state=stopping", "", "it is stopping", ""},
+      {"daemon state=loading", "", "it is starting", ""},
+      {"queue socket=none", "", "it does not have the event socket (none): see its log", ""},
+      {"queue waiting=5000 oldest_us=700000 socket=owned", "", "",
+       "5000 events wait (10.0 s ago: 3), the oldest for 700 ms"},
+      {"queue waiting=1 oldest_us=1200000 socket=owned", "", "", "1 event waits (10.0 s ago: 3), the oldest for 1.2 s"},
+      {"timers now=60", "", "", "60 timers, 58 more than 10.0 s ago: zelvctl scripts tells whose they are"},
+      {"coroutines now=1000\nrecent over_ms=1 coroutines_then=1000", "", "",
+       "1000 tasks: zelvctl scripts tells whose they are"},
+      {"error time=1 text=old", "", "", ""},
+      {"error time=" + std::to_string(time(nullptr) + 100) + "\ntag name=a errors=1\ntag name=b%0a errors=9", "", "",
+       "scripts fail, the last time 0 us ago: b\\n 9, a 1"},
+      {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a\\nb"},
+      {"event name=a unknown=1\nevent name=b unknown=2\nevent name=c unknown=3\nevent name=d unknown=4", "", "",
+       "nobody handles: d 4, c 3, b 2 and 1 more"},
+      {"tag name=a run_max_us=300000", "", "", "slow calls hold up everything, so far: a up to 300 ms"},
+      {"source name=posters refused=7\n" + posters, "", "",
+       "7 posted events were refused: " + poster + "5, " + poster + "4, " + poster + "3 and 2 more"},
+      {"poster pid=0 uid=4294967294 since_s=2 events=5000", "", "",
+       "many events come from " + poster.substr(0, poster.size() - 1) + ", 2500/s"},
+      {"listener port=0", "", "", "no client can connect: the listener's port is not open; the log says why"},
+      {"",
+       "client id=9 address=a:1 state=owing waiting=5 skipped=0\nclient id=8 address=a:2 state=subscribed skipped=812",
+       "", "does not read: client 9 (a:1)|has lost events: client 8 (a:2) 812"},
+      {"lua bytes=900 limit=1000\nlog lost=1", "", "",
+       "scripts use 900 B of script_memory, 1000 B|1 log line was lost"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    const Diagnosis diagnosis = diagnose({lines_in(row.lines + "\n" + kWell), lines_in(row.clients)});
+    EXPECT_EQ(diagnosis.trouble, row.trouble);
+    std::string notes;
+    for (const std::string& note : diagnosis.notes) notes += (notes.empty() ? "" : "|") + note;
+    EXPECT_EQ(notes, row.notes);
+  }
+}
+
+TEST(Status, IsOneScreenAndAHealthCheck) {
+  const RealDaemon root;
+  std::string clients;
+  for (int i = 1; i <= 7; ++i) {
+    clients += "client id=" + std::to_string(i) +
+               " address=a:1 state=subscribed wants=do%1bor events=9 waiting=" + std::to_string(i == 6 ? 2048 : 0) +
+               (i == 5 ? " skipped=3 last_skip_s=61\n" : " skipped=0\n");
+  }
+  root.expect_zelvctl("status", 1, "",
+                      "zelvctl: no daemon at ROOT/run/zelvind/control.sock: No such file or directory\n");
+  {
+    const FakeControl daemon(root.path(""), {{"stats", kWell + "\n"s}, {"clients", clients + "\n"}});
+    root.expect_zelvctl(
+        "status", 0,
+        "healthy\n"
+        "! has lost events: client 5 (a:1) 3\n"
+        "daemon      zelvind 1.2.3, process 12, ready for 2 h 3 min, started " +
+            time_text(0) +
+            "\n"
+            "            /d/zelvind below /r, log level 1, 3.0 MiB of memory\n"
+            "loop        idle, looked for an event 900 ms ago\n"
+            "queue       3 events wait, highest 812; waited 100 us on average, at most 280 us\n"
+            "events      14 so far, 12.5/s in the last 10.0 s; 1 from the process itself, 13 from posters\n"
+            "types       door 12, bell\\x1b 2\n"
+            "slowest     front 50.0 ms (mean 200 us)\n"
+            "timers      2, late by 900 us at most; tasks 1, late by 1.1 ms at most\n"
+            "lua         1.2 MiB, 1 collection, the longest 400 us\n"
+            "reloads     2 done, 1 failed\n"
+            "listener    port 5512, 1 client (0 owing), 9 events sent, 0 lost\n"
+            "clients     5 (a:1) subscribed, 9 sent, lost 3 (1 min 1 s ago): do\\x1bor\n"
+            "            6 (a:1) subscribed, 9 sent, owes 2.0 KiB: do\\x1bor\n"
+            "            1 (a:1) subscribed, 9 sent: do\\x1bor\n"
+            "            2 (a:1) subscribed, 9 sent: do\\x1bor\n"
+            "            3 (a:1) subscribed, 9 sent: do\\x1bor\n"
+            "            and 2 more\n",
+        "");
+  }
+  const FakeControl daemon(root.path(""), {{"stats", "loop activity=stopped\nevent name=12 events=3 buckets=1,2\n\n"},
+                                           {"clients", "\n"},
+                                           {"log_level 3", "log_level now=3\n\n"},
+                                           {"scripts", "error: the loop is busy: in timer 'a'\n\n"}});
+  EXPECT_EQ(root.launch("zelvctl status | grep -q '^NOT HEALTHY: the quit event came'"), 0);
+  root.expect_zelvctl("status --json", 1, R"({
+  "healthy": false,
+  "trouble": "the quit event came, and the event loop has ended: restart it",
+  "notes": [],
+  "loop": {
+    "activity": "stopped"
+  },
+  "events": [
+    {
+      "buckets": [
+        1,
+        2
+      ],
+      "events": 3,
+      "name": "12"
+    }
+  ],
+  "sources": [],
+  "tags": [],
+  "posters": [],
+  "clients": []
+}
+)",
+                      "");
+  root.expect_zelvctl("log-level 3", 0, "3\n", "");
+  root.expect_zelvctl("scripts", 1, "", "zelvctl: the loop is busy: in timer 'a'\n");
+}
+
+TEST(Scripts, ListsWhatIsThereAndCountsWhatIsTooMuch) {
+  std::string answer =
+      "round n=2\nfile path=/s/b.lua module=b\nfile path=/s/aa.lua module=\n"
+      "handler event=x tag=b where=/s/b.lua:1\nhandler event=door%0a tag=front where=/s/b.lua:2\n"
+      "handler event=x tag=a where=/s/aa.lua:1\ntask tag=t where=/s/b.lua:9\ncut bytes=1\n";
+  for (int i = 22; i > 0; --i) {
+    answer += "timer tag=" + std::string(i % 11 == 0 ? "rare" : "leak") +
+              " every_ms=5000 due_in_ms=" + std::to_string(i) + "\n";
+  }
+  std::string timers;
+  for (int i = 1; i <= 20; ++i) {
+    timers += "  " + std::string(i == 11 ? "rare" : "leak") + " due in " + std::to_string(i) + ".0 ms, every 5.0 s" +
+              (i < 10 ? "  " : " ") + "\n";
+  }
+  EXPECT_EQ(script_list(lines_in(answer)),
+            "2 files in load order, loaded 2 times\n  /s/b.lua  b\n  /s/aa.lua \n"
+            "3 handlers\n  door\\n front /s/b.lua:2\n  x      b     /s/b.lua:1\n  x      a     /s/aa.lua:1\n"
+            "22 timers: leak 20, rare 2\n" +
+                timers +
+                "  and 2 more\n1 task\n  t waits /s/b.lua:9\nThe answer was too long; there is more than this.\n");
+}
+
+TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
+  const struct {
+    const char *line, *candidates;
+  } rows[] = {
+      {"zelvctl sta", "status "},
+      {"zelvctl --root / log", "log-level "},
+      {"zelvctl post --", "--help --version --root --quit "},
+      {"zelvctl listen do", "door down:a "},
+      {"zelvctl listen door --json d", "door down:a "},
+      {"zelvctl post 1 bel", "bell "},
+      {"zelvctl listen --port d", ""},
+      {"zelvctl post 1 door d", ""},
+      {"zelvctl unheard d", ""},
+      {"zelvctl check $ROOT/opt/fl", "ROOT/opt/flash "},
+      {"zelvctl reload --pidfile $ROOT/scripts/c", "ROOT/scripts/config.lua "},
+  };
+  const RealDaemon root;
+  const FakeControl daemon(root.path(""),
+                           {{"stats", "event name=door\nevent name=d$(reboot)\nevent name=-d\nevent name=down:a\n\n"},
+                            {"scripts", "handler event=bell\nhandler event=door\n\n"}});
+  const std::string setup = ". " ZELVIND_PACKAGING_DIR "/completion/";
+  const bool has_zsh = root.launch("command -v zsh >/dev/null") == 0;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    root.write("line", row.line);
+    root.launch(
+        "exec >$ROOT/out 2>&1; bash -c 'eval \"COMP_LINE=\\\"$(cat $ROOT/line)\\\"\"; COMP_POINT=${#COMP_LINE}; " +
+        setup + "zelvctl.bash; _zelvctl zelvctl; printf \"%s \" \"${COMPREPLY[@]}\"'");
+    EXPECT_EQ(root.text_of("out"), *row.candidates == '\0' ? " " : row.candidates);
+    if (!has_zsh) continue;
+    root.launch(
+        "exec >$ROOT/out 2>&1; zsh -f -c 'words=(${=\"$(cat $ROOT/line)\"}); CURRENT=$#words; PREFIX=$words[-1]; "
+        "compadd() { printf \"%s \" ${(P)2} }; _files() { printf \"files \" }; f() { " +
+        setup + "_zelvctl }; f'");
+    const bool is_file = strchr(row.candidates, '/') != nullptr;
+    EXPECT_EQ(root.text_of("out"), *row.candidates == '\0' ? " " : is_file ? "files " : row.candidates);
+  }
+  if (!has_zsh) std::cerr << "zsh is not installed: only bash was tried\n";
+}
+
+}  // namespace
