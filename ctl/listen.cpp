@@ -124,6 +124,20 @@ void warn_of_unknown(const ListenRequest& request) try {
 } catch (const Failure&) {
 }
 
+// A running daemon knows its port even where the kernel has chosen it.
+int port_of(const ListenRequest& request) {
+  if (request.port != 0) return request.port;
+  if (request.host.empty()) {
+    try {
+      const auto stats = ControlClient(request.root, kAskMs).ask("stats", kAskMs);
+      const int port = static_cast<int>(line_of(stats, "listener").count("port"));
+      if (port != 0) return port;
+    } catch (const Failure&) {  // it has no control socket, or does not let us in
+    }
+  }
+  return configured_port();
+}
+
 class Listener {
  public:
   Listener(const ListenRequest& what, FILE* output) : request(what), out(output) {}
@@ -155,7 +169,7 @@ class Listener {
   // Returns true after the last event that is wanted, false when the daemon has gone and we are to try again.
   bool subscribe_once(const std::set<std::string, std::less<>>& names, const std::string& packet) try {
     const std::string host = request.host.empty() ? "127.0.0.1" : request.host;
-    const Descriptor fd = connect_to(host, request.port != 0 ? request.port : configured_port());
+    const Descriptor fd = connect_to(host, port_of(request));
     send_all(fd.get(), packet);
     if (gone_since != 0) {
       const std::string gone_for = duration_text(static_cast<uint64_t>(steady_ms() - gone_since) * 1000);

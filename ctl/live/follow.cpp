@@ -66,7 +66,7 @@ class Follower {
       } catch (const Refused&) {
         throw;
       } catch (const Failure& failure) {
-        throw Gone(failure.status, failure.what());
+        throw Gone(failure.status, "the daemon went away");
       }
       if (got == ControlClient::Got::end) throw Gone(Exit::unreachable, "the daemon has ended its answer");
       if (got == ControlClient::Got::nothing) {

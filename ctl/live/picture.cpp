@@ -11,6 +11,7 @@
 namespace {
 
 constexpr size_t kLabelWidth = 8;
+constexpr size_t kMinute = 60;  // bars
 
 // duration_text without its blanks: a column of figures is narrow.
 std::string narrow(uint64_t us) {
@@ -122,14 +123,16 @@ class Head {
     add("queue", text);
   }
 
+  // The newest second stands at the right end.
   void events(bool is_utf8) {
     const std::deque<double>& minute = history.minute();
-    const std::string rate = (minute.empty() ? "-" : rate_text(minute.back())) + "/s";
     const double highest = minute.empty() ? 0 : *std::max_element(minute.begin(), minute.end());
-    const std::string peak = "  highest " + rate_text(highest) + "/s";
-    const size_t taken = kLabelWidth + 10 + peak.size();
-    const size_t room = width > taken ? width - taken : 0;
-    add("events", padded(rate, 10) + padded(sparkline(minute, room, is_utf8), std::min<size_t>(room, 60)) + peak);
+    const std::string rate = padded((minute.empty() ? "-" : rate_text(minute.back())) + "/s", 9);
+    const std::string peak = " highest " + rate_text(highest) + "/s";
+    const size_t taken = kLabelWidth + rate.size() + peak.size();
+    const size_t room = width > taken ? std::min(width - taken, kMinute) : 0;
+    const std::string bars = sparkline(minute, room, is_utf8);
+    add("events", rate + std::string(room - characters_of(bars), ' ') + bars + peak);
   }
 
   void errors() {
@@ -137,7 +140,7 @@ class Head {
     const uint64_t count = sum_of(now.stats, "tag", "errors");
     const uint64_t before = sum_of(history.before().stats, "tag", "errors");
     const double rate = static_cast<double>(count - std::min(before, count)) / history.seconds();
-    std::string text = std::to_string(count) + ", " + rate_text(rate) + "/s";
+    std::string text = count == 0 ? "none" : std::to_string(count) + ", " + rate_text(rate) + "/s";
     if (const AnswerLine& last = now.stat("error"); last.has("time")) {
       text += "; last " + time_text(last.count("time")).substr(11) + " " + last.text("tag");
       if (!last.text("event").empty()) text += " of " + last.text("event");
@@ -146,17 +149,22 @@ class Head {
     add("errors", text);
   }
 
-  void rest() {
+  void lua() {
     const Answers& now = history.now();
-    const AnswerLine& listener = now.stat("listener");
-    std::string text = "lua " + size_text(now.stat("lua").count("bytes")) + ", " +
-                       number_of(now.stat("timers").count("now"), "timer") + ", " +
-                       number_of(now.stat("coroutines").count("now"), "task") + "; " +
-                       number_of(listener.count("clients"), "client") + " get " +
-                       rate_text(history.rate(history.before().stat("listener"), listener, "deliveries")) + "/s";
-    if (listener.count("owing") > 0) text += ", " + listener.text("owing") + " behind";
-    if (listener.count("skips") > 0) text += ", " + listener.text("skips") + " events lost";
-    add("has", text);
+    const AnswerLine& line = now.stat("lua");
+    const uint64_t limit = line.count("limit");
+    add("lua", size_text(line.count("bytes")) + (limit > 0 ? " of " + size_text(limit) : "") + ", " +
+                   number_of(now.stat("timers").count("now"), "timer") + ", " +
+                   number_of(now.stat("coroutines").count("now"), "task"));
+  }
+
+  void clients() {
+    const AnswerLine& line = history.now().stat("listener");
+    std::string text = line.text("clients") + ", get " +
+                       rate_text(history.rate(history.before().stat("listener"), line, "deliveries")) + "/s";
+    if (line.count("owing") > 0) text += ", " + line.text("owing") + " behind";
+    if (line.count("skips") > 0) text += ", " + number_of(line.count("skips"), "event") + " lost";
+    add("clients", text);
   }
 
   std::vector<std::string> lines;
@@ -179,16 +187,15 @@ std::vector<std::string> head_lines(const History& history, size_t width, bool i
   head.queue();
   head.events(is_utf8);
   head.errors();
-  head.rest();
+  head.lua();
+  head.clients();
   return head.lines;
 }
 
 Table table_of(const History& history, View view) {
   switch (view) {
-    case View::events: {
-      Table table = runs_table(history, "event", "EVENT", "events");
-      return table;
-    }
+    case View::events:
+      return runs_table(history, "event", "EVENT", "events");
     case View::tags:
       return runs_table(history, "tag", "TAG", "runs");
     case View::clients:
