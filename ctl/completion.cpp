@@ -99,7 +99,7 @@ class Place {
     size_t left = arguments;
     for (const Parameter& parameter : command->parameters) {
       if (parameter.name == nullptr || is_option(parameter.name)) continue;
-      if (left-- == 0 || parameter.takes == Takes::values || parameter.takes == Takes::some_needed) return &parameter;
+      if (left-- == 0 || parameter.takes == Takes::values) return &parameter;
     }
     return nullptr;
   }

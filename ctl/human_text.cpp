@@ -1,5 +1,6 @@
 #include "ctl/human_text.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "util/safe_text.h"
@@ -34,12 +35,6 @@ size_t offset_behind(const std::string& text, size_t characters) {
     if (begins_character(text[at]) && characters-- == 0) break;
   }
   return at;
-}
-
-size_t characters_of(const std::string& text) {
-  size_t number = 0;
-  for (const char byte : text) number += begins_character(byte) ? 1 : 0;
-  return number;
 }
 
 }  // namespace
@@ -77,6 +72,10 @@ std::string time_text(uint64_t seconds) {
   char text[32] = "";
   strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
   return text;
+}
+
+size_t characters_of(const std::string& text) {
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), begins_character));
 }
 
 std::string shown(std::string_view text, size_t most) {

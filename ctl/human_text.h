@@ -21,6 +21,9 @@ std::string number_of(uint64_t number, const char* thing, const char* things = n
 // Local time, "2026-11-22 19:26:33". Seconds since 1970.
 std::string time_text(uint64_t seconds);
 
+// How many characters UTF-8 `text` has.
+size_t characters_of(const std::string& text);
+
 // `text` made safe for a terminal, on one line, and cut to `most` characters, "..." included.
 std::string shown(std::string_view text, size_t most);
 

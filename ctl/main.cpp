@@ -10,6 +10,8 @@
 #include "ctl/completion.h"
 #include "ctl/inspect/inspect.h"
 #include "ctl/listen.h"
+#include "ctl/live/tail.h"
+#include "ctl/live/top.h"
 #include "ctl/metrics.h"
 #include "ctl/post.h"
 #include "ctl/reload.h"
@@ -39,12 +41,29 @@ void run_post(const Given& given) {
 
 void run_listen(const Given& given) {
   ListenRequest request;
-  request.host = given.value("--host", "127.0.0.1");
+  request.root = given.root;
+  request.host = given.value("--host");
   request.port = static_cast<int>(given.number("--port", 0));
   request.json = given.has("--json");
   request.count = given.number("--count", 0);
+  request.reconnect = given.has("--reconnect");
   request.names = given.values("NAME");
+  if (request.names.empty() != given.has("--all")) throw Failure(Exit::usage, "expected names of events, or --all");
   print_events(request, stdout);
+}
+
+void run_tail(const Given& given) {
+  TailRequest request;
+  request.follow = {given.root, given.values("NAME"), given.value("--from"), true};
+  request.where = given.values("--where");
+  request.slow_us = static_cast<uint64_t>(given.number("--slow", 0)) * 1000;
+  request.errors = given.has("--errors");
+  request.json = given.has("--json");
+  print_tail(request, stdout);
+}
+
+void run_top(const Given& given) {
+  show_top(given.root, given.has("--once"), stdout);
 }
 
 void run_check(const Given& given) {
@@ -109,13 +128,41 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl listen door heartbeat\n"
        "  zelvctl listen --count 1 door       waits for one event\n"
+       "  zelvctl listen 'net.*'              all whose names begin so, on this machine\n"
        "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state",
        {{"--host", Takes::value, "Where the daemon runs (default 127.0.0.1)", "HOST"},
-        {"--port", Takes::number, "Its port (default: from the settings, else 5512)", "PORT", 1, 65535},
+        {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT", 1, 65535},
         {"--json", Takes::nothing, "Print one JSON object a line"},
         {"--count", Takes::number, "End after N events", "N", 1},
-        {"NAME", Takes::some_needed, "Names of events, which must match exactly"}},
+        {"--reconnect", Takes::nothing, "Wait for a daemon that is not there or goes away, and tell the gap"},
+        {"--all", Takes::nothing, "All events of the daemon on this machine"},
+        {"NAME", Takes::values, "Names of events; on this machine, * and ? stand for any letters"}},
        run_listen},
+      {"tail",
+       "Print the events that the daemon handles, with what they cost",
+       "Prints TIME ID NAME INFO and how long the event waited and its handlers ran. Waits for a daemon that goes "
+       "away\n"
+       "and goes on behind the last event; says on standard error what is missing.\n"
+       "--root and the exit statuses: see zelvctl --help.\n"
+       "\nExamples:\n"
+       "  zelvctl tail\n"
+       "  zelvctl tail 'net.*' --where state=down\n"
+       "  zelvctl tail --slow 100             what takes 100 ms or longer\n"
+       "  zelvctl tail --from 5f3a90c1-812    the events behind that one, as far as the daemon remembers them",
+       {{"NAME", Takes::values, "Names of events; * and ? stand for any letters (default: all)"},
+        {"--where", Takes::repeated, "Only events with that field; more than once: all of them", "FIELD=VALUE"},
+        {"--slow", Takes::number, "Only events whose handlers took MS milliseconds or longer", "MS"},
+        {"--errors", Takes::nothing, "Only events of which a handler has failed"},
+        {"--from", Takes::value, "Begin behind the event with that ID", "ID"},
+        {"--json", Takes::nothing, "Print one JSON object a line"}},
+       run_tail},
+      {"top",
+       "Show what the daemon does right now, by event, by tag and by client",
+       "Drawn again every second; rates and times are those of the last 10 s. Where no screen can be drawn on, plain\n"
+       "text comes every 5 s. LOOP is the part of the event loop's time.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--once", Takes::nothing, "Print everything once, after a second, as plain text"}},
+       run_top},
       {"check",
        "Compile the daemon's scripts and report their faults",
        "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
