@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 
 #include "device/config_store.h"
@@ -9,6 +10,7 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/script_report.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
 #include "util/lua_binding.h"
@@ -192,6 +194,7 @@ void ManagerScript::close_state() {
   lua_state = nullptr;
   timers.clear();
   coroutines.clear();
+  dispatch.clear();
 }
 
 void ManagerScript::run_timers() {
@@ -240,6 +243,27 @@ void ManagerScript::collect_inside(lua_State* L) {
   if (const auto left_out = g_collection_lines.allow()) {
     elog(1, "mscript: a collection failed - %s%s", error.c_str(), left_out->text);
   }
+}
+
+void ManagerScript::write_report() {
+  assert(gate.held_here());
+  report_wanted.store(false, std::memory_order_relaxed);
+  std::string text = script_report(*this);
+  const MutexLock lock(report_mutex);
+  last_report = std::move(text);
+  report_written.notify_all();
+}
+
+std::optional<std::string> ManagerScript::report(int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  MutexLock lock(report_mutex);
+  last_report.reset();
+  report_wanted = true;
+  wake_loop();
+  while (!last_report) {
+    if (report_written.wait_until(lock, deadline) == std::cv_status::timeout) return {};
+  }
+  return last_report;
 }
 
 const std::string& ManagerScript::current_tag_name() const {

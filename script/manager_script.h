@@ -117,7 +117,6 @@ class ManagerScript {
   Mutex report_mutex;
   std::condition_variable_any report_written;
   std::optional<std::string> last_report GUARDED_BY(report_mutex);
-  int reports_awaited GUARDED_BY(report_mutex) = 0;
 
   pthread_t thread = 0;  // for the main thread; 0 when there is none
 };
