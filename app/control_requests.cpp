@@ -153,7 +153,8 @@ std::string loop_activity() {
 
 void add_report(ManagerScript& script, Answer& answer) {
   if (const auto report = script.report(kReportMs)) return answer.add_lines(*report);
-  answer.fail("the loop is busy: " + loop_activity());
+  const bool has_ended = g_loop_stats.activity().activity == Activity::stopped;
+  answer.fail(has_ended ? "the event loop has ended" : "the loop is busy: " + loop_activity());
 }
 
 bool wants_trial(const ControlRequest& request) {
