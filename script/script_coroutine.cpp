@@ -123,7 +123,9 @@ void ScriptCoroutines::let_wait(Record record) {
 
 void ScriptCoroutines::run(lua_State* L, ScriptCoroutine& coroutine, int arguments) {
   ScriptCoroutine* const caller = std::exchange(current_coroutine, &coroutine);
+  coroutine.runs = true;
   run_until_yield(L, coroutine.thread, arguments);
+  coroutine.runs = false;
   current_coroutine = caller;
 }
 
@@ -133,7 +135,7 @@ uint64_t ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref
   Waiting place;
   place.emplace(0, next_number);
   const auto record = records.try_emplace(records.end(), next_number);
-  record->second = {thread, clock_ms, wait, thread_ref, tag, place.extract(place.begin())};
+  record->second = {thread, clock_ms, wait, thread_ref, tag, place.extract(place.begin()), false};
   const uint64_t number = next_number++;
   elog(2, "corutine add2: %d", static_cast<int>(records.size()));
   if (!lua_isfunction(thread, 1)) {
@@ -195,10 +197,10 @@ void ScriptCoroutines::drop(lua_State* L, Record record) {
   }
 }
 
-// The record, with its place taken out of those that wait; records.end() when it has ended or runs.
-ScriptCoroutines::Record ScriptCoroutines::find_suspended(uint64_t number) {
+// The record, with its place taken out of those that wait; records.end() when there is none or it runs.
+ScriptCoroutines::Record ScriptCoroutines::take(uint64_t number) {
   const auto record = records.find(number);
-  if (record == records.end() || lua_status(record->second.thread) != LUA_YIELD) return records.end();
+  if (record == records.end() || record->second.runs) return records.end();
   ScriptCoroutine& coroutine = record->second;
   if (coroutine.place.empty()) coroutine.place = waiting.extract({coroutine.last_resume + coroutine.wait, number});
   return record;
@@ -206,12 +208,12 @@ ScriptCoroutines::Record ScriptCoroutines::find_suspended(uint64_t number) {
 
 void ScriptCoroutines::wake(lua_State* L, uint64_t number, int now) {
   read_clock(now);
-  const auto record = find_suspended(number);
+  const auto record = take(number);
   if (record != records.end()) resume(L, record, clock_ms);
 }
 
 void ScriptCoroutines::remove(lua_State* L, uint64_t number) {
-  const auto record = find_suspended(number);
+  const auto record = take(number);
   if (record != records.end()) drop(L, record);
 }
 

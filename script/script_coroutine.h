@@ -24,6 +24,7 @@ struct ScriptCoroutine {
   int thread_ref;            // registry reference that keeps the thread alive
   std::string tag;           // never empty for one of cr_add
   Waiting::node_type place;  // its place among those that wait, which thus need no memory; empty while it waits
+  bool runs;                 // or has resumed the one that does
 };
 
 // All coroutines: the records by number, which is the creation order, and those that wait ordered by due time, so that
@@ -56,7 +57,7 @@ class ScriptCoroutines {
   // Resumes a coroutine now, whenever it is due; does nothing when it has ended or runs.
   void wake(lua_State* L, uint64_t number, int now);
 
-  // Drops a coroutine and its thread; does nothing when it has ended or runs.
+  // Drops a coroutine and its thread; does nothing when there is none or it runs.
   void remove(lua_State* L, uint64_t number);
 
   // The one that runs, or null.
@@ -77,7 +78,7 @@ class ScriptCoroutines {
   void run(lua_State* L, ScriptCoroutine& coroutine, int arguments);
   void resume(lua_State* L, Record record, int64_t pass_ms);
   void drop(lua_State* L, Record record);
-  Record find_suspended(uint64_t number);
+  Record take(uint64_t number);
 
   std::map<uint64_t, ScriptCoroutine> records;
   Waiting waiting;            // every record that neither runs nor is in `due`
