@@ -144,6 +144,10 @@ class LoopStats {
     return activity >= Activity::handler && activity <= Activity::coroutine;
   }
 
+  // Hold the lock from before a fork until after it, so that the copy that tries a reload can count too.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
+
  private:
   struct CachedTag {
     const char* text;

@@ -4,27 +4,21 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 
+#include "ctl/daemon_socket.h"
 #include "ctl/failure.h"
 #include "util/text.h"
-#include "util/unix_socket.h"
 
-EventConnection::EventConnection(const std::string& path, int limit) : limit_ms(limit), socket(unix_stream_socket()) {
-  if (socket.get() < 0) fail("failed to make a socket: " + error_text(errno));
-  // Bounds only the connect, which waits while the queue of connections is full; the sends below never block.
-  const timeval send_limit{limit_ms / 1000, limit_ms % 1000 * 1000L};
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof(send_limit));
-  int result = -1;
-  do {
-    result = unix_connect(socket.get(), path);
-  } while (result < 0 && errno == EINTR);
-  if (result == 0) return;
-  if (errno == EAGAIN) fail("the daemon at " + path + " has let nobody in for " + limit_text());
-  fail("no daemon at " + path + ": " + error_text(errno));
+EventConnection::EventConnection(const std::string& path, int limit)
+    : limit_ms(limit), socket(connect_to_daemon(path, limit)) {}
+
+pid_t EventConnection::daemon() const {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  return getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 void EventConnection::send(std::string_view lines) {
@@ -78,9 +72,8 @@ void EventConnection::wait_for(short events, bool enough_when_read) const {
       unread = now_unread;
       last_progress = Clock::now();
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
-      if (now_unread > 0) fail("the daemon has read nothing for " + limit_text());
-      fail("the daemon has read everything and then been busy for " + limit_text() +
-           "; it may still handle the events, and posting them again may double them");
+      fail("the daemon has " + std::string(now_unread > 0 ? "read nothing" : "read everything and then been busy") +
+           " for " + limit_text() + "; it may still handle the events, and posting them again may double them");
     }
   }
 }

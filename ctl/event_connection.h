@@ -5,6 +5,7 @@
 // reading, and fails when the daemon has read nothing for the whole limit.
 #pragma once
 
+#include <sys/types.h>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,9 @@ class EventConnection {
  public:
   // Connects to the event socket at `path`. `limit_ms` is the longest wait without progress.
   explicit EventConnection(const std::string& path, int limit_ms = kProgressLimitMs);
+
+  // The daemon's process id; 0 when the system does not tell.
+  pid_t daemon() const;
 
   // Sends all of `lines`: whole lines, each with its line feed.
   void send(std::string_view lines);

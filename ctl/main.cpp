@@ -9,8 +9,8 @@
 #include "ctl/listen.h"
 #include "ctl/post.h"
 #include "ctl/reload.h"
+#include "ctl/run.h"
 #include "ctl/running_daemon.h"
-#include "ctl/supervise.h"
 #include "device/event_source.h"
 
 namespace {
@@ -22,11 +22,13 @@ void run_post(const Given& given) {
   if (type == "-") {
     if (given.has("NAME")) throw Failure(Exit::usage, "post -: events come from standard input, not as arguments");
     EventConnection connection(socket);
+    fail_if_ended(given.root, connection.daemon());
     return post_lines(STDIN_FILENO, quit_allowed, connection);
   }
   if (!given.has("NAME")) throw Failure(Exit::usage, "NAME is required");
   const std::string line = line_of_event(type, given.value("NAME"), given.values("FIELD=VALUE"), quit_allowed);
   EventConnection connection(socket);
+  fail_if_ended(given.root, connection.daemon());
   connection.send(line);
   connection.finish(quit_allowed);
 }
@@ -42,7 +44,8 @@ void run_listen(const Given& given) {
 }
 
 void run_check(const Given& given) {
-  check_scripts(given.root, given.values("DIR"), given.has("--strict"), stdout);
+  const CheckRequest request{given.root, given.values("DIR"), given.value("--user"), given.has("--strict")};
+  check_scripts(request, stdout);
 }
 
 void run_reload(const Given& given) {
@@ -51,12 +54,12 @@ void run_reload(const Given& given) {
   reload_scripts(request, stdout);
 }
 
-void run_daemon(const Given& given) {
+void run_run(const Given& given) {
   const std::vector<std::string> arguments = given.values("ARGUMENT");
   if (arguments.size() > given.behind_dashes) {
     throw Failure(Exit::usage, "run: put the daemon's arguments behind --, as in: zelvctl run -- -p FILE");
   }
-  supervise(installed_daemon_folder() + "/zelvind", arguments);
+  run_daemon({given.root, arguments, given.has("--force")});
 }
 
 using Takes = Parameter::Takes;
@@ -95,14 +98,16 @@ const std::vector<Command>& commands() {
        run_listen},
       {"check",
        "Compile the daemon's scripts and report their faults",
-       "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores and, where luacheck is\n"
-       "installed, of globals that nothing defines. Compiles the scripts in the daemon's order and runs none.\n"
+       "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
+       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the "
+       "daemon's order and runs none.\n"
        "Ends with status 0 when there is no fault, with 1 when there is.\n"
        "\nExamples:\n"
        "  zelvctl check                       the scripts that the settings name\n"
        "  zelvctl check ./scripts             all scripts of a folder",
        {{"DIR", Takes::values, "Folders or files to check instead of those that the settings name"},
-        {"--strict", Takes::nothing, "Count warnings as faults"}},
+        {"--strict", Takes::nothing, "Count warnings as faults"},
+        {"--user", Takes::value, "Read the files with that user's rights; for root (default: the daemon's)", "USER"}},
        run_check},
       {"reload",
        "Have the daemon load its scripts again, if they have no faults",
@@ -118,13 +123,15 @@ const std::vector<Command>& commands() {
       {"run",
        "Start the daemon and stay in the foreground as long as it runs",
        "Stays in the foreground until the daemon ends. Passes on SIGHUP, SIGINT and SIGTERM; kills a daemon that\n"
-       "has not ended 30 s after one of the last two.\n"
+       "has not ended 30 s after one of the last two. Refuses to start a second daemon for the same DEVICE_ROOT.\n"
+       "When the daemon fails and its log is not on standard error, prints its last lines of level 1.\n"
        "Ends with status 0 when the daemon was told to end and did, with 1 when it ended otherwise.\n"
        "\nExamples:\n"
        "  zelvctl run\n"
        "  zelvctl run -- -p /run/zelvind.pid",
-       {{"ARGUMENT", Takes::values, "Arguments of the daemon; put -- in front of them"}},
-       run_daemon},
+       {{"ARGUMENT", Takes::values, "Arguments of the daemon; put -- in front of them"},
+        {"--force", Takes::nothing, "Start a daemon although one runs already"}},
+       run_run},
   };
   return table;
 }

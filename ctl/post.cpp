@@ -7,6 +7,7 @@
 #include "ctl/failure.h"
 #include "device/event_line.h"
 #include "device/event_queue.h"
+#include "util/text.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ class LineCheck {
     return good;
   }
 
-  // What is wrong with the first bad line, or empty.
+  // What is wrong with the first bad line and how many are sent before it, or empty.
   std::string complaint;
 
  private:
@@ -57,7 +58,8 @@ class LineCheck {
     EventLine event{};
     const char* error = parse_event_line(line, event);
     if (error == nullptr && event.type == EVENT_TYPE_QUIT && !quit_allowed) error = kQuitRefused;
-    if (error != nullptr) complaint = "line " + std::to_string(line_number) + ": " + error;
+    if (error == nullptr) return;
+    complaint = sstr("line %llu: %s; %llu events were sent before it", line_number, error, line_number - 1);
   }
 
   const bool quit_allowed;

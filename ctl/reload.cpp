@@ -32,6 +32,7 @@ RunningDaemon daemon_of(const ReloadRequest& request) {
 }
 
 void check_first(const RunningDaemon& daemon, const ReloadRequest& request, FILE* out) {
+  fail_if_ended(request.root, daemon.process());
   const std::string folder = daemon.folder();
   const std::string settings = request.root + kSettingsPath;
   Findings findings(out, request.strict);

@@ -89,11 +89,8 @@ std::string RunningDaemon::folder() const {
 }
 
 std::optional<DaemonState> RunningDaemon::state() const {
-  std::ifstream file(root + kServiceStatePath);
-  pid_t owner = 0;
-  DaemonState state;
-  if (file >> owner >> state.name >> state.reloads && owner == pid && is_alive()) return state;
-  return std::nullopt;
+  const auto state = reported_state(root, pid);
+  return state && is_alive() ? state : std::nullopt;
 }
 
 bool RunningDaemon::is_older_than(const std::string& file) const {
@@ -115,7 +112,21 @@ void RunningDaemon::send_signal(int number) const {
   if (kill(pid, number) != 0) fail("failed to signal process " + std::to_string(pid) + ": " + error_text(errno));
 }
 
+std::optional<DaemonState> reported_state(const std::string& root, pid_t pid) {
+  std::ifstream file(root + kServiceStatePath);
+  pid_t owner = 0;
+  DaemonState state;
+  if (file >> owner >> state.name >> state.reloads && owner == pid) return state;
+  return std::nullopt;
+}
+
+void fail_if_ended(const std::string& root, pid_t pid) {
+  const auto state = reported_state(root, pid);
+  if (!state || state->name != "ended") return;
+  fail(sstr("the event loop of the daemon (process %d) has ended with the quit event: restart the daemon", pid));
+}
+
 std::string installed_daemon_folder() {
-  const std::string installed = exe_dir() + "/../libexec/zelvind";
-  return access((installed + "/" + kProgram).c_str(), X_OK) == 0 ? installed : exe_dir();
+  const auto installed = std::filesystem::path(exe_dir() + "/../libexec/zelvind").lexically_normal();
+  return access((installed / kProgram).c_str(), X_OK) == 0 ? installed.string() : exe_dir();
 }

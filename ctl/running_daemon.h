@@ -10,7 +10,7 @@
 #include <string>
 
 struct DaemonState {
-  std::string name;       // starting, ready, reloading or stopping
+  std::string name;       // starting, ready, reloading, ended or stopping
   long long reloads = 0;  // completed since it started
 };
 
@@ -50,6 +50,12 @@ class RunningDaemon {
   pid_t pid;
   std::string root;
 };
+
+// The state that process `pid` reports below `root`; nothing when the state there is not its own.
+std::optional<DaemonState> reported_state(const std::string& root, pid_t pid);
+
+// Throws Failure(Exit::unreachable) when process `pid` reports below `root` that its event loop has ended.
+void fail_if_ended(const std::string& root, pid_t pid);
 
 // Where the daemon's program and init_base.lua are installed: ../libexec/zelvind, seen from the folder of zelvctl, or
 // that folder itself in a build tree.

@@ -9,12 +9,12 @@
 // STATE is starting, ready, reloading, ended or stopping; RELOADS counts the reloads that are done.
 constexpr char kServiceStatePath[] = "/run/zelvind/state";
 
-constexpr int SERVICE_ALIVE = 0;          // the event loop is about to take an event; the first time it becomes ready
-constexpr int SERVICE_RELOADING = 1;      // a reload begins
-constexpr int SERVICE_RELOADED = 2;       // a reload is done
-constexpr int SERVICE_STOPPING = 3;       // the daemon ends: it was asked to, or a start or a reload has failed
-constexpr int SERVICE_STARTING = 4;       // the event queue is open, scripts and plug-ins are about to be loaded
-constexpr int SERVICE_ENDED = 5;          // the event loop has ended with the quit event, for good; a reload changes nothing
+constexpr int SERVICE_ALIVE = 0;      // the event loop is about to take an event; the first time it becomes ready
+constexpr int SERVICE_RELOADING = 1;  // a reload begins
+constexpr int SERVICE_RELOADED = 2;   // a reload is done
+constexpr int SERVICE_STOPPING = 3;   // the daemon ends: it was asked to, or a start or a reload has failed
+constexpr int SERVICE_STARTING = 4;   // the event queue is open, scripts and plug-ins are about to be loaded
+constexpr int SERVICE_ENDED = 5;  // the event loop has ended with the quit event, for good; a reload changes nothing
 constexpr int SERVICE_RELOAD_FAILED = 6;  // a reload was tried and given up: the daemon goes on as before
 
 extern "C" {
@@ -25,8 +25,8 @@ extern "C" {
 // other threads start.
 __attribute__((weak)) void service_open(int (*owns_socket)());
 
-// Reports one of the states above: SERVICE_ALIVE, cheap enough for every pass, and SERVICE_ENDED from the script thread;
-// the others from the main thread. Never fails; what cannot be reported is logged once.
+// Reports one of the states above: SERVICE_ALIVE, cheap enough for every pass, and SERVICE_ENDED from the script
+// thread; the others from the main thread. Never fails; what cannot be reported is logged once.
 __attribute__((weak)) void service_state(int state);
 }
 

@@ -53,6 +53,9 @@ class ManagerScript {
   int start_thread();
   // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
+  // What a reload does with the Lua state, which the caller has. Throws except_base. Main thread; the trial of a reload
+  // calls it too.
+  void load_again(const char* script_path, const char* external_path);
   // Asks the loop to end and joins its thread, at the latest after the pass in progress, which no longer waits for
   // events.
   void stop_thread();
@@ -141,3 +144,7 @@ class ManagerScript {
 
 // The one instance, or null. Set before any other thread starts, cleared after the last has ended.
 extern ManagerScript* g_mscript;
+
+// What the main thread does while it waits for a reload or its trial: a call that has the state may be one to name or to
+// end. Returns in how many ms it wants to be called again.
+int watch_meanwhile();

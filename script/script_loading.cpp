@@ -1,6 +1,7 @@
 #include "script/script_loading.h"
 
 #include "device/log.h"
+#include "script/trial_guards.h"
 #include "util/except.h"
 #include "util/lua_binding.h"
 #include "util/script_files.h"
@@ -13,7 +14,7 @@ void load_file(lua_State* L, const std::string& path) {
   const bool done = protect(L, error, [&](lua_State* state) {
     if (luaL_loadfile(state, file) != 0) lua_error(state);
     compiled = true;
-    lua_call(state, 0, 0);
+    call_traced_in_trial(state);
   });
   if (done) return;
   if (!compiled) throw except_base("could not load file[%s] -- %s", file, error.c_str());

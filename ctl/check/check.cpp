@@ -1,7 +1,9 @@
 #include "ctl/check/check.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -19,8 +21,33 @@
 
 namespace {
 
+// How many letters must be added, removed or replaced to make `a` out of `b`.
+size_t distance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), 0U);
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+    }
+  }
+  return row[b.size()];
+}
+
+// "; did you mean KEY?", or empty when no key is near.
+std::string suggestion_for(const std::string& key) {
+  const auto nearer = [&](const Setting* a, const Setting* b) { return distance(key, a->key) < distance(key, b->key); };
+  const Setting* const nearest = *std::min_element(std::begin(settings::kAll), std::end(settings::kAll), nearer);
+  const bool is_near = distance(key, nearest->key) <= std::max<size_t>(key.size() / 3, 1);
+  return is_near ? sstr("; did you mean %s?", nearest->key) : "";
+}
+
 // Warns of what the daemon ignores in its settings file `path`, where the embedded store keeps it.
-void check_settings(const std::string& path, Findings& findings) {
+void check_settings(const ScriptFolders& folders, Findings& findings) {
+  const std::string& path = folders.settings;
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   const StoreText store = parse_store(text.str());
@@ -31,11 +58,17 @@ void check_settings(const std::string& path, Findings& findings) {
   for (const auto& [key, value] : store.values) {
     const Setting* const setting = settings::find(key);
     if (setting == nullptr) {
-      findings.warn(path, "the daemon has no setting '" + key + "'");
+      findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key));
     } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
       findings.warn(path, problem + "; it is not used");
     }
   }
+  const bool has_scripts = why_unreadable_file(script_in(folders.daemon, "config.lua")).empty();
+  if (!has_scripts && store.values.find("script_path") == store.values.end()) {
+    findings.warn(path, "script_path is not set: scripts are looked for beside the daemon, in " + folders.daemon);
+  }
+  const std::string reason = why_unreadable_folder(folders.plugins);
+  if (!reason.empty()) findings.warn(folders.plugins, "dll_path: " + reason);
 }
 
 // What defines globals for scripts that are not the configured ones: init_base.lua, and plug-ins if there are settings.
@@ -61,24 +94,30 @@ std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
   return text;
 }
 
-std::string check_daemon(const std::string& root, Findings& findings) {
-  const auto running = RunningDaemon::find(root);
+std::string check_daemon(const CheckRequest& request, Findings& findings) {
+  const auto running = RunningDaemon::find(request.root);
   const std::string daemon = running ? running->folder() : installed_daemon_folder();
   std::optional<DaemonRights> rights;
-  if (running) rights.emplace(running->process());
-  return check_configured(configured_folders(root, daemon), findings);
+  if (!request.user.empty()) {
+    rights.emplace(request.user);
+  } else if (running) {
+    rights.emplace(running->process());
+  }
+  return check_configured(configured_folders(request.root, daemon), findings);
 }
 
-std::string check_places(const std::string& root, const std::vector<std::string>& places, Findings& findings) {
-  const std::vector<std::string> good = compile_places(places, findings);
-  check_globals(good, installed_declarations(root), findings);
-  return scripts_in(good.size(), places);
+std::string check_places(const CheckRequest& request, Findings& findings) {
+  std::optional<DaemonRights> rights;
+  if (!request.user.empty()) rights.emplace(request.user);
+  const std::vector<std::string> good = compile_places(request.places, findings);
+  check_globals(good, installed_declarations(request.root), findings);
+  return scripts_in(good.size(), request.places);
 }
 
 }  // namespace
 
 std::string check_configured(const ScriptFolders& folders, Findings& findings) {
-  check_settings(folders.settings, findings);
+  check_settings(folders, findings);
   const std::vector<std::string> good = compile_configured(folders, findings);
   check_globals(good, plugin_declarations(folders.plugins), findings);
   std::vector<std::string> places = {folders.daemon, folders.script};
@@ -87,9 +126,10 @@ std::string check_configured(const ScriptFolders& folders, Findings& findings) {
   return scripts_in(good.size(), places);
 }
 
-void check_scripts(const std::string& root, const std::vector<std::string>& places, bool strict, FILE* out) {
-  Findings findings(out, strict);
-  const std::string checked = places.empty() ? check_daemon(root, findings) : check_places(root, places, findings);
+void check_scripts(const CheckRequest& request, FILE* out) {
+  Findings findings(out, request.strict);
+  const std::string checked =
+      request.places.empty() ? check_daemon(request, findings) : check_places(request, findings);
   const std::string unchecked = findings.globals_text();
   if (!findings.passed()) fail(findings.counts() + (findings.has_faults() ? "; " + unchecked : ""));
   const std::string warnings = findings.counts().empty() ? "" : ", " + findings.counts();

@@ -67,17 +67,17 @@ void compile_place(const std::string& place, Compiler& compiler, Findings& findi
 std::vector<std::string> compile_configured(const ScriptFolders& folders, Findings& findings) {
   Compiler compiler(findings);
   compiler.compile(script_in(folders.daemon, "init_base.lua"));
+  if (const std::string reason = why_unreadable_folder(folders.script); !reason.empty()) {
+    findings.fault(folders.script + ": script_path: " + reason);
+    return compiler.good;
+  }
   compiler.compile(base_script("config.lua", folders.script, folders.external));
   compiler.compile(base_script("server_event.lua", folders.script, folders.external));
   if (!folders.external.empty()) {
     const std::string reason = why_unreadable_folder(folders.external);
     if (!reason.empty()) findings.warn(folders.external, "external_path: " + reason);
   }
-  if (const std::string reason = why_unreadable_folder(folders.script); !reason.empty()) {
-    findings.fault(folders.script + ": " + reason);
-  } else {
-    for (const std::string& path : directory_scripts(folders.script, folders.external).paths) compiler.compile(path);
-  }
+  for (const std::string& path : directory_scripts(folders.script, folders.external).paths) compiler.compile(path);
   return compiler.good;
 }
 

@@ -1,6 +1,7 @@
 #include "device/config_store.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -10,11 +11,11 @@
 #include <string>
 #include <tuple>
 
-#include "util/device_root.h"
 #include "device/log.h"
 #include "device/settings.h"
 #include "device/store_text.h"
 #include "util/descriptor.h"
+#include "util/device_root.h"
 #include "util/lua_binding.h"
 #include "util/mutex.h"
 #include "util/text.h"
@@ -39,6 +40,15 @@ struct Complained {
 Complained& complained() {
   static auto* const the_complained = new Complained;  // any thread's scripts may use it until the process is gone
   return *the_complained;
+}
+
+// A forked copy of the daemon may read files too.
+void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+  complained().mutex.lock();
+}
+
+void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+  complained().mutex.unlock();
 }
 
 // Returns true once for each state of the file at `path`.
@@ -68,6 +78,13 @@ void complain_about_lines(const std::string& path, const struct stat& status, co
     }
   }
   if (store.more_complaints > 0) elog(1, "econf: %s: %d more bad lines", path.c_str(), store.more_complaints);
+}
+
+// The daemon cannot start without its settings: it says where it has looked for them.
+void complain_when_missing(const std::string& folder, const char* file) {
+  std::string path;
+  if (!under_device_root(folder + "/" + file, path) || access(path.c_str(), F_OK) == 0) return;
+  elog(1, "econf: cannot read %s: %s", path.c_str(), strerrordesc_np(errno));
 }
 
 // Reads a whole regular file. Returns null, or why it cannot be read.
@@ -163,7 +180,9 @@ extern "C" {
 
 econf_handle* econf_open(int, const char* file, const char* dir) {
   auto handle = std::make_unique<econf_handle>();
-  return load(dir, file, handle->store) ? handle.release() : nullptr;
+  if (load(dir, file, handle->store)) return handle.release();
+  complain_when_missing(dir, file);
+  return nullptr;
 }
 
 int econf_get_int(econf_handle* handle, const char* key, int* value) {
@@ -182,6 +201,8 @@ void econf_close(econf_handle* handle) {
 }
 
 int econf_init(lua_State* L) {
+  static const int registered = pthread_atfork(before_fork, after_fork, after_fork);
+  (void)registered;
   std::string error;
   const bool added = protect(L, error, [](lua_State* state) {
     for (const luaL_Reg& entry : kStoreApi) lua_register(state, entry.name, entry.func);

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "device/last_lines.h"
 #include "util/descriptor.h"
 #include "util/quiet_write.h"
 #include "util/safe_text.h"
@@ -68,10 +69,17 @@ void LogTarget::open(int facility, const char* name) {
 
 void LogTarget::write(int level, bool framed, std::string_view lines) {
   const MutexLock lock(mutex);
+  if (diverted != nullptr) return diverted(level, lines.data(), lines.size());
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
   const bool taken = fd >= 0 && write_stream(level, framed, lines);
   if (to_syslog) write_syslog(level, lines);
   (taken || to_syslog ? written : lost).fetch_add(1, std::memory_order_relaxed);
+  if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
+}
+
+void LogTarget::divert(void (*take)(int level, const char* lines, size_t size)) {
+  const MutexLock lock(mutex);
+  diverted = take;
 }
 
 void LogTarget::open_held(int facility, const char* name) {
@@ -81,6 +89,7 @@ void LogTarget::open_held(int facility, const char* name) {
   to_syslog = false;
   copy_text(program, sizeof(program), name);
   choose();
+  if (!is_open) find_last_lines();
   if (to_syslog) {
     const LowNumbersHeld held;
     low_numbers_free = held.any();
@@ -114,6 +123,26 @@ void LogTarget::choose() {
     complained = true;
     say_on_standard_error(complaint);
   }
+}
+
+// Programs that scripts start must not get at the file.
+void LogTarget::find_last_lines() {
+  const char* const number = secure_getenv(kLastLinesVariable);
+  if (number == nullptr) return;
+  const int given = atoi(number);
+  unsetenv(kLastLinesVariable);  // NOLINT(concurrency-mt-unsafe): no other thread reads the environment yet
+  if (given > STDERR_FILENO && fcntl(given, F_SETFD, FD_CLOEXEC) == 0) last_lines = given;
+}
+
+// What cannot be written is missed by nobody but the supervisor's message.
+void LogTarget::keep_last(std::string_view lines) {
+  char slot[kLastLineSize];
+  size_t size = sstr("%u ", ++last_number).copy(slot, sizeof(slot));
+  size += lines.substr(0, lines.find('\n')).copy(slot + size, sizeof(slot) - size - 1);
+  slot[size++] = '\n';
+  const off_t place = static_cast<off_t>(last_number % kLastLines * kLastLineSize);
+  const ssize_t ignored = pwrite(last_lines, slot, size, place);
+  (void)ignored;
 }
 
 bool LogTarget::open_file(const char* path) {

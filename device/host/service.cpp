@@ -10,11 +10,11 @@
 #include <ctime>
 #include <string>
 
-#include "util/device_root.h"
 #include "device/host/notify_socket.h"
 #include "device/log.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
+#include "util/device_root.h"
 #include "util/mutex.h"
 #include "util/quiet_write.h"
 

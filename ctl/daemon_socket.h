@@ -1,0 +1,12 @@
+// How zelvctl gets to the daemon's Unix sockets, which have the same folder, owner and rules.
+#pragma once
+
+#include <string>
+
+#include "util/descriptor.h"
+
+// A stream socket that is connected to the daemon's socket at `path`; waits at most `limit_ms` while the queue of
+// connections is full. Throws Failure(Exit::unreachable) when there is no daemon, when we are not allowed to connect,
+// and when the socket or its folder belongs to somebody who could only be playing the daemon: neither root, nor us, nor
+// the user who listens. Any thread.
+Descriptor connect_to_daemon(const std::string& path, int limit_ms);
