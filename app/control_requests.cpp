@@ -9,6 +9,7 @@
 #include <lua.hpp>
 #include <system_error>
 
+#include "app/reload_requests.h"
 #include "control/event_ring.h"
 #include "control/loop_stats.h"
 #include "device/counts.h"
@@ -19,6 +20,7 @@
 #include "script/manager_script.h"
 #include "util/clock.h"
 #include "util/device_root.h"
+#include "util/text.h"
 
 namespace {
 
@@ -26,6 +28,9 @@ constexpr int64_t kNsPerS = 1000000000;
 constexpr int64_t kLongCallNs = 100000000;  // a script that has run for longer is asked where it is
 constexpr int kWhereMs = 100;
 constexpr int kReportMs = 1000;
+
+std::atomic<const char*> g_state{"starting"};
+std::atomic<int64_t> g_state_since{0};  // steady_ns
 
 // Bytes of memory in use.
 int64_t resident_bytes() {
@@ -137,11 +142,42 @@ void add_log(Answer& answer) {
   answer.line("log").key("written", counts.written).key("lost", counts.lost);
 }
 
+// "in handler 'front' of door for 12.3 s".
+std::string loop_activity() {
+  const ActivityNow now = g_loop_stats.activity();
+  const std::string tag = now.tag < 0 ? "" : std::string(" '") + g_loop_stats.tag_names.name(now.tag) + "'";
+  const std::string event = now.event < 0 ? "" : std::string(" of ") + g_loop_stats.event_names.name(now.event);
+  const std::string what = (now.tag < 0 ? "" : "in ") + std::string(activity_name(now.activity));
+  return what + tag + event + sstr(" for %.1f s", static_cast<double>(now.for_ns) / kNsPerS);
+}
+
+void add_report(ManagerScript& script, Answer& answer) {
+  if (const auto report = script.report(kReportMs)) return answer.add_lines(*report);
+  answer.fail("the loop is busy: " + loop_activity());
+}
+
+bool wants_trial(const ControlRequest& request) {
+  if (request.arguments.empty()) return true;
+  if (request.arguments == std::vector<std::string>{"no-trial"}) return false;
+  throw std::runtime_error("unknown argument '" + request.arguments.back().substr(0, 40) + "': expected no-trial");
+}
+
+void reload(const ControlRequest& request, Answer& answer, const std::function<bool()>& given_up) {
+  const ReloadVerdict verdict = ask_for_reload(wants_trial(request), given_up);
+  answer.line("reload").key("result", verdict.done ? "done" : "failed");
+  if (!verdict.done) answer.key("text", verdict.text);
+}
+
 void refuse_arguments(const ControlRequest& request) {
   if (!request.arguments.empty()) throw std::runtime_error("'" + request.name + "' takes no arguments");
 }
 
 }  // namespace
+
+void enter_state(const char* state) {
+  g_state_since = steady_ns();
+  g_state = state;
+}
 
 ControlRequests::ControlRequests(ManagerScript& the_script, ManagerListener& the_listener, EventRing& the_ring)
     : script(the_script),
@@ -152,12 +188,8 @@ ControlRequests::ControlRequests(ManagerScript& the_script, ManagerListener& the
         return std::filesystem::read_symlink("/proc/self/exe", ignored).string();
       }()),
       started_s(time(nullptr)),
-      started_ns(steady_ns()),
-      state_since(started_ns) {}
-
-void ControlRequests::set_state(const char* name) {
-  state_since = steady_ns();
-  state = name;
+      started_ns(steady_ns()) {
+  enter_state("starting");
 }
 
 void ControlRequests::set_log_level(int level) {
@@ -173,7 +205,13 @@ std::vector<ControlCommand> ControlRequests::commands() {
     add_stats(answer, "");
     return true;
   };
-  const auto stats = [this](const ControlRequest&, Answer& answer, const auto&) { add_stats(answer, ""); };
+  const auto stats = [this](const ControlRequest&, Answer& answer, const auto&) {
+    add_stats(answer, script.watch.where(kWhereMs));
+  };
+  const auto scripts = [this](const ControlRequest& request, Answer& answer, const auto&) {
+    refuse_arguments(request);
+    add_report(script, answer);
+  };
   const auto clients = [this](const ControlRequest& request, Answer& answer) {
     refuse_arguments(request);
     add_clients(answer);
@@ -183,7 +221,11 @@ std::vector<ControlCommand> ControlRequests::commands() {
     change_log_level(request, answer);
     return true;
   };
-  return {{"stats", stats_at_once, stats}, {"clients", clients, nullptr}, {"log_level", change_level, nullptr}};
+  return {{"stats", stats_at_once, stats},
+          {"clients", clients, nullptr},
+          {"scripts", nullptr, scripts},
+          {"reload", nullptr, reload},
+          {"log_level", change_level, nullptr}};
 }
 
 void ControlRequests::add_stats(Answer& answer, const std::string& where) const {
@@ -202,8 +244,8 @@ void ControlRequests::add_stats(Answer& answer, const std::string& where) const 
 void ControlRequests::add_daemon(Answer& answer) const {
   const int64_t now = steady_ns();
   const ActivityNow loop = g_loop_stats.activity();
-  std::string current = state.load();
-  int64_t since = state_since;
+  std::string current = g_state.load();
+  int64_t since = g_state_since;
   if (current == "ready" && loop.activity == Activity::stopped) {
     current = "ended";
     since = now - loop.for_ns;

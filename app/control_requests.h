@@ -12,6 +12,9 @@ class EventRing;
 class ManagerListener;
 class ManagerScript;
 
+// What the daemon does from now on: `state` is a literal, one of those in docs/control.md. Main thread.
+void enter_state(const char* state);
+
 class ControlRequests {
  public:
   // The managers and the ring must live until the server that has the commands is stopped.
@@ -24,9 +27,6 @@ class ControlRequests {
   void set_log_level(int level);
   void set_script_memory(int kib) { script_memory_kib = kib; }
   void set_server(const ControlServer& the_server) { server = &the_server; }
-
-  // What the daemon does from now on; `name` is a literal. Main thread.
-  void set_state(const char* name);
 
  private:
   void add_stats(Answer& answer, const std::string& where) const;
@@ -45,6 +45,4 @@ class ControlRequests {
   const int64_t started_ns;  // steady_ns
   int script_memory_kib = 0;
   std::atomic<int> log_level{1};
-  std::atomic<const char*> state{"starting"};
-  std::atomic<int64_t> state_since;  // steady_ns
 };

@@ -2,13 +2,17 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <exception>
+#include <sstream>
 #include <string>
 
 #include "app/control_requests.h"
+#include "app/reload_requests.h"
 #include "app/signals.h"
 #include "control/control_server.h"
 #include "control/event_ring.h"
+#include "control/loop_stats.h"
 #include "device/event_source.h"
 #include "device/log.h"
 #include "device/service.h"
@@ -16,6 +20,7 @@
 #include "extension/manager_extension.h"
 #include "listener/manager_listener.h"
 #include "script/manager_script.h"
+#include "script/reload_trial.h"
 #include "util/exe_dir.h"
 #include "util/socket.h"
 
@@ -62,16 +67,16 @@ struct Control {
 };
 
 // Returns false when a step failed.
-bool start(Managers& managers, Control& control, const Folders& folders) {
+bool start(Managers& managers, const Folders& folders) {
   try {
     managers.script.init();
     tell_service(SERVICE_STARTING);
-    control.requests.set_state("loading");
+    enter_state("loading");
     managers.extension.load(folders.plugins.c_str());
     managers.script.load_scripts(folders.scripts.c_str(), folders.external_scripts.c_str());
     managers.listener.start();
     managers.script.start_thread();
-    control.requests.set_state("ready");
+    enter_state("ready");
   } catch (const std::exception& error) {
     elog(1, "zelvind: %s", error.what());
     return false;
@@ -87,38 +92,78 @@ void stop_threads(Managers& managers) {
   managers.script.stop_thread();
 }
 
-void reload(Managers& managers, Control& control, const Folders& folders) {
+// One line, and the traceback behind it.
+void say_not_reloaded(const std::string& text) {
+  const size_t first = std::min(text.find('\n'), text.size());
+  elog(1, "zelvind: not reloaded: %s", text.substr(0, first).c_str());
+  std::istringstream traceback(text.substr(first));
+  for (std::string line; std::getline(traceback, line);) {
+    if (!line.empty()) elog(1, "zelvind: not reloaded, %s", line.substr(line[0] == '\t' ? 1 : 0).c_str());
+  }
+}
+
+// Throws when the reload itself fails. After a trial that fails, everything is as it was.
+ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial) {
+  const char* const scripts = folders.scripts.c_str();
+  const char* const external = folders.external_scripts.c_str();
+  ReloadVerdict verdict{true, ""};
   tell_service(SERVICE_RELOADING);
-  control.requests.set_state("reloading");
-  elog(2, "zelvind: reloading ...");
-  managers.script.reload(folders.scripts.c_str(), folders.external_scripts.c_str());
+  enter_state("reloading");
+  if (with_trial) {
+    elog(2, "zelvind: trying a reload ...");
+    g_loop_stats.reloads_tried.add();
+    const TrialVerdict trial = try_reload(managers.script, scripts, external);
+    verdict = {trial.passed, trial.text};
+  }
+  if (verdict.done) {
+    elog(2, "zelvind: reloading ...");
+    managers.script.reload(scripts, external);
+  } else {
+    say_not_reloaded(verdict.text);
+    g_loop_stats.reload_ended(verdict.text.c_str());
+  }
   resume_running();
-  control.requests.set_state("ready");
-  tell_service(SERVICE_RELOADED);
+  enter_state("ready");
+  tell_service(verdict.done ? SERVICE_RELOADED : SERVICE_RELOAD_FAILED);
+  return verdict;
+}
+
+// One reload for all that ask for the same. If it ends the daemon, they are told why before.
+void reload_as_asked(Managers& managers, const Folders& folders) {
+  const bool with_trial = ReloadRequests::take();
+  try {
+    ReloadRequests::answer(reload(managers, folders, with_trial));
+  } catch (const std::exception& error) {
+    ReloadRequests::answer({false, error.what()});
+    throw;
+  }
 }
 
 // Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. A request is taken before it
 // is carried out, so that one that comes meanwhile counts again; but once a stop is asked for, at most one more reload
 // is done.
-void idle(Managers& managers, Control& control, const Folders& folders) {
+void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
+  const ReloadRequests taken_meanwhile;
   for (;;) {
     const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
     write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
     if (reloading) {
-      reload(managers, control, folders);
+      reload(managers, folders, trial_at_signal);
       if (stopping) return;
     } else if (g_running == 0 && g_stop != 0) {
       return;
+    } else if (ReloadRequests::any()) {
+      reload_as_asked(managers, folders);
     } else {
       wait_for_signal(managers.script.watch.look());
     }
   }
 }
 
-void stop(Managers& managers, Control& control) {
+void stop(Managers& managers) {
   tell_service(SERVICE_STOPPING);
-  control.requests.set_state("stopping");
+  enter_state("stopping");
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.extension.prepare_cleanup();
@@ -150,10 +195,11 @@ void run() {
   managers.script.watch.wake = wake_run_loop;
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
+  const bool trial_at_signal = file.number(settings::reload_trial) != 0;
   control.server.start();
-  if (!start(managers, control, folders)) return tell_service(SERVICE_STOPPING);
+  if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
   try {
-    idle(managers, control, folders);
+    idle(managers, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
     tell_service(SERVICE_STOPPING);
@@ -165,5 +211,5 @@ void run() {
     throw;
   }
   write_signal_lines();
-  stop(managers, control);
+  stop(managers);
 }

@@ -25,8 +25,9 @@ void signal_handler(int signal_number);
 // the log. When more than 256 signals wait, the latest get no lines. Main thread.
 void write_signal_lines();
 
-// Sleeps until the handler has run or wake_run_loop() was called, on any thread, since the last return of this function,
-// or until timeout_ms are over (-1: no matter how long); may return early. Main thread, after install_signals.
+// Sleeps until the handler has run or wake_run_loop() was called, on any thread, since the last return of this
+// function, or until timeout_ms are over (-1: no matter how long); may return early. Main thread, after
+// install_signals.
 void wait_for_signal(int timeout_ms = -1);
 
 // Ends the sleep of wait_for_signal. Any thread, after install_signals.

@@ -23,12 +23,9 @@ namespace {
 constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;  // how long events gather for followers while they come
 
-constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
-                                            kControlLockPath,
-                                            "control",
-                                            "zelvctl cannot ask this daemon",
-                                            "zelvctl can ask this daemon",
-                                            elog};
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
+                                            "control: %s: zelvctl cannot ask this daemon",
+                                            "control: %s is made: zelvctl can ask this daemon", elog};
 
 void drain(int event_fd) {
   uint64_t ignored = 0;

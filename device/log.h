@@ -3,6 +3,8 @@
 // The embedded default is device/host/log.cpp; targets and line format are described in docs/operations.md.
 #pragma once
 
+#include <stddef.h>
+
 extern "C" {
 
 // Sets the level of log module `name`: a line is written when its level is at most this one. May come before
@@ -22,4 +24,8 @@ void elog(int level, const char* format, ...) __attribute__((format(printf, 2, 3
 // of a thread until one ends in a line end, or until the thread's next elog, and writes them together. Otherwise as
 // elog.
 void elogr(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// From now on gives what would be written, whole lines without a frame, to `take`, whatever the log's target. For a
+// forked copy of the daemon, whose lines are not the daemon's. Declared weak: a device's own library may have none.
+__attribute__((weak)) void elog_divert(void (*take)(int level, const char* lines, size_t size));
 }

@@ -18,7 +18,7 @@
 /* Grows when something is added below; nothing is ever changed or removed. A plug-in that needs version N:
  *   #if ZELVIND_PLUGIN_INTERFACE < N
  *   #error "this plug-in needs a newer zelvind/plugin.h" */
-#define ZELVIND_PLUGIN_INTERFACE 1
+#define ZELVIND_PLUGIN_INTERFACE 2
 
 #define ZELVIND_PLUGIN_EXPORT __attribute__((visibility("default")))
 
@@ -60,7 +60,7 @@ ZELVIND_PLUGIN_EXPORT void eaction_prepare_cleanup(void);
 /* Ends the plug-in, as esource_cleanup does. The Lua state is gone. */
 ZELVIND_PLUGIN_EXPORT void eaction_cleanup(void);
 
-/* What the daemon offers. Both functions may be called from any thread until the cleanup function has returned. */
+/* What the daemon offers. All functions may be called from any thread until the cleanup function has returned. */
 
 /* Queues one event for the scripts and the listener's clients. `type` is its code (9999 ends the daemon's event loop),
  * `type_name` 1 to 127 bytes without blanks and control characters, `info` "name=value" items joined by "&", or null
@@ -71,6 +71,13 @@ __attribute__((weak)) int event_post(int type, const char* type_name, const char
 /* Writes one line to the daemon's log when `level` is at most the level set: 1 errors, 2 progress, 3 and more for
  * details. The text is printf-style, without a line end; begin it with the plug-in's name and ": ". */
 void elog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/* Since version 2. 1 in the forked copy of the daemon that tries a reload, else 0. Only scripts and the functions that
+ * they call run in the copy, on one thread: those of the plug-in's threads are not there, and all its descriptors are
+ * /dev/null. So a function for scripts that starts, sends or writes something does nothing there, takes no lock that
+ * another thread may have held at the fork, and returns what it returns when all is well. Its address is null in an
+ * older daemon, which makes no such copy. */
+__attribute__((weak)) int zelvind_trial(void);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 
 #include "device/config_store.h"
@@ -9,6 +10,8 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/trial_guards.h"
+#include "script/script_report.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
 #include "util/lua_binding.h"
@@ -27,13 +30,6 @@ RateLimit g_collection_lines;  // of the thread that has the Lua state
 int panic(lua_State* L) {
   elog(1, "mscript: Lua error outside any protected call - %s", error_value_text(L, -1).c_str());
   abort();
-}
-
-// What a reload does while it waits for the state: who has it may be a call that is to be named or ended.
-int watch_meanwhile() {
-  constexpr int kLongestMs = 1000;  // nobody wakes it
-  const int wait_ms = g_mscript->watch.look();
-  return wait_ms < 0 ? kLongestMs : std::min(wait_ms, kLongestMs);
 }
 
 // Counts as loading while it lives.
@@ -70,6 +66,12 @@ void* thread_main(void* instance) {
 
 }  // namespace
 
+int watch_meanwhile() {
+  constexpr int kLongestMs = 1000;  // nobody wakes it
+  const int wait_ms = g_mscript->watch.look();
+  return wait_ms < 0 ? kLongestMs : std::min(wait_ms, kLongestMs);
+}
+
 ManagerScript::ManagerScript() {
   g_mscript = this;
 }
@@ -96,6 +98,7 @@ void ManagerScript::init() {
     econf_init(L);
     lua_settop(L, 0);
     register_script_api(L);
+    wrap_outside_functions(L);
   });
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
@@ -132,8 +135,7 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   const StopsWhenWanted limited(stop);  // starts over: the files that are loaded have their own time
   const Loading counted;
   try {
-    scripts.clear(lua_state);
-    scripts.load(lua_state, script_path, external_path);
+    load_again(script_path, external_path);
   } catch (const std::exception& error) {
     g_loop_stats.reload_ended(error.what());
     throw;
@@ -142,6 +144,11 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   update_gauges();
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
   wake_loop();                         // the files may have started coroutines that are due before its wait ends
+}
+
+void ManagerScript::load_again(const char* script_path, const char* external_path) {
+  scripts.clear(lua_state);
+  scripts.load(lua_state, script_path, external_path);
 }
 
 int ManagerScript::start_thread() {
@@ -192,6 +199,7 @@ void ManagerScript::close_state() {
   lua_state = nullptr;
   timers.clear();
   coroutines.clear();
+  dispatch.clear();
 }
 
 void ManagerScript::run_timers() {
@@ -240,6 +248,27 @@ void ManagerScript::collect_inside(lua_State* L) {
   if (const auto left_out = g_collection_lines.allow()) {
     elog(1, "mscript: a collection failed - %s%s", error.c_str(), left_out->text);
   }
+}
+
+void ManagerScript::write_report() {
+  assert(gate.held_here());
+  report_wanted.store(false, std::memory_order_relaxed);
+  std::string text = script_report(*this);
+  const MutexLock lock(report_mutex);
+  last_report = std::move(text);
+  report_written.notify_all();
+}
+
+std::optional<std::string> ManagerScript::report(int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  MutexLock lock(report_mutex);
+  last_report.reset();
+  report_wanted = true;
+  wake_loop();
+  while (!last_report) {
+    if (report_written.wait_until(lock, deadline) == std::cv_status::timeout) return {};
+  }
+  return last_report;
 }
 
 const std::string& ManagerScript::current_tag_name() const {

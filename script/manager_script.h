@@ -50,6 +50,9 @@ class ManagerScript {
   int start_thread();
   // Runs the files of the directories once more, on the same state, between two passes of the loop. Throws except_base.
   void reload(const char* script_path, const char* external_path);
+  // What a reload does with the Lua state, which the caller has. Throws except_base. Main thread; the trial of a reload
+  // calls it too.
+  void load_again(const char* script_path, const char* external_path);
   // Asks the loop to end and joins its thread, at the latest after the pass in progress, which no longer waits for
   // events.
   void stop_thread();
@@ -117,10 +120,13 @@ class ManagerScript {
   Mutex report_mutex;
   std::condition_variable_any report_written;
   std::optional<std::string> last_report GUARDED_BY(report_mutex);
-  int reports_awaited GUARDED_BY(report_mutex) = 0;
 
   pthread_t thread = 0;  // for the main thread; 0 when there is none
 };
 
 // The one instance, or null. Set before any other thread starts, cleared after the last has ended.
 extern ManagerScript* g_mscript;
+
+// What the main thread does while it waits for a reload or its trial: a call that has the state may be one to name or to
+// end. Returns in how many ms it wants to be called again.
+int watch_meanwhile();

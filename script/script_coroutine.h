@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "util/clock.h"
+
 struct ScriptCoroutine {
   lua_State* thread;
   int64_t last_resume;  // ms, by ScriptCoroutines::clock_ms
@@ -47,6 +49,12 @@ class ScriptCoroutines {
 
   // The current one asks for its next run in `wait` ms. Returns false when there is none.
   bool ask_for_run(int wait);
+
+  // For the report: all of them, and in how many ms one is due at clock reading `now`.
+  const std::list<ScriptCoroutine>& all() const { return records; }
+  int64_t due_in_ms(const ScriptCoroutine& coroutine, int now) const {
+    return coroutine.last_resume + coroutine.wait - clock_ms - ms_between(last_reading, now);
+  }
 
   // Forgets all of them; their references die with the state.
   void clear();

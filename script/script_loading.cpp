@@ -1,6 +1,7 @@
 #include "script/script_loading.h"
 
 #include "device/log.h"
+#include "script/trial_guards.h"
 #include "util/except.h"
 #include "util/lua_binding.h"
 #include "util/script_files.h"
@@ -13,7 +14,7 @@ void load_file(lua_State* L, const std::string& path) {
   const bool done = protect(L, error, [&](lua_State* state) {
     if (luaL_loadfile(state, file) != 0) lua_error(state);
     compiled = true;
-    lua_call(state, 0, 0);
+    call_traced_in_trial(state);
   });
   if (done) return;
   if (!compiled) throw except_base("could not load file[%s] -- %s", file, error.c_str());
@@ -21,7 +22,8 @@ void load_file(lua_State* L, const std::string& path) {
 }
 
 void ScriptModules::load_one(lua_State* L, const std::string& path) {
-  loading = &modules.emplace_back();
+  modules.emplace_back().path = path;
+  loading = &modules.back();
   try {
     load_file(L, path);
   } catch (...) {
@@ -33,6 +35,7 @@ void ScriptModules::load_one(lua_State* L, const std::string& path) {
 }
 
 void ScriptModules::load(lua_State* L, const char* script_path, const char* external_path) {
+  ++loads;
   elog(2, "mscript: load script files from %s, %s...", script_path, external_path);
   const DirectoryScripts found = directory_scripts(script_path, external_path);
   if (!found.ignored.empty()) elog(1, "mscript: Ignored - %s", found.ignored.c_str());

@@ -51,6 +51,12 @@ void ScriptStop::begin_to_watch() {
   begin(Phase::watching, 0);
 }
 
+void ScriptStop::begin_trial(int ms, void (*late)(const char* place)) {
+  tell_late = late;
+  unask(kTellPlace | kNameCall | kEndCall);  // those who asked wait in the daemon
+  begin(Phase::patient, ms);
+}
+
 void ScriptStop::begin(Phase first, int ms) {
   said = RateLimit();
   over_at_ms = steady_ms() + ms;
@@ -94,6 +100,13 @@ void ScriptStop::look(lua_State* L, lua_Debug* at) {
   }
   if ((asked & kStop) == 0 || !stop.is_time_to_raise()) return;
   lua_getinfo(L, "Sl", at);
+  if (stop.tell_late != nullptr) {
+    lua_pushfstring(L, "%s:%d", at->short_src, at->currentline);
+    stop.tell_late(lua_tostring(L, -1));
+    lua_pushliteral(L, ": did not return");
+    lua_concat(L, 2);
+    lua_error(L);
+  }
   stop.say_stopped(*at);
   lua_pushfstring(L, "%s:%d: stopped, the daemon is to end", at->short_src, at->currentline);
   lua_error(L);

@@ -51,6 +51,10 @@ class ScriptStop {
   // Enters `watching`: `patient` follows when wanted() returns true.
   void begin_to_watch();
 
+  // Enters `patient` for `ms` ms, in the copy of the daemon that tries a reload. Then the script that runs gets an error
+  // like at a stop, and `late` is told its place, "FILE:LINE".
+  void begin_trial(int ms, void (*late)(const char* place));
+
   // Enters `off`. Only when no other thread runs scripts.
   void end();
 
@@ -71,6 +75,7 @@ class ScriptStop {
   // Written by the main thread before the phase leaves `off`, then by the thread that has the state.
   int64_t over_at_ms = 0;  // steady_ms: when the phase's time is over
   RateLimit said;
+  void (*tell_late)(const char* place) = nullptr;  // null: this is no trial
 };
 
 // Watches until destroyed.

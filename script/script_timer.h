@@ -44,6 +44,9 @@ class ScriptTimers {
   // Deletes that timer. Returns false when there is none.
   bool delete_current(lua_State* L);
 
+  // For the report.
+  const std::list<ScriptTimer>& all() const { return timers; }
+
   // Forgets all of them; their references die with the state.
   void clear() { timers.clear(); }
 

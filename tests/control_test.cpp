@@ -391,4 +391,67 @@ TEST_F(Control, AFollowerThatLags) {
   EXPECT_TRUE(has_lost);
 }
 
+// The value of a key in the first line of a kind.
+std::string value(const std::string& answer, const std::string& kind, const std::string& key) {
+  std::istringstream lines(answer);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t at = line.find(" " + key + "=");
+    if (line.compare(0, kind.size() + 1, kind + " ") != 0 || at == std::string::npos) continue;
+    const size_t start = at + key.size() + 2;
+    return line.substr(start, line.find(' ', start) - start);
+  }
+  return "<none>";
+}
+
+// The real daemon answers whatever its scripts do: while they load, hang, and after the quit event.
+TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
+  RealDaemon daemon;
+  const std::string hang = "while not io.open('" + daemon.path("go") + "') do end";
+  daemon.write("scripts/door.lua",
+               "es_door = { list_func = { { 'front', function()\n" + hang + "\nerror('oops') end } } }\n" + hang);
+  ASSERT_EQ(daemon.launch("$ZELVIND -p $ROOT/pid >/dev/null"), 0);
+  ASSERT_TRUE(daemon.read_pid());
+  ASSERT_TRUE(wait_until([&] { return Client(daemon.path("")).connected; }));
+  Client client(daemon.path(""));
+  ASSERT_TRUE(wait_until([&] { return value(client.ask("stats"), "loop", "activity") == "loading"; }));
+  EXPECT_EQ(value(client.ask("stats"), "daemon", "state"), "loading");
+  daemon.write("go", "");
+  ASSERT_TRUE(daemon.wait_for("zelvind: complete to start program"));
+  std::filesystem::remove(daemon.path("go"));
+
+  ASSERT_TRUE(daemon.post("1 heat x=1\n1 door state=open\n"));
+  std::string stats;
+  ASSERT_TRUE(wait_until([&] {
+    stats = client.ask("stats");
+    return value(stats, "loop", "where") == daemon.path("scripts/door.lua:2");
+  }));
+  EXPECT_EQ(value(stats, "loop", "activity") + value(stats, "loop", "tag") + value(stats, "loop", "event"),
+            "handlerfrontdoor");
+  EXPECT_EQ(value(stats, "daemon", "state") + value(stats, "daemon", "pid"),
+            "ready" + std::to_string(daemon.process()));
+  Client reloads(daemon.path(""));
+  reloads.put("reload\n");
+  EXPECT_EQ(client.ask("scripts").substr(0, 55), "error: the loop is busy: in handler 'front' of door for");
+  EXPECT_EQ(client.ask("log_level 2"), "log_level now=2");
+  EXPECT_TRUE(daemon.wait_for("control: process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
+                              " sets log_level to 2"));
+  Client follows(daemon.path(""));
+  follows.put("follow from=00000000-0 names=h*,door\n");
+  follows.read_to("lost n=unknown\n");
+  EXPECT_EQ(value(follows.read_to("\n"), "event", "info"), "x=1");
+
+  daemon.write("go", "");
+  EXPECT_EQ(reloads.read_to("\n\n"), "reload result=done");
+  EXPECT_EQ(value(follows.read_to("\n"), "event", "errors"), "1");
+  EXPECT_NE(client.ask("scripts").find("handler event=door tag=front module=front where="), std::string::npos);
+  daemon.write("scripts/door.lua", "error('no way')");
+  reloads.put("reload\nclients\n");
+  EXPECT_NE(value(reloads.read_to("\n\n"), "reload", "text").find("no%20way"), std::string::npos);
+  EXPECT_EQ(reloads.read_to("\n"), "");
+  ASSERT_TRUE(daemon.post("9999 quit\n"));
+  EXPECT_TRUE(wait_until([&] { return value(client.ask("stats"), "daemon", "state") == "ended"; }));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(client.read_to("\n"), "<end>");
+}
+
 }  // namespace

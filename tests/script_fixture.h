@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "script/manager_script.h"
 #include "tests/standin_device.h"
@@ -26,6 +27,7 @@ class ScriptFixture : public testing::Test {
     if (event == nullptr) return g_mscript->resume_coroutines();
     event->timestamp[0] = g_mscript->clock.seconds();
     event->timestamp[1] = 250000;
+    g_loop_stats.takes_event(event->type_name);
     g_mscript->dispatch_event(*event);
     event_item_free(event);
   }

@@ -77,7 +77,7 @@ bool OwnedSocket::make() {
     close();
     return false;
   }
-  if (!said.empty()) names.log(1, "%s: %s is made: %s", names.prefix, path.c_str(), names.with);
+  if (!said.empty()) names.log(1, names.made_line, path.c_str());
   said.clear();
   watch_folder();
   current_number = ++made;
@@ -190,7 +190,7 @@ void OwnedSocket::say_cannot_make(const std::string& file) {
 void OwnedSocket::say(const std::string& reason) {
   if (reason == said) return;
   said = reason;
-  names.log(1, "%s: %s: %s", names.prefix, reason.c_str(), names.without);
+  names.log(1, names.lost_line, reason.c_str());
 }
 
 bool OwnedSocket::is_in_place() const {

@@ -23,9 +23,8 @@ class OwnedSocket {
   struct Names {
     const char* socket_path;  // both below DEVICE_ROOT
     const char* lock_path;
-    const char* prefix;   // of the lines in the log,
-    const char* without;  // which say what the daemon lacks without the socket,
-    const char* with;     // and what it has with it
+    const char* lost_line;  // for the log: "%s" is why there is no socket,
+    const char* made_line;  // and here the path of the one that was made after all
     void (*log)(int level, const char* format, ...);
   };
 

@@ -21,6 +21,9 @@ class RunSignalsBlocked {
   RunSignalsBlocked& operator=(const RunSignalsBlocked&) = delete;
   ~RunSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
 
+  // The mask without this block: for a wait that lets the signals through.
+  const sigset_t& mask_before() const { return before; }
+
  private:
   sigset_t before{};
 };

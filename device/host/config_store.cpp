@@ -1,6 +1,7 @@
 #include "device/config_store.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -39,6 +40,15 @@ struct Complained {
 Complained& complained() {
   static auto* const the_complained = new Complained;  // any thread's scripts may use it until the process is gone
   return *the_complained;
+}
+
+// A forked copy of the daemon may read files too.
+void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+  complained().mutex.lock();
+}
+
+void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) {
+  complained().mutex.unlock();
 }
 
 // Returns true once for each state of the file at `path`.
@@ -191,6 +201,8 @@ void econf_close(econf_handle* handle) {
 }
 
 int econf_init(lua_State* L) {
+  static const int registered = pthread_atfork(before_fork, after_fork, after_fork);
+  (void)registered;
   std::string error;
   const bool added = protect(L, error, [](lua_State* state) {
     for (const luaL_Reg& entry : kStoreApi) lua_register(state, entry.name, entry.func);

@@ -178,6 +178,14 @@ void elog_set_level(const char*, int level) {
 
 void errlog_init(int facility, const char* name) {
   g_target.open(facility, name);
+  const auto before = [] { g_target.before_fork(); };
+  const auto after = [] { g_target.after_fork(); };
+  static const int registered = pthread_atfork(before, after, after);
+  (void)registered;
+}
+
+void elog_divert(void (*take)(int level, const char* lines, size_t size)) {
+  g_target.divert(take);
 }
 
 void log_counts_now(log_counts* out) {

@@ -69,11 +69,17 @@ void LogTarget::open(int facility, const char* name) {
 
 void LogTarget::write(int level, bool framed, std::string_view lines) {
   const MutexLock lock(mutex);
+  if (diverted != nullptr) return diverted(level, lines.data(), lines.size());
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
   const bool taken = fd >= 0 && write_stream(level, framed, lines);
   if (to_syslog) write_syslog(level, lines);
-  if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
   (taken || to_syslog ? written : lost).fetch_add(1, std::memory_order_relaxed);
+  if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
+}
+
+void LogTarget::divert(void (*take)(int level, const char* lines, size_t size)) {
+  const MutexLock lock(mutex);
+  diverted = take;
 }
 
 void LogTarget::open_held(int facility, const char* name) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -22,6 +23,14 @@ class LogTarget {
   // Writes `lines`, whole lines of safe text, in one piece: when `framed`, with time, program, process id and level in
   // front of the first. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
   void write(int level, bool framed, std::string_view lines);
+
+  // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
+  void divert(void (*take)(int level, const char* lines, size_t size));
+
+  // Hold the lock from before a fork until after it, in parent and child, so that the child can write. It also keeps
+  // other threads out of the C library's own locks, of the time zone and of syslog, at that moment.
+  void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
+  void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
 
   // Counts a message that was lost before it came here. Any thread.
   void count_lost() { lost.fetch_add(1, std::memory_order_relaxed); }
@@ -39,6 +48,7 @@ class LogTarget {
   void write_syslog(int level, std::string_view lines) const REQUIRES(mutex);
 
   Mutex mutex;  // also keeps the lines of the threads apart
+  void (*diverted)(int level, const char* lines, size_t size) GUARDED_BY(mutex) = nullptr;
   bool is_open GUARDED_BY(mutex) = false;
   bool complained GUARDED_BY(mutex) = false;
   int fd GUARDED_BY(mutex) = -1;  // of standard error or of the file; -1: neither

@@ -97,6 +97,11 @@ const char* const* push_argv(lua_State* L) {
   return argv;
 }
 
+// Whether this is the copy of the daemon that tries a reload: no program may start there.
+bool is_trial() {
+  return zelvind_trial != nullptr && zelvind_trial() != 0;
+}
+
 // proc_run(argv, timeout_s, func [, arg])
 int proc_run(lua_State* L) {
   luaL_checktype(L, 1, LUA_TTABLE);
@@ -105,6 +110,11 @@ int proc_run(lua_State* L) {
   luaL_argcheck(L, in_range, 2, "0.001 to 86400 seconds expected");
   luaL_checktype(L, 3, LUA_TFUNCTION);
   lua_settop(L, 4);
+  if (is_trial()) {
+    push_argv(L);  // refuses a wrong one
+    lua_pushinteger(L, 1);
+    return 1;
+  }
   ensure_handler(L);
   const char* const* const argv = push_argv(L);
   const int id = program_runner::next_id();
