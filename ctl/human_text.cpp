@@ -40,7 +40,7 @@ size_t offset_behind(const std::string& text, size_t characters) {
 }  // namespace
 
 std::string duration_text(uint64_t us) {
-  if (us < 1000) return std::to_string(us) + " us";
+  if (us < 1000) return us == 0 ? "0 s" : std::to_string(us) + " us";
   if (us < kSecond) return in_unit(static_cast<double>(us) / 1000, "ms");
   if (us < kMinute) return sstr("%.1f s", static_cast<double>(us / 100000) / 10);
   if (us < kHour) return in_two(us, kMinute, "min", kSecond, "s");

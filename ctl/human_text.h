@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-// "812 us", "1.2 ms", "312 ms", "12.3 s", "2 min 3 s", "3 h 2 min", "4 d 3 h". Microseconds.
+// "0 s", "812 us", "1.2 ms", "312 ms", "12.3 s", "2 min 3 s", "3 h 2 min", "4 d 3 h". Microseconds.
 std::string duration_text(uint64_t us);
 
 // "812 B", "3.1 KiB", "12 MiB".

@@ -12,6 +12,7 @@
 #include "ctl/listen.h"
 #include "ctl/live/tail.h"
 #include "ctl/live/top.h"
+#include "ctl/metrics.h"
 #include "ctl/post.h"
 #include "ctl/reload.h"
 #include "ctl/run.h"
@@ -86,6 +87,10 @@ void run_scripts(const Given& given) {
 
 void run_log_level(const Given& given) {
   print_log_level(given.root, given.has("N") ? std::optional(given.number("N", 0)) : std::nullopt, stdout);
+}
+
+void run_metrics(const Given& given) {
+  print_metrics(given.root, given.value("--textfile"), stdout);
 }
 
 void run_run(const Given& given) {
@@ -206,6 +211,14 @@ const std::vector<Command>& commands() {
        "The event loop itself tells them: while a script holds it, the command ends with 1 and names that script.",
        {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
        run_scripts},
+      {"metrics",
+       "Write what the daemon counts in the text format of Prometheus",
+       "docs/metrics.md lists the metrics. Where no daemon answers, writes zelvind_up 0, and ends with status 1.\n"
+       "\nExamples:\n"
+       "  zelvctl metrics\n"
+       "  zelvctl metrics --textfile /var/lib/prometheus/node-exporter/zelvind.prom",
+       {{"--textfile", Takes::value, "Replace FILE as a whole, for the textfile collector of node_exporter", "FILE"}},
+       run_metrics},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",
        "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet.",

@@ -70,7 +70,7 @@ TEST(Diagnosis, NamesEachTrouble) {
        "1000 tasks: zelvctl scripts tells whose they are"},
       {"error time=1 text=old", "", "", ""},
       {"error time=" + std::to_string(time(nullptr) + 100) + "\ntag name=a errors=1\ntag name=b%0a errors=9", "", "",
-       "scripts fail, the last time 0 us ago: b\\n 9, a 1"},
+       "scripts fail, the last time 0 s ago: b\\n 9, a 1"},
       {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a\\nb"},
       {"event name=a unknown=1\nevent name=b unknown=2\nevent name=c unknown=3\nevent name=d unknown=4", "", "",
        "nobody handles: d 4, c 3, b 2 and 1 more"},

@@ -315,7 +315,7 @@ TEST(Run, HelpsWithAFirstStartAndRefusesASecondDaemon) {
 // sbin/zelvind, which hands on to a program that shows its arguments.
 TEST(Wrapper, AnswersQuestionsAndRefusesMistakes) {
   const RealDaemon root;
-  root.launch("sed 's|@daemon@|echo|; s|@version@|1.2|' '" ZELVIND_PACKAGING_DIR "/zelvind.in' >$ROOT/zelvind");
+  root.launch("sed 's|@daemondir@/zelvind|echo|; s|@version@|1.2|' '" ZELVIND_PACKAGING_DIR "/zelvind.in' >$ROOT/zelvind");
   const struct {
     const char* arguments;
     int status;

@@ -199,6 +199,7 @@ void EventPosters::take_turn() {
 void EventPosters::receive(Poster& poster, size_t size, int lines_max) {
   // recv, never recvmsg: the kernel then drops what comes along with the bytes, descriptors above all.
   const ssize_t got = recv(poster.fd, buffer, size, MSG_DONTWAIT);
+  poster.has_more = got == static_cast<ssize_t>(size);
   if (got > 0) return cut(poster, std::string_view(buffer, static_cast<size_t>(got)), lines_max);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got == 0 && !poster.is_leaving) finish(poster);
@@ -218,9 +219,9 @@ void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
       });
   if (batch.lines > 0) poster.heard_ms = steady_ms();
   inbox.add(batch.records, batch.count, batch.bytes);
-  if (rest.empty()) return;
   poster.unread = rest;
-  turns.add(poster);
+  // One that may have more keeps its place among those that have something left, before the epoll set tells of it.
+  if (!rest.empty() || poster.has_more) turns.add(poster);
 }
 
 void EventPosters::finish(Poster& poster) {

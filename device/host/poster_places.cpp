@@ -25,7 +25,7 @@ Poster& PosterPlaces::enter(int fd) {
 void PosterPlaces::leave(Poster& poster) {
   close(poster.fd);
   poster.fd = -1;
-  poster.is_leaving = false;
+  poster.is_leaving = poster.has_more = false;
   poster.lines.reset();
   std::string().swap(poster.unread);
   --count;

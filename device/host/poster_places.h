@@ -22,6 +22,7 @@ struct Poster {
   int64_t heard_ms = 0;     // of the last end of a line: bytes alone do not count
   bool is_queued = false;   // PosterTurns: waits for its turn
   bool is_leaving = false;  // has to go as soon as it is read empty
+  bool has_more = false;    // what was received last filled the buffer: there may be more to receive
   uint64_t events = 0;      // that its lines were,
   uint64_t dropped = 0;     // and lines that were none
   PosterLines lines;

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Completion of zelvctl for bash: the program itself says what can come next.
 # Nothing that it says is expanded here: names of events are strangers' texts.
 

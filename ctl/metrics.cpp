@@ -1,0 +1,233 @@
+#include "ctl/metrics.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+
+#include "ctl/failure.h"
+#include "util/descriptor.h"
+#include "util/quiet_write.h"
+
+namespace {
+
+enum class Shape {
+  counter,
+  gauge,
+  histogram,  // `key` has the sum of the durations
+  one_of,     // a gauge for each of `values`: 1 for the one that `key` has; a single one goes without a label
+  info,       // a gauge that is 1, with the keys named in `values` as labels
+};
+
+// The lines of a kind that have a name become samples with a label of the kind's name. A key that ends in "_us" becomes
+// seconds.
+struct Metric {
+  const char* name;  // behind "zelvind_"
+  Shape shape;
+  const char* kind;  // of answer lines
+  const char* key;
+  const char* help;
+  const char* values = "";  // separated by commas
+};
+
+constexpr Metric kMetrics[] = {
+    {"build_info", Shape::info, "daemon", "version", "What runs: always 1.", "version,device,lua"},
+    {"start_time_seconds", Shape::gauge, "daemon", "started", "When the daemon started, since 1970."},
+    {"state", Shape::one_of, "daemon", "state", "1 for the state that the daemon is in.",
+     "starting,loading,ready,reloading,stopping,ended"},
+    {"resident_memory_bytes", Shape::gauge, "daemon", "rss", "Memory in use by the daemon."},
+    {"log_level", Shape::gauge, "daemon", "log_level", "Level up to which lines are logged."},
+    {"loop_silence_seconds", Shape::gauge, "loop", "alive_us", "Time since the event loop last looked for an event."},
+    {"queue_events", Shape::gauge, "queue", "waiting", "Events that wait to be handled."},
+    {"queue_highest_events", Shape::gauge, "queue", "highest", "Most events that ever waited."},
+    {"queue_oldest_age_seconds", Shape::gauge, "queue", "oldest_us", "Age of the first event that waits."},
+    {"event_socket_owned", Shape::one_of, "queue", "socket", "Whether other processes can post events.", "owned"},
+    {"event_wait_seconds", Shape::histogram, "wait", "sum_us", "From an event's arrival to its handling."},
+    {"source_events_total", Shape::counter, "source", "events", "Events that came in, by where they came from."},
+    {"source_refused_total", Shape::counter, "source", "refused", "Events and lines that were refused."},
+    {"source_connections", Shape::gauge, "source", "connections", "Connections of other processes that post."},
+    {"source_evicted_total", Shape::counter, "source", "evicted", "Connections closed because others waited."},
+    {"events_total", Shape::counter, "event", "events", "Events taken from the queue, by type name."},
+    {"events_unknown_total", Shape::counter, "event", "unknown", "Events of a type without handlers."},
+    {"event_errors_total", Shape::counter, "event", "errors", "Errors of handlers, by the event's type name."},
+    {"event_run_seconds", Shape::histogram, "event", "run_sum_us", "All handlers of an event together."},
+    {"event_run_max_seconds", Shape::gauge, "event", "run_max_us", "Longest run of all handlers of an event."},
+    {"script_errors_total", Shape::counter, "tag", "errors", "Errors of handlers, timers and coroutines."},
+    {"script_run_seconds", Shape::histogram, "tag", "run_sum_us", "A call of a handler, timer or coroutine."},
+    {"script_run_max_seconds", Shape::gauge, "tag", "run_max_us", "Longest call of a handler, timer or coroutine."},
+    {"last_error_timestamp_seconds", Shape::gauge, "error", "time", "When a script last failed, since 1970."},
+    {"timers", Shape::gauge, "timers", "now", "Timers that there are."},
+    {"timer_lateness_seconds", Shape::histogram, "timers", "lateness_sum_us", "How late timers ran."},
+    {"coroutines", Shape::gauge, "coroutines", "now", "Coroutines that there are."},
+    {"coroutine_lateness_seconds", Shape::histogram, "coroutines", "lateness_sum_us", "How late coroutines ran."},
+    {"lua_memory_bytes", Shape::gauge, "lua", "bytes", "Memory of the Lua state."},
+    {"lua_memory_limit_bytes", Shape::gauge, "lua", "limit", "What script_memory allows; 0: no limit."},
+    {"lua_collection_seconds", Shape::histogram, "lua", "collect_sum_us", "Full garbage collections."},
+    {"reloads_tried_total", Shape::counter, "reload", "tried", "Reloads that were tried in a forked copy."},
+    {"reloads_failed_total", Shape::counter, "reload", "failed", "Reloads that failed."},
+    {"reloads_done_total", Shape::counter, "reload", "done", "Reloads that were done."},
+    {"last_reload_failed", Shape::one_of, "reload", "last_result", "Whether the last reload failed.", "failed"},
+    {"listener_clients", Shape::gauge, "listener", "clients", "Connected clients."},
+    {"listener_subscribed_clients", Shape::gauge, "listener", "subscribed", "Clients that have subscribed."},
+    {"listener_owing_clients", Shape::gauge, "listener", "owing",
+     "Clients that do not read as fast as they are sent to."},
+    {"listener_accepted_total", Shape::counter, "listener", "accepted", "Clients' connections taken."},
+    {"listener_refused_total", Shape::counter, "listener", "refused", "Connections refused: all places were taken."},
+    {"listener_given_up_total", Shape::counter, "listener", "given_up", "Connections closed to make room for others."},
+    {"listener_deliveries_total", Shape::counter, "listener", "deliveries", "Events sent, counted once a client."},
+    {"listener_sent_bytes_total", Shape::counter, "listener", "bytes", "Bytes sent to clients."},
+    {"listener_sends_total", Shape::counter, "listener", "sends", "Calls of the system that sent them."},
+    {"listener_gathered_sends_total", Shape::counter, "listener", "gathered", "Of these, those with several events."},
+    {"listener_skipped_events_total", Shape::counter, "listener", "skips", "Events that slow clients have lost."},
+    {"listener_waits_total", Shape::counter, "listener", "waits", "Waits of the event loop for slow clients."},
+    {"listener_wait_seconds_total", Shape::counter, "listener", "waited_us", "Time of these waits."},
+    {"listener_memory_bytes", Shape::gauge, "listener", "memory", "Memory held for clients."},
+    {"listener_memory_limit_bytes", Shape::gauge, "listener", "memory_limit", "What listener_memory allows."},
+    {"log_lines_total", Shape::counter, "log", "written", "Lines logged."},
+    {"log_lines_lost_total", Shape::counter, "log", "lost", "Lines that no log target took."},
+    {"control_clients", Shape::gauge, "control", "clients", "Connections to the control socket."},
+    {"control_followers", Shape::gauge, "control", "followers", "Of these, those that follow events."},
+    {"control_requests_total", Shape::counter, "control", "requests", "Requests at the control socket."},
+};
+
+bool ends_with(std::string_view text, std::string_view end) {
+  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+std::vector<std::string> split(std::string_view list) {
+  std::vector<std::string> items;
+  for (size_t end = 0; !list.empty(); list.remove_prefix(std::min(end + 1, list.size()))) {
+    end = std::min(list.find(','), list.size());
+    items.emplace_back(list.substr(0, end));
+  }
+  return items;
+}
+
+std::string seconds(uint64_t microseconds) {
+  char text[32];
+  snprintf(text, sizeof(text), "%llu.%06llu", static_cast<unsigned long long>(microseconds / 1000000),
+           static_cast<unsigned long long>(microseconds % 1000000));
+  return text;
+}
+
+// The value as the daemon writes it, "%XX" included: that is UTF-8 without control characters, whatever bytes strangers
+// use in names, and different names stay different.
+std::string label(const std::string& name, const AnswerLine& line, const std::string& key) {
+  const auto found = line.values().find(key);
+  std::string text = name + "=\"";
+  if (found != line.values().end()) {
+    for (const char c : found->second) {
+      if (c == '\\' || c == '"') text += '\\';
+      text += c;
+    }
+  }
+  return text + "\"";
+}
+
+std::string sample(const std::string& name, const std::string& labels, const std::string& value) {
+  return name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
+}
+
+std::string histogram(const std::string& name, const std::string& labels, const AnswerLine& line, const char* sum) {
+  const std::vector<std::string> buckets = line.items("buckets");
+  std::string text;
+  uint64_t count = 0;
+  for (size_t i = 0; i < buckets.size(); ++i) {
+    count += strtoull(buckets[i].c_str(), nullptr, 10);
+    const std::string bound = i + 1 < buckets.size() ? seconds(uint64_t{2} << i) : "+Inf";
+    text +=
+        sample(name + "_bucket", labels + (labels.empty() ? "" : ",") + "le=\"" + bound + "\"", std::to_string(count));
+  }
+  return text + sample(name + "_sum", labels, seconds(line.count(sum))) +
+         sample(name + "_count", labels, std::to_string(count));
+}
+
+std::string one_of(const std::string& name, const Metric& metric, const AnswerLine& line) {
+  const std::vector<std::string> values = split(metric.values);
+  std::string text;
+  for (const std::string& value : values) {
+    const std::string labels = values.size() == 1 ? "" : metric.key + ("=\"" + value + "\"");
+    text += sample(name, labels, line.text(metric.key) == value ? "1" : "0");
+  }
+  return text;
+}
+
+std::string info(const std::string& name, const Metric& metric, const AnswerLine& line) {
+  std::string labels;
+  for (const std::string& key : split(metric.values)) labels += (labels.empty() ? "" : ",") + label(key, line, key);
+  return sample(name, labels, "1");
+}
+
+std::string samples(const std::string& name, const Metric& metric, const AnswerLine& line) {
+  if (!line.has(metric.key)) return "";
+  const std::string labels = line.has("name") ? label(metric.kind, line, "name") : "";
+  switch (metric.shape) {
+    case Shape::histogram:
+      return histogram(name, labels, line, metric.key);
+    case Shape::one_of:
+      return one_of(name, metric, line);
+    case Shape::info:
+      return info(name, metric, line);
+    default:
+      break;
+  }
+  if (ends_with(metric.key, "_us")) return sample(name, labels, seconds(line.count(metric.key)));
+  return line.number(metric.key, -1) < 0 ? "" : sample(name, labels, line.text(metric.key));
+}
+
+const char* type_of(Shape shape) {
+  return shape == Shape::counter ? "counter" : shape == Shape::histogram ? "histogram" : "gauge";
+}
+
+std::string headed(const std::string& name, const char* help, const char* type, const std::string& the_samples) {
+  return "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n" + the_samples;
+}
+
+std::string up(bool is_up) {
+  return headed("zelvind_up", "Whether the daemon answers at its control socket.", "gauge",
+                sample("zelvind_up", "", is_up ? "1" : "0"));
+}
+
+void replace(const std::string& path, const std::string& text) {
+  std::string temporary = path + ".XXXXXX";
+  const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+  if (file.get() >= 0 && write_fully(file.get(), text.data(), text.size()) && fchmod(file.get(), 0644) == 0 &&
+      rename(temporary.c_str(), path.c_str()) == 0) {
+    return;
+  }
+  const int error = errno;
+  if (file.get() >= 0) unlink(temporary.c_str());
+  fail("failed to write " + path + ": " + error_text(error));
+}
+
+void write(const std::string& text, const std::string& textfile, FILE* out) {
+  if (!textfile.empty()) return replace(textfile, text);
+  if (fwrite(text.data(), 1, text.size(), out) == text.size() && fflush(out) == 0) return;
+  fail("failed to write the output: " + error_text(errno));
+}
+
+}  // namespace
+
+std::string metrics_text(const std::vector<AnswerLine>& stats) {
+  std::string text = up(true);
+  for (const Metric& metric : kMetrics) {
+    const std::string name = std::string("zelvind_") + metric.name;
+    std::string all;
+    for (const AnswerLine& line : stats) {
+      if (line.kind() == metric.kind) all += samples(name, metric, line);
+    }
+    if (!all.empty()) text += headed(name, metric.help, type_of(metric.shape), all);
+  }
+  return text;
+}
+
+void print_metrics(const std::string& root, const std::string& textfile, FILE* out) {
+  std::string text;
+  try {
+    text = metrics_text(ControlClient(root).ask("stats"));
+  } catch (const Failure&) {
+    write(up(false), textfile, out);
+    throw;
+  }
+  write(text, textfile, out);
+}
