@@ -14,6 +14,7 @@ uint32_t hash_of(std::string_view name) {
 
 int NameTable::entry_of(std::string_view name) {
   name = name.substr(0, kLongest);
+  if (name == this->name(kOther)) return kOther;  // a reader must not find two of one name
   uint32_t slot = hash_of(name) % kSlots;
   for (; slots[slot] != 0; slot = (slot + 1) % kSlots) {
     if (names[slots[slot] - 1] == name) return slots[slot] - 1;

@@ -22,11 +22,11 @@ enum class Shape {
 // The lines of a kind that have a name become samples with a label of the kind's name. A key that ends in "_us" becomes
 // seconds.
 struct Metric {
-  const char* name;  // behind "zelvind_"
-  Shape shape;
-  const char* kind;  // of answer lines
-  const char* key;
-  const char* help;
+  const char* name = nullptr;  // behind "zelvind_"
+  Shape shape = Shape::gauge;
+  const char* kind = nullptr;  // of answer lines
+  const char* key = nullptr;
+  const char* help = nullptr;
   const char* values = "";  // separated by commas
 };
 
@@ -128,6 +128,11 @@ std::string sample(const std::string& name, const std::string& labels, const std
   return name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
 }
 
+std::string bucket(const std::string& name, const std::string& labels, const std::string& bound, uint64_t count) {
+  const std::string le = "le=\"" + bound + "\"";
+  return sample(name + "_bucket", labels.empty() ? le : labels + "," + le, std::to_string(count));
+}
+
 std::string histogram(const std::string& name, const std::string& labels, const AnswerLine& line, const char* sum) {
   const std::vector<std::string> buckets = line.items("buckets");
   std::string text;
@@ -135,8 +140,7 @@ std::string histogram(const std::string& name, const std::string& labels, const 
   for (size_t i = 0; i < buckets.size(); ++i) {
     count += strtoull(buckets[i].c_str(), nullptr, 10);
     const std::string bound = i + 1 < buckets.size() ? seconds(uint64_t{2} << i) : "+Inf";
-    text +=
-        sample(name + "_bucket", labels + (labels.empty() ? "" : ",") + "le=\"" + bound + "\"", std::to_string(count));
+    text += bucket(name, labels, bound, count);
   }
   return text + sample(name + "_sum", labels, seconds(line.count(sum))) +
          sample(name + "_count", labels, std::to_string(count));

@@ -3,7 +3,7 @@
  * begin with the process and never go back. */
 #pragma once
 
-#include <stdint.h>
+#include <stdint.h>  // NOLINT(modernize-deprecated-headers): C too
 
 struct event_item;
 

@@ -9,6 +9,7 @@
 #include "ctl/human_text.h"
 #include "ctl/inspect/diagnosis.h"
 #include "ctl/inspect/script_list.h"
+#include "ctl/metrics.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
 
@@ -226,6 +227,57 @@ TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
     EXPECT_EQ(root.text_of("out"), *row.candidates == '\0' ? " " : is_file ? "files " : row.candidates);
   }
   if (!has_zsh) std::cerr << "zsh is not installed: only bash was tried\n";
+}
+
+TEST(Metrics, SayWhatTheDaemonHasAnsweredAndNothingElse) {
+  const std::string text = metrics_text(
+      lines_in("daemon version=1.2 state=ended log_level=x rss=4096\n"
+               "later key=1\n"
+               "tag name=a\"b\\c%0a run_sum_us=2000003 errors=3 buckets=1,0,2,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,4,8\n"
+               "tag name=second errors=0\n"
+               "reload last_result=none\n"));
+  const std::string tag = R"({tag="a\"b\\c%0a")", run = "zelvind_script_run_seconds";
+  std::string expected =
+      "zelvind_up 1\nzelvind_build_info{version=\"1.2\",device=\"\",lua=\"\"} 1\n"
+      "zelvind_state{state=\"starting\"} 0\nzelvind_state{state=\"loading\"} 0\nzelvind_state{state=\"ready\"} 0\n"
+      "zelvind_state{state=\"reloading\"} 0\nzelvind_state{state=\"stopping\"} 0\nzelvind_state{state=\"ended\"} 1\n"
+      "zelvind_resident_memory_bytes 4096\n"
+      "zelvind_script_errors_total" +
+      tag + "} 3\nzelvind_script_errors_total{tag=\"second\"} 0\n";
+  for (int i = 0; i < 20; ++i) {
+    char bound[16] = "+Inf";
+    if (i < 19) snprintf(bound, sizeof(bound), "%.6f", (2 << i) / 1e6);
+    expected += run + "_bucket" + tag + ",le=\"" + bound + "\"} " +
+                (i < 2    ? "1"
+                 : i < 18 ? "3"
+                 : i < 19 ? "7"
+                          : "15") +
+                "\n";
+  }
+  expected += run + "_sum" + tag + "} 2.000003\n" + run + "_count" + tag + "} 15\nzelvind_last_reload_failed 0\n";
+  std::string samples, line;
+  for (std::istringstream stream(text); std::getline(stream, line);) samples += line[0] == '#' ? "" : line + "\n";
+  EXPECT_EQ(samples, expected);
+  EXPECT_NE(text.find("\n# HELP " + run + " A call of a handler, timer or coroutine.\n# TYPE " + run + " histogram\n"),
+            std::string::npos);
+}
+
+TEST(Metrics, AreReplacedAsAWholeAlsoByADaemonThatHasGone) {
+  const RealDaemon root;
+  const std::string none = "zelvctl: no daemon at ROOT/run/zelvind/control.sock: No such file or directory\n";
+  const std::string down =
+      "# HELP zelvind_up Whether the daemon answers at its control socket.\n# TYPE zelvind_up gauge\nzelvind_up 0\n";
+  root.expect_zelvctl("metrics", 1, down, none);
+  root.write("folder/m.prom", std::string(1000, 'x'));
+  root.expect_zelvctl("metrics --textfile $ROOT/folder/m.prom", 1, "", none);
+  EXPECT_EQ(root.text_of("folder/m.prom"), down);
+  EXPECT_EQ(std::filesystem::status(root.path("folder/m.prom")).permissions(), std::filesystem::perms{0644});
+  root.expect_zelvctl("metrics --textfile $ROOT/folder", 1, "",
+                      "zelvctl: failed to write ROOT/folder: Is a directory\n");
+  root.expect_zelvctl("metrics --textfile $ROOT/no/m.prom", 1, "",
+                      "zelvctl: failed to write ROOT/no/m.prom: No such file or directory\n");
+  root.launch("ls $ROOT $ROOT/folder >$ROOT/list");
+  EXPECT_EQ(root.text_of("list").find("folder."), std::string::npos);  // nothing temporary is left
 }
 
 }  // namespace
