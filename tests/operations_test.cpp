@@ -350,6 +350,7 @@ TEST(Wrapper, AnswersQuestionsAndRefusesMistakes) {
       {"", 0, "\n"},
       {"-p /a\\ b --pidfile=c --pid --help stray", 0, "-p /a b --pidfile=c --pid --help stray\n"},
       {"-pfile -- --help", 0, "-pfile -- --help\n"},
+      {"-p -h --pidfile --help", 0, "-p -h --pidfile --help\n"},
       {"stray --vers", 0, "zelvind 1.2\n"},
       {"-v", 0, "zelvind 1.2\n"},
       {"--help", 0, "Usage: zelvind [-p FILE | --pidfile FILE]\n"},
