@@ -151,7 +151,9 @@ class Listener {
           const std::string info = line.text("info");
           const std::string time = line.text("time");
           const size_t point = time.find('.');
-          const auto number = [](const std::string& text) { return static_cast<int32_t>(atoll(text.c_str())); };
+          const auto number = [](const std::string& text) {
+            return static_cast<int32_t>(strtoll(text.c_str(), nullptr, 10));
+          };
           const int32_t microseconds = point == std::string::npos ? 0 : number(time.substr(point + 1));
           return write({0, number(time), microseconds, name, info});
         },

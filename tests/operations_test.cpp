@@ -86,6 +86,31 @@ TEST(Service, SaysOnceThatNobodyListens) {
   }
 }
 
+TEST(Service, SaysThatTheEventLoopHasEnded) {
+  RealDaemon daemon;
+  const Manager manager(daemon.path("notify"));
+  ASSERT_TRUE(daemon.start("NOTIFY_SOCKET=$ROOT/notify $ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
+  EXPECT_EQ(manager.next(), "READY=1");
+  const std::string process = std::to_string(daemon.process());
+  const auto has_state = [&](const char* state) {
+    return wait_until([&] { return read_file(daemon.path("run/zelvind/state")) == process + state; });
+  };
+  daemon.expect_zelvctl("post --quit 9999 bye", 0, "", "");
+  EXPECT_EQ(manager.next(), "STATUS=The event loop has ended");
+  EXPECT_TRUE(has_state(" ended 0\n"));
+  const std::string ended =
+      "the event loop of the daemon (process " + process + ") has ended with the quit event: restart the daemon\n";
+  for (const char* const arguments : {"post 1 door", "post --quit 9999 bye", "post - </dev/null", "reload"}) {
+    daemon.expect_zelvctl(arguments, 1, "", "zelvctl: " + ended);
+  }
+  daemon.send_signal(SIGHUP);  // loads the scripts, and does not bring the loop back
+  EXPECT_EQ(manager.next().substr(0, 12), "RELOADING=1\n");
+  EXPECT_EQ(manager.next(), "READY=1\nSTATUS=The event loop has ended");
+  EXPECT_TRUE(has_state(" ended 1\n"));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_TRUE(has_state(" stopping 1\n"));
+}
+
 TEST(Check, ReportsEachFaultAndRunsNothing) {
   const std::string deep = "dir/" + std::string(80, 'd');
   const RealDaemon daemon;
@@ -315,7 +340,8 @@ TEST(Run, HelpsWithAFirstStartAndRefusesASecondDaemon) {
 // sbin/zelvind, which hands on to a program that shows its arguments.
 TEST(Wrapper, AnswersQuestionsAndRefusesMistakes) {
   const RealDaemon root;
-  root.launch("sed 's|@daemon@|echo|; s|@version@|1.2|' '" ZELVIND_LUA_DIR "/../packaging/zelvind.in' >$ROOT/zelvind");
+  root.launch("sed 's|@daemondir@/zelvind|echo|; s|@version@|1.2|' '" ZELVIND_PACKAGING_DIR
+              "/zelvind.in' >$ROOT/zelvind");
   const struct {
     const char* arguments;
     int status;
@@ -324,6 +350,7 @@ TEST(Wrapper, AnswersQuestionsAndRefusesMistakes) {
       {"", 0, "\n"},
       {"-p /a\\ b --pidfile=c --pid --help stray", 0, "-p /a b --pidfile=c --pid --help stray\n"},
       {"-pfile -- --help", 0, "-pfile -- --help\n"},
+      {"-p -h --pidfile --help", 0, "-p -h --pidfile --help\n"},
       {"stray --vers", 0, "zelvind 1.2\n"},
       {"-v", 0, "zelvind 1.2\n"},
       {"--help", 0, "Usage: zelvind [-p FILE | --pidfile FILE]\n"},

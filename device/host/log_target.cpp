@@ -129,7 +129,7 @@ void LogTarget::choose() {
 void LogTarget::find_last_lines() {
   const char* const number = secure_getenv(kLastLinesVariable);
   if (number == nullptr) return;
-  const int given = atoi(number);
+  const auto given = static_cast<int>(strtol(number, nullptr, 10));
   unsetenv(kLastLinesVariable);  // NOLINT(concurrency-mt-unsafe): no other thread reads the environment yet
   if (given > STDERR_FILENO && fcntl(given, F_SETFD, FD_CLOEXEC) == 0) last_lines = given;
 }
