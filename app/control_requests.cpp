@@ -262,7 +262,7 @@ void ControlRequests::add_daemon(Answer& answer) const {
 
 void ControlRequests::add_listener(Answer& answer) const {
   const ListenerStatus status = listener.status();
-  answer.line("listener").key("port", status.port).key("clients", status.clients);
+  answer.line("listener").key("port", status.port).key("wanted", status.wanted_port).key("clients", status.clients);
   answer.key("subscribed", status.subscribed).key("owing", status.owing).key("leaving", status.leaving);
   answer.key("accepted", status.accepted).key("refused", status.refused).key("given_up", status.given_up);
   answer.key("deliveries", status.deliveries).key("bytes", status.bytes).key("sends", status.sends);
