@@ -155,6 +155,7 @@ TEST(Daemon, FailedStartsAndReloads) {
     }
     EXPECT_EQ(daemon.wait_for_end(), row.status);
     EXPECT_EQ(daemon.count(row.line), 1u);
+    EXPECT_EQ(daemon.count("econf: cannot read /tmp/"), row.script == nullptr ? 1u : 0u);  // the path that was tried
     EXPECT_EQ(daemon.count(kEnd), row.status == 0 ? 1u : 0u);
     EXPECT_EQ(daemon.count("mscript: cleanup..."), 0u);
     EXPECT_FALSE(fs::exists(daemon.path("run/zelvind/events.sock")));
