@@ -7,8 +7,11 @@
 #include <sstream>
 #include <string>
 
+#include "app/control_requests.h"
 #include "app/reload_requests.h"
 #include "app/signals.h"
+#include "control/control_server.h"
+#include "control/event_ring.h"
 #include "control/loop_stats.h"
 #include "device/event_source.h"
 #include "device/log.h"
@@ -42,15 +45,38 @@ struct Managers {  // built in this order, destroyed in the reverse one
   ManagerListener listener;
 };
 
+// Destroyed before the managers, of which it tells.
+struct Control {
+  Control(Managers& managers, int event_memory_kib)
+      : ring(static_cast<size_t>(event_memory_kib) * 1024),
+        requests(managers.script, managers.listener, ring),
+        server(ring, requests.commands()) {
+    requests.set_server(server);
+    g_event_ring = &ring;
+  }
+  Control(const Control&) = delete;
+  Control& operator=(const Control&) = delete;
+  ~Control() {
+    server.stop();
+    g_event_ring = nullptr;
+  }
+
+  EventRing ring;
+  ControlRequests requests;
+  ControlServer server;
+};
+
 // Returns false when a step failed.
-bool start(Managers& managers, const Folders& folders) {
+bool start(Managers& managers, Control& control, const Folders& folders) {
   try {
     managers.script.init();
     tell_service(SERVICE_STARTING);
+    control.requests.set_state("loading");
     managers.extension.load(folders.plugins.c_str());
     managers.script.load_scripts(folders.scripts.c_str(), folders.external_scripts.c_str());
     managers.listener.start();
     managers.script.start_thread();
+    control.requests.set_state("ready");
   } catch (const std::exception& error) {
     elog(1, "zelvind: %s", error.what());
     return false;
@@ -77,11 +103,12 @@ void say_not_reloaded(const std::string& text) {
 }
 
 // Throws when the reload itself fails. After a trial that fails, everything is as it was.
-ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial) {
+ReloadVerdict reload(Managers& managers, Control& control, const Folders& folders, bool with_trial) {
   const char* const scripts = folders.scripts.c_str();
   const char* const external = folders.external_scripts.c_str();
   ReloadVerdict verdict{true, ""};
   tell_service(SERVICE_RELOADING);
+  control.requests.set_state("reloading");
   if (with_trial) {
     elog(2, "zelvind: trying a reload ...");
     g_loop_stats.reloads_tried.add();
@@ -96,15 +123,16 @@ ReloadVerdict reload(Managers& managers, const Folders& folders, bool with_trial
     g_loop_stats.reload_ended(verdict.text.c_str());
   }
   resume_running();
+  control.requests.set_state("ready");
   tell_service(verdict.done ? SERVICE_RELOADED : SERVICE_RELOAD_FAILED);
   return verdict;
 }
 
 // One reload for all that ask for the same. If it ends the daemon, they are told why before.
-void reload_as_asked(Managers& managers, const Folders& folders) {
+void reload_as_asked(Managers& managers, Control& control, const Folders& folders) {
   const bool with_trial = ReloadRequests::take();
   try {
-    ReloadRequests::answer(reload(managers, folders, with_trial));
+    ReloadRequests::answer(reload(managers, control, folders, with_trial));
   } catch (const std::exception& error) {
     ReloadRequests::answer({false, std::string("the reload has ended the daemon: ") + error.what()});
     throw;
@@ -114,27 +142,28 @@ void reload_as_asked(Managers& managers, const Folders& folders) {
 // Sleeps until a stop is asked for. g_running alone is not a stop: SIGHUP clears it too. A request is taken before it
 // is carried out, so that one that comes meanwhile counts again; but once a stop is asked for, at most one more reload
 // is done.
-void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
+void idle(Managers& managers, Control& control, const Folders& folders, bool trial_at_signal) {
   const ReloadRequests taken_meanwhile;
   for (;;) {
     const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
     write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
     if (reloading) {
-      reload(managers, folders, trial_at_signal);
+      reload(managers, control, folders, trial_at_signal);
       if (stopping) return;
     } else if (g_running == 0 && g_stop != 0) {
       return;
     } else if (ReloadRequests::any()) {
-      reload_as_asked(managers, folders);
+      reload_as_asked(managers, control, folders);
     } else {
       wait_for_signal(managers.script.watch.look());
     }
   }
 }
 
-void stop(Managers& managers) {
+void stop(Managers& managers, Control& control) {
   tell_service(SERVICE_STOPPING);
+  control.requests.set_state("stopping");
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.extension.prepare_cleanup();
@@ -156,7 +185,9 @@ void run() {
   sock_init();
   occupy_descriptor_0();
   SettingsFile file;
-  elog_set_level("zelvind", file.number(settings::log_level));
+  Control control(managers, file.number(settings::event_memory));
+  control.requests.set_log_level(file.number(settings::log_level));
+  control.requests.set_script_memory(file.number(settings::script_memory));
   managers.script.collect_every = file.number(settings::collect_every);
   managers.script.memory.set_limit(size_t{1024} * static_cast<size_t>(file.number(settings::script_memory)));
   managers.script.watch.warn_ms = file.number(settings::script_warn_ms);
@@ -165,9 +196,10 @@ void run() {
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   const bool trial_at_signal = file.number(settings::reload_trial) != 0;
-  if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
+  control.server.start();
+  if (!start(managers, control, folders)) return tell_service(SERVICE_STOPPING);
   try {
-    idle(managers, folders, trial_at_signal);
+    idle(managers, control, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
     tell_service(SERVICE_STOPPING);
@@ -179,5 +211,5 @@ void run() {
     throw;
   }
   write_signal_lines();
-  stop(managers);
+  stop(managers, control);
 }

@@ -23,8 +23,12 @@ namespace {
 constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;  // how long events gather for followers while they come
 
-constexpr OwnedSocket::Names kControlSocket{
-    kControlSocketPath, kControlLockPath, "control", "zelvctl cannot ask this daemon", "zelvctl can ask", elog};
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
+                                            kControlLockPath,
+                                            "control",
+                                            "zelvctl cannot ask this daemon",
+                                            "zelvctl can ask this daemon",
+                                            elog};
 
 void drain(int event_fd) {
   uint64_t ignored = 0;
@@ -166,12 +170,12 @@ void ControlServer::accept_waiting(int64_t now) {
 
 void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now) {
   if (clients.size() < kClientsMost) return clients.push_back(std::move(client));
-  client->owe("error: 16 clients are connected already\n\n", now);
-  client->send_owed(now);
   if (const auto left_out = refused_limit.allow()) {
     elog(1, "control: refused process %d of user %u, since 16 clients are connected%s", client->process(),
          client->user(), left_out->text);
   }
+  client->owe("error: 16 clients are connected already\n\n", now);
+  client->send_owed(now);
 }
 
 // Returns false when the client is to be dropped. One request of each client is answered in a round.
@@ -228,8 +232,8 @@ bool ControlServer::carry_out(ControlConnection& client, const ControlRequest& r
   const auto command = std::find_if(commands.begin(), commands.end(), has_name);
   if (command == commands.end()) {
     std::string names;
-    for (const ControlCommand& known : commands) names += known.name + ", ";
-    answer.fail("unknown request '" + request.name.substr(0, 40) + "': expected " + names + "or follow");
+    for (const ControlCommand& known : commands) names += (names.empty() ? "" : ", ") + known.name;
+    answer.fail("unknown request '" + request.name.substr(0, 40) + "': expected " + names + " or follow");
     return true;
   }
   try {

@@ -1,0 +1,258 @@
+#include "app/control_requests.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <lua.hpp>
+#include <system_error>
+
+#include "app/reload_requests.h"
+#include "control/event_ring.h"
+#include "control/loop_stats.h"
+#include "device/counts.h"
+#include "device/event_source.h"
+#include "device/log.h"
+#include "device/store_text.h"
+#include "listener/manager_listener.h"
+#include "script/manager_script.h"
+#include "util/clock.h"
+#include "util/device_root.h"
+
+namespace {
+
+constexpr int64_t kNsPerS = 1000000000;
+constexpr int64_t kLongCallNs = 100000000;  // a script that has run for longer is asked where it is
+constexpr int kWhereMs = 100;
+constexpr int kReportMs = 1000;
+
+// Bytes of memory in use.
+int64_t resident_bytes() {
+  std::ifstream statm("/proc/self/statm");
+  int64_t pages = 0;
+  statm >> pages >> pages;
+  return pages * sysconf(_SC_PAGESIZE);
+}
+
+bool is_script(Activity activity) {
+  return activity == Activity::handler || activity == Activity::timer || activity == Activity::coroutine ||
+         activity == Activity::loading;
+}
+
+void add_loop(Answer& answer, const std::string& where) {
+  const ActivityNow now = g_loop_stats.activity();
+  answer.line("loop").key("activity", activity_name(now.activity)).key("for_us", now.for_ns / 1000);
+  if (now.tag >= 0) answer.key("tag", g_loop_stats.tag_names.name(now.tag));
+  if (now.event >= 0) answer.key("event", g_loop_stats.event_names.name(now.event));
+  if (!where.empty()) answer.key("where", where);
+  answer.key("alive_us", g_loop_stats.silent_ns() / 1000);
+}
+
+void add_source(Answer& answer, const char* name, uint64_t events, uint64_t refused) {
+  answer.line("source").key("name", name).key("events", events).key("refused", refused);
+}
+
+void add_queue(Answer& answer) {
+  if (event_counts_now != nullptr) {
+    event_counts counts{};
+    event_counts_now(&counts);
+    answer.line("queue").key("waiting", counts.waiting).key("highest", counts.waiting_highest);
+    answer.key("oldest_us", counts.oldest_age_us);
+    if (event_socket_owned != nullptr) answer.key("socket", event_socket_owned() != 0 ? "owned" : "none");
+    add_source(answer, "process", counts.posted, counts.posted_refused);
+    add_source(answer, "posters", counts.lines, counts.lines_refused);
+    answer.key("connections", counts.posters).key("evicted", counts.posters_evicted);
+  }
+  if (event_came_ns == nullptr) return;
+  answer.line("wait").key("count", g_loop_stats.wait.count()).durations("", g_loop_stats.wait);
+}
+
+void add_posters(Answer& answer) {
+  if (event_posters_now == nullptr) return;
+  std::vector<event_poster> posters(EVENT_POSTERS_MAX);
+  posters.resize(event_posters_now(posters.data(), EVENT_POSTERS_MAX));
+  for (const event_poster& poster : posters) {
+    answer.line("poster").key("pid", poster.process).key("uid", poster.user);
+    answer.key("since_s", poster.connected_ms / 1000).key("events", poster.lines).key("refused", poster.lines_refused);
+    answer.key("waiting", poster.bytes_waiting);
+  }
+}
+
+// Calls add(entry) for each name of a table that has one of its own, and for all others when `other` says that there
+// are any.
+template <typename Add>
+void for_each_entry(const NameTable& names, bool other, Add add) {
+  for (int entry = 0; entry < names.size(); ++entry) add(entry);
+  if (other) add(NameTable::kOther);
+}
+
+void add_events_and_tags(Answer& answer) {
+  const LoopStats& loop = g_loop_stats;
+  for_each_entry(loop.event_names, loop.events[NameTable::kOther].events.get() > 0, [&](int entry) {
+    const EventStats& event = loop.events[entry];
+    answer.line("event").key("name", loop.event_names.name(entry)).key("events", event.events.get());
+    answer.key("unknown", event.unknown.get()).key("errors", event.errors.get()).durations("run_", event.run);
+  });
+  for_each_entry(loop.tag_names, loop.tags[NameTable::kOther].run.count() > 0, [&](int entry) {
+    const TagStats& tag = loop.tags[entry];
+    answer.line("tag").key("name", loop.tag_names.name(entry)).key("runs", tag.run.count());
+    answer.key("errors", tag.errors.get()).durations("run_", tag.run);
+  });
+}
+
+void add_scripts(Answer& answer, int script_memory_kib) {
+  const LoopStats& loop = g_loop_stats;
+  answer.line("timers").key("now", loop.timers.get()).durations("lateness_", loop.timer_lateness);
+  answer.line("coroutines").key("now", loop.coroutines.get()).durations("lateness_", loop.coroutine_lateness);
+  answer.line("lua").key("bytes", loop.lua_bytes.get()).key("limit", int64_t{script_memory_kib} * 1024);
+  answer.key("collections", loop.collections.count()).durations("collect_", loop.collections);
+  const LastError error = loop.last_error();
+  if (error.time != 0) {
+    answer.line("error").key("time", error.time).key("tag", error.tag).key("event", error.event);
+    answer.key("text", error.text);
+  }
+  const LastReload reload = loop.last_reload();
+  answer.line("reload").key("tried", loop.reloads_tried.get()).key("failed", loop.reloads_failed.get());
+  answer.key("done", loop.reloads_done.get()).key("last", reload.time);
+  answer.key("last_result", reload.time == 0 ? "none" : reload.text.empty() ? "done" : "failed");
+  if (!reload.text.empty()) answer.key("last_text", reload.text);
+}
+
+void add_log(Answer& answer) {
+  if (log_counts_now == nullptr) return;
+  log_counts counts{};
+  log_counts_now(&counts);
+  answer.line("log").key("written", counts.written).key("lost", counts.lost);
+}
+
+void refuse_arguments(const ControlRequest& request) {
+  if (!request.arguments.empty()) throw std::runtime_error("'" + request.name + "' takes no arguments");
+}
+
+// Waits for the verdict.
+void reload(const ControlRequest& request, Answer& answer, const std::function<bool()>& given_up) {
+  const bool with_trial = request.arguments.empty();
+  if (!with_trial && request.arguments != std::vector<std::string>{"no-trial"}) {
+    throw std::runtime_error("expected reload or reload no-trial");
+  }
+  const ReloadVerdict verdict = ask_for_reload(with_trial, given_up);
+  answer.line("reload").key("result", verdict.done ? "done" : "failed");
+  if (!verdict.done) answer.key("text", verdict.text);
+}
+
+}  // namespace
+
+ControlRequests::ControlRequests(ManagerScript& the_script, ManagerListener& the_listener, EventRing& the_ring)
+    : script(the_script),
+      listener(the_listener),
+      ring(the_ring),
+      program([] {
+        std::error_code ignored;
+        return std::filesystem::read_symlink("/proc/self/exe", ignored).string();
+      }()),
+      started_s(time(nullptr)),
+      started_ns(steady_ns()),
+      state_since(started_ns) {}
+
+void ControlRequests::set_state(const char* name) {
+  state_since = steady_ns();
+  state = name;
+}
+
+void ControlRequests::set_log_level(int level) {
+  log_level = level;
+  elog_set_level("zelvind", level);
+}
+
+std::vector<ControlCommand> ControlRequests::commands() {
+  const auto stats_at_once = [this](const ControlRequest& request, Answer& answer) {
+    refuse_arguments(request);
+    const ActivityNow now = g_loop_stats.activity();
+    if (is_script(now.activity) && now.for_ns >= kLongCallNs) return false;
+    add_stats(answer, "");
+    return true;
+  };
+  const auto stats = [this](const ControlRequest&, Answer& answer, const auto&) { add_stats(answer, ""); };
+  const auto clients = [this](const ControlRequest& request, Answer& answer) {
+    refuse_arguments(request);
+    add_clients(answer);
+    return true;
+  };
+  const auto change_level = [this](const ControlRequest& request, Answer& answer) {
+    change_log_level(request, answer);
+    return true;
+  };
+  return {{"stats", stats_at_once, stats}, {"clients", clients, nullptr}, {"log_level", change_level, nullptr},
+          {"reload", nullptr, reload}};
+}
+
+void ControlRequests::add_stats(Answer& answer, const std::string& where) const {
+  add_daemon(answer);
+  add_loop(answer, where);
+  add_queue(answer);
+  add_events_and_tags(answer);
+  add_scripts(answer, script_memory_kib);
+  add_listener(answer);
+  add_posters(answer);
+  add_log(answer);
+  add_control(answer);
+}
+
+void ControlRequests::add_daemon(Answer& answer) const {
+  const int64_t now = steady_ns();
+  const ActivityNow loop = g_loop_stats.activity();
+  std::string current = state.load();
+  int64_t since = state_since;
+  if (current == "ready" && loop.activity == Activity::stopped) {
+    current = "ended";
+    since = now - loop.for_ns;
+  }
+  std::string root;
+  under_device_root("", root);
+  answer.line("daemon").key("version", ZELVIND_VERSION).key("pid", getpid()).key("run", ring.run());
+  answer.key("started", started_s).key("uptime_s", (now - started_ns) / kNsPerS).key("state", current);
+  answer.key("state_since_s", (now - since) / kNsPerS).key("root", root).key("log_level", log_level.load());
+  answer.key("rss", resident_bytes()).key("exe", program);
+  answer.key("device", event_socket_owned != nullptr ? "host" : "external").key("lua", LUA_RELEASE + strlen("Lua "));
+}
+
+void ControlRequests::add_listener(Answer& answer) const {
+  const ListenerStatus status = listener.status();
+  answer.line("listener").key("port", status.port).key("clients", status.clients);
+  answer.key("subscribed", status.subscribed).key("owing", status.owing).key("leaving", status.leaving);
+  answer.key("accepted", status.accepted).key("refused", status.refused).key("given_up", status.given_up);
+  answer.key("deliveries", status.deliveries).key("bytes", status.bytes).key("sends", status.sends);
+  answer.key("gathered", status.gathered_sends).key("skips", status.skips).key("waits", status.waits);
+  answer.key("waited_us", status.waited_us).key("memory", status.memory).key("memory_limit", status.memory_limit);
+}
+
+void ControlRequests::add_control(Answer& answer) const {
+  if (server == nullptr) return;
+  const ControlServer::Counts counts = server->counts();
+  answer.line("control").key("clients", counts.clients).key("requests", counts.requests);
+  answer.key("followers", counts.followers);
+}
+
+void ControlRequests::add_clients(Answer& answer) const {
+  for (const ClientStatus& client : listener.client_list()) {
+    answer.line("client").key("id", client.fd).key("address", client.address).key("connected_s", client.connected_s);
+    answer.key("state", client.state).key("wants", client.subscription).key("events", client.deliveries);
+    answer.key("bytes", client.bytes).key("waiting", client.bytes_waiting).key("skipped", client.skips);
+    if (client.last_skip_s >= 0) answer.key("last_skip_s", client.last_skip_s);
+  }
+}
+
+void ControlRequests::change_log_level(const ControlRequest& request, Answer& answer) {
+  if (request.arguments.size() > 1) throw std::runtime_error("'log_level' takes one number");
+  if (request.arguments.size() == 1) {
+    int level = 0;
+    if (!parse_store_int(request.arguments[0], level)) {
+      throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) + "': expected a whole number");
+    }
+    set_log_level(level);
+    elog(1, "control: process %d of user %u sets log_level to %d", request.process, request.user, level);
+  }
+  answer.line("log_level").key("now", log_level.load());
+}
