@@ -99,10 +99,12 @@ class LoopStats {
 
   // An event has been taken from the queue and is about to be forwarded.
   void takes_event(const char* type_name);
+  int event_entry() const { return current_event; }
   // Reads the clock.
   void begin_dispatch();
   // `known`: there is a handler table. The times of the last dispatch are there until the next one begins.
   void end_dispatch(bool known);
+  int64_t dispatch_began_ns() const { return dispatch_began; }  // steady_ns
   int64_t dispatch_ns() const { return dispatched_ns; }
   int dispatch_errors() const { return errors_in_dispatch; }
 

@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/event_ring.h"
 #include "control/loop_stats.h"
+#include "device/counts.h"
 #include "device/log.h"
 #include "script/manager_script.h"
 #include "util/lua_binding.h"
@@ -44,8 +46,22 @@ const char* field_arg(lua_State* L, FieldValue& value) {
   return value;
 }
 
+// Unlike lua_tostring, neither allocates nor raises. `number` is room for a number's text.
+const char* tag_text(lua_State* L, char (&number)[40]) {
+  switch (lua_type(L, -1)) {
+    case LUA_TSTRING:
+      return lua_tostring(L, -1);
+    case LUA_TNUMBER:
+      snprintf(number, sizeof(number), LUA_NUMBER_FMT, lua_tonumber(L, -1));
+      return number;
+    default:
+      return "";
+  }
+}
+
 }  // namespace
 
+// Raises nothing, as all that it calls.
 void EventDispatch::call_entry(lua_State* L, int index) {
   const event_item& event = *current;
   lua_rawgeti(L, kList, index);
@@ -55,17 +71,17 @@ void EventDispatch::call_entry(lua_State* L, int index) {
     return;
   }
   lua_rawgeti(L, kEntry, 1);
-  const char* const text = lua_tostring(L, -1);
-  set_handler_tag(text == nullptr ? "" : text);
-  lua_pop(L, 1);
+  char number[40];
+  const char* const text = tag_text(L, number);
+  set_handler_tag(text);
   lua_rawgeti(L, kEntry, 2);
   lua_rawgeti(L, kEntry, 3);
   if (call(L, text) != 0) fail(clua_error_text(L));
 }
 
-// Calls the entry's function, which is on the stack below its argument.
+// Calls the function on the stack with the argument above it. The tag's text lies below both.
 int EventDispatch::call(lua_State* L, const char* text) {
-  const LoopCall counted(g_mscript->watch, Activity::handler, text == nullptr ? "" : text);
+  const LoopCall counted(g_mscript->watch, Activity::handler, text);
   return lua_pcall(L, 1, 0, 0);
 }
 
@@ -74,8 +90,28 @@ void EventDispatch::fail(const std::string& error) const {
   g_loop_stats.failed(tag.c_str(), error.c_str());
 }
 
-// Returns false when there is no handler table.
-bool EventDispatch::call_handlers(lua_State* L) {
+// For those who look into the daemon.
+void EventDispatch::record(const event_item& event) {
+  int64_t waited_ns = 0;
+  if (event_came_ns != nullptr) {
+    waited_ns = g_loop_stats.dispatch_began_ns() - event_came_ns(&event);
+    g_loop_stats.wait.add(waited_ns);
+  }
+  if (g_event_ring == nullptr) return;
+  g_event_ring->add(event, waited_ns, g_loop_stats.dispatch_ns(), g_loop_stats.dispatch_errors());
+}
+
+void EventDispatch::call_entries(lua_State* L) {
+  const int count = static_cast<int>(lua_objlen(L, kList));  // what a handler appends waits for the next event
+  for (int i = 1; i <= count; ++i) {
+    call_entry(L, i);
+    lua_settop(L, kList);
+  }
+}
+
+// Looks the handlers up, which runs whatever metamethods scripts have put there. Returns false when there is no handler
+// table.
+bool EventDispatch::find_and_call(lua_State* L) {
   char name[3 + sizeof(event_item::type_name)] = "es_";
   copy_text(name + 3, sizeof(event_item::type_name), current->type_name);
   lua_getfield(L, LUA_GLOBALSINDEX, name);
@@ -88,12 +124,39 @@ bool EventDispatch::call_handlers(lua_State* L) {
   if (!lua_istable(L, kList)) {
     throw ScriptError(sstr("%s.list_func is a %s, not a table", name, luaL_typename(L, kList)));
   }
-  const int count = static_cast<int>(lua_objlen(L, kList));  // what a handler appends waits for the next event
-  for (int i = 1; i <= count; ++i) {
-    call_entry(L, i);
-    lua_settop(L, kList);
-  }
+  call_entries(L);
+  lua_settop(L, 0);
+  keep_names(L, name);
   return true;
+}
+
+// Keeps the two names in the registry, for call_known.
+void EventDispatch::keep_names(lua_State* L, const char* table_name) {
+  const int entry = g_loop_stats.event_entry();
+  if (entry == NameTable::kOther || table_refs[entry] != 0) return;
+  if (list_ref == 0) {
+    lua_pushliteral(L, "list_func");
+    list_ref = luaL_ref(L, LUA_REGISTRYINDEX);
+  }
+  lua_pushstring(L, table_name);
+  table_refs[entry] = luaL_ref(L, LUA_REGISTRYINDEX);
+}
+
+// The short way, for types whose names are kept, as long as no metamethod is involved: raises nothing, so it needs no
+// protected call around it, and interns no names. Returns false, with nothing done, when it is not possible.
+bool EventDispatch::call_known(lua_State* L) {
+  const int table_ref = table_refs[g_loop_stats.event_entry()];
+  if (table_ref == 0) return false;
+  lua_rawgeti(L, LUA_REGISTRYINDEX, table_ref);
+  lua_rawget(L, LUA_GLOBALSINDEX);
+  if (lua_istable(L, kTable)) {
+    lua_rawgeti(L, LUA_REGISTRYINDEX, list_ref);
+    lua_rawget(L, kTable);
+    if (lua_istable(L, kList)) call_entries(L);
+  }
+  const bool done = lua_istable(L, kList);
+  lua_settop(L, 0);
+  return done;
 }
 
 bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
@@ -101,11 +164,12 @@ bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
   g_loop_stats.begin_dispatch();
   bool known = true;
   std::string error;
-  const bool done = protect(L, error, [&](lua_State* state) { known = call_handlers(state); });
+  const bool done = call_known(L) || protect(L, error, [&](lua_State* state) { known = find_and_call(state); });
   if (!done) fail(error);
   tag.clear();
   current = nullptr;
   g_loop_stats.end_dispatch(known);
+  record(event);
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);
   return known;
 }

@@ -7,14 +7,19 @@
 #include <lua.hpp>
 #include <string>
 
+#include "control/name_table.h"
 #include "device/event_queue.h"
 
 // Only the thread that has the Lua state.
 class EventDispatch {
  public:
   // Calls the handlers of `event` in order, each under its entry's tag; a failing one is logged and the next one runs.
+  // LoopStats::takes_event has been called for it.
   // Returns true when there is a handler table, false when the type is unknown (logged).
   bool dispatch(lua_State* L, const event_item& event);
+
+  // Forgets what belongs to a state that is closed.
+  void clear() { *this = EventDispatch(); }
 
   // The event being dispatched, or null.
   const event_item* current_event() const { return current; }
@@ -24,13 +29,21 @@ class EventDispatch {
   void set_handler_tag(const char* text) { tag = text; }
 
  private:
-  bool call_handlers(lua_State* L);
+  bool call_known(lua_State* L);
+  bool find_and_call(lua_State* L);
+  void keep_names(lua_State* L, const char* table_name);
+  void call_entries(lua_State* L);
   void call_entry(lua_State* L, int index);
   static int call(lua_State* L, const char* text);
   void fail(const std::string& error) const;
+  static void record(const event_item& event);
 
   const event_item* current = nullptr;
   std::string tag;
+  // Registry references to the names that a dispatch looks up, 0 for none: by LoopStats::event_entry(), and
+  // "list_func".
+  int table_refs[NameTable::kEntries] = {};
+  int list_ref = 0;
 };
 
 // The Lua functions that read the current event; script/script_api.cpp registers them. Outside a dispatch each raises

@@ -37,7 +37,8 @@ class LuaMemory {
   // A full collection is done; it took `ns`. Takes the reserve back, if there is room for it.
   void collected(int64_t ns);
 
-  // True when a collection for want of memory may take its time again: not more than a tenth of all time goes into them.
+  // True when a collection for want of memory may take its time again: not more than a tenth of all time goes into
+  // them.
   bool may_collect() const;
 
  private:
@@ -50,7 +51,7 @@ class LuaMemory {
   void* reserve = nullptr;  // malloc's
   bool reserve_is_out = false;
   size_t limit = 0;
-  size_t used = 0;                 // bytes of all blocks
-  size_t collect_at = 0;           // when `used` gets there, the hook is asked to collect
-  int64_t not_before_ns = 0;       // steady_ns: for may_collect
+  size_t used = 0;            // bytes of all blocks
+  size_t collect_at = 0;      // when `used` gets there, the hook is asked to collect
+  int64_t not_before_ns = 0;  // steady_ns: for may_collect
 };

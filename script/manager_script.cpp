@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 
 #include "device/config_store.h"
@@ -9,6 +10,7 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/script_report.h"
 #include "script/trial_guards.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
@@ -197,12 +199,19 @@ void ManagerScript::close_state() {
   lua_state = nullptr;
   timers.clear();
   coroutines.clear();
+  dispatch.clear();
 }
 
 void ManagerScript::run_timers() {
   assert(gate.held_here());
   timers.run_due(lua_state, clock.seconds());
+  timers.run_alarms(lua_state, clock.steady());
   update_gauges();
+}
+
+void ManagerScript::run_alarms() {
+  assert(gate.held_here());
+  timers.run_alarms(lua_state, clock.steady());
 }
 
 void ManagerScript::resume_coroutines() {
@@ -217,9 +226,20 @@ void ManagerScript::update_gauges() const {
   g_loop_stats.lua_bytes.set(memory.in_use());
 }
 
+// The next look comes when the first one's patience will be over. One that is made meanwhile is not due before now.
+void ManagerScript::look_at_coroutines() {
+  assert(gate.held_here());
+  if (coroutines.overdue_ms(clock.milliseconds()) >= coroutine_patience_ms) resume_coroutines();
+  const int64_t overdue_ms = std::max<int64_t>(coroutines.overdue_ms(clock.milliseconds()), 0);
+  next_look_ms = clock.steady() + std::max<int64_t>(coroutine_patience_ms - overdue_ms, 1);
+}
+
 int ManagerScript::next_wait_ms() {
   assert(gate.held_here());
-  return coroutines.next_wait_ms(clock.milliseconds(), kLongestWaitMs);
+  const int64_t alarm_ms = timers.first_alarm_ms();
+  const int64_t longest = alarm_ms == ScriptTimers::kNever ? kLongestWaitMs : alarm_ms - clock.steady();
+  const int64_t longest_ms = std::clamp<int64_t>(longest, 0, kLongestWaitMs);
+  return coroutines.next_wait_ms(clock.milliseconds(), static_cast<int>(longest_ms));
 }
 
 bool ManagerScript::dispatch_event(const event_item& event) {
@@ -245,6 +265,27 @@ void ManagerScript::collect_inside(lua_State* L) {
   if (const auto left_out = g_collection_lines.allow()) {
     elog(1, "mscript: a collection failed - %s%s", error.c_str(), left_out->text);
   }
+}
+
+void ManagerScript::write_report() {
+  assert(gate.held_here());
+  report_wanted.store(false, std::memory_order_relaxed);
+  std::string text = script_report(*this);
+  const MutexLock lock(report_mutex);
+  last_report = std::move(text);
+  report_written.notify_all();
+}
+
+std::optional<std::string> ManagerScript::report(int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  MutexLock lock(report_mutex);
+  last_report.reset();
+  report_wanted = true;
+  wake_loop();
+  while (!last_report) {
+    if (report_written.wait_until(lock, deadline) == std::cv_status::timeout) return {};
+  }
+  return last_report;
 }
 
 const std::string& ManagerScript::current_tag_name() const {

@@ -1,0 +1,169 @@
+#include "script/script_report.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "control/answer.h"
+#include "script/manager_script.h"
+#include "util/lua_binding.h"
+
+namespace {
+
+constexpr char kHandlerPrefix[] = "es_";
+constexpr int kUpvaluesDeep = 3;
+
+using Place = char[512];
+
+// The default scripts call what a script has given them from functions of their own: these are not its place.
+bool is_default_script(const lua_Debug& info) {
+  constexpr char kFile[] = "/init_base.lua";
+  const size_t length = strlen(info.source);
+  return length >= sizeof(kFile) && strcmp(info.source + length - (sizeof(kFile) - 1), kFile) == 0;
+}
+
+void write_place(const lua_Debug& info, int line, Place& place) {
+  snprintf(place, sizeof(place), "%s:%d", info.source[0] == '@' ? info.source + 1 : info.short_src, line);
+}
+
+// Where the function on top of the stack is defined; of a default script's, where the one that it calls is: it has it
+// in an upvalue. Pops it. Returns false, and gives the place of a default script, when there is none.
+bool find_place(lua_State* L, int deep, Place& place) {
+  lua_Debug info{};
+  lua_pushvalue(L, -1);
+  lua_getinfo(L, ">S", &info);
+  bool found = !is_default_script(info) && info.what[0] != 'C';
+  if (found || deep == kUpvaluesDeep) write_place(info, info.linedefined, place);
+  for (int i = 1; !found && deep > 0 && lua_getupvalue(L, -1, i) != nullptr; ++i) {
+    if (lua_isfunction(L, -1)) {
+      found = find_place(L, deep - 1, place);
+    } else {
+      lua_pop(L, 1);
+    }
+  }
+  lua_pop(L, 1);
+  return found;
+}
+
+// Where the value on top of the stack is defined. Pops it.
+void find_definition(lua_State* L, Place& place) {
+  strcpy(place, "");
+  if (!lua_isfunction(L, -1)) return lua_pop(L, 1);
+  luaL_checkstack(L, kUpvaluesDeep + LUA_MINSTACK, "report");
+  find_place(L, kUpvaluesDeep, place);
+}
+
+// Where a coroutine waits: the innermost line that is not the default scripts'.
+void find_wait(lua_State* thread, Place& place) {
+  strcpy(place, "");
+  lua_Debug info{};
+  for (int level = 0; lua_getstack(thread, level, &info) == 1; ++level) {
+    lua_getinfo(thread, "Sl", &info);
+    if (info.currentline < 0) continue;
+    write_place(info, info.currentline, place);
+    if (!is_default_script(info)) return;
+  }
+}
+
+class Report {
+ public:
+  explicit Report(ManagerScript& the_script) : script(the_script) {}
+
+  std::string write() {
+    answer.line("round").key("n", script.scripts.round());
+    for (const ScriptModule& module : script.scripts.all()) {
+      answer.line("file").key("path", module.path).key("module", module.module_name);
+      answer.key("round", script.scripts.round());
+    }
+    // Lua may raise anywhere in here, for want of memory. So nothing with a destructor lives in these functions.
+    std::string error;
+    protect(script.lua_state, error, [this](lua_State* L) { add_handlers(L); });
+    protect(script.lua_state, error, [this](lua_State* L) { add_timers(L); });
+    add_tasks();
+    return answer.take_lines();
+  }
+
+ private:
+  void add_handlers(lua_State* L) {
+    lua_pushnil(L);
+    while (lua_next(L, LUA_GLOBALSINDEX) != 0) {
+      const char* const name = lua_type(L, -2) == LUA_TSTRING ? lua_tostring(L, -2) : "";
+      if (strncmp(name, kHandlerPrefix, strlen(kHandlerPrefix)) == 0 && lua_istable(L, -1)) {
+        add_handlers_of(L, name + strlen(kHandlerPrefix));
+      }
+      lua_pop(L, 1);
+    }
+  }
+
+  // The handler table is on top of the stack.
+  void add_handlers_of(lua_State* L, const char* event) {
+    lua_pushliteral(L, "list_func");
+    lua_rawget(L, -2);
+    const int count = lua_istable(L, -1) ? static_cast<int>(lua_objlen(L, -1)) : 0;
+    for (int i = 1; i <= count; ++i) {
+      lua_rawgeti(L, -1, i);
+      if (lua_istable(L, -1)) add_handler(L, event);
+      lua_pop(L, 1);
+    }
+    lua_pop(L, 1);
+  }
+
+  // The entry is on top of the stack.
+  void add_handler(lua_State* L, const char* event) {
+    lua_rawgeti(L, -1, 1);
+    const char* const tag = lua_type(L, -1) == LUA_TSTRING ? lua_tostring(L, -1) : "";
+    Place place;
+    lua_rawgeti(L, -2, 2);
+    find_definition(L, place);
+    answer.line("handler").key("event", event).key("tag", tag).key("module", module_of(place));
+    answer.key("where", place);
+    lua_pop(L, 1);
+  }
+
+  // The module of the file that a place is in, or "".
+  const char* module_of(std::string_view place) const {
+    for (const ScriptModule& module : script.scripts.all()) {
+      const size_t length = module.path.size();
+      if (place.substr(0, length) == module.path && place.substr(length, 1) == ":") return module.module_name.c_str();
+    }
+    return "";
+  }
+
+  void add_timers(lua_State* L) {
+    const int now = script.clock.seconds();
+    const int64_t now_us = script.clock.steady() * 1000;
+    for (const auto& [number, timer] : script.timers.all_timers()) {
+      add_timer(L, timer.call, int64_t{timer.interval} * 1000, (int64_t{timer.next_due} - now) * 1000);
+    }
+    for (const auto& [number, alarm] : script.timers.all_alarms()) {
+      add_timer(L, alarm.call, alarm.interval_us / 1000, (alarm.due_us - now_us) / 1000);
+    }
+  }
+
+  void add_timer(lua_State* L, const TimerCall& call, int64_t every_ms, int64_t due_in_ms) {
+    Place place;
+    lua_rawgeti(L, LUA_REGISTRYINDEX, call.callback_ref);
+    find_definition(L, place);
+    answer.line("timer").key("tag", call.tag).key("every_ms", every_ms).key("due_in_ms", due_in_ms);
+    answer.key("where", place);
+  }
+
+  void add_tasks() {
+    const int now = script.clock.milliseconds();
+    Place place;
+    for (const auto& [number, coroutine] : script.coroutines.all()) {
+      find_wait(coroutine.thread, place);
+      answer.line("task").key("tag", coroutine.tag);
+      answer.key("due_in_ms", script.coroutines.due_in_ms(coroutine, now)).key("where", place);
+    }
+  }
+
+  ManagerScript& script;
+  Answer answer;
+};
+
+}  // namespace
+
+std::string script_report(ManagerScript& script) {
+  return Report(script).write();
+}
