@@ -25,6 +25,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPoll{20};
 constexpr std::chrono::seconds kReloadLimit{60};
+constexpr std::chrono::milliseconds kEndLimit{2000};
 constexpr int kAliveCheckMs = 1000;
 
 RunningDaemon daemon_of(const ReloadRequest& request) {
@@ -91,7 +92,10 @@ void reload_asked(const RunningDaemon& daemon, const ReloadRequest& request) {
   AnswerLine verdict;
   try {
     verdict = verdict_of(daemon, request);
-  } catch (const Failure&) {
+  } catch (const Refused&) {
+    throw;
+  } catch (const Failure&) {  // a daemon that ends closes the connection first
+    for (auto left = kEndLimit; daemon.is_alive() && left.count() > 0; left -= kPoll) std::this_thread::sleep_for(kPoll);
     if (!daemon.is_alive()) fail_ended(daemon);
     throw;
   }

@@ -242,6 +242,11 @@ TEST(Daemon, AFailedTrialChangesNothing) {
   EXPECT_LT(resident_pages() - pages_before, kIsSanitized ? 16384 : 256);
   EXPECT_FALSE(fs::exists(daemon.path("made")));
   EXPECT_EQ(daemon.count("<1> lua-trace: copy"), 0u);
+  daemon.write("scripts/x.lua", "error('no')");
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 1, "zelvctl has nothing tried first: --pidfile was given\n",
+                        "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
+                            ") has tried the reload and not done it; its log says why\n");
+  fs::remove(daemon.path("scripts/x.lua"));
   daemon.send_signal(SIGHUP);
   EXPECT_TRUE(daemon.wait_for("zelvind: reloading ..."));
   EXPECT_TRUE(daemon.post("1 door n=last\n"));

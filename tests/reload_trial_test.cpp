@@ -112,7 +112,7 @@ TEST_F(Trial, EndsAtOnceWhenTheDaemonIsToEnd) {
     pthread_kill(main, SIGTERM);
   });
   signal(SIGTERM, [](int) {});
-  EXPECT_EQ(tried(100000).text, "the daemon is to end");
+  EXPECT_EQ(tried(20000).text, "the daemon is to end");
   later.join();
   signal(SIGTERM, SIG_DFL);
   script->stop.wanted = [] { return false; };
