@@ -59,8 +59,8 @@ void add(CLI::App& command, const Parameter& parameter) {
     case Takes::values:
       option->expected(1, -1)->allow_extra_args();  // with 0, it would get nothing from behind "--"
       break;
-    case Takes::some_needed:
-      option->required()->expected(1, -1)->allow_extra_args();
+    case Takes::repeated:
+      option->expected(1)->take_all();
       break;
     case Takes::nothing:
     case Takes::value:

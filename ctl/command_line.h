@@ -21,7 +21,7 @@ struct Parameter {
     number,       // from `least` to LONG_MAX or `most`; may be left out
     needed,       // one value
     values,       // any number of them
-    some_needed,  // at least one
+    repeated,     // of an option: one each time it is given
   };
 
   const char* name = nullptr;
@@ -54,7 +54,7 @@ struct Command {
   const char* name;
   const char* help;    // one line
   const char* footer;  // of its own help: the rules in words, and examples
-  Parameter parameters[5];
+  Parameter parameters[8];
   void (*run)(const Given& given);  // throws Failure
 };
 

@@ -5,8 +5,6 @@
 #include "util/safe_text.h"
 #include "util/text.h"
 
-namespace {
-
 nlohmann::json fields_of(std::string_view info) {
   nlohmann::json fields = nlohmann::json::object();
   nlohmann::json bare_items = nlohmann::json::object();
@@ -24,7 +22,9 @@ nlohmann::json fields_of(std::string_view info) {
   return fields;
 }
 
-}  // namespace
+std::string json_line(const nlohmann::ordered_json& object) {
+  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
 
 std::string plain_text(const ReceivedEvent& event) {
   std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
@@ -38,5 +38,5 @@ std::string json_text(const ReceivedEvent& event) {
   line["time"] = event.seconds + event.microseconds / 1e6;
   line["name"] = event.name;
   line["fields"] = fields_of(event.info);
-  return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  return json_line(line);
 }

@@ -13,7 +13,8 @@ enum class Exit {
   usage = 2,
 };
 
-// Thrown where the failure is found; main writes the sentence and ends the program.
+// Thrown where the failure is found; main writes the sentence and ends the program. An empty sentence is not written:
+// the command has said all already.
 class Failure : public std::runtime_error {
  public:
   Failure(Exit exit_status, const std::string& sentence) : std::runtime_error(sentence), status(exit_status) {}

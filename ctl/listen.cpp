@@ -1,12 +1,14 @@
 #include "ctl/listen.h"
 
+#include <fnmatch.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <set>
 
@@ -14,13 +16,30 @@
 #include "ctl/configuration.h"
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
+#include "ctl/human_text.h"
+#include "ctl/live/follow.h"
+#include "ctl/output.h"
+#include "util/clock.h"
 #include "util/descriptor.h"
+#include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
 
 constexpr int kSendLimitS = 10;
+constexpr int kRetryMs = 500;
+constexpr int kAskMs = 1000;               // for answers that are of use only
+constexpr char kOtherNames[] = "(other)";  // the daemon's entry for all event names that it does not count one by one
 constexpr size_t kReceiveSize = size_t{64} * 1024;
+
+// The daemon cannot be reached or went away: it may come back.
+struct Gone : Failure {
+  using Failure::Failure;
+};
+
+[[noreturn]] void fail_gone(const std::string& sentence) {
+  throw Gone(Exit::unreachable, sentence);
+}
 
 // Returns a connected socket, or none with errno set.
 Descriptor connect_to(const addrinfo& address) {
@@ -49,13 +68,13 @@ Descriptor connect_to(const std::string& host, int port) {
   wanted.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const int error = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &found);
-  if (error != 0) fail("failed to find host " + host + ": " + gai_strerror(error));
+  if (error != 0) fail_gone("failed to find host " + host + ": " + gai_strerror(error));
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
   for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
     Descriptor fd = connect_to(*address);
     if (fd.get() >= 0) return fd;
   }
-  fail(sstr("no daemon at %s:%d: %s", host.c_str(), port, error_text(errno).c_str()));
+  fail_gone(sstr("no daemon at %s:%d: %s", host.c_str(), port, error_text(errno).c_str()));
 }
 
 void send_all(int fd, std::string_view bytes) {
@@ -64,48 +83,124 @@ void send_all(int fd, std::string_view bytes) {
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<size_t>(sent));
     } else if (errno != EINTR) {
-      fail("failed to send the subscription: " + error_text(errno));
+      fail_gone("failed to send the subscription: " + error_text(errno));
     }
   }
 }
 
-// Waits and appends to `held` what the daemon sends. Fails when `out` is a pipe whose reader has gone, too.
+// Waits and appends to `held` what the daemon sends.
 void receive(int fd, FILE* out, std::string& held) {
-  pollfd entries[] = {{fd, POLLIN, 0}, {fileno(out), 0, 0}};
-  while (poll(entries, 2, -1) < 0) {
-    if (errno != EINTR) fail("failed to wait for the daemon: " + error_text(errno));
-  }
-  if (entries[1].revents != 0) fail("failed to write the output: its reader has gone");
+  wait_to_read(fd, out, -1);
   char bytes[kReceiveSize];
   const ssize_t received = recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT);
-  if (received == 0) fail("the daemon closed the connection");
-  if (received < 0 && errno != EAGAIN && errno != EINTR) fail("the daemon went away: " + error_text(errno));
+  if (received == 0) fail_gone("the daemon closed the connection");
+  if (received < 0 && errno != EAGAIN && errno != EINTR) fail_gone("the daemon went away: " + error_text(errno));
   if (received > 0) held.append(bytes, static_cast<size_t>(received));
 }
 
-void write_event(FILE* out, const std::string& line) {
-  if (fwrite(line.data(), 1, line.size(), out) != line.size() || fflush(out) != 0) {
-    fail("failed to write the output: " + error_text(errno));
-  }
+bool is_pattern(const std::string& name) {
+  return name.find_first_of("*?") != std::string::npos;
 }
+
+// Warns of names that no script of this machine's daemon handles and that have not come since its start. A daemon that
+// does not tell is no reason to complain.
+void warn_of_unknown(const ListenRequest& request) try {
+  ControlClient client(request.root, kAskMs);
+  const auto stats = client.ask("stats", kAskMs);
+  const auto scripts = client.ask("scripts", kAskMs);
+  const auto is_known = [&](const std::string& name) {
+    const auto fits = [&](const std::string& seen) { return fnmatch(name.c_str(), seen.c_str(), FNM_NOESCAPE) == 0; };
+    const auto tells = [&](const AnswerLine& line) {
+      return (line.kind() == "event" && (fits(line.text("name")) || line.text("name") == kOtherNames)) ||
+             (line.kind() == "handler" && fits(line.text("event")));
+    };
+    return std::any_of(stats.begin(), stats.end(), tells) || std::any_of(scripts.begin(), scripts.end(), tells);
+  };
+  for (const std::string& name : request.names) {
+    if (is_known(name)) continue;
+    fprintf(stderr, "zelvctl: warning: no script handles '%s', and no such event has come since the daemon started\n",
+            escaped(name).c_str());
+  }
+} catch (const Failure&) {
+}
+
+class Listener {
+ public:
+  Listener(const ListenRequest& what, FILE* output) : request(what), out(output) {}
+
+  // Over the control socket, which tells of events when they have been handled.
+  void follow() {
+    follow_events(
+        {request.root, request.names, "", request.reconnect}, out,
+        [this](const AnswerLine& line) {
+          const std::string name = line.text("name");
+          const std::string info = line.text("info");
+          const std::string time = line.text("time");
+          const size_t point = time.find('.');
+          const auto number = [](const std::string& text) { return static_cast<int32_t>(atoll(text.c_str())); };
+          const int32_t microseconds = point == std::string::npos ? 0 : number(time.substr(point + 1));
+          return write({0, number(time), microseconds, name, info});
+        },
+        [](const std::string&) {});
+  }
+
+  // Over the listener's port.
+  void subscribe() {
+    const std::set<std::string, std::less<>> names(request.names.begin(), request.names.end());
+    const std::string packet = subscription_packet(request.names);
+    while (!subscribe_once(names, packet)) wait_to_read(-1, out, kRetryMs);
+  }
+
+ private:
+  // Returns true after the last event that is wanted, false when the daemon has gone and we are to try again.
+  bool subscribe_once(const std::set<std::string, std::less<>>& names, const std::string& packet) try {
+    const std::string host = request.host.empty() ? "127.0.0.1" : request.host;
+    const Descriptor fd = connect_to(host, request.port != 0 ? request.port : configured_port());
+    send_all(fd.get(), packet);
+    if (gone_since != 0) {
+      const std::string gone_for = duration_text(static_cast<uint64_t>(steady_ms() - gone_since) * 1000);
+      fprintf(stderr, "zelvctl: connected after %s; events of that time are missing\n", gone_for.c_str());
+    }
+    gone_since = 0;
+    for (std::string held;;) {
+      receive(fd.get(), out, held);
+      size_t used = 0;
+      while (const auto event = first_packet(std::string_view(held).substr(used))) {
+        used += event->size;
+        if (names.find(event->name) != names.end() && !write(*event)) return true;
+      }
+      held.erase(0, used);
+    }
+  } catch (const Gone& gone) {
+    if (!request.reconnect) throw;
+    if (gone_since == 0) {
+      fprintf(stderr, "zelvctl: %s; waiting for the daemon\n", gone.what());
+      gone_since = steady_ms();
+    }
+    return false;
+  }
+
+  // Returns false after the last event that is wanted.
+  bool write(const ReceivedEvent& event) {
+    write_now(out, request.json ? json_text(event) : plain_text(event));
+    return ++written != request.count;
+  }
+
+  const ListenRequest& request;
+  FILE* const out;
+  long written = 0;
+  int64_t gone_since = 0;  // steady_ms; 0: connected
+};
 
 }  // namespace
 
 void print_events(const ListenRequest& request, FILE* out) {
-  const std::set<std::string, std::less<>> names(request.names.begin(), request.names.end());
-  const std::string subscription = subscription_packet(request.names);
-  const Descriptor fd = connect_to(request.host, request.port != 0 ? request.port : configured_port());
-  send_all(fd.get(), subscription);
-  long written = 0;
-  for (std::string held;;) {
-    receive(fd.get(), out, held);
-    size_t used = 0;
-    while (const auto event = first_packet(std::string_view(held).substr(used))) {
-      used += event->size;
-      if (names.find(event->name) == names.end()) continue;
-      write_event(out, request.json ? json_text(*event) : plain_text(*event));
-      if (++written == request.count) return;
-    }
-    held.erase(0, used);
-  }
+  const bool needs_control =
+      request.names.empty() || std::any_of(request.names.begin(), request.names.end(), is_pattern);
+  const bool is_here = request.host.empty() && request.port == 0;
+  if (needs_control && !is_here)
+    throw Failure(Exit::usage, "all events, and patterns of names, are told to this machine only");
+  if (is_here) warn_of_unknown(request);
+  Listener listener(request, out);
+  needs_control ? listener.follow() : listener.subscribe();
 }

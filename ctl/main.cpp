@@ -3,10 +3,15 @@
 #include <unistd.h>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "ctl/check/check.h"
 #include "ctl/command_line.h"
+#include "ctl/completion.h"
+#include "ctl/inspect/inspect.h"
 #include "ctl/listen.h"
+#include "ctl/live/tail.h"
+#include "ctl/live/top.h"
 #include "ctl/post.h"
 #include "ctl/reload.h"
 #include "ctl/run.h"
@@ -35,12 +40,29 @@ void run_post(const Given& given) {
 
 void run_listen(const Given& given) {
   ListenRequest request;
-  request.host = given.value("--host", "127.0.0.1");
+  request.root = given.root;
+  request.host = given.value("--host");
   request.port = static_cast<int>(given.number("--port", 0));
   request.json = given.has("--json");
   request.count = given.number("--count", 0);
+  request.reconnect = given.has("--reconnect");
   request.names = given.values("NAME");
+  if (request.names.empty() != given.has("--all")) throw Failure(Exit::usage, "expected names of events, or --all");
   print_events(request, stdout);
+}
+
+void run_tail(const Given& given) {
+  TailRequest request;
+  request.follow = {given.root, given.values("NAME"), given.value("--from"), true};
+  request.where = given.values("--where");
+  request.slow_us = static_cast<uint64_t>(given.number("--slow", 0)) * 1000;
+  request.errors = given.has("--errors");
+  request.json = given.has("--json");
+  print_tail(request, stdout);
+}
+
+void run_top(const Given& given) {
+  show_top(given.root, given.has("--once"), stdout);
 }
 
 void run_check(const Given& given) {
@@ -49,9 +71,21 @@ void run_check(const Given& given) {
 }
 
 void run_reload(const Given& given) {
-  const ReloadRequest request{given.root, given.value("--pidfile"), given.has("--strict")};
+  const ReloadRequest request{given.root, given.value("--pidfile"), given.has("--strict"), given.has("--no-trial")};
   if (given.has("--watch")) return reload_at_changes(request, stdout);
   reload_scripts(request, stdout);
+}
+
+void run_status(const Given& given) {
+  print_status(given.root, given.has("--json"), stdout);
+}
+
+void run_scripts(const Given& given) {
+  print_scripts(given.root, given.has("--json"), stdout);
+}
+
+void run_log_level(const Given& given) {
+  print_log_level(given.root, given.has("N") ? std::optional(given.number("N", 0)) : std::nullopt, stdout);
 }
 
 void run_run(const Given& given) {
@@ -89,13 +123,41 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl listen door heartbeat\n"
        "  zelvctl listen --count 1 door       waits for one event\n"
+       "  zelvctl listen 'net.*'              all whose names begin so, on this machine\n"
        "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state",
        {{"--host", Takes::value, "Where the daemon runs (default 127.0.0.1)", "HOST"},
         {"--port", Takes::number, "Its port (default: from the settings, else 5512)", "PORT", 1, 65535},
         {"--json", Takes::nothing, "Print one JSON object a line"},
         {"--count", Takes::number, "End after N events", "N", 1},
-        {"NAME", Takes::some_needed, "Names of events, which must match exactly"}},
+        {"--reconnect", Takes::nothing, "Wait for a daemon that is not there or goes away, and tell the gap"},
+        {"--all", Takes::nothing, "All events of the daemon on this machine"},
+        {"NAME", Takes::values, "Names of events; on this machine, * and ? stand for any letters"}},
        run_listen},
+      {"tail",
+       "Print the events that the daemon handles, with what they cost",
+       "Prints TIME ID NAME INFO and how long the event waited and its handlers ran. Waits for a daemon that goes "
+       "away\n"
+       "and goes on behind the last event; says on standard error what is missing.\n"
+       "--root and the exit statuses: see zelvctl --help.\n"
+       "\nExamples:\n"
+       "  zelvctl tail\n"
+       "  zelvctl tail 'net.*' --where state=down\n"
+       "  zelvctl tail --slow 100             what takes 100 ms or longer\n"
+       "  zelvctl tail --from 5f3a90c1-812    the events behind that one, as far as the daemon remembers them",
+       {{"NAME", Takes::values, "Names of events; * and ? stand for any letters (default: all)"},
+        {"--where", Takes::repeated, "Only events with that field; more than once: all of them", "FIELD=VALUE"},
+        {"--slow", Takes::number, "Only events whose handlers took MS milliseconds or longer", "MS"},
+        {"--errors", Takes::nothing, "Only events of which a handler has failed"},
+        {"--from", Takes::value, "Begin behind the event with that ID", "ID"},
+        {"--json", Takes::nothing, "Print one JSON object a line"}},
+       run_tail},
+      {"top",
+       "Show what the daemon does right now, by event, by tag and by client",
+       "Drawn again every second; rates and times are those of the last 10 s. Where no screen can be drawn on, plain\n"
+       "text comes every 5 s. LOOP is the part of the event loop's time.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--once", Takes::nothing, "Print everything once, after a second, as plain text"}},
+       run_top},
       {"check",
        "Compile the daemon's scripts and report their faults",
        "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
@@ -112,11 +174,13 @@ const std::vector<Command>& commands() {
       {"reload",
        "Have the daemon load its scripts again, if they have no faults",
        "Checks the scripts first, as zelvctl check does; with a fault, the daemon is not told. Warnings are printed\n"
-       "and stop nothing, unless with --strict.\n"
+       "and stop nothing, unless with --strict. Then the daemon tries the reload in a copy of itself: when a script\n"
+       "fails or hangs there, its error is printed, and the daemon goes on with the scripts that it has.\n"
        "Ends with status 0 when the daemon has reloaded, with 1 when it has not, when the reload has ended it,\n"
        "or when it takes longer than 60 s.\n"
        "--root and the exit statuses: see zelvctl --help.",
        {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that owns the event socket)", "FILE"},
+        {"--no-trial", Takes::nothing, "Reload at once: a script that fails ends the daemon"},
         {"--watch", Takes::nothing, "Reload whenever a script file changes"},
         {"--strict", Takes::nothing, "Count warnings as faults"}},
        run_reload},
@@ -132,6 +196,23 @@ const std::vector<Command>& commands() {
        {{"ARGUMENT", Takes::values, "Arguments of the daemon; put -- in front of them"},
         {"--force", Takes::nothing, "Start a daemon although one runs already"}},
        run_run},
+      {"status",
+       "Tell on one screen how the daemon is",
+       "The first line says whether it takes events; lines that begin with ! say what deserves a look.\n"
+       "Ends with status 0 when the daemon takes events, with 1 when it does not or when none answers.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
+       run_status},
+      {"scripts",
+       "List the daemon's script files, handlers, timers and tasks",
+       "The event loop itself tells them: while a script holds it, the command ends with 1 and names that script.",
+       {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
+       run_scripts},
+      {"log-level",
+       "Print the daemon's log level, or set it until its next start",
+       "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet.",
+       {{"N", Takes::number, "The new level", nullptr, 0, 4}},
+       run_log_level},
   };
   return table;
 }
@@ -139,13 +220,17 @@ const std::vector<Command>& commands() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);  // a reader of ours that goes away is an error like any other
+  signal(SIGPIPE, SIG_IGN);                            // a reader of ours that goes away is an error like any other
+  if (argc > 1 && strcmp(argv[1], "complete") == 0) {  // asked by a shell; no command for people
+    print_completions(commands(), {argv + 2, argv + argc}, stdout);
+    return 0;
+  }
   Exit status = Exit::unreachable;
   try {
     run_command_line(commands(), argc, argv);
     status = Exit::done;
   } catch (const Failure& failure) {
-    fprintf(stderr, "zelvctl: %s\n", failure.what());
+    if (*failure.what() != '\0') fprintf(stderr, "zelvctl: %s\n", failure.what());  // else it is said already
     status = failure.status;
   } catch (const std::exception& error) {
     fprintf(stderr, "zelvctl: %s\n", error.what());

@@ -59,7 +59,7 @@ class LineCheck {
     const char* error = parse_event_line(line, event);
     if (error == nullptr && event.type == EVENT_TYPE_QUIT && !quit_allowed) error = kQuitRefused;
     if (error == nullptr) return;
-    complaint = sstr("line %llu: %s; %llu events were sent before it", line_number, error, line_number - 1);
+    complaint = sstr("line %llu: %s; events sent before it: %llu", line_number, error, line_number - 1);
   }
 
   const bool quit_allowed;

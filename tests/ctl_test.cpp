@@ -100,10 +100,12 @@ TEST(Zelvctl, PostsWhatALineCarries) {
       {"-", "", "", ""},
       {"-", many, many, ""},
       {"-", "1 a\n2 b c=d", "1 a\n2 b c=d\n", ""},
-      {"-", "1 a\n\n3 c\n", "1 a\n", "line 2: the line is empty"},
-      {"-", "1 a\n2 b\nx", "1 a\n2 b\n", "line 3: the type is not a whole number"},
-      {"-", "1 a\n2 " + std::string(200000, 'b'), "1 a\n", "line 2: the line is longer than 65000 bytes"},
-      {"-", "1 a\n9999 b\n", "1 a\n", "line 2: type 9999 ends the daemon's event loop; add --quit if that is meant"},
+      {"-", "1 a\n\n3 c\n", "1 a\n", "line 2: the line is empty; events sent before it: 1"},
+      {"-", "1 a\n2 b\nx", "1 a\n2 b\n", "line 3: the type is not a whole number; events sent before it: 2"},
+      {"-", "1 a\n2 " + std::string(200000, 'b'), "1 a\n",
+       "line 2: the line is longer than 65000 bytes; events sent before it: 1"},
+      {"-", "1 a\n9999 b\n", "1 a\n",
+       "line 2: type 9999 ends the daemon's event loop; add --quit if that is meant; events sent before it: 1"},
       {"- --quit", "9999 b\n", "9999 b\n", ""},
   };
   for (const auto& row : rows) {
@@ -148,8 +150,12 @@ TEST(Zelvctl, ListensForExactlyTheNamesAskedFor) {
 TEST(EventConnection, SaysHowTheDaemonFailed) {
   using Connection = EventConnection;
   const std::pair<const char*, std::function<void(Connection&, Descriptor&)>> rows[] = {
-      {"1 the daemon has read nothing for 0.4 s", [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
-      {"1 the daemon has read nothing for 0.4 s", [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
+      {"1 the daemon has read nothing for 0.4 s; it may still handle the events, and posting them again may double "
+       "them",
+       [](Connection& c, auto&) { c.send(std::string(4000000, 'x')); }},
+      {"1 the daemon has read nothing for 0.4 s; it may still handle the events, and posting them again may double "
+       "them",
+       [](Connection& c, auto&) { c.send("1 a\n"), c.finish(true); }},
       {"1 the daemon has read everything and then been busy for 0.4 s; it may still handle the events, and posting "
        "them again may double them",
        [](Connection& c, Descriptor& d) {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <utility>
 #include <vector>
@@ -89,11 +90,12 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
   const std::string deep = "dir/" + std::string(80, 'd');
   const RealDaemon daemon;
   daemon.write("scripts/a.lua", "error('it ran')");
+  daemon.write("scripts/lib/a/b.lua", "error('it ran')");
   daemon.write(deep + "/x.lua", "\nx = = 1");
   daemon.launch("dirname $ZELVIND >$ROOT/dirname; mkdir $ROOT/empty");
   std::string bin = read_file(daemon.path("dirname"));
   bin.pop_back();
-  daemon.expect_zelvctl("check", 0, "4 scripts in " + bin + ", ROOT/scripts, no faults\n", "");
+  daemon.expect_zelvctl("check", 0, "5 scripts in " + bin + ", ROOT/scripts, no faults\n", "");
   daemon.expect_zelvctl("check $ROOT/dir $ROOT/" + deep + " /nowhere $ROOT/empty", 1,
                         "ROOT/dir: there is no script in it\n"
                         "ROOT/" +
@@ -102,20 +104,28 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
                             "ROOT/empty: there is no script in it\n",
                         "zelvctl: 4 faults; undefined globals were not checked\n");
   daemon.write("scripts/config.lua", "function (");
+  daemon.write("scripts/lib/a/b.lua", "x = = 1");
   const std::string settings = "ROOT/opt/flash/mtd4-cfg/zelvind.info";
   daemon.launch(
       "cd $ROOT/scripts; rm server_event.lua; mkdir b.lua; mkfifo 'f\n.lua'; cd ../opt/flash/mtd4-cfg;"
-      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\n' >>zelvind.info");
+      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\ndoor = 1\ndll_path = /none\n' "
+      ">>zelvind.info");
   daemon.expect_zelvctl(
       "check", 1,
       settings + ":4: warning: the line is not 'key = value'\n" + settings +
+          ": warning: the daemon has no setting 'door'\n" + settings +
           ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" + settings +
-          ": warning: the daemon has no setting 'scipt_path'\n"
+          ": warning: the daemon has no setting 'scipt_path'; did you mean script_path?\n"
+          "/none: warning: dll_path: No such file or directory\n"
           "ROOT/scripts/config.lua:1: '<name>' expected near '('\n"
           "ROOT/scripts/server_event.lua: No such file or directory\n"
           "ROOT/scripts/b.lua: is not a regular file\n"
-          "ROOT/scripts/f\\n.lua: is not a regular file\n",
-      "zelvctl: 4 faults, 3 warnings; undefined globals were not checked\n");
+          "ROOT/scripts/f\\n.lua: is not a regular file\n"
+          "ROOT/scripts/lib/a/b.lua:1: unexpected symbol near '='\n",
+      "zelvctl: 5 faults, 5 warnings; undefined globals were not checked\n");
+  daemon.write("opt/flash/mtd4-cfg/zelvind.info", "script_path = /none\n");
+  daemon.expect_zelvctl("check", 1, "/none: script_path: No such file or directory\n",
+                        "zelvctl: 1 fault; undefined globals were not checked\n");
   std::filesystem::remove(daemon.path("opt/flash/mtd4-cfg/zelvind.info"));
   daemon.expect_zelvctl("check", 1, "", "zelvctl: " + settings + ": No such file or directory\n");
 }
@@ -161,6 +171,12 @@ TEST(Check, RootReadsScriptsAsTheDaemonDoes) {
   daemon.expect_zelvctl("check", 1, "ROOT/scripts/a.lua: Permission denied for user 65534\n",
                         "zelvctl: 1 fault; undefined globals were not checked\n");
   EXPECT_EQ(daemon.stop(), 0);
+  daemon.expect_zelvctl("check --user nobody", 1, "ROOT/scripts/a.lua: Permission denied for user 65534\n",
+                        "zelvctl: 1 fault; undefined globals were not checked\n");
+  daemon.expect_zelvctl("check --user nobody $ROOT/scripts/a.lua", 1,
+                        "ROOT/scripts/a.lua: Permission denied for user 65534\n",
+                        "zelvctl: 1 fault; undefined globals were not checked\n");
+  daemon.expect_zelvctl("check --user 'no one'", 2, "", "zelvctl: there is no user 'no one'\n");
 }
 
 TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
@@ -179,7 +195,9 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(daemon.wait_for("lua-trace: old"));
   daemon.write("scripts/a.lua", "sleep(50) trace(1, 'new')");
-  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, process + " has reloaded its scripts\n", "");
+  const std::string untried = "zelvctl has nothing tried first: --pidfile was given\n";
+  const std::string done = process + " has reloaded its scripts\n";
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, untried + done, "");
   EXPECT_EQ(daemon.count("lua-trace: new"), 1u);
 
   daemon.expect_zelvctl("reload --root / --pidfile $ROOT/pid", 1, "",
@@ -191,13 +209,25 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   EXPECT_EQ(daemon.count("SIGHUP"), 2u);
   daemon.launch("mkdir $ROOT/run/zelvind/state.new");
   daemon.expect_zelvctl(
-      "reload", 1, warning,
+      "reload --pidfile $ROOT/pid", 1, warning + untried,
       "zelvctl: " + process + " was told to reload, but keeps no state that tells how that ends; see its log\n");
   daemon.launch("rmdir $ROOT/run/zelvind/state.new");
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path("run/zelvind/state")); }));
-  daemon.write("scripts/a.lua", "error('no')");
-  daemon.expect_zelvctl("reload", 1, "", "zelvctl: " + process + " has ended during the reload; its log says why\n");
+
+  daemon.write("scripts/a.lua", "round = (round or 0) + 1 sleep(20)");
+  daemon.expect_zelvctl("reload", 0, done, "");
+  daemon.write("scripts/a.lua", "error('round ' .. round)");
+  const std::string error = "could not execute script[ROOT/scripts/a.lua] -- ROOT/scripts/a.lua:1: round 1\n";
+  daemon.expect_zelvctl("reload", 1, "",
+                        "zelvctl: not reloaded: " + error + "stack traceback:\n  [C]: in function 'error'\n" +
+                            "  ROOT/scripts/a.lua:1: in main chunk\n  [C]: ?\n");
+  EXPECT_EQ(daemon.count("SIGHUP"), 4u);
+  daemon.launch("zelvctl reload --no-trial 2>$ROOT/err");
+  const std::string ended = daemon.text_of("err");  // the daemon may be gone before it can say why
+  EXPECT_TRUE(ended == "zelvctl: not reloaded: the reload has ended the daemon: " + error ||
+              ended == "zelvctl: " + process + " has ended during the reload; its log says why\n")
+      << ended;
   EXPECT_EQ(daemon.wait_for_end(), 0);
 }
 
@@ -251,7 +281,7 @@ TEST(Run, EndsAsTheDaemonDoes) {
       {"asked with SIGQUIT", {SIGQUIT}, 0, "", 0, ""},
       {"killed", {}, SIGKILL, "", 1, "was ended by signal 9"},
       {"ended by itself", {}, SIGTERM, "", 1, "has ended by itself; its log says why"},
-      {"failed at the start", {}, 0, "sleep(100) error('no')", 1, "has ended by itself; its log says why"},
+      {"failed at the start", {}, 0, "sleep(100) error('no', 0)", 1, "scripts/a.lua] -- no\n  zelvind: zelvind end\n"},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.name);
@@ -267,6 +297,59 @@ TEST(Run, EndsAsTheDaemonDoes) {
     EXPECT_NE(kill(process, 0), 0);  // nothing is left behind
     EXPECT_NE(read_file(daemon.path("err")).find(row.error), std::string::npos);
     EXPECT_EQ(daemon.count("SIGHUP"), row.to_supervisor.size() == 2 ? 1u : 0u);
+  }
+}
+
+TEST(Run, HelpsWithAFirstStartAndRefusesASecondDaemon) {
+  RealDaemon daemon;
+  std::filesystem::remove(daemon.path("opt/flash/mtd4-cfg/zelvind.info"));
+  EXPECT_EQ(daemon.launch("zelvctl run 2>$ROOT/err"), 1);
+  const std::string settings = "ROOT/opt/flash/mtd4-cfg/zelvind.info";
+  const std::string told = daemon.text_of("err");
+  EXPECT_NE(told.find("\n  econf: cannot read " + settings + ": No such file or directory\n"), std::string::npos)
+      << told;
+  EXPECT_NE(told.find(" >" + settings + "\n  zelvctl --root ROOT check\n"), std::string::npos) << told;
+  // The commands make what they promise.
+  EXPECT_EQ(
+      daemon.launch("sed '1,/^There are no/d; /^zelvctl/d' $ROOT/err >$ROOT/commands; sh -e $ROOT/commands >$ROOT/out"),
+      0);
+  daemon.launch("printf 'log_level = 2\nlistener_port = 0\n' >>$ROOT/opt/flash/mtd4-cfg/zelvind.info");
+
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path("run/zelvind/events.lock")); }));
+  daemon.expect_zelvctl("run", 1, "",
+                        "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
+                            ") runs already below ROOT; --force starts another one\n");
+  daemon.launch("zelvctl run --force 2>/dev/null & echo $! >$ROOT/second");
+  EXPECT_TRUE(daemon.wait_for("Start zelvind...", 3));
+  daemon.launch("kill $(cat $ROOT/second)");
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+// sbin/zelvind, which hands on to a program that shows its arguments.
+TEST(Wrapper, AnswersQuestionsAndRefusesMistakes) {
+  const RealDaemon root;
+  root.launch("sed 's|@daemon@|echo|; s|@version@|1.2|' '" ZELVIND_LUA_DIR "/../packaging/zelvind.in' >$ROOT/zelvind");
+  const struct {
+    const char* arguments;
+    int status;
+    const char* output;
+  } rows[] = {
+      {"", 0, "\n"},
+      {"-p /a\\ b --pidfile=c --pid --help stray", 0, "-p /a b --pidfile=c --pid --help stray\n"},
+      {"-pfile -- --help", 0, "-pfile -- --help\n"},
+      {"stray --vers", 0, "zelvind 1.2\n"},
+      {"-v", 0, "zelvind 1.2\n"},
+      {"--help", 0, "Usage: zelvind [-p FILE | --pidfile FILE]\n"},
+      {"-p a -h", 0, "Usage: zelvind [-p FILE | --pidfile FILE]\n"},
+      {"--verbose", 2, "zelvind: unknown option '--verbose'; see zelvind --help\n"},
+      {"--version=1", 2, "zelvind: unknown option '--version=1'; see zelvind --help\n"},
+      {"-x", 2, "zelvind: unknown option '-x'; see zelvind --help\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    EXPECT_EQ(root.launch("sh $ROOT/zelvind " + std::string(row.arguments) + " >$ROOT/out 2>&1"), row.status);
+    EXPECT_EQ(root.text_of("out").substr(0, strlen(row.output)), row.output);
   }
 }
 

@@ -1,0 +1,47 @@
+// The daemon's answers to `stats` and `clients`, and lists made of their lines.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ctl/control_client.h"
+
+struct Answers {
+  std::vector<AnswerLine> stats;
+  std::vector<AnswerLine> clients;
+
+  const AnswerLine& stat(const char* kind) const { return line_of(stats, kind); }
+};
+
+using Lines = std::vector<const AnswerLine*>;
+using Weight = std::function<uint64_t(const AnswerLine&)>;
+
+// The lines of `kind` for which `weight` is not 0, the heaviest first. They belong to `answer`.
+Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const Weight& weight);
+Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const char* key);
+
+uint64_t sum_of(const std::vector<AnswerLine>& answer, const char* kind, const char* key);
+
+// "a, b and 12 more": what `text` makes of the first `most` lines.
+std::string listed(const Lines& lines, size_t most, const std::function<std::string(const AnswerLine&)>& text);
+
+// The time of a call by a histogram's sum and number, in us; 0 when there was none.
+uint64_t mean_us(const AnswerLine& line, const char* sum_key, uint64_t number);
+
+// How many durations a line's `buckets` count.
+uint64_t bucket_total(const AnswerLine& line);
+
+// What the event loop does, "idle" or "in handler 'front' of door for 12.3 s, /opt/scripts/door.lua:12".
+std::string loop_text(const AnswerLine& loop);
+
+// "12 (10.0.0.7:4411)", a client of the listener.
+std::string client_text(const AnswerLine& client);
+
+// "process 812 (flood, user anna)": the program and the user as this machine knows them.
+std::string poster_text(const AnswerLine& poster);
+
+// Events a second since a poster is connected.
+double poster_rate(const AnswerLine& poster);

@@ -1,0 +1,16 @@
+// Is the daemon well, and what should its operator look at? Judged from the daemon's answers alone.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ctl/inspect/answers.h"
+
+struct Diagnosis {
+  // Why the daemon takes no events; empty when it does. A health check goes by this.
+  std::string trouble;
+  // What else an operator should look at: one line each, safe for a terminal.
+  std::vector<std::string> notes;
+};
+
+Diagnosis diagnose(const Answers& answers);

@@ -1,0 +1,228 @@
+#include "ctl/live/picture.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+
+#include "ctl/human_text.h"
+#include "util/safe_text.h"
+#include "util/text.h"
+
+namespace {
+
+constexpr size_t kLabelWidth = 8;
+
+// duration_text without its blanks: a column of figures is narrow.
+std::string narrow(uint64_t us) {
+  std::string text = duration_text(us);
+  text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+  return text;
+}
+
+Cell duration_cell(const std::optional<Spread>& spread, uint64_t Spread::*member) {
+  if (!spread) return {"-", -1};
+  return {narrow((*spread).*member), static_cast<double>((*spread).*member)};
+}
+
+Cell count_cell(uint64_t count) {
+  return {std::to_string(count), static_cast<double>(count)};
+}
+
+Cell rate_cell(double rate) {
+  return {rate == 0 ? "-" : rate_text(rate), rate};
+}
+
+std::string part_text(double part) {
+  return sstr(part < 0.0995 ? "%.1f%%" : "%.0f%%", part * 100);
+}
+
+// The columns that events and tags share: rates and run times.
+void add_runs(Table::Row& row, const History& history, const AnswerLine& now, const char* count_key) {
+  const AnswerLine& old = same_line(history.before().stats, now, "name");
+  const auto spread = spread_between(old, now, "run_max_us");
+  const double busy = history.rate(old, now, "run_sum_us") / 1e6;
+  row.push_back(rate_cell(history.rate(old, now, count_key)));
+  row.push_back(count_cell(now.count(count_key)));
+  row.push_back(count_cell(now.count("errors")));
+  row.push_back(duration_cell(spread, &Spread::half));
+  row.push_back(duration_cell(spread, &Spread::nearly));
+  row.push_back(duration_cell(spread, &Spread::longest));
+  row.push_back({busy == 0 ? "-" : part_text(busy), busy});
+}
+
+Table runs_table(const History& history, const char* kind, const char* title, const char* count_key) {
+  Table table;
+  table.columns = {{title, 0}, {"PER S", 7}, {"TOTAL", 10}, {"ERRORS", 7},
+                   {"P50", 7}, {"P99", 7},   {"MAX", 7},    {"LOOP", 6}};
+  for (const AnswerLine& line : history.now().stats) {
+    if (line.kind() != kind) continue;
+    Table::Row row = {{escaped(line.text("name"))}};
+    add_runs(row, history, line, count_key);
+    table.rows.push_back(std::move(row));
+  }
+  return table;
+}
+
+Table clients_table(const History& history) {
+  Table table;
+  table.columns = {{"ADDRESS", 0}, {"STATE", 0}, {"PER S", 7}, {"BYTES/S", 8},
+                   {"OWES", 8},    {"LOST", 7},  {"SINCE", 8}, {"WANTS", 0}};
+  for (const AnswerLine& line : history.now().clients) {
+    if (line.kind() != "client") continue;
+    const AnswerLine& found = same_line(history.before().clients, line, "id");
+    // A descriptor's number comes again with the next client.
+    const AnswerLine none;
+    const AnswerLine& old = found.text("address") == line.text("address") ? found : none;
+    const double bytes = history.rate(old, line, "bytes");
+    const uint64_t owes = line.count("waiting");
+    const uint64_t since_us = line.count("connected_s") * 1000000;
+    table.rows.push_back({{escaped(line.text("address"))},
+                          {escaped(line.text("state"))},
+                          rate_cell(history.rate(old, line, "events")),
+                          {bytes == 0 ? "-" : size_text(static_cast<uint64_t>(bytes)), bytes},
+                          {owes == 0 ? "-" : size_text(owes), static_cast<double>(owes)},
+                          count_cell(line.count("skipped")),
+                          {narrow(since_us), static_cast<double>(since_us)},
+                          {escaped(line.text("wants"))}});
+  }
+  return table;
+}
+
+class Head {
+ public:
+  Head(const History& all, size_t columns) : history(all), width(columns) {}
+
+  void daemon() {
+    const AnswerLine& line = history.now().stat("daemon");
+    const std::string what = "zelvind " + line.text("version") + ", process " + line.text("pid") + ", " +
+                             line.text("state") + " for " + duration_text(line.count("state_since_s") * 1000000) +
+                             ", " + size_text(line.count("rss")) + " of memory";
+    const std::string clock = time_text(static_cast<uint64_t>(time(nullptr))).substr(11);
+    const std::string left = shown(what, width > 10 ? width - 10 : width);
+    lines.push_back(padded(left, width > 8 ? width - 8 : 0) + clock);
+  }
+
+  void loop() {
+    const AnswerLine& line = history.now().stat("loop");
+    const uint64_t silent_us = line.count("alive_us");
+    add("loop", loop_text(line) + (silent_us > 1500000 ? "; no event taken for " + duration_text(silent_us) : ""));
+  }
+
+  void queue() {
+    const AnswerLine& line = history.now().stat("queue");
+    if (!line.has("waiting")) return;
+    const AnswerLine& wait = history.now().stat("wait");
+    const auto spread = spread_between(history.before().stat("wait"), wait, "max_us");
+    std::string text = line.text("waiting") + " waiting, highest " + line.text("highest");
+    if (line.count("oldest_us") > 0) text += ", oldest " + duration_text(line.count("oldest_us"));
+    if (spread) {
+      text += "; waited p50 " + duration_text(spread->half) + ", p99 " + duration_text(spread->nearly) + ", max " +
+              duration_text(spread->longest);
+    }
+    add("queue", text);
+  }
+
+  void events(bool is_utf8) {
+    const std::deque<double>& minute = history.minute();
+    const std::string rate = (minute.empty() ? "-" : rate_text(minute.back())) + "/s";
+    const double highest = minute.empty() ? 0 : *std::max_element(minute.begin(), minute.end());
+    const std::string peak = "  highest " + rate_text(highest) + "/s";
+    const size_t taken = kLabelWidth + 10 + peak.size();
+    const size_t room = width > taken ? width - taken : 0;
+    add("events", padded(rate, 10) + padded(sparkline(minute, room, is_utf8), std::min<size_t>(room, 60)) + peak);
+  }
+
+  void errors() {
+    const Answers& now = history.now();
+    const uint64_t count = sum_of(now.stats, "tag", "errors");
+    const uint64_t before = sum_of(history.before().stats, "tag", "errors");
+    const double rate = static_cast<double>(count - std::min(before, count)) / history.seconds();
+    std::string text = std::to_string(count) + ", " + rate_text(rate) + "/s";
+    if (const AnswerLine& last = now.stat("error"); last.has("time")) {
+      text += "; last " + time_text(last.count("time")).substr(11) + " " + last.text("tag");
+      if (!last.text("event").empty()) text += " of " + last.text("event");
+      text += ": " + last.text("text");
+    }
+    add("errors", text);
+  }
+
+  void rest() {
+    const Answers& now = history.now();
+    const AnswerLine& listener = now.stat("listener");
+    std::string text = "lua " + size_text(now.stat("lua").count("bytes")) + ", " +
+                       number_of(now.stat("timers").count("now"), "timer") + ", " +
+                       number_of(now.stat("coroutines").count("now"), "task") + "; " +
+                       number_of(listener.count("clients"), "client") + " get " +
+                       rate_text(history.rate(history.before().stat("listener"), listener, "deliveries")) + "/s";
+    if (listener.count("owing") > 0) text += ", " + listener.text("owing") + " behind";
+    if (listener.count("skips") > 0) text += ", " + listener.text("skips") + " events lost";
+    add("has", text);
+  }
+
+  std::vector<std::string> lines;
+
+ private:
+  void add(const char* label, const std::string& text) {
+    lines.push_back(padded(label, kLabelWidth) + shown(text, width > kLabelWidth + 3 ? width - kLabelWidth : 3));
+  }
+
+  const History& history;
+  const size_t width;
+};
+
+}  // namespace
+
+std::vector<std::string> head_lines(const History& history, size_t width, bool is_utf8) {
+  Head head(history, width);
+  head.daemon();
+  head.loop();
+  head.queue();
+  head.events(is_utf8);
+  head.errors();
+  head.rest();
+  return head.lines;
+}
+
+Table table_of(const History& history, View view) {
+  switch (view) {
+    case View::events: {
+      Table table = runs_table(history, "event", "EVENT", "events");
+      return table;
+    }
+    case View::tags:
+      return runs_table(history, "tag", "TAG", "runs");
+    case View::clients:
+      return clients_table(history);
+  }
+  return {};
+}
+
+const char* name_of(View view) {
+  switch (view) {
+    case View::events:
+      return "events";
+    case View::tags:
+      return "tags";
+    case View::clients:
+      return "clients";
+  }
+  return "";
+}
+
+size_t first_sort_of(View view) {
+  return view == View::clients ? 2 : 1;
+}
+
+std::string sparkline(const std::deque<double>& values, size_t width, bool is_utf8) {
+  static const char* const kBlocks[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+  static const char* const kLetters[] = {" ", ".", ".", ":", "-", "=", "+", "*", "#"};
+  constexpr double kHeights = 8;
+  const double highest = values.empty() ? 0 : *std::max_element(values.begin(), values.end());
+  std::string line;
+  for (size_t i = values.size() - std::min(width, values.size()); i < values.size(); ++i) {
+    const double part = highest > 0 ? values[i] / highest : 0;
+    const auto height = static_cast<size_t>(std::ceil(part * kHeights));  // whatever is not 0 can be seen
+    line += is_utf8 ? kBlocks[height] : kLetters[height];
+  }
+  return line;
+}

@@ -1,0 +1,43 @@
+// The terminal of `zelvctl top`: draws lines on the whole screen and reads keys.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+struct screen;  // of ncurses
+
+class Terminal {
+ public:
+  enum class Style { plain, bold, title };
+  struct Line {
+    std::string text;  // safe for a terminal; what does not fit is cut
+    Style style = Style::plain;
+  };
+  enum class Key { none, other, resized, quit, next_view, events, tags, clients, left, right, reverse, up, down };
+
+  // Takes the user's locale. The terminal that standard input and output are; null when they are none, or one that
+  // cannot be drawn on.
+  static std::unique_ptr<Terminal> open();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+  // Leaves the terminal as it was.
+  ~Terminal();
+
+  // Whether it shows UTF-8, by the user's locale.
+  bool is_utf8() const;
+
+  size_t rows() const;
+  size_t columns() const;
+
+  // Shows `lines` from the top on, and nothing else.
+  void draw(const std::vector<Line>& lines);
+
+  // Waits at most `wait_ms` for a key, or a change of the terminal's size.
+  Key next_key(int wait_ms);
+
+ private:
+  explicit Terminal(screen* opened) : handle(opened) {}
+
+  screen* const handle;
+};
