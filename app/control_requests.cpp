@@ -153,7 +153,8 @@ std::string loop_activity() {
 
 void add_report(ManagerScript& script, Answer& answer) {
   if (const auto report = script.report(kReportMs)) return answer.add_lines(*report);
-  answer.fail("the loop is busy: " + loop_activity());
+  const bool has_ended = g_loop_stats.activity().activity == Activity::stopped;
+  answer.fail(has_ended ? "the event loop has ended" : "the loop is busy: " + loop_activity());
 }
 
 bool wants_trial(const ControlRequest& request) {
@@ -261,7 +262,7 @@ void ControlRequests::add_daemon(Answer& answer) const {
 
 void ControlRequests::add_listener(Answer& answer) const {
   const ListenerStatus status = listener.status();
-  answer.line("listener").key("port", status.port).key("clients", status.clients);
+  answer.line("listener").key("port", status.port).key("wanted", status.wanted_port).key("clients", status.clients);
   answer.key("subscribed", status.subscribed).key("owing", status.owing).key("leaving", status.leaving);
   answer.key("accepted", status.accepted).key("refused", status.refused).key("given_up", status.given_up);
   answer.key("deliveries", status.deliveries).key("bytes", status.bytes).key("sends", status.sends);

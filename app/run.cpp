@@ -193,6 +193,7 @@ void run() {
   managers.script.watch.warn_ms = file.number(settings::script_warn_ms);
   managers.script.watch.limit_ms = file.number(settings::script_limit_ms);
   managers.script.watch.wake = wake_run_loop;
+  managers.script.coroutine_patience_ms = file.number(settings::coroutine_patience_ms);
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   const bool trial_at_signal = file.number(settings::reload_trial) != 0;

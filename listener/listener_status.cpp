@@ -32,6 +32,7 @@ ListenerStatus ManagerListener::status() {
   }
   now.waited_us = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(waited).count());
   now.port = open_number;
+  now.wanted_port = port;
   now.memory = memory.held();
   now.memory_limit = memory.limit;
   return now;

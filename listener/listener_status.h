@@ -25,6 +25,7 @@ struct OutputCounts {
 
 struct ListenerStatus : OutputCounts {
   int port = 0;             // the port that is open, also when the kernel chose it; 0: none is
+  int wanted_port = 0;      // by the settings
   size_t clients = 0;       // connected now: of these
   size_t subscribed = 0;    // have subscribed, and owe nothing,
   size_t owing = 0;         // have not taken all that was sent: later events are skipped for them until they have,

@@ -1,6 +1,8 @@
 #include "script/script_report.h"
 
+#include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "control/answer.h"
 #include "script/manager_script.h"
@@ -44,7 +46,7 @@ bool find_place(lua_State* L, int deep, Place& place) {
 }
 
 // Where the value on top of the stack is defined. Pops it.
-void definition(lua_State* L, Place& place) {
+void find_definition(lua_State* L, Place& place) {
   strcpy(place, "");
   if (!lua_isfunction(L, -1)) return lua_pop(L, 1);
   luaL_checkstack(L, kUpvaluesDeep + LUA_MINSTACK, "report");
@@ -52,7 +54,7 @@ void definition(lua_State* L, Place& place) {
 }
 
 // Where a coroutine waits: the innermost line that is not the default scripts'.
-void waiting_place(lua_State* thread, Place& place) {
+void find_wait(lua_State* thread, Place& place) {
   strcpy(place, "");
   lua_Debug info{};
   for (int level = 0; lua_getstack(thread, level, &info) == 1; ++level) {
@@ -112,27 +114,45 @@ class Report {
     const char* const tag = lua_type(L, -1) == LUA_TSTRING ? lua_tostring(L, -1) : "";
     Place place;
     lua_rawgeti(L, -2, 2);
-    definition(L, place);
-    answer.line("handler").key("event", event).key("tag", tag).key("module", tag).key("where", place);
+    find_definition(L, place);
+    answer.line("handler").key("event", event).key("tag", tag).key("module", module_of(place));
+    answer.key("where", place);
     lua_pop(L, 1);
+  }
+
+  // The module of the file that a place is in, or "".
+  const char* module_of(std::string_view place) const {
+    for (const ScriptModule& module : script.scripts.all()) {
+      const size_t length = module.path.size();
+      if (place.substr(0, length) == module.path && place.substr(length, 1) == ":") return module.module_name.c_str();
+    }
+    return "";
   }
 
   void add_timers(lua_State* L) {
     const int now = script.clock.seconds();
-    Place place;
-    for (const ScriptTimer& timer : script.timers.all()) {
-      lua_rawgeti(L, LUA_REGISTRYINDEX, timer.callback_ref);
-      definition(L, place);
-      answer.line("timer").key("tag", timer.tag).key("every_ms", int64_t{timer.interval} * 1000);
-      answer.key("due_in_ms", (int64_t{timer.next_due} - now) * 1000).key("where", place);
+    const int64_t now_us = script.clock.steady() * 1000;
+    for (const auto& [number, timer] : script.timers.all_timers()) {
+      add_timer(L, timer.call, int64_t{timer.interval} * 1000, (int64_t{timer.next_due} - now) * 1000);
     }
+    for (const auto& [number, alarm] : script.timers.all_alarms()) {
+      add_timer(L, alarm.call, alarm.interval_us / 1000, (alarm.due_us - now_us) / 1000);
+    }
+  }
+
+  void add_timer(lua_State* L, const TimerCall& call, int64_t every_ms, int64_t due_in_ms) {
+    Place place;
+    lua_rawgeti(L, LUA_REGISTRYINDEX, call.callback_ref);
+    find_definition(L, place);
+    answer.line("timer").key("tag", call.tag).key("every_ms", every_ms).key("due_in_ms", due_in_ms);
+    answer.key("where", place);
   }
 
   void add_tasks() {
     const int now = script.clock.milliseconds();
     Place place;
-    for (const ScriptCoroutine& coroutine : script.coroutines.all()) {
-      waiting_place(coroutine.thread, place);
+    for (const auto& [number, coroutine] : script.coroutines.all()) {
+      find_wait(coroutine.thread, place);
       answer.line("task").key("tag", coroutine.tag);
       answer.key("due_in_ms", script.coroutines.due_in_ms(coroutine, now)).key("where", place);
     }

@@ -61,6 +61,8 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"loop activity=stopped for_us=1 alive_us=1", "", "the quit event came, and the event loop has ended: restart it",
        ""},
       {"daemon state=stopping", "", "it is stopping", ""},
+      {"daemon state=stopping\nloop activity=timer tag=a for_us=3000000 alive_us=3000000", "",
+       "it is stopping, and the event loop is busy: in timer 'a' for 3.0 s", ""},
       {"daemon state=loading", "", "it is starting", ""},
       {"queue socket=none", "", "it does not have the event socket (none): see its log", ""},
       {"queue waiting=5000 oldest_us=700000 socket=owned", "", "",
@@ -79,8 +81,8 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"source name=posters refused=7\n" + posters, "", "",
        "7 posted events were refused: " + poster + "5, " + poster + "4, " + poster + "3 and 2 more"},
       {"poster pid=0 uid=4294967294 since_s=2 events=5000", "", "",
-       "many events come from " + poster.substr(0, poster.size() - 1) + ", 2500/s"},
-      {"listener port=0", "", "", "no client can connect: the listener's port is not open; the log says why"},
+       "many events come from " + poster.substr(0, poster.size() - 1) + ", 2000/s"},
+      {"listener port=0 wanted=5512", "", "", "no client can connect: port 5512 is not open; the log says why"},
       {"",
        "client id=9 address=a:1 state=owing waiting=5 skipped=0\nclient id=8 address=a:2 state=subscribed skipped=812",
        "", "does not read: client 9 (a:1)|has lost events: client 8 (a:2) 812"},
@@ -165,6 +167,29 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
                       "");
   root.expect_zelvctl("log-level 3", 0, "3\n", "");
   root.expect_zelvctl("scripts", 1, "", "zelvctl: the loop is busy: in timer 'a'\n");
+}
+
+TEST(Status, OfTheRealDaemon) {
+  RealDaemon daemon;
+  daemon.write("scripts/a.lua", "on('hang', function() while true do end end)\n");
+  ASSERT_TRUE(daemon.start());
+  const auto shows = [&](const std::string& command, const std::string& part) {
+    return wait_until([&] {
+      daemon.launch("zelvctl " + command + " >$ROOT/out 2>&1; echo \"ends with $?\" >>$ROOT/out");
+      return daemon.text_of("out").find(part) != std::string::npos;
+    });
+  };
+  EXPECT_TRUE(shows("status", "ends with 0"));
+  EXPECT_EQ(daemon.text_of("out").compare(0, 8, "healthy\n"), 0);
+  EXPECT_TRUE(shows("scripts", "\n  hang a.lua ROOT/scripts/a.lua:1\n"));
+  EXPECT_TRUE(shows("log-level 1", "1\nends with 0\n"));
+  EXPECT_TRUE(daemon.post("1 dorr\n"));
+  EXPECT_TRUE(shows("status", "\n! nobody handles: dorr 1\n"));
+  EXPECT_TRUE(shows("complete listen ''", "dorr\nhang\n"));
+  EXPECT_TRUE(daemon.post("1 hang\n"));
+  EXPECT_TRUE(shows("status", "ends with 1"));
+  EXPECT_EQ(daemon.text_of("out").find("NOT HEALTHY: the event loop is busy: in handler 'a.lua' of hang for "), 0U);
+  EXPECT_NE(daemon.text_of("out").find(" s, ROOT/scripts/a.lua:1\n"), std::string::npos);
 }
 
 TEST(Scripts, ListsWhatIsThereAndCountsWhatIsTooMuch) {

@@ -161,8 +161,8 @@ bool OwnedSocket::take_lock() {
 }
 
 bool OwnedSocket::make_socket() {
-  const MutexLock lock_of_files(g_files);
   remove_at_exit_too();
+  const MutexLock lock_of_files(g_files);
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());  // its owner is gone
   listening.reset(unix_stream_socket());
@@ -206,6 +206,7 @@ void OwnedSocket::remove_at_exit_too() {
   static const int registered = atexit(remove_at_exit);
   (void)registered;
   g_maker = getpid();
+  const MutexLock lock_of_files(g_files);
   if (is_removed_at_exit) return;
   is_removed_at_exit = true;
   next_at_exit = g_removed_at_exit;

@@ -63,6 +63,7 @@ std::string loop_text(const AnswerLine& loop) {
   if (loop.has("tag")) text += " '" + shown(loop.text("tag"), kNameWidth) + "'";
   if (loop.has("event")) text += " of " + shown(loop.text("event"), kNameWidth);
   text += " for " + duration_text(loop.count("for_us"));
+  if (activity == "collecting" || activity == "forwarding") return text;  // a place would be that of the last call
   return loop.has("where") ? text + ", " + shown(loop.text("where"), kPlaceWidth) : text;
 }
 
@@ -77,5 +78,5 @@ std::string poster_text(const AnswerLine& poster) {
 }
 
 double poster_rate(const AnswerLine& poster) {
-  return poster.number("events") / std::max(poster.number("since_s"), 1.0);
+  return poster.number("events") / (poster.number("since_s") + 0.5);  // whole seconds
 }

@@ -39,8 +39,9 @@ std::string trouble_of(const Answers& answers) {
   const std::string state = answers.stat("daemon").text("state");
   const std::string activity = loop.text("activity");
   if (state == "ended" || activity == "stopped") return "the quit event came, and the event loop has ended: restart it";
-  if (state == "stopping") return "it is stopping";
   const bool is_silent = loop.count("alive_us") > kSilentUs;
+  if (state == "stopping")
+    return "it is stopping" + (is_silent ? ", and the event loop is busy: " + loop_text(loop) : "");
   if (state == "starting" || state == "loading" || activity == "starting") return "it is starting";
   if (is_silent && activity == "idle") return "the event loop is silent for " + duration_text(loop.count("alive_us"));
   if (is_silent) return "the event loop is busy: " + loop_text(loop);
@@ -143,7 +144,7 @@ class Notes {
   void listener() {
     const AnswerLine& listener = answers.stat("listener");
     if (listener.has("port") && listener.count("port") == 0) {
-      notes.push_back("no client can connect: the listener's port is not open; the log says why");
+      notes.push_back("no client can connect: port " + listener.text("wanted") + " is not open; the log says why");
     }
     const Lines owing = heaviest(answers.clients, "client", [](const AnswerLine& client) {
       return client.text("state") == "owing" ? client.count("waiting") : 0;

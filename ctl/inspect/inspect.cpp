@@ -9,19 +9,14 @@
 #include "ctl/inspect/diagnosis.h"
 #include "ctl/inspect/screen.h"
 #include "ctl/inspect/script_list.h"
+#include "ctl/output.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-void write(FILE* out, const std::string& text) {
-  if (fwrite(text.data(), 1, text.size(), out) != text.size() || fflush(out) != 0) {
-    fail("failed to write the output: " + error_text(errno));
-  }
-}
-
 void write(FILE* out, const Json& object) {
-  write(out, object.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+  write_now(out, object.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
 // A reader need not ask whether there is a list.
@@ -46,14 +41,14 @@ void print_status(const std::string& root, bool json, FILE* out) {
   if (json) {
     write(out, status_json(answers, diagnosis));
   } else {
-    write(out, status_screen(answers, diagnosis));
+    write_now(out, status_screen(answers, diagnosis));
   }
   if (!diagnosis.trouble.empty()) fail("");
 }
 
 void print_scripts(const std::string& root, bool json, FILE* out) {
   const std::vector<AnswerLine> answer = ControlClient(root).ask("scripts");
-  if (!json) return write(out, script_list(answer));
+  if (!json) return write_now(out, script_list(answer));
   Json object = json_of(answer);
   add_lists(object, {"files", "handlers", "timers", "tasks"});
   write(out, object);
@@ -62,5 +57,5 @@ void print_scripts(const std::string& root, bool json, FILE* out) {
 void print_log_level(const std::string& root, std::optional<long> level, FILE* out) {
   const std::string request = level ? "log_level " + std::to_string(*level) : "log_level";
   const std::vector<AnswerLine> answer = ControlClient(root).ask(request);
-  write(out, std::to_string(line_of(answer, "log_level").count("now")) + "\n");
+  write_now(out, std::to_string(line_of(answer, "log_level").count("now")) + "\n");
 }
