@@ -42,7 +42,7 @@ class History {
 
  private:
   struct Sample {
-    int64_t at_ms;
+    int64_t at_ms = 0;
     Answers answers;
   };
 

@@ -62,7 +62,7 @@ std::unique_ptr<Terminal> Terminal::open() {
   curs_set(0);
   keypad(stdscr, TRUE);
   set_escdelay(kEscapeMs);
-  return std::unique_ptr<Terminal>(new Terminal(opened));
+  return std::unique_ptr<Terminal>(new Terminal(opened, stdscr));
 }
 
 Terminal::~Terminal() {
@@ -70,34 +70,34 @@ Terminal::~Terminal() {
   delscreen(handle);
 }
 
-bool Terminal::is_utf8() const {
+bool Terminal::is_utf8() {
   return strcmp(nl_langinfo(CODESET), "UTF-8") == 0;  // NOLINT(concurrency-mt-unsafe): no other thread runs
 }
 
 size_t Terminal::rows() const {
-  return static_cast<size_t>(getmaxy(stdscr));
+  return static_cast<size_t>(getmaxy(window));
 }
 
 size_t Terminal::columns() const {
-  return static_cast<size_t>(getmaxx(stdscr));
+  return static_cast<size_t>(getmaxx(window));
 }
 
-void Terminal::draw(const std::vector<Line>& lines) {
-  werase(stdscr);
+void Terminal::draw(const std::vector<Line>& lines) const {
+  werase(window);
   for (size_t row = 0; row < lines.size() && row < rows(); ++row) {
     const Line& line = lines[row];
-    wattrset(stdscr, static_cast<int>(attributes_of(line.style)));
+    wattrset(window, static_cast<int>(attributes_of(line.style)));
     std::wstring text = fitted(line.text, columns());
     if (line.style == Style::title) text.resize(std::max(text.size(), columns()), L' ');  // to the end of the row
-    mvwaddwstr(stdscr, static_cast<int>(row), 0, text.c_str());
+    mvwaddwstr(window, static_cast<int>(row), 0, text.c_str());
   }
-  wattrset(stdscr, A_NORMAL);
-  wrefresh(stdscr);
+  wattrset(window, A_NORMAL);
+  wrefresh(window);
 }
 
-Terminal::Key Terminal::next_key(int wait_ms) {
-  wtimeout(stdscr, wait_ms);
-  switch (wgetch(stdscr)) {
+Terminal::Key Terminal::next_key(int wait_ms) const {
+  wtimeout(window, wait_ms);
+  switch (wgetch(window)) {
     case ERR:
       return Key::none;
     case KEY_RESIZE:

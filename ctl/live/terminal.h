@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-struct screen;  // of ncurses
+struct screen;  // of ncurses, as is the next one
+struct _win_st;
 
 class Terminal {
  public:
@@ -25,19 +26,20 @@ class Terminal {
   ~Terminal();
 
   // Whether it shows UTF-8, by the user's locale.
-  bool is_utf8() const;
+  static bool is_utf8();
 
   size_t rows() const;
   size_t columns() const;
 
   // Shows `lines` from the top on, and nothing else.
-  void draw(const std::vector<Line>& lines);
+  void draw(const std::vector<Line>& lines) const;
 
   // Waits at most `wait_ms` for a key, or a change of the terminal's size.
-  Key next_key(int wait_ms);
+  Key next_key(int wait_ms) const;
 
  private:
-  explicit Terminal(screen* opened) : handle(opened) {}
+  Terminal(screen* opened, _win_st* whole) : handle(opened), window(whole) {}
 
   screen* const handle;
+  _win_st* const window;
 };

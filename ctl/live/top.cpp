@@ -1,5 +1,6 @@
 #include "ctl/live/top.h"
 
+#include <sys/ioctl.h>
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -16,8 +17,8 @@ namespace {
 
 constexpr int kEveryMs = 1000;
 constexpr int kPlainEveryMs = 5000;
-constexpr int kLimitMs = 2000;  // for an answer
-constexpr size_t kPlainWidth = 120;
+constexpr int kLimitMs = 2000;       // for an answer
+constexpr size_t kPlainWidth = 120;  // where the output is not a terminal
 constexpr char kKeys[] = "e events  t tags  c clients  < > sort  r reverse  up/down scroll  q quit";
 
 // The daemon as it answers, through its restarts.
@@ -159,14 +160,19 @@ class Screen {
   size_t first_row = 0;
 };
 
-std::string plain_text_of(const History& history) {
+size_t width_of(FILE* out) {
+  winsize size{};
+  return ioctl(fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kPlainWidth;
+}
+
+std::string plain_text_of(const History& history, size_t width) {
   std::string text;
-  for (const std::string& line : head_lines(history, kPlainWidth, false)) text += line + "\n";
+  for (const std::string& line : head_lines(history, width, false)) text += line + "\n";
   for (const View view : kViews) {
     Table table = table_of(history, view);
     table.sort(first_sort_of(view), false);
-    text += "\n" + table.title_line(kPlainWidth) + "\n";
-    for (const Table::Row& row : table.rows) text += table.line(row, kPlainWidth) + "\n";
+    text += "\n" + table.title_line(width) + "\n";
+    for (const Table::Row& row : table.rows) text += table.line(row, width) + "\n";
   }
   return text;
 }
@@ -175,7 +181,8 @@ void write_plain(Source& source, bool once, FILE* out) {
   for (int wait_ms = kEveryMs;; wait_ms = kPlainEveryMs) {
     wait_to_read(-1, out, wait_ms);
     source.ask_again();
-    write_now(out, source.trouble.empty() ? plain_text_of(source.history) : "no answer: " + source.trouble + "\n");
+    write_now(out, source.trouble.empty() ? plain_text_of(source.history, width_of(out))
+                                          : "no answer: " + source.trouble + "\n");
     if (once) return;
     write_now(out, "\n");
   }
