@@ -27,7 +27,7 @@ nlohmann::json fields_of(std::string_view info) {
 }  // namespace
 
 std::string plain_text(const ReceivedEvent& event) {
-  std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
+  std::string line = sstr("%u.%06d ", event.seconds, event.microseconds);
   line += escaped(event.name);
   if (!event.info.empty()) line += ' ' + escaped(event.info);
   return line + "\n";

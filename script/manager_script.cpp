@@ -8,6 +8,7 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/script_lib.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
 #include "util/lua_binding.h"
@@ -79,6 +80,7 @@ void ManagerScript::init() {
     econf_init(L);
     lua_settop(L, 0);
     register_script_api(L);
+    register_script_helpers(L);
   });
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
@@ -89,6 +91,7 @@ void ManagerScript::load_scripts(const char* script_path, const char* external_p
   const RunSignalsBlocked undisturbed;
   const LuaTurn turn(gate);
   const StopsWhenWanted limited(stop);
+  search_lib_folders(lua_state, script_path, external_path);
   load_file(lua_state, script_in(exe_dir(), "init_base.lua"));
   elog(2, "mscript: load script files...");
   elog(2, "mscript: loading config.lua file...");
@@ -112,6 +115,7 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
   const RunSignalsBlocked undisturbed;
   const StopsWhenWanted limited(stop);  // starts over: the files that are loaded have their own time
   scripts.clear(lua_state);
+  forget_lib_modules(lua_state);
   scripts.load(lua_state, script_path, external_path);
   if (stop.wanted()) running = false;  // the loop is let in again, to end and not for another pass
   wake_loop();                         // the files may have started coroutines that are due before its wait ends
@@ -161,7 +165,10 @@ void ManagerScript::cleanup() {
 
 // Finalizers run in here and may call the whole API; the records they see or make belong to the state that is closed.
 void ManagerScript::close_state() {
-  if (lua_state != nullptr) lua_close(lua_state);
+  if (lua_state != nullptr) {
+    keep.finish(lua_state);
+    lua_close(lua_state);
+  }
   lua_state = nullptr;
   timers.clear();
   coroutines.clear();

@@ -16,6 +16,7 @@
 #include "script/lua_gate.h"
 #include "script/lua_memory.h"
 #include "script/script_coroutine.h"
+#include "script/script_keep.h"
 #include "script/script_loading.h"
 #include "script/script_stop.h"
 #include "script/script_timer.h"
@@ -87,6 +88,7 @@ class ManagerScript {
   ScriptModules scripts;
   ScriptTimers timers;
   ScriptCoroutines coroutines;
+  ScriptKeep keep;
   EventDispatch dispatch;
 
  private:

@@ -3,6 +3,7 @@
 #include "device/log.h"
 #include "script/api_names.h"
 #include "script/manager_script.h"
+#include "script/script_keep.h"
 #include "util/lua_binding.h"
 #include "util/text.h"
 
@@ -129,8 +130,15 @@ constexpr luaL_Reg kScriptApi[] = {
 };
 static_assert(has_names(kScriptApi, kScriptApiNames));
 
+constexpr luaL_Reg kScriptHelpers[] = {{"post", api<post>}, {"keep", api<keep>}};
+static_assert(has_names(kScriptHelpers, kScriptHelperNames));
+
 }  // namespace
 
 void register_script_api(lua_State* L) {
   for (const luaL_Reg& function : kScriptApi) lua_register(L, function.name, function.func);
+}
+
+void register_script_helpers(lua_State* L) {
+  for (const luaL_Reg& function : kScriptHelpers) lua_register(L, function.name, function.func);
 }

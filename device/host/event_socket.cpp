@@ -24,19 +24,6 @@ constexpr int kPatienceMs = 60000;
 
 EventSocket* g_removed_at_exit = nullptr;  // the process does not exit while the script thread may change it
 
-// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask.
-bool make_folders(const std::string& path) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    const std::string folder = path.substr(0, slash);
-    if (mkdir(folder.c_str(), 0755) == 0) {
-      if (chmod(folder.c_str(), 0755) != 0) return false;
-    } else if (errno != EEXIST) {
-      return false;
-    }
-  }
-  return true;
-}
-
 pid_t read_owner(int fd) {
   char text[16] = "";
   const ssize_t got = pread(fd, text, sizeof(text) - 1, 0);
