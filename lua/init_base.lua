@@ -122,7 +122,7 @@ local function error_text(value)
   end
   local meta = getmetatable(value)
   local done, text = pcall(tostring, value)
-  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
+  local has_text = done and type(meta) == "table" and rawget(meta, "__tostring") and type(text) == "string"
   text = has_text and text or type(value) == "table" and table_text(value)
   return text or "(the error value is a " .. type(value) .. ")"
 end
@@ -300,10 +300,20 @@ local function is_whole(number, least, most)
   return type(number) == "number" and number >= least and number <= most and number % 1 == 0
 end
 
+-- Why no event can have that name, as event_post says it; nil when one can.
+local function wrong_name(name)
+  return name == "" and "the name is missing" or #name > 127 and "the name is longer than 127 bytes"
+    or name:find("[%z\1-\32\127]") and "the name holds a blank or a control character"
+end
+
 -- Calls func(arg) for every event of the type.
 function on(type_name, func, arg)
   if type(type_name) ~= "string" or type(func) ~= "function" then
     error("on(type_name, func [, arg]): a string and a function expected", 2)
+  end
+  local wrong = wrong_name(type_name)
+  if wrong then
+    error("on(type_name, func [, arg]): " .. wrong, 2)
   end
   local module = module_at_work(func)
   local name = "es_" .. type_name
@@ -370,7 +380,7 @@ end
 local function first_look(module, minute_of_day)
   local before = former[module.name]
   local look = module.looks[minute_of_day] or before and before.looks[minute_of_day]
-  local time = timer_time()
+  local time = os.time() -- timer_time() has 32 bits, which end in 2038
   if look and time >= look.time and time - look.time <= kLongestLeap then
     return look
   end
@@ -391,7 +401,7 @@ function at(hour, minute, func, arg)
   local looked = first_look(module, minute_of_day)
   module.looks[minute_of_day] = looked
   local added, message = add_timer(module, 60, function()
-    local time = timer_time()
+    local time = os.time()
     local now, from = local_minute(time), looked.minute
     local clock_was_set = time < looked.time or time - looked.time > kLongestLeap
     looked = { time = time, minute = clock_was_set and now or math.max(from, now) }

@@ -87,6 +87,7 @@ void set_up(lua_State* L, const char* script_path, const char* external_path) {
 void forget(lua_State* L) {
   lua_getfield(L, LUA_REGISTRYINDEX, "_LOADED");
   push_registered(L, &g_modules_key);
+  if (!lua_istable(L, 2)) return;  // no script has been loaded
   for (lua_pushnil(L); lua_next(L, 2) != 0; lua_settop(L, 3)) {
     lua_pushvalue(L, 3);
     lua_pushnil(L);

@@ -9,5 +9,5 @@
 // that has the Lua state, like forget_lib_modules.
 void search_lib_folders(lua_State* L, const std::string& script_path, const std::string& external_path);
 
-// Forgets these modules, so that require loads them anew. Throws except_base when memory is short.
+// Forgets the modules that were found there, so that require loads them anew. Throws except_base when memory is short.
 void forget_lib_modules(lua_State* L);

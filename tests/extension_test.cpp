@@ -243,6 +243,29 @@ sleep(300))lua");
   extension.cleanup();
 }
 
+// A task that ends while it waits leaves no program behind.
+TEST_F(Plugins, ProcessEndsWithTheTaskThatWaits) {
+  load("libeaprocess.so");
+  ScriptFixture::load();
+  script->clock = {};
+  run_lua(R"lua(
+set_handler_tag("test")
+trace(1, select(2, pcall(run_wait, { "true" })))
+local function try()
+  local status, output = run_wait({ "sh", "-c", "echo hello; exit 3" })
+  trace(1, status .. " " .. output)
+  trace(1, table.concat({ run_wait({ "/no/such" }, 1) }, " "))
+  trace(1, select(2, pcall(run_wait, { "true" }, 0)))
+  after(0.2, function() waiting:cancel() end)
+  run_wait({ "sh", "-c", "sleep 1000; true" }, 1000)
+end
+on("proc_done", function() if evt_field_str("status") == "-1" then event_post(9999, "quit") end end)
+waiting = task(try))lua");
+  run_to_quit();
+  EXPECT_EQ(traced(), "");
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+}
+
 TEST_F(Plugins, UeventBringsWhatTheKernelSays) {
 #ifdef UEVENT_BUILT
   std::string info;

@@ -69,13 +69,21 @@ class ScriptFixture : public testing::Test {
     std::filesystem::remove_all(root);
     std::filesystem::create_directories(path("scripts"));
     for (const char* file : {"config.lua", "server_event.lua"}) copy(file);
+    now_ms = 1768010340000;
+    restart();
+  }
+
+  // A new manager on the same files.
+  void restart() {
     standin::reset();
     seen = 0;
-    now_ms = 1768010340000;
+    script.reset();
     script.emplace();
     script->clock = {[] { return static_cast<int>(now_ms / 1000); }, [] { return static_cast<int>(now_ms); }};
     script->init();
     lua_register(script->lua_state, "event_post", post);
+    lua_register(script->lua_state, "now", now);
+    run_lua("local now, time = now, os.time function os.time(...) return ... and time(...) or now() end _G.now = nil");
   }
 
   static void write(const std::string& file, const std::string& text) {
@@ -94,6 +102,11 @@ class ScriptFixture : public testing::Test {
   static int post(lua_State* L) {
     standin::post(static_cast<int>(lua_tointeger(L, 1)), lua_tostring(L, 2), luaL_optstring(L, 3, ""));
     lua_pushboolean(L, 1);
+    return 1;
+  }
+
+  static int now(lua_State* L) {
+    lua_pushnumber(L, static_cast<lua_Number>(now_ms / 1000));
     return 1;
   }
 

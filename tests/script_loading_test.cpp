@@ -160,6 +160,25 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatRawCallbacksRegistered) {
   EXPECT_EQ(handled(), "late|late");
 }
 
+// Modules come from external_path first and are loaded anew by a reload; what has come from elsewhere stays.
+TEST_F(ScriptLoading, ReloadsForgetModulesOfLib) {
+  const auto module = [](const char* text) { return sstr("trace(2, '%s') return { text = '%s' }", text, text); };
+  write("scripts/lib/a/b.lua", module("a.b"));
+  write("scripts/lib/both.lua", module("script"));
+  write("ext/lib/both.lua", module("external"));
+  write("else/other.lua", module("other"));
+  write("scripts/server_event.lua", "package.path = package.path .. ';" + path("else/?.lua") + "' require 'both'");
+  write("scripts/a.lua", "for _, name in ipairs { 'a.b', 'both', 'other', 'both' } do require(name) end");
+  load("ext");
+  EXPECT_EQ(traced(), "external|a.b|other");
+  write("scripts/lib/a/b.lua", module("new"));
+  std::filesystem::remove(path("ext/lib/both.lua"));
+  reload("ext");
+  EXPECT_EQ(traced(), "new|script");
+  write("scripts/lib/both.lua", "return = 1");
+  EXPECT_ANY_THROW(reload("ext"));
+}
+
 TEST_F(ScriptLoading, ReloadsTellErrorsAnew) {
   write("scripts/a.lua", "on('door', function() error('boom', 0) end)");
   load();

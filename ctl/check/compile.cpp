@@ -51,6 +51,10 @@ class Compiler {
   const std::unique_ptr<lua_State, void (*)(lua_State*)> state;
 };
 
+void compile_lib(const std::string& folder, Compiler& compiler) {
+  for (const std::string& path : lib_modules(folder)) compiler.compile(path);
+}
+
 void compile_place(const std::string& place, Compiler& compiler, Findings& findings) {
   std::error_code ignored;
   if (!std::filesystem::is_directory(place, ignored)) return compiler.compile(place);
@@ -60,6 +64,7 @@ void compile_place(const std::string& place, Compiler& compiler, Findings& findi
   const std::vector<std::string> names = list_script_files(place);
   if (names.empty()) findings.fault(place + ": there is no script in it");
   for (const std::string& name : names) compiler.compile(script_in(place, name));
+  compile_lib(place, compiler);
 }
 
 }  // namespace
@@ -77,6 +82,8 @@ std::vector<std::string> compile_configured(const ScriptFolders& folders, Findin
     findings.fault(folders.script + ": " + reason);
   } else {
     for (const std::string& path : directory_scripts(folders.script, folders.external).paths) compiler.compile(path);
+    if (!folders.external.empty()) compile_lib(folders.external, compiler);
+    compile_lib(folders.script, compiler);
   }
   return compiler.good;
 }
