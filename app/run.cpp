@@ -113,6 +113,7 @@ void run() {
   SettingsFile file;
   elog_set_level("zelvind", file.number(settings::log_level));
   managers.script.collect_every = file.number(settings::collect_every);
+  managers.script.coroutine_patience_ms = file.number(settings::coroutine_patience_ms);
   const Folders folders{file.text(settings::script_path, exe_dir()), file.text(settings::external_path),
                         file.text(settings::dll_path)};
   if (!start(managers, folders)) return;

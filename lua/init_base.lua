@@ -3,15 +3,19 @@
 --   on(type_name, func [, arg])        func(arg) for every event of that type
 --   every(interval_s, func [, arg])    func(arg) every so many seconds
 --   at(hour, minute, func [, arg])     func(arg) once a day, at that local time
+--   after(seconds, func [, arg])       func(arg) once, that much later
 --   task(func [, arg])                 func(arg) as a coroutine, which waits with cr_yield(ms)
+--   wait_event(type_name [, seconds [, match]])   in a task: waits for an event and returns its fields
+--   finally(func)                      in a task: func() when it ends
 --   fields()                           the fields of the event being handled, as a table
+--
+-- The first five return a handle h, with h:cancel() and h:active().
 --
 -- A reload runs the script files again on the same Lua state. What they registered before would stay beside what they
 -- register now. So everything registered here belongs to a module (the name given to script_define, or else the name of
--- the file) and to a generation: one load of the script directories. When the first file of a generation calls
--- script_define or registers something, the handlers of former generations are removed from their lists; a timer of a
--- former generation deletes itself when it is due, and a task ends where it waits. What config.lua and server_event.lua
--- register belongs to no generation and stays, because the daemon runs these files only once.
+-- the file) and to a round: one load of the script directories. When the first file of a round calls script_define or
+-- registers something, the handlers, timers and tasks of former rounds are gone. What config.lua and server_event.lua
+-- register belongs to no round and stays: the daemon runs these files only once.
 --
 -- The daemon runs this file first, from the folder of its executable. If that is the script directory too, the daemon
 -- runs it again with the others, and at every reload; it does nothing then.
@@ -25,17 +29,7 @@ event_server = event_server or {}
 event_server.init = event_server.init or function() end
 event_server.cleanup = event_server.cleanup or function() end
 
--- Calls `add`, tmr_add or cr_add, which need a tag. Base files have none: they get this one for the call. Returns true,
--- or false and the error.
-local function try_with_tag(tag, add, ...)
-  local done, message = pcall(add, ...)
-  if not done and message == "not set script tag name yet" then
-    set_handler_tag(tag)
-    done, message = pcall(add, ...)
-    set_handler_tag("")
-  end
-  return done, message
-end
+local engine = require("zelvind.engine")
 
 ---- Errors ------------------------------------------------------------------------------------------------------------
 
@@ -85,7 +79,7 @@ local function report(module, what, text)
     errors[first] = errors[first] + 1
     return
   end
-  is_counting = is_counting or try_with_tag(module.name, tmr_add, count_errors, 60, timer_time(), nil)
+  is_counting = is_counting or pcall(engine.add_timer, count_errors, 60, timer_time(), module.name, 0)
   if is_counting then
     failing[module.name] = errors
     errors[first] = 0
@@ -131,46 +125,71 @@ local function traceback(value)
   return debug.traceback(error_text(value), 2)
 end
 
----- Modules and generations -------------------------------------------------------------------------------------------
+---- Modules -----------------------------------------------------------------------------------------------------------
 
-local generation = 0
-local modules = {} -- of this generation, by tag
-local former = {}  -- of the generation before
+local round = 0    -- the number of the load that has registered something last; 0 before the first one
+local modules = {} -- of this round, by tag
+local former = {}  -- of the round before
 local files = {}   -- source of a file -> the module of its last load
 local running      -- the module whose handler, timer or task runs
 
 local function is_former(module)
-  return module.generation ~= nil and module.generation ~= generation -- modules of base files have none
+  return module.round ~= 0 and module.round ~= round -- modules of base files have 0
 end
 
+-- Returns a function that runs func(arg) for the module and reports its error.
+local function protected(module, what, func, arg)
+  local function call()
+    func(arg)
+  end
+  return function()
+    local outer = running
+    running = module
+    local done, text = xpcall(call, traceback)
+    running = outer
+    if not done then -- the part of the traceback below xpcall and its `call` is of no use
+      report(module, what, text:match("^(.*)\n[^\n]*\n[^\n]*in function 'xpcall'") or text)
+    end
+  end
+end
+
+---- Handlers ----------------------------------------------------------------------------------------------------------
+
 local owners = setmetatable({}, { __mode = "k" }) -- handler entry made by on() -> its module
+local untidy = {} -- names of handler tables that are empty or hold cancelled entries
+
+local function sweep_list(name, list, is_old)
+  local kept, count = 0, #list
+  for i = 1, count do
+    local entry = list[i]
+    list[i] = nil
+    if type(entry) ~= "table" or not is_old(entry, rawget(entry, 1)) then
+      kept = kept + 1
+      list[kept] = entry
+    else
+      owners[entry] = nil
+    end
+  end
+  untidy[name] = untidy[name] or kept == 0 or nil
+end
 
 -- Removes the handler entries for which is_old(entry, tag) is true from all lists.
 local function sweep(is_old)
   for name, handlers in pairs(_G) do
     if type(name) == "string" and name:find("^es_") and type(handlers) == "table" then
       local list = rawget(handlers, "list_func")
-      local kept, count = 0, type(list) == "table" and #list or 0
-      for i = 1, count do
-        local entry = list[i]
-        list[i] = nil
-        if type(entry) ~= "table" or not is_old(entry, rawget(entry, 1)) then
-          kept = kept + 1
-          list[kept] = entry
-        end
-      end
-      if kept == 0 and rawget(handlers, "made_by_on") then
-        rawset(_G, name, nil) -- so that the daemon reports this type as unknown again
+      if type(list) == "table" then
+        sweep_list(name, list, is_old)
       end
     end
   end
 end
 
 -- Entries that scripts add to a list_func by hand, with their module's name as the tag, are swept too. The hard case is
--- the first file of a generation: an entry with its tag may be left from the former generation, or the file may have
--- just added it. So entries are marked as seen when a later module begins, or when the loop runs; a seen entry is old.
--- Only `adding`, the last module of a load, can have old entries that are not seen. They count as old, unless this
--- module adds its entries before its script_define each time.
+-- the first file of a round: an entry with its tag may be left from the former round, or the file may have just added
+-- it. So entries are marked as seen when a later module begins, or when the loop runs; a seen entry is old. Only
+-- `adding`, the last module of a load, can have old entries that are not seen. They count as old, unless this module
+-- adds its entries before its script_define each time.
 local seen = setmetatable({}, { __mode = "k" })
 local adding
 
@@ -179,25 +198,179 @@ local function see_all()
   adding = nil
 end
 
--- The value passed to each script_define of a generation. The daemon keeps it in the registry until the next reload
--- begins: while it is there, the generation goes on.
-local mark
-local mark_slot
+local function nothing() end
 
-local function generation_goes_on()
-  return mark ~= nil and rawequal(debug.getregistry()[mark_slot], mark)
+local function is_cancelled(entry)
+  return rawget(entry, 2) == nothing
 end
 
-local function begin_generation(new_mark, first_name)
-  mark = new_mark
-  for slot, value in pairs(debug.getregistry()) do
-    if rawequal(value, mark) then
-      mark_slot = slot
+-- A list may not shrink while the daemon walks it, and a file that is being loaded may have just prepared an empty one.
+-- So both wait for the loop, which runs this before the next event.
+local is_planned = false
+local function tidy_up()
+  is_planned = false
+  if adding then
+    see_all()
+  end
+  local names = untidy
+  untidy = {}
+  for name in pairs(names) do
+    local handlers = rawget(_G, name)
+    local list = type(handlers) == "table" and rawget(handlers, "list_func")
+    if type(list) == "table" then
+      sweep_list(name, list, is_cancelled)
+      if #list == 0 and rawget(handlers, "made_by_on") then
+        rawset(_G, name, nil) -- so that the daemon reports this type as unknown again
+      end
     end
   end
+end
+
+local function plan_tidying_up()
+  is_planned = is_planned or pcall(engine.add_alarm, tidy_up, 0, 0, "init_base.lua", 0)
+end
+
+local Handler = {}
+Handler.__index = Handler
+
+function Handler:cancel()
+  local entry = self.entry
+  if owners[entry] then
+    owners[entry] = nil
+    entry[2], entry[3] = nothing, nil
+    untidy[self.name] = true
+    plan_tidying_up()
+  end
+end
+
+function Handler:active()
+  return owners[self.entry] ~= nil
+end
+
+local function add_handler(module, type_name, call, arg)
+  local name = "es_" .. type_name
+  local handlers = rawget(_G, name)
+  if handlers == nil then
+    handlers = { list_func = {}, made_by_on = true }
+    rawset(_G, name, handlers)
+  elseif type(handlers) ~= "table" then
+    error(name .. " is a " .. type(handlers) .. ", not a table", 3)
+  end
+  handlers.list_func = handlers.list_func or {}
+  if type(handlers.list_func) ~= "table" then
+    error(name .. ".list_func is a " .. type(handlers.list_func) .. ", not a table", 3)
+  end
+  local entry = { module.name, call, arg }
+  owners[entry] = module
+  table.insert(handlers.list_func, entry)
+  return setmetatable({ name = name, entry = entry }, Handler)
+end
+
+---- Timers ------------------------------------------------------------------------------------------------------------
+
+local Timer = {}
+Timer.__index = Timer
+
+function Timer:cancel()
+  engine.remove_timer(self.number)
+end
+
+function Timer:active()
+  return engine.has_timer(self.number)
+end
+
+-- Both return a handle; or nil and the error.
+
+-- Calls call() at multiples of `interval` s since 1970 (UTC).
+local function add_timer(module, call, interval)
+  local added, number = pcall(engine.add_timer, call, interval, 0, module.name, module.round)
+  return added and setmetatable({ number = number }, Timer) or nil, number
+end
+
+-- Calls call() in `delay` s, and again every `interval` s unless that is 0. No step of the clock moves it.
+local function add_alarm(module, call, delay, interval)
+  local added, number = pcall(engine.add_alarm, call, delay, interval, module.name, module.round)
+  return added and setmetatable({ number = number }, Timer) or nil, number
+end
+
+---- Tasks -------------------------------------------------------------------------------------------------------------
+
+local tasks = {} -- those that have not ended, as keys
+local at_work    -- the task whose function runs
+
+local Task = {}
+Task.__index = Task
+
+local function stop_waiting(self)
+  for i, handle in pairs(self.waits) do
+    handle:cancel()
+    self.waits[i] = nil
+  end
+end
+
+local function finish(self)
+  tasks[self] = nil
+  stop_waiting(self)
+  local finals = self.finals
+  self.thread, self.finals = nil, nil
+  for i = #finals, 1, -1 do
+    protected(self.module, "finally of a task", finals[i])()
+  end
+end
+
+-- Runs the task's function up to its next wait or its end.
+local function step(self, ...)
+  local outer, outer_task = running, at_work
+  running, at_work = self.module, self
+  local done, value = coroutine.resume(self.thread, ...)
+  running, at_work = outer, outer_task
+  if not done then
+    report(self.module, "task", debug.traceback(self.thread, error_text(value)))
+  end
+  if self.is_cancelled or coroutine.status(self.thread) == "dead" then
+    finish(self)
+  end
+end
+
+-- A task that is at work goes on up to its next wait.
+function Task:cancel()
+  if not tasks[self] then
+    return
+  elseif coroutine.status(self.thread) == "suspended" then
+    engine.remove_coroutine(self.number)
+    finish(self)
+  else
+    self.is_cancelled = true
+  end
+end
+
+function Task:active()
+  return tasks[self] ~= nil and not self.is_cancelled
+end
+
+local is_ending_tasks = false
+
+local function end_former_tasks()
+  local old = {}
+  for task in pairs(tasks) do
+    if is_former(task.module) then
+      old[#old + 1] = task
+    end
+  end
+  table.sort(old, function(a, b) return a.number < b.number end)
+  is_ending_tasks = true
+  for _, task in ipairs(old) do
+    task:cancel()
+  end
+  is_ending_tasks = false
+end
+
+---- Rounds ------------------------------------------------------------------------------------------------------------
+
+local function begin_round(first_name)
   write_counts()
   failing = {}
-  generation = generation + 1
+  round = engine.load_round()
   former, modules = modules, {}
   sweep(function(entry, tag)
     local owner, module = owners[entry], former[tag]
@@ -208,7 +381,9 @@ local function begin_generation(new_mark, first_name)
     end
     return module ~= nil
   end)
-  try_with_tag(first_name, tmr_add, function() tmr_delete() see_all() end, 1, 0, nil) -- runs in the loop
+  engine.remove_former_timers()
+  end_former_tasks()
+  plan_tidying_up()
 end
 
 local function begin_module(name)
@@ -217,7 +392,7 @@ local function begin_module(name)
     sweep(function(entry, tag)
       fills_first = fills_first or (tag == name and not owners[entry] and not seen[entry])
     end)
-    modules[name] = { name = name, generation = generation, fills_first = fills_first, looks = {} }
+    modules[name] = { name = name, round = round, fills_first = fills_first, looks = {} }
   end
   see_all()
   adding = modules[name]
@@ -249,15 +424,13 @@ end
 -- Wraps the daemon's script_define: so this file learns which script file is being loaded.
 local daemon_define = script_define
 function script_define(name, ...)
-  local value = generation_goes_on() and mark or {}
-  local done, message = pcall(daemon_define, name, value)
+  local done, message = pcall(daemon_define, name, ...)
   if not done then
     error((message:gsub("'%?'", "'script_define'")), 2)
   end
-  value[#value + 1] = { ... } -- the script's own value is kept as long as the daemon would keep it
   name = get_module_name()
-  if value ~= mark then
-    begin_generation(value, name)
+  if round ~= engine.load_round() then
+    begin_round(name)
   end
   begin_module(name)
   files[lowest_source(is_being_loaded) or ""] = modules[name]
@@ -267,6 +440,9 @@ end
 -- registered here, it is the module of that function's file, as last loaded. A file without a known module counts as a
 -- base file.
 local function module_at_work(func)
+  if is_ending_tasks then
+    error("a task that a reload ends cannot register anything", 3)
+  end
   local loading, name = pcall(get_module_name)
   local source = lowest_source(is_being_loaded) or debug.getinfo(func, "S").source
   local file_name = source:match("([^/@]+)$") or source
@@ -275,23 +451,7 @@ local function module_at_work(func)
     name = get_module_name()
   end
   return loading and modules[name] or running or files[lowest_source(has_module) or source]
-    or { name = file_name, looks = {} }
-end
-
--- Returns a function that runs func(arg) for the module and reports its error.
-local function protected(module, what, func, arg)
-  local function call()
-    func(arg)
-  end
-  return function()
-    local outer = running
-    running = module
-    local done, text = xpcall(call, traceback)
-    running = outer
-    if not done then -- the part of the traceback below xpcall and its `call` is of no use
-      report(module, what, text:match("^(.*)\n[^\n]*\n[^\n]*in function 'xpcall'") or text)
-    end
-  end
+    or { name = file_name, round = 0, looks = {} }
 end
 
 ---- For scripts -------------------------------------------------------------------------------------------------------
@@ -300,10 +460,8 @@ local function is_whole(number, least, most)
   return type(number) == "number" and number >= least and number <= most and number % 1 == 0
 end
 
--- Why no event can have that name, as event_post says it; nil when one can.
-local function wrong_name(name)
-  return name == "" and "the name is missing" or #name > 127 and "the name is longer than 127 bytes"
-    or name:find("[%z\1-\32\127]") and "the name holds a blank or a control character"
+local function is_time(seconds, least)
+  return type(seconds) == "number" and seconds >= least and seconds <= 2147483647
 end
 
 -- Calls func(arg) for every event of the type.
@@ -311,50 +469,41 @@ function on(type_name, func, arg)
   if type(type_name) ~= "string" or type(func) ~= "function" then
     error("on(type_name, func [, arg]): a string and a function expected", 2)
   end
-  local wrong = wrong_name(type_name)
+  local wrong = engine.wrong_event_name(type_name)
   if wrong then
     error("on(type_name, func [, arg]): " .. wrong, 2)
   end
   local module = module_at_work(func)
-  local name = "es_" .. type_name
-  local handlers = rawget(_G, name)
-  if handlers == nil then
-    handlers = { list_func = {}, made_by_on = true }
-    rawset(_G, name, handlers)
-  elseif type(handlers) ~= "table" then
-    error(name .. " is a " .. type(handlers) .. ", not a table", 2)
-  end
-  handlers.list_func = handlers.list_func or {}
-  if type(handlers.list_func) ~= "table" then
-    error(name .. ".list_func is a " .. type(handlers.list_func) .. ", not a table", 2)
-  end
-  local call = protected(module, "handler of " .. type_name, func, arg)
-  local entry = { module.name, call, arg }
-  owners[entry] = module
-  table.insert(handlers.list_func, entry)
+  local handle = add_handler(module, type_name, protected(module, "handler of " .. type_name, func, arg), arg)
+  return handle
 end
 
--- Calls look() every `interval` s, at multiples of that time since 1970 (UTC), until the module is a former one.
-local function add_timer(module, interval, look)
-  return try_with_tag(module.name, tmr_add, function()
-    if is_former(module) then
-      return tmr_delete()
-    end
-    look()
-  end, interval, 0, nil)
-end
-
--- Calls func(arg) every `interval` s, at multiples of that time since 1970 (UTC): so a reload shifts nothing. In func,
--- tmr_delete() ends it.
+-- Calls func(arg) every `interval` s: whole seconds at multiples of that time since 1970 (UTC), so that a reload shifts
+-- nothing; fractions from now on. In func, tmr_delete() ends it.
 function every(interval, func, arg)
-  if not is_whole(interval, 1, 2147483647) or type(func) ~= "function" then
-    error("every(interval_s, func [, arg]): whole seconds from 1 on and a function expected", 2)
+  if not is_time(interval, 0.01) or type(func) ~= "function" then
+    error("every(interval_s, func [, arg]): 0.01 s or more and a function expected", 2)
   end
   local module = module_at_work(func)
-  local added, message = add_timer(module, interval, protected(module, "timer of " .. interval .. " s", func, arg))
-  if not added then
-    error(message, 2)
+  local call = protected(module, "timer of " .. interval .. " s", func, arg)
+  local handle, message
+  if interval % 1 == 0 then
+    handle, message = add_timer(module, call, interval)
+  else
+    handle, message = add_alarm(module, call, interval, interval)
   end
+  return handle or error(message, 2)
+end
+
+-- Calls func(arg) once, in that many seconds.
+function after(seconds, func, arg)
+  if not is_time(seconds, 0) or type(func) ~= "function" then
+    error("after(seconds, func [, arg]): 0 s or more and a function expected", 2)
+  end
+  local module = module_at_work(func)
+  local call = protected(module, "timer after " .. seconds .. " s", func, arg)
+  local handle, message = add_alarm(module, call, seconds, 0)
+  return handle or error(message, 2)
 end
 
 -- A number for each minute of local time. It grows from day to day, though not always by the same step.
@@ -400,7 +549,7 @@ function at(hour, minute, func, arg)
   local minute_of_day = hour * 60 + minute
   local looked = first_look(module, minute_of_day)
   module.looks[minute_of_day] = looked
-  local added, message = add_timer(module, 60, function()
+  local handle, message = add_timer(module, function()
     local time = os.time()
     local now, from = local_minute(time), looked.minute
     local clock_was_set = time < looked.time or time - looked.time > kLongestLeap
@@ -409,10 +558,8 @@ function at(hour, minute, func, arg)
     if not clock_was_set and is_between(from, minute_of_day, now) then
       call()
     end
-  end)
-  if not added then
-    error(message, 2)
-  end
+  end, 60)
+  return handle or error(message, 2)
 end
 
 -- Runs func(arg) as a coroutine: at once and up to its first cr_yield(ms), then on whenever that time has passed and no
@@ -424,28 +571,27 @@ function task(func, arg)
     error("task(func [, arg]): a Lua function expected", 2)
   end
   local module = module_at_work(func)
-  local function resume(...)
-    local outer = running
-    running = module
-    local done, value = coroutine.resume(thread, ...)
-    running = outer
-    if not done then
-      report(module, "task", debug.traceback(thread, error_text(value)))
-    end
-  end
-  local added, message = try_with_tag(module.name, cr_add, function()
-    resume(arg)
-    while coroutine.status(thread) == "suspended" do
+  local self = setmetatable({ module = module, thread = thread, waits = {}, finals = {} }, Task)
+  tasks[self] = true
+  local added, number = pcall(engine.add_coroutine, function()
+    step(self, arg)
+    while self.thread do
       coroutine.yield() -- func's cr_yield has told the daemon for how long
-      if is_former(module) then
-        return
+      step(self)
+      if self.thread and engine.asked_wait() == 0 then -- the daemon resumes it no more
+        finish(self)
       end
-      resume()
     end
-  end, 0, nil)
+  end, module.name)
   if not added then
-    error(message, 2)
+    tasks[self] = nil
+    error(number, 2)
   end
+  self.number = number
+  if not tasks[self] then -- it has ended
+    engine.remove_coroutine(number)
+  end
+  return self
 end
 
 -- The fields of the event being handled: name -> text. Of equal names the first counts, as for evt_field_str.
@@ -462,4 +608,69 @@ function fields()
     end
   end
   return found
+end
+
+---- For tasks ---------------------------------------------------------------------------------------------------------
+
+local function task_at_work(name)
+  if not at_work or coroutine.running() ~= at_work.thread then
+    error(name .. " outside a task", 3)
+  end
+  return at_work
+end
+
+-- Calls func() when the task returns, fails or is cancelled, or a reload ends it. What was given last is called first.
+function finally(func)
+  local self = task_at_work("finally")
+  if type(func) ~= "function" then
+    error("finally(func): a function expected", 2)
+  end
+  table.insert(self.finals, func)
+end
+
+local event_fields = fields
+local kLongestYield = 2147483647 -- ms
+
+-- Waits for an event of the type whose fields include those of `match`. Returns its fields; or nil and "timeout" when
+-- that many seconds are over. The task goes on while the event is dispatched, so that it cannot miss the next one.
+function wait_event(type_name, seconds, match)
+  if type(type_name) ~= "string" or not (seconds == nil or is_time(seconds, 0))
+      or not (match == nil or type(match) == "table") then
+    error("wait_event(type_name [, seconds [, match]]): a string, 0 s or more and a table expected", 2)
+  end
+  local wrong = engine.wrong_event_name(type_name)
+  if wrong then
+    error("wait_event(type_name [, seconds [, match]]): " .. wrong, 2)
+  end
+  local self = task_at_work("wait_event")
+  local found, is_over
+  self.waits.handler = add_handler(self.module, type_name, function()
+    local event = event_fields()
+    for name, value in pairs(match or {}) do
+      if event[name] ~= tostring(value) then
+        return
+      end
+    end
+    found = event
+    engine.wake_coroutine(self.number)
+  end)
+  if seconds then
+    local timer, message = add_alarm(self.module, function()
+      is_over = true
+      engine.wake_coroutine(self.number)
+    end, seconds, 0)
+    if not timer then
+      stop_waiting(self)
+      error(message, 2)
+    end
+    self.waits.timer = timer
+  end
+  repeat
+    cr_yield(kLongestYield)
+  until found or is_over
+  stop_waiting(self)
+  if found then
+    return found
+  end
+  return nil, "timeout"
 end

@@ -7,7 +7,7 @@ stds.zelvind = {
   globals = { "config", "event_server" },
   read_globals = {
     -- init_base.lua
-    "on", "every", "at", "task", "fields",
+    "on", "every", "at", "after", "task", "wait_event", "finally", "fields",
     -- the script API
     "script_define", "get_module_name", "set_handler_tag", "timems", "timer_time", "evt_type_name", "evt_timestamp",
     "evt_info", "evt_field_int", "evt_field_str", "evt_field_str_safe", "cr_add", "cr_yield", "tmr_add", "tmr_delete",
@@ -24,5 +24,5 @@ stds.zelvind = {
 allow_defined_top = true
 ignore = { "1[1-4][1-3]/^es_" }
 
-files["**/init_base.lua"] = { globals = { "script_define", "on", "every", "at", "task", "fields" } }
+files["**/init_base.lua"] = { globals = { "script_define", "on", "every", "at", "after", "task", "wait_event", "finally", "fields" } }
 files["**/annotations/zelvind.lua"] = { only = {} }

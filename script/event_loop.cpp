@@ -38,14 +38,14 @@ class LoopTurn {
   const LuaTurn turn;
 };
 
-// Runs the timers, unless they have run in this second: none is due twice in one. Returns how long the pass may wait
-// for an event, in ms; while events wait, that is 0 and needs no look at the coroutines.
+// Runs the timers, unless they have run in this second: none is due twice in one. And the alarms. Returns how long the
+// pass may wait for an event, in ms; while events wait, that is 0 and needs no look at the coroutines.
 int begin_pass(ManagerScript& script, std::optional<int>& timers_ran_at) {
   const int now = script.clock.seconds();
   const bool event_waits = event_pending != nullptr && event_pending() > 0;
-  if (event_waits && timers_ran_at == now) return 0;
+  if (event_waits && timers_ran_at == now && !script.is_alarm_due()) return 0;
   const LoopTurn turn(script);
-  if (timers_ran_at != now) script.run_timers();
+  timers_ran_at == now ? script.run_alarms() : script.run_timers();
   timers_ran_at = now;
   return event_waits ? 0 : script.next_wait_ms();
 }
@@ -76,6 +76,7 @@ Next handle_event(ManagerScript& script, Event event) {
   const bool dispatched = script.dispatch_event(*event);
   event.reset();
   if (dispatched) collect_now_and_then(script);
+  script.resume_impatient_coroutines();
   return Next::pass;
 }
 

@@ -1,5 +1,6 @@
 #include "script/manager_script.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdlib>
 
@@ -177,6 +178,12 @@ void ManagerScript::close_state() {
 void ManagerScript::run_timers() {
   assert(gate.held_here());
   timers.run_due(lua_state, clock.seconds());
+  timers.run_alarms(lua_state, clock.steady());
+}
+
+void ManagerScript::run_alarms() {
+  assert(gate.held_here());
+  timers.run_alarms(lua_state, clock.steady());
 }
 
 void ManagerScript::resume_coroutines() {
@@ -184,9 +191,20 @@ void ManagerScript::resume_coroutines() {
   coroutines.resume_due(lua_state, clock.milliseconds());
 }
 
+// The next look comes when the first one's patience will be over. One that is made meanwhile is not due before now.
+void ManagerScript::look_at_coroutines() {
+  assert(gate.held_here());
+  if (coroutines.overdue_ms(clock.milliseconds()) >= coroutine_patience_ms) resume_coroutines();
+  const int64_t overdue_ms = std::max<int64_t>(coroutines.overdue_ms(clock.milliseconds()), 0);
+  next_look_ms = clock.steady() + std::max<int64_t>(coroutine_patience_ms - overdue_ms, 1);
+}
+
 int ManagerScript::next_wait_ms() {
   assert(gate.held_here());
-  return coroutines.next_wait_ms(clock.milliseconds(), kLongestWaitMs);
+  const int64_t alarm_ms = timers.first_alarm_ms();
+  const int64_t longest = alarm_ms == ScriptTimers::kNever ? kLongestWaitMs : alarm_ms - clock.steady();
+  const int64_t longest_ms = std::clamp<int64_t>(longest, 0, kLongestWaitMs);
+  return coroutines.next_wait_ms(clock.milliseconds(), static_cast<int>(longest_ms));
 }
 
 bool ManagerScript::dispatch_event(const event_item& event) {

@@ -28,6 +28,9 @@ struct ScriptClock {
   int (*seconds)() = [] { return static_cast<int>(time(nullptr)); };
   // now_ms: coroutines and timems().
   int (*milliseconds)() = now_ms;
+  // The steady clock, in ms: alarms. And its last tick, for a look before each event.
+  int64_t (*steady)() = steady_ms;
+  int64_t (*steady_tick)() = steady_tick_ms;
 };
 
 class ManagerScript {
@@ -59,11 +62,22 @@ class ManagerScript {
 
   // What the event loop calls, on the thread that has the Lua state.
 
-  // Calls the timers that are due by the clock.
+  // Calls the timers and the alarms that are due by the clock.
   void run_timers();
+  // Calls the alarms alone.
+  void run_alarms();
+  // Whether an alarm is due by the clock's last tick. Needs no Lua state, and no clock when there is no alarm.
+  bool is_alarm_due() const {
+    const int64_t due_ms = timers.first_alarm_ms();
+    return due_ms != ScriptTimers::kNever && clock.steady_tick() >= due_ms;
+  }
   // Resumes the coroutines that are due by the clock.
   void resume_coroutines();
-  // How long the loop may wait for an event, in ms: until the first coroutine is due, 0 to 1000.
+  // As resume_coroutines(), once the first of them has been due for coroutine_patience_ms; called after each event.
+  void resume_impatient_coroutines() {
+    if (coroutine_patience_ms != 0 && coroutines.size() != 0 && clock.steady_tick() >= next_look_ms) look_at_coroutines();
+  }
+  // How long the loop may wait for an event, in ms: until the first coroutine or alarm is due, 0 to 1000.
   int next_wait_ms();
   // Calls the handlers of `event`. Returns false when nobody knows its type (logged).
   bool dispatch_event(const event_item& event);
@@ -81,7 +95,8 @@ class ManagerScript {
 
   // Set before the script thread starts.
   ScriptClock clock;
-  int collect_every = 20;  // dispatched events between two full collections, at least 1
+  int collect_every = 20;         // dispatched events between two full collections, at least 1
+  int coroutine_patience_ms = 0;  // how long due coroutines wait for a pass while events come; 0: until none comes
 
   // The following belong to the thread that has the Lua state.
   lua_State* lua_state = nullptr;
@@ -93,8 +108,10 @@ class ManagerScript {
 
  private:
   void close_state();
+  void look_at_coroutines();
 
-  LuaMemory memory;      // for the thread that has the Lua state
+  LuaMemory memory;          // for the thread that has the Lua state
+  int64_t next_look_ms = 0;  // likewise; of the steady clock: when a coroutine may have been due for too long
   pthread_t thread = 0;  // for the main thread; 0 when there is none
 };
 

@@ -109,6 +109,11 @@ int stack_dump(lua_State* L) {
   return 0;
 }
 
+int load_round(lua_State* L) {
+  lua_pushinteger(L, g_mscript->scripts.round());
+  return 1;
+}
+
 constexpr luaL_Reg kScriptApi[] = {
     {"script_define", api<script_define>},
     {"get_module_name", api<get_module_name>},
@@ -133,10 +138,33 @@ static_assert(has_names(kScriptApi, kScriptApiNames));
 constexpr luaL_Reg kScriptHelpers[] = {{"post", api<post>}, {"keep", api<keep>}};
 static_assert(has_names(kScriptHelpers, kScriptHelperNames));
 
+// The module "zelvind.engine": what init_base.lua stands on, and no other script.
+constexpr luaL_Reg kEngine[] = {
+    {"load_round", api<load_round>},
+    {"add_timer", api<add_timer>},
+    {"add_alarm", api<add_alarm>},
+    {"has_timer", api<has_timer>},
+    {"remove_timer", api<remove_timer>},
+    {"remove_former_timers", api<remove_former_timers>},
+    {"add_coroutine", api<add_coroutine>},
+    {"wake_coroutine", api<wake_coroutine>},
+    {"remove_coroutine", api<remove_coroutine>},
+    {"asked_wait", api<asked_wait>},
+    {"wrong_event_name", api<wrong_event_name>},
+};
+
 }  // namespace
 
 void register_script_api(lua_State* L) {
   for (const luaL_Reg& function : kScriptApi) lua_register(L, function.name, function.func);
+  luaL_findtable(L, LUA_REGISTRYINDEX, "_LOADED", 1);  // package.loaded
+  lua_newtable(L);
+  for (const luaL_Reg& function : kEngine) {
+    lua_pushcfunction(L, function.func);
+    lua_setfield(L, -2, function.name);
+  }
+  lua_setfield(L, -2, "zelvind.engine");
+  lua_pop(L, 1);
 }
 
 void register_script_helpers(lua_State* L) {

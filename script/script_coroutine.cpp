@@ -1,7 +1,6 @@
 #include "script/script_coroutine.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "device/log.h"
@@ -23,10 +22,24 @@ void put_below_lua_function(lua_State* thread) {
   lua_insert(thread, 1);
 }
 
-// Grows by doubling, which reserve() alone does not.
-template <typename Vector>
-void make_room(Vector& vector, size_t size) {
-  if (vector.capacity() < size) vector.reserve(std::max(size, 2 * vector.capacity()));
+// Pushes a thread that is to run the function at stack index 1 with the argument at index 3. Returns a registry
+// reference to it.
+int push_thread(lua_State* L) {
+  lua_State* const thread = lua_newthread(L);
+  lua_pushvalue(L, 1);
+  lua_pushvalue(L, 3);
+  lua_xmove(L, thread, 2);
+  if (lua_iscfunction(thread, 1) != 0) put_below_lua_function(thread);
+  lua_pushvalue(L, -1);
+  return luaL_ref(L, LUA_REGISTRYINDEX);
+}
+
+void check_room() {
+  if (g_mscript->coroutines.size() >= ScriptCoroutines::kMost) throw ScriptError("too many coroutines");
+}
+
+uint64_t number_of(lua_State* L) {
+  return static_cast<uint64_t>(lua_tonumber(L, 1));
 }
 
 }  // namespace
@@ -37,17 +50,37 @@ int cr_add(lua_State* L) {
   const int delay = int_arg(L, 2);
   const int now = script.clock.milliseconds();
   if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
-  if (script.coroutines.size() >= ScriptCoroutines::kMost) throw ScriptError("too many coroutines");
-  lua_State* const thread = lua_newthread(L);
-  lua_replace(L, 2);  // in place of the delay
-  lua_pushvalue(L, 1);
-  lua_pushvalue(L, 3);
-  lua_xmove(L, thread, 2);
-  if (lua_iscfunction(thread, 1) != 0) put_below_lua_function(thread);
-  lua_settop(L, 2);
-  lua_pushvalue(L, 2);
-  const int thread_ref = luaL_ref(L, LUA_REGISTRYINDEX);
-  script.coroutines.start(L, thread, thread_ref, now, delay, script.current_tag_name());
+  check_room();
+  const int thread_ref = push_thread(L);
+  script.coroutines.start(L, lua_tothread(L, -1), thread_ref, now, delay, script.current_tag_name());
+  return 1;
+}
+
+int add_coroutine(lua_State* L) {
+  lua_settop(L, 3);
+  const char* const tag = text_arg(L, 2);
+  ManagerScript& script = *g_mscript;
+  check_room();
+  const int thread_ref = push_thread(L);
+  const int now = script.clock.milliseconds();
+  const uint64_t number = script.coroutines.start(L, lua_tothread(L, -1), thread_ref, now, 0, tag);
+  lua_pushnumber(L, static_cast<lua_Number>(number));
+  return 1;
+}
+
+int wake_coroutine(lua_State* L) {
+  g_mscript->coroutines.wake(L, number_of(L), g_mscript->clock.milliseconds());
+  return 0;
+}
+
+int remove_coroutine(lua_State* L) {
+  g_mscript->coroutines.remove(L, number_of(L));
+  return 0;
+}
+
+int asked_wait(lua_State* L) {
+  const ScriptCoroutine* const running = g_mscript->coroutines.current();
+  lua_pushinteger(L, running == nullptr ? 0 : running->wait);
   return 1;
 }
 
@@ -61,43 +94,58 @@ void ScriptCoroutines::read_clock(int now) {
   last_reading = now;
   clock_ms += passed_ms;
   if (passed_ms >= 0) return;
-  for (ScriptCoroutine& coroutine : records) coroutine.last_resume = std::min(coroutine.last_resume, clock_ms);
-  for (Waiting& entry : waiting) entry.due = entry.record->last_resume + entry.record->wait;
-  std::make_heap(waiting.begin(), waiting.end(), is_later);
+  for (auto& [number, record] : records) record.last_resume = std::min(record.last_resume, clock_ms);
+  Waiting anew;
+  while (!waiting.empty()) {
+    auto place = waiting.extract(waiting.begin());
+    const ScriptCoroutine& record = records.at(place.value().second);
+    place.value().first = record.last_resume + record.wait;
+    anew.insert(std::move(place));
+  }
+  waiting.swap(anew);
 }
 
 int ScriptCoroutines::next_wait_ms(int now, int longest) {
   if (waiting.empty()) return longest;
-  read_clock(now);
-  return static_cast<int>(std::clamp<int64_t>(waiting.front().due - clock_ms, 0, longest));
+  return static_cast<int>(std::clamp<int64_t>(-overdue_ms(now), 0, longest));
 }
 
-// Does not allocate: start() has made room for an entry for each record.
+int64_t ScriptCoroutines::overdue_ms(int now) {
+  if (waiting.empty()) return kNone;
+  read_clock(now);
+  return clock_ms - waiting.begin()->first;
+}
+
 void ScriptCoroutines::let_wait(Record record) {
-  waiting.push_back({record->last_resume + record->wait, record});
-  std::push_heap(waiting.begin(), waiting.end(), is_later);
+  record->second.place.value() = {record->second.last_resume + record->second.wait, record->first};
+  waiting.insert(std::move(record->second.place));
 }
 
 void ScriptCoroutines::run(lua_State* L, ScriptCoroutine& coroutine, int arguments) {
   ScriptCoroutine* const caller = std::exchange(current_coroutine, &coroutine);
+  coroutine.runs = true;
   run_until_yield(L, coroutine.thread, arguments);
+  coroutine.runs = false;
   current_coroutine = caller;
 }
 
-void ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref, int now, int wait,
-                             const std::string& tag) {
+uint64_t ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref, int now, int wait,
+                                 const std::string& tag) {
   read_clock(now);
-  make_room(waiting, records.size() + 1);
-  records.push_back({thread, clock_ms, wait, thread_ref, next_number++, tag});
-  const auto record = std::prev(records.end());
+  Waiting place;
+  place.emplace(0, next_number);
+  const auto record = records.try_emplace(records.end(), next_number);
+  record->second = {thread, clock_ms, wait, thread_ref, tag, place.extract(place.begin()), false};
+  const uint64_t number = next_number++;
   elog(2, "corutine add2: %d", static_cast<int>(records.size()));
   if (!lua_isfunction(thread, 1)) {
     elog(1, "Invalid function for coroutine!!!!!!!!!!!!!!!!");
     drop(L, record);
     throw ScriptError("Invalid function for coroutine");
   }
-  run(L, *record, lua_gettop(thread) - 1);
+  run(L, record->second, lua_gettop(thread) - 1);
   let_wait(record);
+  return number;
 }
 
 bool ScriptCoroutines::ask_for_run(int wait) {
@@ -109,24 +157,30 @@ bool ScriptCoroutines::ask_for_run(int wait) {
 void ScriptCoroutines::resume_due(lua_State* L, int now) {
   if (waiting.empty()) return;
   read_clock(now);
-  make_room(due, waiting.size());
-  while (!waiting.empty() && waiting.front().due < clock_ms) {
-    std::pop_heap(waiting.begin(), waiting.end(), is_later);
-    due.push_back(waiting.back().record);
-    waiting.pop_back();
+  due.reserve(records.size());
+  while (!waiting.empty() && waiting.begin()->first < clock_ms) {
+    auto place = waiting.extract(waiting.begin());
+    const uint64_t number = place.value().second;
+    records.at(number).place = std::move(place);
+    due.push_back(number);
   }
-  std::sort(due.begin(), due.end(), [](Record a, Record b) { return a->number < b->number; });
+  std::sort(due.begin(), due.end());
   const int64_t pass_ms = clock_ms;
-  for (const Record record : due) resume(L, record, pass_ms);
+  for (const uint64_t number : due) {
+    const auto record = records.find(number);
+    const bool is_still_due = record != records.end() && !record->second.place.empty();  // no other has changed that
+    if (is_still_due) resume(L, record, pass_ms);
+  }
   due.clear();
 }
 
 void ScriptCoroutines::resume(lua_State* L, Record record, int64_t pass_ms) {
-  record->wait = 0;
-  record->last_resume = std::min(pass_ms, clock_ms);  // the clock may have been set back during the pass
+  ScriptCoroutine& coroutine = record->second;
+  coroutine.wait = 0;
+  coroutine.last_resume = std::min(pass_ms, clock_ms);  // the clock may have been set back during the pass
   // Resumed, a thread that has ended would call whatever is on top of its stack.
-  if (lua_status(record->thread) == LUA_YIELD) run(L, *record, 0);
-  if (record->wait != 0 && lua_status(record->thread) == LUA_YIELD) {
+  if (lua_status(coroutine.thread) == LUA_YIELD) run(L, coroutine, 0);
+  if (coroutine.wait != 0 && lua_status(coroutine.thread) == LUA_YIELD) {
     let_wait(record);
   } else {
     drop(L, record);
@@ -135,12 +189,32 @@ void ScriptCoroutines::resume(lua_State* L, Record record, int64_t pass_ms) {
 
 void ScriptCoroutines::drop(lua_State* L, Record record) {
   std::string error;
-  const int thread_ref = record->thread_ref;
+  const int thread_ref = record->second.thread_ref;
   if (protect(L, error, [&](lua_State* state) { luaL_unref(state, LUA_REGISTRYINDEX, thread_ref); })) {
     records.erase(record);
   } else {
     let_wait(record);  // no memory: a later pass drops it
   }
+}
+
+// The record, with its place taken out of those that wait; records.end() when there is none or it runs.
+ScriptCoroutines::Record ScriptCoroutines::take(uint64_t number) {
+  const auto record = records.find(number);
+  if (record == records.end() || record->second.runs) return records.end();
+  ScriptCoroutine& coroutine = record->second;
+  if (coroutine.place.empty()) coroutine.place = waiting.extract({coroutine.last_resume + coroutine.wait, number});
+  return record;
+}
+
+void ScriptCoroutines::wake(lua_State* L, uint64_t number, int now) {
+  read_clock(now);
+  const auto record = take(number);
+  if (record != records.end()) resume(L, record, clock_ms);
+}
+
+void ScriptCoroutines::remove(lua_State* L, uint64_t number) {
+  const auto record = take(number);
+  if (record != records.end()) drop(L, record);
 }
 
 void ScriptCoroutines::clear() {

@@ -26,8 +26,9 @@ void start_looks(lua_State* L) {
   if (g_mscript->timers.size() >= ScriptTimers::kMost) throw ScriptError("too many timers");
   lua_pushcfunction(L, api<look>);
   const int callback = luaL_ref(L, LUA_REGISTRYINDEX);
-  const int due = get_target_time(g_mscript->clock.seconds(), ScriptKeep::kIntervalS, 0);
-  g_mscript->timers.add({ScriptKeep::kIntervalS, 0, due, callback, LUA_REFNIL, "keep"});
+  constexpr int64_t kInterval = int64_t{ScriptKeep::kIntervalS} * 1000000;
+  const int64_t now = g_mscript->clock.steady() * 1000;
+  g_mscript->timers.add(ScriptAlarm{now + kInterval, kInterval, {callback, LUA_REFNIL, "keep", 0}});
 }
 
 // keep() is cut into these, so that no object with a destructor is alive while Lua can raise.

@@ -33,6 +33,7 @@ void ScriptModules::load_one(lua_State* L, const std::string& path) {
 }
 
 void ScriptModules::load(lua_State* L, const char* script_path, const char* external_path) {
+  ++loads;
   elog(2, "mscript: load script files from %s, %s...", script_path, external_path);
   const DirectoryScripts found = directory_scripts(script_path, external_path);
   if (!found.ignored.empty()) elog(1, "mscript: Ignored - %s", found.ignored.c_str());

@@ -19,6 +19,9 @@ class ScriptModules {
  public:
   size_t size() const { return modules.size(); }
 
+  // How many times load() has been called: the number of the load that goes on, or of the last one.
+  int round() const { return loads; }
+
   // Runs the files of the directories, those of external_path (which may be empty) first. Throws except_base when one
   // fails: the modules before it stay, the failed one is dropped.
   void load(lua_State* L, const char* script_path, const char* external_path);
@@ -33,5 +36,6 @@ class ScriptModules {
   void load_one(lua_State* L, const std::string& path);
 
   std::list<ScriptModule> modules;
+  int loads = 0;
   ScriptModule* loading = nullptr;  // the last of them, or null
 };

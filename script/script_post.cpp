@@ -106,3 +106,8 @@ int post(lua_State* L) {
   lua_pushstring(L, refusal);
   return 2;
 }
+
+int wrong_event_name(lua_State* L) {
+  lua_pushstring(L, check_event_name(bytes_arg(L, 1)));
+  return 1;
+}

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstdint>
 #include <ctime>
-#include <iterator>
+#include <utility>
 
 #include "device/log.h"
 #include "script/manager_script.h"
@@ -16,6 +16,27 @@ int get_target_time(int now, int interval, int origin) {
   return static_cast<int>(std::min<int64_t>(int64_t{now} + interval - since_point, INT_MAX));
 }
 
+namespace {
+
+int reference(lua_State* L, int index) {
+  lua_pushvalue(L, index);
+  return luaL_ref(L, LUA_REGISTRYINDEX);
+}
+
+void check_room() {
+  if (g_mscript->timers.size() >= ScriptTimers::kMost) throw ScriptError("too many timers");
+}
+
+uint64_t timer_arg(lua_State* L, int index) {
+  return static_cast<uint64_t>(lua_tonumber(L, index));
+}
+
+int64_t microseconds_arg(lua_State* L, int index) {
+  return static_cast<int64_t>(lua_tonumber(L, index) * 1e6);
+}
+
+}  // namespace
+
 int tmr_add(lua_State* L) {
   ManagerScript& script = *g_mscript;
   if (lua_isnone(L, 1)) throw ArgumentError(1, "function expected, got no value");
@@ -23,12 +44,50 @@ int tmr_add(lua_State* L) {
   if (interval < 1) throw ArgumentError(2, "an interval of at least 1 s expected");
   const int origin = int_arg(L, 3);
   if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
-  if (script.timers.size() >= ScriptTimers::kMost) throw ScriptError("too many timers");
-  lua_pushvalue(L, 1);
-  const int callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
+  check_room();
+  const int callback_ref = reference(L, 1);
   const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
   const int next_due = get_target_time(script.clock.seconds(), interval, origin);
-  script.timers.add({interval, origin, next_due, callback_ref, argument_ref, script.current_tag_name()});
+  script.timers.add({interval, origin, next_due, {callback_ref, argument_ref, script.current_tag_name(), 0}});
+  return 0;
+}
+
+int add_timer(lua_State* L) {
+  const int interval = int_arg(L, 2);
+  const int origin = int_arg(L, 3);
+  const char* const tag = text_arg(L, 4);
+  const int round = int_arg(L, 5);
+  check_room();
+  const int next_due = get_target_time(g_mscript->clock.seconds(), interval, origin);
+  const TimerCall call{reference(L, 1), LUA_REFNIL, tag, round};
+  lua_pushnumber(L, static_cast<lua_Number>(g_mscript->timers.add({interval, origin, next_due, call})));
+  return 1;
+}
+
+int add_alarm(lua_State* L) {
+  const int64_t delay_us = microseconds_arg(L, 2);
+  const int64_t interval_us = microseconds_arg(L, 3);
+  const char* const tag = text_arg(L, 4);
+  const int round = int_arg(L, 5);
+  check_room();
+  const int64_t due_us = g_mscript->clock.steady() * 1000 + delay_us;
+  const TimerCall call{reference(L, 1), LUA_REFNIL, tag, round};
+  lua_pushnumber(L, static_cast<lua_Number>(g_mscript->timers.add({due_us, interval_us, call})));
+  return 1;
+}
+
+int has_timer(lua_State* L) {
+  lua_pushboolean(L, g_mscript->timers.has(timer_arg(L, 1)) ? 1 : 0);
+  return 1;
+}
+
+int remove_timer(lua_State* L) {
+  g_mscript->timers.remove(L, timer_arg(L, 1));
+  return 0;
+}
+
+int remove_former_timers(lua_State* L) {
+  g_mscript->timers.remove_former(L, g_mscript->scripts.round());
   return 0;
 }
 
@@ -57,43 +116,125 @@ int timer_time(lua_State* L) {
   return 1;
 }
 
-namespace {
+uint64_t ScriptTimers::add(ScriptTimer timer) {
+  timers.emplace(next_number, std::move(timer));
+  return next_number++;
+}
 
-void call_back(lua_State* L, const ScriptTimer& timer) {
+uint64_t ScriptTimers::add(ScriptAlarm alarm) {
+  alarm_order.emplace(alarm.due_us, next_number);
+  alarms.emplace(next_number, std::move(alarm));
+  note_first_alarm();
+  return next_number++;
+}
+
+void ScriptTimers::note_first_alarm() {
+  first_alarm = alarm_order.empty() ? kNever : (alarm_order.begin()->first + 999) / 1000;
+}
+
+void ScriptTimers::remove(lua_State* L, uint64_t number) {
+  const auto timer = timers.find(number);
+  const auto alarm = alarms.find(number);
+  if (timer == timers.end() && alarm == alarms.end()) return;
+  const TimerCall& call = timer != timers.end() ? timer->second.call : alarm->second.call;
+  luaL_unref(L, LUA_REGISTRYINDEX, call.callback_ref);
+  luaL_unref(L, LUA_REGISTRYINDEX, call.argument_ref);
+  if (current_call == &call) current_call = nullptr;
+  if (timer != timers.end()) {
+    timers.erase(timer);
+  } else {
+    alarm_order.erase({alarm->second.due_us, number});
+    alarms.erase(alarm);
+    note_first_alarm();
+  }
+}
+
+// By number, since removing one costs its place in the walk.
+void ScriptTimers::remove_former(lua_State* L, int round) {
+  const auto is_former = [&](const TimerCall& call) { return call.round != 0 && call.round != round; };
+  for (auto timer = timers.begin(); timer != timers.end();) {
+    const auto& [number, record] = *timer++;
+    if (is_former(record.call)) remove(L, number);
+  }
+  for (auto alarm = alarms.begin(); alarm != alarms.end();) {
+    const auto& [number, record] = *alarm++;
+    if (is_former(record.call)) remove(L, number);
+  }
+}
+
+// `call` may be gone when this returns: callbacks remove timers. The references of a last run go before it, so that
+// nothing is left to be released afterwards, when memory may be short.
+void ScriptTimers::run(lua_State* L, uint64_t number, const TimerCall& call, bool is_last) {
   std::string error;
+  current_call = &call;
+  current_number = number;
   const bool done = protect(L, error, [&](lua_State* state) {
-    lua_rawgeti(state, LUA_REGISTRYINDEX, timer.callback_ref);
-    lua_rawgeti(state, LUA_REGISTRYINDEX, timer.argument_ref);
+    lua_rawgeti(state, LUA_REGISTRYINDEX, call.callback_ref);
+    lua_rawgeti(state, LUA_REGISTRYINDEX, call.argument_ref);
+    if (is_last) {
+      luaL_unref(state, LUA_REGISTRYINDEX, call.callback_ref);
+      luaL_unref(state, LUA_REGISTRYINDEX, call.argument_ref);
+    }
     lua_call(state, 1, 0);
   });
+  current_call = nullptr;
   if (!done) elog(1, "mscript: Could not execute timer -- %s\n", error.c_str());
 }
 
-}  // namespace
-
 void ScriptTimers::run_due(lua_State* L, int now) {
-  auto timer = timers.begin();
-  for (size_t left = timers.size(); left > 0; --left) {      // callbacks append timers
-    if (int64_t{timer->next_due} - now > timer->interval) {  // the clock was set back
-      timer->next_due = get_target_time(now, timer->interval, timer->origin);
+  const uint64_t end = next_number;  // callbacks add timers
+  for (auto next = timers.begin(); next != timers.end() && next->first < end;) {
+    const uint64_t number = next->first;
+    ScriptTimer& timer = next->second;
+    if (int64_t{timer.next_due} - now > 2 * int64_t{timer.interval}) {  // the clock was set back
+      timer.next_due = get_target_time(now, timer.interval, timer.origin);
     }
-    bool deleted = false;
-    if (timer->next_due <= now) {
-      timer->next_due = get_target_time(now, timer->interval, timer->origin);
-      current_timer = &*timer;
-      call_back(L, *timer);
-      deleted = current_timer == nullptr;
-    }
-    timer = deleted ? timers.erase(timer) : std::next(timer);
+    ++next;
+    if (timer.next_due > now) continue;
+    timer.next_due = get_target_time(now, timer.interval, timer.origin);
+    run(L, number, timer.call, false);
+    next = timers.upper_bound(number);  // the callback may have removed any
   }
-  current_timer = nullptr;
 }
 
-// The walk removes the record when the callback has returned.
+void ScriptTimers::run_alarms(lua_State* L, int64_t now_ms) {
+  if (now_ms < first_alarm_ms()) return;
+  const int64_t now_us = now_ms * 1000;
+  const uint64_t end = next_number;
+  for (auto next = alarm_order.begin(); next != alarm_order.end() && next->first <= now_us;) {
+    const auto place = *next++;
+    if (place.second >= end) continue;  // a callback has added it
+    run_alarm(L, place.second, now_us);
+    next = alarm_order.upper_bound(place);
+  }
+}
+
+void ScriptTimers::run_alarm(lua_State* L, uint64_t number, int64_t now_us) {
+  const auto found = alarms.find(number);
+  ScriptAlarm& alarm = found->second;
+  auto place = alarm_order.extract({alarm.due_us, number});
+  if (alarm.interval_us == 0) {
+    const auto last = alarms.extract(found);
+    note_first_alarm();
+    return run(L, number, last.mapped().call, true);
+  }
+  alarm.due_us += ((now_us - alarm.due_us) / alarm.interval_us + 1) * alarm.interval_us;
+  place.value().first = alarm.due_us;
+  alarm_order.insert(std::move(place));
+  note_first_alarm();
+  run(L, number, alarm.call, false);
+}
+
 bool ScriptTimers::delete_current(lua_State* L) {
-  if (current_timer == nullptr) return false;
-  luaL_unref(L, LUA_REGISTRYINDEX, current_timer->callback_ref);
-  luaL_unref(L, LUA_REGISTRYINDEX, current_timer->argument_ref);
-  current_timer = nullptr;
+  if (current_call == nullptr) return false;
+  remove(L, current_number);  // what runs for the last time is not there any more
+  current_call = nullptr;
   return true;
+}
+
+void ScriptTimers::clear() {
+  timers.clear();
+  alarms.clear();
+  alarm_order.clear();
+  note_first_alarm();
 }

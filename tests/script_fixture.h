@@ -20,6 +20,7 @@ class ScriptFixture : public testing::Test {
   // One pass of the loop, without its waiting.
   static void pass(int after_ms = 0) {
     now_ms += after_ms;
+    passed_ms += after_ms;
     const LuaTurn turn(g_mscript->gate);
     g_mscript->run_timers();
     event_item* const event = event_dequeue(0);
@@ -48,7 +49,8 @@ class ScriptFixture : public testing::Test {
     return text;
   }
 
-  static inline int64_t now_ms = 0;
+  static inline int64_t now_ms = 0;     // of the wall clock
+  static inline int64_t passed_ms = 0;  // of the steady one
 
  protected:
   ScriptFixture() {
@@ -79,7 +81,9 @@ class ScriptFixture : public testing::Test {
     seen = 0;
     script.reset();
     script.emplace();
-    script->clock = {[] { return static_cast<int>(now_ms / 1000); }, [] { return static_cast<int>(now_ms); }};
+    const auto steady = [] { return passed_ms; };
+    script->clock = {[] { return static_cast<int>(now_ms / 1000); }, [] { return static_cast<int>(now_ms); }, steady,
+                     steady};
     script->init();
     lua_register(script->lua_state, "event_post", post);
     lua_register(script->lua_state, "now", now);

@@ -2,9 +2,10 @@
 // API from Lua, on the real script manager.
 //
 // Beside the API they find: check(label, got, wanted); raises(text, func, ...); traced(), as in the fixture;
-// ran(seconds, milliseconds), which sets the clock, makes a pass and returns what that traced; counts() of timers and
-// coroutines, and the wait for the next one of these; references() in the registry; dumped_by_coroutine(...); lua_dir
-// and docs_dir, where the default scripts and the documents are.
+// ran(seconds, milliseconds [, passed]), which sets the wall clock, lets `passed` ms pass on the steady one, makes a pass
+// and returns what that traced; counts() of timers and coroutines, and the loop's wait for the next coroutine or alarm;
+// references() in the registry; dumped_by_coroutine(...); lua_dir and docs_dir, where the default scripts and the
+// documents are.
 
 #include "tests/script_fixture.h"
 #include "util/lua_binding.h"
@@ -18,6 +19,7 @@ int push_traced(lua_State* L) {
 
 int ran(lua_State* L) {
   ScriptFixture::now_ms = static_cast<int64_t>(lua_tonumber(L, 1)) * 1000 + static_cast<int64_t>(lua_tonumber(L, 2));
+  ScriptFixture::passed_ms += static_cast<int64_t>(lua_tonumber(L, 3));
   ScriptFixture::pass();
   return push_traced(L);
 }
@@ -25,7 +27,8 @@ int ran(lua_State* L) {
 int counts(lua_State* L) {
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->timers.size()));
   lua_pushinteger(L, static_cast<lua_Integer>(g_mscript->coroutines.size()));
-  lua_pushinteger(L, g_mscript->coroutines.next_wait_ms(g_mscript->clock.milliseconds(), 1000));
+  const LuaTurn turn(g_mscript->gate);
+  lua_pushinteger(L, g_mscript->next_wait_ms());
   return 3;
 }
 

@@ -30,3 +30,10 @@ inline int64_t steady_ms() {
   clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
+
+// The same clock as of the kernel's last tick, at most 10 ms ago, for a look that costs next to nothing. Any thread.
+inline int64_t steady_tick_ms() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}

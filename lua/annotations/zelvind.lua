@@ -18,16 +18,31 @@ event_server = {}
 ---@type table
 config = {}
 
+---What can be cancelled, until the file's next load.
+---@class zelvind.handle
+local handle = {}
+
+---Ends it at once; what it held is released. A second call does nothing.
+function handle:cancel() end
+
+---Whether its function can still be called, or go on.
+---@return boolean
+---@nodiscard
+function handle:active() end
+
 ---Calls `func(arg)` for every event of the type, until the file's next load.
 ---@param type_name string
 ---@param func fun(arg: any)
 ---@param arg? any
+---@return zelvind.handle
 function on(type_name, func, arg) end
 
----Calls `func(arg)` every `interval_s` seconds, on the multiples of that time since 1970 (UTC). `tmr_delete()` ends it.
----@param interval_s integer seconds, at least 1
+---Calls `func(arg)` every `interval_s` seconds: whole ones on the multiples of that time since 1970 (UTC), fractions
+---from now on. `tmr_delete()` ends it.
+---@param interval_s number seconds, at least 0.01
 ---@param func fun(arg: any)
 ---@param arg? any
+---@return zelvind.handle
 function every(interval_s, func, arg) end
 
 ---Calls `func(arg)` once a day at that local time. `tmr_delete()` ends it.
@@ -35,12 +50,34 @@ function every(interval_s, func, arg) end
 ---@param minute integer 0 to 59
 ---@param func fun(arg: any)
 ---@param arg? any
+---@return zelvind.handle
 function at(hour, minute, func, arg) end
+
+---Calls `func(arg)` once, `seconds` from now; no step of the clock moves that.
+---@param seconds number
+---@param func fun(arg: any)
+---@param arg? any
+---@return zelvind.handle
+function after(seconds, func, arg) end
 
 ---Runs `func(arg)` as a coroutine, at once and up to its first `cr_yield`.
 ---@param func fun(arg: any) a Lua function
 ---@param arg? any
+---@return zelvind.handle
 function task(func, arg) end
+
+---In a task: waits for an event of the type whose fields include those of `match`. Error "wait_event outside a task"
+---elsewhere.
+---@param type_name string
+---@param seconds? number how long
+---@param match? table<string, string|number|boolean>
+---@return table<string, string>? fields of the event; nil when the time is over
+---@return string? timeout "timeout" when the time is over
+function wait_event(type_name, seconds, match) end
+
+---In a task: calls `func()` when it ends in any way. Error "finally outside a task" elsewhere.
+---@param func fun()
+function finally(func) end
 
 ---The fields of the current event. Error when there is none.
 ---@return table<string, string>
