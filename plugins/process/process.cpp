@@ -222,7 +222,8 @@ function run_wait(argv, seconds)
     programs[thread] = false
   end
   seconds = seconds or 60
-  local id = start(argv, seconds)
+  local done, id = pcall(start, argv, seconds)
+  if not done then error(id, 2) end
   programs[thread] = id
   local status, output = take(id)
   while not status do
