@@ -57,9 +57,13 @@ class ScriptFixture : public testing::Test {
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     char name[] = "/tmp/zelvind-scripts-XXXXXX";
     root = mkdtemp(name);
+    setenv("DEVICE_ROOT", root.c_str(), 1);
     begin();
   }
-  ~ScriptFixture() override { std::filesystem::remove_all(root); }
+  ~ScriptFixture() override {
+    script.reset();  // writes what scripts keep
+    std::filesystem::remove_all(root);
+  }
 
   void run_lua(const std::string& code) {
     const LuaTurn turn(script->gate);
@@ -68,6 +72,7 @@ class ScriptFixture : public testing::Test {
 
   // A new manager, and no script files but the default ones. It is 02:59 on 10 January 2026.
   void begin() {
+    script.reset();
     std::filesystem::remove_all(root);
     std::filesystem::create_directories(path("scripts"));
     for (const char* file : {"config.lua", "server_event.lua"}) copy(file);

@@ -11,9 +11,6 @@ namespace {
 
 class ScriptKeep : public ScriptFixture {
  protected:
-  ScriptKeep() { setenv("DEVICE_ROOT", path(".").c_str(), 1); }
-  ~ScriptKeep() override { unsetenv("DEVICE_ROOT"); }
-
   static std::string file(const std::string& name) { return path("var/lib/zelvind/keep/" + name); }
   static std::string text(const std::string& name) {
     std::ostringstream all;
@@ -29,7 +26,7 @@ class ScriptKeep : public ScriptFixture {
   static std::string lines() {
     std::string all;
     for (const std::string& line : standin::log_lines_with("<1> mscript: keep: ")) all += line.substr(19) + "|";
-    const std::string folder = path("./var/lib/zelvind/keep/");
+    const std::string folder = path("var/lib/zelvind/keep/");
     for (size_t at = 0; (at = all.find(folder)) != std::string::npos;) all.erase(at, folder.size());
     return all;
   }

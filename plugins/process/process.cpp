@@ -221,6 +221,7 @@ function run_wait(argv, seconds)
     if not pcall(finally, drop_program) then error("run_wait outside a task", 2) end
     programs[thread] = false
   end
+  if programs[thread] then drop(programs[thread]) end -- a wait that failed, inside pcall
   seconds = seconds or 60
   local done, id = pcall(start, argv, seconds)
   if not done then error(id, 2) end
