@@ -259,8 +259,15 @@ class Reader {
 }  // namespace
 
 std::string kept_text(lua_State* L, int index) {
+  const int top = lua_gettop(L);
+  std::string text(kFirstLine);
   lua_pushvalue(L, index);
-  std::string text = std::string(kFirstLine) + Writer(L).table("") + "\n";
+  try {
+    text += Writer(L).table("") + "\n";
+  } catch (...) {
+    lua_settop(L, top);
+    throw;
+  }
   lua_pop(L, 1);
   if (text.size() > kKeptTextMax) throw ScriptError(std::string("it ") + kTooLarge);
   return text;

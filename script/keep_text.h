@@ -24,7 +24,7 @@ constexpr int kKeptDepthMax = 16;                   // tables inside each other
 constexpr int kKeptStack = 3 * kKeptDepthMax + 8;   // free places on the Lua stack that both functions need
 
 // The text of the table at `index`, its keys in order: equal tables have equal texts. Metatables do not count. Raises
-// nothing. Throws ScriptError, which names the place of a value that cannot be kept.
+// nothing and leaves the stack as it was. Throws ScriptError, which names the place of a value that cannot be kept.
 std::string kept_text(lua_State* L, int index);
 
 // Pushes the table that text[size] describes, which is changed meanwhile. Returns null; or what is wrong with it, and

@@ -78,7 +78,8 @@ TEST_P(ScriptLua, Table) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, ScriptLua,
-                         testing::Values("utilities", "events", "timers", "coroutines", "base", "names", "post"),
+                         testing::Values("utilities", "events", "timers", "coroutines", "base", "tasks", "names",
+                                         "post"),
                          [](const auto& table) { return std::string(table.param); });
 
 class ScriptingPage : public ScriptFixture {};
