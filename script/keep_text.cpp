@@ -1,8 +1,8 @@
 #include "script/keep_text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <string_view>
@@ -199,7 +199,8 @@ class Reader {
 
   std::string_view word() {
     const char* const start = at;
-    while (at < end && (isalnum(static_cast<unsigned char>(*at)) != 0 || strchr("_+-.", *at) != nullptr) && *at != '\0') {
+    while (at < end && (isalnum(static_cast<unsigned char>(*at)) != 0 || strchr("_+-.", *at) != nullptr) &&
+           *at != '\0') {
       ++at;
     }
     return {start, static_cast<size_t>(at - start)};

@@ -9,10 +9,10 @@
 //     },
 //   }
 //
-// The first line stands as it is; its number grows when the form changes. Between the parts there may be white space and
-// comments, "--" to the end of the line. Keys and values are texts, numbers ("inf" and "nan" too) and booleans, values
-// also tables. A text has the escapes \n \r \t \" \\ and \DDD, three decimal digits, for all other control characters.
-// Nothing in it is ever run. Only the thread that has the Lua state.
+// The first line stands as it is; its number grows when the form changes. Between the parts there may be white space
+// and comments, "--" to the end of the line. Keys and values are texts, numbers ("inf" and "nan" too) and booleans,
+// values also tables. A text has the escapes \n \r \t \" \\ and \DDD, three decimal digits, for all other control
+// characters. Nothing in it is ever run. Only the thread that has the Lua state.
 #pragma once
 
 #include <cstddef>
@@ -28,5 +28,6 @@ constexpr int kKeptStack = 3 * kKeptDepthMax + 8;   // free places on the Lua st
 std::string kept_text(lua_State* L, int index);
 
 // Pushes the table that text[size] describes, which is changed meanwhile. Returns null; or what is wrong with it, and
-// the line in *line, and pushes nothing. Raises an error when memory is short: no object with a destructor may be alive.
+// the line in *line, and pushes nothing. Raises an error when memory is short: no object with a destructor may be
+// alive.
 const char* push_kept_table(lua_State* L, char* text, size_t size, int* line);

@@ -13,7 +13,7 @@
 // All kept tables. Only the thread that has the Lua state.
 class ScriptKeep {
  public:
-  static constexpr size_t kMost = 64;     // names
+  static constexpr size_t kMost = 64;    // names
   static constexpr int kIntervalS = 30;  // between two looks
 
   struct Kept {

@@ -49,8 +49,8 @@ Field read_field(lua_State* L) {
   std::string name = value_text(L, -2);
   const int type = lua_type(L, -1);
   if (type != LUA_TSTRING && type != LUA_TNUMBER && type != LUA_TBOOLEAN) {
-    throw ScriptError(sstr("field '%s' is a %s: expected a string, a number or a boolean", name.c_str(),
-                           lua_typename(L, type)));
+    throw ScriptError(
+        sstr("field '%s' is a %s: expected a string, a number or a boolean", name.c_str(), lua_typename(L, type)));
   }
   std::string value = value_text(L, -1);
   const char* const error = check_event_field(name, value);

@@ -2,10 +2,10 @@
 // API from Lua, on the real script manager.
 //
 // Beside the API they find: check(label, got, wanted); raises(text, func, ...); traced(), as in the fixture;
-// ran(seconds, milliseconds [, passed]), which sets the wall clock, lets `passed` ms pass on the steady one, makes a pass
-// and returns what that traced; counts() of timers and coroutines, and the loop's wait for the next coroutine or alarm;
-// references() in the registry; dumped_by_coroutine(...); lua_dir and docs_dir, where the default scripts and the
-// documents are.
+// ran(seconds, milliseconds [, passed]), which sets the wall clock, lets `passed` ms pass on the steady one, makes a
+// pass and returns what that traced; counts() of timers and coroutines, and the loop's wait for the next coroutine or
+// alarm; references() in the registry; dumped_by_coroutine(...); lua_dir and docs_dir, where the default scripts and
+// the documents are.
 
 #include "tests/script_fixture.h"
 #include "util/lua_binding.h"

@@ -9,6 +9,6 @@
 // programs ignore the variable. Any thread.
 bool under_device_root(const std::string& path, std::string& out);
 
-// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask. Returns false, with errno
-// set, when one is missing and cannot be made. Any thread.
+// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask. Returns false, with
+// errno set, when one is missing and cannot be made. Any thread.
 bool make_folders(const std::string& path);

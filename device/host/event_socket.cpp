@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "device/event_source.h"
-#include "util/device_root.h"
 #include "device/log.h"
+#include "util/device_root.h"
 #include "util/unix_socket.h"
 
 namespace {

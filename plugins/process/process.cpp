@@ -100,7 +100,8 @@ const char* const* push_argv(lua_State* L) {
   return argv;
 }
 
-// True in the copy of the daemon that tries a reload: it has none of our threads, and a lock may be held for good there.
+// True in the copy of the daemon that tries a reload: it has none of our threads, and a lock may be held for good
+// there.
 bool in_trial() {
   return zelvind_trial != nullptr && zelvind_trial() != 0;
 }
