@@ -75,7 +75,8 @@ class ManagerScript {
   void resume_coroutines();
   // As resume_coroutines(), once the first of them has been due for coroutine_patience_ms; called after each event.
   void resume_impatient_coroutines() {
-    if (coroutine_patience_ms != 0 && coroutines.size() != 0 && clock.steady_tick() >= next_look_ms) look_at_coroutines();
+    if (coroutine_patience_ms != 0 && coroutines.size() != 0 && clock.steady_tick() >= next_look_ms)
+      look_at_coroutines();
   }
   // How long the loop may wait for an event, in ms: until the first coroutine or alarm is due, 0 to 1000.
   int next_wait_ms();
@@ -112,7 +113,7 @@ class ManagerScript {
 
   LuaMemory memory;          // for the thread that has the Lua state
   int64_t next_look_ms = 0;  // likewise; of the steady clock: when a coroutine may have been due for too long
-  pthread_t thread = 0;  // for the main thread; 0 when there is none
+  pthread_t thread = 0;      // for the main thread; 0 when there is none
 };
 
 // The one instance, or null. Set before any other thread starts, cleared after the last has ended.

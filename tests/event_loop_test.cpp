@@ -62,8 +62,8 @@ TEST_F(EventLoop, TimersRunBetweenEvents) {
                                                      "<2> lua-trace: 999904", "<2> lua-trace: 999912"}));
 }
 
-// While events come without a pause, an alarm runs when it is due, and coroutines once their patience is over. Each event
-// takes 10 ms.
+// While events come without a pause, an alarm runs when it is due, and coroutines once their patience is over. Each
+// event takes 10 ms.
 TEST_F(EventLoop, AlarmsAndImpatientCoroutinesRunBetweenEvents) {
   script->clock.milliseconds = [] { return static_cast<int>(passed_ms); };
   const lua_CFunction pass_time = [](lua_State*) {

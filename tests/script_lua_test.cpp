@@ -124,14 +124,20 @@ TEST_F(ScriptingPage, ExamplesDoWhatTheySay) {
 TEST_F(ScriptingPage, ExamplesToStartFrom) {
   copy("examples");
   load();
-  const std::pair<const char*, const char*> events[] = {
-      {"door", "state=open&by=alice"}, {"door", "state=shut"}, {"heartbeat", "from=pump"},
-      {"heartbeat", "from=nobody"},    {"report", ""},         {"uplink", "state=up"}};
+  const std::pair<const char*, const char*> events[] = {{"door", "state=open&by=alice"},
+                                                        {"door", "state=shut"},
+                                                        {"heartbeat", "from=pump"},
+                                                        {"heartbeat", "from=nobody"},
+                                                        {"report", ""},
+                                                        {"uplink", "state=up"},
+                                                        {"leak", ""},
+                                                        {"leak", ""},
+                                                        {"valve", "state=shut"}};
   for (const auto& [name, info] : events) standin::post(1, name, info);
-  for (int i = 0; i < 10; ++i) pass(20);
+  for (int i = 0; i < 12; ++i) pass(20);
   EXPECT_EQ(traced(),
             "uplink is down, next look in 100 ms|the door is open, says alice|the door is shut|"
-            "no report: the process plug-in is not loaded|uplink is up");
+            "no report: the process plug-in is not loaded|the valve is shut|siren on|siren off|uplink is up");
   for (int i = 0; i < 100; ++i) pass(1000);
   const std::string reports = traced();
   EXPECT_NE(reports.find("up for 10 s, "), std::string::npos);
