@@ -66,6 +66,6 @@ std::optional<ReceivedEvent> first_packet(std::string_view bytes) {
   if (name_end == std::string_view::npos) refuse_packet("its name does not end");
   if (texts.find('\0', name_end + 1) != texts.size() - 1) refuse_packet("its info does not end where the packet does");
   const std::string_view info = texts.substr(name_end + 1, texts.size() - name_end - 2);
-  return ReceivedEvent{size, static_cast<int32_t>(integer_at(bytes, 4)), static_cast<int32_t>(integer_at(bytes, 8)),
+  return ReceivedEvent{size, integer_at(bytes, 4), static_cast<int32_t>(integer_at(bytes, 8)),
                        texts.substr(0, name_end), info};
 }

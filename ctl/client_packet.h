@@ -24,8 +24,8 @@
 std::string subscription_packet(std::vector<std::string> names);
 
 struct ReceivedEvent {
-  size_t size;  // bytes of the whole packet
-  int32_t seconds;
+  size_t size;       // bytes of the whole packet
+  uint32_t seconds;  // since 1970; unsigned, so that they last until 2106
   int32_t microseconds;
   std::string_view name;  // both point into the bytes
   std::string_view info;

@@ -27,7 +27,7 @@ std::string json_line(const nlohmann::ordered_json& object) {
 }
 
 std::string plain_text(const ReceivedEvent& event) {
-  std::string line = sstr("%d.%06d ", event.seconds, event.microseconds);
+  std::string line = sstr("%u.%06d ", event.seconds, event.microseconds);
   line += escaped(event.name);
   if (!event.info.empty()) line += ' ' + escaped(event.info);
   return line + "\n";

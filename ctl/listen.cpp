@@ -152,9 +152,10 @@ class Listener {
           const std::string time = line.text("time");
           const size_t point = time.find('.');
           const auto number = [](const std::string& text) {
-            return static_cast<int32_t>(strtoll(text.c_str(), nullptr, 10));
+            return static_cast<uint32_t>(strtoul(text.c_str(), nullptr, 10));
           };
-          const int32_t microseconds = point == std::string::npos ? 0 : number(time.substr(point + 1));
+          const auto microseconds =
+              static_cast<int32_t>(point == std::string::npos ? 0 : number(time.substr(point + 1)));
           return write({0, number(time), microseconds, name, info});
         },
         [](const std::string&) {});

@@ -24,10 +24,8 @@ void check_field(const std::string& field) {
   const size_t equals = field.find('=');
   if (equals == std::string::npos) refuse("'" + field + "' is not FIELD=VALUE");
   const std::string name = field.substr(0, equals);
-  if (name.empty()) refuse("'" + field + "': the field's name is missing");
-  if (name.find('&') != std::string::npos) refuse("field '" + name + "': a field's name cannot contain '&'");
-  if (field.find('&') != std::string::npos) refuse("field '" + name + "': a field's value cannot contain '&'");
-  if (field.find('\n') != std::string::npos) refuse("field '" + name + "': a field cannot contain a line end");
+  const char* const error = check_event_field(name, std::string_view(field).substr(equals + 1));
+  if (error != nullptr) refuse((name.empty() ? "'" + field + "': " : "field '" + name + "': ") + error);
 }
 
 // Checks whole lines and stops at the first bad one.

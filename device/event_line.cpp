@@ -11,6 +11,18 @@ const char* check_event_name(std::string_view name) {
   return nullptr;
 }
 
+const char* check_event_field(std::string_view name, std::string_view value) {
+  if (name.empty()) return "the field's name is missing";
+  if (name.find('=') != std::string_view::npos) return "a field's name cannot contain '='";
+  if (name.find('&') != std::string_view::npos) return "a field's name cannot contain '&'";
+  if (value.find('&') != std::string_view::npos) return "a field's value cannot contain '&'";
+  for (const std::string_view text : {name, value}) {
+    if (text.find('\n') != std::string_view::npos) return "a field cannot contain a line end";
+    if (text.find('\0') != std::string_view::npos) return "a field cannot contain a zero byte";
+  }
+  return nullptr;
+}
+
 const char* parse_event_line(std::string_view line, EventLine& event) {
   if (line.empty()) return "the line is empty";
   if (line.size() > kEventLineMax) return "the line is longer than 65000 bytes";

@@ -25,3 +25,6 @@ const char* parse_event_line(std::string_view line, EventLine& event);
 
 // Returns what is wrong with the name of an event type, or null. Any thread.
 const char* check_event_name(std::string_view name);
+
+// Returns why "name=value" cannot be an item of an event's info, or null. Any thread.
+const char* check_event_field(std::string_view name, std::string_view value);

@@ -117,7 +117,7 @@ local function error_text(value)
   end
   local meta = getmetatable(value)
   local done, text = pcall(tostring, value)
-  local has_text = done and type(meta) == "table" and meta.__tostring and type(text) == "string"
+  local has_text = done and type(meta) == "table" and rawget(meta, "__tostring") and type(text) == "string"
   text = has_text and text or type(value) == "table" and table_text(value)
   return text or "(the error value is a " .. type(value) .. ")"
 end
@@ -470,6 +470,10 @@ function on(type_name, func, arg)
   if type(type_name) ~= "string" or type(func) ~= "function" then
     error("on(type_name, func [, arg]): a string and a function expected", 2)
   end
+  local wrong = engine.wrong_event_name(type_name)
+  if wrong then
+    error("on(type_name, func [, arg]): " .. wrong, 2)
+  end
   local module = module_at_work(func)
   local handle = add_handler(module, type_name, protected(module, "handler of " .. type_name, func, arg), arg)
   return handle
@@ -526,7 +530,7 @@ end
 local function first_look(module, minute_of_day)
   local before = former[module.name]
   local look = module.looks[minute_of_day] or before and before.looks[minute_of_day]
-  local time = timer_time()
+  local time = os.time() -- timer_time() has 32 bits, which end in 2038
   if look and time >= look.time and time - look.time <= kLongestLeap then
     return look
   end
@@ -547,7 +551,7 @@ function at(hour, minute, func, arg)
   local looked = first_look(module, minute_of_day)
   module.looks[minute_of_day] = looked
   local handle, message = add_timer(module, function()
-    local time = timer_time()
+    local time = os.time()
     local now, from = local_minute(time), looked.minute
     local clock_was_set = time < looked.time or time - looked.time > kLongestLeap
     looked = { time = time, minute = clock_was_set and now or math.max(from, now) }
@@ -634,6 +638,10 @@ function wait_event(type_name, seconds, match)
   if type(type_name) ~= "string" or not (seconds == nil or is_time(seconds, 0))
       or not (match == nil or type(match) == "table") then
     error("wait_event(type_name [, seconds [, match]]): a string, 0 s or more and a table expected", 2)
+  end
+  local wrong = engine.wrong_event_name(type_name)
+  if wrong then
+    error("wait_event(type_name [, seconds [, match]]): " .. wrong, 2)
   end
   local self = task_at_work("wait_event")
   local found, is_over

@@ -13,6 +13,9 @@ inline constexpr const char* kScriptApiNames[] = {
     "stack_dump",         "trace",
 };
 
+// Registered by register_script_helpers, in this order.
+inline constexpr const char* kScriptHelperNames[] = {"post", "keep"};
+
 // Registered by register_lua_utilities, in this order.
 inline constexpr const char* kLuaUtilityNames[] = {
     "bit_and", "bit_or", "bit_xor", "bit_check", "lsb", "msb", "lb", "hb", "shift", "abs", "isplus", "isminus", "sleep",

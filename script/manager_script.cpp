@@ -10,6 +10,7 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
+#include "script/script_lib.h"
 #include "script/script_report.h"
 #include "script/trial_guards.h"
 #include "util/except.h"
@@ -99,6 +100,7 @@ void ManagerScript::init() {
     lua_settop(L, 0);
     register_script_api(L);
     wrap_outside_functions(L);
+    register_script_helpers(L);
   });
   if (!done) throw except_base("mscript: failed to set up the Lua state - %s", error.c_str());
 }
@@ -110,6 +112,7 @@ void ManagerScript::load_scripts(const char* script_path, const char* external_p
   const LuaTurn turn(gate);
   const StopsWhenWanted limited(stop);
   const Loading counted;
+  search_lib_folders(lua_state, script_path, external_path);
   load_file(lua_state, script_in(exe_dir(), "init_base.lua"));
   elog(2, "mscript: load script files...");
   elog(2, "mscript: loading config.lua file...");
@@ -148,6 +151,7 @@ void ManagerScript::reload(const char* script_path, const char* external_path) {
 
 void ManagerScript::load_again(const char* script_path, const char* external_path) {
   scripts.clear(lua_state);
+  forget_lib_modules(lua_state);
   scripts.load(lua_state, script_path, external_path);
 }
 
@@ -195,7 +199,10 @@ void ManagerScript::cleanup() {
 
 // Finalizers run in here and may call the whole API; the records they see or make belong to the state that is closed.
 void ManagerScript::close_state() {
-  if (lua_state != nullptr) lua_close(lua_state);
+  if (lua_state != nullptr) {
+    keep.finish(lua_state);
+    lua_close(lua_state);
+  }
   lua_state = nullptr;
   timers.clear();
   coroutines.clear();

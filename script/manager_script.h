@@ -17,6 +17,7 @@
 #include "script/lua_gate.h"
 #include "script/lua_memory.h"
 #include "script/script_coroutine.h"
+#include "script/script_keep.h"
 #include "script/script_loading.h"
 #include "script/script_stop.h"
 #include "script/script_timer.h"
@@ -122,6 +123,7 @@ class ManagerScript {
   ScriptModules scripts;
   ScriptTimers timers;
   ScriptCoroutines coroutines;
+  ScriptKeep keep;
   EventDispatch dispatch;
 
  private:

@@ -3,6 +3,7 @@
 #include "device/log.h"
 #include "script/api_names.h"
 #include "script/manager_script.h"
+#include "script/script_keep.h"
 #include "util/lua_binding.h"
 #include "util/text.h"
 
@@ -141,6 +142,9 @@ constexpr luaL_Reg kScriptApi[] = {
 };
 static_assert(has_names(kScriptApi, kScriptApiNames));
 
+constexpr luaL_Reg kScriptHelpers[] = {{"post", api<post>}, {"keep", api<keep>}};
+static_assert(has_names(kScriptHelpers, kScriptHelperNames));
+
 // The module "zelvind.engine": what init_base.lua stands on, and no other script.
 constexpr luaL_Reg kEngine[] = {
     {"load_round", api<load_round>},
@@ -154,6 +158,7 @@ constexpr luaL_Reg kEngine[] = {
     {"wake_coroutine", api<wake_coroutine>},
     {"remove_coroutine", api<remove_coroutine>},
     {"asked_wait", api<asked_wait>},
+    {"wrong_event_name", api<wrong_event_name>},
 };
 
 }  // namespace
@@ -168,4 +173,8 @@ void register_script_api(lua_State* L) {
   }
   lua_setfield(L, -2, "zelvind.engine");
   lua_pop(L, 1);
+}
+
+void register_script_helpers(lua_State* L) {
+  for (const luaL_Reg& function : kScriptHelpers) lua_register(L, function.name, function.func);
 }

@@ -106,9 +106,9 @@ int tmr_add(lua_State* L);
 int tmr_delete(lua_State* L);
 int timer_time(lua_State* L);
 
-// For the default scripts. add_timer(func, interval_s, origin, tag, round) and add_alarm(func, delay_s, interval_s,
-// tag, round) return a number, for has_timer(number) and remove_timer(number). remove_former_timers() removes those of
-// other rounds than the present one.
+// For the default scripts. add_timer(func, interval_s, origin, tag, round) and
+// add_alarm(func, delay_s, interval_s, tag, round) return a number, for has_timer(number) and remove_timer(number).
+// remove_former_timers() removes those of other rounds than the present one.
 int add_timer(lua_State* L);
 int add_alarm(lua_State* L);
 int has_timer(lua_State* L);

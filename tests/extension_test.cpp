@@ -243,6 +243,33 @@ sleep(300))lua");
   extension.cleanup();
 }
 
+// A task that ends while it waits leaves no program behind.
+TEST_F(Plugins, ProcessEndsWithTheTaskThatWaits) {
+  load("libeaprocess.so");
+  ScriptFixture::load();
+  script->clock = {};
+  run_lua(R"lua(
+set_handler_tag("test")
+trace(1, select(2, pcall(run_wait, { "true" })))
+local function try()
+  local status, output = run_wait({ "sh", "-c", "echo hello; exit 3" })
+  trace(1, status .. " " .. output)
+  trace(1, table.concat({ run_wait({ "/no/such" }, 1) }, " "))
+  trace(1, select(2, pcall(run_wait, { "true" }, 0)))
+  after(0, function() waiting:cancel() end)
+  after(0.1, function() event_post(9999, "quit") end)
+  run_wait({ "sh", "-c", "sleep 1000; true" }, 1000)
+end
+waiting = task(try))lua");
+  run_to_quit();
+  EXPECT_EQ(traced(),
+            "run_wait outside a task|3 hello\n|-1 /no/such: No such file or directory|"
+            "bad argument #2 to '?' (0.001 to 86400 seconds expected)");
+  for (int i = 0; i < 2000 && waitpid(-1, nullptr, WNOHANG) == 0; ++i) usleep(10000);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+  run_lua(R"lua(for i = 1, 64 do proc_run({ "true" }, 1, print) end)lua");  // each place is free again
+}
+
 TEST_F(Plugins, UeventBringsWhatTheKernelSays) {
 #ifdef UEVENT_BUILT
   std::string info;

@@ -59,9 +59,13 @@ class ScriptFixture : public testing::Test {
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     char name[] = "/tmp/zelvind-scripts-XXXXXX";
     root = mkdtemp(name);
+    setenv("DEVICE_ROOT", root.c_str(), 1);
     begin();
   }
-  ~ScriptFixture() override { std::filesystem::remove_all(root); }
+  ~ScriptFixture() override {
+    script.reset();  // writes what scripts keep
+    std::filesystem::remove_all(root);
+  }
 
   void run_lua(const std::string& code) {
     const LuaTurn turn(script->gate);
@@ -70,18 +74,27 @@ class ScriptFixture : public testing::Test {
 
   // A new manager, and no script files but the default ones. It is 02:59 on 10 January 2026.
   void begin() {
+    script.reset();
     std::filesystem::remove_all(root);
     std::filesystem::create_directories(path("scripts"));
     for (const char* file : {"config.lua", "server_event.lua"}) copy(file);
+    now_ms = 1768010340000;
+    restart();
+  }
+
+  // A new manager on the same files.
+  void restart() {
     standin::reset();
     seen = 0;
-    now_ms = 1768010340000;
+    script.reset();
     script.emplace();
     const auto steady = [] { return passed_ms; };
     script->clock = {[] { return static_cast<int>(now_ms / 1000); }, [] { return static_cast<int>(now_ms); }, steady,
                      steady};
     script->init();
     lua_register(script->lua_state, "event_post", post);
+    lua_register(script->lua_state, "now", now);
+    run_lua("local now, time = now, os.time function os.time(...) return ... and time(...) or now() end _G.now = nil");
   }
 
   static void write(const std::string& file, const std::string& text) {
@@ -100,6 +113,11 @@ class ScriptFixture : public testing::Test {
   static int post(lua_State* L) {
     standin::post(static_cast<int>(lua_tointeger(L, 1)), lua_tostring(L, 2), luaL_optstring(L, 3, ""));
     lua_pushboolean(L, 1);
+    return 1;
+  }
+
+  static int now(lua_State* L) {
+    lua_pushnumber(L, static_cast<lua_Number>(now_ms / 1000));
     return 1;
   }
 

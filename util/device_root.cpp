@@ -1,7 +1,9 @@
 #include "util/device_root.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 
 #include "util/quiet_write.h"
@@ -20,4 +22,16 @@ bool under_device_root(const std::string& path, std::string& out) {
     write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
   }
   return false;
+}
+
+bool make_folders(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string folder = path.substr(0, slash);
+    if (mkdir(folder.c_str(), 0755) == 0) {
+      if (chmod(folder.c_str(), 0755) != 0) return false;
+    } else if (errno != EEXIST) {
+      return false;
+    }
+  }
+  return true;
 }

@@ -8,3 +8,7 @@
 // absolute, says so once on standard error and returns false; the caller must then not use the path at all. Set-uid
 // programs ignore the variable. Any thread.
 bool under_device_root(const std::string& path, std::string& out);
+
+// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask. Returns false, with
+// errno set, when one is missing and cannot be made. Any thread.
+bool make_folders(const std::string& path);

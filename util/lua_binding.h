@@ -15,6 +15,7 @@
 #include <lua.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 static_assert(LUA_VERSION_NUM == 501, "Lua 5.1 is needed");
@@ -46,12 +47,25 @@ inline int number_arg(lua_State* L, int index) {
   return int_arg(L, index);
 }
 
+// As number_arg, for a number that must be whole: a truncated event type could be another one.
+inline int whole_arg(lua_State* L, int index) {
+  const int number = number_arg(L, index);
+  if (lua_tonumber(L, index) != number) throw ArgumentError(index, "whole 32-bit number expected");
+  return number;
+}
+
 // Argument `index` as text (a number is converted in place); valid while it stays on the stack. Throws ArgumentError
 // when it is neither a string nor a number.
 inline const char* text_arg(lua_State* L, int index) {
   const char* text = lua_tostring(L, index);
   if (text == nullptr) throw ArgumentError(index, std::string("string expected, got ") + luaL_typename(L, index));
   return text;
+}
+
+// Like text_arg, zero bytes included.
+inline std::string_view bytes_arg(lua_State* L, int index) {
+  const char* const text = text_arg(L, index);
+  return {text, lua_objlen(L, index)};
 }
 
 namespace lua_binding {

@@ -28,19 +28,6 @@ Mutex g_files;
 OwnedSocket* g_removed_at_exit GUARDED_BY(g_files) = nullptr;
 std::atomic<pid_t> g_maker{0};  // the last process that made a socket
 
-// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask.
-bool make_folders(const std::string& path) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    const std::string folder = path.substr(0, slash);
-    if (mkdir(folder.c_str(), 0755) == 0) {
-      if (chmod(folder.c_str(), 0755) != 0) return false;
-    } else if (errno != EEXIST) {
-      return false;
-    }
-  }
-  return true;
-}
-
 pid_t read_owner(int fd) {
   char text[16] = "";
   const ssize_t got = pread(fd, text, sizeof(text) - 1, 0);

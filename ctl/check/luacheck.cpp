@@ -28,6 +28,7 @@ Arguments luacheck_arguments(const Arguments& scripts, const Arguments& declarat
                          "113",      "--ignore",    "113/^es_",   "--globals"};
   const auto append = [&](const auto& more) { arguments.insert(arguments.end(), std::begin(more), std::end(more)); };
   append(kScriptApiNames);
+  append(kScriptHelperNames);
   append(kLuaUtilityNames);
   append(kDeviceApiNames);
   append(Arguments{"config", "event_server"});  // tables of the base scripts, which may not be among those checked

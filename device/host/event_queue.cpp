@@ -74,19 +74,6 @@ void keep_usable_in_children() {
   (void)registered;
 }
 
-// The type of an event. It must be whole: a truncated one could be another type, or the one that ends the loop.
-int type_arg(lua_State* L, int index) {
-  const int type = number_arg(L, index);
-  if (lua_tonumber(L, index) != type) throw ArgumentError(index, "whole 32-bit number expected");
-  return type;
-}
-
-// Like text_arg, zero bytes included.
-std::string_view bytes_arg(lua_State* L, int index) {
-  const char* text = text_arg(L, index);
-  return {text, lua_objlen(L, index)};
-}
-
 // What is wrong with an event, or null.
 const char* check_event(std::string_view name, std::string_view info) {
   const char* wrong = check_event_name(name);
@@ -96,7 +83,7 @@ const char* check_event(std::string_view name, std::string_view info) {
 
 // event_post(type, name [, info]): true, or false and a reason.
 int lua_event_post(lua_State* L) {
-  const int type = type_arg(L, 1);
+  const int type = whole_arg(L, 1);
   const std::string_view name = bytes_arg(L, 2);
   const std::string_view info = lua_isnoneornil(L, 3) ? std::string_view() : bytes_arg(L, 3);
   const char* wrong = check_event(name, info);

@@ -84,6 +84,22 @@ function finally(func) end
 ---@nodiscard
 function fields() end
 
+---Queues an event with the fields of a table. Error for what an event cannot carry, which names the field.
+---@param type integer
+---@param name string
+---@param fields? table<string, string|number|boolean>
+---@return boolean queued
+---@return string? reason when it was not queued
+function post(type, name, fields) end
+
+---The table kept under that name, which survives reloads and restarts: strings, numbers, booleans and nested tables, at
+---most 64 KiB as text. Written every 30 s when it has changed, and when the daemon ends.
+---@param name string letters, digits, "_" and "-", at most 64
+---@param default? table when nothing is kept under that name
+---@return table
+---@nodiscard
+function keep(name, default) end
+
 ---- Files and tags ----------------------------------------------------------------------------------------------------
 
 ---Names the script file that is being loaded. Error "it is not loading" elsewhere.
@@ -288,6 +304,14 @@ function event_post(type, name, info) end
 ---@param arg? any
 ---@return integer id
 function proc_run(argv, timeout_s, func, arg) end
+
+---Runs a program in a task, which waits for its end. Status and output as for `proc_run`. A task that ends meanwhile ends
+---the program.
+---@param argv (string|number)[] the program and its arguments
+---@param timeout_s? number 0.001 to 86400; 60 without it
+---@return integer status
+---@return string output
+function run_wait(argv, timeout_s) end
 
 ---A text from a settings file beside the daemon's own.
 ---@param file string its name, without a folder

@@ -2,9 +2,10 @@
 //
 //   g++ -std=c++17 -O2 -fPIC -shared -pthread -Wl,-z,now $(pkg-config --cflags lua5.1) -o libeaprocess.so *.cpp
 //
-// It adds one global, proc_run(argv, timeout_s, func [, arg]), which starts a program and returns its number at once.
-// When the program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler in
-// es_proc_done.list_func calls func(arg, status, output).
+// It adds proc_run(argv, timeout_s, func [, arg]), which starts a program and returns its number at once. When the
+// program has ended, the event "proc_done" (type 7002, fields `id` and `status`) is posted, and a handler in
+// es_proc_done.list_func calls func(arg, status, output). And it adds run_wait(argv [, timeout_s]), for tasks of the
+// default scripts, which waits for that event and returns status and output.
 //
 // A Lua error is a long jump, and nearly every Lua function can raise one: no destructor runs in the frames that it
 // crosses. So this file uses plain values, Lua's own memory and the Lua stack only. Everything else is behind
@@ -17,6 +18,8 @@
 #include <lua.hpp>
 
 #include "program_runner.h"
+
+extern "C" __attribute__((weak)) int zelvind_trial(void);
 
 namespace {
 
@@ -97,22 +100,17 @@ const char* const* push_argv(lua_State* L) {
   return argv;
 }
 
-// Whether this is the copy of the daemon that tries a reload: no program may start there.
-bool is_trial() {
+// True in the copy of the daemon that tries a reload: it has none of our threads, and a lock may be held for good
+// there.
+bool in_trial() {
   return zelvind_trial != nullptr && zelvind_trial() != 0;
 }
 
-// proc_run(argv, timeout_s, func [, arg])
-int proc_run(lua_State* L) {
-  luaL_checktype(L, 1, LUA_TTABLE);
-  const lua_Number timeout_s = luaL_checknumber(L, 2);
-  const bool in_range = timeout_s >= 0.001 && timeout_s <= program_runner::kTimeoutMaxS;
-  luaL_argcheck(L, in_range, 2, "0.001 to 86400 seconds expected");
-  luaL_checktype(L, 3, LUA_TFUNCTION);
-  lua_settop(L, 4);
-  if (is_trial()) {
+// Hands over the program argv, for timeout_s seconds; `callback` is the index of a table { func, arg }, or of false.
+// Returns its number.
+int start_program(lua_State* L, lua_Number timeout_s, int callback) {
+  if (in_trial()) {
     push_argv(L);  // refuses a wrong one
-    lua_pushinteger(L, 1);
     return 1;
   }
   ensure_handler(L);
@@ -121,42 +119,133 @@ int proc_run(lua_State* L) {
 
   // All that can raise comes before the program is handed over.
   push_registered(L, &g_callbacks_key);
-  lua_createtable(L, 2, 0);
-  lua_pushvalue(L, 3);
-  lua_rawseti(L, -2, 1);
-  lua_pushvalue(L, 4);
-  lua_rawseti(L, -2, 2);
+  lua_pushvalue(L, callback);
   lua_rawseti(L, -2, id);
   const char* const refusal = program_runner::run(id, argv, static_cast<int>(timeout_s * 1000));
   if (refusal != nullptr) {
     lua_pushnil(L);
     lua_rawseti(L, -2, id);
-    return luaL_error(L, "%s", refusal);
+    luaL_error(L, "%s", refusal);
   }
-  lua_pushinteger(L, id);
+  return id;
+}
+
+lua_Number check_timeout(lua_State* L) {
+  const lua_Number timeout_s = luaL_checknumber(L, 2);
+  const bool in_range = timeout_s >= 0.001 && timeout_s <= program_runner::kTimeoutMaxS;
+  luaL_argcheck(L, in_range, 2, "0.001 to 86400 seconds expected");
+  return timeout_s;
+}
+
+// proc_run(argv, timeout_s, func [, arg])
+int proc_run(lua_State* L) {
+  luaL_checktype(L, 1, LUA_TTABLE);
+  const lua_Number timeout_s = check_timeout(L);
+  luaL_checktype(L, 3, LUA_TFUNCTION);
+  lua_settop(L, 4);
+  lua_createtable(L, 2, 0);
+  lua_pushvalue(L, 3);
+  lua_rawseti(L, -2, 1);
+  lua_pushvalue(L, 4);
+  lua_rawseti(L, -2, 2);
+  lua_pushinteger(L, start_program(L, timeout_s, 5));
   return 1;
 }
 
-// The handler of "proc_done". Anybody can post such an event: a number that no finished program has is ignored.
+// Pushes status and output of a program that has ended, and drops them. Returns false when it has not ended.
+bool take_result(lua_State* L, int id) {
+  program_runner::Result result{};
+  if (in_trial() || !program_runner::find_result(id, &result)) return false;
+  lua_pushinteger(L, result.status);
+  lua_pushlstring(L, result.output, result.output_size);
+  program_runner::drop(id);
+  push_registered(L, &g_callbacks_key);
+  lua_pushnil(L);
+  lua_rawseti(L, -2, id);
+  lua_pop(L, 1);
+  return true;
+}
+
+// The handler of "proc_done". Anybody can post such an event: a number that no finished program has is ignored, and
+// what run_wait has started is left to it.
 int proc_done(lua_State* L) {
   lua_settop(L, 0);
   lua_getglobal(L, "evt_field_int");
   lua_pushliteral(L, "id");
   lua_call(L, 1, 1);
   const int id = static_cast<int>(lua_tointeger(L, 1));
-  program_runner::Result result{};
-  if (!program_runner::find_result(id, &result)) return 0;
   push_registered(L, &g_callbacks_key);
   lua_rawgeti(L, 2, id);
+  if (!lua_istable(L, 3)) return 0;
   lua_rawgeti(L, 3, 1);
   lua_rawgeti(L, 3, 2);
-  lua_pushinteger(L, result.status);
-  lua_pushlstring(L, result.output, result.output_size);
-  program_runner::drop_result(id);
-  lua_pushnil(L);
-  lua_rawseti(L, 2, id);
-  lua_call(L, 3, 0);
+  if (take_result(L, id)) lua_call(L, 3, 0);
   return 0;
+}
+
+// The three functions that run_wait is made of.
+
+// start(argv, timeout_s): the program's number.
+int start(lua_State* L) {
+  luaL_checktype(L, 1, LUA_TTABLE);
+  const lua_Number timeout_s = check_timeout(L);
+  lua_settop(L, 2);
+  lua_pushboolean(L, 0);
+  lua_pushinteger(L, start_program(L, timeout_s, 3));
+  return 1;
+}
+
+// take(id): status and output, or nothing while the program runs.
+int take(lua_State* L) {
+  return take_result(L, static_cast<int>(lua_tointeger(L, 1))) ? 2 : 0;
+}
+
+// drop(id): ends the program and forgets it.
+int drop(lua_State* L) {
+  const int id = static_cast<int>(lua_tointeger(L, 1));
+  if (in_trial()) return 0;
+  program_runner::drop(id);
+  push_registered(L, &g_callbacks_key);
+  lua_pushnil(L);
+  lua_rawseti(L, -2, id);
+  return 0;
+}
+
+// A task that ends while it waits, by a reload too, leaves neither the program nor its result behind. The time beyond
+// the program's own is for its end by SIGKILL; an event that was lost is found out about then.
+constexpr char kRunWait[] = R"lua(
+local start, take, drop = ...
+local programs = setmetatable({}, { __mode = "k" }) -- thread of a task -> its program's number, false without one
+function run_wait(argv, seconds)
+  local thread = coroutine.running()
+  if not thread or programs[thread] == nil then
+    local function drop_program()
+      if programs[thread] then drop(programs[thread]) end
+    end
+    if not pcall(finally, drop_program) then error("run_wait outside a task", 2) end
+    programs[thread] = false
+  end
+  if programs[thread] then drop(programs[thread]) end -- a wait that failed, inside pcall
+  seconds = seconds or 60
+  local done, id = pcall(start, argv, seconds)
+  if not done then error(id, 2) end
+  programs[thread] = id
+  local status, output = take(id)
+  while not status do
+    wait_event("proc_done", seconds + 2, { id = id })
+    status, output = take(id)
+  end
+  programs[thread] = false
+  return status, output
+end
+)lua";
+
+void add_run_wait(lua_State* L) {
+  if (luaL_loadbuffer(L, kRunWait, sizeof(kRunWait) - 1, "=run_wait") != 0) lua_error(L);
+  lua_pushcfunction(L, start);
+  lua_pushcfunction(L, take);
+  lua_pushcfunction(L, drop);
+  lua_call(L, 3, 0);
 }
 
 int end_programs(lua_State*) {
@@ -182,6 +271,7 @@ int eaction_init(lua_State* L) {
   lua_setmetatable(L, -2);
   lua_rawset(L, LUA_REGISTRYINDEX);
   lua_register(L, "proc_run", proc_run);
+  add_run_wait(L);
   ensure_handler(L);
   if (program_runner::start()) return 0;
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known error numbers are constants

@@ -47,6 +47,7 @@ struct Runner {
   std::set<int> taken_ids;             // under mutex: the ids of the wanted, running and finished ones
   std::vector<ProgramPtr> wanted;      // under mutex: not started yet
   std::map<int, ProgramPtr> finished;  // under mutex: until their result is dropped
+  std::set<int> dropped;               // under mutex: the ids of wanted and running ones that nobody waits for
 
   // The runner's thread only.
   std::vector<ProgramPtr> running;
@@ -59,9 +60,25 @@ struct Runner {
 Runner* g_runner = nullptr;
 
 void finish(Runner& runner, ProgramPtr program) {
-  runner.unposted.emplace_back(program->id, program->status);
   const Lock lock(runner.mutex);
-  runner.finished[program->id] = std::move(program);
+  const int id = program->id;
+  if (runner.dropped.erase(id) != 0) {
+    runner.taken_ids.erase(id);
+    return;
+  }
+  runner.unposted.emplace_back(id, program->status);
+  runner.finished[id] = std::move(program);
+}
+
+bool is_dropped(Runner& runner, const ProgramPtr& program) {
+  const Lock lock(runner.mutex);
+  return runner.dropped.count(program->id) != 0;
+}
+
+void kill_dropped(Runner& runner) {
+  for (const ProgramPtr& program : runner.running) {
+    if (is_dropped(runner, program)) program->kill_group();
+  }
 }
 
 // Returns false when the thread is to end.
@@ -73,7 +90,7 @@ bool start_wanted(Runner& runner) {
     wanted.swap(runner.wanted);
   }
   for (ProgramPtr& program : wanted) {
-    if (program->start()) {
+    if (!is_dropped(runner, program) && program->start()) {
       runner.running.push_back(std::move(program));
     } else {
       finish(runner, std::move(program));
@@ -139,6 +156,7 @@ void wait_and_read(Runner& runner) {
 bool one_pass(Runner& runner) {
   if (!start_wanted(runner)) return false;
   finish_ended(runner);
+  kill_dropped(runner);
   const int64_t now = steady_ms();
   for (const ProgramPtr& program : runner.running) program->enforce_time(now);
   unpost_finished(runner, now);
@@ -240,11 +258,19 @@ void post_again() noexcept {
   wake(*g_runner);
 }
 
-void drop_result(int id) noexcept {
+void drop(int id) noexcept try {
   if (g_runner == nullptr) return;
-  const Lock lock(g_runner->mutex);
-  g_runner->finished.erase(id);
-  g_runner->taken_ids.erase(id);
+  {
+    const Lock lock(g_runner->mutex);
+    if (g_runner->taken_ids.count(id) == 0) return;
+    if (g_runner->finished.erase(id) != 0) {
+      g_runner->taken_ids.erase(id);
+      return;
+    }
+    g_runner->dropped.insert(id);
+  }
+  wake(*g_runner);
+} catch (...) {  // no memory: the program goes on until its time is over, and its result keeps its place
 }
 
 }  // namespace program_runner

@@ -43,7 +43,8 @@ bool find_result(int id, Result* result) noexcept;
 // Posts the events of all results once more, at most once a second: for those whose event was missed.
 void post_again() noexcept;
 
-// Forgets a result; its place is then free for another program.
-void drop_result(int id) noexcept;
+// Forgets a result; its place is then free for another program. A program that has not ended yet is killed, with its
+// whole group, and its event is not posted.
+void drop(int id) noexcept;
 
 }  // namespace program_runner

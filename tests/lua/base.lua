@@ -18,6 +18,12 @@ end
 pass(0)
 es_list = { list_func = 7 }
 raises("es_list.list_func is a number, not a table", on, "list", print)
+local expected = "on(type_name, func [, arg]): the name "
+for name, why in pairs { [""] = "is missing", ["door open"] = "holds a blank or a control character",
+  ["a\0b"] = "holds a blank or a control character", [("n"):rep(128)] = "is longer than 127 bytes" } do
+  raises(expected .. why, on, name, print)
+end
+on(("n"):rep(127), print)
 
 -- An error, wherever it happens, is written with its traceback, line by line.
 local failing = chunk("local text = ...\nlocal function f() error(text) end\n" ..
@@ -34,6 +40,8 @@ task(failing, "now")
 task(failing, "later")
 check("task", traced(), "base.lua: task failed: probe:2: now" .. main)
 check("task that waited", ran(now, 6), "base.lua: task failed: probe:2: later" .. main)
+task(chunk("error(setmetatable({ a = 1 }, setmetatable({}, { __index = error })))"))
+check("a metatable that raises", traced():match("^[^|]*"), "base.lua: task failed: { a = 1 }")
 
 -- It is written once, then counted each minute, and forgotten after a minute without it.
 for _ = 1, 3 do check("repeated", traced_by_event(""), "next") end
@@ -75,6 +83,7 @@ local rows = {
   ["skipped in spring"] = { 2, 30, time(2026, 3, 28, 13, 0), { 288, 600 }, "29 03:00+0200 30 02:30+0200 " },
   ["twice in autumn"] = { 2, 30, time(2026, 10, 24, 14, 0), { 288, 600 }, "25 02:30+0200 26 02:30+0100 " },
   ["late, in the next year"] = { 23, 59, time(2026, 12, 31, 23, 0), { 58, 60, 1, 300, 60, 60 }, "01 00:03+0100 " },
+  ["beyond 32 bits of seconds"] = { 3, 0, time(2040, 1, 13, 2, 0), { 61, 60 }, "13 03:00+0100 " },
   ["clock set back"] = { 3, 0, time(2026, 2, 3, 2, 0), { 61, 60, 1, -1800, 60, 60 }, "03 03:00+0100 03 03:00+0100 " },
 }
 for label, row in pairs(rows) do
