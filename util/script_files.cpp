@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 
 #include "util/except.h"
@@ -63,17 +62,4 @@ DirectoryScripts directory_scripts(const std::string& script_path, const std::st
   for (const std::string& name : external_names) scripts.paths.push_back(script_in(external_path, name));
   for (const std::string& name : script_names) scripts.paths.push_back(script_in(script_path, name));
   return scripts;
-}
-
-Names lib_modules(const std::string& dir) {
-  namespace fs = std::filesystem;
-  Names paths;
-  std::error_code error;
-  const fs::recursive_directory_iterator end;
-  for (fs::recursive_directory_iterator entry(script_in(dir, "lib"), error); !error && entry != end;
-       entry.increment(error)) {
-    if (is_script_name(entry->path().native()) && !entry->is_directory(error)) paths.push_back(entry->path());
-  }
-  std::sort(paths.begin(), paths.end());
-  return paths;
 }

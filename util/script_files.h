@@ -26,7 +26,3 @@ struct DirectoryScripts {
 // The other files: those of external_path, then those of script_path whose name does not occur there. Throws
 // except_base when script_path cannot be listed.
 DirectoryScripts directory_scripts(const std::string& script_path, const std::string& external_path);
-
-// The paths of the modules that require finds below lib/ in folder `dir`, in byte order. What cannot be read is left
-// out.
-std::vector<std::string> lib_modules(const std::string& dir);

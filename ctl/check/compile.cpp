@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <lua.hpp>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -51,8 +52,20 @@ class Compiler {
   const std::unique_ptr<lua_State, void (*)(lua_State*)> state;
 };
 
-void compile_lib(const std::string& folder, Compiler& compiler) {
-  for (const std::string& path : lib_modules(folder)) compiler.compile(path);
+// The libraries that scripts get with require: all below lib/ of the folders; of equal names the first one counts.
+void compile_libraries(const std::vector<std::string>& folders, Compiler& compiler) {
+  namespace fs = std::filesystem;
+  std::map<std::string, std::string> libraries;  // paths by name
+  for (const std::string& folder : folders) {
+    if (folder.empty()) continue;  // no external_path
+    const fs::path place = fs::path(folder) / "lib";
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(place, error), end; !error && entry != end; entry.increment(error)) {
+      const std::string path = entry->path().string();
+      if (is_script_name(path)) libraries.emplace(entry->path().lexically_relative(place).string(), path);
+    }
+  }
+  for (const auto& [name, path] : libraries) compiler.compile(path);
 }
 
 void compile_place(const std::string& place, Compiler& compiler, Findings& findings) {
@@ -64,7 +77,7 @@ void compile_place(const std::string& place, Compiler& compiler, Findings& findi
   const std::vector<std::string> names = list_script_files(place);
   if (names.empty()) findings.fault(place + ": there is no script in it");
   for (const std::string& name : names) compiler.compile(script_in(place, name));
-  compile_lib(place, compiler);
+  compile_libraries({place}, compiler);
 }
 
 }  // namespace
@@ -83,8 +96,7 @@ std::vector<std::string> compile_configured(const ScriptFolders& folders, Findin
     if (!reason.empty()) findings.warn(folders.external, "external_path: " + reason);
   }
   for (const std::string& path : directory_scripts(folders.script, folders.external).paths) compiler.compile(path);
-  if (!folders.external.empty()) compile_lib(folders.external, compiler);
-  compile_lib(folders.script, compiler);
+  compile_libraries({folders.external, folders.script}, compiler);
   return compiler.good;
 }
 

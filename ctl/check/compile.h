@@ -7,8 +7,7 @@
 #include "ctl/check/findings.h"
 #include "ctl/configuration.h"
 
-// Compiles the scripts that the daemon would load, in its order, and the modules of lib/. Returns the paths of those
-// without a fault.
+// Compiles the scripts that the daemon would load, in its order. Returns the paths of those without a fault.
 std::vector<std::string> compile_configured(const ScriptFolders& folders, Findings& findings);
 
 // Compiles every script in each of `places`, a folder or a file. Returns the paths of those without a fault.

@@ -19,7 +19,6 @@
 
 #include "program_runner.h"
 
-extern "C" __attribute__((weak)) int zelvind_trial(void);
 
 namespace {
 
@@ -102,19 +101,16 @@ const char* const* push_argv(lua_State* L) {
 
 // True in the copy of the daemon that tries a reload: it has none of our threads, and a lock may be held for good
 // there.
-bool in_trial() {
+bool is_trial() {
   return zelvind_trial != nullptr && zelvind_trial() != 0;
 }
 
 // Hands over the program argv, for timeout_s seconds; `callback` is the index of a table { func, arg }, or of false.
 // Returns its number.
 int start_program(lua_State* L, lua_Number timeout_s, int callback) {
-  if (in_trial()) {
-    push_argv(L);  // refuses a wrong one
-    return 1;
-  }
-  ensure_handler(L);
   const char* const* const argv = push_argv(L);
+  if (is_trial()) return 1;
+  ensure_handler(L);
   const int id = program_runner::next_id();
 
   // All that can raise comes before the program is handed over.
@@ -155,7 +151,7 @@ int proc_run(lua_State* L) {
 // Pushes status and output of a program that has ended, and drops them. Returns false when it has not ended.
 bool take_result(lua_State* L, int id) {
   program_runner::Result result{};
-  if (in_trial() || !program_runner::find_result(id, &result)) return false;
+  if (is_trial() || !program_runner::find_result(id, &result)) return false;
   lua_pushinteger(L, result.status);
   lua_pushlstring(L, result.output, result.output_size);
   program_runner::drop(id);
@@ -203,7 +199,7 @@ int take(lua_State* L) {
 // drop(id): ends the program and forgets it.
 int drop(lua_State* L) {
   const int id = static_cast<int>(lua_tointeger(L, 1));
-  if (in_trial()) return 0;
+  if (is_trial()) return 0;
   program_runner::drop(id);
   push_registered(L, &g_callbacks_key);
   lua_pushnil(L);
