@@ -93,6 +93,8 @@ class ScriptTimers {
   void note_first_alarm();
 
   std::map<uint64_t, ScriptTimer> timers;
+  int first_due = std::numeric_limits<int>::max();  // s since the epoch; no timer is due before
+  int walked_at = 0;                                // s since the epoch: when timers were looked at last
   std::map<uint64_t, ScriptAlarm> alarms;
   std::set<std::pair<int64_t, uint64_t>> alarm_order;  // due_us and number of each alarm
   std::atomic<int64_t> first_alarm{kNever};

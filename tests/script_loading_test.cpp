@@ -149,6 +149,16 @@ TEST_F(ScriptLoading, ReloadsReleaseFormerTimersAndTasks) {
   EXPECT_LT(heap(), before + 150 * 2) << "KiB; each coroutine of cr_add takes one";
 }
 
+// It would belong to no load.
+TEST_F(ScriptLoading, WhatAReloadEndsRegistersNothing) {
+  write("scripts/a.lua", "task(function() finally(function() on('door', print) end) cr_yield(100000) end)");
+  load();
+  reload();
+  const std::string told = "a.lua: finally of a task failed: /opt/scripts/a.lua:1: a task that a reload ends cannot ";
+  EXPECT_EQ(traced().rfind(told + "register anything|", 0), 0u);
+  EXPECT_EQ(handled(), "<1> mscript: unknown event type[door]");
+}
+
 // Daily runs bear reloads; what the base files have made stays.
 TEST_F(ScriptLoading, ReloadsKeepTheDailyRunAndBaseFiles) {
   write("scripts/server_event.lua",
