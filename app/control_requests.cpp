@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <lua.hpp>
-#include <system_error>
+#include <memory>
 
 #include "app/reload_requests.h"
 #include "control/event_ring.h"
@@ -34,10 +35,18 @@ std::atomic<int64_t> g_state_since{0};  // steady_ns
 
 // Bytes of memory in use.
 int64_t resident_bytes() {
-  std::ifstream statm("/proc/self/statm");
-  int64_t pages = 0;
-  statm >> pages >> pages;
-  return pages * sysconf(_SC_PAGESIZE);
+  const std::unique_ptr<FILE, int (*)(FILE*)> statm(fopen("/proc/self/statm", "re"), fclose);
+  char line[128] = "";
+  if (statm == nullptr || fgets(line, sizeof(line), statm.get()) == nullptr) return 0;
+  char* resident = line;
+  strtoll(line, &resident, 10);  // its address space
+  return strtoll(resident, nullptr, 10) * sysconf(_SC_PAGESIZE);
+}
+
+std::string program_path() {
+  char target[4096];
+  const ssize_t length = readlink("/proc/self/exe", target, sizeof(target));
+  return {target, static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
 bool is_script(Activity activity) {
@@ -184,10 +193,7 @@ ControlRequests::ControlRequests(ManagerScript& the_script, ManagerListener& the
     : script(the_script),
       listener(the_listener),
       ring(the_ring),
-      program([] {
-        std::error_code ignored;
-        return std::filesystem::read_symlink("/proc/self/exe", ignored).string();
-      }()),
+      program(program_path()),
       started_s(time(nullptr)),
       started_ns(steady_ns()) {
   enter_state("starting");

@@ -134,7 +134,7 @@ void reload_as_asked(Managers& managers, const Folders& folders) {
   try {
     ReloadRequests::answer(reload(managers, folders, with_trial));
   } catch (const std::exception& error) {
-    ReloadRequests::answer({false, error.what()});
+    ReloadRequests::answer({false, std::string("the reload has ended the daemon: ") + error.what()});
     throw;
   }
 }

@@ -9,6 +9,7 @@ void add_match_benchmark();
 void add_fairness_benchmarks();
 void add_rest_benchmarks();
 void add_growth_benchmarks();
+void add_reload_benchmark();
 
 // Events per second of the `dispatch` benchmark's loop, measured now: what other rates are compared with.
 double dispatch_rate();

@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
   add_fairness_benchmarks();
   add_rest_benchmarks();
   add_growth_benchmarks();
+  add_reload_benchmark();
   FigureTable table;
   benchmark::RunSpecifiedBenchmarks(&table);
   std::filesystem::remove_all(root);

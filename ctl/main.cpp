@@ -72,7 +72,7 @@ void run_check(const Given& given) {
 }
 
 void run_reload(const Given& given) {
-  const ReloadRequest request{given.root, given.value("--pidfile"), given.has("--strict")};
+  const ReloadRequest request{given.root, given.value("--pidfile"), given.has("--strict"), given.has("--no-trial")};
   if (given.has("--watch")) return reload_at_changes(request, stdout);
   reload_scripts(request, stdout);
 }
@@ -179,11 +179,13 @@ const std::vector<Command>& commands() {
       {"reload",
        "Have the daemon load its scripts again, if they have no faults",
        "Checks the scripts first, as zelvctl check does; with a fault, the daemon is not told. Warnings are printed\n"
-       "and stop nothing, unless with --strict.\n"
+       "and stop nothing, unless with --strict. Then the daemon tries the reload in a copy of itself: when a script\n"
+       "fails or hangs there, its error is printed, and the daemon goes on with the scripts that it has.\n"
        "Ends with status 0 when the daemon has reloaded, with 1 when it has not, when the reload has ended it,\n"
        "or when it takes longer than 60 s.\n"
        "--root and the exit statuses: see zelvctl --help.",
        {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that owns the event socket)", "FILE"},
+        {"--no-trial", Takes::nothing, "Reload at once: a script that fails ends the daemon"},
         {"--watch", Takes::nothing, "Reload whenever a script file changes"},
         {"--strict", Takes::nothing, "Count warnings as faults"}},
        run_reload},

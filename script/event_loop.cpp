@@ -30,7 +30,7 @@ enum class Next { pass, quit };
 class LoopTurn {
  public:
   explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) {
-    script.refill_memory();
+    if (script.memory.is_short()) script.refill_memory();
     script.answer_others();
   }
   LoopTurn(const LoopTurn&) = delete;

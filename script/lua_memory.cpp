@@ -11,7 +11,7 @@ LuaMemory::~LuaMemory() {
 
 lua_State* LuaMemory::new_state() {
   used = 0;
-  collected(0);
+  collected();
   return lua_newstate(allocate, this);
 }
 
@@ -47,12 +47,16 @@ bool LuaMemory::refuses(size_t more) {
   return false;
 }
 
-void LuaMemory::collected(int64_t ns) {
-  not_before_ns = steady_ns() + 9 * ns;
+void LuaMemory::collected() {
   if (reserve == nullptr) reserve = malloc(kReserve);
   reserve_is_out = reserve == nullptr || (limit != 0 && used > limit);
   const size_t left = limit - std::min(limit, used);
   collect_at = left < limit / 64 ? SIZE_MAX : std::max(limit / 4 * 3, used + left / 2);
+}
+
+void LuaMemory::back_off(int64_t ns) {
+  const bool has_helped = !reserve_is_out && (limit == 0 || used < limit / 8 * 7);
+  not_before_ns = has_helped ? 0 : steady_ns() + 9 * ns;
 }
 
 bool LuaMemory::may_collect() const {

@@ -34,11 +34,12 @@ class LuaMemory {
   // True when a request has been refused and the reserve has not been taken back since.
   bool is_short() const { return reserve_is_out; }
 
-  // A full collection is done; it took `ns`. Takes the reserve back, if there is room for it.
-  void collected(int64_t ns);
+  // A full collection is done. Takes the reserve back, if there is room for it.
+  void collected();
 
-  // True when a collection for want of memory may take its time again: not more than a tenth of all time goes into
-  // them.
+  // A collection for want of memory has taken `ns`. While such ones do not help, at most a tenth of all time goes into
+  // them: that long, may_collect() returns false.
+  void back_off(int64_t ns);
   bool may_collect() const;
 
  private:

@@ -10,8 +10,8 @@
 #include "device/log.h"
 #include "script/event_loop.h"
 #include "script/script_api.h"
-#include "script/trial_guards.h"
 #include "script/script_report.h"
+#include "script/trial_guards.h"
 #include "util/except.h"
 #include "util/exe_dir.h"
 #include "util/lua_binding.h"
@@ -254,12 +254,19 @@ void ManagerScript::collect_garbage() {
   g_loop_stats.end_collection();
 }
 
+void ManagerScript::refill_memory() {
+  if (!memory.may_collect()) return;
+  const int64_t began = steady_ns();
+  collect_garbage();
+  memory.back_off(steady_ns() - began);
+}
+
 void ManagerScript::collect_inside(lua_State* L) {
   const int64_t began = steady_ns();
   std::string error;
   const bool done = protect(L, error, [](lua_State* state) { lua_gc(state, LUA_GCCOLLECT, 0); });
   const int64_t taken = steady_ns() - began;
-  memory.collected(taken);
+  memory.collected();
   g_loop_stats.collections.add(taken);
   if (done) return;
   if (const auto left_out = g_collection_lines.allow()) {
@@ -277,6 +284,7 @@ void ManagerScript::write_report() {
 }
 
 std::optional<std::string> ManagerScript::report(int timeout_ms) {
+  if (g_loop_stats.activity().activity == Activity::stopped) return {};
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   MutexLock lock(report_mutex);
   last_report.reset();

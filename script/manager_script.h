@@ -92,9 +92,7 @@ class ManagerScript {
   void collect_inside(lua_State* L);
   // When a request for memory has been refused, collects all garbage and takes the reserve back, as often as the
   // back-off allows.
-  void refill_memory() {
-    if (memory.is_short() && memory.may_collect()) collect_garbage();
-  }
+  void refill_memory();
   // Does what has been asked of the loop since its last turn: the report.
   void answer_others() {
     if (report_wanted.load(std::memory_order_relaxed)) write_report();
@@ -102,7 +100,7 @@ class ManagerScript {
 
   // Any thread but the one that runs the event loop. The answer of the loop at its next turn, which lists the files,
   // handlers, timers and tasks as lines (docs/control.md); nothing when it does not come within timeout_ms: the loop is
-  // busy, or does not run.
+  // busy, or has ended. One caller at a time.
   std::optional<std::string> report(int timeout_ms);
 
   // The tag of the script code that runs; empty when it has none. Only the thread that has the Lua state.
@@ -145,6 +143,6 @@ class ManagerScript {
 // The one instance, or null. Set before any other thread starts, cleared after the last has ended.
 extern ManagerScript* g_mscript;
 
-// What the main thread does while it waits for a reload or its trial: a call that has the state may be one to name or to
-// end. Returns in how many ms it wants to be called again.
+// What the main thread does while it waits for a reload or its trial: a call that has the state may be one to name or
+// to end. Returns in how many ms it wants to be called again.
 int watch_meanwhile();

@@ -1,5 +1,6 @@
 #include "script/script_report.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -12,6 +13,7 @@ namespace {
 
 constexpr char kHandlerPrefix[] = "es_";
 constexpr int kUpvaluesDeep = 3;
+constexpr int kThreadsDeep = 2;
 
 using Place = char[512];
 
@@ -33,7 +35,7 @@ bool find_place(lua_State* L, int deep, Place& place) {
   lua_pushvalue(L, -1);
   lua_getinfo(L, ">S", &info);
   bool found = !is_default_script(info) && info.what[0] != 'C';
-  if (found || deep == kUpvaluesDeep) write_place(info, info.linedefined, place);
+  if (found || (deep == kUpvaluesDeep && info.what[0] != 'C')) write_place(info, info.linedefined, place);
   for (int i = 1; !found && deep > 0 && lua_getupvalue(L, -1, i) != nullptr; ++i) {
     if (lua_isfunction(L, -1)) {
       found = find_place(L, deep - 1, place);
@@ -53,16 +55,38 @@ void find_definition(lua_State* L, Place& place) {
   find_place(L, kUpvaluesDeep, place);
 }
 
-// Where a coroutine waits: the innermost line that is not the default scripts'.
-void find_wait(lua_State* thread, Place& place) {
-  strcpy(place, "");
+// The coroutine inside which a default script runs a task's function: "thread" of the table that the function on top of
+// the stack has as its upvalue "self"; or null. Pops the function.
+lua_State* inner_thread(lua_State* L) {
+  lua_State* inner = nullptr;
+  const char* name = "";
+  for (int i = 1; inner == nullptr && (name = lua_getupvalue(L, -1, i)) != nullptr; ++i) {
+    if (strcmp(name, "self") == 0 && lua_istable(L, -1)) {
+      lua_pushliteral(L, "thread");
+      lua_rawget(L, -2);
+      inner = lua_tothread(L, -1);
+      lua_pop(L, 1);
+    }
+    lua_pop(L, 1);
+  }
+  lua_pop(L, 1);
+  return inner;
+}
+
+// Where a coroutine waits: the innermost line that is not the default scripts', or else the outermost one of these.
+// Nothing is pushed on its own stack but what getinfo leaves there.
+bool find_wait(lua_State* L, lua_State* thread, int deep, Place& place) {
   lua_Debug info{};
-  for (int level = 0; lua_getstack(thread, level, &info) == 1; ++level) {
-    lua_getinfo(thread, "Sl", &info);
+  for (int level = 0; deep > 0 && lua_getstack(thread, level, &info) == 1; ++level) {
+    lua_getinfo(thread, "Slf", &info);
+    lua_xmove(thread, L, 1);
+    lua_State* const inner = is_default_script(info) ? inner_thread(L) : (lua_pop(L, 1), nullptr);
+    if (inner != nullptr && inner != thread && find_wait(L, inner, deep - 1, place)) return true;
     if (info.currentline < 0) continue;
     write_place(info, info.currentline, place);
-    if (!is_default_script(info)) return;
+    if (!is_default_script(info)) return true;
   }
+  return false;
 }
 
 class Report {
@@ -79,7 +103,7 @@ class Report {
     std::string error;
     protect(script.lua_state, error, [this](lua_State* L) { add_handlers(L); });
     protect(script.lua_state, error, [this](lua_State* L) { add_timers(L); });
-    add_tasks();
+    protect(script.lua_state, error, [this](lua_State* L) { add_tasks(L); });
     return answer.take_lines();
   }
 
@@ -115,18 +139,20 @@ class Report {
     Place place;
     lua_rawgeti(L, -2, 2);
     find_definition(L, place);
-    answer.line("handler").key("event", event).key("tag", tag).key("module", module_of(place));
+    answer.line("handler").key("event", event).key("tag", tag).key("module", module_of(place, tag));
     answer.key("where", place);
     lua_pop(L, 1);
   }
 
-  // The module of the file that a place is in, or "".
-  const char* module_of(std::string_view place) const {
+  // The module of the file that a place is in, or else the one that has the tag as its name, or "".
+  const char* module_of(std::string_view place, std::string_view tag) const {
+    const char* named = "";
     for (const ScriptModule& module : script.scripts.all()) {
       const size_t length = module.path.size();
       if (place.substr(0, length) == module.path && place.substr(length, 1) == ":") return module.module_name.c_str();
+      if (module.module_name == tag) named = module.module_name.c_str();
     }
-    return "";
+    return named;
   }
 
   void add_timers(lua_State* L) {
@@ -148,13 +174,16 @@ class Report {
     answer.key("where", place);
   }
 
-  void add_tasks() {
+  void add_tasks(lua_State* L) {
     const int now = script.clock.milliseconds();
     Place place;
     for (const auto& [number, coroutine] : script.coroutines.all()) {
-      find_wait(coroutine.thread, place);
+      strcpy(place, "");
+      find_wait(L, coroutine.thread, kThreadsDeep, place);
       answer.line("task").key("tag", coroutine.tag);
-      answer.key("due_in_ms", script.coroutines.due_in_ms(coroutine, now)).key("where", place);
+      const bool waits_for_time = coroutine.wait != INT_MAX;
+      if (waits_for_time) answer.key("due_in_ms", script.coroutines.due_in_ms(coroutine, now));
+      answer.key("where", place);
     }
   }
 

@@ -51,8 +51,8 @@ class ScriptStop {
   // Enters `watching`: `patient` follows when wanted() returns true.
   void begin_to_watch();
 
-  // Enters `patient` for `ms` ms, in the copy of the daemon that tries a reload. Then the script that runs gets an error
-  // like at a stop, and `late` is told its place, "FILE:LINE".
+  // Enters `patient` for `ms` ms, in the copy of the daemon that tries a reload. Then the script that runs gets an
+  // error like at a stop, and `late` is told its place, "FILE:LINE".
   void begin_trial(int ms, void (*late)(const char* place));
 
   // Enters `off`. Only when no other thread runs scripts.

@@ -93,9 +93,9 @@ constexpr struct {
   const char* name;
   Instead instead;
 } kOutside[] = {
-    {"io", "open", open_nothing},          {"io", "output", write_to_nothing}, {"io", "popen", run_nothing},
-    {"os", "execute", execute_nothing},    {"os", "exit", exit_trial},         {"os", "remove", succeed_with_one},
-    {"os", "rename", succeed_with_two},    {"os", "tmpname", name_nothing},    {nullptr, "event_post", succeed_with_two},
+    {"io", "open", open_nothing},       {"io", "output", write_to_nothing}, {"io", "popen", run_nothing},
+    {"os", "execute", execute_nothing}, {"os", "exit", exit_trial},         {"os", "remove", succeed_with_one},
+    {"os", "rename", succeed_with_two}, {"os", "tmpname", name_nothing},    {nullptr, "event_post", succeed_with_two},
 };
 constexpr int kCount = sizeof(kOutside) / sizeof(kOutside[0]);
 

@@ -438,7 +438,7 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
   daemon.write("go", "");
   EXPECT_EQ(reloads.read_to("\n\n"), "reload result=done");
   EXPECT_EQ(value(follows.read_to("\n"), "event", "errors"), "1");
-  EXPECT_NE(client.ask("scripts").find("handler event=door tag=front module=front where="), std::string::npos);
+  EXPECT_NE(client.ask("scripts").find("handler event=door tag=front module= where="), std::string::npos);
   daemon.write("scripts/door.lua", "error('no way')");
   reloads.put("reload\nclients\n");
   EXPECT_NE(value(reloads.read_to("\n\n"), "reload", "text").find("no%20way"), std::string::npos);

@@ -9,6 +9,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 constexpr char kEnd[] = "<1> zelvind: zelvind end\n";
 
 // Commands for the shell; the last two end with the daemon.
@@ -160,6 +166,92 @@ TEST(Daemon, FailedStartsAndReloads) {
     EXPECT_EQ(daemon.count("mscript: cleanup..."), 0u);
     EXPECT_FALSE(fs::exists(daemon.path("run/zelvind/events.sock")));
   }
+}
+
+// Each script fails in the copy of the daemon that tries the reload, by SIGHUP with reload_trial = 1. `make` runs in the
+// folder of the scripts, where `undo` leaves what was there before.
+TEST(Daemon, AFailedTrialChangesNothing) {
+  const std::string at_1 = "could not execute script[ROOT/scripts/x.lua] -- ROOT/scripts/x.lua:1: ";
+  const std::string bare = "could not execute script[ROOT/scripts/x.lua] -- ";
+  const std::string unread = "could not load file[ROOT/scripts/x.lua] -- ";
+  const auto file = [](const std::string& code) { return "cat >x.lua <<'END'\n" + code + "\nEND\n"; };
+  const struct {
+    std::string make, line, undo;
+  } rows[] = {
+      {file("evry(10, function() end)"), at_1 + "attempt to call global 'evry' (a nil value)", ""},
+      {file("local t = {} t.go()"), at_1 + "attempt to call field 'go' (a nil value)", ""},
+      {file("for i = 1, 9 do assert(i < 9, 'at ' .. i) end"), at_1 + "at 9", ""},
+      {file("while true do end"), "did not return within 10 s: " + at_1 + "did not return", ""},
+      {file("local function f() return 1 + f() end f()"), at_1 + "stack overflow", ""},
+      {file("local function f(s) return (s:gsub('.', f)) end f('x')"), bare + "C stack overflow", ""},
+      {file("local t = {} while true do t[#t + 1] = ('x'):rep(1e6) .. #t end"), "", ""},
+      {file("x = = 1"), unread + "ROOT/scripts/x.lua:1: unexpected symbol near '='", ""},
+      {"ln -s nowhere x.lua", unread + "cannot open ROOT/scripts/x.lua", ""},
+      {"mkdir x.lua", unread + "cannot read ROOT/scripts/x.lua: Is a directory", ""},
+      {"printf '\\033Lua0123456789' >x.lua", unread + "ROOT/scripts/x.lua: bad header in precompiled chunk", ""},
+      {file("on('door', function() error('no') end)") + "echo \"error('second', 0)\" >y.lua",
+       "could not execute script[ROOT/scripts/y.lua] -- second", "rm scripts/y.lua"},
+      {file("assert(round == 1, 'only once')"), at_1 + "only once", ""},
+      {file("error({})"), bare + "NOT ERROR", ""},
+      {file("error(('x'):rep(1e6))"), at_1 + "xxxx", ""},
+      {file("error('one\\ntwo\\27[2J', 0)"), bare + "one\n", ""},
+      {file("os.exit(3)"), "a script calls os.exit, which ends the daemon\n", ""},
+      {file("pcall(os.exit)"), "a script calls os.exit, which ends the daemon\n", ""},
+      {file("os.remove(os.getenv('ROOT') .. '/scripts/a.lua') event_post(1, 'door', 'n=copy')"
+            "os.execute('touch $ROOT/made') proc_run({ 'touch', os.getenv('ROOT') .. '/made' }, 9, print)"
+            "for i = 1, 20000 do trace(1, 'copy') end error('left', 0)"), bare + "left", ""},
+      {"mv ../scripts ../gone", "Failed to get script file list in path[ROOT/scripts]", "mv gone scripts"},
+  };
+  RealDaemon daemon;
+  daemon.launch("printf 'reload_trial = 1\ndll_path = " PLUGIN_DIR "\n' >>$ROOT/opt/flash/mtd4-cfg/zelvind.info");
+  daemon.write("scripts/a.lua",
+               "round = (round or 0) + 1 local mine = round "
+               "on('door', function() trace(1, 'round ' .. mine .. ' ' .. evt_info()) end)"
+               "every(1, function() end) task(function() while true do cr_yield(10) end end)");
+  ASSERT_TRUE(daemon.start());
+  EventClient client(daemon.port());
+  daemon.subscribe(client, "door");
+  const std::string proc = "/proc/" + std::to_string(daemon.process());
+  const auto descriptors = [&] { return std::distance(fs::directory_iterator(proc + "/fd"), {}); };
+  const auto resident_pages = [&] {
+    long size = 0, resident = 0;
+    std::ifstream(proc + "/statm") >> size >> resident;
+    return resident;
+  };
+  const auto descriptors_before = descriptors();
+  long pages_before = 0;
+  size_t failed = 0;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.make);
+    daemon.launch("cd $ROOT/scripts; " + row.make);
+    daemon.send_signal(SIGHUP);
+    ASSERT_TRUE(daemon.wait_for("<1> zelvind: not reloaded: ", ++failed));
+    const std::string log = daemon.text_of("log");
+    const std::string text = log.substr(log.rfind("<1> zelvind: not reloaded: ") + 27);
+    EXPECT_EQ(text.substr(0, row.line.size()), row.line);
+    ASSERT_TRUE(wait_until([&] { return read_file(daemon.path("run/zelvind/state")).find(" ready 0") != std::string::npos; }));
+    daemon.launch("cd $ROOT; rm -rf scripts/x.lua; " + row.undo);
+    const std::string info = "n=" + std::to_string(failed);
+    EXPECT_TRUE(daemon.post("1 door " + info + "\n"));
+    EXPECT_EQ(client.read_info(), info);
+    EXPECT_TRUE(daemon.wait_for("round 1 " + info));
+    EXPECT_EQ(read_file(proc + "/task/" + std::to_string(daemon.process()) + "/children"), "");
+    EXPECT_EQ(descriptors(), descriptors_before);
+    if (failed == 1) pages_before = resident_pages();
+  }
+  EXPECT_LT(resident_pages() - pages_before, kIsSanitized ? 16384 : 256);
+  EXPECT_FALSE(fs::exists(daemon.path("made")));
+  EXPECT_EQ(daemon.count("<1> lua-trace: copy"), 0u);
+  daemon.write("scripts/x.lua", "error('no')");
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 1, "zelvctl has nothing tried first: --pidfile was given\n",
+                        "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
+                            ") has tried the reload and not done it; its log says why\n");
+  fs::remove(daemon.path("scripts/x.lua"));
+  daemon.send_signal(SIGHUP);
+  EXPECT_TRUE(daemon.wait_for("zelvind: reloading ..."));
+  EXPECT_TRUE(daemon.post("1 door n=last\n"));
+  EXPECT_TRUE(daemon.wait_for("round 2 n=last"));
+  EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST(Daemon, StandardStreamsThatAreClosedOrDead) {

@@ -3,14 +3,18 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "script/event_loop.h"
 #include "tests/script_fixture.h"
 #include "util/clock.h"
 #include "util/except.h"
 #include "util/lua_binding.h"
+#include "util/text.h"
 
 namespace {
 
@@ -79,9 +83,10 @@ TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart
 TEST_F(EventLoop, AStopEndsAScriptThatNeverReturns) {
   script->stop.patience_ms = 50;
   run_lua("function hang() trace(1, 'hangs') while true do end end");
-  for (const std::string code : {"trace(1, 'hangs') while true do sleep(1) end", "for i = 1, 2 do pcall(hang) end",
-                                 "coroutine.wrap(function() coroutine.wrap(hang)() end)()",
-                                 "cr_add(function() cr_yield(1) hang() end, 0, nil)"}) {
+  for (const std::string code :
+       {"trace(1, 'hangs') while true do sleep(1) end", "for i = 1, 2 do pcall(hang) end",
+        "trace(1, 'hangs') sleep(1000000)", "coroutine.wrap(function() coroutine.wrap(hang)() end)()",
+        "cr_add(function() cr_yield(1) hang() end, 0, nil)"}) {
     SCOPED_TRACE(code);
     standin::reset();
     run_lua("es_a = { list_func = { { 't', function() " + code + " end } } }");
@@ -141,6 +146,183 @@ TEST_F(EventLoop, AReloadComesBeforeTheNextPass) {
   }
   script->stop_thread();
   EXPECT_EQ(standin::log_lines_with("trace"), wanted);
+}
+
+std::atomic<bool> held_up{true};
+int hold_up(lua_State* L) {
+  lua_pushboolean(L, held_up ? 1 : 0);
+  return 1;
+}
+
+std::atomic<int> wakes{0};
+
+// What the main thread does, until that line has been logged `count` times.
+void watch_until(const std::string& line, size_t count = 1) {
+  for (const int64_t end = steady_ms() + 10000; standin::log_lines_with(line).size() < count;) {
+    ASSERT_LT(steady_ms(), end) << line;
+    g_mscript->watch.look();
+    usleep(1000);
+  }
+}
+
+// And until it may sleep without an end.
+void watch_until_rest() {
+  for (int left_ms = 0; left_ms >= 0; left_ms = g_mscript->watch.look()) usleep(1000);
+}
+
+TEST_F(EventLoop, ACallThatHoldsUpTheLoopIsNamedOnceAMinuteAndEndedByTheLimit) {
+  const lua_CFunction hold_in_c = [](lua_State*) {
+    while (held_up) sched_yield();
+    return 0;
+  };
+  lua_register(script->lua_state, "hold_up", hold_up);
+  lua_register(script->lua_state, "hold_in_c", hold_in_c);
+  run_lua(
+      "function slow() while hold_up() do end trace(1, 'over') end "
+      "es_a = { list_func = { { 't', slow } } }"
+      "es_b = { list_func = { { 'in C', hold_in_c } } }"
+      "es_c = { list_func = { { 't', function() pcall(slow) slow() end }, { 'u', function() trace(1, 'next') end } } }"
+      "es_d = { list_func = { { 'v', function() cr_add(slow, 0, 0) end } } }");
+  script->watch.wake = [] { ++wakes; };
+  script->watch.warn_ms = 20;
+  ASSERT_EQ(script->start_thread(), 1);
+  watch_until_rest();
+  EXPECT_EQ(script->watch.where(0), "");
+  standin::post(1, "a", "");
+  watch_until("slow handler: event(a), tag[t], ");
+  EXPECT_EQ(wakes, 1);
+  EXPECT_EQ(script->watch.where(10000), "[string \"temp\"]:1");
+  EXPECT_EQ(script->report(0), std::nullopt);
+  held_up = false;
+  ASSERT_TRUE(standin::wait_for_line("over"));
+  const std::string first = standin::log_lines_with("ms so far")[0];
+  EXPECT_NE(first.find(" ms so far, [string \"temp\"]:1"), std::string::npos) << first;
+  ASSERT_TRUE(standin::wait_for_line("slow handler: event(a), tag[t], returned after "));
+  held_up = true;
+  standin::post(1, "b", "");
+  watch_until("slow handler: event(b), tag[in C], ");
+  held_up = false;
+  EXPECT_NE(standin::log_lines_with("tag[in C]")[0].find(" ms so far, in C code"), std::string::npos);
+  ASSERT_TRUE(standin::wait_for_line("event(b), tag[in C], returned"));
+  watch_until_rest();
+  script->watch.limit_ms = 40;  // nobody reads it meanwhile
+  held_up = true;
+  for (const char* name : {"c", "d"}) standin::post(1, name, "");
+  watch_until("next");
+  watch_until("event(d), tag[v], returned");
+  EXPECT_GE(standin::log_lines_with("ended a slow handler: event(c), tag[t], [string \"temp\"]:1").size(), 1u);
+  EXPECT_EQ(g_loop_stats.last_error().tag, "v");  // the coroutine inside the call was ended
+  EXPECT_TRUE(standin::wait_for_line(
+      "<1> mscript: error[etype:1] - [string \"temp\"]:1: ended, it has held up the event loop for more than 40 ms"));
+  standin::post(EVENT_TYPE_QUIT, "quit", "");
+  ASSERT_TRUE(standin::wait_for_line("<1> mscript: quit event, the event loop has ended"));
+  script->stop_thread();
+  EXPECT_EQ(standin::log_lines_with("event(c), tag[t], returned").size(), 0u);  // named in that minute already
+  EXPECT_EQ(g_loop_stats.activity().activity, Activity::stopped);
+}
+
+// A leak is refused what it wants after few collections and one line; what is garbage is no reason to refuse.
+TEST_F(EventLoop, ScriptsStayWithinTheirMemory) {
+  write("scripts/a.lua",
+        "on('leak', function() local t = {} while true do t[#t + 1] = { #t } end end)"
+        "on('keep', function() kept = {} for i = 1, 60000 do kept[i] = { i } end end)"
+        "on('waste', function() for i = 1, 300000 do local t = { i } end trace(1, 'wasted') end)");
+  load();
+  script->memory.set_limit(size_t{12} * 1024 * 1024);
+  script->collect_every = 1000;
+  for (const char* name : {"leak", "keep", "waste", "leak", "waste"}) standin::post(1, name, "");
+  const uint64_t collections = g_loop_stats.collections.count();
+  run_to_quit();
+  EXPECT_EQ(standin::log_lines_with("not enough memory").size(), 1u);  // the second one is counted
+  EXPECT_EQ(standin::log_lines_with("wasted").size(), 2u);
+  EXPECT_LT(g_loop_stats.collections.count() - collections, 60u);
+}
+
+TEST_F(EventLoop, CountsByTypeAndTag) {
+  script->clock.milliseconds = [] { return static_cast<int>(now_ms); };
+  write("scripts/a.lua",
+        "script_define('count', 0)"
+        "es_c1 = { list_func = { { 'count1', function() end }, { 'count2', function() error('planted') end } } }"
+        "on('c2', function() error('told by the default scripts') end)"
+        "on('c3', function() cr_add(function() cr_yield(1) error('in a coroutine', 0) end, 0, 0) end)");
+  load();
+  for (const char* name : {"c1", "c1", "c4", "c2", "c3"}) standin::post(1, name, "");
+  const uint64_t late = g_loop_stats.coroutine_lateness.count();
+  run_to_quit();
+  pass(10);
+  std::string text;
+  const LoopStats& stats = g_loop_stats;
+  for (int i = 0; i < stats.event_names.size(); ++i) {
+    const EventStats& event = stats.events[i];
+    const std::string name = stats.event_names.name(i);
+    if (name.size() != 2 || name[0] != 'c') continue;  // of other tests
+    text += sstr("%s:%d,%d,%d,%d ", name.c_str(), static_cast<int>(event.events.get()),
+                 static_cast<int>(event.unknown.get()), static_cast<int>(event.errors.get()),
+                 static_cast<int>(event.run.count()));
+  }
+  EXPECT_EQ(text, "c1:2,0,2,2 c4:1,1,0,0 c2:1,0,1,1 c3:1,0,0,1 ");
+  text.clear();
+  for (int i = 0; i < stats.tag_names.size(); ++i) {
+    const std::string name = stats.tag_names.name(i);
+    if (name.rfind("count", 0) != 0) continue;
+    text += sstr("%s:%d,%d ", name.c_str(), static_cast<int>(stats.tags[i].run.count()),
+                 static_cast<int>(stats.tags[i].errors.get()));
+  }
+  EXPECT_EQ(text, "count1:2,0 count2:2,2 count:3,2 ");
+  EXPECT_EQ(stats.last_error().text, "in a coroutine");
+  EXPECT_EQ(stats.last_error().tag, "count");
+  EXPECT_EQ(stats.coroutine_lateness.count(), late + 1);
+
+  NameTable table;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(table.entry_of(std::to_string(i)), std::min(i, NameTable::kOther));
+  }
+  EXPECT_EQ(table.name(table.entry_of(std::string(300, 'x'))), std::string("(other)"));
+}
+
+TEST_F(EventLoop, ReportsWhatScriptsHave) {
+  write("scripts/a.lua",
+        "script_define('mod', 0)\n"
+        "on('door', function() end)\n"
+        "every(60, function() end)\n"
+        "after(1, function() end)\n"
+        "task(function()\n"
+        "  wait_event('door', 5)\n"
+        "end)\n"
+        "es_raw = { list_func = { { 'my tag', function() end }, 'rubbish', { {}, print } } }\n"
+        "setmetatable(_G, { __index = error })");
+  load();
+  ASSERT_EQ(script->start_thread(), 1);
+  std::string report = script->report(10000).value_or("none");
+  script->stop_thread();
+  Lines lines;
+  std::istringstream text(under_opt(report));
+  for (std::string line; std::getline(text, line);) {
+    const bool in_default_script = line.find("init_base.lua:") != std::string::npos;
+    lines.push_back(in_default_script ? line.substr(0, line.find("where=")) + "where=INIT" : line);
+  }
+  std::sort(lines.begin() + 2, lines.end());
+  const std::string at = "where=/opt/scripts/a.lua:";
+  EXPECT_EQ(
+      lines,
+      (Lines{"round n=1", "file path=/opt/scripts/a.lua module=mod round=1",
+             "handler event=door tag=mod module=mod " + at + "2", "handler event=door tag=mod module=mod where=INIT",
+             "handler event=raw tag= module= where=", "handler event=raw tag=my%20tag module=mod " + at + "8",
+             "task tag=mod " + at + "6", "timer tag=init_base.lua every_ms=0 due_in_ms=0 where=INIT",
+             "timer tag=mod every_ms=0 due_in_ms=1000 " + at + "4",
+             "timer tag=mod every_ms=0 due_in_ms=5000 where=INIT",
+             "timer tag=mod every_ms=60000 due_in_ms=60000 " + at + "3"}));
+}
+
+// Each level takes 8 KiB of the C stack, and Lua allows 200.
+TEST_F(EventLoop, AHandlerMayRecurseThroughC) {
+  run_lua(
+      "local function deep(n) return n == 0 and 'deep' or (('x'):gsub('x', function() return deep(n - 1) end)) end "
+      "es_a = { list_func = { { 't', function() trace(1, deep(180)) end } } }");
+  ASSERT_EQ(script->start_thread(), 1);
+  standin::post(1, "a", "");
+  EXPECT_TRUE(standin::wait_for_line("lua-trace: deep"));
+  script->stop_thread();
 }
 
 // Neither a stop nor a coroutine that a reload starts waits until the loop has waited for an event. A file may take its

@@ -220,7 +220,9 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(daemon.wait_for("lua-trace: old"));
   daemon.write("scripts/a.lua", "sleep(50) trace(1, 'new')");
-  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, process + " has reloaded its scripts\n", "");
+  const std::string untried = "zelvctl has nothing tried first: --pidfile was given\n";
+  const std::string done = process + " has reloaded its scripts\n";
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, untried + done, "");
   EXPECT_EQ(daemon.count("lua-trace: new"), 1u);
 
   daemon.expect_zelvctl("reload --root / --pidfile $ROOT/pid", 1, "",
@@ -232,13 +234,25 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   EXPECT_EQ(daemon.count("SIGHUP"), 2u);
   daemon.launch("mkdir $ROOT/run/zelvind/state.new");
   daemon.expect_zelvctl(
-      "reload", 1, warning,
+      "reload --pidfile $ROOT/pid", 1, warning + untried,
       "zelvctl: " + process + " was told to reload, but keeps no state that tells how that ends; see its log\n");
   daemon.launch("rmdir $ROOT/run/zelvind/state.new");
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path("run/zelvind/state")); }));
-  daemon.write("scripts/a.lua", "error('no')");
-  daemon.expect_zelvctl("reload", 1, "", "zelvctl: " + process + " has ended during the reload; its log says why\n");
+
+  daemon.write("scripts/a.lua", "round = (round or 0) + 1 sleep(20)");
+  daemon.expect_zelvctl("reload", 0, done, "");
+  daemon.write("scripts/a.lua", "error('round ' .. round)");
+  const std::string error = "could not execute script[ROOT/scripts/a.lua] -- ROOT/scripts/a.lua:1: round 1\n";
+  daemon.expect_zelvctl("reload", 1, "",
+                        "zelvctl: not reloaded: " + error + "stack traceback:\n  [C]: in function 'error'\n" +
+                            "  ROOT/scripts/a.lua:1: in main chunk\n  [C]: ?\n");
+  EXPECT_EQ(daemon.count("SIGHUP"), 4u);
+  daemon.launch("zelvctl reload --no-trial 2>$ROOT/err");
+  const std::string ended = daemon.text_of("err");  // the daemon may be gone before it can say why
+  EXPECT_TRUE(ended == "zelvctl: not reloaded: the reload has ended the daemon: " + error ||
+              ended == "zelvctl: " + process + " has ended during the reload; its log says why\n")
+      << ended;
   EXPECT_EQ(daemon.wait_for_end(), 0);
 }
 

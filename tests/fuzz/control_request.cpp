@@ -1,5 +1,5 @@
 // Bytes of a client of the control socket, cut into requests and taken apart. Input: the size of the pieces (one byte;
-// from 128 on the line in the middle is filled up to about the longest that is taken), then the bytes.
+// from 240 on the line in the middle is filled up to about the longest that is taken), then the bytes.
 #include "control/control_request.h"
 #include "control/answer.h"
 #include "tests/fuzz/fuzz.h"
@@ -73,8 +73,8 @@ void check(const std::string& line) {
 
 void fuzz(size_t choice, std::string input) {
   check_encoding(input);
-  if (choice >= 128) input.insert(input.size() / 2, 3960 + choice, 'x');
-  const size_t piece_size = choice >= 128 ? 1500 : choice + 1;
+  if (choice >= 240) input.insert(input.size() / 2, 3840 + choice, 'x');
+  const size_t piece_size = choice >= 240 ? 1500 : choice + 1;
   RequestLines lines;
   std::vector<std::string> taken;
   const auto take = [&] {
