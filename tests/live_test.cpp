@@ -58,7 +58,7 @@ TEST(Tail, FiltersAndGoesOnBehindTheLastEvent) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.arguments);
-    root.launch("export TZ=UTC; zelvctl --root $ROOT tail " + row.arguments + " 2>$ROOT/err | head -n " +
+    root.launch("export TZ=UTC; timeout 20 zelvctl --root $ROOT tail " + row.arguments + " 2>$ROOT/err | head -n " +
                 std::to_string(row.lines) + " >$ROOT/out; sed -i 's/after [0-9.]* m*s/after T/' $ROOT/err");
     EXPECT_EQ(root.text_of("out"), row.output);
     EXPECT_EQ(root.text_of("err").substr(0, row.errors.size()), row.errors);
