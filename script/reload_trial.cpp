@@ -24,7 +24,7 @@ namespace {
 
 constexpr size_t kLogMost = size_t{64} * 1024;    // bytes of the copy's log lines that are passed on
 constexpr size_t kFaultMost = size_t{16} * 1024;  // bytes of what went wrong
-constexpr int kGracePart = 10;                    // of the time: left for the copy to tell that its scripts are late
+constexpr int kGraceMs = 1000;  // at the end of the time: for the copy to tell that its scripts are late
 
 // What the copy has reported.
 class Report {
@@ -173,7 +173,7 @@ TrialVerdict try_reload(ManagerScript& script, const char* script_path, const ch
   Pipe pipe;
   pid_t copy = -1;
   if (pipe.open()) {
-    const int scripts_ms = limit_ms - limit_ms / kGracePart;
+    const int scripts_ms = limit_ms - std::min(kGraceMs, limit_ms / 2);
     copy = fork_copy(script, {script_path, external_path, scripts_ms, getpid(), pipe.writing.get()}, verdict.held_us);
   }
   if (copy < 0) {
