@@ -29,7 +29,7 @@ struct Waiting {
   void answer(const ReloadVerdict& verdict, bool also_not_taken) {
     const MutexLock lock(mutex);
     for (Request* request : requests) {
-      if (request->is_taken || also_not_taken) request->verdict = verdict;
+      if (!request->verdict && (request->is_taken || also_not_taken)) request->verdict = verdict;
     }
     answered.notify_all();
   }

@@ -168,8 +168,8 @@ TEST(Daemon, FailedStartsAndReloads) {
   }
 }
 
-// Each script fails in the copy of the daemon that tries the reload, by SIGHUP with reload_trial = 1. `make` runs in the
-// folder of the scripts, where `undo` leaves what was there before.
+// Each script fails in the copy of the daemon that tries the reload, by SIGHUP with reload_trial = 1. `make` runs in
+// the folder of the scripts, where `undo` leaves what was there before.
 TEST(Daemon, AFailedTrialChangesNothing) {
   const std::string at_1 = "could not execute script[ROOT/scripts/x.lua] -- ROOT/scripts/x.lua:1: ";
   const std::string bare = "could not execute script[ROOT/scripts/x.lua] -- ";
@@ -199,7 +199,8 @@ TEST(Daemon, AFailedTrialChangesNothing) {
       {file("pcall(os.exit)"), "a script calls os.exit, which ends the daemon\n", ""},
       {file("os.remove(os.getenv('ROOT') .. '/scripts/a.lua') event_post(1, 'door', 'n=copy')"
             "os.execute('touch $ROOT/made') proc_run({ 'touch', os.getenv('ROOT') .. '/made' }, 9, print)"
-            "for i = 1, 20000 do trace(1, 'copy') end error('left', 0)"), bare + "left", ""},
+            "for i = 1, 20000 do trace(1, 'copy') end error('left', 0)"),
+       bare + "left", ""},
       {"mv ../scripts ../gone", "Failed to get script file list in path[ROOT/scripts]", "mv gone scripts"},
   };
   RealDaemon daemon;
@@ -229,7 +230,8 @@ TEST(Daemon, AFailedTrialChangesNothing) {
     const std::string log = daemon.text_of("log");
     const std::string text = log.substr(log.rfind("<1> zelvind: not reloaded: ") + 27);
     EXPECT_EQ(text.substr(0, row.line.size()), row.line);
-    ASSERT_TRUE(wait_until([&] { return read_file(daemon.path("run/zelvind/state")).find(" ready 0") != std::string::npos; }));
+    ASSERT_TRUE(
+        wait_until([&] { return read_file(daemon.path("run/zelvind/state")).find(" ready 0") != std::string::npos; }));
     daemon.launch("cd $ROOT; rm -rf scripts/x.lua; " + row.undo);
     const std::string info = "n=" + std::to_string(failed);
     EXPECT_TRUE(daemon.post("1 door " + info + "\n"));

@@ -242,7 +242,7 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
 
   daemon.write("scripts/a.lua", "round = (round or 0) + 1 sleep(20)");
   daemon.expect_zelvctl("reload", 0, done, "");
-  daemon.write("scripts/a.lua", "error('round ' .. round)");
+  daemon.write("scripts/a.lua", "error('round ' .. rawget(_G, 'round'))");
   const std::string error = "could not execute script[ROOT/scripts/a.lua] -- ROOT/scripts/a.lua:1: round 1\n";
   daemon.expect_zelvctl("reload", 1, "",
                         "zelvctl: not reloaded: " + error + "stack traceback:\n  [C]: in function 'error'\n" +

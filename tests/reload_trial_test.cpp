@@ -24,17 +24,17 @@ class Trial : public ScriptFixture {
   // The loop runs, with a timer, a task and a handler that says who it is.
   void SetUp() override {
     write("scripts/m.lua",
-          "round = (round or 0) + 1 local mine = round on('door', function() trace(1, 'the handler of load ' .. mine) end)"
+          "round = (round or 0) + 1 local mine = round on('door', function() trace(1, 'the handler of load ' .. mine) "
+          "end)"
           "task(function() while true do cr_yield(1) end end)"
-          "out = out or io.open('" + path("out") + "', 'w') out:write('load ') out:flush()");
+          "out = out or io.open('" +
+              path("out") + "', 'w') out:write('load ') out:flush()");
     load();
     ASSERT_EQ(script->start_thread(), 1);
   }
   void TearDown() override { script->stop_thread(); }
 
-  TrialVerdict tried(int limit_ms = 10000) {
-    return try_reload(*script, path("scripts").c_str(), "", limit_ms);
-  }
+  TrialVerdict tried(int limit_ms = 10000) { return try_reload(*script, path("scripts").c_str(), "", limit_ms); }
 
   // The former handler answers, and nothing is left of the copy.
   void expect_as_before(size_t descriptors) {
@@ -84,12 +84,14 @@ TEST_F(Trial, EndsWhatDoesNotReturn) {
     const char* script;
     std::string text;
   } rows[] = {
-      {"while true do end", x},
-      {"sleep(100000)", x},
-      {"while true do pcall(function() while true do end end) end", late + "/opt/scripts/x.lua:1"},
-      {"pcall(function() while true do end end)", late + "/opt/scripts/x.lua:1"},
-      {"(('a'):rep(30)):find(('a*'):rep(30) .. 'b')", late + "/opt/scripts/x.lua"},
-      {nullptr, late + "could not load file[/opt/scripts/x.lua] -- cannot open /opt/scripts/x.lua: Interrupted"},
+    {"while true do end", x},
+    {"sleep(100000)", x},
+    {"while true do pcall(function() while true do end end) end", late + "/opt/scripts/x.lua:1"},
+    {"pcall(function() while true do end end)", late + "/opt/scripts/x.lua:1"},
+#if !defined(__SANITIZE_THREAD__)  // it delays signal handlers until the next call that it knows
+    {"(('a'):rep(30)):find(('a*'):rep(30) .. 'b')", late + "/opt/scripts/x.lua"},
+#endif
+    {nullptr, late + "could not load file[/opt/scripts/x.lua] -- cannot open /opt/scripts/x.lua: Interrupted"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);

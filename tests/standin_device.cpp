@@ -1,5 +1,7 @@
 #include "tests/standin_device.h"
 
+#include <pthread.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -48,6 +50,9 @@ struct Locked {
   static inline Device* const device = new Device;
   static inline std::mutex& mutex = *new std::mutex;
   static inline std::condition_variable& changed = *new std::condition_variable;
+  // A forked copy logs, too.
+  static inline const int usable_after_fork =
+      pthread_atfork([] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); });
   std::unique_lock<std::mutex> lock{mutex};
 };
 
