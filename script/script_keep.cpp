@@ -6,15 +6,14 @@
 #include "device/log.h"
 #include "script/keep_text.h"
 #include "script/manager_script.h"
+#include "script/trial_guards.h"
 #include "util/lua_binding.h"
-
-extern "C" __attribute__((weak)) int zelvind_trial();
 
 namespace {
 
 // In the trial of a reload nothing outside the process may change.
 bool in_trial() {
-  return zelvind_trial != nullptr && zelvind_trial() != 0;
+  return zelvind_trial() != 0;
 }
 
 int look(lua_State* L) {

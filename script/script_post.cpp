@@ -11,10 +11,9 @@
 #include "device/event_line.h"
 #include "device/event_source.h"
 #include "script/script_api.h"
+#include "script/trial_guards.h"
 #include "util/lua_binding.h"
 #include "util/text.h"
-
-extern "C" __attribute__((weak)) int zelvind_trial();
 
 namespace {
 
@@ -71,7 +70,7 @@ std::string info_of(lua_State* L, int index) {
 
 // Returns null, or why the event was not queued.
 const char* queue_event(int type, const char* name, const std::string& info) {
-  if (zelvind_trial != nullptr && zelvind_trial() != 0) return nullptr;
+  if (zelvind_trial() != 0) return nullptr;
   if (event_post == nullptr) return "this device's event queue takes no events from scripts";
   switch (event_post(type, name, info.c_str())) {
     case -1:

@@ -34,7 +34,7 @@ constexpr size_t kScriptThreadStack = size_t{4} * 1024 * 1024;
 
 // Starts a thread that runs body(argument) with SIGHUP, SIGINT and SIGTERM blocked: they reach the main thread and
 // never interrupt a script's sleep or a poll. SIGPIPE stays as it is. Stores the handle in *thread; the caller joins
-// it. Returns 0, or an error number, as pthread_create does, with 0 in *thread. Main thread only.
+// it. Returns 0, or an error number, as pthread_create does, with 0 in *thread. Any thread.
 inline int start_service_thread(pthread_t* thread, void* (*body)(void*), void* argument,
                                 size_t stack_size = kThreadStack) {
   const RunSignalsBlocked blocked;
