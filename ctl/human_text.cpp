@@ -42,7 +42,8 @@ size_t offset_behind(const std::string& text, size_t characters) {
 std::string duration_text(uint64_t us) {
   if (us < 1000) return us == 0 ? "0 s" : std::to_string(us) + " us";
   if (us < kSecond) return in_unit(static_cast<double>(us) / 1000, "ms");
-  if (us < kMinute) return sstr("%.1f s", static_cast<double>(us / 100000) / 10);
+  const uint64_t tenths = us / (kSecond / 10);
+  if (us < kMinute) return sstr("%.1f s", static_cast<double>(tenths) / 10);
   if (us < kHour) return in_two(us, kMinute, "min", kSecond, "s");
   if (us < kDay) return in_two(us, kHour, "h", kMinute, "min");
   return in_two(us, kDay, "d", kHour, "h");
