@@ -24,5 +24,7 @@ stds.zelvind = {
 allow_defined_top = true
 ignore = { "1[1-4][1-3]/^es_" }
 
-files["**/init_base.lua"] = { globals = { "script_define", "on", "every", "at", "after", "task", "wait_event", "finally", "fields" } }
+files["**/init_base.lua"] = {
+  globals = { "script_define", "on", "every", "at", "after", "task", "wait_event", "finally", "fields" },
+}
 files["**/annotations/zelvind.lua"] = { only = {} }

@@ -137,8 +137,8 @@ uint64_t ScriptCoroutines::start(lua_State* L, lua_State* thread, int thread_ref
   read_clock(now);
   Waiting place;
   place.emplace(0, next_number);
-  const auto record = records.try_emplace(records.end(), next_number);
-  record->second = {thread, clock_ms, wait, thread_ref, tag, place.extract(place.begin()), false};
+  ScriptCoroutine made{thread, clock_ms, wait, thread_ref, tag, place.extract(place.begin()), false};
+  const auto record = records.emplace_hint(records.end(), next_number, std::move(made));
   const uint64_t number = next_number++;
   elog(2, "corutine add2: %d", static_cast<int>(records.size()));
   if (!lua_isfunction(thread, 1)) {
@@ -160,7 +160,7 @@ bool ScriptCoroutines::ask_for_run(int wait) {
 void ScriptCoroutines::resume_due(lua_State* L, int now) {
   if (waiting.empty()) return;
   read_clock(now);
-  due.reserve(records.size());
+  if (due.capacity() < waiting.size()) due.reserve(2 * waiting.size());  // what follows must not fail half-way
   while (!waiting.empty() && waiting.begin()->first < clock_ms) {
     auto place = waiting.extract(waiting.begin());
     const uint64_t number = place.value().second;

@@ -117,6 +117,7 @@ int timer_time(lua_State* L) {
 }
 
 uint64_t ScriptTimers::add(ScriptTimer timer) {
+  first_due = std::min(first_due, timer.next_due);
   timers.emplace(next_number, std::move(timer));
   return next_number++;
 }
@@ -185,7 +186,12 @@ void ScriptTimers::run(lua_State* L, uint64_t number, const TimerCall& call, boo
   g_loop_stats.failed(tag.c_str(), error.c_str());
 }
 
+// No walk while the clock goes on towards the first due time: that keeps many timers cheap.
 void ScriptTimers::run_due(lua_State* L, int now) {
+  const bool is_none_due = walked_at <= now && now < first_due;
+  walked_at = now;
+  if (is_none_due) return;
+  first_due = INT_MAX;
   const uint64_t end = next_number;  // callbacks add timers
   for (auto next = timers.begin(); next != timers.end() && next->first < end;) {
     const uint64_t number = next->first;
@@ -193,10 +199,14 @@ void ScriptTimers::run_due(lua_State* L, int now) {
     if (int64_t{timer.next_due} - now > 2 * int64_t{timer.interval}) {  // the clock was set back
       timer.next_due = get_target_time(now, timer.interval, timer.origin);
     }
+    const bool is_due = timer.next_due <= now;
+    if (is_due) {
+      g_loop_stats.timer_lateness.add((int64_t{now} - timer.next_due) * 1000000000);
+      timer.next_due = get_target_time(now, timer.interval, timer.origin);
+    }
+    first_due = std::min(first_due, timer.next_due);
     ++next;
-    if (timer.next_due > now) continue;
-    g_loop_stats.timer_lateness.add((int64_t{now} - timer.next_due) * 1000000000);
-    timer.next_due = get_target_time(now, timer.interval, timer.origin);
+    if (!is_due) continue;
     run(L, number, timer.call, false);
     next = timers.upper_bound(number);  // the callback may have removed any
   }

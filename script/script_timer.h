@@ -93,6 +93,8 @@ class ScriptTimers {
   void note_first_alarm();
 
   std::map<uint64_t, ScriptTimer> timers;
+  int first_due = std::numeric_limits<int>::max();  // s since the epoch; no timer is due before
+  int walked_at = 0;                                // s since the epoch: when timers were looked at last
   std::map<uint64_t, ScriptAlarm> alarms;
   std::set<std::pair<int64_t, uint64_t>> alarm_order;  // due_us and number of each alarm
   std::atomic<int64_t> first_alarm{kNever};
@@ -106,9 +108,9 @@ int tmr_add(lua_State* L);
 int tmr_delete(lua_State* L);
 int timer_time(lua_State* L);
 
-// For the default scripts. add_timer(func, interval_s, origin, tag, round) and add_alarm(func, delay_s, interval_s,
-// tag, round) return a number, for has_timer(number) and remove_timer(number). remove_former_timers() removes those of
-// other rounds than the present one.
+// For the default scripts. add_timer(func, interval_s, origin, tag, round) and
+// add_alarm(func, delay_s, interval_s, tag, round) return a number, for has_timer(number) and remove_timer(number).
+// remove_former_timers() removes those of other rounds than the present one.
 int add_timer(lua_State* L);
 int add_alarm(lua_State* L);
 int has_timer(lua_State* L);

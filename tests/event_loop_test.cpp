@@ -66,17 +66,45 @@ TEST_F(EventLoop, TimersRunBetweenEvents) {
                                                      "<2> lua-trace: 999904", "<2> lua-trace: 999912"}));
 }
 
+// While events come without a pause, an alarm runs when it is due, and coroutines once their patience is over. Each
+// event takes 10 ms.
+TEST_F(EventLoop, AlarmsAndImpatientCoroutinesRunBetweenEvents) {
+  script->clock.milliseconds = [] { return static_cast<int>(passed_ms); };
+  const lua_CFunction pass_time = [](lua_State*) {
+    passed_ms += 10;
+    return 0;
+  };
+  lua_register(script->lua_state, "pass_time", pass_time);
+  const std::pair<int, std::string> rows[] = {{0, "123a456789"}, {1, "12c3ca4c5c6c7c8c9c"}, {30, "123a45c6789c"}};
+  for (const auto& [patience_ms, order] : rows) {
+    script->coroutine_patience_ms = patience_ms;
+    run_lua(
+        "order = '' set_handler_tag('t')"
+        "es_a = { list_func = { { 't', function() order = order .. evt_info() pass_time() end } } }"
+        "require('zelvind.engine').add_alarm(function() order = order .. 'a' end, 0.025, 0, 't', 0)"
+        "cr_add(function() cr_yield(15) while true do order = order .. 'c' cr_yield(1) end end, 0, nil)");
+    for (char event = '1'; event <= '9'; ++event) standin::post(1, "a", {event});
+    run_to_quit();
+    run_lua("trace(1, order)");
+    EXPECT_EQ(standin::log_lines_with("trace").back(), "<1> lua-trace: " + order) << patience_ms;
+    script->coroutines.clear();
+  }
+}
+
 TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart) {
   run_lua("set_handler_tag('t') cr_add(function() cr_yield(100000) end, 0, nil)");
+  script->clock.steady = ScriptClock().steady;
   const int64_t start = steady_ms();
   const std::pair<int, int> rows[] = {{1000000, 1}, {1000030, 1}, {1000031, 2}};
   for (const auto& [now, calls] : rows) {
     now_ms = int64_t{1000} * now;
     run_lua("set_handler_tag('t') cr_add(function() cr_yield(40) event_post(9999, 'quit') end, 0, nil)");
     event_loop(*script);
+    run_lua("require('zelvind.engine').add_alarm(function() event_post(9999, 'quit') end, 0.04, 0, 't', 0)");
+    event_loop(*script);
     EXPECT_EQ(standin::arrange_calls(), calls) << now;
   }
-  EXPECT_LT(steady_ms() - start, 1500);  // three of the longest waits would be 3 s
+  EXPECT_LT(steady_ms() - start, 1500);  // one of the longest waits each would be 6 s
 }
 
 // Whatever way a script never returns, a stop ends it, says where it was, and spares what runs afterwards.

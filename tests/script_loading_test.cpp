@@ -70,6 +70,9 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
   const std::string defined_first = define + by_hand;
   const std::string defined_last = by_hand + (" " + define);
   const std::string table = "rawset(_G, 'es_door', { list_func = { { 'm', function() trace(2, 'table') end } } }) ";
+  const std::string prepared =
+      "rawset(_G, 'es_door', rawget(_G, 'es_door') or { list_func = {} }) on('other', print) "
+      "table.insert(es_door.list_func, { 'j.lua', function() trace(2, 'prepared') end }) ";
   const auto on = [](const char* text) { return sstr("on('door', function() trace(2, '%s') end) ", text); };
   const struct {
     const char* name;
@@ -88,6 +91,7 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
       {"by hand, among others", on("a"), defined_first, "a|by hand", "", on("b"), "b"},
       {"by hand, first of others", defined_last, on("b"), "by hand|b", defined_last, "", "by hand"},
       {"a table of its own", table + define, "", "table", define + table, "", "table"},
+      {"a list of another's", on("a"), prepared, "a|prepared", "", prepared, "prepared"},
   };
   for (const bool strict : {false, true}) {
     for (const auto& row : cases) {
@@ -115,8 +119,48 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
   }
 }
 
-// Timers and tasks of the load before end when they come to run.
-TEST_F(ScriptLoading, ReloadsEndFormerTimersAndTasks) {
+// What a load has made is gone when the next one begins, with everything it held.
+TEST_F(ScriptLoading, ReloadsReleaseFormerTimersAndTasks) {
+  write("scripts/a.lua",
+        "rounds = (rounds or 1000) + 1 local data = string.rep('x', 100000) .. rounds "
+        "on('door', function() return data end) every(7, print, { data }) every(0.5, print, { data }) "
+        "after(9, print, { data }) at(3, 0, print, { data }) task(function(d) cr_yield(100000) return d end, { data }) "
+        "task(function() finally(function() trace(2, 'end ' .. #data) end) wait_event('window', 60) end)"
+        "tmr_add(function() end, 3600, 0, 0) cr_add(function() cr_yield(1000000) end, 0, 0)");
+  load();
+  pass(10);
+  const auto counts = [&] { return std::pair(script->timers.size(), script->coroutines.size()); };
+  const auto heap = [&] {
+    script->collect_garbage();
+    return lua_gc(script->lua_state, LUA_GCCOUNT, 0);
+  };
+  const auto [timers, coroutines] = counts();
+  const int before = [&] {
+    const LuaTurn turn(script->gate);
+    return heap();
+  }();
+  for (size_t round = 1; round <= 150; ++round) {
+    reload();
+    ASSERT_EQ(traced(), "end 100004");
+    pass(10);
+    ASSERT_EQ(counts(), std::pair(timers + round, coroutines + round)) << "those of tmr_add and cr_add stay";
+  }
+  const LuaTurn turn(script->gate);
+  EXPECT_LT(heap(), before + 150 * 2) << "KiB; each coroutine of cr_add takes one";
+}
+
+// It would belong to no load.
+TEST_F(ScriptLoading, WhatAReloadEndsRegistersNothing) {
+  write("scripts/a.lua", "task(function() finally(function() on('door', print) end) cr_yield(100000) end)");
+  load();
+  reload();
+  const std::string told = "a.lua: finally of a task failed: /opt/scripts/a.lua:1: a task that a reload ends cannot ";
+  EXPECT_EQ(traced().rfind(told + "register anything|", 0), 0u);
+  EXPECT_EQ(handled(), "<1> mscript: unknown event type[door]");
+}
+
+// Daily runs bear reloads; what the base files have made stays.
+TEST_F(ScriptLoading, ReloadsKeepTheDailyRunAndBaseFiles) {
   write("scripts/server_event.lua",
         "every(10, function() trace(2, tag()) end) function event_server.init()"
         " task(function() cr_yield(5) trace(2, 'base task') end) end");

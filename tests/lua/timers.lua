@@ -15,6 +15,7 @@ add("eight", 8, T)
 add("future", 60, T + 100)
 local passes = {
   { 0, "" }, { 40, "eight|future" }, { 40, "" }, { 47, "" }, { 500, "eight|future" }, { 503, "" }, { 504, "eight" },
+  { 503, "" }, { 504, "" }, { 512, "eight" }, { 505, "" }, { 512, "" }, { 520, "eight|future" }, { 511, "" }, { 512, "eight" },
   { -900000, "" }, { -899992, "eight" }, { -899940, "eight|future" },
   { 2000000, "eight|future" }, { 2000008, "eight" }, { 2000060, "eight|future" }, { 0, "" },
 }
