@@ -14,11 +14,13 @@
 
 LoopHere::LoopHere(const std::string& lua) {
   script.init();
+  g_event_ring = &ring;
   run_lua(lua);
 }
 
 LoopHere::~LoopHere() {
   script.cleanup();
+  g_event_ring = nullptr;
 }
 
 void LoopHere::add_function(const char* name, lua_CFunction function) {

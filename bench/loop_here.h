@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "control/event_ring.h"
 #include "script/manager_script.h"
 
 class LoopHere {
@@ -29,6 +30,9 @@ class LoopHere {
   void stop();
 
   ManagerScript script;
+
+ private:
+  EventRing ring{size_t{256} * 1024};  // as in the daemon
 };
 
 // Posts an event inside this process; throws when it is refused.

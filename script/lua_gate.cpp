@@ -8,16 +8,6 @@ void LuaGate::enter(Turn turn, int (*meanwhile)()) {
   holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
 }
 
-// What happens while the lock is released is seen by the caller's next look at the word.
-void LuaGate::wait_a_while(MutexLock& lock, int (*meanwhile)()) {
-  if (meanwhile == nullptr) return changed.wait(lock);
-  lock.unlock();
-  const int wait_ms = meanwhile();
-  lock.lock();
-  if ((word.load(std::memory_order_relaxed) & kHeld) == 0) return;
-  changed.wait_for(lock, std::chrono::milliseconds(wait_ms));
-}
-
 void LuaGate::wait_and_take(Turn turn, int (*meanwhile)()) {
   MutexLock lock(mutex);
   const bool is_next = turn == Turn::next;
@@ -25,7 +15,15 @@ void LuaGate::wait_and_take(Turn turn, int (*meanwhile)()) {
   ++waiting;
   // Once kAwaited is set, the word is neither 0 nor kHeld: nobody changes it without the mutex.
   while ((word.fetch_or(kAwaited, std::memory_order_acquire) & kHeld) != 0 || (!is_next && waiting_for_next > 0)) {
-    wait_a_while(lock, meanwhile);
+    if (meanwhile == nullptr) {
+      changed.wait(lock);
+      continue;
+    }
+    lock.unlock();
+    const int wait_ms = meanwhile();
+    lock.lock();
+    const bool is_held = (word.load(std::memory_order_relaxed) & kHeld) != 0;  // or it was left meanwhile
+    if (is_held) changed.wait_for(lock, std::chrono::milliseconds(wait_ms));
   }
   --waiting;
   waiting_for_next -= is_next ? 1 : 0;

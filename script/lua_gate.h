@@ -34,7 +34,6 @@ class LuaGate {
   friend class LuaTurn;
   void enter(Turn turn, int (*meanwhile)());
   void wait_and_take(Turn turn, int (*meanwhile)());
-  void wait_a_while(MutexLock& lock, int (*meanwhile)()) REQUIRES(mutex);
   void leave();
   void leave_to_others();
 
