@@ -1,5 +1,5 @@
-// reload_trial: how long the trial of a reload holds up events, with 100 scripts and 10 MB of Lua values. The floor is a
-// bare fork of the same process.
+// reload_trial: how long the trial of a reload holds up events, with 100 scripts and 10 MB of Lua values. The floor is
+// a bare fork of the same process.
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -16,12 +16,12 @@ class App;
 // table is its place on the command line.
 struct Parameter {
   enum class Takes {
-    nothing,      // an option that is there or not
-    value,        // may be left out
-    number,       // from `least` to LONG_MAX or `most`; may be left out
-    needed,       // one value
-    values,       // any number of them
-    repeated,     // of an option: one each time it is given
+    nothing,   // an option that is there or not
+    value,     // may be left out
+    number,    // from `least` to LONG_MAX or `most`; may be left out
+    needed,    // one value
+    values,    // any number of them
+    repeated,  // of an option: one each time it is given
   };
 
   const char* name = nullptr;

@@ -131,7 +131,8 @@ const std::vector<Command>& commands() {
        "  zelvctl listen 'net.*'              all whose names begin so, on this machine\n"
        "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state",
        {{"--host", Takes::value, "Where the daemon runs (default 127.0.0.1)", "HOST"},
-        {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT", 1, 65535},
+        {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT",
+         1, 65535},
         {"--json", Takes::nothing, "Print one JSON object a line"},
         {"--count", Takes::number, "End after N events", "N", 1},
         {"--reconnect", Takes::nothing, "Wait for a daemon that is not there or goes away, and tell the gap"},

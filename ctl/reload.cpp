@@ -73,7 +73,8 @@ std::string safe_lines(const std::string& text) {
   std::string safe;
   for (std::string line; std::getline(lines, line);) {
     const bool is_indented = line[0] == '\t';
-    safe += (safe.empty() ? "" : "\n") + std::string(is_indented ? "  " : "") + escaped(line.substr(is_indented ? 1 : 0));
+    safe +=
+        (safe.empty() ? "" : "\n") + std::string(is_indented ? "  " : "") + escaped(line.substr(is_indented ? 1 : 0));
   }
   return safe;
 }
@@ -95,7 +96,8 @@ void reload_asked(const RunningDaemon& daemon, const ReloadRequest& request) {
   } catch (const Refused&) {
     throw;
   } catch (const Failure&) {  // a daemon that ends closes the connection first
-    for (auto left = kEndLimit; daemon.is_alive() && left.count() > 0; left -= kPoll) std::this_thread::sleep_for(kPoll);
+    for (auto left = kEndLimit; daemon.is_alive() && left.count() > 0; left -= kPoll)
+      std::this_thread::sleep_for(kPoll);
     if (!daemon.is_alive()) fail_ended(daemon);
     throw;
   }
@@ -108,8 +110,8 @@ double state_time(const ReloadRequest& request) {
   return stat((request.root + kServiceStatePath).c_str(), &status) == 0 ? seconds_of(status.st_mtim) : 0;
 }
 
-// Sends SIGHUP, and waits until a reload is done that began after that. One in progress may have read the scripts before
-// they were changed: then the next one counts.
+// Sends SIGHUP, and waits until a reload is done that began after that. One in progress may have read the scripts
+// before they were changed: then the next one counts.
 void reload_signalled(const RunningDaemon& daemon, const ReloadRequest& request) {
   const double written = state_time(request);
   const auto before = daemon.state();

@@ -1,5 +1,5 @@
-// `zelvctl reload`: has a running daemon load its scripts again. A faulty script cannot end the daemon: one that does not
-// compile never reaches it, and one that fails while it runs does so in a copy of the daemon.
+// `zelvctl reload`: has a running daemon load its scripts again. A faulty script cannot end the daemon: one that does
+// not compile never reaches it, and one that fails while it runs does so in a copy of the daemon.
 #pragma once
 
 #include <cstdio>

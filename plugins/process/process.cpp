@@ -19,7 +19,6 @@
 
 #include "program_runner.h"
 
-
 namespace {
 
 // Their addresses are keys in Lua's registry.
