@@ -136,7 +136,7 @@ TEST(EventRing, GivesBackWhatWasAdded) {
 
 TEST(EventRing, SaysWhatIsLost) {
   EventRing ring(4096);
-  for (int i = 1; i <= 1000; ++i) add(ring, std::to_string(i) + std::string(i % 90, '.'));
+  for (int i = 1; i <= 1000; ++i) add(ring, std::to_string(i) + std::string(static_cast<size_t>(i % 90), '.'));
   const uint64_t oldest = ring.oldest();
   EXPECT_GT(oldest, 900U);
   EXPECT_LT(oldest, 990U);
