@@ -95,7 +95,7 @@ class LoopStats {
 
   // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
-  // How old the loop's last sign of life is: at most some 1 s while it is idle. 0 while starting.
+  // How long ago the loop last looked for an event: at most some 1 s while it is idle. 0 while starting.
   int64_t silent_ns() const;
   LastError last_error() const;
   LastReload last_reload() const;
@@ -170,6 +170,7 @@ class LoopStats {
   std::atomic<uint64_t> now{0};
   std::atomic<int64_t> loading_since{0};  // steady_ns; 0 while no script files run
   std::atomic<int64_t> last_reading{0};   // steady_ns, of the loop
+  std::atomic<int64_t> last_look{0};      // the last reading at the last look for an event
 
   // Of the thread that runs the event loop.
   int current_event = 0;  // entries
@@ -224,6 +225,7 @@ inline int LoopStats::tag_entry(const char* tag) {
 inline void LoopStats::takes_event(const char* type_name) {
   if (strcmp(event_names.name(current_event), type_name) != 0) current_event = event_names.entry_of(type_name);
   events[current_event].events.add();
+  last_look.store(last_reading.load(std::memory_order_relaxed), std::memory_order_relaxed);
   set_activity(Activity::forwarding);
 }
 

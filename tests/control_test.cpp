@@ -13,9 +13,11 @@
 #include "control/control_paths.h"
 #include "control/control_server.h"
 #include "control/event_ring.h"
+#include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "tests/device_root_fixture.h"
 #include "tests/real_daemon.h"
+#include "util/clock.h"
 #include "util/unix_socket.h"
 
 namespace {
@@ -172,6 +174,21 @@ TEST(EventRing, WriterAndReadersMeet) {
   for (uint64_t i = 1; i <= kEvents; ++i) add(ring, std::string(i % 60, static_cast<char>('a' + i % 26)));
   first.join();
   second.join();
+}
+
+// A pass of many calls counts as silence until the loop takes an event.
+TEST(LoopStats, OnlyALookForAnEventIsASignOfLife) {
+  const auto stats = std::make_unique<LoopStats>();
+  EXPECT_EQ(stats->silent_ns(), 0);
+  stats->looks_around();
+  const int64_t since = steady_ns();
+  ASSERT_TRUE(stats->begin_call(Activity::timer, "t"));
+  stats->end_call();
+  const int64_t called = steady_ns();
+  EXPECT_GE(stats->silent_ns(), called - since);
+  stats->takes_event("door");
+  const int64_t silent = stats->silent_ns();
+  EXPECT_LE(silent, steady_ns() - since);
 }
 
 // A client of the control socket.
