@@ -115,8 +115,9 @@ class LoopStats {
   int dispatch_errors() const { return errors_in_dispatch; }
 
   // A handler, timer or coroutine is about to be called, and has returned. Returns false inside another one, which
-  // counts its time already; then there is no end_call. Handlers go on from the clock's last reading, the others read
-  // it. `tag` is looked up by its address first. end_call returns the time of the call, in ns.
+  // counts its time already, and while script files run, since that is the main thread; then there is no end_call.
+  // Handlers go on from the clock's last reading, the others read it. `tag` is looked up by its address first. end_call
+  // returns the time of the call, in ns.
   bool begin_call(Activity activity, const char* tag);
   int64_t end_call();
 
@@ -249,7 +250,7 @@ inline void LoopStats::end_dispatch(bool known) {
 }
 
 inline bool LoopStats::begin_call(Activity activity, const char* tag) {
-  if (call() != 0) return false;
+  if (call() != 0 || loading_since.load(std::memory_order_relaxed) != 0) return false;
   if (activity != Activity::handler) read_clock();
   current_tag = tag_entry(tag);
   set_activity(activity);

@@ -177,7 +177,7 @@ TEST(EventRing, WriterAndReadersMeet) {
 }
 
 // A pass of many calls counts as silence until the loop takes an event.
-TEST(LoopStats, OnlyALookForAnEventIsASignOfLife) {
+TEST(LoopStats, WhatIsASignOfLifeAndACall) {
   const auto stats = std::make_unique<LoopStats>();
   EXPECT_EQ(stats->silent_ns(), 0);
   stats->looks_around();
@@ -189,6 +189,8 @@ TEST(LoopStats, OnlyALookForAnEventIsASignOfLife) {
   stats->takes_event("door");
   const int64_t silent = stats->silent_ns();
   EXPECT_LE(silent, steady_ns() - since);
+  stats->set_loading(true);  // on the main thread, while the loop may take an event: its words are not to be touched
+  EXPECT_FALSE(stats->begin_call(Activity::coroutine, "t"));
 }
 
 // A client of the control socket.
