@@ -10,6 +10,7 @@
 #include "control/answer.h"
 #include "control/event_ring.h"
 #include "control/waiting_call.h"
+#include "util/clock.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ std::string event_line(const EventRing& ring, const EventRecordCopy& event) {
 
 }  // namespace
 
-ControlConnection::ControlConnection(int connected) : fd(connected) {
+ControlConnection::ControlConnection(int connected) : fd(connected), taken_ms(steady_ms()) {
   ucred peer{};
   socklen_t size = sizeof(peer);
   if (getsockopt(connected, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
@@ -64,6 +65,11 @@ bool ControlConnection::receive() {
 
 RequestLines::Next ControlConnection::next_line(std::string& line) {
   return is_free() ? lines.take(line) : RequestLines::Next::nothing;
+}
+
+std::optional<int64_t> ControlConnection::idle_since() const {
+  if (!is_free() || lines.has_line()) return {};
+  return taken_ms;
 }
 
 void ControlConnection::owe(std::string_view text, int64_t now) {

@@ -41,6 +41,10 @@ class ControlConnection {
   // Has sent all its requests and got all answers.
   bool is_finished() const { return has_ended && is_free() && !lines.has_line(); }
 
+  // Since when, in steady_ms(), it has asked nothing: its connecting, or its taking of the last answer. Nothing: it
+  // follows, or an answer is on the way.
+  std::optional<int64_t> idle_since() const;
+
   // Adds to what the client is owed. `now`: steady_ms().
   void owe(std::string_view text, int64_t now);
 
@@ -72,8 +76,8 @@ class ControlConnection {
   RequestLines lines;
   bool has_ended = false;  // it sends no more
   std::string owed;
-  size_t sent = 0;       // of `owed`
-  int64_t taken_ms = 0;  // when the client last took something, or began to owe
+  size_t sent = 0;   // of `owed`
+  int64_t taken_ms;  // when the client last took something, or connected, or began to owe
   std::optional<FollowRequest> following;
   uint64_t next = 0;  // of a follower
 };

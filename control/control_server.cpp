@@ -166,13 +166,27 @@ void ControlServer::accept_waiting(int64_t now) {
 }
 
 void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now) {
-  if (clients.size() < kClientsMost) return clients.push_back(std::move(client));
+  if (clients.size() < kClientsMost || close_longest_idle()) return clients.push_back(std::move(client));
   if (const auto left_out = refused_limit.allow()) {
     elog(1, "control: refused process %d of user %u, since 16 clients are connected%s", client->process(),
          client->user(), left_out->text);
   }
   client->owe("error: 16 clients are connected already\n\n", now);
   client->send_owed(now);
+}
+
+// Returns false when no client is idle.
+bool ControlServer::close_longest_idle() {
+  const auto since = [](const auto& client) { return client->idle_since().value_or(INT64_MAX); };
+  const auto longest = std::min_element(clients.begin(), clients.end(),
+                                        [&](const auto& a, const auto& b) { return since(a) < since(b); });
+  if (!(*longest)->idle_since()) return false;
+  if (const auto left_out = closed_limit.allow()) {
+    elog(1, "control: closed an idle connection of process %d of user %u, since another client waits%s",
+         (*longest)->process(), (*longest)->user(), left_out->text);
+  }
+  clients.erase(longest);
+  return true;
 }
 
 // Returns false when the client is to be dropped. One request of each client is answered in a round.

@@ -66,6 +66,7 @@ class ControlServer {
   int followers_sleep_ms();
   void accept_waiting(int64_t now);
   void admit(std::unique_ptr<ControlConnection> client, int64_t now);
+  bool close_longest_idle();
   bool serve(ControlConnection& client, short happened, int64_t now);
   void drop(std::unique_ptr<ControlConnection>& client);
   void answer_next(ControlConnection& client, int64_t now);
@@ -88,6 +89,7 @@ class ControlServer {
   std::vector<std::unique_ptr<WaitingCall>> given_up;  // whose clients have gone
   int64_t accept_not_before = 0;                       // steady_ms
   uint64_t last_seen = 0;                              // the newest event at the last look for followers
+  RateLimit closed_limit;
   RateLimit refused_limit;
   RateLimit accept_limit;
 };

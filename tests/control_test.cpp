@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -310,15 +311,28 @@ TEST_F(Control, NobodyWaitsForAnother) {
   for (int i = 0; i < 10; ++i) EXPECT_EQ(reads_nothing.read_to("\n\n").size(), 900 * 1010 - 1U);
 }
 
+// One that is idle makes room, one that follows does not.
 TEST_F(Control, SixteenClients) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 16; ++i) clients.push_back(std::make_unique<Client>(root));
   for (const auto& client : clients) EXPECT_EQ(client->ask("echo").substr(0, 5), "echo ");
+  const std::string peer = "process " + std::to_string(getpid()) + " of user " + std::to_string(getuid());
+  clients.push_back(std::make_unique<Client>(root));
+  EXPECT_EQ(clients.back()->ask("echo").substr(0, 5), "echo ");
+  const auto has_ended = [](const auto& client) {
+    char byte = 0;
+    return recv(client->fd.get(), &byte, 1, MSG_DONTWAIT) == 0;
+  };
+  const auto closed = std::find_if(clients.begin(), clients.end(), has_ended);
+  ASSERT_EQ(closed, clients.begin());
+  clients.erase(closed);
+  for (const auto& client : clients) {
+    client->put("follow\n");
+    EXPECT_EQ(client->read_to(" ").substr(0, 9), "following");
+  }
   EXPECT_EQ(Client(root).read_to("\n\n"), "error: 16 clients are connected already");
-  EXPECT_EQ(logged(), "<1> control: refused process " + std::to_string(getpid()) + " of user " +
-                          std::to_string(getuid()) + ", since 16 clients are connected\n");
-  clients[3]->put("wait\n");
-  ASSERT_TRUE(wait_until([&] { return waiting == 1; }));
+  EXPECT_EQ(logged(), "<1> control: closed an idle connection of " + peer + ", since another client waits\n" +
+                          "<1> control: refused " + peer + ", since 16 clients are connected\n");
   clients.clear();
   ASSERT_TRUE(wait_until([&] { return server.counts().clients == 0; }));
   EXPECT_EQ(Client(root).ask("echo").substr(0, 5), "echo ");
