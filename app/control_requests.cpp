@@ -29,6 +29,7 @@ constexpr int64_t kNsPerS = 1000000000;
 constexpr int64_t kLongCallNs = 100000000;  // a script that has run for longer is asked where it is
 constexpr int kWhereMs = 100;
 constexpr int kReportMs = 1000;
+constexpr int kLogLevelMost = 99;
 
 std::atomic<const char*> g_state{"starting"};
 std::atomic<int64_t> g_state_since{0};  // steady_ns
@@ -296,11 +297,13 @@ void ControlRequests::change_log_level(const ControlRequest& request, Answer& an
   if (request.arguments.size() > 1) throw std::runtime_error("'log_level' takes one number");
   if (request.arguments.size() == 1) {
     int level = 0;
-    if (!parse_store_int(request.arguments[0], level)) {
-      throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) + "': expected a whole number");
+    if (!parse_store_int(request.arguments[0], level) || level < 0 || level > kLogLevelMost) {
+      throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) +
+                               "': expected a whole number from 0 to 99");
     }
-    set_log_level(level);
+    set_log_level(std::max({level, log_level.load(), 1}));  // so that the line is written
     elog(1, "control: process %d of user %u sets log_level to %d", request.process, request.user, level);
+    set_log_level(level);
   }
   answer.line("log_level").key("now", log_level.load());
 }

@@ -460,9 +460,15 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
   Client reloads(daemon.path(""));
   reloads.put("reload\n");
   EXPECT_EQ(client.ask("scripts").substr(0, 55), "error: the loop is busy: in handler 'front' of door for");
-  EXPECT_EQ(client.ask("log_level 2"), "log_level now=2");
-  EXPECT_TRUE(daemon.wait_for("control: process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
-                              " sets log_level to 2"));
+  for (const char* wrong : {"-1", "100", "x"}) {
+    EXPECT_EQ(client.ask(std::string("log_level ") + wrong),
+              "error: log_level is '" + std::string(wrong) + "': expected a whole number from 0 to 99");
+  }
+  for (const std::string level : {"0", "2"}) {
+    EXPECT_EQ(client.ask("log_level " + level), "log_level now=" + level);
+    EXPECT_TRUE(daemon.wait_for("control: process " + std::to_string(getpid()) + " of user " +
+                                std::to_string(getuid()) + " sets log_level to " + level));
+  }
   Client follows(daemon.path(""));
   follows.put("follow from=00000000-0 names=h*,door\n");
   follows.read_to("lost n=unknown\n");
