@@ -33,7 +33,7 @@ struct event_poster {
 
 struct log_counts {
   uint64_t written; /* messages that at least one target took, */
-  uint64_t lost;    /* and those that none took */
+  uint64_t lost;    /* and those that none took; syslog is believed to take all, it does not tell */
 };
 
 #ifdef __cplusplus
