@@ -56,6 +56,12 @@ TEST(ControlProtocol, AnAnswerIsBounded) {
   const std::string lines = answer.take_lines();
   EXPECT_LT(lines.size(), Answer::kMost + 100);
   EXPECT_EQ(lines.substr(lines.rfind("cut ")), "cut bytes=" + std::to_string(2000 * 1010 - 1038 * 1010) + "\n");
+  EXPECT_FALSE(answer.is_full());
+  Answer outer;
+  answer.leave_out(3);
+  outer.line("first");
+  outer.add_lines(lines + answer.take_lines());
+  EXPECT_EQ(outer.take_lines(), "first\n" + lines + "cut bytes=0 lines=3\n");
   answer.line("row").key("text", "lost");
   answer.fail("no\nway");
   EXPECT_EQ(answer.take_lines(), "error: no\\nway\n");
