@@ -163,8 +163,7 @@ std::string loop_activity() {
 
 void add_report(ManagerScript& script, Answer& answer) {
   if (const auto report = script.report(kReportMs)) return answer.add_lines(*report);
-  const bool has_ended = g_loop_stats.activity().activity == Activity::stopped;
-  answer.fail(has_ended ? "the event loop has ended" : "the loop is busy: " + loop_activity());
+  answer.fail(g_loop_stats.has_ended() ? kLoopHasEnded : "the loop is busy: " + loop_activity());
 }
 
 bool wants_trial(const ControlRequest& request) {
@@ -174,6 +173,7 @@ bool wants_trial(const ControlRequest& request) {
 }
 
 void reload(const ControlRequest& request, Answer& answer, const std::function<bool()>& given_up) {
+  if (g_loop_stats.has_ended()) throw std::runtime_error(kLoopHasEnded);  // nothing would run what it loads
   const ReloadVerdict verdict = ask_for_reload(wants_trial(request), given_up);
   answer.line("reload").key("result", verdict.done ? "done" : "failed");
   if (!verdict.done) answer.key("text", verdict.text);

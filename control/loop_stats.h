@@ -95,6 +95,8 @@ class LoopStats {
 
   // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
+  // Whether the loop has ended, also while a reload loads files all the same.
+  bool has_ended() const { return static_cast<Activity>(word() & 15) == Activity::stopped; }
   // How long ago the loop last looked for an event: at most some 1 s while it is idle. 0 while starting.
   int64_t silent_ns() const;
   LastError last_error() const;

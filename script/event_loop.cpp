@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "control/event_ring.h"
 #include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "device/event_source.h"
@@ -99,6 +100,7 @@ void event_loop(ManagerScript& script) {
     } else if (handle_event(script, std::move(event)) == Next::quit) {
       elog(1, "mscript: quit event, the event loop has ended");
       tell_service(SERVICE_ENDED);
+      if (g_event_ring != nullptr) g_event_ring->end();
       break;
     }
   }

@@ -396,6 +396,12 @@ TEST_F(Control, Followers) {
   EXPECT_EQ(former.read_to("\n").substr(0, 22), "following run=" + run);
   EXPECT_EQ(former.read_to("\n"), "lost n=unknown");
   EXPECT_EQ(former.read_to("\n"), line(1, "old"));
+  usleep(20000);  // so that the thread sleeps, as a rule
+  ring.end();
+  EXPECT_EQ(all.read_to("\n\n"), "error: the event loop has ended");
+  EXPECT_EQ(all.read_to("\n\n").substr(0, 5), "echo ");
+  EXPECT_EQ(Client(root).ask("follow from=" + run + "-48"),
+            "following run=" + run + " next=49\n" + line(49, "a%20b") + "\nerror: the event loop has ended");
 }
 
 // A follower that reads nothing holds up nobody, and is told what it has lost.
@@ -490,6 +496,8 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
   EXPECT_EQ(reloads.read_to("\n"), "");
   ASSERT_TRUE(daemon.post("9999 quit\n"));
   EXPECT_TRUE(wait_until([&] { return value(client.ask("stats"), "daemon", "state") == "ended"; }));
+  for (const char* request : {"reload", "scripts"}) EXPECT_EQ(client.ask(request), "error: the event loop has ended");
+  EXPECT_EQ(follows.read_to("\n\n"), "error: the event loop has ended");
   EXPECT_EQ(daemon.stop(), 0);
   EXPECT_EQ(client.read_to("\n"), "<end>");
 }
