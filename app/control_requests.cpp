@@ -116,11 +116,11 @@ void add_events_and_tags(Answer& answer) {
   });
 }
 
-// Absent until the loop has begun.
+// Absent in the first second of the loop.
 void add_recent(Answer& answer) {
   const LoopStats& loop = g_loop_stats;
   const auto past = loop.history.past(steady_ns());
-  if (!past) return;
+  if (!past || past->age_ns < kNsPerS) return;
   const LoopSample& then = past->sample;
   answer.line("recent").key("over_ms", past->age_ns / 1000000).key("events", loop.all_events() - then.events);
   answer.key("errors", loop.all_errors() - then.errors).key("waiting_then", then.waiting);

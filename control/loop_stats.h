@@ -123,7 +123,7 @@ class LoopStats {
   bool begin_call(Activity activity, const char* tag);
   int64_t end_call();
 
-  // The loop has waited for an event, or has looked for one in vain: reads the clock.
+  // The loop has begun, or has waited for an event, or has looked for one in vain: reads the clock.
   void looks_around();
 
   // Around what the loop does about garbage between two calls.

@@ -90,6 +90,7 @@ Next handle_event(ManagerScript& script, Event event) {
 
 void event_loop(ManagerScript& script) {
   std::optional<int> timers_ran_at;  // s since the epoch
+  g_loop_stats.looks_around();
   while (script.running) {
     const int wait_ms = begin_pass(script, timers_ran_at);
     tell_service(SERVICE_ALIVE);
