@@ -90,7 +90,7 @@ void add_posters(Answer& answer) {
   for (const event_poster& poster : posters) {
     answer.line("poster").key("pid", poster.process).key("uid", poster.user);
     answer.key("since_s", poster.connected_ms / 1000).key("events", poster.lines).key("refused", poster.lines_refused);
-    answer.key("waiting", poster.bytes_waiting);
+    answer.key("waiting", poster.bytes_waiting).key("recent", poster.recent).key("recent_ms", poster.recent_ms);
   }
 }
 
