@@ -29,6 +29,7 @@ constexpr int64_t kNsPerS = 1000000000;
 constexpr int64_t kLongCallNs = 100000000;  // a script that has run for longer is asked where it is
 constexpr int kWhereMs = 100;
 constexpr int kReportMs = 1000;
+constexpr int kLogLevelMost = 99;
 
 std::atomic<const char*> g_state{"starting"};
 std::atomic<int64_t> g_state_since{0};  // steady_ns
@@ -89,7 +90,7 @@ void add_posters(Answer& answer) {
   for (const event_poster& poster : posters) {
     answer.line("poster").key("pid", poster.process).key("uid", poster.user);
     answer.key("since_s", poster.connected_ms / 1000).key("events", poster.lines).key("refused", poster.lines_refused);
-    answer.key("waiting", poster.bytes_waiting);
+    answer.key("waiting", poster.bytes_waiting).key("recent", poster.recent).key("recent_ms", poster.recent_ms);
   }
 }
 
@@ -115,11 +116,11 @@ void add_events_and_tags(Answer& answer) {
   });
 }
 
-// Absent until the loop has begun.
+// Absent in the first second of the loop.
 void add_recent(Answer& answer) {
   const LoopStats& loop = g_loop_stats;
   const auto past = loop.history.past(steady_ns());
-  if (!past) return;
+  if (!past || past->age_ns < kNsPerS) return;
   const LoopSample& then = past->sample;
   answer.line("recent").key("over_ms", past->age_ns / 1000000).key("events", loop.all_events() - then.events);
   answer.key("errors", loop.all_errors() - then.errors).key("waiting_then", then.waiting);
@@ -162,8 +163,7 @@ std::string loop_activity() {
 
 void add_report(ManagerScript& script, Answer& answer) {
   if (const auto report = script.report(kReportMs)) return answer.add_lines(*report);
-  const bool has_ended = g_loop_stats.activity().activity == Activity::stopped;
-  answer.fail(has_ended ? "the event loop has ended" : "the loop is busy: " + loop_activity());
+  answer.fail(g_loop_stats.has_ended() ? kLoopHasEnded : "the loop is busy: " + loop_activity());
 }
 
 bool wants_trial(const ControlRequest& request) {
@@ -173,6 +173,7 @@ bool wants_trial(const ControlRequest& request) {
 }
 
 void reload(const ControlRequest& request, Answer& answer, const std::function<bool()>& given_up) {
+  if (g_loop_stats.has_ended()) throw std::runtime_error(kLoopHasEnded);  // nothing would run what it loads
   const ReloadVerdict verdict = ask_for_reload(wants_trial(request), given_up);
   answer.line("reload").key("result", verdict.done ? "done" : "failed");
   if (!verdict.done) answer.key("text", verdict.text);
@@ -296,11 +297,13 @@ void ControlRequests::change_log_level(const ControlRequest& request, Answer& an
   if (request.arguments.size() > 1) throw std::runtime_error("'log_level' takes one number");
   if (request.arguments.size() == 1) {
     int level = 0;
-    if (!parse_store_int(request.arguments[0], level)) {
-      throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) + "': expected a whole number");
+    if (!parse_store_int(request.arguments[0], level) || level < 0 || level > kLogLevelMost) {
+      throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) +
+                               "': expected a whole number from 0 to 99");
     }
-    set_log_level(level);
+    set_log_level(std::max({level, log_level.load(), 1}));  // so that the line is written
     elog(1, "control: process %d of user %u sets log_level to %d", request.process, request.user, level);
+    set_log_level(level);
   }
   answer.line("log_level").key("now", log_level.load());
 }

@@ -161,9 +161,13 @@ void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
   }
 }
 
-void stop(Managers& managers) {
+void begin_to_stop() {
   tell_service(SERVICE_STOPPING);
   enter_state("stopping");
+}
+
+void stop(Managers& managers) {
+  begin_to_stop();
   stop_threads(managers);
   managers.script.call_cleanup();
   managers.extension.prepare_cleanup();
@@ -198,16 +202,16 @@ void run() {
                         file.text(settings::dll_path)};
   const bool trial_at_signal = file.number(settings::reload_trial) != 0;
   control.server.start();
-  if (!start(managers, folders)) return tell_service(SERVICE_STOPPING);
+  if (!start(managers, folders)) return begin_to_stop();
   try {
     idle(managers, folders, trial_at_signal);
   } catch (const std::exception& error) {  // a reload failed
     elog(1, "zelvind: %s", error.what());
-    tell_service(SERVICE_STOPPING);
+    begin_to_stop();
     stop_threads(managers);  // they use what is destroyed next; nothing else is cleaned up
     return;
   } catch (...) {
-    tell_service(SERVICE_STOPPING);
+    begin_to_stop();
     stop_threads(managers);
     throw;
   }

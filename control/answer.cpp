@@ -79,15 +79,14 @@ Answer& Answer::durations(std::string_view prefix, const Durations& durations) {
 }
 
 void Answer::add_lines(std::string_view lines) {
-  while (!lines.empty()) {
-    const std::string_view next = take_item(lines, '\n');
-    if (!next.empty()) line(next);
-  }
+  end_line();
+  text += lines;
+  line_start = text.size();
 }
 
 void Answer::fail(std::string_view reason) {
   text.clear();
-  line_start = bytes_cut = 0;
+  line_start = bytes_cut = lines_cut = 0;
   line("error: ");
   text += escaped(reason);
 }
@@ -104,9 +103,11 @@ void Answer::end_line() {
 
 std::string Answer::take_lines() {
   end_line();
-  if (bytes_cut > 0) text += "cut bytes=" + std::to_string(bytes_cut) + '\n';
+  if (bytes_cut + lines_cut > 0) text += "cut bytes=" + std::to_string(bytes_cut);
+  if (lines_cut > 0) text += " lines=" + std::to_string(lines_cut);
+  if (bytes_cut + lines_cut > 0) text += '\n';
   std::string lines;
   lines.swap(text);
-  line_start = bytes_cut = 0;
+  line_start = bytes_cut = lines_cut = 0;
   return lines;
 }

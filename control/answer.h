@@ -40,8 +40,14 @@ class Answer {
   // Adds PREFIXsum_us, PREFIXmax_us and buckets.
   Answer& durations(std::string_view prefix, const Durations& durations);
 
-  // Adds lines of the same form, each with its line end.
+  // Adds the lines of another answer, which are bounded already.
   void add_lines(std::string_view lines);
+
+  // Whether lines have been left out: there is no use in making more of them.
+  bool is_full() const { return bytes_cut > 0; }
+
+  // Counts lines that were not made.
+  void leave_out(size_t lines) { lines_cut += lines; }
 
   // Makes "error: TEXT" the whole answer; control characters in `reason` are escaped.
   void fail(std::string_view reason);
@@ -56,4 +62,5 @@ class Answer {
   std::string text;
   size_t line_start = 0;
   size_t bytes_cut = 0;
+  size_t lines_cut = 0;  // not made
 };

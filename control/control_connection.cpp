@@ -101,6 +101,12 @@ void ControlConnection::begin_to_follow(FollowRequest request, uint64_t first) {
   next = first;
 }
 
+void ControlConnection::end_following(std::string_view reason, int64_t now) {
+  following.reset();
+  owe(reason, now);
+  active_ms = now;  // a follower may have stopped reading
+}
+
 void ControlConnection::owe_events(const EventRing& ring, int64_t now) {
   EventRecordCopy event;
   for (int i = 0; i < kEventsAtOnce; ++i) {

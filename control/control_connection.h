@@ -58,6 +58,8 @@ class ControlConnection {
 
   // Makes the client a follower, from the event with the number `first` on.
   void begin_to_follow(FollowRequest request, uint64_t first);
+  // A follower gets no more: it is owed `reason`, and may ask for something else. `now`: steady_ms().
+  void end_following(std::string_view reason, int64_t now);
   bool is_following() const { return following.has_value(); }
 
   // Owes a follower what the ring has for it, a bounded number of events.

@@ -194,9 +194,18 @@ bool ControlServer::serve(ControlConnection& client, short happened, int64_t now
     client.call.reset();
   }
   if (client.has_turn()) answer_next(client, now);
-  if (client.is_following()) client.owe_events(ring, now);
+  if (client.is_following()) serve_follower(client, now);
   if (!client.send_owed(now) || client.is_finished()) return false;
   return now < client.deadline().value_or(INT64_MAX);
+}
+
+void ControlServer::serve_follower(ControlConnection& client, int64_t now) {
+  const bool has_ended = ring.has_ended();  // before the look for events, so that none is passed over
+  client.owe_events(ring, now);
+  if (!has_ended || client.waits_for().value_or(0) <= ring.last()) return;
+  Answer answer;
+  answer.fail(kLoopHasEnded);
+  client.end_following(answer.take_lines() + '\n', now);
 }
 
 void ControlServer::drop(std::unique_ptr<ControlConnection>& client) {

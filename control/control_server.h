@@ -68,6 +68,7 @@ class ControlServer {
   void admit(std::unique_ptr<ControlConnection> client, int64_t now);
   bool make_place(const ControlConnection& newcomer, int64_t now);
   bool serve(ControlConnection& client, short happened, int64_t now);
+  void serve_follower(ControlConnection& client, int64_t now);
   void drop(std::unique_ptr<ControlConnection>& client);
   void answer_next(ControlConnection& client, int64_t now);
   bool carry_out(ControlConnection& client, const ControlRequest& request, Answer& answer);

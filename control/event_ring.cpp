@@ -88,6 +88,15 @@ void EventRing::add(const event_item& event, int64_t wait_ns, int64_t run_ns, in
   }
   if (!followed.load(std::memory_order_relaxed)) return newest.store(sequence, std::memory_order_release);
   newest.store(sequence);  // in one order with ask_to_be_woken(), which says that it sleeps and then looks
+  wake_reader();
+}
+
+void EventRing::end() {
+  ended.store(true);
+  wake_reader();
+}
+
+void EventRing::wake_reader() {
   if (reader_sleeps.exchange(false)) eventfd_write(wake.get(), 1);
 }
 
@@ -180,7 +189,7 @@ EventRing::Read EventRing::read(uint64_t& next, EventRecordCopy& out, uint64_t& 
 
 bool EventRing::ask_to_be_woken(uint64_t next) {
   reader_sleeps.store(true);
-  if (newest.load() < next) return true;
+  if (newest.load() < next && !ended.load()) return true;
   reader_sleeps.store(false);
   return false;
 }

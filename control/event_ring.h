@@ -35,6 +35,9 @@ struct EventRecordCopy {
   std::string info;
 };
 
+// What those are told who follow, or ask the event loop for something, after its end.
+constexpr char kLoopHasEnded[] = "the event loop has ended";
+
 class EventRing {
  public:
   // `bytes` is the memory for both rings; below 1 KiB it keeps no events and only numbers them. Memory that no event
@@ -47,6 +50,10 @@ class EventRing {
   // Adds an event that was handled; it has the number last() then. `wait_ns` it spent in the queue and `run_ns` in its
   // handlers, of which `errors` failed. Script thread only.
   void add(const event_item& event, int64_t wait_ns, int64_t run_ns, int errors);
+
+  // The quit event has come: there will be no more. Wakes those who follow. Script thread only.
+  void end();
+  bool has_ended() const { return ended.load(); }
 
   // The number of the newest event; 0: none yet. Any thread, like all that follows.
   uint64_t last() const { return newest.load(std::memory_order_acquire); }
@@ -66,14 +73,15 @@ class EventRing {
   const char* run() const { return run_name; }
 
   // For the one thread that follows on behalf of all: becomes readable (an eventfd; -1: there is none) with the next
-  // event after ask_to_be_woken(), until the caller reads it. That returns false when `next` has come already. While
-  // nobody follows, set_followed(false) spares add() even the look.
+  // event after ask_to_be_woken(), until the caller reads it. That returns false when `next` has come already, or the
+  // end. While nobody follows, set_followed(false) spares add() even the look.
   int wake_descriptor() const { return wake.get(); }
   void set_followed(bool is_followed) { followed.store(is_followed); }
   bool ask_to_be_woken(uint64_t next);
 
  private:
   struct Header;
+  void wake_reader();
   void write(const event_item& event, const Header& header, uint64_t position);
   bool is_held(uint64_t sequence) const;
   uint64_t oldest_after(uint64_t sequence) const;
@@ -87,6 +95,7 @@ class EventRing {
   const std::unique_ptr<Word[]> words;                    // a position counts all words ever written
   std::atomic<uint64_t> reserved{0};                      // the position up to which words may have been written
   std::atomic<uint64_t> newest{0};                        // a sequence number
+  std::atomic<bool> ended{false};
   std::atomic<bool> followed{false};
   std::atomic<bool> reader_sleeps{false};
   Descriptor wake;

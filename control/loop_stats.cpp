@@ -32,7 +32,7 @@ ActivityNow LoopStats::activity() const {
 }
 
 int64_t LoopStats::silent_ns() const {
-  const int64_t last = last_reading.load(std::memory_order_relaxed);
+  const int64_t last = last_look.load(std::memory_order_relaxed);
   return last == 0 ? 0 : std::max<int64_t>(steady_ns() - last, 0);
 }
 
@@ -65,7 +65,9 @@ void LoopStats::take_sample() {
 }
 
 void LoopStats::looks_around() {
-  if (history.is_due(read_clock())) take_sample();
+  const int64_t reading = read_clock();
+  last_look.store(reading, std::memory_order_relaxed);
+  if (history.is_due(reading)) take_sample();
   // So `idle` lasts from the end of the last work on.
   if (static_cast<Activity>(word() & 15) != Activity::idle) set_activity(Activity::idle);
 }

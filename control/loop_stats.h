@@ -95,7 +95,9 @@ class LoopStats {
 
   // What the loop does. While script files run, that is `loading`, unless the loop forwards an event meanwhile.
   ActivityNow activity() const;
-  // How old the loop's last sign of life is: at most some 1 s while it is idle. 0 while starting.
+  // Whether the loop has ended, also while a reload loads files all the same.
+  bool has_ended() const { return static_cast<Activity>(word() & 15) == Activity::stopped; }
+  // How long ago the loop last looked for an event: at most some 1 s while it is idle. 0 while starting.
   int64_t silent_ns() const;
   LastError last_error() const;
   LastReload last_reload() const;
@@ -117,12 +119,13 @@ class LoopStats {
   int dispatch_errors() const { return errors_in_dispatch; }
 
   // A handler, timer or coroutine is about to be called, and has returned. Returns false inside another one, which
-  // counts its time already; then there is no end_call. Handlers go on from the clock's last reading, the others read
-  // it. `tag` is looked up by its address first. end_call returns the time of the call, in ns.
+  // counts its time already, and while script files run, since that is the main thread; then there is no end_call.
+  // Handlers go on from the clock's last reading, the others read it. `tag` is looked up by its address first. end_call
+  // returns the time of the call, in ns.
   bool begin_call(Activity activity, const char* tag);
   int64_t end_call();
 
-  // The loop has waited for an event, or has looked for one in vain: reads the clock.
+  // The loop has begun, or has waited for an event, or has looked for one in vain: reads the clock.
   void looks_around();
 
   // Around what the loop does about garbage between two calls.
@@ -172,6 +175,7 @@ class LoopStats {
   std::atomic<uint64_t> now{0};
   std::atomic<int64_t> loading_since{0};  // steady_ns; 0 while no script files run
   std::atomic<int64_t> last_reading{0};   // steady_ns, of the loop
+  std::atomic<int64_t> last_look{0};      // the last reading at the last look for an event
 
   // Of the thread that runs the event loop.
   int current_event = 0;  // entries
@@ -228,6 +232,7 @@ inline void LoopStats::takes_event(const char* type_name) {
     current_event = event_names.entry_of(type_name, NameTable::kMost / 2);
   }
   events[current_event].events.add();
+  last_look.store(last_reading.load(std::memory_order_relaxed), std::memory_order_relaxed);
   set_activity(Activity::forwarding);
 }
 
@@ -252,7 +257,7 @@ inline void LoopStats::end_dispatch(bool known, const char* type_name) {
 }
 
 inline bool LoopStats::begin_call(Activity activity, const char* tag) {
-  if (call() != 0) return false;
+  if (call() != 0 || loading_since.load(std::memory_order_relaxed) != 0) return false;
   if (activity != Activity::handler) read_clock();
   current_tag = tag_entry(tag);
   set_activity(activity);

@@ -224,8 +224,8 @@ const std::vector<Command>& commands() {
        run_metrics},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",
-       "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet.",
-       {{"N", Takes::number, "The new level", nullptr, 0, 4}},
+       "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet; scripts may use levels up to 99.",
+       {{"N", Takes::number, "The new level", nullptr, 0, 99}},
        run_log_level},
   };
   return table;

@@ -29,11 +29,13 @@ struct event_poster {
   uint64_t lines;         /* events that it has queued, */
   uint64_t lines_refused; /* and lines of it that were dropped */
   uint64_t bytes_waiting; /* received from it, and not an event yet */
+  uint64_t recent;        /* of `lines`, those of the last recent_ms milliseconds: */
+  uint64_t recent_ms;     /* about 10 s, or less since it connected */
 };
 
 struct log_counts {
   uint64_t written; /* messages that at least one target took, */
-  uint64_t lost;    /* and those that none took */
+  uint64_t lost;    /* and those that none took; syslog is believed to take all, it does not tell */
 };
 
 #ifdef __cplusplus

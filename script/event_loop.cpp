@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "control/event_ring.h"
 #include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "device/event_source.h"
@@ -89,6 +90,7 @@ Next handle_event(ManagerScript& script, Event event) {
 
 void event_loop(ManagerScript& script) {
   std::optional<int> timers_ran_at;  // s since the epoch
+  g_loop_stats.looks_around();
   while (script.running) {
     const int wait_ms = begin_pass(script, timers_ran_at);
     tell_service(SERVICE_ALIVE);
@@ -99,6 +101,7 @@ void event_loop(ManagerScript& script) {
     } else if (handle_event(script, std::move(event)) == Next::quit) {
       elog(1, "mscript: quit event, the event loop has ended");
       tell_service(SERVICE_ENDED);
+      if (g_event_ring != nullptr) g_event_ring->end();
       break;
     }
   }

@@ -291,7 +291,7 @@ void ManagerScript::write_report() {
 }
 
 std::optional<std::string> ManagerScript::report(int timeout_ms) {
-  if (g_loop_stats.activity().activity == Activity::stopped) return {};
+  if (g_loop_stats.has_ended()) return {};
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   MutexLock lock(report_mutex);
   last_report.reset();

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 #include "control/answer.h"
@@ -14,6 +15,14 @@ namespace {
 constexpr char kHandlerPrefix[] = "es_";
 constexpr int kUpvaluesDeep = 3;
 constexpr int kThreadsDeep = 2;
+constexpr int kLongestMs = 50;  // of processor time: the event loop waits for the report
+
+// Of this thread: on a busy machine the report is not the shorter for it.
+int64_t processor_ms() {
+  timespec used{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return int64_t{used.tv_sec} * 1000 + used.tv_nsec / 1000000;
+}
 
 using Place = char[512];
 
@@ -108,6 +117,9 @@ class Report {
   }
 
  private:
+  // Whether another line is to be made. The rest is only counted.
+  bool goes_on() const { return !answer.is_full() && processor_ms() < until_ms; }
+
   void add_handlers(lua_State* L) {
     lua_pushnil(L);
     while (lua_next(L, LUA_GLOBALSINDEX) != 0) {
@@ -124,11 +136,13 @@ class Report {
     lua_pushliteral(L, "list_func");
     lua_rawget(L, -2);
     const int count = lua_istable(L, -1) ? static_cast<int>(lua_objlen(L, -1)) : 0;
-    for (int i = 1; i <= count; ++i) {
+    int i = 1;
+    for (; i <= count && goes_on(); ++i) {
       lua_rawgeti(L, -1, i);
       if (lua_istable(L, -1)) add_handler(L, event);
       lua_pop(L, 1);
     }
+    answer.leave_out(static_cast<size_t>(count - i + 1));
     lua_pop(L, 1);
   }
 
@@ -158,12 +172,18 @@ class Report {
   void add_timers(lua_State* L) {
     const int now = script.clock.seconds();
     const int64_t now_us = script.clock.steady() * 1000;
+    size_t left = script.timers.size();
     for (const auto& [number, timer] : script.timers.all_timers()) {
+      if (!goes_on()) break;
+      --left;
       add_timer(L, timer.call, int64_t{timer.interval} * 1000, (int64_t{timer.next_due} - now) * 1000);
     }
     for (const auto& [number, alarm] : script.timers.all_alarms()) {
+      if (!goes_on()) break;
+      --left;
       add_timer(L, alarm.call, alarm.interval_us / 1000, (alarm.due_us - now_us) / 1000);
     }
+    answer.leave_out(left);
   }
 
   void add_timer(lua_State* L, const TimerCall& call, int64_t every_ms, int64_t due_in_ms) {
@@ -177,7 +197,10 @@ class Report {
   void add_tasks(lua_State* L) {
     const int now = script.clock.milliseconds();
     Place place;
+    size_t left = script.coroutines.size();
     for (const auto& [number, coroutine] : script.coroutines.all()) {
+      if (!goes_on()) break;
+      --left;
       strcpy(place, "");
       find_wait(L, coroutine.thread, kThreadsDeep, place);
       answer.line("task").key("tag", coroutine.tag);
@@ -185,9 +208,11 @@ class Report {
       if (waits_for_time) answer.key("due_in_ms", script.coroutines.due_in_ms(coroutine, now));
       answer.key("where", place);
     }
+    answer.leave_out(left);
   }
 
   ManagerScript& script;
+  const int64_t until_ms = processor_ms() + kLongestMs;
   Answer answer;
 };
 

@@ -88,7 +88,7 @@ class ScriptWatch {
 };
 
 // A call into a script: a handler, a timer or a coroutine, counted and watched over while this object lives. Inside
-// another one it does nothing. `tag` is read at once. The thread that runs the event loop.
+// another one, and while script files run, it does nothing. `tag` is read at once. The thread that has the Lua state.
 class LoopCall {
  public:
   LoopCall(ScriptWatch& the_watch, Activity activity, const char* tag)

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -13,9 +14,11 @@
 #include "control/control_paths.h"
 #include "control/control_server.h"
 #include "control/event_ring.h"
+#include "control/loop_stats.h"
 #include "device/event_queue.h"
 #include "tests/device_root_fixture.h"
 #include "tests/real_daemon.h"
+#include "util/clock.h"
 #include "util/unix_socket.h"
 
 namespace {
@@ -53,6 +56,12 @@ TEST(ControlProtocol, AnAnswerIsBounded) {
   const std::string lines = answer.take_lines();
   EXPECT_LT(lines.size(), Answer::kMost + 100);
   EXPECT_EQ(lines.substr(lines.rfind("cut ")), "cut bytes=" + std::to_string(2000 * 1010 - 1038 * 1010) + "\n");
+  EXPECT_FALSE(answer.is_full());
+  Answer outer;
+  answer.leave_out(3);
+  outer.line("first");
+  outer.add_lines(lines + answer.take_lines());
+  EXPECT_EQ(outer.take_lines(), "first\n" + lines + "cut bytes=0 lines=3\n");
   answer.line("row").key("text", "lost");
   answer.fail("no\nway");
   EXPECT_EQ(answer.take_lines(), "error: no\\nway\n");
@@ -172,6 +181,23 @@ TEST(EventRing, WriterAndReadersMeet) {
   for (uint64_t i = 1; i <= kEvents; ++i) add(ring, std::string(i % 60, static_cast<char>('a' + i % 26)));
   first.join();
   second.join();
+}
+
+// A pass of many calls counts as silence until the loop takes an event.
+TEST(LoopStats, WhatIsASignOfLifeAndACall) {
+  const auto stats = std::make_unique<LoopStats>();
+  EXPECT_EQ(stats->silent_ns(), 0);
+  stats->looks_around();
+  const int64_t since = steady_ns();
+  ASSERT_TRUE(stats->begin_call(Activity::timer, "t"));
+  stats->end_call();
+  const int64_t called = steady_ns();
+  EXPECT_GE(stats->silent_ns(), called - since);
+  stats->takes_event("door");
+  const int64_t silent = stats->silent_ns();
+  EXPECT_LE(silent, steady_ns() - since);
+  stats->set_loading(true);  // on the main thread, while the loop may take an event: its words are not to be touched
+  EXPECT_FALSE(stats->begin_call(Activity::coroutine, "t"));
 }
 
 // A client of the control socket.
@@ -361,6 +387,12 @@ TEST_F(Control, Followers) {
   EXPECT_EQ(former.read_to("\n").substr(0, 22), "following run=" + run);
   EXPECT_EQ(former.read_to("\n"), "lost n=unknown");
   EXPECT_EQ(former.read_to("\n"), line(1, "old"));
+  usleep(20000);  // so that the thread sleeps, as a rule
+  ring.end();
+  EXPECT_EQ(all.read_to("\n\n"), "error: the event loop has ended");
+  EXPECT_EQ(all.read_to("\n\n").substr(0, 5), "echo ");
+  EXPECT_EQ(Client(root).ask("follow from=" + run + "-48"),
+            "following run=" + run + " next=49\n" + line(49, "a%20b") + "\nerror: the event loop has ended");
 }
 
 // A follower that reads nothing holds up nobody, and is told what it has lost.
@@ -431,9 +463,15 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
   Client reloads(daemon.path(""));
   reloads.put("reload\n");
   EXPECT_EQ(client.ask("scripts").substr(0, 55), "error: the loop is busy: in handler 'front' of door for");
-  EXPECT_EQ(client.ask("log_level 2"), "log_level now=2");
-  EXPECT_TRUE(daemon.wait_for("control: process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
-                              " sets log_level to 2"));
+  for (const char* wrong : {"-1", "100", "x"}) {
+    EXPECT_EQ(client.ask(std::string("log_level ") + wrong),
+              "error: log_level is '" + std::string(wrong) + "': expected a whole number from 0 to 99");
+  }
+  for (const std::string level : {"0", "2"}) {
+    EXPECT_EQ(client.ask("log_level " + level), "log_level now=" + level);
+    EXPECT_TRUE(daemon.wait_for("control: process " + std::to_string(getpid()) + " of user " +
+                                std::to_string(getuid()) + " sets log_level to " + level));
+  }
   Client follows(daemon.path(""));
   follows.put("follow from=00000000-0 names=h*,door\n");
   follows.read_to("lost n=unknown\n");
@@ -449,6 +487,8 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
   EXPECT_EQ(reloads.read_to("\n"), "");
   ASSERT_TRUE(daemon.post("9999 quit\n"));
   EXPECT_TRUE(wait_until([&] { return value(client.ask("stats"), "daemon", "state") == "ended"; }));
+  for (const char* request : {"reload", "scripts"}) EXPECT_EQ(client.ask(request), "error: the event loop has ended");
+  EXPECT_EQ(follows.read_to("\n\n"), "error: the event loop has ended");
   EXPECT_EQ(daemon.stop(), 0);
   EXPECT_EQ(client.read_to("\n"), "<end>");
 }

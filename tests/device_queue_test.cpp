@@ -16,6 +16,7 @@
 #include "device/event_queue.h"
 #include "device/event_source.h"
 #include "device/host/event_inbox.h"
+#include "device/host/poster_places.h"
 #include "device/service.h"
 #include "tests/device_root_fixture.h"
 #include "util/clock.h"
@@ -109,12 +110,29 @@ TEST_F(DeviceQueue, LinesOfPosters) {
   posters.resize(event_posters_now(posters.data(), EVENT_POSTERS_MAX));
   ASSERT_EQ(posters.size(), 1u);  // those of the rows have left
   EXPECT_EQ(posters[0].process, getpid());
-  EXPECT_EQ(std::vector<uint64_t>({posters[0].lines, posters[0].lines_refused, posters[0].bytes_waiting}),
-            (std::vector<uint64_t>{2, 1, 1}));
+  EXPECT_EQ(
+      std::vector<uint64_t>({posters[0].lines, posters[0].lines_refused, posters[0].bytes_waiting, posters[0].recent}),
+      (std::vector<uint64_t>{2, 1, 1, 2}));
+  EXPECT_LE(posters[0].recent_ms, posters[0].connected_ms);
   event_arrange();
   EXPECT_EQ(logged(), "<1> evq: dropped a line of process " + std::to_string(getpid()) + " of user " +
                           std::to_string(getuid()) + ": the line is longer than 65000 bytes: '1 n " +
                           std::string(36, 'x') + "'\n<1> evq: 2 bad lines of other processes dropped\n");
+}
+
+TEST(RecentCount, ForgetsWhatIsOld) {
+  RecentCount count(1500);
+  struct {
+    int64_t at_ms;
+    uint64_t n, recent, span_ms;
+  } const rows[] = {{1500, 1, 1, 0},       {1900, 2, 3, 400},    {2100, 4, 7, 600},   {10999, 8, 15, 9499},
+                    {11000, 16, 28, 9000}, {12500, 0, 24, 9500}, {99900, 0, 0, 9900}, {99900, 32, 32, 9900},
+                    {108999, 0, 32, 9999}, {109000, 1, 1, 9000}};
+  for (const auto& row : rows) {
+    count.add(row.n, row.at_ms);
+    EXPECT_EQ(count.span(row.at_ms).count, row.recent) << row.at_ms;
+    EXPECT_EQ(count.span(row.at_ms).ms, row.span_ms) << row.at_ms;
+  }
 }
 
 // Nobody dequeues until the end: what comes meanwhile is read, stamped and answered by another thread.

@@ -58,16 +58,20 @@ class Follower {
   // Returns true when on_event has had enough.
   bool follow() {
     const auto client = connected();
+    bool is_over = false;  // the daemon has no more events, but goes on
     for (;;) {
       AnswerLine line;
       ControlClient::Got got = ControlClient::Got::nothing;
       try {
         got = client->next(line, 0);
-      } catch (const Refused&) {
-        throw;
+      } catch (const Refused& refused) {
+        if (!request.reconnect || run_id.empty() || gone_since != 0) throw;
+        say(refused.what() + std::string("; waiting for a new one"));
+        is_over = true;
       } catch (const Failure& failure) {
         throw Gone(failure.status, "the daemon went away");
       }
+      if (got == ControlClient::Got::end && is_over) continue;
       if (got == ControlClient::Got::end) throw Gone(Exit::unreachable, "the daemon has ended its answer");
       if (got == ControlClient::Got::nothing) {
         wait_to_read(client->descriptor(), out, -1);

@@ -217,7 +217,10 @@ void EventPosters::cut(Poster& poster, std::string_view bytes, int lines_max) {
         take_line(poster, line, batch);
         return batch.lines < lines_max && batch.count < room && bytes_before + batch.bytes < kPostedBytesMax;
       });
-  if (batch.lines > 0) poster.heard_ms = steady_ms();
+  if (batch.lines > 0) {
+    poster.heard_ms = steady_ms();
+    poster.recent.add(batch.count, poster.heard_ms);
+  }
   inbox.add(batch.records, batch.count, batch.bytes);
   poster.unread = rest;
   // One that may have more keeps its place among those that have something left, before the epoll set tells of it.

@@ -16,6 +16,7 @@ Poster& PosterPlaces::enter(int fd) {
   poster.user = peer.uid;
   poster.since_ms = poster.heard_ms = steady_ms();
   poster.events = poster.dropped = 0;
+  poster.recent = RecentCount(poster.since_ms);
   ++count;
   return poster;
 }
@@ -40,8 +41,10 @@ uint32_t PosterPlaces::list(event_poster* out, uint32_t max) const {
   uint32_t number = 0;
   for (const Poster& poster : posters) {
     if (poster.fd < 0 || number == max) continue;
+    const auto recent = poster.recent.span(now);
     out[number++] = {poster.process, poster.user,    static_cast<uint64_t>(now - poster.since_ms),
-                     poster.events,  poster.dropped, poster.unread.size() + poster.lines.waiting()};
+                     poster.events,  poster.dropped, poster.unread.size() + poster.lines.waiting(),
+                     recent.count,   recent.ms};
   }
   return number;
 }

@@ -5,7 +5,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <string>
 
 #include "device/counts.h"
@@ -13,6 +15,42 @@
 
 constexpr int kPostersMax = EVENT_POSTERS_MAX;
 constexpr int kPosterHoldMs = 1000;  // nobody is told to leave earlier: a burst of short posts gets through
+
+// A count of what happened in the last 10 s, so that a flood from an old connection shows. Times are steady_ms.
+class RecentCount {
+ public:
+  explicit RecentCount(int64_t now_ms = 0) : began_ms(now_ms), second(now_ms / 1000) {}
+
+  void add(uint64_t n, int64_t now_ms) {
+    pass_to(now_ms);
+    counts[second % kSeconds] += n;
+  }
+
+  // The count, and over how many ms it goes: 9000 to 9999, or less since the construction.
+  struct Span {
+    uint64_t count;
+    uint64_t ms;
+  };
+  Span span(int64_t now_ms) const {
+    RecentCount now = *this;
+    now.pass_to(now_ms);
+    const int64_t begin_ms = std::max(began_ms, (now.second - kSeconds + 1) * 1000);
+    return {std::accumulate(now.counts, now.counts + kSeconds, uint64_t{0}), static_cast<uint64_t>(now_ms - begin_ms)};
+  }
+
+ private:
+  static constexpr int kSeconds = 10;
+
+  void pass_to(int64_t now_ms) {
+    const int64_t now_s = now_ms / 1000;
+    second = std::max(second, now_s - kSeconds);
+    while (second < now_s) counts[++second % kSeconds] = 0;
+  }
+
+  int64_t began_ms;
+  int64_t second;  // the one that counts now
+  uint64_t counts[kSeconds] = {};
+};
 
 struct Poster {
   int fd = -1;  // -1: a free place
@@ -25,6 +63,7 @@ struct Poster {
   bool has_more = false;    // what was received last filled the buffer: there may be more to receive
   uint64_t events = 0;      // that its lines were,
   uint64_t dropped = 0;     // and lines that were none
+  RecentCount recent;       // of `events`
   PosterLines lines;
   std::string unread;  // received, and left for its next turn
 };
