@@ -224,6 +224,7 @@ TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
       {"zelvctl listen do", "door down:a "},
       {"zelvctl listen door --json d", "door down:a "},
       {"zelvctl post 1 bel", "bell "},
+      {"zelvctl --root=/none post 1 bel", ""},
       {"zelvctl listen --port d", ""},
       {"zelvctl post 1 door d", ""},
       {"zelvctl unheard d", ""},
