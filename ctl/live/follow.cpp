@@ -13,6 +13,7 @@ namespace {
 constexpr int kRetryMs = 500;
 constexpr size_t kNamesMax = 32;  // the daemon's limit
 constexpr char kUnknown[] = "unknown";
+constexpr char kNoRing[] = "event_memory is 0";  // within the daemon's sentence: to try again is in vain
 
 // "a,b*", where a comma within a name is encoded.
 std::string listed_names(const std::vector<std::string>& names) {
@@ -63,8 +64,9 @@ class Follower {
       ControlClient::Got got = ControlClient::Got::nothing;
       try {
         got = client->next(line, 0);
-      } catch (const Refused&) {
-        throw;
+      } catch (const Refused& refused) {
+        if (gone_since == 0 || std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
+        throw Gone(refused.status, refused.what());  // all places were taken: by others who come again, perhaps
       } catch (const Failure& failure) {
         throw Gone(failure.status, "the daemon went away");
       }
