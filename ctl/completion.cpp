@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr std::string_view kRootIs = "--root=";
 constexpr int kConnectLimitMs = 200;
 constexpr int kAnswerWaitMs = 500;
 
@@ -53,6 +54,7 @@ class Place {
     } else if (!behind_dashes && word == "--") {
       behind_dashes = true;
     } else if (!behind_dashes && is_option(word)) {
+      if (word.compare(0, kRootIs.size(), kRootIs) == 0) root = word.substr(kRootIs.size());
       option = find_option(word);
       if (option != nullptr && option->takes == Takes::nothing) option = nullptr;
     } else if (command == nullptr) {

@@ -185,7 +185,7 @@ const std::vector<Command>& commands() {
        "Ends with status 0 when the daemon has reloaded, with 1 when it has not, when the reload has ended it,\n"
        "or when it takes longer than 60 s.\n"
        "--root and the exit statuses: see zelvctl --help.",
-       {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that owns the event socket)", "FILE"},
+       {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that answers)", "FILE"},
         {"--no-trial", Takes::nothing, "Reload at once: a script that fails ends the daemon"},
         {"--watch", Takes::nothing, "Reload whenever a script file changes"},
         {"--strict", Takes::nothing, "Count warnings as faults"}},

@@ -28,14 +28,18 @@ constexpr std::chrono::seconds kReloadLimit{60};
 constexpr std::chrono::milliseconds kEndLimit{2000};
 constexpr int kAliveCheckMs = 1000;
 
+// Why the daemon cannot be asked for a tried reload; empty when it can.
+std::string no_trial_reason(const ReloadRequest& request) {
+  if (!request.pid_file.empty()) return "--pidfile was given";
+  const std::string socket = request.root + kControlSocketPath;
+  return access(socket.c_str(), F_OK) != 0 && errno == ENOENT ? "there is no " + socket : "";
+}
+
 RunningDaemon daemon_of(const ReloadRequest& request) {
   if (!request.pid_file.empty()) return RunningDaemon::from_pid_file(request.pid_file, request.root);
-  const auto daemon = RunningDaemon::find(request.root);
-  if (daemon) return *daemon;
-  const std::string lock = request.root + kEventLockPath;
-  if (access(lock.c_str(), F_OK) == 0 && access(lock.c_str(), R_OK) != 0) {
-    fail("failed to read " + lock + ": " + error_text(errno));
-  }
+  if (no_trial_reason(request).empty()) return RunningDaemon::answering(request.root);
+  if (const auto daemon = RunningDaemon::find(request.root)) return *daemon;
+  RunningDaemon::fail_if_locks_hidden(request.root);
   fail("no daemon owns the event socket " + request.root + kEventSocketPath);
 }
 
@@ -131,13 +135,6 @@ void reload_signalled(const RunningDaemon& daemon, const ReloadRequest& request)
     std::this_thread::sleep_for(kPoll);
   }
   fail_late(daemon);
-}
-
-// Why the daemon cannot be asked for a tried reload; empty when it can.
-std::string no_trial_reason(const ReloadRequest& request) {
-  if (!request.pid_file.empty()) return "--pidfile was given";
-  const std::string socket = request.root + kControlSocketPath;
-  return access(socket.c_str(), F_OK) != 0 && errno == ENOENT ? "there is no " + socket : "";
 }
 
 void reload_checked(const RunningDaemon& daemon, const ReloadRequest& request, FILE* out) {

@@ -7,7 +7,7 @@
 
 struct ReloadRequest {
   std::string root;      // DEVICE_ROOT, or empty
-  std::string pid_file;  // the daemon's; empty: of the daemon that owns the event socket
+  std::string pid_file;  // the daemon's; empty: the daemon that answers at the control socket
   bool strict;           // count warnings as faults
   bool no_trial;         // the reload is not tried first: a script that fails ends the daemon
 };

@@ -72,10 +72,25 @@ std::string settings_advice(const std::string& root) {
       root.empty() ? "" : ("--root " + root + " ").c_str());
 }
 
+// The daemon that runs below `root`. Fails when that cannot be told.
+std::optional<RunningDaemon> daemon_below(const std::string& root) {
+  try {
+    return RunningDaemon::answering(root);
+  } catch (const Failure&) {  // one without a free place, or without a control socket, still has a lock
+  }
+  if (const auto owner = RunningDaemon::find(root)) return owner;
+  try {
+    RunningDaemon::fail_if_locks_hidden(root);
+  } catch (const Failure& failure) {
+    fail(failure.what() + std::string("; a daemon may run already, and --force starts another one"));
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 void run_daemon(const RunRequest& request) {
-  if (const auto running = request.force ? std::nullopt : RunningDaemon::find(request.root)) {
+  if (const auto running = request.force ? std::nullopt : daemon_below(request.root)) {
     fail(running->text() + " runs already" + (request.root.empty() ? "" : " below " + request.root) +
          "; --force starts another one");
   }

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <memory>
 
+#include "control/control_paths.h"
+#include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "device/event_source.h"
@@ -20,6 +22,7 @@
 namespace {
 
 constexpr char kProgram[] = "zelvind";
+constexpr const char* kLockPaths[] = {kEventLockPath, kControlLockPath};  // a device's own libraries have no event lock
 
 // The process id at the beginning of a file; 0 when there is none.
 pid_t read_pid(const std::string& path) {
@@ -36,8 +39,8 @@ void fail_if_hidden(pid_t pid, const std::string& path) {
             path.c_str(), error_text(EACCES).c_str()));
 }
 
-// Whether process `pid` has `path` open. Fails when the system does not tell.
-bool has_open(pid_t pid, const std::string& path) {
+// Whether process `pid` has `path` open; nothing when the system does not tell.
+std::optional<bool> has_open(pid_t pid, const std::string& path) {
   struct stat wanted {};
   if (stat(path.c_str(), &wanted) != 0) return false;
   const std::string folder = proc_path(pid, "fd");
@@ -49,8 +52,7 @@ bool has_open(pid_t pid, const std::string& path) {
     if (known && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) return true;
     is_hidden |= !known && errno == EACCES;
   }
-  if (is_hidden) fail_if_hidden(pid, path);
-  return false;
+  return is_hidden ? std::nullopt : std::optional(false);
 }
 
 // True for "zelvind (deleted)" too.
@@ -61,10 +63,29 @@ bool is_daemon(const std::string& exe) {
 }  // namespace
 
 std::optional<RunningDaemon> RunningDaemon::find(const std::string& root) {
-  const std::string lock = root + kEventLockPath;
-  const pid_t pid = read_pid(lock);
-  if (pid == 0 || !has_open(pid, lock)) return std::nullopt;
-  return RunningDaemon(pid, root);
+  for (const char* const path : kLockPaths) {
+    const std::string lock = root + path;
+    const pid_t pid = read_pid(lock);
+    const auto is_open = pid == 0 ? false : has_open(pid, lock);
+    if (!is_open) fail_if_hidden(pid, lock);
+    if (is_open.value_or(false)) return RunningDaemon(pid, root, "");
+  }
+  return std::nullopt;
+}
+
+RunningDaemon RunningDaemon::answering(const std::string& root) {
+  const auto stats = ControlClient(root).ask("stats");
+  const AnswerLine& line = line_of(stats, "daemon");
+  const auto pid = static_cast<pid_t>(line.count("pid"));
+  if (pid <= 0) fail("the daemon does not tell its process id");
+  return {pid, root, line.text("exe")};
+}
+
+void RunningDaemon::fail_if_locks_hidden(const std::string& root) {
+  for (const char* const path : kLockPaths) {
+    const std::string lock = root + path;
+    if (access(lock.c_str(), R_OK) != 0 && errno == EACCES) fail("failed to read " + lock + ": " + error_text(EACCES));
+  }
 }
 
 RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const std::string& root) {
@@ -80,12 +101,13 @@ RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const st
     fail(sstr("the daemon (process %d) of %s runs with DEVICE_ROOT '%s', not '%s'; see --root", pid, pid_file.c_str(),
               theirs->c_str(), root.c_str()));
   }
-  return {pid, root};
+  return {pid, root, ""};
 }
 
 std::string RunningDaemon::folder() const {
   const std::string exe = exe_of(pid);
-  return exe.empty() ? installed_daemon_folder() : exe_dir_of(exe);
+  if (!exe.empty()) return exe_dir_of(exe);
+  return told_exe.empty() ? installed_daemon_folder() : exe_dir_of(told_exe);
 }
 
 std::optional<DaemonState> RunningDaemon::state() const {
@@ -105,7 +127,13 @@ bool RunningDaemon::is_older_than(const std::string& file) const {
 }
 
 bool RunningDaemon::is_alive() const {
-  return has_open(pid, root + kEventLockPath) || is_daemon(exe_of(pid));
+  for (const char* const lock : kLockPaths) {
+    if (has_open(pid, root + lock).value_or(false)) return true;
+  }
+  if (const std::string exe = exe_of(pid); !exe.empty()) return is_daemon(exe);
+  const auto entry = process_entry(pid);  // what other users may see
+  if (entry) return !entry->has_ended() && entry->name == kProgram;
+  return kill(pid, 0) != 0 && errno == EPERM;
 }
 
 void RunningDaemon::send_signal(int number) const {

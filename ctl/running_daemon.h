@@ -1,8 +1,8 @@
 // The daemon as a process: where it is, and which state it reports.
 //
-// The owner of the event socket keeps the lock file beside the socket open, with its process id inside, as long as it
-// lives. Others can see that the file is open; if they tried the lock, a daemon that starts at that moment would not
-// get its socket.
+// The owner of the event socket, or of the control socket, keeps the lock file beside the socket open, with its process
+// id inside, as long as it lives. Others can see that the file is open; if they tried the lock, a daemon that starts at
+// that moment would not get its socket.
 #pragma once
 
 #include <sys/types.h>
@@ -16,9 +16,16 @@ struct DaemonState {
 
 class RunningDaemon {
  public:
-  // The daemon that owns the event socket below `root`. Nothing when none runs, or when another user runs it and we may
-  // not read its lock file.
+  // The daemon that owns the event socket below `root`, or else the control socket. Nothing when none runs, or when
+  // another user runs it and we may not read its lock files.
   static std::optional<RunningDaemon> find(const std::string& root);
+
+  // The daemon that answers at the control socket below `root`: whoever may ask it need not see its files and process.
+  // Throws as ControlClient does.
+  static RunningDaemon answering(const std::string& root);
+
+  // Throws Failure(Exit::unreachable) when we may not read a lock file that `find` looks at.
+  static void fail_if_locks_hidden(const std::string& root);
 
   // The daemon whose process id is in `pid_file`. Throws Failure(Exit::unreachable) when there is none, or when it is
   // known to run below another root.
@@ -29,7 +36,7 @@ class RunningDaemon {
   // "the daemon (process 12)", for messages.
   std::string text() const { return "the daemon (process " + std::to_string(pid) + ")"; }
 
-  // The folder of its executable; installed_daemon_folder() when the system does not tell.
+  // The folder of its executable; installed_daemon_folder() when neither the system nor the daemon has told.
   std::string folder() const;
 
   // The state that it reports; nothing when it reports none, or has ended.
@@ -45,10 +52,12 @@ class RunningDaemon {
   void send_signal(int number) const;
 
  private:
-  RunningDaemon(pid_t process, std::string the_root) : pid(process), root(std::move(the_root)) {}
+  RunningDaemon(pid_t process, std::string the_root, std::string exe)
+      : pid(process), root(std::move(the_root)), told_exe(std::move(exe)) {}
 
   pid_t pid;
   std::string root;
+  std::string told_exe;  // its executable in its own words; empty: it was not asked
 };
 
 // The state that process `pid` reports below `root`; nothing when the state there is not its own.

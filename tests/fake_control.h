@@ -17,7 +17,8 @@
 class FakeControl {
  public:
   // Serves one connection after another: answers a request with the bytes that stand for it in `answers`, and closes
-  // the connection after those that do not end an answer, and when there are none.
+  // the connection after those that do not end an answer, and when there are none. Of several answers with a zero byte
+  // between them, the first ones are given once.
   FakeControl(const std::string& root, std::map<std::string, std::string> answers) : replies(std::move(answers)) {
     const std::string path = root + kControlSocketPath;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -46,7 +47,9 @@ class FakeControl {
       if (recv(client, &byte, 1, 0) != 1) return false;
     }
     request.pop_back();
-    const std::string& reply = replies[request];
+    std::string& held = replies[request];
+    const std::string reply = held.substr(0, held.find('\0'));
+    if (reply.size() < held.size()) held.erase(0, reply.size() + 1);
     send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
     return reply == "\n" || (reply.size() > 1 && reply.compare(reply.size() - 2, 2, "\n\n") == 0);
   }

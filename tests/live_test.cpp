@@ -19,15 +19,18 @@ std::string event(const char* id, const char* info, int run_us, int errors) {
   return line;
 }
 
-// The daemon goes away twice, the second time for another run. What the command has said on standard error is `errors`.
+// The daemon goes away twice, the second time for another run, and is full once then. What the command has said on
+// standard error is `errors`.
 TEST(Tail, FiltersAndGoesOnBehindTheLastEvent) {
   const RealDaemon root;
   const FakeControl daemon(
-      root.path(""), {{"follow names=do%25,a%2Cb*", "error: bad names\n\n"},
-                      {"follow", "following run=aa next=5\n" + event("aa-5", "state=open&a=b%20c&state=x", 99999, 0) +
-                                     "lost n=3\nnews k=1\n" + event("aa-9", "state=%1b[2J&a=b%20c", 100000, 2)},
-                      {"follow from=aa-9", "following run=bb next=1\nlost n=unknown\n" + event("bb-1", "", 2500000, 1)},
-                      {"follow from=x", "following run=aa next=5\n" + event("aa-4", "a=1 info_cut=7", 1, 0)}});
+      root.path(""),
+      {{"follow names=do%25,a%2Cb*", "error: bad names\n\n"},
+       {"follow", "following run=aa next=5\n" + event("aa-5", "state=open&a=b%20c&state=x", 99999, 0) +
+                      "lost n=3\nnews k=1\n" + event("aa-9", "state=%1b[2J&a=b%20c", 100000, 2)},
+       {"follow from=aa-9", std::string("error: 16 clients are connected already\n\n") + '\0' +
+                                "following run=bb next=1\nlost n=unknown\n" + event("bb-1", "", 2500000, 1)},
+       {"follow from=x", "following run=aa next=5\n" + event("aa-4", "a=1 info_cut=7", 1, 0)}});
   const std::string time = "2026-11-22 19:26:33.001234 ";
   const std::string gaps =
       "zelvctl: missing: 3 events\nzelvctl: the daemon went away; waiting for it\n"

@@ -256,6 +256,33 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   EXPECT_EQ(daemon.wait_for_end(), 0);
 }
 
+TEST(Reload, IsForTheDaemonsGroupAndRunStartsNoSecondDaemonForAnybody) {
+  RealDaemon daemon;
+  const auto as = [](const char* user, const char* group) {
+    return "setpriv --reuid=" + std::string(user) + " --regid=" + group + " --clear-groups ";
+  };
+  const std::string owner = as("65534", "65534");
+  if (daemon.launch("chmod 777 $ROOT; " + owner + "test -x $ZELVIND") != 0) GTEST_SKIP() << "needs root";
+  ASSERT_TRUE(daemon.start(owner + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
+  const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ")";
+  const std::string runs = process + " runs already below ROOT; --force starts another one\n";
+  const std::string unseen = ": Permission denied; a daemon may run already, and --force starts another one\n";
+  const struct {
+    std::string command, said;
+  } rows[] = {
+      {as("12345", "65534") + "zelvctl reload", process + " has reloaded its scripts\n"},
+      {as("12345", "65534") + "zelvctl run", "zelvctl: " + runs},
+      {as("12345", "12345") + "zelvctl reload",
+       "zelvctl: ROOT/run/zelvind/control.sock: not allowed (group nogroup)\n"},
+      {as("12345", "12345") + "zelvctl run", "zelvctl: failed to read ROOT/run/zelvind/events.lock" + unseen},
+      {"rm $ROOT/run/zelvind/events.lock; zelvctl run", "zelvctl: " + runs},  // as with a device's own libraries
+  };
+  for (const auto& row : rows) {
+    daemon.launch("{ " + row.command + "; } >$ROOT/out 2>&1");
+    EXPECT_EQ(daemon.text_of("out"), row.said) << row.command;
+  }
+}
+
 TEST(Reload, WatchesTheScripts) {
   RealDaemon daemon;
   ASSERT_TRUE(daemon.start());

@@ -78,5 +78,7 @@ std::string poster_text(const AnswerLine& poster) {
 }
 
 double poster_rate(const AnswerLine& poster) {
-  return poster.number("events") / (poster.number("since_s") + 0.5);  // whole seconds
+  constexpr double kLeastS = 5;  // a burst is no flood
+  if (poster.has("recent_ms")) return poster.number("recent") / std::max(poster.number("recent_ms") / 1000, kLeastS);
+  return poster.number("events") / std::max(poster.number("since_s") + 0.5, kLeastS);  // whole seconds
 }

@@ -43,5 +43,5 @@ std::string client_text(const AnswerLine& client);
 // "process 812 (flood, user anna)": the program and the user as this machine knows them.
 std::string poster_text(const AnswerLine& poster);
 
-// Events a second since a poster is connected.
+// Events a second of a poster: lately, or since it is connected where the daemon does not tell.
 double poster_rate(const AnswerLine& poster);

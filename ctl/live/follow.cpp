@@ -13,6 +13,7 @@ namespace {
 constexpr int kRetryMs = 500;
 constexpr size_t kNamesMax = 32;  // the daemon's limit
 constexpr char kUnknown[] = "unknown";
+constexpr char kNoRing[] = "event_memory is 0";  // within the daemon's sentence: to try again is in vain
 
 // "a,b*", where a comma within a name is encoded.
 std::string listed_names(const std::vector<std::string>& names) {
@@ -65,9 +66,12 @@ class Follower {
       try {
         got = client->next(line, 0);
       } catch (const Refused& refused) {
-        if (!request.reconnect || run_id.empty() || gone_since != 0) throw;
-        say(refused.what() + std::string("; waiting for a new one"));
-        is_over = true;
+          if (std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
+          // All places were taken: by others who come again, perhaps.
+          if (gone_since != 0) throw Gone(refused.status, refused.what());
+          if (!request.reconnect || run_id.empty()) throw;
+          say(refused.what() + std::string("; waiting for a new one"));
+          is_over = true;
       } catch (const Failure& failure) {
         throw Gone(failure.status, "the daemon went away");
       }

@@ -4,6 +4,7 @@
 #define NCURSES_WIDECHAR 1
 #include <curses.h>
 #include <langinfo.h>
+#include <poll.h>
 #include <unistd.h>
 #include <clocale>
 #include <cstdlib>
@@ -34,6 +35,12 @@ std::wstring fitted(const std::string& text, size_t columns) {
     at += size;
   }
   return line;
+}
+
+// A terminal that was closed gives no key, and makes nobody wait for one.
+bool has_gone() {
+  pollfd entry{STDIN_FILENO, 0, 0};
+  return poll(&entry, 1, 0) > 0;  // POLLHUP and POLLERR come unasked
 }
 
 attr_t attributes_of(Terminal::Style style) {
@@ -99,7 +106,7 @@ Terminal::Key Terminal::next_key(int wait_ms) const {
   wtimeout(window, wait_ms);
   switch (wgetch(window)) {
     case ERR:
-      return Key::none;
+      return has_gone() ? Key::quit : Key::none;
     case KEY_RESIZE:
       return Key::resized;
     case 'q':

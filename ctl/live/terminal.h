@@ -34,7 +34,7 @@ class Terminal {
   // Shows `lines` from the top on, and nothing else.
   void draw(const std::vector<Line>& lines) const;
 
-  // Waits at most `wait_ms` for a key, or a change of the terminal's size.
+  // Waits at most `wait_ms` for a key, or a change of the terminal's size. `quit` also when the terminal has gone.
   Key next_key(int wait_ms) const;
 
  private:
