@@ -90,7 +90,9 @@ void run_log_level(const Given& given) {
 }
 
 void run_metrics(const Given& given) {
-  print_metrics(given.root, given.value("--textfile"), stdout);
+  const std::string file = given.value("--textfile");
+  if (file.empty() && given.has("--textfile")) throw Failure(Exit::usage, "--textfile '': expected a file's path");
+  print_metrics(given.root, file, stdout);
 }
 
 void run_run(const Given& given) {
@@ -220,7 +222,7 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl metrics\n"
        "  zelvctl metrics --textfile /var/lib/prometheus/node-exporter/zelvind.prom",
-       {{"--textfile", Takes::value, "Replace FILE as a whole, for the textfile collector of node_exporter", "FILE"}},
+       {{"--textfile", Takes::value, "Replace FILE, a regular one, as a whole; for the textfile collector of node_exporter", "FILE"}},
        run_metrics},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",

@@ -192,7 +192,14 @@ std::string up(bool is_up) {
                 sample("zelvind_up", "", is_up ? "1" : "0"));
 }
 
+// A rename would replace a device, a FIFO or a link too, whatever others use it for.
+void refuse_other_than_file(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) fail(path + " is not a regular file");
+}
+
 void replace(const std::string& path, const std::string& text) {
+  refuse_other_than_file(path);
   std::string temporary = path + ".XXXXXX";
   const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
   if (file.get() >= 0 && write_fully(file.get(), text.data(), text.size()) && fchmod(file.get(), 0644) == 0 &&

@@ -297,8 +297,12 @@ TEST(Metrics, AreReplacedAsAWholeAlsoByADaemonThatHasGone) {
   root.expect_zelvctl("metrics --textfile $ROOT/folder/m.prom", 1, "", none);
   EXPECT_EQ(root.text_of("folder/m.prom"), down);
   EXPECT_EQ(std::filesystem::status(root.path("folder/m.prom")).permissions(), std::filesystem::perms{0644});
-  root.expect_zelvctl("metrics --textfile $ROOT/folder", 1, "",
-                      "zelvctl: failed to write ROOT/folder: Is a directory\n");
+  root.launch("mkfifo $ROOT/fifo; ln -s folder/m.prom $ROOT/link");
+  for (const std::string name : {"folder", "fifo", "link"}) {
+    root.expect_zelvctl("metrics --textfile $ROOT/" + name, 1, "",
+                        "zelvctl: ROOT/" + name + " is not a regular file\n");
+  }
+  root.expect_zelvctl("metrics --textfile ''", 2, "", "zelvctl: --textfile '': expected a file's path\n");
   root.expect_zelvctl("metrics --textfile $ROOT/no/m.prom", 1, "",
                       "zelvctl: failed to write ROOT/no/m.prom: No such file or directory\n");
   root.launch("ls $ROOT $ROOT/folder >$ROOT/list");
