@@ -43,12 +43,11 @@ class Screen {
               duration_text(recent.count("over_ms") * 1000);
     }
     const char* separator = "; ";
-    for (const AnswerLine& source : answers.stats) {
-      if (source.kind() != "source") continue;
-      line += separator + std::to_string(source.count("events")) + " from " +
-              (source.text("name") == "process" ? "the process itself" : value(source, "name"));
+    for (const AnswerLine* source : lines_of(answers.stats, "source")) {
+      line += separator + std::to_string(source->count("events")) + " from " +
+              (source->text("name") == "process" ? "the process itself" : value(*source, "name"));
       separator = ", ";
-      if (source.count("refused") > 0) line += " (" + std::to_string(source.count("refused")) + " refused)";
+      if (source->count("refused") > 0) line += " (" + std::to_string(source->count("refused")) + " refused)";
     }
     row("events", line);
     names("types", "event", "events", [](const AnswerLine& event) { return std::to_string(event.count("events")); });
