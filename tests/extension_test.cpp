@@ -157,7 +157,7 @@ class Plugins : public PluginHost {
   void load(const char* name) {
     folder.put(name);
     extension.load(folder.path.c_str());
-    ASSERT_EQ(standin::log_lines_with("<1>"), Lines{});
+    ASSERT_EQ(errors(), Lines{});
   }
   void run_to_quit() {
     script->running = true;
@@ -200,7 +200,7 @@ for i, row in ipairs(rows) do
   end, i)
 end)lua");
   run_to_quit();
-  EXPECT_EQ(standin::log_lines_with("<1>"), Lines{});
+  EXPECT_EQ(errors(), Lines{});
   pollfd written{fifo, POLLIN, 0};
   EXPECT_EQ(poll(&written, 1, 10000), 1) << "the sleep that a program left behind lives on";
   close(fifo);
@@ -228,7 +228,7 @@ for i = 1, 20 do
 end
 es_proc_done.list_func[2] = nil)lua");
   run_to_quit();
-  EXPECT_EQ(standin::log_lines_with("<1>"), (Lines{"<1> mscript: error[etype:7002] - in func"}));
+  EXPECT_EQ(errors(), (Lines{"<1> mscript: error[etype:7002] - in func"}));
   run_lua(R"lua(
 assert(select(2, pcall(proc_run, { "a\0b" }, 1, print)) == "argument 0 of the program holds a zero byte"))lua");
   // All places taken, and a finalizer that runs a program while the state is being closed.
@@ -290,9 +290,8 @@ es_uevent = { list_func = { { "ours", function()
   if evt_info():find("/net/lo&", 1, true) then event_post(9999, 'quit') error(evt_info():match("(.*)&seqnum="), 0) end
 end } } })lua");
   run_to_quit();
-  EXPECT_EQ(standin::log_lines_with("<1>"),
-            Lines{"<1> mscript: error[etype:7001] - "
-                  "action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=lo&interface=lo"});
+  EXPECT_EQ(errors(), Lines{"<1> mscript: error[etype:7001] - "
+                            "action=change&subsystem=net&devpath=/devices/virtual/net/lo&name=lo&interface=lo"});
   end();
 }
 

@@ -69,18 +69,22 @@ void expect_survival(const Case& row, bool from_start) {
 TEST(Fault, OfACallAtTheStart) {
   const char* const no_queue = "evq: cannot open the event queue: Too many open files";
   const Case cases[] = {
-      {"pthread_create", EAGAIN, 0, 1, "evq: no thread to read events while scripts run (Resource", kAll},
-      {"pthread_create", EAGAIN, 1, 1, "mlistener: failed to run event_recv thread", kOwnEvents | kPosters},
-      {"pthread_create", EAGAIN, 2, 1, "mlistener: failed to run accept thread", kOwnEvents | kPosters},
-      {"pthread_create", EAGAIN, 3, 1, "mscript: failed to run thread", kNone},
+      {"pthread_create", EAGAIN, 0, 1, "control: no thread to answer requests (Resource", kAll},
+      {"pthread_create", EAGAIN, 1, 1, "evq: no thread to read events while scripts run (Resource", kAll},
+      {"pthread_create", EAGAIN, 2, 1, "mlistener: failed to run event_recv thread", kOwnEvents | kPosters},
+      {"pthread_create", EAGAIN, 3, 1, "mlistener: failed to run accept thread", kOwnEvents | kPosters},
+      {"pthread_create", EAGAIN, 4, 1, "mscript: failed to run thread", kNone},
       {"pthread_create", EAGAIN, 0, 9, "mscript: failed to run thread", kNone},
       {"socket", EMFILE, 0, 1, "", kAll},
-      {"socket", EMFILE, 1, 1, "events.sock (Too many open files)", kOwnEvents | kClients},
-      {"socket", EMFILE, 2, 1, "mlistener: Failed to create server socket(errno:24)", kOwnEvents | kPosters},
-      {"bind", EACCES, 0, 1, "events.sock (Permission denied)", kOwnEvents | kClients},
-      {"bind", EADDRINUSE, 1, 1, "mlistener: port 0 is open now", kAll},
+      {"socket", EMFILE, 1, 1, "control.sock (Too many open files)", kAll},
+      {"socket", EMFILE, 2, 1, "events.sock (Too many open files)", kOwnEvents | kClients},
+      {"socket", EMFILE, 3, 1, "mlistener: Failed to create server socket(errno:24)", kOwnEvents | kPosters},
+      {"bind", EACCES, 0, 1, "control.sock (Permission denied)", kAll},
+      {"bind", EACCES, 1, 1, "events.sock (Permission denied)", kOwnEvents | kClients},
+      {"bind", EADDRINUSE, 2, 1, "mlistener: port 0 is open now", kAll},
       {"listen", EADDRINUSE, 0, 9, "events.sock (Address already in use)", kOwnEvents},
-      {"eventfd", EMFILE, 0, 1, no_queue, kNone},
+      {"eventfd", EMFILE, 0, 2, "control: no descriptor (Too many open files)", kAll},
+      {"eventfd", EMFILE, 2, 1, no_queue, kNone},
       {"epoll_create1", EMFILE, 0, 1, no_queue, kNone},
   };
   for (const Case& row : cases) expect_survival(row, true);

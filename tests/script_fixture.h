@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <algorithm>
 
 #include <cstdlib>
 #include <filesystem>
@@ -34,17 +35,25 @@ class ScriptFixture : public testing::Test {
   }
 
   // What scripts traced since the last call, and what the script manager complained about, joined by "|".
+  static constexpr char kQuitLine[] = "<1> mscript: quit event, the event loop has ended";
+
   static std::string traced() {
     std::string text;
     const std::vector<std::string> lines = standin::log_lines();
     for (; seen < lines.size(); ++seen) {
       const size_t trace = lines[seen].find("lua-trace: ");
       if (trace != std::string::npos) text += "|" + lines[seen].substr(trace + 11);
-      if (lines[seen].rfind("<1> mscript:", 0) == 0) text += "|" + lines[seen];
+      if (lines[seen].rfind("<1> mscript:", 0) == 0 && lines[seen] != kQuitLine) text += "|" + lines[seen];
     }
     return under_opt(text.empty() ? text : text.substr(1));
   }
 
+  // The level 1 lines but that of the quit event.
+  static std::vector<std::string> errors() {
+    std::vector<std::string> lines = standin::log_lines_with("<1>");
+    lines.erase(std::remove(lines.begin(), lines.end(), kQuitLine), lines.end());
+    return lines;
+  }
   // The text with /opt in place of the root.
   static std::string under_opt(std::string text) {
     for (size_t at = 0; (at = text.find(root)) != std::string::npos;) text.replace(at, root.size(), "/opt");
