@@ -11,6 +11,7 @@ namespace {
 
 constexpr size_t kNameWidth = 40;
 constexpr size_t kPlaceWidth = 100;
+constexpr size_t kErrorWidth = 160;
 
 std::string user_name(uint64_t id) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread of ours asks for users
@@ -76,6 +77,17 @@ std::string loop_text(const AnswerLine& loop) {
   text += " for " + duration_text(loop.count("for_us"));
   if (activity == "collecting" || activity == "forwarding") return text;  // a place would be that of the last call
   return loop.has("where") ? text + ", " + shown(loop.text("where"), kPlaceWidth) : text;
+}
+
+std::string first_line(const AnswerLine& line, const char* key) {
+  const std::string text = line.text(key);
+  return shown(text.substr(0, text.find('\n')), kErrorWidth);
+}
+
+std::string script_error_text(const AnswerLine& error) {
+  const std::string event = error.text("event");
+  return shown(error.text("tag"), kNameWidth) + (event.empty() ? "" : " of " + shown(event, kNameWidth)) + ": " +
+         first_line(error, "text");
 }
 
 std::string client_text(const AnswerLine& client) {

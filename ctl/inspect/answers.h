@@ -45,6 +45,12 @@ uint64_t bucket_total(const AnswerLine& line);
 // What the event loop does, "idle" or "in handler 'front' of door for 12.3 s, /opt/scripts/door.lua:12".
 std::string loop_text(const AnswerLine& loop);
 
+// The first line of an error, which may have a traceback behind it; safe for a terminal, and cut.
+std::string first_line(const AnswerLine& line, const char* key);
+
+// "front of door: /opt/scripts/door.lua:12: MESSAGE", an error of a script.
+std::string script_error_text(const AnswerLine& error);
+
 // "12 (10.0.0.7:4411)", a client of the listener.
 std::string client_text(const AnswerLine& client);
 

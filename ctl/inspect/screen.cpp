@@ -61,9 +61,7 @@ class Screen {
     names("errors", "tag", "errors", [](const AnswerLine& tag) { return std::to_string(tag.count("errors")); });
     const AnswerLine& error = answers.stat("error");
     if (error.has("time")) {
-      row("last error", time_text(error.count("time")) + " in " + value(error, "tag") +
-                            (value(error, "event").empty() ? "" : " of " + value(error, "event")) + ": " +
-                            shown(error.text("text"), kTextWidth));
+      row("last error", time_text(error.count("time")) + " in " + script_error_text(error));
     }
     row("timers", std::to_string(answers.stat("timers").count("now")) + ", " + lateness("timers") + "; tasks " +
                       std::to_string(answers.stat("coroutines").count("now")) + ", " + lateness("coroutines"));

@@ -141,9 +141,7 @@ class Head {
     const double rate = static_cast<double>(count - std::min(before, count)) / history.seconds();
     std::string text = count == 0 ? "none" : std::to_string(count) + ", " + rate_text(rate) + "/s";
     if (const AnswerLine& last = now.stat("error"); last.has("time")) {
-      text += "; last " + time_text(last.count("time")).substr(11) + " " + last.text("tag");
-      if (!last.text("event").empty()) text += " of " + last.text("event");
-      text += ": " + last.text("text");
+      text += "; last " + time_text(last.count("time")).substr(11) + " " + script_error_text(last);
     }
     add("errors", text);
   }
