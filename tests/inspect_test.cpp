@@ -17,13 +17,6 @@ namespace {
 
 using namespace std::string_literals;
 
-std::vector<AnswerLine> lines_in(const std::string& text) {
-  std::vector<AnswerLine> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.emplace_back(line);
-  return lines;
-}
-
 // Of a daemon that is well.
 constexpr char kWell[] =
     "daemon version=1.2.3 pid=12 started=0 state=ready state_since_s=7380 root=/r log_level=1 rss=3145728 "
