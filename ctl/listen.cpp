@@ -17,6 +17,7 @@
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
 #include "ctl/human_text.h"
+#include "ctl/inspect/answers.h"
 #include "ctl/live/follow.h"
 #include "ctl/output.h"
 #include "util/clock.h"
@@ -106,18 +107,13 @@ bool is_pattern(const std::string& name) {
 // does not tell is no reason to complain.
 void warn_of_unknown(const ListenRequest& request) try {
   ControlClient client(request.root, kAskMs);
-  const auto stats = client.ask("stats", kAskMs);
-  const auto scripts = client.ask("scripts", kAskMs);
-  const auto is_known = [&](const std::string& name) {
-    const auto fits = [&](const std::string& seen) { return fnmatch(name.c_str(), seen.c_str(), FNM_NOESCAPE) == 0; };
-    const auto tells = [&](const AnswerLine& line) {
-      return (line.kind() == "event" && (fits(line.text("name")) || line.text("name") == kOtherNames)) ||
-             (line.kind() == "handler" && fits(line.text("event")));
-    };
-    return std::any_of(stats.begin(), stats.end(), tells) || std::any_of(scripts.begin(), scripts.end(), tells);
-  };
+  std::set<std::string> known;
+  add_event_names(client.ask("stats", kAskMs), known);
+  add_event_names(client.ask("scripts", kAskMs), known);
+  if (known.count(kOtherNames) != 0) return;
   for (const std::string& name : request.names) {
-    if (is_known(name)) continue;
+    const auto fits = [&](const std::string& each) { return fnmatch(name.c_str(), each.c_str(), FNM_NOESCAPE) == 0; };
+    if (std::any_of(known.begin(), known.end(), fits)) continue;
     fprintf(stderr, "zelvctl: warning: no script handles '%s', and no such event has come since the daemon started\n",
             escaped(name).c_str());
   }

@@ -142,7 +142,7 @@ const std::vector<Command>& commands() {
         {"NAME", Takes::values, "Names of events; on this machine, * and ? stand for any letters"}},
        run_listen},
       {"tail",
-       "Print the events that the daemon handles, with what they cost",
+       "Print the events that the daemon has handled, with what they cost",
        "Prints TIME ID NAME INFO and how long the event waited and its handlers ran. Waits for a daemon that goes "
        "away\n"
        "and goes on behind the last event; says on standard error what is missing.\n"
@@ -169,7 +169,7 @@ const std::vector<Command>& commands() {
       {"check",
        "Compile the daemon's scripts and report their faults",
        "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
-       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the "
+       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the\n"
        "daemon's order and runs none.\n"
        "Ends with status 0 when there is no fault, with 1 when there is.\n"
        "\nExamples:\n"
@@ -189,7 +189,7 @@ const std::vector<Command>& commands() {
        "--root and the exit statuses: see zelvctl --help.",
        {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that owns the event socket)", "FILE"},
         {"--no-trial", Takes::nothing, "Reload at once: a script that fails ends the daemon"},
-        {"--watch", Takes::nothing, "Reload whenever a script file changes"},
+        {"--watch", Takes::nothing, "Reload whenever a script file changes, one in lib/ included"},
         {"--strict", Takes::nothing, "Count warnings as faults"}},
        run_reload},
       {"run",

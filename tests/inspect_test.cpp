@@ -17,13 +17,6 @@ namespace {
 
 using namespace std::string_literals;
 
-std::vector<AnswerLine> lines_in(const std::string& text) {
-  std::vector<AnswerLine> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.emplace_back(line);
-  return lines;
-}
-
 // Of a daemon that is well.
 constexpr char kWell[] =
     "daemon version=1.2.3 pid=12 started=0 state=ready state_since_s=7380 root=/r log_level=1 rss=3145728 "
@@ -74,7 +67,7 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"error time=1 text=old", "", "", ""},
       {"error time=" + std::to_string(time(nullptr) + 100) + "\ntag name=a errors=1\ntag name=b%0a errors=9", "", "",
        "scripts fail, the last time 0 s ago: b\\n 9, a 1"},
-      {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a\\nb"},
+      {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a"},
       {"event name=a unknown=1\nevent name=b unknown=2\nevent name=c unknown=3\nevent name=d unknown=4", "", "",
        "nobody handles: d 4, c 3, b 2 and 1 more"},
       {"tag name=a run_max_us=300000", "", "", "slow calls hold up everything, so far: a up to 300 ms"},
@@ -110,7 +103,8 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
   root.expect_zelvctl("status", 1, "",
                       "zelvctl: no daemon at ROOT/run/zelvind/control.sock: No such file or directory\n");
   {
-    const FakeControl daemon(root.path(""), {{"stats", kWell + "\n"s}, {"clients", clients + "\n"}});
+    const std::string error = "error time=0 tag=front event=door text=a.lua:1:%20no%0astack%20traceback:\n\n";
+    const FakeControl daemon(root.path(""), {{"stats", kWell + error}, {"clients", clients + "\n"}});
     root.expect_zelvctl(
         "status", 0,
         "healthy\n"
@@ -124,6 +118,9 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
             "events      14 so far, 12.5/s in the last 10.0 s; 1 from the process itself, 13 from posters\n"
             "types       door 12, bell\\x1b 2\n"
             "slowest     front 50.0 ms (mean 200 us)\n"
+            "last error  " +
+            time_text(0) +
+            " in front of door: a.lua:1: no\n"
             "timers      2, late by 900 us at most; tasks 1, late by 1.1 ms at most\n"
             "lua         1.2 MiB, 1 collection, the longest 400 us\n"
             "reloads     2 done, 1 failed\n"

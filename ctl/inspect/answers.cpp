@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 #include <algorithm>
+#include <numeric>
 
 #include "ctl/human_text.h"
 #include "ctl/process.h"
@@ -10,6 +11,7 @@ namespace {
 
 constexpr size_t kNameWidth = 40;
 constexpr size_t kPlaceWidth = 100;
+constexpr size_t kErrorWidth = 160;
 
 std::string user_name(uint64_t id) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread of ours asks for users
@@ -19,11 +21,22 @@ std::string user_name(uint64_t id) {
 
 }  // namespace
 
-Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const Weight& weight) {
+Lines lines_of(const std::vector<AnswerLine>& answer, std::string_view kind) {
   Lines found;
   for (const AnswerLine& line : answer) {
-    if (line.kind() == kind && weight(line) > 0) found.push_back(&line);
+    if (line.kind() == kind) found.push_back(&line);
   }
+  return found;
+}
+
+void add_event_names(const std::vector<AnswerLine>& answer, std::set<std::string>& names) {
+  for (const AnswerLine* line : lines_of(answer, "event")) names.insert(line->text("name"));
+  for (const AnswerLine* line : lines_of(answer, "handler")) names.insert(line->text("event"));
+}
+
+Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const Weight& weight) {
+  Lines found = lines_of(answer, kind);
+  found.erase(std::remove_if(found.begin(), found.end(), [&](auto* line) { return weight(*line) == 0; }), found.end());
   std::stable_sort(found.begin(), found.end(), [&](auto* a, auto* b) { return weight(*a) > weight(*b); });
   return found;
 }
@@ -34,7 +47,7 @@ Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const ch
 
 uint64_t sum_of(const std::vector<AnswerLine>& answer, const char* kind, const char* key) {
   uint64_t sum = 0;
-  for (const AnswerLine& line : answer) sum += line.kind() == kind ? line.count(key) : 0;
+  for (const AnswerLine* line : lines_of(answer, kind)) sum += line->count(key);
   return sum;
 }
 
@@ -50,9 +63,8 @@ uint64_t mean_us(const AnswerLine& line, const char* sum_key, uint64_t number) {
 }
 
 uint64_t bucket_total(const AnswerLine& line) {
-  uint64_t total = 0;
-  for (const std::string& bucket : line.items("buckets")) total += strtoull(bucket.c_str(), nullptr, 10);
-  return total;
+  const std::vector<uint64_t> buckets = line.counts("buckets");
+  return std::accumulate(buckets.begin(), buckets.end(), uint64_t{0});
 }
 
 std::string loop_text(const AnswerLine& loop) {
@@ -65,6 +77,17 @@ std::string loop_text(const AnswerLine& loop) {
   text += " for " + duration_text(loop.count("for_us"));
   if (activity == "collecting" || activity == "forwarding") return text;  // a place would be that of the last call
   return loop.has("where") ? text + ", " + shown(loop.text("where"), kPlaceWidth) : text;
+}
+
+std::string first_line(const AnswerLine& line, const char* key) {
+  const std::string text = line.text(key);
+  return shown(text.substr(0, text.find('\n')), kErrorWidth);
+}
+
+std::string script_error_text(const AnswerLine& error) {
+  const std::string event = error.text("event");
+  return shown(error.text("tag"), kNameWidth) + (event.empty() ? "" : " of " + shown(event, kNameWidth)) + ": " +
+         first_line(error, "text");
 }
 
 std::string client_text(const AnswerLine& client) {

@@ -18,7 +18,6 @@ constexpr double kFastPoster = 1000;     // events a second
 constexpr uint64_t kRecentErrorS = 600;
 constexpr size_t kNamesListed = 3;
 constexpr size_t kNameWidth = 40;
-constexpr size_t kTextWidth = 160;
 
 std::string name_and(const AnswerLine& line, const std::string& figure) {
   return shown(line.text("name"), kNameWidth) + " " + figure;
@@ -101,7 +100,7 @@ class Notes {
     }
     const AnswerLine& reload = answers.stat("reload");
     if (reload.text("last_result") == "failed") {
-      notes.push_back("the last reload failed: " + shown(reload.text("last_text"), kTextWidth));
+      notes.push_back("the last reload failed: " + first_line(reload, "last_text"));
     }
   }
 

@@ -43,12 +43,11 @@ class Screen {
               duration_text(recent.count("over_ms") * 1000);
     }
     const char* separator = "; ";
-    for (const AnswerLine& source : answers.stats) {
-      if (source.kind() != "source") continue;
-      line += separator + std::to_string(source.count("events")) + " from " +
-              (source.text("name") == "process" ? "the process itself" : value(source, "name"));
+    for (const AnswerLine* source : lines_of(answers.stats, "source")) {
+      line += separator + std::to_string(source->count("events")) + " from " +
+              (source->text("name") == "process" ? "the process itself" : value(*source, "name"));
       separator = ", ";
-      if (source.count("refused") > 0) line += " (" + std::to_string(source.count("refused")) + " refused)";
+      if (source->count("refused") > 0) line += " (" + std::to_string(source->count("refused")) + " refused)";
     }
     row("events", line);
     names("types", "event", "events", [](const AnswerLine& event) { return std::to_string(event.count("events")); });
@@ -62,9 +61,7 @@ class Screen {
     names("errors", "tag", "errors", [](const AnswerLine& tag) { return std::to_string(tag.count("errors")); });
     const AnswerLine& error = answers.stat("error");
     if (error.has("time")) {
-      row("last error", time_text(error.count("time")) + " in " + value(error, "tag") +
-                            (value(error, "event").empty() ? "" : " of " + value(error, "event")) + ": " +
-                            shown(error.text("text"), kTextWidth));
+      row("last error", time_text(error.count("time")) + " in " + script_error_text(error));
     }
     row("timers", std::to_string(answers.stat("timers").count("now")) + ", " + lateness("timers") + "; tasks " +
                       std::to_string(answers.stat("coroutines").count("now")) + ", " + lateness("coroutines"));

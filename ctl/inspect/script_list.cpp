@@ -4,6 +4,7 @@
 #include <map>
 
 #include "ctl/human_text.h"
+#include "ctl/inspect/answers.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ std::string in_columns(const std::vector<Row>& rows) {
   std::vector<size_t> widths;
   for (const Row& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], std::min(row[i].size(), kWidthMax));
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], std::min(characters_of(row[i]), kWidthMax));
   }
   std::string text;
   for (const Row& row : rows) {
@@ -34,13 +35,14 @@ class ScriptList {
 
   void files() {
     std::vector<Row> rows;
-    for (const AnswerLine* line : lines_of("file")) rows.push_back({value(*line, "path"), value(*line, "module")});
+    for (const AnswerLine* line : lines_of(answer, "file"))
+      rows.push_back({value(*line, "path"), value(*line, "module")});
     text += number_of(rows.size(), "file") + " in load order, loaded " +
             number_of(line_of(answer, "round").count("n"), "time") + "\n" + in_columns(rows);
   }
 
   void handlers() {
-    std::vector<const AnswerLine*> lines = lines_of("handler");
+    Lines lines = lines_of(answer, "handler");
     std::stable_sort(lines.begin(), lines.end(), [](auto* a, auto* b) { return a->text("event") < b->text("event"); });
     std::vector<Row> rows;
     for (const AnswerLine* line : lines) {
@@ -51,7 +53,7 @@ class ScriptList {
 
   // Timers or tasks, of which a script can make thousands by mistake.
   void due(const char* kind) {
-    std::vector<const AnswerLine*> lines = lines_of(kind);
+    Lines lines = lines_of(answer, kind);
     std::stable_sort(lines.begin(), lines.end(),
                      [](auto* a, auto* b) { return a->count("due_in_ms") < b->count("due_in_ms"); });
     std::vector<Row> rows;
@@ -71,14 +73,6 @@ class ScriptList {
   std::string text;
 
  private:
-  std::vector<const AnswerLine*> lines_of(const char* kind) const {
-    std::vector<const AnswerLine*> lines;
-    for (const AnswerLine& line : answer) {
-      if (line.kind() == kind) lines.push_back(&line);
-    }
-    return lines;
-  }
-
   static std::string value(const AnswerLine& line, const char* key) { return shown(line.text(key), 4 * kWidthMax); }
 
   static std::string when(const AnswerLine& line) {
@@ -87,7 +81,7 @@ class ScriptList {
   }
 
   // "front 39990, clock 10 and 2 more".
-  static std::string tags_of(const std::vector<const AnswerLine*>& lines) {
+  static std::string tags_of(const Lines& lines) {
     std::map<std::string, size_t> numbers;
     for (const AnswerLine* line : lines) ++numbers[line->text("tag")];
     std::vector<std::pair<std::string, size_t>> tags(numbers.begin(), numbers.end());

@@ -55,10 +55,9 @@ Table runs_table(const History& history, const char* kind, const char* title, co
   Table table;
   table.columns = {{title, 0}, {"PER S", 7}, {"TOTAL", 10}, {"ERRORS", 7},
                    {"P50", 7}, {"P99", 7},   {"MAX", 7},    {"LOOP", 6}};
-  for (const AnswerLine& line : history.now().stats) {
-    if (line.kind() != kind) continue;
-    Table::Row row = {{escaped(line.text("name"))}};
-    add_runs(row, history, line, count_key);
+  for (const AnswerLine* line : lines_of(history.now().stats, kind)) {
+    Table::Row row = {{escaped(line->text("name"))}};
+    add_runs(row, history, *line, count_key);
     table.rows.push_back(std::move(row));
   }
   return table;
@@ -68,8 +67,8 @@ Table clients_table(const History& history) {
   Table table;
   table.columns = {{"ADDRESS", 0}, {"STATE", 0}, {"PER S", 7}, {"BYTES/S", 8},
                    {"OWES", 8},    {"LOST", 7},  {"SINCE", 8}, {"WANTS", 0}};
-  for (const AnswerLine& line : history.now().clients) {
-    if (line.kind() != "client") continue;
+  for (const AnswerLine* client : lines_of(history.now().clients, "client")) {
+    const AnswerLine& line = *client;
     const AnswerLine& found = same_line(history.before().clients, line, "id");
     // A descriptor's number comes again with the next client.
     const AnswerLine none;
@@ -142,9 +141,7 @@ class Head {
     const double rate = static_cast<double>(count - std::min(before, count)) / history.seconds();
     std::string text = count == 0 ? "none" : std::to_string(count) + ", " + rate_text(rate) + "/s";
     if (const AnswerLine& last = now.stat("error"); last.has("time")) {
-      text += "; last " + time_text(last.count("time")).substr(11) + " " + last.text("tag");
-      if (!last.text("event").empty()) text += " of " + last.text("event");
-      text += ": " + last.text("text");
+      text += "; last " + time_text(last.count("time")).substr(11) + " " + script_error_text(last);
     }
     add("errors", text);
   }
