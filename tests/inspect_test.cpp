@@ -57,6 +57,8 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"daemon state=stopping\nloop activity=timer tag=a for_us=3000000 alive_us=3000000", "",
        "it is stopping, and the event loop is busy: in timer 'a' for 3.0 s", ""},
       {"daemon state=loading", "", "it is starting", ""},
+      {"daemon state=dreaming", "", "it answers, but tells no state that is known", ""},
+      {"loop", "", "it answers, but tells nothing of its event loop", ""},
       {"queue socket=none", "", "it does not have the event socket (none): see its log", ""},
       {"queue waiting=5000 oldest_us=700000 socket=owned", "", "",
        "5000 events wait (10.0 s ago: 3), the oldest for 700 ms"},
@@ -100,8 +102,9 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
                " address=a:1 state=subscribed wants=do%1bor events=9 waiting=" + std::to_string(i == 6 ? 2048 : 0) +
                (i == 5 ? " skipped=3 last_skip_s=61\n" : " skipped=0\n");
   }
-  root.expect_zelvctl("status", 1, "",
-                      "zelvctl: no daemon at ROOT/run/zelvind/control.sock: No such file or directory\n");
+  const std::string none = "no daemon at ROOT/run/zelvind/control.sock: No such file or directory";
+  root.expect_zelvctl("status", 1, "NOT HEALTHY: " + none + "\n", "");
+  EXPECT_EQ(root.launch("zelvctl status --json | grep -q '\"trouble\": \"no daemon at '"), 0);
   {
     const std::string error = "error time=0 tag=front event=door text=a.lua:1:%20no%0astack%20traceback:\n\n";
     const FakeControl daemon(root.path(""), {{"stats", kWell + error}, {"clients", clients + "\n"}});

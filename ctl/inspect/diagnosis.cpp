@@ -42,6 +42,8 @@ std::string trouble_of(const Answers& answers) {
   if (state == "stopping")
     return "it is stopping" + (is_silent ? ", and the event loop is busy: " + loop_text(loop) : "");
   if (state == "starting" || state == "loading" || activity == "starting") return "it is starting";
+  if (state != "ready" && state != "reloading") return "it answers, but tells no state that is known";
+  if (activity.empty()) return "it answers, but tells nothing of its event loop";
   if (is_silent && activity == "idle") return "the event loop is silent for " + duration_text(loop.count("alive_us"));
   if (is_silent) return "the event loop is busy: " + loop_text(loop);
   const std::string socket = answers.stat("queue").text("socket", "owned");

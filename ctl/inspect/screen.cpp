@@ -19,7 +19,7 @@ class Screen {
 
   void verdict(const Diagnosis& diagnosis) {
     const AnswerLine& daemon = answers.stat("daemon");
-    text += (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+    text += verdict_line(diagnosis);
     for (const std::string& note : diagnosis.notes) text += "! " + note + "\n";
     row("daemon", "zelvind " + value(daemon, "version") + ", process " + value(daemon, "pid") + ", " +
                       value(daemon, "state") + " for " + duration_text(daemon.count("state_since_s") * 1000000) +
@@ -143,6 +143,10 @@ class Screen {
 };
 
 }  // namespace
+
+std::string verdict_line(const Diagnosis& diagnosis) {
+  return (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+}
 
 std::string status_screen(const Answers& answers, const Diagnosis& diagnosis) {
   Screen screen(answers);
