@@ -126,6 +126,8 @@ const std::vector<Command>& commands() {
       {"listen",
        "Subscribe to events and print them as they come",
        "Prints SECONDS.MICROSECONDS NAME INFO, or with --json an object with \"time\", \"name\" and \"fields\".\n"
+       "Names come from the listener, which leaves out events when we read too slowly and cannot say so; with --all\n"
+       "or a pattern, standard error says how many are missing.\n"
        "--root and the exit statuses: see zelvctl --help.\n"
        "\nExamples:\n"
        "  zelvctl listen door heartbeat\n"
