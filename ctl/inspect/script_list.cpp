@@ -56,14 +56,24 @@ class ScriptList {
     Lines lines = lines_of(answer, kind);
     std::stable_sort(lines.begin(), lines.end(),
                      [](auto* a, auto* b) { return a->count("due_in_ms") < b->count("due_in_ms"); });
-    std::vector<Row> rows;
-    for (size_t i = 0; i < std::min(lines.size(), kDueListed); ++i) {
-      const AnswerLine& line = *lines[i];
-      rows.push_back({value(line, "tag"), when(line), value(line, "where")});
+    // Those that a place in a script has made with the same interval stand on one line.
+    std::vector<std::pair<const AnswerLine*, size_t>> groups;
+    std::map<Row, size_t> group_of;
+    for (const AnswerLine* line : lines) {
+      const auto found =
+          group_of.emplace(Row{line->text("tag"), line->text("where"), line->text("every_ms")}, groups.size());
+      if (found.second) groups.emplace_back(line, 0);
+      ++groups[found.first->second].second;
     }
-    text += number_of(lines.size(), kind) + (lines.size() > kDueListed ? ": " + tags_of(lines) : "") + "\n";
+    std::vector<Row> rows;
+    for (size_t i = 0; i < std::min(groups.size(), kDueListed); ++i) {
+      const auto& [line, number] = groups[i];
+      const std::string group = number > 1 ? number_of(number, kind) + ", the first " : "";
+      rows.push_back({value(*line, "tag"), group + when(*line), value(*line, "where")});
+    }
+    text += number_of(lines.size(), kind) + (groups.size() > kDueListed ? ": " + tags_of(lines) : "") + "\n";
     text += in_columns(rows);
-    if (lines.size() > kDueListed) text += "  and " + std::to_string(lines.size() - kDueListed) + " more\n";
+    if (groups.size() > kDueListed) text += "  and " + number_of(groups.size() - kDueListed, "more line") + "\n";
   }
 
   void end() {
@@ -77,7 +87,9 @@ class ScriptList {
 
   static std::string when(const AnswerLine& line) {
     const std::string due = line.has("due_in_ms") ? "due in " + duration_text(line.count("due_in_ms") * 1000) : "waits";
-    return line.has("every_ms") ? due + ", every " + duration_text(line.count("every_ms") * 1000) : due;
+    if (!line.has("every_ms")) return due;
+    const uint64_t every_ms = line.count("every_ms");
+    return due + (every_ms == 0 ? ", once" : ", every " + duration_text(every_ms * 1000));
   }
 
   // "front 39990, clock 10 and 2 more".
