@@ -2,10 +2,12 @@
 
 #include <pwd.h>
 #include <algorithm>
+#include <map>
 #include <numeric>
 
 #include "ctl/human_text.h"
 #include "ctl/process.h"
+#include "util/text.h"
 
 namespace {
 
@@ -94,12 +96,30 @@ std::string client_text(const AnswerLine& client) {
   return client.text("id") + " (" + shown(client.text("address"), kNameWidth) + ")";
 }
 
+std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats) {
+  struct Sums {
+    unsigned long long events = 0, refused = 0, since_s = 0;
+    double rate = 0;
+  };
+  std::map<std::pair<std::string, std::string>, Sums> processes;
+  for (const AnswerLine* line : lines_of(stats, "poster")) {
+    Sums& sums = processes[{line->text("pid"), line->text("uid")}];
+    sums.events += line->count("events");
+    sums.refused += line->count("refused");
+    sums.since_s = std::max<unsigned long long>(sums.since_s, line->count("since_s"));
+    sums.rate += line->number("events") / (line->number("since_s") + 0.5);  // whole seconds
+  }
+  std::vector<AnswerLine> posters;
+  for (const auto& [process, sums] : processes) {
+    posters.emplace_back(sstr("poster pid=%s uid=%s events=%llu refused=%llu since_s=%llu rate=%.3f",
+                              encoded(process.first).c_str(), encoded(process.second).c_str(), sums.events,
+                              sums.refused, sums.since_s, sums.rate));
+  }
+  return posters;
+}
+
 std::string poster_text(const AnswerLine& poster) {
   const auto entry = process_entry(static_cast<pid_t>(poster.count("pid")));
   const std::string program = entry ? shown(entry->name, kNameWidth) + ", " : "";
   return "process " + poster.text("pid") + " (" + program + "user " + user_name(poster.count("uid")) + ")";
-}
-
-double poster_rate(const AnswerLine& poster) {
-  return poster.number("events") / (poster.number("since_s") + 0.5);  // whole seconds
 }

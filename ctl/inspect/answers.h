@@ -54,8 +54,9 @@ std::string script_error_text(const AnswerLine& error);
 // "12 (10.0.0.7:4411)", a client of the listener.
 std::string client_text(const AnswerLine& client);
 
+// The lines `poster` of `stats`, one for each process: `events` and `refused` of all its connections together, the
+// longest `since_s`, and `rate`: events a second since they are connected.
+std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats);
+
 // "process 812 (flood, user anna)": the program and the user as this machine knows them.
 std::string poster_text(const AnswerLine& poster);
-
-// Events a second since a poster is connected.
-double poster_rate(const AnswerLine& poster);

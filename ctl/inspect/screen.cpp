@@ -93,9 +93,10 @@ class Screen {
       }
       return line + ": " + shown(client.text("wants"), kNameWidth);
     });
+    const std::vector<AnswerLine> processes = posters_by_process(answers.stats);
     rows("posters",
-         heaviest(answers.stats, "poster",
-                  [](const AnswerLine& poster) { return 1 + static_cast<uint64_t>(poster_rate(poster)); }),
+         heaviest(processes, "poster",
+                  [](const AnswerLine& poster) { return 1 + static_cast<uint64_t>(poster.number("rate")); }),
          [](const AnswerLine& poster) {
            const uint64_t refused = poster.count("refused");
            return poster_text(poster) + " " + std::to_string(poster.count("events")) + " events" +
