@@ -12,6 +12,7 @@
 #include "ctl/metrics.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
+#include "util/text.h"
 
 namespace {
 
@@ -39,8 +40,9 @@ constexpr char kWell[] =
 
 TEST(Diagnosis, NamesEachTrouble) {
   std::string posters;
-  for (int i = 1; i <= 5; ++i)
-    posters += "poster pid=0 uid=4294967294 since_s=0 events=1 refused=" + std::to_string(i) + "\n";
+  for (int i = 1; i <= 6; ++i) {
+    posters += sstr("poster pid=%d uid=4294967294 since_s=0 events=1 refused=%d\n", -(i / 2), i);
+  }
   const std::string poster = "process 0 (user 4294967294) ";
   const struct {
     std::string lines, clients, trouble, notes;
@@ -72,9 +74,11 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a"},
       {"event name=a unknown=1\nevent name=b unknown=2\nevent name=c unknown=3\nevent name=d unknown=4", "", "",
        "nobody handles: d 4, c 3, b 2 and 1 more"},
-      {"tag name=a run_max_us=300000", "", "", "slow calls hold up everything, so far: a up to 300 ms"},
+      {"tag name=a run_max_us=300000", "", "",
+       "slow calls hold up everything, so far: a up to 300 ms; zelvctl tail --slow 100 shows the next ones"},
       {"source name=posters refused=7\n" + posters, "", "",
-       "7 posted events were refused: " + poster + "5, " + poster + "4, " + poster + "3 and 2 more"},
+       "7 posted events were refused: process -2 (user 4294967294) 9, process -3 (user 4294967294) 6, "
+       "process -1 (user 4294967294) 5 and 1 more; see the log for the lines"},
       {"poster pid=0 uid=4294967294 since_s=2 events=5000", "", "",
        "many events come from " + poster.substr(0, poster.size() - 1) + ", 2000/s"},
       {"listener port=0 wanted=5512", "", "", "no client can connect: port 5512 is not open; the log says why"},
@@ -186,6 +190,12 @@ TEST(Status, OfTheRealDaemon) {
   EXPECT_TRUE(daemon.post("1 dorr\n"));
   EXPECT_TRUE(shows("status", "\n! nobody handles: dorr 1\n"));
   EXPECT_TRUE(shows("complete listen ''", "dorr\nhang\n"));
+  daemon.launch("cd $ROOT/run/zelvind; mkfifo f; mv -f f control.sock");
+  daemon.launch("zelvctl scripts 2>$ROOT/err");
+  EXPECT_NE(daemon.text_of("err").find("runs, but its socket ROOT/run/zelvind/control.sock was replaced"),
+            std::string::npos);
+  daemon.launch("rm $ROOT/run/zelvind/control.sock");
+  EXPECT_TRUE(shows("status", "ends with 0"));
   EXPECT_TRUE(daemon.post("1 hang\n"));
   EXPECT_TRUE(shows("status", "ends with 1"));
   EXPECT_EQ(daemon.text_of("out").find("NOT HEALTHY: the event loop is busy: in handler 'a.lua' of hang for "), 0U);
@@ -198,20 +208,20 @@ TEST(Scripts, ListsWhatIsThereAndCountsWhatIsTooMuch) {
       "handler event=x tag=b where=/s/b.lua:1\nhandler event=door%0a tag=front where=/s/b.lua:2\n"
       "handler event=x tag=a where=/s/aa.lua:1\ntask tag=t where=/s/b.lua:9\ncut bytes=1\n";
   for (int i = 22; i > 0; --i) {
-    answer += "timer tag=" + std::string(i % 11 == 0 ? "rare" : "leak") +
-              " every_ms=5000 due_in_ms=" + std::to_string(i) + "\n";
+    answer += (i % 11 == 0 ? "timer tag=rare every_ms=0" : "timer tag=leak every_ms=5000 where=" + std::to_string(i)) +
+              " due_in_ms=" + std::to_string(i) + "\n";
   }
   std::string timers;
   for (int i = 1; i <= 20; ++i) {
-    timers += "  " + std::string(i == 11 ? "rare" : "leak") + " due in " + std::to_string(i) + ".0 ms, every 5.0 s" +
-              (i < 10 ? "  " : " ") + "\n";
+    timers += i == 11 ? "  rare 2 timers, the first due in 11.0 ms, once \n"
+                      : sstr("  leak %-40s %d\n", sstr("due in %d.0 ms, every 5.0 s", i).c_str(), i);
   }
   EXPECT_EQ(script_list(lines_in(answer)),
             "2 files in load order, loaded 2 times\n  /s/b.lua  b\n  /s/aa.lua \n"
             "3 handlers\n  door\\n front /s/b.lua:2\n  x      b     /s/b.lua:1\n  x      a     /s/aa.lua:1\n"
             "22 timers: leak 20, rare 2\n" +
                 timers +
-                "  and 2 more\n1 task\n  t waits /s/b.lua:9\nThe answer was too long; there is more than this.\n");
+                "  and 1 more line\n1 task\n  t waits /s/b.lua:9\nThe answer was too long; there is more than this.\n");
 }
 
 TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
