@@ -5,7 +5,7 @@
 #include <set>
 #include <string_view>
 
-#include "ctl/control_client.h"
+#include "ctl/inspect/answers.h"
 
 namespace {
 
@@ -129,12 +129,8 @@ std::vector<std::string> names_known_to_daemon(const std::string& root) {
   std::set<std::string> names;
   try {
     ControlClient daemon(root, kConnectLimitMs);
-    for (const AnswerLine& line : daemon.ask("stats", kAnswerWaitMs)) {
-      if (line.kind() == "event") names.insert(line.text("name"));
-    }
-    for (const AnswerLine& line : daemon.ask("scripts", kAnswerWaitMs)) {
-      if (line.kind() == "handler") names.insert(line.text("event"));
-    }
+    add_event_names(daemon.ask("stats", kAnswerWaitMs), names);
+    add_event_names(daemon.ask("scripts", kAnswerWaitMs), names);
   } catch (const Failure&) {  // then there are fewer names, or none
   }
   names.erase("");

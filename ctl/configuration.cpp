@@ -50,8 +50,7 @@ int configured_port() {
     port = SettingsFile().number(settings::listener_port);
   } catch (const except_conf&) {  // without a file the default counts
   }
-  if (port != 0) return port;
-  throw Failure(Exit::usage, "listener_port is 0 in the settings; give the daemon's port with --port");
+  return port;
 }
 
 std::string why_unreadable_file(const std::string& path) {

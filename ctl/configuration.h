@@ -15,8 +15,7 @@ struct ScriptFolders {
 // Failure(Exit::unreachable) when the settings cannot be read.
 ScriptFolders configured_folders(const std::string& root, const std::string& daemon);
 
-// The listener's port, 5512 when the settings name none or cannot be read. Throws Failure(Exit::usage) when it is 0:
-// then only the daemon's log tells the port.
+// The listener's port, 5512 when the settings name none or cannot be read; 0 when only the running daemon knows it.
 int configured_port();
 
 // Why the regular file `path` cannot be read, "is not a regular file" included; empty when it can be read. Opens

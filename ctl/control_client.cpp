@@ -61,6 +61,12 @@ std::vector<std::string> AnswerLine::items(const char* key) const {
   }
 }
 
+std::vector<uint64_t> AnswerLine::counts(const char* key) const {
+  std::vector<uint64_t> all;
+  for (const std::string& item : items(key)) all.push_back(number_in(item, uint64_t{0}));
+  return all;
+}
+
 std::string decoded(std::string_view text) {
   std::string bytes;
   bytes.reserve(text.size());

@@ -38,6 +38,8 @@ class AnswerLine {
   double number(const char* key, double absent = 0) const;
   // The items of a list, which commas separate; none for an empty value.
   std::vector<std::string> items(const char* key) const;
+  // The items of a list of numbers.
+  std::vector<uint64_t> counts(const char* key) const;
 
   // All values by key, as they came: "%XX" stands for a byte.
   const std::map<std::string, std::string, std::less<>>& values() const { return raw; }

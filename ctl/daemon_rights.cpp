@@ -9,12 +9,9 @@
 #include <sstream>
 
 #include "ctl/failure.h"
+#include "ctl/process.h"
 
 namespace {
-
-std::string text_of(pid_t daemon) {
-  return "the daemon (process " + std::to_string(daemon) + ")";
-}
 
 [[noreturn]] void refuse_rights(const std::string& whose, int error) {
   fail("failed to take the rights of " + whose + ": " + error_text(error));
@@ -24,8 +21,8 @@ std::string text_of(pid_t daemon) {
 
 // Reads the lines "Uid: REAL EFFECTIVE ...", "Gid: REAL EFFECTIVE ..." and "Groups: GROUP ...".
 DaemonRights::Rights DaemonRights::rights_of(pid_t daemon) {
-  std::ifstream status("/proc/" + std::to_string(daemon) + "/status");
-  if (!status) refuse_rights(text_of(daemon), errno);
+  std::ifstream status(proc_path(daemon, "status"));
+  if (!status) refuse_rights(daemon_text(daemon), errno);
   Rights rights;
   bool is_whole = false;
   for (std::string line; std::getline(status, line);) {
@@ -39,7 +36,7 @@ DaemonRights::Rights DaemonRights::rights_of(pid_t daemon) {
     is_whole = true;
     for (gid_t group = 0; words >> group;) rights.groups.push_back(group);
   }
-  if (!is_whole) refuse_rights(text_of(daemon), ESRCH);
+  if (!is_whole) refuse_rights(daemon_text(daemon), ESRCH);
   return rights;
 }
 
@@ -55,7 +52,7 @@ DaemonRights::Rights DaemonRights::rights_of(const std::string& name) {
 }
 
 DaemonRights::DaemonRights(pid_t daemon) : group(getegid()) {
-  if (geteuid() == 0) take(rights_of(daemon), text_of(daemon));
+  if (geteuid() == 0) take(rights_of(daemon), daemon_text(daemon));
 }
 
 DaemonRights::DaemonRights(const std::string& name) : group(getegid()) {

@@ -6,9 +6,14 @@
 #include <sys/time.h>
 #include <unistd.h>
 #include <cerrno>
+#include <fstream>
 #include <initializer_list>
+#include <set>
 
+#include "control/control_paths.h"
 #include "ctl/failure.h"
+#include "ctl/process.h"
+#include "device/event_source.h"
 #include "util/text.h"
 #include "util/unix_socket.h"
 
@@ -27,9 +32,29 @@ std::string allowed_group(const std::string& path) {
   return entry == nullptr ? std::to_string(status.st_gid) : entry->gr_name;
 }
 
+// The process that holds a lock file beside the socket at `path`, as a running daemon does; 0: none. It gives up the
+// lock of a socket that it cannot have, but not the other one.
+pid_t lock_holder(const std::string& path) {
+  const std::string root = path.substr(0, path.rfind("/run/"));
+  std::set<std::string> inodes;
+  for (const char* const lock : {kEventLockPath, kControlLockPath}) {
+    struct stat status {};
+    if (stat((root + lock).c_str(), &status) == 0) inodes.insert(std::to_string(status.st_ino));
+  }
+  std::ifstream locks("/proc/locks");
+  std::string number, type, mode, access, file, rest;  // "1: FLOCK ADVISORY WRITE 12 00:2e:4711 0 EOF"
+  for (pid_t pid = 0; locks >> number >> type >> mode >> access >> pid >> file && std::getline(locks, rest);) {
+    if (type == "FLOCK" && inodes.count(file.substr(file.rfind(':') + 1)) != 0 && process_entry(pid)) return pid;
+  }
+  return 0;
+}
+
 [[noreturn]] void fail_to_connect(const std::string& path, int limit_ms, int error) {
   if (error == EAGAIN) fail(sstr("the daemon at %s has let nobody in for %g s", path.c_str(), limit_ms / 1000.0));
   if (error == EACCES) fail(path + ": not allowed (group " + allowed_group(path) + ")");
+  if (const pid_t pid = lock_holder(path)) {
+    fail(sstr("daemon %d runs, but its socket %s was replaced, removed or never made: see its log", pid, path.c_str()));
+  }
   fail("no daemon at " + path + ": " + error_text(error));
 }
 

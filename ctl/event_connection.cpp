@@ -72,8 +72,8 @@ void EventConnection::wait_for(short events, bool enough_when_read) const {
       unread = now_unread;
       last_progress = Clock::now();
     } else if (Clock::now() - last_progress >= std::chrono::milliseconds(limit_ms)) {
-      fail("the daemon has " + std::string(now_unread > 0 ? "read nothing" : "read everything and then been busy") +
-           " for " + limit_text() + "; it may still handle the events, and posting them again may double them");
+      fail(sstr("the daemon has %s for %g s; it may still handle the events, and posting them again may double them",
+                now_unread > 0 ? "read nothing" : "read everything and then been busy", limit_ms / 1000.0));
     }
   }
 }
@@ -82,8 +82,4 @@ int EventConnection::unread_bytes() const {
   int unread = 0;
   ioctl(socket.get(), SIOCOUTQ, &unread);
   return unread;
-}
-
-std::string EventConnection::limit_text() const {
-  return sstr("%g s", limit_ms / 1000.0);
 }

@@ -38,7 +38,6 @@ class EventConnection {
  private:
   void wait_for(short events, bool enough_when_read = false) const;
   int unread_bytes() const;
-  std::string limit_text() const;
 
   const int limit_ms;
   const Descriptor socket;

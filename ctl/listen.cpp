@@ -17,8 +17,10 @@
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
 #include "ctl/human_text.h"
+#include "ctl/inspect/answers.h"
 #include "ctl/live/follow.h"
 #include "ctl/output.h"
+#include "device/event_line.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/safe_text.h"
@@ -70,6 +72,7 @@ Descriptor connect_to(const std::string& host, int port) {
   const int error = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &found);
   if (error != 0) fail_gone("failed to find host " + host + ": " + gai_strerror(error));
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
+  if (port == 0) throw Failure(Exit::usage, "listener_port is 0 in the settings; give the daemon's port with --port");
   for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
     Descriptor fd = connect_to(*address);
     if (fd.get() >= 0) return fd;
@@ -106,36 +109,33 @@ bool is_pattern(const std::string& name) {
 // does not tell is no reason to complain.
 void warn_of_unknown(const ListenRequest& request) try {
   ControlClient client(request.root, kAskMs);
-  const auto stats = client.ask("stats", kAskMs);
-  const auto scripts = client.ask("scripts", kAskMs);
-  const auto is_known = [&](const std::string& name) {
-    const auto fits = [&](const std::string& seen) { return fnmatch(name.c_str(), seen.c_str(), FNM_NOESCAPE) == 0; };
-    const auto tells = [&](const AnswerLine& line) {
-      return (line.kind() == "event" && (fits(line.text("name")) || line.text("name") == kOtherNames)) ||
-             (line.kind() == "handler" && fits(line.text("event")));
-    };
-    return std::any_of(stats.begin(), stats.end(), tells) || std::any_of(scripts.begin(), scripts.end(), tells);
-  };
+  std::set<std::string> known;
+  add_event_names(client.ask("stats", kAskMs), known);
+  add_event_names(client.ask("scripts", kAskMs), known);
+  if (known.count(kOtherNames) != 0) return;
   for (const std::string& name : request.names) {
-    if (is_known(name)) continue;
+    const auto fits = [&](const std::string& each) { return fnmatch(name.c_str(), each.c_str(), FNM_NOESCAPE) == 0; };
+    if (std::any_of(known.begin(), known.end(), fits)) continue;
     fprintf(stderr, "zelvctl: warning: no script handles '%s', and no such event has come since the daemon started\n",
             escaped(name).c_str());
   }
 } catch (const Failure&) {
 }
 
-// A running daemon knows its port even where the kernel has chosen it.
+// A running daemon knows its port even where the kernel has chosen it. 0: another machine's, which we cannot know.
 int port_of(const ListenRequest& request) {
   if (request.port != 0) return request.port;
-  if (request.host.empty()) {
-    try {
-      const auto stats = ControlClient(request.root, kAskMs).ask("stats", kAskMs);
-      const int port = static_cast<int>(line_of(stats, "listener").count("port"));
-      if (port != 0) return port;
-    } catch (const Failure&) {  // it has no control socket, or does not let us in
-    }
+  const int configured = configured_port();
+  if (!request.host.empty()) return configured;
+  int port = 0;
+  try {
+    const auto stats = ControlClient(request.root, kAskMs).ask("stats", kAskMs);
+    port = static_cast<int>(line_of(stats, "listener").count("port"));
+  } catch (const Failure& failure) {  // it has no control socket, or does not let us in
+    if (configured == 0) fail_gone(failure.what());
   }
-  return configured_port();
+  if (port == 0 && configured == 0) fail_gone("the daemon has not opened a port for clients");
+  return port != 0 ? port : configured;
 }
 
 class Listener {
@@ -161,10 +161,9 @@ class Listener {
         [](const std::string&) {});
   }
 
-  // Over the listener's port.
-  void subscribe() {
+  // Over the listener's port. `packet` subscribes to the names.
+  void subscribe(const std::string& packet) {
     const std::set<std::string, std::less<>> names(request.names.begin(), request.names.end());
-    const std::string packet = subscription_packet(request.names);
     while (!subscribe_once(names, packet)) wait_to_read(-1, out, kRetryMs);
   }
 
@@ -217,7 +216,11 @@ void print_events(const ListenRequest& request, FILE* out) {
   const bool is_here = request.host.empty() && request.port == 0;
   if (needs_control && !is_here)
     throw Failure(Exit::usage, "all events, and patterns of names, are told to this machine only");
+  for (const std::string& name : request.names) {
+    if (const char* error = check_event_name(name)) throw Failure(Exit::usage, "NAME '" + name + "': " + error);
+  }
+  const std::string packet = needs_control ? "" : subscription_packet(request.names);
   if (is_here) warn_of_unknown(request);
   Listener listener(request, out);
-  needs_control ? listener.follow() : listener.subscribe();
+  needs_control ? listener.follow() : listener.subscribe(packet);
 }

@@ -90,7 +90,9 @@ void run_log_level(const Given& given) {
 }
 
 void run_metrics(const Given& given) {
-  print_metrics(given.root, given.value("--textfile"), stdout);
+  const std::string file = given.value("--textfile");
+  if (file.empty() && given.has("--textfile")) throw Failure(Exit::usage, "--textfile '': expected a file's path");
+  print_metrics(given.root, file, stdout);
 }
 
 void run_run(const Given& given) {
@@ -124,6 +126,8 @@ const std::vector<Command>& commands() {
       {"listen",
        "Subscribe to events and print them as they come",
        "Prints SECONDS.MICROSECONDS NAME INFO, or with --json an object with \"time\", \"name\" and \"fields\".\n"
+       "Names come from the listener, which leaves out events when we read too slowly and cannot say so; with --all\n"
+       "or a pattern, standard error says how many are missing.\n"
        "--root and the exit statuses: see zelvctl --help.\n"
        "\nExamples:\n"
        "  zelvctl listen door heartbeat\n"
@@ -140,7 +144,7 @@ const std::vector<Command>& commands() {
         {"NAME", Takes::values, "Names of events; on this machine, * and ? stand for any letters"}},
        run_listen},
       {"tail",
-       "Print the events that the daemon handles, with what they cost",
+       "Print the events that the daemon has handled, with what they cost",
        "Prints TIME ID NAME INFO and how long the event waited and its handlers ran. Waits for a daemon that goes "
        "away\n"
        "and goes on behind the last event; says on standard error what is missing.\n"
@@ -167,7 +171,7 @@ const std::vector<Command>& commands() {
       {"check",
        "Compile the daemon's scripts and report their faults",
        "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
-       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the "
+       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the\n"
        "daemon's order and runs none.\n"
        "Ends with status 0 when there is no fault, with 1 when there is.\n"
        "\nExamples:\n"
@@ -187,7 +191,7 @@ const std::vector<Command>& commands() {
        "--root and the exit statuses: see zelvctl --help.",
        {{"--pidfile", Takes::value, "The daemon's pid file (default: the daemon that answers)", "FILE"},
         {"--no-trial", Takes::nothing, "Reload at once: a script that fails ends the daemon"},
-        {"--watch", Takes::nothing, "Reload whenever a script file changes"},
+        {"--watch", Takes::nothing, "Reload whenever a script file changes, one in lib/ included"},
         {"--strict", Takes::nothing, "Count warnings as faults"}},
        run_reload},
       {"run",
@@ -220,7 +224,7 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl metrics\n"
        "  zelvctl metrics --textfile /var/lib/prometheus/node-exporter/zelvind.prom",
-       {{"--textfile", Takes::value, "Replace FILE as a whole, for the textfile collector of node_exporter", "FILE"}},
+       {{"--textfile", Takes::value, "Replace FILE, a regular one, as a whole; for the textfile collector of node_exporter", "FILE"}},
        run_metrics},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",

@@ -3,11 +3,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdlib>
 
 #include "ctl/failure.h"
+#include "ctl/inspect/answers.h"
+#include "ctl/output.h"
 #include "util/descriptor.h"
 #include "util/quiet_write.h"
+#include "util/text.h"
 
 namespace {
 
@@ -27,21 +31,25 @@ struct Metric {
   const char* kind = nullptr;  // of answer lines
   const char* key = nullptr;
   const char* help = nullptr;
-  const char* values = "";  // separated by commas
+  const char* values[7] = {};  // up to the first that is null
 };
 
 constexpr Metric kMetrics[] = {
-    {"build_info", Shape::info, "daemon", "version", "What runs: always 1.", "version,device,lua"},
+    {"build_info", Shape::info, "daemon", "version", "What runs: always 1.", {"version", "device", "lua"}},
     {"start_time_seconds", Shape::gauge, "daemon", "started", "When the daemon started, since 1970."},
-    {"state", Shape::one_of, "daemon", "state", "1 for the state that the daemon is in.",
-     "starting,loading,ready,reloading,stopping,ended"},
+    {"state",
+     Shape::one_of,
+     "daemon",
+     "state",
+     "1 for the state that the daemon is in.",
+     {"starting", "loading", "ready", "reloading", "stopping", "ended"}},
     {"resident_memory_bytes", Shape::gauge, "daemon", "rss", "Memory in use by the daemon."},
     {"log_level", Shape::gauge, "daemon", "log_level", "Level up to which lines are logged."},
     {"loop_silence_seconds", Shape::gauge, "loop", "alive_us", "Time since the event loop last looked for an event."},
     {"queue_events", Shape::gauge, "queue", "waiting", "Events that wait to be handled."},
     {"queue_highest_events", Shape::gauge, "queue", "highest", "Most events that ever waited."},
     {"queue_oldest_age_seconds", Shape::gauge, "queue", "oldest_us", "Age of the first event that waits."},
-    {"event_socket_owned", Shape::one_of, "queue", "socket", "Whether other processes can post events.", "owned"},
+    {"event_socket_owned", Shape::one_of, "queue", "socket", "Whether other processes can post events.", {"owned"}},
     {"event_wait_seconds", Shape::histogram, "wait", "sum_us", "From an event's arrival to its handling."},
     {"source_events_total", Shape::counter, "source", "events", "Events that came in, by where they came from."},
     {"source_refused_total", Shape::counter, "source", "refused", "Events and lines that were refused."},
@@ -66,7 +74,7 @@ constexpr Metric kMetrics[] = {
     {"reloads_tried_total", Shape::counter, "reload", "tried", "Reloads that were tried in a forked copy."},
     {"reloads_failed_total", Shape::counter, "reload", "failed", "Reloads that failed."},
     {"reloads_done_total", Shape::counter, "reload", "done", "Reloads that were done."},
-    {"last_reload_failed", Shape::one_of, "reload", "last_result", "Whether the last reload failed.", "failed"},
+    {"last_reload_failed", Shape::one_of, "reload", "last_result", "Whether the last reload failed.", {"failed"}},
     {"listener_clients", Shape::gauge, "listener", "clients", "Connected clients."},
     {"listener_subscribed_clients", Shape::gauge, "listener", "subscribed", "Clients that have subscribed."},
     {"listener_owing_clients", Shape::gauge, "listener", "owing",
@@ -94,20 +102,8 @@ bool ends_with(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-std::vector<std::string> split(std::string_view list) {
-  std::vector<std::string> items;
-  for (size_t end = 0; !list.empty(); list.remove_prefix(std::min(end + 1, list.size()))) {
-    end = std::min(list.find(','), list.size());
-    items.emplace_back(list.substr(0, end));
-  }
-  return items;
-}
-
 std::string seconds(uint64_t microseconds) {
-  char text[32];
-  snprintf(text, sizeof(text), "%llu.%06llu", static_cast<unsigned long long>(microseconds / 1000000),
-           static_cast<unsigned long long>(microseconds % 1000000));
-  return text;
+  return sstr("%" PRIu64 ".%06" PRIu64, microseconds / 1000000, microseconds % 1000000);
 }
 
 // The value as the daemon writes it, "%XX" included: that is UTF-8 without control characters, whatever bytes strangers
@@ -134,11 +130,11 @@ std::string bucket(const std::string& name, const std::string& labels, const std
 }
 
 std::string histogram(const std::string& name, const std::string& labels, const AnswerLine& line, const char* sum) {
-  const std::vector<std::string> buckets = line.items("buckets");
+  const std::vector<uint64_t> buckets = line.counts("buckets");
   std::string text;
   uint64_t count = 0;
   for (size_t i = 0; i < buckets.size(); ++i) {
-    count += strtoull(buckets[i].c_str(), nullptr, 10);
+    count += buckets[i];
     const std::string bound = i + 1 < buckets.size() ? seconds(uint64_t{2} << i) : "+Inf";
     text += bucket(name, labels, bound, count);
   }
@@ -147,18 +143,20 @@ std::string histogram(const std::string& name, const std::string& labels, const 
 }
 
 std::string one_of(const std::string& name, const Metric& metric, const AnswerLine& line) {
-  const std::vector<std::string> values = split(metric.values);
+  const bool is_single = metric.values[1] == nullptr;
   std::string text;
-  for (const std::string& value : values) {
-    const std::string labels = values.size() == 1 ? "" : metric.key + ("=\"" + value + "\"");
-    text += sample(name, labels, line.text(metric.key) == value ? "1" : "0");
+  for (const char* const* value = metric.values; *value != nullptr; ++value) {
+    const std::string labels = is_single ? "" : sstr("%s=\"%s\"", metric.key, *value);
+    text += sample(name, labels, line.text(metric.key) == *value ? "1" : "0");
   }
   return text;
 }
 
 std::string info(const std::string& name, const Metric& metric, const AnswerLine& line) {
   std::string labels;
-  for (const std::string& key : split(metric.values)) labels += (labels.empty() ? "" : ",") + label(key, line, key);
+  for (const char* const* key = metric.values; *key != nullptr; ++key) {
+    labels += (labels.empty() ? "" : ",") + label(*key, line, *key);
+  }
   return sample(name, labels, "1");
 }
 
@@ -192,7 +190,14 @@ std::string up(bool is_up) {
                 sample("zelvind_up", "", is_up ? "1" : "0"));
 }
 
+// A rename would replace a device, a FIFO or a link too, whatever others use it for.
+void refuse_other_than_file(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) fail(path + " is not a regular file");
+}
+
 void replace(const std::string& path, const std::string& text) {
+  refuse_other_than_file(path);
   std::string temporary = path + ".XXXXXX";
   const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
   if (file.get() >= 0 && write_fully(file.get(), text.data(), text.size()) && fchmod(file.get(), 0644) == 0 &&
@@ -205,9 +210,7 @@ void replace(const std::string& path, const std::string& text) {
 }
 
 void write(const std::string& text, const std::string& textfile, FILE* out) {
-  if (!textfile.empty()) return replace(textfile, text);
-  if (fwrite(text.data(), 1, text.size(), out) == text.size() && fflush(out) == 0) return;
-  fail("failed to write the output: " + error_text(errno));
+  textfile.empty() ? write_now(out, text) : replace(textfile, text);
 }
 
 }  // namespace
@@ -217,9 +220,7 @@ std::string metrics_text(const std::vector<AnswerLine>& stats) {
   for (const Metric& metric : kMetrics) {
     const std::string name = std::string("zelvind_") + metric.name;
     std::string all;
-    for (const AnswerLine& line : stats) {
-      if (line.kind() == metric.kind) all += samples(name, metric, line);
-    }
+    for (const AnswerLine* line : lines_of(stats, metric.kind)) all += samples(name, metric, *line);
     if (!all.empty()) text += headed(name, metric.help, type_of(metric.shape), all);
   }
   return text;

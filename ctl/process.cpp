@@ -22,6 +22,10 @@ std::string process_name(const std::string& path) {
   return path.substr(path.rfind('/') + 1, 15);
 }
 
+std::string daemon_text(pid_t pid) {
+  return "the daemon (process " + std::to_string(pid) + ")";
+}
+
 std::string proc_path(pid_t pid, const char* entry) {
   return "/proc/" + std::to_string(pid) + "/" + entry;
 }

@@ -21,6 +21,9 @@ std::optional<ProcessEntry> process_entry(pid_t pid);
 // The name that a process of the program in file `path` has.
 std::string process_name(const std::string& path);
 
+// "the daemon (process 12)", for messages.
+std::string daemon_text(pid_t pid);
+
 // The path of "/proc/PID/ENTRY".
 std::string proc_path(pid_t pid, const char* entry);
 

@@ -13,6 +13,7 @@
 #include "ctl/control_client.h"
 #include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
+#include "ctl/inspect/diagnosis.h"
 #include "ctl/process.h"
 #include "ctl/running_daemon.h"
 #include "ctl/script_watch.h"
@@ -27,6 +28,7 @@ constexpr std::chrono::milliseconds kPoll{20};
 constexpr std::chrono::seconds kReloadLimit{60};
 constexpr std::chrono::milliseconds kEndLimit{2000};
 constexpr int kAliveCheckMs = 1000;
+constexpr int kPatienceMs = 2000;  // then we say what holds the reload up
 
 // Why the daemon cannot be asked for a tried reload; empty when it can.
 std::string no_trial_reason(const ReloadRequest& request) {
@@ -89,7 +91,13 @@ AnswerLine verdict_of(const RunningDaemon& daemon, const ReloadRequest& request)
   client.send(request.no_trial ? "reload no-trial" : "reload");
   AnswerLine verdict;
   const auto limit = std::chrono::milliseconds(kReloadLimit).count();
-  if (client.next(verdict, static_cast<int>(limit)) != ControlClient::Got::line) fail_late(daemon);
+  auto got = client.next(verdict, kPatienceMs);
+  if (got == ControlClient::Got::nothing) {
+    const std::string trouble = trouble_told(request.root);
+    if (!trouble.empty()) fprintf(stderr, "zelvctl: waiting: %s\n", trouble.c_str());
+    got = client.next(verdict, static_cast<int>(limit) - kPatienceMs);
+  }
+  if (got != ControlClient::Got::line) fail_late(daemon);
   return verdict;
 }
 

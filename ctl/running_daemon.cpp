@@ -13,7 +13,6 @@
 #include "control/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
-#include "ctl/process.h"
 #include "device/event_source.h"
 #include "device/service.h"
 #include "util/exe_dir.h"
@@ -98,8 +97,8 @@ RunningDaemon RunningDaemon::from_pid_file(const std::string& pid_file, const st
   const auto theirs = environment_of(pid, "DEVICE_ROOT");
   std::error_code ignored;
   if (theirs && *theirs != root && !std::filesystem::equivalent(*theirs + "/", root + "/", ignored)) {
-    fail(sstr("the daemon (process %d) of %s runs with DEVICE_ROOT '%s', not '%s'; see --root", pid, pid_file.c_str(),
-              theirs->c_str(), root.c_str()));
+    fail(daemon_text(pid) + " of " + pid_file + " runs with DEVICE_ROOT '" + *theirs + "', not '" + root +
+         "'; see --root");
   }
   return {pid, root, ""};
 }
@@ -151,7 +150,7 @@ std::optional<DaemonState> reported_state(const std::string& root, pid_t pid) {
 void fail_if_ended(const std::string& root, pid_t pid) {
   const auto state = reported_state(root, pid);
   if (!state || state->name != "ended") return;
-  fail(sstr("the event loop of the daemon (process %d) has ended with the quit event: restart the daemon", pid));
+  fail("the event loop of " + daemon_text(pid) + " has ended with the quit event: restart the daemon");
 }
 
 std::string installed_daemon_folder() {

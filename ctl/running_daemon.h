@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "ctl/process.h"
+
 struct DaemonState {
   std::string name;       // starting, ready, reloading, ended or stopping
   long long reloads = 0;  // completed since it started
@@ -34,7 +36,7 @@ class RunningDaemon {
   pid_t process() const { return pid; }
 
   // "the daemon (process 12)", for messages.
-  std::string text() const { return "the daemon (process " + std::to_string(pid) + ")"; }
+  std::string text() const { return daemon_text(pid); }
 
   // The folder of its executable; installed_daemon_folder() when neither the system nor the daemon has told.
   std::string folder() const;

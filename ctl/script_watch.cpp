@@ -4,7 +4,9 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 
 #include "ctl/failure.h"
 #include "util/clock.h"
@@ -25,33 +27,41 @@ bool is_link(const std::string& path) {
 
 }  // namespace
 
-ScriptWatch::ScriptWatch(const std::vector<std::string>& folders) : notices(inotify_init1(IN_CLOEXEC)) {
-  for (const std::string& folder : folders) {
-    if (!folder.empty()) missing.push_back(folder);
-  }
-  if (!add_missing()) fail("there is no script folder to watch");
+ScriptWatch::ScriptWatch(std::vector<std::string> script_folders)
+    : folders(std::move(script_folders)), notices(inotify_init1(IN_CLOEXEC)) {
+  folders.erase(std::remove(folders.begin(), folders.end(), ""), folders.end());
+  if (!watch_new_folders()) fail("there is no script folder to watch");
 }
 
-// Returns true when a folder that was missing is there now.
-bool ScriptWatch::add_missing() {
-  std::vector<std::string> still_missing;
-  for (const std::string& folder : missing) {
-    const int number = inotify_add_watch(notices.get(), folder.c_str(), kChanges | kGone | IN_ONLYDIR);
-    if (number < 0 && errno != ENOENT) fail("failed to watch " + folder + ": " + error_text(errno));
-    if (number < 0) {
-      still_missing.push_back(folder);
-    } else {
-      watched[number] = folder;
+// Returns true when `folder` is there and was not watched yet.
+bool ScriptWatch::watch(const std::string& folder) {
+  const int number = inotify_add_watch(notices.get(), folder.c_str(), kChanges | kGone | IN_ONLYDIR);
+  if (number < 0 && errno != ENOENT) fail("failed to watch " + folder + ": " + error_text(errno));
+  return number >= 0 && watched.emplace(number, folder).second;
+}
+
+bool ScriptWatch::watch_new_folders() {
+  namespace fs = std::filesystem;
+  bool found = false;
+  for (const std::string& folder : folders) {
+    found |= watch(folder);
+    const std::string libraries = folder + "/lib";
+    std::error_code error;
+    if (fs::is_directory(libraries, error)) found |= watch(libraries);
+    for (fs::recursive_directory_iterator entry(libraries, error), end; !error && entry != end;
+         entry.increment(error)) {
+      if (entry->symlink_status(error).type() == fs::file_type::directory) found |= watch(entry->path().string());
     }
   }
-  still_missing.swap(missing);
-  return missing.size() < still_missing.size();
+  return found;
 }
 
 std::string ScriptWatch::text() const {
   std::string text;
-  for (const auto& [number, folder] : watched) text += (text.empty() ? "" : ", ") + folder;
-  for (const std::string& folder : missing) text += ", " + folder + " (missing so far)";
+  for (const std::string& folder : folders) {
+    const bool is_missing = access(folder.c_str(), F_OK) != 0;
+    text += (text.empty() ? "" : ", ") + folder + (is_missing ? " (missing so far)" : "");
+  }
   return text;
 }
 
@@ -62,7 +72,7 @@ bool ScriptWatch::wait_for_change(int limit_ms) {
   for (int64_t left = limit_ms; !changed && left > 0; left = end - steady_ms()) {
     changed = poll(&notice, 1, static_cast<int>(left)) > 0 && read_changes();
   }
-  if (!changed) return add_missing();
+  if (!changed) return watch_new_folders();
   const int64_t settled = steady_ms() + kSettleMs;
   while (steady_ms() < settled && poll(&notice, 1, kMomentMs) > 0) read_changes();
   return true;
@@ -76,11 +86,22 @@ bool ScriptWatch::read_changes() {
   bool changed = false;
   for (ssize_t at = 0; at < got;) {
     const auto& notice = *reinterpret_cast<const inotify_event*>(bytes + at);
-    if ((notice.mask & kGone) != 0) fail("a script folder was removed or renamed");
+    if ((notice.mask & kGone) != 0) lose(notice);
     const bool is_script = notice.len > 0 && is_script_name(notice.name);
     const bool is_complete = (notice.mask & IN_CREATE) == 0 || is_link(script_in(watched[notice.wd], notice.name));
-    changed |= (notice.mask & IN_Q_OVERFLOW) != 0 || (is_script && is_complete);
+    changed |= (notice.mask & (IN_Q_OVERFLOW | kGone)) != 0 || (is_script && is_complete);
     at += static_cast<ssize_t>(sizeof(notice) + notice.len);
   }
   return changed;
+}
+
+// A watched folder is no longer where it was: its scripts are gone, too.
+void ScriptWatch::lose(const inotify_event& notice) {
+  const auto gone = watched.find(notice.wd);
+  if (gone == watched.end()) return;
+  if (std::find(folders.begin(), folders.end(), gone->second) != folders.end()) {
+    fail("a script folder was removed or renamed");
+  }
+  if ((notice.mask & IN_MOVE_SELF) != 0) inotify_rm_watch(notices.get(), notice.wd);
+  watched.erase(gone);
 }

@@ -17,7 +17,6 @@
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "util/clock.h"
-#include "util/text.h"
 
 namespace {
 
@@ -83,7 +82,7 @@ class Supervisor {
       const int number = next_signal();
       if (number > 0 && number != SIGCHLD) pass_on(number);
       if (asked && steady_ms() >= deadline) {
-        fprintf(stderr, "zelvctl: the daemon (process %d) has not ended within %g s: killing it\n", daemon,
+        fprintf(stderr, "zelvctl: %s has not ended within %g s: killing it\n", daemon_text(daemon).c_str(),
                 stop_limit_ms / 1000.0);
         kill(daemon, SIGKILL);
         deadline = INT64_MAX;
@@ -140,8 +139,8 @@ void supervise(const std::string& program, const std::vector<std::string>& argum
   const pid_t daemon = start(program, arguments, mask);
   Supervisor supervisor(daemon, waited, stop_limit_ms);
   const int status = supervisor.stay();
-  if (WIFSIGNALED(status)) fail(sstr("the daemon (process %d) was ended by signal %d", daemon, WTERMSIG(status)));
-  if (!supervisor.was_asked()) fail(sstr("the daemon (process %d) has ended by itself; its log says why", daemon));
-  if (WEXITSTATUS(status) != 0)
-    fail(sstr("the daemon (process %d) has ended with status %d", daemon, WEXITSTATUS(status)));
+  const std::string name = daemon_text(daemon);
+  if (WIFSIGNALED(status)) fail(name + " was ended by signal " + std::to_string(WTERMSIG(status)));
+  if (!supervisor.was_asked()) fail(name + " has ended by itself; its log says why");
+  if (WEXITSTATUS(status) != 0) fail(name + " has ended with status " + std::to_string(WEXITSTATUS(status)));
 }

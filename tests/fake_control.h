@@ -7,12 +7,23 @@
 
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "control/control_paths.h"
+#include "ctl/control_client.h"
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
+
+// The lines of an answer.
+inline std::vector<AnswerLine> lines_in(const std::string& text) {
+  std::vector<AnswerLine> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.emplace_back(line);
+  return lines;
+}
 
 class FakeControl {
  public:

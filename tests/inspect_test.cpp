@@ -12,17 +12,11 @@
 #include "ctl/metrics.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
+#include "util/text.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-std::vector<AnswerLine> lines_in(const std::string& text) {
-  std::vector<AnswerLine> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.emplace_back(line);
-  return lines;
-}
 
 // Of a daemon that is well.
 constexpr char kWell[] =
@@ -46,8 +40,9 @@ constexpr char kWell[] =
 
 TEST(Diagnosis, NamesEachTrouble) {
   std::string posters;
-  for (int i = 1; i <= 5; ++i)
-    posters += "poster pid=0 uid=4294967294 since_s=0 events=1 refused=" + std::to_string(i) + "\n";
+  for (int i = 1; i <= 6; ++i) {
+    posters += sstr("poster pid=%d uid=4294967294 since_s=0 events=1 refused=%d\n", -(i / 2), i);
+  }
   const std::string poster = "process 0 (user 4294967294) ";
   const struct {
     std::string lines, clients, trouble, notes;
@@ -64,6 +59,8 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"daemon state=stopping\nloop activity=timer tag=a for_us=3000000 alive_us=3000000", "",
        "it is stopping, and the event loop is busy: in timer 'a' for 3.0 s", ""},
       {"daemon state=loading", "", "it is starting", ""},
+      {"daemon state=dreaming", "", "it answers, but tells no state that is known", ""},
+      {"loop", "", "it answers, but tells nothing of its event loop", ""},
       {"queue socket=none", "", "it does not have the event socket (none): see its log", ""},
       {"queue waiting=5000 oldest_us=700000 socket=owned", "", "",
        "5000 events wait (10.0 s ago: 3), the oldest for 700 ms"},
@@ -74,12 +71,14 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"error time=1 text=old", "", "", ""},
       {"error time=" + std::to_string(time(nullptr) + 100) + "\ntag name=a errors=1\ntag name=b%0a errors=9", "", "",
        "scripts fail, the last time 0 s ago: b\\n 9, a 1"},
-      {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a\\nb"},
+      {"reload last_result=failed last_text=a%0ab", "", "", "the last reload failed: a"},
       {"event name=a unknown=1\nevent name=b unknown=2\nevent name=c unknown=3\nevent name=d unknown=4", "", "",
        "nobody handles: d 4, c 3, b 2 and 1 more"},
-      {"tag name=a run_max_us=300000", "", "", "slow calls hold up everything, so far: a up to 300 ms"},
+      {"tag name=a run_max_us=300000", "", "",
+       "slow calls hold up everything, so far: a up to 300 ms; zelvctl tail --slow 100 shows the next ones"},
       {"source name=posters refused=7\n" + posters, "", "",
-       "7 posted events were refused: " + poster + "5, " + poster + "4, " + poster + "3 and 2 more"},
+       "7 posted events were refused: process -2 (user 4294967294) 9, process -3 (user 4294967294) 6, "
+       "process -1 (user 4294967294) 5 and 1 more; see the log for the lines"},
       {"poster pid=0 uid=4294967294 since_s=9 events=19000", "", "",
        "many events come from " + poster.substr(0, poster.size() - 1) + ", 2000/s"},
       {"poster pid=0 uid=4294967294 since_s=90000 events=20001 recent=20000 recent_ms=10000", "", "",
@@ -111,10 +110,12 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
                " address=a:1 state=subscribed wants=do%1bor events=9 waiting=" + std::to_string(i == 6 ? 2048 : 0) +
                (i == 5 ? " skipped=3 last_skip_s=61\n" : " skipped=0\n");
   }
-  root.expect_zelvctl("status", 1, "",
-                      "zelvctl: no daemon at ROOT/run/zelvind/control.sock: No such file or directory\n");
+  const std::string none = "no daemon at ROOT/run/zelvind/control.sock: No such file or directory";
+  root.expect_zelvctl("status", 1, "NOT HEALTHY: " + none + "\n", "");
+  EXPECT_EQ(root.launch("zelvctl status --json | grep -q '\"trouble\": \"no daemon at '"), 0);
   {
-    const FakeControl daemon(root.path(""), {{"stats", kWell + "\n"s}, {"clients", clients + "\n"}});
+    const std::string error = "error time=0 tag=front event=door text=a.lua:1:%20no%0astack%20traceback:\n\n";
+    const FakeControl daemon(root.path(""), {{"stats", kWell + error}, {"clients", clients + "\n"}});
     root.expect_zelvctl(
         "status", 0,
         "healthy\n"
@@ -128,6 +129,9 @@ TEST(Status, IsOneScreenAndAHealthCheck) {
             "events      14 so far, 12.5/s in the last 10.0 s; 1 from the process itself, 13 from posters\n"
             "types       door 12, bell\\x1b 2\n"
             "slowest     front 50.0 ms (mean 200 us)\n"
+            "last error  " +
+            time_text(0) +
+            " in front of door: a.lua:1: no\n"
             "timers      2, late by 900 us at most; tasks 1, late by 1.1 ms at most\n"
             "lua         1.2 MiB, 1 collection, the longest 400 us\n"
             "reloads     2 done, 1 failed\n"
@@ -190,6 +194,12 @@ TEST(Status, OfTheRealDaemon) {
   EXPECT_TRUE(daemon.post("1 dorr\n"));
   EXPECT_TRUE(shows("status", "\n! nobody handles: dorr 1\n"));
   EXPECT_TRUE(shows("complete listen ''", "dorr\nhang\n"));
+  daemon.launch("cd $ROOT/run/zelvind; mkfifo f; mv -f f control.sock");
+  daemon.launch("zelvctl scripts 2>$ROOT/err");
+  EXPECT_NE(daemon.text_of("err").find("runs, but its socket ROOT/run/zelvind/control.sock was replaced"),
+            std::string::npos);
+  daemon.launch("rm $ROOT/run/zelvind/control.sock");
+  EXPECT_TRUE(shows("status", "ends with 0"));
   EXPECT_TRUE(daemon.post("1 hang\n"));
   EXPECT_TRUE(shows("status", "ends with 1"));
   EXPECT_EQ(daemon.text_of("out").find("NOT HEALTHY: the event loop is busy: in handler 'a.lua' of hang for "), 0U);
@@ -202,20 +212,20 @@ TEST(Scripts, ListsWhatIsThereAndCountsWhatIsTooMuch) {
       "handler event=x tag=b where=/s/b.lua:1\nhandler event=door%0a tag=front where=/s/b.lua:2\n"
       "handler event=x tag=a where=/s/aa.lua:1\ntask tag=t where=/s/b.lua:9\ncut bytes=1\n";
   for (int i = 22; i > 0; --i) {
-    answer += "timer tag=" + std::string(i % 11 == 0 ? "rare" : "leak") +
-              " every_ms=5000 due_in_ms=" + std::to_string(i) + "\n";
+    answer += (i % 11 == 0 ? "timer tag=rare every_ms=0" : "timer tag=leak every_ms=5000 where=" + std::to_string(i)) +
+              " due_in_ms=" + std::to_string(i) + "\n";
   }
   std::string timers;
   for (int i = 1; i <= 20; ++i) {
-    timers += "  " + std::string(i == 11 ? "rare" : "leak") + " due in " + std::to_string(i) + ".0 ms, every 5.0 s" +
-              (i < 10 ? "  " : " ") + "\n";
+    timers += i == 11 ? "  rare 2 timers, the first due in 11.0 ms, once \n"
+                      : sstr("  leak %-40s %d\n", sstr("due in %d.0 ms, every 5.0 s", i).c_str(), i);
   }
   EXPECT_EQ(script_list(lines_in(answer)),
             "2 files in load order, loaded 2 times\n  /s/b.lua  b\n  /s/aa.lua \n"
             "3 handlers\n  door\\n front /s/b.lua:2\n  x      b     /s/b.lua:1\n  x      a     /s/aa.lua:1\n"
             "22 timers: leak 20, rare 2\n" +
                 timers +
-                "  and 2 more\n1 task\n  t waits /s/b.lua:9\nThe answer was too long; there is more than this.\n");
+                "  and 1 more line\n1 task\n  t waits /s/b.lua:9\nThe answer was too long; there is more than this.\n");
 }
 
 TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
@@ -302,8 +312,12 @@ TEST(Metrics, AreReplacedAsAWholeAlsoByADaemonThatHasGone) {
   root.expect_zelvctl("metrics --textfile $ROOT/folder/m.prom", 1, "", none);
   EXPECT_EQ(root.text_of("folder/m.prom"), down);
   EXPECT_EQ(std::filesystem::status(root.path("folder/m.prom")).permissions(), std::filesystem::perms{0644});
-  root.expect_zelvctl("metrics --textfile $ROOT/folder", 1, "",
-                      "zelvctl: failed to write ROOT/folder: Is a directory\n");
+  root.launch("mkfifo $ROOT/fifo; ln -s folder/m.prom $ROOT/link");
+  for (const std::string name : {"folder", "fifo", "link"}) {
+    root.expect_zelvctl("metrics --textfile $ROOT/" + name, 1, "",
+                        "zelvctl: ROOT/" + name + " is not a regular file\n");
+  }
+  root.expect_zelvctl("metrics --textfile ''", 2, "", "zelvctl: --textfile '': expected a file's path\n");
   root.expect_zelvctl("metrics --textfile $ROOT/no/m.prom", 1, "",
                       "zelvctl: failed to write ROOT/no/m.prom: No such file or directory\n");
   root.launch("ls $ROOT $ROOT/folder >$ROOT/list");

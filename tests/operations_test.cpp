@@ -295,8 +295,10 @@ TEST(Reload, WatchesTheScripts) {
   const auto is_said = [&] { return daemon.text_of("watch") == wanted; };
   ASSERT_TRUE(wait_until(is_said));
   daemon.launch("echo >$ROOT/scripts/a.txt; sleep 0.2");  // no script: nothing may come of it
-  for (const std::string change : {"echo >a.lua", "mv a.lua ../b.lua", "ln -s ../b.lua a.lua", "rm a.lua",
-                                   "ln ../b.lua a.lua", "mv ../b.lua c.lua", "rm a.lua"}) {
+  for (const std::string change :
+       {"echo >a.lua", "mv a.lua ../b.lua", "ln -s ../b.lua a.lua", "rm a.lua", "ln ../b.lua a.lua",
+        "mv ../b.lua c.lua", "rm a.lua", "mkdir -p ../l/a && >../l/a/b.lua && mv ../l lib", "echo >lib/a/b.lua",
+        "mv lib/a ../l"}) {
     daemon.launch("cd $ROOT/scripts; " + change);
     wanted += process + " has reloaded its scripts\n";
     ASSERT_TRUE(wait_until(is_said)) << change;

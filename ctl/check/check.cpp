@@ -12,6 +12,7 @@
 #include "ctl/check/luacheck.h"
 #include "ctl/daemon_rights.h"
 #include "ctl/failure.h"
+#include "ctl/human_text.h"
 #include "ctl/running_daemon.h"
 #include "device/settings.h"
 #include "device/store_text.h"
@@ -86,7 +87,7 @@ std::vector<std::string> installed_declarations(const std::string& root) {
 
 // "2 scripts in PLACE, PLACE"; each place once.
 std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
-  std::string text = counted(scripts, "script");
+  std::string text = number_of(scripts, "script");
   std::set<std::string> named;
   for (const std::string& place : places) {
     if (named.insert(place).second) text += (named.size() == 1 ? " in " : ", ") + place;

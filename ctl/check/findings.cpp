@@ -1,7 +1,7 @@
 #include "ctl/check/findings.h"
 
+#include "ctl/human_text.h"
 #include "util/safe_text.h"
-#include "util/text.h"
 
 void Findings::fault(const std::string& text) {
   fprintf(out, "%s\n", escaped(text).c_str());
@@ -19,9 +19,9 @@ void Findings::set_globals(Globals how) {
 }
 
 std::string Findings::counts() const {
-  std::string text = faults == 0 ? "" : counted(faults, "fault");
+  std::string text = faults == 0 ? "" : number_of(faults, "fault");
   if (warnings == 0) return text;
-  return text + (text.empty() ? "" : ", ") + counted(warnings, "warning");
+  return text + (text.empty() ? "" : ", ") + number_of(warnings, "warning");
 }
 
 std::string Findings::globals_text() const {
@@ -35,8 +35,4 @@ std::string Findings::globals_text() const {
       return text;
   }
   return "";
-}
-
-std::string counted(size_t number, const char* thing) {
-  return sstr("%zu %s%s", number, thing, number == 1 ? "" : "s");
 }

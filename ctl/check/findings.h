@@ -44,6 +44,3 @@ class Findings {
   size_t faults = 0;
   size_t warnings = 0;
 };
-
-// "1 fault", "2 faults".
-std::string counted(size_t number, const char* thing);

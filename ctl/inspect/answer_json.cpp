@@ -25,11 +25,7 @@ bool is_among(const std::string_view (&list)[size], const std::string& word) {
 
 Json value_of(const AnswerLine& line, const std::string& key) {
   const char* const name = key.c_str();
-  if (key == "buckets") {
-    Json buckets = Json::array();
-    for (const std::string& bucket : line.items(name)) buckets.push_back(strtoull(bucket.c_str(), nullptr, 10));
-    return buckets;
-  }
+  if (key == "buckets") return line.counts(name);
   if (is_among(kTexts, key)) return line.text(name);
   constexpr uint64_t kNoCount = UINT64_MAX;
   const uint64_t count = line.count(name, kNoCount);

@@ -1,10 +1,12 @@
-// The daemon's answers to `stats` and `clients`, and lists made of their lines.
+// The daemon's answers to `stats`, `clients` and `scripts`, and what is made of their lines.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ctl/control_client.h"
@@ -16,10 +18,16 @@ struct Answers {
   const AnswerLine& stat(const char* kind) const { return line_of(stats, kind); }
 };
 
-using Lines = std::vector<const AnswerLine*>;
+using Lines = std::vector<const AnswerLine*>;  // they belong to an answer
 using Weight = std::function<uint64_t(const AnswerLine&)>;
 
-// The lines of `kind` for which `weight` is not 0, the heaviest first. They belong to `answer`.
+// The lines of `kind`, in the answer's order.
+Lines lines_of(const std::vector<AnswerLine>& answer, std::string_view kind);
+
+// Adds the events' names that an answer to `stats` or `scripts` tells: those that have come, or that have handlers.
+void add_event_names(const std::vector<AnswerLine>& answer, std::set<std::string>& names);
+
+// The lines of `kind` for which `weight` is not 0, the heaviest first.
 Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const Weight& weight);
 Lines heaviest(const std::vector<AnswerLine>& answer, const char* kind, const char* key);
 
@@ -37,11 +45,18 @@ uint64_t bucket_total(const AnswerLine& line);
 // What the event loop does, "idle" or "in handler 'front' of door for 12.3 s, /opt/scripts/door.lua:12".
 std::string loop_text(const AnswerLine& loop);
 
+// The first line of an error, which may have a traceback behind it; safe for a terminal, and cut.
+std::string first_line(const AnswerLine& line, const char* key);
+
+// "front of door: /opt/scripts/door.lua:12: MESSAGE", an error of a script.
+std::string script_error_text(const AnswerLine& error);
+
 // "12 (10.0.0.7:4411)", a client of the listener.
 std::string client_text(const AnswerLine& client);
 
+// The lines `poster` of `stats`, one for each process: `events` and `refused` of all its connections together, the
+// longest `since_s`, and `rate`: events a second, of about the last 10 s.
+std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats);
+
 // "process 812 (flood, user anna)": the program and the user as this machine knows them.
 std::string poster_text(const AnswerLine& poster);
-
-// Events a second of a poster: lately, or since it is connected where the daemon does not tell.
-double poster_rate(const AnswerLine& poster);

@@ -18,7 +18,6 @@ constexpr double kFastPoster = 1000;     // events a second
 constexpr uint64_t kRecentErrorS = 600;
 constexpr size_t kNamesListed = 3;
 constexpr size_t kNameWidth = 40;
-constexpr size_t kTextWidth = 160;
 
 std::string name_and(const AnswerLine& line, const std::string& figure) {
   return shown(line.text("name"), kNameWidth) + " " + figure;
@@ -43,6 +42,8 @@ std::string trouble_of(const Answers& answers) {
   if (state == "stopping")
     return "it is stopping" + (is_silent ? ", and the event loop is busy: " + loop_text(loop) : "");
   if (state == "starting" || state == "loading" || activity == "starting") return "it is starting";
+  if (state != "ready" && state != "reloading") return "it answers, but tells no state that is known";
+  if (activity.empty()) return "it answers, but tells nothing of its event loop";
   if (is_silent && activity == "idle") return "the event loop is silent for " + duration_text(loop.count("alive_us"));
   if (is_silent) return "the event loop is busy: " + loop_text(loop);
   const std::string socket = answers.stat("queue").text("socket", "owned");
@@ -101,7 +102,7 @@ class Notes {
     }
     const AnswerLine& reload = answers.stat("reload");
     if (reload.text("last_result") == "failed") {
-      notes.push_back("the last reload failed: " + shown(reload.text("last_text"), kTextWidth));
+      notes.push_back("the last reload failed: " + first_line(reload, "last_text"));
     }
   }
 
@@ -116,28 +117,32 @@ class Notes {
       return longest >= kSlowUs ? longest : 0;
     });
     if (slow.empty()) return;
-    notes.push_back("slow calls hold up everything, so far: " + listed(slow, kNamesListed, [](const AnswerLine& tag) {
-                      return name_and(tag, "up to " + duration_text(tag.count("run_max_us")));
-                    }));
+    notes.push_back(
+        "slow calls hold up everything, so far: " +
+        listed(slow, kNamesListed,
+               [](const AnswerLine& tag) { return name_and(tag, "up to " + duration_text(tag.count("run_max_us"))); }) +
+        "; zelvctl tail --slow 100 shows the next ones");
   }
 
   void posters() {
     const uint64_t refused = sum_of(answers.stats, "source", "refused");
-    const Lines refusing = heaviest(answers.stats, "poster", "refused");
+    const std::vector<AnswerLine> processes = posters_by_process(answers.stats);
+    const Lines refusing = heaviest(processes, "poster", "refused");
     if (refused > 0) {
       std::string note = number_of(refused, "posted event was", "posted events were") + " refused";
       if (!refusing.empty())
         note += ": " + listed(refusing, kNamesListed, [](const AnswerLine& poster) {
                   return poster_text(poster) + " " + poster.text("refused");
                 });
-      notes.push_back(note);
+      notes.push_back(note + "; see the log for the lines");
     }
-    const Lines fast = heaviest(answers.stats, "poster", [](const AnswerLine& poster) {
-      return poster_rate(poster) >= kFastPoster ? static_cast<uint64_t>(poster_rate(poster)) : 0;
+    const Lines fast = heaviest(processes, "poster", [](const AnswerLine& poster) {
+      const double rate = poster.number("rate");
+      return rate >= kFastPoster ? static_cast<uint64_t>(rate) : 0;
     });
     if (fast.empty()) return;
     notes.push_back("many events come from " + listed(fast, kNamesListed, [](const AnswerLine& poster) {
-                      return poster_text(poster) + ", " + rate_text(poster_rate(poster)) + "/s";
+                      return poster_text(poster) + ", " + rate_text(poster.number("rate")) + "/s";
                     }));
   }
 
@@ -173,6 +178,13 @@ class Notes {
 };
 
 }  // namespace
+
+std::string trouble_told(const std::string& root) try {
+  constexpr int kLimitMs = 1000;
+  return trouble_of({ControlClient(root, kLimitMs).ask("stats", kLimitMs), {}});
+} catch (const Failure&) {
+  return "";
+}
 
 Diagnosis diagnose(const Answers& answers) {
   return {trouble_of(answers), Notes(answers).take()};

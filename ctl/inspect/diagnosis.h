@@ -14,3 +14,7 @@ struct Diagnosis {
 };
 
 Diagnosis diagnose(const Answers& answers);
+
+// The trouble that the daemon below `root` tells when it is asked now; empty when there is none, or when it does not
+// answer within a second.
+std::string trouble_told(const std::string& root);

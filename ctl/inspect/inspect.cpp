@@ -35,13 +35,20 @@ Json status_json(const Answers& answers, const Diagnosis& diagnosis) {
 }  // namespace
 
 void print_status(const std::string& root, bool json, FILE* out) {
-  ControlClient daemon(root);
-  const Answers answers{daemon.ask("stats"), daemon.ask("clients")};
-  const Diagnosis diagnosis = diagnose(answers);
+  Answers answers;
+  Diagnosis diagnosis;
+  try {
+    ControlClient daemon(root);
+    answers.stats = daemon.ask("stats");
+    answers.clients = daemon.ask("clients");
+    diagnosis = diagnose(answers);
+  } catch (const Failure& failure) {
+    diagnosis.trouble = failure.what();
+  }
   if (json) {
     write(out, status_json(answers, diagnosis));
   } else {
-    write_now(out, status_screen(answers, diagnosis));
+    write_now(out, answers.stats.empty() ? verdict_line(diagnosis) : status_screen(answers, diagnosis));
   }
   if (!diagnosis.trouble.empty()) fail("");
 }

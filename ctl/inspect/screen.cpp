@@ -19,7 +19,7 @@ class Screen {
 
   void verdict(const Diagnosis& diagnosis) {
     const AnswerLine& daemon = answers.stat("daemon");
-    text += (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+    text += verdict_line(diagnosis);
     for (const std::string& note : diagnosis.notes) text += "! " + note + "\n";
     row("daemon", "zelvind " + value(daemon, "version") + ", process " + value(daemon, "pid") + ", " +
                       value(daemon, "state") + " for " + duration_text(daemon.count("state_since_s") * 1000000) +
@@ -43,12 +43,11 @@ class Screen {
               duration_text(recent.count("over_ms") * 1000);
     }
     const char* separator = "; ";
-    for (const AnswerLine& source : answers.stats) {
-      if (source.kind() != "source") continue;
-      line += separator + std::to_string(source.count("events")) + " from " +
-              (source.text("name") == "process" ? "the process itself" : value(source, "name"));
+    for (const AnswerLine* source : lines_of(answers.stats, "source")) {
+      line += separator + std::to_string(source->count("events")) + " from " +
+              (source->text("name") == "process" ? "the process itself" : value(*source, "name"));
       separator = ", ";
-      if (source.count("refused") > 0) line += " (" + std::to_string(source.count("refused")) + " refused)";
+      if (source->count("refused") > 0) line += " (" + std::to_string(source->count("refused")) + " refused)";
     }
     row("events", line);
     names("types", "event", "events", [](const AnswerLine& event) { return std::to_string(event.count("events")); });
@@ -62,9 +61,7 @@ class Screen {
     names("errors", "tag", "errors", [](const AnswerLine& tag) { return std::to_string(tag.count("errors")); });
     const AnswerLine& error = answers.stat("error");
     if (error.has("time")) {
-      row("last error", time_text(error.count("time")) + " in " + value(error, "tag") +
-                            (value(error, "event").empty() ? "" : " of " + value(error, "event")) + ": " +
-                            shown(error.text("text"), kTextWidth));
+      row("last error", time_text(error.count("time")) + " in " + script_error_text(error));
     }
     row("timers", std::to_string(answers.stat("timers").count("now")) + ", " + lateness("timers") + "; tasks " +
                       std::to_string(answers.stat("coroutines").count("now")) + ", " + lateness("coroutines"));
@@ -96,9 +93,10 @@ class Screen {
       }
       return line + ": " + shown(client.text("wants"), kNameWidth);
     });
+    const std::vector<AnswerLine> processes = posters_by_process(answers.stats);
     rows("posters",
-         heaviest(answers.stats, "poster",
-                  [](const AnswerLine& poster) { return 1 + static_cast<uint64_t>(poster_rate(poster)); }),
+         heaviest(processes, "poster",
+                  [](const AnswerLine& poster) { return 1 + static_cast<uint64_t>(poster.number("rate")); }),
          [](const AnswerLine& poster) {
            const uint64_t refused = poster.count("refused");
            return poster_text(poster) + " " + std::to_string(poster.count("events")) + " events" +
@@ -146,6 +144,10 @@ class Screen {
 };
 
 }  // namespace
+
+std::string verdict_line(const Diagnosis& diagnosis) {
+  return (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+}
 
 std::string status_screen(const Answers& answers, const Diagnosis& diagnosis) {
   Screen screen(answers);

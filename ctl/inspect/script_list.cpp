@@ -4,6 +4,7 @@
 #include <map>
 
 #include "ctl/human_text.h"
+#include "ctl/inspect/answers.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ std::string in_columns(const std::vector<Row>& rows) {
   std::vector<size_t> widths;
   for (const Row& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], std::min(row[i].size(), kWidthMax));
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], std::min(characters_of(row[i]), kWidthMax));
   }
   std::string text;
   for (const Row& row : rows) {
@@ -34,13 +35,14 @@ class ScriptList {
 
   void files() {
     std::vector<Row> rows;
-    for (const AnswerLine* line : lines_of("file")) rows.push_back({value(*line, "path"), value(*line, "module")});
+    for (const AnswerLine* line : lines_of(answer, "file"))
+      rows.push_back({value(*line, "path"), value(*line, "module")});
     text += number_of(rows.size(), "file") + " in load order, loaded " +
             number_of(line_of(answer, "round").count("n"), "time") + "\n" + in_columns(rows);
   }
 
   void handlers() {
-    std::vector<const AnswerLine*> lines = lines_of("handler");
+    Lines lines = lines_of(answer, "handler");
     std::stable_sort(lines.begin(), lines.end(), [](auto* a, auto* b) { return a->text("event") < b->text("event"); });
     std::vector<Row> rows;
     for (const AnswerLine* line : lines) {
@@ -51,17 +53,27 @@ class ScriptList {
 
   // Timers or tasks, of which a script can make thousands by mistake.
   void due(const char* kind) {
-    std::vector<const AnswerLine*> lines = lines_of(kind);
+    Lines lines = lines_of(answer, kind);
     std::stable_sort(lines.begin(), lines.end(),
                      [](auto* a, auto* b) { return a->count("due_in_ms") < b->count("due_in_ms"); });
-    std::vector<Row> rows;
-    for (size_t i = 0; i < std::min(lines.size(), kDueListed); ++i) {
-      const AnswerLine& line = *lines[i];
-      rows.push_back({value(line, "tag"), when(line), value(line, "where")});
+    // Those that a place in a script has made with the same interval stand on one line.
+    std::vector<std::pair<const AnswerLine*, size_t>> groups;
+    std::map<Row, size_t> group_of;
+    for (const AnswerLine* line : lines) {
+      const auto found =
+          group_of.emplace(Row{line->text("tag"), line->text("where"), line->text("every_ms")}, groups.size());
+      if (found.second) groups.emplace_back(line, 0);
+      ++groups[found.first->second].second;
     }
-    text += number_of(lines.size(), kind) + (lines.size() > kDueListed ? ": " + tags_of(lines) : "") + "\n";
+    std::vector<Row> rows;
+    for (size_t i = 0; i < std::min(groups.size(), kDueListed); ++i) {
+      const auto& [line, number] = groups[i];
+      const std::string group = number > 1 ? number_of(number, kind) + ", the first " : "";
+      rows.push_back({value(*line, "tag"), group + when(*line), value(*line, "where")});
+    }
+    text += number_of(lines.size(), kind) + (groups.size() > kDueListed ? ": " + tags_of(lines) : "") + "\n";
     text += in_columns(rows);
-    if (lines.size() > kDueListed) text += "  and " + std::to_string(lines.size() - kDueListed) + " more\n";
+    if (groups.size() > kDueListed) text += "  and " + number_of(groups.size() - kDueListed, "more line") + "\n";
   }
 
   void end() {
@@ -71,23 +83,17 @@ class ScriptList {
   std::string text;
 
  private:
-  std::vector<const AnswerLine*> lines_of(const char* kind) const {
-    std::vector<const AnswerLine*> lines;
-    for (const AnswerLine& line : answer) {
-      if (line.kind() == kind) lines.push_back(&line);
-    }
-    return lines;
-  }
-
   static std::string value(const AnswerLine& line, const char* key) { return shown(line.text(key), 4 * kWidthMax); }
 
   static std::string when(const AnswerLine& line) {
     const std::string due = line.has("due_in_ms") ? "due in " + duration_text(line.count("due_in_ms") * 1000) : "waits";
-    return line.has("every_ms") ? due + ", every " + duration_text(line.count("every_ms") * 1000) : due;
+    if (!line.has("every_ms")) return due;
+    const uint64_t every_ms = line.count("every_ms");
+    return due + (every_ms == 0 ? ", once" : ", every " + duration_text(every_ms * 1000));
   }
 
   // "front 39990, clock 10 and 2 more".
-  static std::string tags_of(const std::vector<const AnswerLine*>& lines) {
+  static std::string tags_of(const Lines& lines) {
     std::map<std::string, size_t> numbers;
     for (const AnswerLine* line : lines) ++numbers[line->text("tag")];
     std::vector<std::pair<std::string, size_t>> tags(numbers.begin(), numbers.end());

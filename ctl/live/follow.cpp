@@ -11,6 +11,7 @@
 namespace {
 
 constexpr int kRetryMs = 500;
+constexpr int kSilenceMs = 5000;
 constexpr size_t kNamesMax = 32;  // the daemon's limit
 constexpr char kUnknown[] = "unknown";
 constexpr char kNoRing[] = "event_memory is 0";  // within the daemon's sentence: to try again is in vain
@@ -78,7 +79,8 @@ class Follower {
       if (got == ControlClient::Got::end && is_over) continue;
       if (got == ControlClient::Got::end) throw Gone(Exit::unreachable, "the daemon has ended its answer");
       if (got == ControlClient::Got::nothing) {
-        wait_to_read(client->descriptor(), out, -1);
+        const bool has_come = wait_to_read(client->descriptor(), out, request.on_silence ? kSilenceMs : -1);
+        if (!has_come && request.on_silence) request.on_silence();
       } else if (!take(line)) {
         return true;
       }
@@ -120,6 +122,7 @@ class Follower {
     run_id = new_run;
     // Whoever is cut off before the first event has seen all of those before it.
     if (last.empty() && line.count("next") > 0) last = new_run + "-" + std::to_string(line.count("next") - 1);
+    if (request.on_silence) request.on_silence();
   }
 
   void lose(const std::string& number) {

@@ -14,6 +14,8 @@ struct FollowRequest {
   std::vector<std::string> names;  // patterns of names with "*" and "?"; none: all events
   std::string from;                // the id of an event: begin behind it; empty: with the next event
   bool reconnect = false;          // when the daemon goes away, wait for it and go on behind the last event
+  // If any: called at the beginning, and after each 5 s without a line of the answer.
+  std::function<void()> on_silence = {};
 };
 
 // Hands each event to `on_event`, a line `event` of the answer, until that returns false. Says on standard error which

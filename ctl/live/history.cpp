@@ -1,18 +1,11 @@
 #include "ctl/live/history.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace {
 
 constexpr int64_t kWindowMs = 10000;
 constexpr size_t kMinute = 60;
-
-std::vector<uint64_t> buckets_of(const AnswerLine& line) {
-  std::vector<uint64_t> buckets;
-  for (const std::string& item : line.items("buckets")) buckets.push_back(strtoull(item.c_str(), nullptr, 10));
-  return buckets;
-}
 
 uint64_t events_in(const Answers& answers) {
   return sum_of(answers.stats, "event", "events");
@@ -27,8 +20,8 @@ uint64_t bucket_end(size_t bucket, size_t buckets, uint64_t longest) {
 }  // namespace
 
 std::optional<Spread> spread_between(const AnswerLine& before, const AnswerLine& now, const char* max_key) {
-  std::vector<uint64_t> counts = buckets_of(now);
-  const std::vector<uint64_t> old = buckets_of(before);
+  std::vector<uint64_t> counts = now.counts("buckets");
+  const std::vector<uint64_t> old = before.counts("buckets");
   uint64_t total = 0;
   for (size_t i = 0; i < counts.size(); ++i) {
     counts[i] -= i < old.size() ? std::min(old[i], counts[i]) : 0;

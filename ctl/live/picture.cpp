@@ -37,11 +37,27 @@ std::string part_text(double part) {
   return sstr(part < 0.0995 ? "%.1f%%" : "%.0f%%", part * 100);
 }
 
+// How long the call that runs has taken so far, in us, when it belongs to the event or tag of `line`; else 0.
+uint64_t running_us(const Answers& answers, const AnswerLine& line) {
+  const AnswerLine& loop = answers.stat("loop");
+  const char* const kind = line.kind().c_str();
+  return loop.has(kind) && loop.text(kind) == line.text("name") ? loop.count("for_us") : 0;
+}
+
+// The part of the last seconds in which the loop was busy with the event or tag of `now`. A call counts as far as it
+// has come, not when it ends.
+double busy_part(const History& history, const AnswerLine& old, const AnswerLine& now) {
+  const uint64_t before_us = old.count("run_sum_us") + running_us(history.before(), now);
+  const uint64_t now_us = now.count("run_sum_us") + running_us(history.now(), now);
+  const auto busy_us = static_cast<double>(now_us - std::min(before_us, now_us));
+  return std::min(busy_us / 1e6 / history.seconds(), 1.0);
+}
+
 // The columns that events and tags share: rates and run times.
 void add_runs(Table::Row& row, const History& history, const AnswerLine& now, const char* count_key) {
   const AnswerLine& old = same_line(history.before().stats, now, "name");
   const auto spread = spread_between(old, now, "run_max_us");
-  const double busy = history.rate(old, now, "run_sum_us") / 1e6;
+  const double busy = busy_part(history, old, now);
   row.push_back(rate_cell(history.rate(old, now, count_key)));
   row.push_back(count_cell(now.count(count_key)));
   row.push_back(count_cell(now.count("errors")));
@@ -55,10 +71,14 @@ Table runs_table(const History& history, const char* kind, const char* title, co
   Table table;
   table.columns = {{title, 0}, {"PER S", 7}, {"TOTAL", 10}, {"ERRORS", 7},
                    {"P50", 7}, {"P99", 7},   {"MAX", 7},    {"LOOP", 6}};
-  for (const AnswerLine& line : history.now().stats) {
-    if (line.kind() != kind) continue;
-    Table::Row row = {{escaped(line.text("name"))}};
-    add_runs(row, history, line, count_key);
+  const Answers& now = history.now();
+  Lines lines = lines_of(now.stats, kind);
+  // What runs for the first time is not counted yet.
+  const AnswerLine running(kind + (" name=" + encoded(now.stat("loop").text(kind))));
+  if (now.stat("loop").has(kind) && same_line(now.stats, running, "name").kind().empty()) lines.push_back(&running);
+  for (const AnswerLine* line : lines) {
+    Table::Row row = {{escaped(line->text("name"))}};
+    add_runs(row, history, *line, count_key);
     table.rows.push_back(std::move(row));
   }
   return table;
@@ -68,8 +88,8 @@ Table clients_table(const History& history) {
   Table table;
   table.columns = {{"ADDRESS", 0}, {"STATE", 0}, {"PER S", 7}, {"BYTES/S", 8},
                    {"OWES", 8},    {"LOST", 7},  {"SINCE", 8}, {"WANTS", 0}};
-  for (const AnswerLine& line : history.now().clients) {
-    if (line.kind() != "client") continue;
+  for (const AnswerLine* client : lines_of(history.now().clients, "client")) {
+    const AnswerLine& line = *client;
     const AnswerLine& found = same_line(history.before().clients, line, "id");
     // A descriptor's number comes again with the next client.
     const AnswerLine none;
@@ -87,6 +107,14 @@ Table clients_table(const History& history) {
                           {escaped(line.text("wants"))}});
   }
   return table;
+}
+
+// An error of a script without the folder of its file: on a short line, the message matters more.
+std::string without_folder(std::string error) {
+  const size_t place = error.find(": ");
+  if (place == std::string::npos || error[place + 2] != '/') return error;
+  const size_t slash = error.rfind('/', error.find(':', place + 1));
+  return error.erase(place + 2, slash - place - 1);
 }
 
 class Head {
@@ -142,9 +170,7 @@ class Head {
     const double rate = static_cast<double>(count - std::min(before, count)) / history.seconds();
     std::string text = count == 0 ? "none" : std::to_string(count) + ", " + rate_text(rate) + "/s";
     if (const AnswerLine& last = now.stat("error"); last.has("time")) {
-      text += "; last " + time_text(last.count("time")).substr(11) + " " + last.text("tag");
-      if (!last.text("event").empty()) text += " of " + last.text("event");
-      text += ": " + last.text("text");
+      text += "; last " + time_text(last.count("time")).substr(11) + " " + without_folder(script_error_text(last));
     }
     add("errors", text);
   }
@@ -153,9 +179,11 @@ class Head {
     const Answers& now = history.now();
     const AnswerLine& line = now.stat("lua");
     const uint64_t limit = line.count("limit");
+    const double collecting = history.rate(history.before().stat("lua"), line, "collect_sum_us") / 1e6;
     add("lua", size_text(line.count("bytes")) + (limit > 0 ? " of " + size_text(limit) : "") + ", " +
                    number_of(now.stat("timers").count("now"), "timer") + ", " +
-                   number_of(now.stat("coroutines").count("now"), "task"));
+                   number_of(now.stat("coroutines").count("now"), "task") + ", " +
+                   part_text(std::min(collecting, 1.0)) + " of the time in collections");
   }
 
   void clients() {

@@ -2,15 +2,19 @@
 
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
 #include "ctl/human_text.h"
+#include "ctl/inspect/diagnosis.h"
 #include "ctl/output.h"
 #include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
+
+constexpr int kAskMs = 1000;  // for answers that are of use only
 
 // Whether the first item "FIELD=..." of `info` is `condition`, as scripts see it.
 bool holds(const std::string& condition, const std::string& info) {
@@ -68,6 +72,39 @@ std::string json_gap(const std::string& number) {
   return json_line(line);
 }
 
+// Tells on standard error why no events come: what holds the event loop, and that lines of posters are refused.
+class Silence {
+ public:
+  explicit Silence(const std::string& the_root) : root(the_root) {}
+
+  void tell() try {
+    const auto stats = ControlClient(root, kAskMs).ask("stats", kAskMs);
+    const std::string trouble = diagnose({stats, {}}).trouble;
+    if (!trouble.empty() && !is_told) fprintf(stderr, "zelvctl: no event comes: %s\n", trouble.c_str());
+    is_told = !trouble.empty();
+    const uint64_t now = sum_of(stats, "source", "refused");
+    if (refused && now > *refused) {
+      fprintf(stderr, "zelvctl: %s refused; see the daemon's log for the lines\n",
+              number_of(now - *refused, "posted event was", "posted events were").c_str());
+    }
+    refused = now;
+  } catch (const Failure&) {  // who follows learns that the daemon has gone
+  }
+
+ private:
+  const std::string& root;
+  bool is_told = false;             // the trouble that there is
+  std::optional<uint64_t> refused;  // events, as we know
+};
+
+// "5f3a90c1-812".
+bool is_event_id(const std::string& text) {
+  const size_t dash = text.find('-');
+  return dash != std::string::npos && dash > 0 && dash + 1 < text.size() &&
+         text.find_first_not_of("0123456789abcdef") == dash &&
+         text.find_first_not_of("0123456789", dash + 1) == std::string::npos;
+}
+
 }  // namespace
 
 void print_tail(const TailRequest& request, FILE* out) {
@@ -77,8 +114,14 @@ void print_tail(const TailRequest& request, FILE* out) {
       throw Failure(Exit::usage, "--where '" + condition + "': expected FIELD=VALUE");
     }
   }
+  if (!request.follow.from.empty() && !is_event_id(request.follow.from)) {
+    throw Failure(Exit::usage, "--from '" + request.follow.from + "': expected an ID, as in 5f3a90c1-812");
+  }
+  Silence silence(request.follow.root);
+  FollowRequest follow = request.follow;
+  follow.on_silence = [&] { silence.tell(); };
   follow_events(
-      request.follow, out,
+      follow, out,
       [&](const AnswerLine& event) {
         if (is_wanted(request, event)) write_now(out, request.json ? json_of(event) : plain_line(event));
         return true;
