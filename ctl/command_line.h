@@ -51,11 +51,11 @@ class Given {
 };
 
 struct Command {
-  const char* name;
-  const char* help;    // one line
-  const char* footer;  // of its own help: the rules in words, and examples
+  const char* name = nullptr;
+  const char* help = nullptr;    // one line
+  const char* footer = nullptr;  // of its own help: the rules in words, and examples
   Parameter parameters[8];
-  void (*run)(const Given& given);  // throws Failure
+  void (*run)(const Given& given) = nullptr;  // throws Failure
 };
 
 // Parses the command line and runs its command, or writes the help or the version. Throws Failure: of the command, or
