@@ -108,8 +108,10 @@ class LoopStats {
   int event_entry() const { return current_event; }
   // Reads the clock.
   void begin_dispatch();
-  // `known`: there is a handler table. The times of the last dispatch are there until the next one begins.
-  void end_dispatch(bool known);
+  // `known`: there is a handler table. A name that nobody knows gets an entry of its own only while half of the table
+  // is free: names that posters invent must not take the places of those that scripts handle. The times of the last
+  // dispatch are there until the next one begins.
+  void end_dispatch(bool known, const char* type_name);
   int64_t dispatch_began_ns() const { return dispatch_began; }  // steady_ns
   int64_t dispatch_ns() const { return dispatched_ns; }
   int dispatch_errors() const { return errors_in_dispatch; }
@@ -222,7 +224,9 @@ inline int LoopStats::tag_entry(const char* tag) {
 }
 
 inline void LoopStats::takes_event(const char* type_name) {
-  if (strcmp(event_names.name(current_event), type_name) != 0) current_event = event_names.entry_of(type_name);
+  if (strcmp(event_names.name(current_event), type_name) != 0) {
+    current_event = event_names.entry_of(type_name, NameTable::kMost / 2);
+  }
   events[current_event].events.add();
   set_activity(Activity::forwarding);
 }
@@ -234,11 +238,12 @@ inline void LoopStats::begin_dispatch() {
   errors_in_dispatch = 0;
 }
 
-inline void LoopStats::end_dispatch(bool known) {
+inline void LoopStats::end_dispatch(bool known, const char* type_name) {
   dispatching = false;
   dispatched_ns = last_reading.load(std::memory_order_relaxed) - dispatch_began;
   EventStats& event = events[current_event];
   if (known) {
+    if (current_event == NameTable::kOther) event_names.entry_of(type_name);  // from its next event on
     event.run.add(dispatched_ns);
   } else {
     event.unknown.add();

@@ -12,7 +12,7 @@ uint32_t hash_of(std::string_view name) {
 
 }  // namespace
 
-int NameTable::entry_of(std::string_view name) {
+int NameTable::entry_of(std::string_view name, int most) {
   name = name.substr(0, kLongest);
   if (name == this->name(kOther)) return kOther;  // a reader must not find two of one name
   uint32_t slot = hash_of(name) % kSlots;
@@ -20,7 +20,7 @@ int NameTable::entry_of(std::string_view name) {
     if (names[slots[slot] - 1] == name) return slots[slot] - 1;
   }
   const int entry = count.load(std::memory_order_relaxed);
-  if (entry == kMost) return kOther;
+  if (entry >= most) return kOther;
   memcpy(names[entry], name.data(), name.size());
   slots[slot] = static_cast<uint8_t>(entry + 1);
   count.store(entry + 1, std::memory_order_release);

@@ -14,9 +14,9 @@ class NameTable {
   static constexpr int kEntries = kMost + 1;
   static constexpr size_t kLongest = 127;  // bytes; of a longer name, the first ones count
 
-  // The thread that counts: the number of the entry of `name`, which is added when it is new; kOther when there is no
-  // room for it.
-  int entry_of(std::string_view name);
+  // The thread that counts: the number of the entry of `name`, which is added when it is new; kOther when there are
+  // `most` entries already.
+  int entry_of(std::string_view name, int most = kMost);
 
   // Entries in use, without kOther. Any thread.
   int size() const { return count.load(std::memory_order_acquire); }

@@ -168,7 +168,7 @@ bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
   if (!done) fail(error);
   tag.clear();
   current = nullptr;
-  g_loop_stats.end_dispatch(known);
+  g_loop_stats.end_dispatch(known, event.type_name);
   record(event);
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);
   return known;

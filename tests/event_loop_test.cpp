@@ -306,6 +306,19 @@ TEST_F(EventLoop, CountsByTypeAndTag) {
     for (int i = 0; i < 200; ++i) EXPECT_EQ(table.entry_of(std::to_string(i)), std::min(i, NameTable::kOther));
   }
   EXPECT_EQ(table.name(table.entry_of(std::string(300, 'x'))), std::string("(other)"));
+
+  // Names that nobody handles leave room for those that scripts handle.
+  auto fresh = std::make_unique<LoopStats>();
+  const auto handle = [&](const std::string& name, bool known) {
+    fresh->takes_event(name.c_str());
+    fresh->begin_dispatch();
+    fresh->end_dispatch(known, name.c_str());
+  };
+  for (int i = 0; i < 200; ++i) handle("junk" + std::to_string(i), false);
+  handle("door", true);
+  handle("door", true);
+  EXPECT_EQ(fresh->event_names.size(), NameTable::kMost / 2 + 1);
+  EXPECT_EQ(fresh->events[NameTable::kMost / 2].run.count(), 1u);
 }
 
 TEST_F(EventLoop, ReportsWhatScriptsHave) {
