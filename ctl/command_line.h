@@ -44,7 +44,7 @@ class Given {
   long number(const char* parameter, long absent) const;
 
   const std::string root;      // DEVICE_ROOT or --root; empty or an absolute path
-  const size_t behind_dashes;  // how many arguments stand behind the first "--"
+  const size_t behind_dashes;  // how many arguments follow the first "--"
 
  private:
   CLI::App& command;

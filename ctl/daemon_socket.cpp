@@ -28,7 +28,8 @@ std::string allowed_group(const std::string& path) {
 }
 
 [[noreturn]] void fail_to_connect(const std::string& path, int limit_ms, int error) {
-  if (error == EAGAIN) fail(sstr("the daemon at %s has let nobody in for %g s", path.c_str(), limit_ms / 1000.0));
+  if (error == EAGAIN)
+    fail(sstr("the daemon at %s has accepted no connection for %g s", path.c_str(), limit_ms / 1000.0));
   if (error == EACCES) fail(path + ": not allowed (group " + allowed_group(path) + ")");
   fail("no daemon at " + path + ": " + error_text(error));
 }
