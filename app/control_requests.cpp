@@ -263,7 +263,7 @@ void ControlRequests::add_daemon(Answer& answer) const {
   answer.key("started", started_s).key("uptime_s", (now - started_ns) / kNsPerS).key("state", current);
   answer.key("state_since_s", (now - since) / kNsPerS).key("root", root).key("log_level", log_level.load());
   answer.key("rss", resident_bytes()).key("exe", program);
-  answer.key("device", event_socket_owned != nullptr ? "host" : "external").key("lua", LUA_RELEASE + strlen("Lua "));
+  answer.key("device", event_socket_owned != nullptr ? "host" : "external").key("lua", &LUA_RELEASE[strlen("Lua ")]);
 }
 
 void ControlRequests::add_listener(Answer& answer) const {

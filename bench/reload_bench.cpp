@@ -13,6 +13,7 @@
 #include "bench/loop_here.h"
 #include "bench/measure.h"
 #include "script/reload_trial.h"
+#include "util/text.h"
 
 namespace {
 
@@ -21,11 +22,11 @@ constexpr char kHeap[] =
     "ballast = {} while collectgarbage('count') < 10 * 1024 do for i = 1, 100 do ballast[#ballast + 1] = { i } end end";
 
 std::string make_scripts() {
-  const std::string folder = bench_root() + "/scripts";
+  std::string folder = bench_root() + "/scripts";
   std::filesystem::create_directories(folder);
   for (int i = 0; i < kScripts; ++i) {
     const std::string name = "s" + std::to_string(i);
-    std::ofstream(folder + "/" + name + ".lua")
+    std::ofstream(sstr("%s/%s.lua", folder.c_str(), name.c_str()))
         << "script_define('" << name << "', {})\nlocal state = {}\n"
         << "es_" << name << " = { list_func = { { '" << name << "', function() state.last = evt_info() end } } }\n"
         << "for i = 1, 100 do state[i] = { i, '" << name << " ' .. i } end\n";

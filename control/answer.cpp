@@ -4,6 +4,7 @@
 
 #include "control/counter.h"
 #include "util/safe_text.h"
+#include "util/text.h"
 
 namespace {
 
@@ -79,9 +80,8 @@ Answer& Answer::durations(std::string_view prefix, const Durations& durations) {
 
 void Answer::add_lines(std::string_view lines) {
   while (!lines.empty()) {
-    const size_t end = std::min(lines.find('\n'), lines.size());
-    if (end > 0) line(lines.substr(0, end));
-    lines.remove_prefix(std::min(end + 1, lines.size()));
+    const std::string_view next = take_item(lines, '\n');
+    if (!next.empty()) line(next);
   }
 }
 

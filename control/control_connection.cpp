@@ -1,7 +1,6 @@
 #include "control/control_connection.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include "control/answer.h"
 #include "control/event_ring.h"
 #include "control/waiting_call.h"
+#include "util/unix_socket.h"
 
 namespace {
 
@@ -32,13 +32,8 @@ std::string event_line(const EventRing& ring, const EventRecordCopy& event) {
 
 }  // namespace
 
-ControlConnection::ControlConnection(int connected) : fd(connected) {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  if (getsockopt(connected, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
-  peer_process = peer.pid;
-  peer_user = peer.uid;
-}
+ControlConnection::ControlConnection(int connected, int64_t now)
+    : fd(connected), peer(unix_peer(connected)), active_ms(now) {}
 
 // A child of the daemon may still have the descriptor: the client must see the end all the same.
 ControlConnection::~ControlConnection() {
@@ -50,7 +45,8 @@ short ControlConnection::wanted_events() const {
   return is_free() && !has_ended && lines.room() > 0 ? POLLIN : 0;
 }
 
-bool ControlConnection::receive() {
+bool ControlConnection::receive(int64_t now) {
+  active_ms = now;
   char bytes[kRequestMost];
   const ssize_t got = recv(fd.get(), bytes, lines.room(), MSG_DONTWAIT);
   if (got < 0) return errno == EAGAIN || errno == EINTR;
@@ -67,7 +63,7 @@ RequestLines::Next ControlConnection::next_line(std::string& line) {
 }
 
 void ControlConnection::owe(std::string_view text, int64_t now) {
-  if (owed.empty()) taken_ms = now;
+  if (owed.empty()) active_ms = now;
   owed += text;
 }
 
@@ -83,7 +79,7 @@ bool ControlConnection::send_owed(int64_t now) {
       return errno == EAGAIN;
     }
     sent += static_cast<size_t>(taken);
-    taken_ms = now;
+    active_ms = now;
   }
   owed = std::string();  // a large answer does not keep its memory
   sent = 0;
@@ -92,7 +88,12 @@ bool ControlConnection::send_owed(int64_t now) {
 
 std::optional<int64_t> ControlConnection::deadline() const {
   if (owed.empty() || is_following()) return {};
-  return taken_ms + kPatienceMs;
+  return active_ms + kPatienceMs;
+}
+
+std::optional<int64_t> ControlConnection::idle_since() const {
+  if (call != nullptr || (is_following() && owed.empty())) return {};
+  return active_ms;
 }
 
 void ControlConnection::begin_to_follow(FollowRequest request, uint64_t first) {

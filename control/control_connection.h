@@ -1,7 +1,7 @@
-// One client of the control socket: what it asks, what it is owed. Belongs to the control thread.
+// One client of the control socket: what it asks, and what has yet to be sent to it. Control thread only.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <memory>
@@ -16,64 +16,69 @@ class WaitingCall;
 
 class ControlConnection {
  public:
-  // Takes the connected, non-blocking descriptor.
-  explicit ControlConnection(int connected);
+  // Takes over `connected`, a non-blocking descriptor. `now`: steady_ms(), here and below.
+  ControlConnection(int connected, int64_t now);
+  // Closes the connection.
   ~ControlConnection();
   ControlConnection(const ControlConnection&) = delete;
   ControlConnection& operator=(const ControlConnection&) = delete;
 
   int descriptor() const { return fd.get(); }
-  pid_t process() const { return peer_process; }  // 0: not known
-  uid_t user() const { return peer_user; }
+  pid_t process() const { return peer.pid; }  // 0: not known
+  uid_t user() const { return peer.uid; }
 
-  // What poll(2) has to wait for. A client's next request is read when it has taken the answer to the last one.
+  // What poll(2) waits for. A client's next request is read after it has taken the answer to the last one.
   short wanted_events() const;
 
-  // Reads what there is. False: the client is gone.
-  bool receive();
+  // Reads what has come. Returns false when the connection is broken.
+  bool receive(int64_t now);
 
-  // The next request's line, when it is its turn.
+  // Gives the next request's line, as RequestLines::take does; `nothing` while the last request is being answered.
   RequestLines::Next next_line(std::string& line);
 
-  // Whether there is a line that need not be waited for.
+  // Whether next_line() has something to give.
   bool has_turn() const { return is_free() && lines.has_line(); }
 
-  // Has sent all its requests and got all answers.
+  // Whether the client has sent all its requests and taken all answers.
   bool is_finished() const { return has_ended && is_free() && !lines.has_line(); }
 
-  // Adds to what the client is owed. `now`: steady_ms().
+  // Adds to what the client is owed.
   void owe(std::string_view text, int64_t now);
 
-  // Sends what the client takes without waiting. False: it is gone.
+  // Sends as much as the client takes without waiting. Returns false when the connection is broken.
   bool send_owed(int64_t now);
 
-  // When the client has to have taken something, in steady_ms(); nothing: it need not. A follower may stop reading.
+  // Until when the client must have taken something, in steady_ms(). Nothing while nothing waits for it, and for
+  // a follower, which may stop reading.
   std::optional<int64_t> deadline() const;
 
-  // From now on the client is a follower, from the event with the number `next` on.
+  // Since when the client has done nothing though it could, in steady_ms(): it neither asks nor takes what waits for
+  // it. Nothing while it waits for us: for an answer, or for an event that it follows.
+  std::optional<int64_t> idle_since() const;
+
+  // Makes the client a follower, from the event with the number `first` on.
   void begin_to_follow(FollowRequest request, uint64_t first);
   bool is_following() const { return following.has_value(); }
 
   // Owes a follower what the ring has for it, a bounded number of events.
   void owe_events(const EventRing& ring, int64_t now);
 
-  // The number of the first event that the follower has not seen; nothing: it has to read before it gets more.
+  // The number of the first event that the follower has not seen. Nothing while it has to read before it gets more.
   std::optional<uint64_t> waits_for() const;
 
-  // Set while a request is being answered by a thread of its own.
+  // Set while a thread of its own answers a request.
   std::unique_ptr<WaitingCall> call;
 
  private:
   bool is_free() const { return call == nullptr && owed.empty() && !following.has_value(); }
 
-  Descriptor fd;
-  pid_t peer_process = 0;
-  uid_t peer_user = 0;
+  const Descriptor fd;
+  const ucred peer;
   RequestLines lines;
   bool has_ended = false;  // it sends no more
   std::string owed;
-  size_t sent = 0;       // of `owed`
-  int64_t taken_ms = 0;  // when the client last took something, or began to owe
+  size_t sent = 0;    // of `owed`
+  int64_t active_ms;  // when it last sent or took something, or something began to wait for it
   std::optional<FollowRequest> following;
   uint64_t next = 0;  // of a follower
 };

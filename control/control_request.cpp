@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "control/answer.h"
+#include "util/text.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ bool is_control(char c) {
 }
 
 std::string parse_from(std::string_view id, FollowRequest& follow) {
-  const std::string problem = "from is " + quoted(id) + ": expected RUN-NUMBER, as in an event's id";
+  std::string problem = "from is " + quoted(id) + ": expected RUN-NUMBER, as in an event's id";
   if (id.size() <= kRunSize || id[kRunSize] != '-') return problem;
   follow.run = id.substr(0, kRunSize);
   if (follow.run.find_first_not_of("0123456789abcdef") != std::string::npos) return problem;
@@ -32,13 +33,11 @@ std::string parse_from(std::string_view id, FollowRequest& follow) {
 
 std::string parse_names(std::string_view list, FollowRequest& follow) {
   while (!list.empty()) {
-    const size_t end = std::min(list.find(','), list.size());
     std::string name;
-    if (!append_decoded(name, list.substr(0, end))) return "names: two hexadecimal digits must follow a %";
+    if (!append_decoded(name, take_item(list, ','))) return "names: two hexadecimal digits must follow a %";
     if (name.size() > kPatternMost) return "names: a pattern has more than 255 bytes";
     if (!name.empty()) follow.names.push_back(std::move(name));
     if (follow.names.size() > kPatternsMost) return "names: more than 32 patterns";
-    list.remove_prefix(std::min(end + 1, list.size()));
   }
   return "";
 }
@@ -82,9 +81,8 @@ std::string parse_request(std::string_view line, ControlRequest& request) {
   if (std::any_of(line.begin(), line.end(), is_control)) return "a request has no control characters";
   std::vector<std::string> words;
   while (!line.empty()) {
-    const size_t end = std::min(line.find(' '), line.size());
-    if (end > 0) words.emplace_back(line.substr(0, end));
-    line.remove_prefix(std::min(end + 1, line.size()));
+    const std::string_view word = take_item(line, ' ');
+    if (!word.empty()) words.emplace_back(word);
   }
   if (words.empty()) return "the request is empty";
   request.name = std::move(words.front());

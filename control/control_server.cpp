@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,17 +20,12 @@
 namespace {
 
 constexpr int kAcceptRetryMs = 300;
-constexpr int kFollowMs = 5;  // how long events gather for followers while they come
+constexpr int kFollowMs = 5;   // how long events gather for followers while they come
+constexpr int kHoldMs = 2000;  // a client that asks once a second keeps its place
 
 constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
                                             "control: %s: zelvctl cannot ask this daemon",
                                             "control: %s is made: zelvctl can ask this daemon", elog};
-
-void drain(int event_fd) {
-  uint64_t ignored = 0;
-  while (read(event_fd, &ignored, sizeof(ignored)) > 0) {
-  }
-}
 
 }  // namespace
 
@@ -41,7 +35,7 @@ ControlServer::ControlServer(EventRing& the_ring, std::vector<ControlCommand> th
 }
 
 void ControlServer::start() {
-  wake_up.reset(above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+  wake_up = wake_up_descriptor();
   if (wake_up.get() < 0) {
     elog(1, "control: no descriptor (%s): zelvctl cannot ask this daemon", strerrordesc_np(errno));
     return;
@@ -63,9 +57,7 @@ void ControlServer::stop() {
 }
 
 void ControlServer::wake() const {
-  const uint64_t one = 1;
-  const ssize_t ignored = write(wake_up.get(), &one, sizeof(one));
-  (void)ignored;
+  eventfd_write(wake_up.get(), 1);
 }
 
 void* ControlServer::main(void* instance) {
@@ -100,8 +92,9 @@ void ControlServer::round() {
   for (const auto& client : clients) set.push_back({client->descriptor(), client->wanted_events(), 0});
   if (poll(set.data(), set.size(), timeout_ms) < 0) return;
   const int64_t now = steady_ms();
-  if (set[0].revents != 0) drain(wake_up.get());
-  if (set[2].revents != 0) drain(ring.wake_descriptor());
+  eventfd_t ignored = 0;
+  if (set[0].revents != 0) eventfd_read(wake_up.get(), &ignored);
+  if (set[2].revents != 0) eventfd_read(ring.wake_descriptor(), &ignored);
   if ((set[1].revents != 0 && socket.take_change()) || socket.number() == 0) socket.make_again(now);
   for (size_t i = 0; i < clients.size(); ++i) {
     if (!serve(*clients[i], set[fixed + i].revents, now)) drop(clients[i]);
@@ -153,7 +146,7 @@ void ControlServer::accept_waiting(int64_t now) {
   for (size_t i = 0; i < kClientsMost; ++i) {
     const int fd = above_standard_streams(accept4(socket.descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (fd >= 0) {
-      admit(std::make_unique<ControlConnection>(fd), now);
+      admit(std::make_unique<ControlConnection>(fd, now), now);
     } else if (errno != EINTR && errno != ECONNABORTED) {
       if (errno == EAGAIN) return;
       accept_not_before = now + kAcceptRetryMs;
@@ -166,7 +159,7 @@ void ControlServer::accept_waiting(int64_t now) {
 }
 
 void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now) {
-  if (clients.size() < kClientsMost) return clients.push_back(std::move(client));
+  if (clients.size() < kClientsMost || make_place(*client, now)) return clients.push_back(std::move(client));
   if (const auto left_out = refused_limit.allow()) {
     elog(1, "control: refused process %d of user %u, since 16 clients are connected%s", client->process(),
          client->user(), left_out->text);
@@ -175,10 +168,27 @@ void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now
   client->send_owed(now);
 }
 
+// Drops the client that has been idle longest. Returns false when none has been idle for long.
+bool ControlServer::make_place(const ControlConnection& newcomer, int64_t now) {
+  const auto idle_since = [](const auto& client) { return client->idle_since().value_or(INT64_MAX); };
+  const auto longest = std::min_element(clients.begin(), clients.end(), [&](const auto& one, const auto& other) {
+    return idle_since(one) < idle_since(other);
+  });
+  if (idle_since(*longest) > now - kHoldMs) return false;
+  if (const auto left_out = closed_limit.allow()) {
+    elog(1, "control: closed the connection of process %d of user %u, idle for %lld s, for process %d%s",
+         (*longest)->process(), (*longest)->user(), static_cast<long long>((now - idle_since(*longest)) / 1000),
+         newcomer.process(), left_out->text);
+  }
+  drop(*longest);
+  clients.erase(longest);
+  return true;
+}
+
 // Returns false when the client is to be dropped. One request of each client is answered in a round.
 bool ControlServer::serve(ControlConnection& client, short happened, int64_t now) {
   if ((happened & (POLLHUP | POLLERR | POLLNVAL)) != 0) return false;
-  if ((happened & POLLIN) != 0 && !client.receive()) return false;
+  if ((happened & POLLIN) != 0 && !client.receive(now)) return false;
   if (client.call != nullptr && client.call->is_done()) {
     client.owe(client.call->result().take_lines() + '\n', now);
     client.call.reset();

@@ -66,6 +66,7 @@ class ControlServer {
   int followers_sleep_ms();
   void accept_waiting(int64_t now);
   void admit(std::unique_ptr<ControlConnection> client, int64_t now);
+  bool make_place(const ControlConnection& newcomer, int64_t now);
   bool serve(ControlConnection& client, short happened, int64_t now);
   void drop(std::unique_ptr<ControlConnection>& client);
   void answer_next(ControlConnection& client, int64_t now);
@@ -89,5 +90,6 @@ class ControlServer {
   int64_t accept_not_before = 0;                       // steady_ms
   uint64_t last_seen = 0;                              // the newest event at the last look for followers
   RateLimit refused_limit;
+  RateLimit closed_limit;
   RateLimit accept_limit;
 };

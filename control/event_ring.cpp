@@ -64,7 +64,7 @@ EventRing::EventRing(size_t bytes)
       size(slots * kEventSize / kWordSize),
       starts(new std::atomic<uint64_t>[slots]),
       words(new Word[size]),
-      wake(above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
+      wake(wake_up_descriptor()) {
   snprintf(run_name, sizeof(run_name), "%08x", random_number());
 }
 
@@ -88,10 +88,7 @@ void EventRing::add(const event_item& event, int64_t wait_ns, int64_t run_ns, in
   }
   if (!followed.load(std::memory_order_relaxed)) return newest.store(sequence, std::memory_order_release);
   newest.store(sequence);  // in one order with ask_to_be_woken(), which says that it sleeps and then looks
-  if (!reader_sleeps.exchange(false)) return;
-  const uint64_t one = 1;
-  const ssize_t ignored = ::write(wake.get(), &one, sizeof(one));  // only a full counter refuses: it is readable
-  (void)ignored;
+  if (reader_sleeps.exchange(false)) eventfd_write(wake.get(), 1);
 }
 
 void EventRing::write(const event_item& event, const Header& header, uint64_t position) {

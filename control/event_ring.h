@@ -40,6 +40,7 @@ class EventRing {
   // `bytes` is the memory for both rings; below 1 KiB it keeps no events and only numbers them. Memory that no event
   // has used yet costs nothing.
   explicit EventRing(size_t bytes);
+  ~EventRing() = default;
   EventRing(const EventRing&) = delete;
   EventRing& operator=(const EventRing&) = delete;
 

@@ -26,7 +26,7 @@ class LoopHistory {
   void add(int64_t now_ns, const LoopSample& sample);
 
   struct Past {
-    int64_t age_ns;
+    int64_t age_ns = 0;
     LoopSample sample;
   };
   // The newest sample that is at least 10 s old, or else the oldest; nothing when there is none. Any thread.

@@ -1,21 +1,12 @@
 #include "control/name_table.h"
 
 #include <cstring>
-
-namespace {
-
-uint32_t hash_of(std::string_view name) {
-  uint32_t hash = 2166136261U;
-  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
-  return hash ^ hash >> 15;
-}
-
-}  // namespace
+#include <functional>
 
 int NameTable::entry_of(std::string_view name, int most) {
   name = name.substr(0, kLongest);
   if (name == this->name(kOther)) return kOther;  // a reader must not find two of one name
-  uint32_t slot = hash_of(name) % kSlots;
+  size_t slot = std::hash<std::string_view>()(name) % kSlots;
   for (; slots[slot] != 0; slot = (slot + 1) % kSlots) {
     if (names[slots[slot] - 1] == name) return slots[slot] - 1;
   }

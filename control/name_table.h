@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -25,7 +26,7 @@ class NameTable {
   const char* name(int entry) const { return entry == kOther ? "(other)" : names[entry]; }
 
  private:
-  static constexpr uint32_t kSlots = 256;  // a power of two, above kMost
+  static constexpr size_t kSlots = 256;  // a power of two, above kMost
 
   char names[kMost][kLongest + 1] = {};
   uint8_t slots[kSlots] = {};  // entry + 1 where a name's hash leads, 0 for none

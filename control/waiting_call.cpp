@@ -4,9 +4,9 @@
 
 #include "util/service_thread.h"
 
-std::unique_ptr<WaitingCall> WaitingCall::start(const Function& function, const ControlRequest& request,
+std::unique_ptr<WaitingCall> WaitingCall::start(const Function& function, ControlRequest request,
                                                 std::function<void()> when_done) {
-  std::unique_ptr<WaitingCall> call(new WaitingCall(function, request, std::move(when_done)));
+  std::unique_ptr<WaitingCall> call(new WaitingCall(function, std::move(request), std::move(when_done)));
   if (start_service_thread(&call->thread, main, call.get()) != 0) return nullptr;
   return call;
 }

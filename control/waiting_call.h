@@ -1,4 +1,4 @@
-// A request that has to wait for its answer, on a thread of its own, so that nobody else waits with it.
+// A request whose answer takes time: it is answered on a thread of its own, so that nobody else waits.
 #pragma once
 
 #include <pthread.h>
@@ -12,15 +12,16 @@
 
 class WaitingCall {
  public:
-  // Answers the request. Has to return soon once given_up() is true: nobody waits for the answer any more.
+  // Answers the request, on the call's thread. Has to return soon once given_up() is true: nobody waits for the answer
+  // any more.
   using Function = std::function<void(const ControlRequest&, Answer&, const std::function<bool()>& given_up)>;
 
-  // Starts the thread, which calls when_done() at its end. `function` must live longer than the call. Null: there is no
-  // thread to be had.
-  static std::unique_ptr<WaitingCall> start(const Function& function, const ControlRequest& request,
+  // Starts the thread, which calls when_done() at its end. `function` must live longer than the call. Returns null when
+  // no thread can be started. Control thread, like everything here.
+  static std::unique_ptr<WaitingCall> start(const Function& function, ControlRequest request,
                                             std::function<void()> when_done);
 
-  // Gives up, and waits for the thread.
+  // Gives up, and joins the thread.
   ~WaitingCall();
   WaitingCall(const WaitingCall&) = delete;
   WaitingCall& operator=(const WaitingCall&) = delete;
@@ -28,12 +29,12 @@ class WaitingCall {
   void give_up() { is_given_up = true; }
   bool is_done() const { return done; }
 
-  // The answer, once it is done.
+  // The answer. Only after is_done().
   Answer& result() { return answer; }
 
  private:
-  WaitingCall(const Function& the_function, const ControlRequest& the_request, std::function<void()> the_end)
-      : function(the_function), request(the_request), when_done(std::move(the_end)) {}
+  WaitingCall(const Function& the_function, ControlRequest the_request, std::function<void()> the_end)
+      : function(the_function), request(std::move(the_request)), when_done(std::move(the_end)) {}
   static void* main(void* instance);
 
   const Function& function;

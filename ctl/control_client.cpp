@@ -25,20 +25,13 @@ Number number_in(const std::string& text, Number absent) {
   return error == std::errc() && end == text.data() + text.size() && number >= 0 ? number : absent;
 }
 
-// The part of `text` before the first `separator`, which is taken out of it.
-std::string_view cut(std::string_view& text, char separator) {
-  const std::string_view part = text.substr(0, text.find(separator));
-  text.remove_prefix(std::min(part.size() + 1, text.size()));
-  return part;
-}
-
 }  // namespace
 
-AnswerLine::AnswerLine(std::string_view line) : the_kind(cut(line, ' ')) {
+AnswerLine::AnswerLine(std::string_view line) : the_kind(take_item(line, ' ')) {
   while (!line.empty()) {
-    std::string_view value = cut(line, ' ');
+    std::string_view value = take_item(line, ' ');
     if (value.find('=') == std::string_view::npos) continue;
-    const std::string_view key = cut(value, '=');
+    const std::string_view key = take_item(value, '=');
     raw.emplace(key, value);
   }
 }
@@ -63,7 +56,7 @@ std::vector<std::string> AnswerLine::items(const char* key) const {
   std::string_view rest = found->second;
   for (;;) {
     const bool is_last = rest.find(',') == std::string_view::npos;
-    all.push_back(decoded(cut(rest, ',')));
+    all.push_back(decoded(take_item(rest, ',')));
     if (is_last) return all;
   }
 }

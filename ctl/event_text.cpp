@@ -9,14 +9,13 @@ nlohmann::json fields_of(std::string_view info) {
   nlohmann::json fields = nlohmann::json::object();
   nlohmann::json bare_items = nlohmann::json::object();
   while (!info.empty()) {
-    const std::string_view item = info.substr(0, info.find('&'));
+    const std::string_view item = take_item(info, '&');
     const size_t equals = item.find('=');
     if (equals != std::string_view::npos) {
       fields.emplace(item.substr(0, equals), item.substr(equals + 1));  // a field that is already there stays
     } else if (!item.empty()) {
       bare_items.emplace(item, "");
     }
-    info.remove_prefix(std::min(item.size() + 1, info.size()));
   }
   fields.insert(bare_items.begin(), bare_items.end());  // a real field of the same name stays
   return fields;

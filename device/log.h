@@ -3,7 +3,7 @@
 // The embedded default is device/host/log.cpp; targets and line format are described in docs/operations.md.
 #pragma once
 
-#include <stddef.h>
+#include <cstddef>
 
 extern "C" {
 

@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "util/text.h"
+
 namespace {
 
 constexpr char kByteOrderMark[] = "\xef\xbb\xbf";  // some editors put it at the start of a file
@@ -37,9 +39,7 @@ StoreText parse_store(std::string_view bytes) {
   }
   if (bytes.substr(0, 3) == kByteOrderMark) bytes.remove_prefix(3);
   for (int number = 1; !bytes.empty(); ++number) {
-    const size_t end = bytes.find('\n');
-    const char* wrong = add_line(bytes.substr(0, end), store);
-    bytes.remove_prefix(end == std::string_view::npos ? bytes.size() : end + 1);
+    const char* const wrong = add_line(take_item(bytes, '\n'), store);
     if (wrong == nullptr) continue;
     if (store.complaints.size() < kStoreComplaintsMax) {
       store.complaints.push_back({number, wrong});

@@ -22,10 +22,6 @@ int bound_port(int fd) {
   return ntohs(address.sin_port);
 }
 
-Descriptor new_event() {
-  return Descriptor(above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
-}
-
 void set_option(int fd, int level, int option, int value) {
   setsockopt(fd, level, option, &value, sizeof(value));  // a failure does no harm: clients are served without it
 }
@@ -74,8 +70,8 @@ ManagerListener::~ManagerListener() {
 int ManagerListener::start() {
   elog(2, "mlistener: ManagerListener start...");
   elog(2, "mlistener: Listener listen port : %d", port);
-  stop_event = new_event();
-  if (stop_event.get() >= 0) receive_event = new_event();
+  stop_event = wake_up_descriptor();
+  if (stop_event.get() >= 0) receive_event = wake_up_descriptor();
   const bool is_open = receive_event.get() >= 0 && open_port();
   if (!is_open) {
     const int error = errno;

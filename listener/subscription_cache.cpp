@@ -4,12 +4,6 @@
 
 namespace {
 
-uint64_t hash_of(const char* name) {
-  uint64_t hash = 14695981039346656037u;
-  for (; *name != '\0'; ++name) hash = (hash ^ static_cast<unsigned char>(*name)) * 1099511628211u;
-  return hash;
-}
-
 bool asks_for(const ListenerClient& client, const char* type_name) {
   return client.type_string && match_type_string(client.type_string->c_str(), type_name) > 0;
 }
@@ -30,7 +24,7 @@ const ClientSet& SubscriptionCache::who_asks_for(const char* type_name, const Cl
 }
 
 SubscriptionCache::Name& SubscriptionCache::find_elsewhere(const char* type_name) {
-  const uint64_t hash = hash_of(type_name);
+  const size_t hash = std::hash<std::string_view>()(type_name);
   for (size_t i = 0; i < names.size(); ++i) {
     if (names[i].hash != hash || names[i].text != type_name) continue;
     last = i;

@@ -30,7 +30,7 @@ class SubscriptionCache {
 
  private:
   struct Name {
-    uint64_t hash = 0;
+    size_t hash = 0;
     std::string text;
     ClientSet known;   // clients whose type strings have been searched,
     ClientSet asking;  // and those whose type strings ask for the name

@@ -73,9 +73,7 @@ class Report {
     if (logged > kLogMost) return;
     logged += lines.size();
     while (!lines.empty()) {
-      const size_t end = std::min(lines.find('\n'), lines.size());
-      elog(std::max(level, 2), "mscript: trial: %s", std::string(lines.substr(0, end)).c_str());
-      lines.remove_prefix(std::min(end + 1, lines.size()));
+      elog(std::max(level, 2), "mscript: trial: %s", std::string(take_item(lines, '\n')).c_str());
     }
     if (logged > kLogMost) elog(2, "mscript: trial: (further lines are left out)");
   }

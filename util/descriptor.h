@@ -1,7 +1,8 @@
-// File descriptors: their owner, and the guard that keeps ours off the numbers of the standard streams.
+// File descriptors: their owner, the guard that keeps ours off the numbers of the standard streams, and wake-ups.
 #pragma once
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,4 +46,10 @@ inline int above_standard_streams(int fd) {
   if (fd < 0 || fd > STDERR_FILENO) return fd;
   const Descriptor low(fd);
   return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+// A new eventfd, non-blocking and close-on-exec, with which one thread wakes another. Holds -1, with errno set, when
+// there is none to be had. Any thread.
+inline Descriptor wake_up_descriptor() {
+  return Descriptor(above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
 }

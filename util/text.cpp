@@ -20,6 +20,12 @@ void copy_text(char* out, size_t size, const char* text) {
   out[length] = '\0';
 }
 
+std::string_view take_item(std::string_view& list, char separator) {
+  const std::string_view item = list.substr(0, list.find(separator));
+  list.remove_prefix(std::min(item.size() + 1, list.size()));
+  return item;
+}
+
 int char_index(const char* s, int c) {
   const char wanted = static_cast<char>(c);
   const char* found = strchr(s, wanted);  // for a zero byte that is the end, whose index is the length

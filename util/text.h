@@ -3,12 +3,16 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 // printf into a string, which is cut after 2047 characters.
 std::string sstr(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Copies `text` into out[size], zero-terminated; what does not fit is cut. size must be at least 1.
 void copy_text(char* out, size_t size, const char* text);
+
+// Removes the first item of `list`, and the separator behind it. Returns the item, which is a part of the list.
+std::string_view take_item(std::string_view& list, char separator);
 
 // Index of the first byte of `s` that equals the low 8 bits of `c`, or the length of `s`.
 int char_index(const char* s, int c);

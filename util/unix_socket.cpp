@@ -1,7 +1,6 @@
 #include "util/unix_socket.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <cerrno>
 
@@ -42,4 +41,11 @@ int unix_bind(int fd, const std::string& path) {
 
 int unix_connect(int fd, const std::string& path) {
   return with_address(connect, fd, path);
+}
+
+ucred unix_peer(int fd) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
+  return peer;
 }

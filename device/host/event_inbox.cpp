@@ -1,13 +1,10 @@
 #include "device/host/event_inbox.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "util/clock.h"
-#include "util/descriptor.h"
 
 namespace {
 
@@ -20,10 +17,10 @@ void increase(std::atomic<Number>& counter, Number count, std::memory_order orde
 }  // namespace
 
 bool EventInbox::open() {
-  const int fd = above_standard_streams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (fd < 0) return false;
+  Descriptor made = wake_up_descriptor();
+  if (made.get() < 0) return false;
   const MutexLock lock(mutex);
-  wake_fd = fd;
+  wake_up = std::move(made);
   is_open = true;
   is_woken = false;
   woke_up();
@@ -34,8 +31,7 @@ bool EventInbox::open() {
 void EventInbox::close() {
   const MutexLock lock(mutex);
   is_open = false;
-  if (wake_fd >= 0) ::close(wake_fd);
-  wake_fd = -1;
+  wake_up.reset();
   arrived.clear();
   taken.clear();
   oldest_taken_ns = 0;
@@ -80,9 +76,9 @@ void EventInbox::added(EventSource source, uint32_t number, size_t bytes) {
 
 // Under the lock: the descriptor must not be closed, and its number reused, in between.
 void EventInbox::call() {
-  if (is_called || wake_fd < 0) return;
+  if (is_called || wake_up.get() < 0) return;
   is_called = true;
-  eventfd_write(wake_fd, 1);
+  eventfd_write(wake_up.get(), 1);
 }
 
 EventRecord* EventInbox::take() {
@@ -152,5 +148,5 @@ void EventInbox::pass_on_wake() {
 
 void EventInbox::wake_stand_in() {
   const MutexLock lock(mutex);
-  if (wake_fd >= 0) eventfd_write(wake_fd, 1);
+  if (wake_up.get() >= 0) eventfd_write(wake_up.get(), 1);
 }

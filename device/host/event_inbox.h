@@ -13,6 +13,7 @@
 
 #include "device/counts.h"
 #include "device/host/event_record.h"
+#include "util/descriptor.h"
 #include "util/mutex.h"
 
 constexpr int kInboxEventsMax = 65536;  // posted inside the process
@@ -72,7 +73,7 @@ class EventInbox {
   void sleep(int timeout_ms);
 
   // Becomes readable at each wake-up. It is never read: watch it for edges.
-  int wake_descriptor() const { return wake_fd; }
+  int wake_descriptor() const { return wake_up.get(); }
 
   // Makes wake_descriptor() ready in any case: the stand-in reader sleeps on it too. Main thread.
   void wake_stand_in();
@@ -102,8 +103,8 @@ class EventInbox {
   std::atomic<bool> is_sleeping{false};      // set under mutex; script thread
   std::atomic<bool> is_woken{false};         // set under mutex
   std::condition_variable_any woken;
-  int wake_fd = -1;  // changed under mutex, by the main thread alone
-  RecordList taken;  // script thread: all of `arrived` is moved here at once, so that not every event takes the lock
+  Descriptor wake_up;  // changed under mutex, by the main thread alone
+  RecordList taken;    // script thread: all of `arrived` is moved here at once, so that not every event takes the lock
   std::atomic<int64_t> oldest_taken_ns{0};  // written by the script thread: since when the first of them waits; 0: none
   Tally tallies[2];
   uint64_t totals[2] GUARDED_BY(mutex) = {};     // events added

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 #include "device/counts.h"
@@ -24,7 +23,7 @@ struct EventQueue {
   EventPosters posters{inbox};
   LoopLooks looks;
   StandIn stand_in{looks, posters, inbox};
-  int64_t last_look = 0;  // script thread: the tick() at which look_at_posters last looked
+  int64_t last_look = 0;  // script thread: the steady_tick_ms() at which look_at_posters last looked
 };
 
 EventQueue& queue() {
@@ -32,18 +31,11 @@ EventQueue& queue() {
   return *the_queue;
 }
 
-// Nanoseconds of a clock that costs almost nothing to read and moves every few milliseconds.
-int64_t tick() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 // While the process itself posts without a pause, the loop never waits, and only a wait looks at the posters. So this
 // looks at them once a tick: often enough for them, and without a system call for each event.
 void look_at_posters(EventQueue& q) {
   if (q.inbox.posted(EventSource::posters).waiting() > 0 || q.inbox.waiting() == 0) return;
-  const int64_t now = tick();
+  const int64_t now = steady_tick_ms();
   if (now == q.last_look) return;
   q.last_look = now;
   const LoopLooks::Look look(q.looks);

@@ -140,7 +140,7 @@ void LogTarget::keep_last(std::string_view lines) {
   size_t size = sstr("%u ", ++last_number).copy(slot, sizeof(slot));
   size += lines.substr(0, lines.find('\n')).copy(slot + size, sizeof(slot) - size - 1);
   slot[size++] = '\n';
-  const off_t place = static_cast<off_t>(last_number % kLastLines * kLastLineSize);
+  const auto place = static_cast<off_t>(last_number % kLastLines * kLastLineSize);
   const ssize_t ignored = pwrite(last_lines, slot, size, place);
   (void)ignored;
 }
@@ -167,9 +167,7 @@ void LogTarget::write_syslog(int level, std::string_view lines) const {
   std::optional<LowNumbersHeld> held;
   if (low_numbers_free) held.emplace();  // the C library makes a new socket when the syslog daemon was restarted
   while (!lines.empty()) {
-    const size_t end = lines.find('\n');
-    const std::string_view line = lines.substr(0, end);
+    const std::string_view line = take_item(lines, '\n');
     syslog(syslog_priority(level), "%.*s", static_cast<int>(line.size()), line.data());
-    lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
   }
 }

@@ -1,18 +1,16 @@
 #include "device/host/poster_places.h"
 
-#include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <iterator>
 #include <tuple>
 
 #include "util/clock.h"
+#include "util/unix_socket.h"
 
 Poster& PosterPlaces::enter(int fd) {
   Poster& poster = *std::find_if(std::begin(posters), std::end(posters), [](const Poster& p) { return p.fd < 0; });
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  const ucred peer = unix_peer(fd);
   poster.fd = fd;
   poster.process = peer.pid;
   poster.user = peer.uid;
