@@ -44,18 +44,18 @@ class Given {
   long number(const char* parameter, long absent) const;
 
   const std::string root;      // DEVICE_ROOT or --root; empty or an absolute path
-  const size_t behind_dashes;  // how many arguments stand behind the first "--"
+  const size_t behind_dashes;  // how many arguments follow the first "--"
 
  private:
   CLI::App& command;
 };
 
 struct Command {
-  const char* name;
-  const char* help;    // one line
-  const char* footer;  // of its own help: the rules in words, and examples
+  const char* name = nullptr;
+  const char* help = nullptr;    // one line
+  const char* footer = nullptr;  // of its own help: the rules in words, and examples
   Parameter parameters[8];
-  void (*run)(const Given& given);  // throws Failure
+  void (*run)(const Given& given) = nullptr;  // throws Failure
 };
 
 // Parses the command line and runs its command, or writes the help or the version. Throws Failure: of the command, or

@@ -8,7 +8,7 @@
 
 #include "ctl/command_line.h"
 
-// A candidate that is none: the shell completes names of files here.
+// Stands for the names of files: the shell completes these itself.
 constexpr char kFiles[] = " files";
 
 // What the last of `words`, which may be empty, can become: commands, options, or for an argument what its name asks

@@ -11,14 +11,13 @@
 #include "ctl/daemon_socket.h"
 #include "ctl/failure.h"
 #include "util/text.h"
+#include "util/unix_socket.h"
 
 EventConnection::EventConnection(const std::string& path, int limit)
     : limit_ms(limit), socket(connect_to_daemon(path, limit)) {}
 
 pid_t EventConnection::daemon() const {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  return getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  return unix_peer(socket.get()).pid;
 }
 
 void EventConnection::send(std::string_view lines) {

@@ -215,7 +215,8 @@ void print_events(const ListenRequest& request, FILE* out) {
       request.names.empty() || std::any_of(request.names.begin(), request.names.end(), is_pattern);
   const bool is_here = request.host.empty() && request.port == 0;
   if (needs_control && !is_here)
-    throw Failure(Exit::usage, "all events, and patterns of names, are told to this machine only");
+    throw Failure(Exit::usage,
+                  "--all and patterns of names are for the daemon of this machine: leave out --host and --port");
   for (const std::string& name : request.names) {
     if (const char* error = check_event_name(name)) throw Failure(Exit::usage, "NAME '" + name + "': " + error);
   }

@@ -132,7 +132,7 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl listen door heartbeat\n"
        "  zelvctl listen --count 1 door       waits for one event\n"
-       "  zelvctl listen 'net.*'              all whose names begin so, on this machine\n"
+       "  zelvctl listen 'net.*'              all names that begin so, on this machine\n"
        "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state",
        {{"--host", Takes::value, "Where the daemon runs (default 127.0.0.1)", "HOST"},
         {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT",
@@ -163,8 +163,9 @@ const std::vector<Command>& commands() {
        run_tail},
       {"top",
        "Show what the daemon does right now, by event, by tag and by client",
-       "Drawn again every second; rates and times are those of the last 10 s. Where no screen can be drawn on, plain\n"
-       "text comes every 5 s. LOOP is the part of the event loop's time.\n"
+       "Redrawn every second; rates and times are those of the last 10 s. Where no screen can be drawn on, prints "
+       "plain\n"
+       "text every 5 s. LOOP is the share of the event loop's time.\n"
        "--root and the exit statuses: see zelvctl --help.",
        {{"--once", Takes::nothing, "Print everything once, after a second, as plain text"}},
        run_top},
@@ -204,7 +205,7 @@ const std::vector<Command>& commands() {
        "  zelvctl run\n"
        "  zelvctl run -- -p /run/zelvind.pid",
        {{"ARGUMENT", Takes::values, "Arguments of the daemon; put -- in front of them"},
-        {"--force", Takes::nothing, "Start a daemon although one runs already"}},
+        {"--force", Takes::nothing, "Start a daemon although one is already running"}},
        run_run},
       {"status",
        "Tell on one screen how the daemon is",

@@ -24,7 +24,7 @@ std::string process_name(const std::string& path);
 // "the daemon (process 12)", for messages.
 std::string daemon_text(pid_t pid);
 
-// The path of "/proc/PID/ENTRY".
+// "/proc/PID/ENTRY".
 std::string proc_path(pid_t pid, const char* entry);
 
 // The program that process `pid` runs, "PATH (deleted)" when its file was replaced. Empty when the system does not

@@ -136,7 +136,7 @@ void reload_signalled(const RunningDaemon& daemon, const ReloadRequest& request)
     const auto now = daemon.state();
     if (now && now->reloads >= wanted) return;
     if (now && now->name == "ready" && !was_reloading && state_time(request) != written) {
-      fail(daemon.text() + " has tried the reload and not done it; its log says why");
+      fail(daemon.text() + " has not reloaded: the trial has failed; its log says why");
     }
     if (!now && daemon.is_alive()) fail_without_state(daemon);
     if (!now) fail_ended(daemon);
@@ -152,7 +152,7 @@ void reload_checked(const RunningDaemon& daemon, const ReloadRequest& request, F
   if (reason.empty()) {
     reload_asked(daemon, request);
   } else {
-    if (!request.no_trial) fprintf(out, "zelvctl has nothing tried first: %s\n", reason.c_str());
+    if (!request.no_trial) fprintf(out, "the reload is not tried first: %s\n", reason.c_str());
     reload_signalled(daemon, request);
   }
   fprintf(out, "%s has reloaded its scripts\n", daemon.text().c_str());

@@ -91,7 +91,7 @@ std::optional<RunningDaemon> daemon_below(const std::string& root) {
 
 void run_daemon(const RunRequest& request) {
   if (const auto running = request.force ? std::nullopt : daemon_below(request.root)) {
-    fail(running->text() + " runs already" + (request.root.empty() ? "" : " below " + request.root) +
+    fail(running->text() + " is already running" + (request.root.empty() ? "" : " below " + request.root) +
          "; --force starts another one");
   }
   const LastLines lines;

@@ -245,9 +245,9 @@ TEST(Daemon, AFailedTrialChangesNothing) {
   EXPECT_FALSE(fs::exists(daemon.path("made")));
   EXPECT_EQ(daemon.count("<1> lua-trace: copy"), 0u);
   daemon.write("scripts/x.lua", "error('no')");
-  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 1, "zelvctl has nothing tried first: --pidfile was given\n",
+  daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 1, "the reload is not tried first: --pidfile was given\n",
                         "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
-                            ") has tried the reload and not done it; its log says why\n");
+                            ") has not reloaded: the trial has failed; its log says why\n");
   fs::remove(daemon.path("scripts/x.lua"));
   daemon.send_signal(SIGHUP);
   EXPECT_TRUE(daemon.wait_for("zelvind: reloading ..."));

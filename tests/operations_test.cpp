@@ -220,7 +220,7 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
   daemon.send_signal(SIGHUP);
   ASSERT_TRUE(daemon.wait_for("lua-trace: old"));
   daemon.write("scripts/a.lua", "sleep(50) trace(1, 'new')");
-  const std::string untried = "zelvctl has nothing tried first: --pidfile was given\n";
+  const std::string untried = "the reload is not tried first: --pidfile was given\n";
   const std::string done = process + " has reloaded its scripts\n";
   daemon.expect_zelvctl("reload --pidfile $ROOT/pid", 0, untried + done, "");
   EXPECT_EQ(daemon.count("lua-trace: new"), 1u);
@@ -373,7 +373,7 @@ TEST(Run, HelpsWithAFirstStartAndRefusesASecondDaemon) {
   EXPECT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path("run/zelvind/events.lock")); }));
   daemon.expect_zelvctl("run", 1, "",
                         "zelvctl: the daemon (process " + std::to_string(daemon.process()) +
-                            ") runs already below ROOT; --force starts another one\n");
+                            ") is already running below ROOT; --force starts another one\n");
   daemon.launch("zelvctl run --force 2>/dev/null & echo $! >$ROOT/second");
   EXPECT_TRUE(daemon.wait_for("Start zelvind...", 3));
   daemon.launch("kill $(cat $ROOT/second)");

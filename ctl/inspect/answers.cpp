@@ -77,7 +77,7 @@ uint64_t bucket_total(const AnswerLine& line) {
 }
 
 std::string loop_text(const AnswerLine& loop) {
-  const std::string activity = loop.text("activity");
+  std::string activity = loop.text("activity");
   if (activity == "idle" || activity == "starting" || activity == "stopped") return activity;
   const bool has_script = loop.has("tag") || activity == "handler";
   std::string text = (has_script ? "in " : "") + shown(activity, kNameWidth);

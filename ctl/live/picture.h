@@ -14,7 +14,7 @@ constexpr View kViews[] = {View::events, View::tags, View::clients};
 // line has at most `width` characters, block characters among them when `is_utf8`.
 std::vector<std::string> head_lines(const History& history, size_t width, bool is_utf8);
 
-// The table of a view, sorted by nothing yet.
+// The table of a view, not sorted yet.
 Table table_of(const History& history, View view);
 
 // "events", "tags", "clients".

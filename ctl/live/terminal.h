@@ -17,8 +17,8 @@ class Terminal {
   };
   enum class Key { none, other, resized, quit, next_view, events, tags, clients, left, right, reverse, up, down };
 
-  // Takes the user's locale. The terminal that standard input and output are; null when they are none, or one that
-  // cannot be drawn on.
+  // Takes the user's locale. The terminal of standard input and output; null when there is none, or it cannot be drawn
+  // on.
   static std::unique_ptr<Terminal> open();
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;

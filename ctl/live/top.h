@@ -1,4 +1,4 @@
-// `zelvctl top`: what the daemon does right now, on a terminal that is drawn again every second.
+// `zelvctl top`: what the daemon does right now, on a terminal that is redrawn every second.
 #pragma once
 
 #include <cstdio>
