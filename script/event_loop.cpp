@@ -76,7 +76,10 @@ Next handle_event(ManagerScript& script, Event event) {
   g_loop_stats.takes_event(event->type_name);
   if (g_listener != nullptr) g_listener->forward_event(event.get());
   elog(3, "mscript: event(%s) - %s", event->type_name, event->info);
-  if (event->type == EVENT_TYPE_QUIT) return Next::quit;
+  if (event->type == EVENT_TYPE_QUIT) {
+    EventDispatch::record(*event, steady_ns(), 0, 0);
+    return Next::quit;
+  }
   const LoopTurn turn(script);
   const bool dispatched = script.dispatch_event(*event);
   event.reset();
@@ -89,6 +92,7 @@ Next handle_event(ManagerScript& script, Event event) {
 
 void event_loop(ManagerScript& script) {
   std::optional<int> timers_ran_at;  // s since the epoch
+  g_loop_stats.looks_around();
   while (script.running) {
     const int wait_ms = begin_pass(script, timers_ran_at);
     tell_service(SERVICE_ALIVE);

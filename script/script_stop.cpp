@@ -85,8 +85,8 @@ void ScriptStop::say_stopped(const lua_Debug& at) {
   if (!left_out) return;
   const event_item* const event = g_mscript->dispatch.current_event();
   elog(1, "mscript: stopped a script that does not return: event(%s), tag[%s], %s:%d%s",
-       event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name().c_str(), at.short_src,
-       at.currentline, left_out->text);
+       event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name(), at.short_src, at.currentline,
+       left_out->text);
 }
 
 void ScriptStop::look(lua_State* L, lua_Debug* at) {

@@ -43,7 +43,7 @@ int tmr_add(lua_State* L) {
   const int interval = int_arg(L, 2);
   if (interval < 1) throw ArgumentError(2, "an interval of at least 1 s expected");
   const int origin = int_arg(L, 3);
-  if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
+  if (*script.current_tag_name() == '\0') throw ScriptError("not set script tag name yet");
   check_room();
   const int callback_ref = reference(L, 1);
   const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
