@@ -98,11 +98,13 @@ void EventRing::write(const event_item& event, const Header& header) {
   const uint64_t position = reserved.load(std::memory_order_relaxed);
   reserved.store(position + header.size(), std::memory_order_relaxed);
   fence(std::memory_order_release);
+  Word* const ring = words.get();
+  size_t at = next_word;
   const auto put_word = [&](const char* from, size_t bytes) {
     size_t word = 0;
     memcpy(&word, from, bytes);
-    words[next_word].store(word, std::memory_order_relaxed);
-    if (++next_word == size) next_word = 0;
+    ring[at].store(word, std::memory_order_relaxed);
+    if (++at == size) at = 0;
   };
   const auto put = [&](const void* data, size_t bytes) {
     const char* from = static_cast<const char*>(data);
@@ -112,6 +114,7 @@ void EventRing::write(const event_item& event, const Header& header) {
   put(&header, sizeof(header));
   put(event.type_name, header.name_size);
   put(event.info, header.info_size);
+  next_word = at;
   if (++next_start == slots) next_start = 0;
   starts[next_start].store(position, std::memory_order_relaxed);
 }

@@ -146,6 +146,7 @@ class LoopStats {
   // What such a word says, seen from now. Any thread.
   static ActivityNow read(uint64_t word);
   static bool is_call(uint64_t word) { return is_call(activity_of(word)); }
+  static bool is_call(Activity activity) { return activity >= Activity::handler && activity <= Activity::coroutine; }
 
   // Hold the lock from before a fork until after it, so that the copy that tries a reload can count too.
   void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
@@ -159,7 +160,6 @@ class LoopStats {
   static constexpr uintptr_t kCachedTags = 64;
 
   static Activity activity_of(uint64_t word) { return static_cast<Activity>(word & 15); }
-  static bool is_call(Activity activity) { return activity >= Activity::handler && activity <= Activity::coroutine; }
   int64_t read_clock();
   void take_sample();
   int tag_entry(const char* tag);

@@ -26,7 +26,7 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
-// Holds the Lua state for a part of a pass. Begins with what is due whoever has it: the reserve of memory, the report.
+// Holds the Lua state for a part of a pass. First does what is due at every turn: the reserve of memory, the report.
 class LoopTurn {
  public:
   explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) {

@@ -13,9 +13,6 @@ constexpr int kInstructions = 50;
 // Between two calls of wanted().
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: code that catches one has this long to report it, and so has the rest of the pass.
-constexpr int kRespiteMs = 500;
-
 }  // namespace
 
 ScriptStop::Phase ScriptStop::next(Phase phase, bool wanted, bool over) {
