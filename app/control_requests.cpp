@@ -50,11 +50,6 @@ std::string program_path() {
   return {target, static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
-bool is_script(Activity activity) {
-  return activity == Activity::handler || activity == Activity::timer || activity == Activity::coroutine ||
-         activity == Activity::loading;
-}
-
 void add_loop(Answer& answer, const std::string& where) {
   const ActivityNow now = g_loop_stats.activity();
   answer.line("loop").key("activity", activity_name(now.activity)).key("for_us", now.for_ns / 1000);
@@ -209,7 +204,8 @@ std::vector<ControlCommand> ControlRequests::commands() {
   const auto stats_at_once = [this](const ControlRequest& request, Answer& answer) {
     refuse_arguments(request);
     const ActivityNow now = g_loop_stats.activity();
-    if (is_script(now.activity) && now.for_ns >= kLongCallNs) return false;
+    const bool in_script = LoopStats::is_call(now.activity) || now.activity == Activity::loading;
+    if (in_script && now.for_ns >= kLongCallNs) return false;
     add_stats(answer, "");
     return true;
   };

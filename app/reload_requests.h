@@ -6,7 +6,7 @@
 
 struct ReloadVerdict {
   bool done;
-  std::string text;  // what went wrong: a line, and those of a traceback behind it
+  std::string text;  // what went wrong: a line, then those of a traceback
 };
 
 // Has the daemon reload its scripts and waits for the verdict; `with_trial`: in a forked copy first, and a fault there

@@ -92,7 +92,7 @@ void stop_threads(Managers& managers) {
   managers.script.stop_thread();
 }
 
-// One line, and the traceback behind it.
+// One line, then those of the traceback.
 void say_not_reloaded(const std::string& text) {
   const size_t first = std::min(text.find('\n'), text.size());
   elog(1, "zelvind: not reloaded: %s", text.substr(0, first).c_str());
@@ -147,7 +147,7 @@ void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
   for (;;) {
     const bool reloading = g_reload.exchange(0) != 0;
     const bool stopping = g_stop != 0;
-    write_signal_lines();  // behind the looks, so that the line of what is carried out stands before it
+    write_signal_lines();  // after the looks, so that the line of what is carried out stands before it
     if (reloading) {
       reload(managers, folders, trial_at_signal);
       if (stopping) return;

@@ -84,7 +84,7 @@ void EventRing::add(const event_item& event, int64_t wait_ns, int64_t run_ns, in
                         static_cast<uint32_t>(kept),
                         static_cast<uint32_t>(info_size - kept),
                         0};
-    write(event, header, reserved.load(std::memory_order_relaxed));
+    write(event, header);
   }
   if (!followed.load(std::memory_order_relaxed)) return newest.store(sequence, std::memory_order_release);
   newest.store(sequence);  // in one order with ask_to_be_woken(), which says that it sleeps and then looks
@@ -100,26 +100,29 @@ void EventRing::wake_reader() {
   if (reader_sleeps.exchange(false)) eventfd_write(wake.get(), 1);
 }
 
-void EventRing::write(const event_item& event, const Header& header, uint64_t position) {
+void EventRing::write(const event_item& event, const Header& header) {
+  const uint64_t position = reserved.load(std::memory_order_relaxed);
   reserved.store(position + header.size(), std::memory_order_relaxed);
   fence(std::memory_order_release);
-  auto at = static_cast<size_t>(position % size);
+  Word* const ring = words.get();
+  size_t at = next_word;
+  const auto put_word = [&](const char* from, size_t bytes) {
+    size_t word = 0;
+    memcpy(&word, from, bytes);
+    ring[at].store(word, std::memory_order_relaxed);
+    if (++at == size) at = 0;
+  };
   const auto put = [&](const void* data, size_t bytes) {
     const char* from = static_cast<const char*>(data);
-    while (bytes > 0) {
-      const size_t part = std::min(bytes, kWordSize);
-      size_t word = 0;
-      memcpy(&word, from, part);
-      words[at].store(word, std::memory_order_relaxed);
-      at = at + 1 == size ? 0 : at + 1;
-      from += part;
-      bytes -= part;
-    }
+    for (; bytes >= kWordSize; from += kWordSize, bytes -= kWordSize) put_word(from, kWordSize);
+    if (bytes > 0) put_word(from, bytes);
   };
   put(&header, sizeof(header));
   put(event.type_name, header.name_size);
   put(event.info, header.info_size);
-  starts[header.sequence % slots].store(position, std::memory_order_relaxed);
+  next_word = at;
+  if (++next_start == slots) next_start = 0;
+  starts[next_start].store(position, std::memory_order_relaxed);
 }
 
 bool EventRing::overwritten(uint64_t position) const {

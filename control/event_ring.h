@@ -82,7 +82,7 @@ class EventRing {
  private:
   struct Header;
   void wake_reader();
-  void write(const event_item& event, const Header& header, uint64_t position);
+  void write(const event_item& event, const Header& header);
   bool is_held(uint64_t sequence) const;
   uint64_t oldest_after(uint64_t sequence) const;
   bool copy(uint64_t sequence, EventRecordCopy& out) const;
@@ -96,6 +96,8 @@ class EventRing {
   std::atomic<uint64_t> reserved{0};                      // the position up to which words may have been written
   std::atomic<uint64_t> newest{0};                        // a sequence number
   std::atomic<bool> ended{false};
+  size_t next_word = 0;   // of the script thread: `reserved` modulo `size`, without a division for each event
+  size_t next_start = 0;  // likewise: `newest` modulo `slots`
   std::atomic<bool> followed{false};
   std::atomic<bool> reader_sleeps{false};
   Descriptor wake;

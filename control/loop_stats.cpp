@@ -17,7 +17,7 @@ const char* activity_name(Activity activity) {
 ActivityNow LoopStats::read(uint64_t word) {
   const uint64_t reading = static_cast<uint64_t>(steady_ns()) >> 10;
   const int64_t age = static_cast<int64_t>((reading - (word >> 20)) << 20) >> 20;  // of 44 bits
-  const auto activity = static_cast<Activity>(word & 15);
+  const Activity activity = activity_of(word);
   const bool has_event = activity == Activity::forwarding || activity == Activity::handler;
   const bool has_begun = activity != Activity::starting;
   return {activity, has_event ? static_cast<int>(word >> 12 & 255) : -1,
@@ -69,7 +69,7 @@ void LoopStats::looks_around() {
   last_look.store(reading, std::memory_order_relaxed);
   if (history.is_due(reading)) take_sample();
   // So `idle` lasts from the end of the last work on.
-  if (static_cast<Activity>(word() & 15) != Activity::idle) set_activity(Activity::idle);
+  if (activity_of(word()) != Activity::idle) set_activity(Activity::idle);
 }
 
 void LoopStats::begin_collection() {

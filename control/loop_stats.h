@@ -125,7 +125,7 @@ class LoopStats {
   bool begin_call(Activity activity, const char* tag);
   int64_t end_call();
 
-  // The loop has begun, or has waited for an event, or has looked for one in vain: reads the clock.
+  // The loop has begun, has waited for an event, or has looked for one in vain: reads the clock.
   void looks_around();
 
   // Around what the loop does about garbage between two calls.
@@ -150,10 +150,8 @@ class LoopStats {
   uint64_t word() const { return now.load(std::memory_order_relaxed); }
   // What such a word says, seen from now. Any thread.
   static ActivityNow read(uint64_t word);
-  static bool is_call(uint64_t word) {
-    const auto activity = static_cast<Activity>(word & 15);
-    return activity >= Activity::handler && activity <= Activity::coroutine;
-  }
+  static bool is_call(uint64_t word) { return is_call(activity_of(word)); }
+  static bool is_call(Activity activity) { return activity >= Activity::handler && activity <= Activity::coroutine; }
 
   // Hold the lock from before a fork until after it, so that the copy that tries a reload can count too.
   void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
@@ -166,6 +164,7 @@ class LoopStats {
   };
   static constexpr uintptr_t kCachedTags = 64;
 
+  static Activity activity_of(uint64_t word) { return static_cast<Activity>(word & 15); }
   int64_t read_clock();
   void take_sample();
   int tag_entry(const char* tag);
@@ -180,6 +179,7 @@ class LoopStats {
   // Of the thread that runs the event loop.
   int current_event = 0;  // entries
   int current_tag = 0;
+  Activity after_call = Activity::starting;  // the loop may have ended, or not begun
   bool dispatching = false;
   int64_t dispatch_began = 0;
   int64_t dispatched_ns = 0;
@@ -257,7 +257,9 @@ inline void LoopStats::end_dispatch(bool known, const char* type_name) {
 }
 
 inline bool LoopStats::begin_call(Activity activity, const char* tag) {
-  if (call() != 0 || loading_since.load(std::memory_order_relaxed) != 0) return false;
+  const Activity before = activity_of(word());
+  if (is_call(before) || loading_since.load(std::memory_order_relaxed) != 0) return false;
+  after_call = before == Activity::forwarding ? Activity::idle : before;
   if (activity != Activity::handler) read_clock();
   current_tag = tag_entry(tag);
   set_activity(activity);
@@ -268,6 +270,6 @@ inline int64_t LoopStats::end_call() {
   const int64_t began = last_reading.load(std::memory_order_relaxed);
   const int64_t taken = read_clock() - began;
   tags[current_tag].run.add(taken);
-  set_activity(Activity::idle);
+  set_activity(after_call);
   return taken;
 }

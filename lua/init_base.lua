@@ -280,18 +280,19 @@ function Timer:active()
   return engine.has_timer(self.number)
 end
 
--- Both return a handle; or nil and the error.
+-- Of what pcall returns for a new one: its handle; or nil and the error.
+local function timer_handle(added, number)
+  return added and setmetatable({ number = number }, Timer) or nil, number
+end
 
 -- Calls call() at multiples of `interval` s since 1970 (UTC).
 local function add_timer(module, call, interval)
-  local added, number = pcall(engine.add_timer, call, interval, 0, module.name, module.round)
-  return added and setmetatable({ number = number }, Timer) or nil, number
+  return timer_handle(pcall(engine.add_timer, call, interval, 0, module.name, module.round))
 end
 
 -- Calls call() in `delay` s, and again every `interval` s unless that is 0. No step of the clock moves it.
 local function add_alarm(module, call, delay, interval)
-  local added, number = pcall(engine.add_alarm, call, delay, interval, module.name, module.round)
-  return added and setmetatable({ number = number }, Timer) or nil, number
+  return timer_handle(pcall(engine.add_alarm, call, delay, interval, module.name, module.round))
 end
 
 ---- Tasks -------------------------------------------------------------------------------------------------------------

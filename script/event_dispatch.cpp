@@ -73,10 +73,11 @@ void EventDispatch::call_entry(lua_State* L, int index) {
   lua_rawgeti(L, kEntry, 1);
   char number[40];
   const char* const text = tag_text(L, number);
-  set_handler_tag(text);
+  entry_tag = text;
   lua_rawgeti(L, kEntry, 2);
   lua_rawgeti(L, kEntry, 3);
   if (call(L, text) != 0) fail(clua_error_text(L));
+  clear_tag();
 }
 
 // Calls the function on the stack with the argument above it. The tag's text lies below both.
@@ -87,18 +88,16 @@ int EventDispatch::call(lua_State* L, const char* text) {
 
 void EventDispatch::fail(const std::string& error) const {
   elog(1, "mscript: error[etype:%d] - %s", current->type, error.c_str());
-  g_loop_stats.failed(tag.c_str(), error.c_str());
+  g_loop_stats.failed(handler_tag(), error.c_str());
 }
 
-// For those who look into the daemon.
-void EventDispatch::record(const event_item& event) {
+void EventDispatch::record(const event_item& event, int64_t began_ns, int64_t run_ns, int errors) {
   int64_t waited_ns = 0;
   if (event_came_ns != nullptr) {
-    waited_ns = g_loop_stats.dispatch_began_ns() - event_came_ns(&event);
+    waited_ns = began_ns - event_came_ns(&event);
     g_loop_stats.wait.add(waited_ns);
   }
-  if (g_event_ring == nullptr) return;
-  g_event_ring->add(event, waited_ns, g_loop_stats.dispatch_ns(), g_loop_stats.dispatch_errors());
+  if (g_event_ring != nullptr) g_event_ring->add(event, waited_ns, run_ns, errors);
 }
 
 void EventDispatch::call_entries(lua_State* L) {
@@ -166,10 +165,9 @@ bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
   std::string error;
   const bool done = call_known(L) || protect(L, error, [&](lua_State* state) { known = find_and_call(state); });
   if (!done) fail(error);
-  tag.clear();
   current = nullptr;
   g_loop_stats.end_dispatch(known, event.type_name);
-  record(event);
+  record(event, g_loop_stats.dispatch_began_ns(), g_loop_stats.dispatch_ns(), g_loop_stats.dispatch_errors());
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);
   return known;
 }

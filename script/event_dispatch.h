@@ -18,15 +18,22 @@ class EventDispatch {
   // Returns true when there is a handler table, false when the type is unknown (logged).
   bool dispatch(lua_State* L, const event_item& event);
 
+  // Notes for those who look into the daemon that an event was handled from began_ns on (steady_ns), for run_ns, by
+  // handlers of which `errors` failed.
+  static void record(const event_item& event, int64_t began_ns, int64_t run_ns, int errors);
+
   // Forgets what belongs to a state that is closed.
   void clear() { *this = EventDispatch(); }
 
   // The event being dispatched, or null.
   const event_item* current_event() const { return current; }
 
-  // The tag of the entry that runs, or the one that the entry has set since; empty after each event.
-  const std::string& handler_tag() const { return tag; }
-  void set_handler_tag(const char* text) { tag = text; }
+  // The tag of the entry that runs, or the one that the entry has set since; empty between entries.
+  const char* handler_tag() const { return entry_tag != nullptr ? entry_tag : set_tag.c_str(); }
+  void set_handler_tag(const char* text) {
+    set_tag = text;
+    entry_tag = nullptr;
+  }
 
  private:
   bool call_known(lua_State* L);
@@ -36,10 +43,11 @@ class EventDispatch {
   void call_entry(lua_State* L, int index);
   static int call(lua_State* L, const char* text);
   void fail(const std::string& error) const;
-  static void record(const event_item& event);
+  void clear_tag() { set_tag.clear(), entry_tag = nullptr; }
 
   const event_item* current = nullptr;
-  std::string tag;
+  const char* entry_tag = nullptr;  // on the Lua stack, as long as the entry's call lasts; null: set_tag counts
+  std::string set_tag;
   // Registry references to the names that a dispatch looks up, 0 for none: by LoopStats::event_entry(), and
   // "list_func".
   int table_refs[NameTable::kEntries] = {};

@@ -27,7 +27,7 @@ using Event = std::unique_ptr<event_item, GiveBack>;
 
 enum class Next { pass, quit };
 
-// Holds the Lua state for a part of a pass. Begins with what is due whoever has it: the reserve of memory, the report.
+// Holds the Lua state for a part of a pass. First does what is due at every turn: the reserve of memory, the report.
 class LoopTurn {
  public:
   explicit LoopTurn(ManagerScript& the_script) : script(the_script), turn(script.gate) {
@@ -77,7 +77,10 @@ Next handle_event(ManagerScript& script, Event event) {
   g_loop_stats.takes_event(event->type_name);
   if (g_listener != nullptr) g_listener->forward_event(event.get());
   elog(3, "mscript: event(%s) - %s", event->type_name, event->info);
-  if (event->type == EVENT_TYPE_QUIT) return Next::quit;
+  if (event->type == EVENT_TYPE_QUIT) {
+    EventDispatch::record(*event, steady_ns(), 0, 0);
+    return Next::quit;
+  }
   const LoopTurn turn(script);
   const bool dispatched = script.dispatch_event(*event);
   event.reset();

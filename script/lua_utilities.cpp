@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int kLongestSleepMs = 2147483;  // what 32 bits of microseconds hold
-constexpr int64_t kSliceMs = 100;         // a script that sleeps can be stopped that often
+constexpr int64_t kSliceUs = 100000;      // a script that sleeps can be stopped that often
 
 uint32_t bits(int value) {
   return static_cast<uint32_t>(value);
@@ -109,13 +109,13 @@ int sleep_ms(lua_State* L) {
   const int duration = int_arg(L, 1);
   if (duration < 0 || duration > kLongestSleepMs) throw ArgumentError(1, "0 to 2147483 ms expected");
   elog(2, "lua: sleep(%d)\n", duration);
-  const int64_t end = steady_ms() + duration;
-  int64_t left = duration;
+  const int64_t end_ns = steady_ns() + int64_t{duration} * 1000000;
+  int64_t left_us = int64_t{duration} * 1000;
   do {
-    usleep(static_cast<useconds_t>(std::min(left, kSliceMs)) * 1000);
+    usleep(static_cast<useconds_t>(std::min(left_us, kSliceUs)));
     ScriptStop::check(L);
-    left = end - steady_ms();
-  } while (left > 0);
+    left_us = (end_ns - steady_ns() + 999) / 1000;
+  } while (left_us > 0);
   if (lua_gettop(L) == 0) lua_pushnil(L);
   return 1;
 }

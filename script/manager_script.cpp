@@ -303,9 +303,9 @@ std::optional<std::string> ManagerScript::report(int timeout_ms) {
   return last_report;
 }
 
-const std::string& ManagerScript::current_tag_name() const {
-  if (scripts.current() != nullptr) return scripts.current()->module_name;
-  if (coroutines.current() != nullptr) return coroutines.current()->tag;
-  if (timers.current() != nullptr) return timers.current()->tag;
+const char* ManagerScript::current_tag_name() const {
+  if (scripts.current() != nullptr) return scripts.current()->module_name.c_str();
+  if (coroutines.current() != nullptr) return coroutines.current()->tag.c_str();
+  if (timers.current() != nullptr) return timers.current()->tag.c_str();
   return dispatch.handler_tag();
 }

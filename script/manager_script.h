@@ -104,8 +104,9 @@ class ManagerScript {
   // busy, or has ended. One caller at a time.
   std::optional<std::string> report(int timeout_ms);
 
-  // The tag of the script code that runs; empty when it has none. Only the thread that has the Lua state.
-  const std::string& current_tag_name() const;
+  // The tag of the script code that runs; empty when it has none. Read it at once. Only the thread that has the Lua
+  // state.
+  const char* current_tag_name() const;
 
   std::atomic<bool> running{false};  // the main thread writes, the loop reads once per pass
   LuaGate gate;

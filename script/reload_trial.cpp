@@ -183,7 +183,7 @@ TrialVerdict try_reload(ManagerScript& script, const char* script_path, const ch
     verdict.text = sstr("cannot make a copy of the daemon: %s", strerrordesc_np(errno));
     return verdict;
   }
-  setpgid(copy.process, copy.process);  // the copy does it too: whoever comes first
+  setpgid(copy.process, copy.process);  // the copy does it too: whichever comes first
   pipe.writing.reset();
   Report report;
   const int64_t began = copy.began_ns / 1000000;

@@ -15,7 +15,7 @@ constexpr int kTrialLimitMs = 10000;
 
 struct TrialVerdict {
   bool passed = false;
-  std::string text;     // what went wrong: a line, and those of a traceback behind it
+  std::string text;     // what went wrong: a line, then those of a traceback
   int64_t held_us = 0;  // how long the event loop could not have the Lua state
 };
 

@@ -49,7 +49,7 @@ int cr_add(lua_State* L) {
   ManagerScript& script = *g_mscript;
   const int delay = int_arg(L, 2);
   const int now = script.clock.milliseconds();
-  if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
+  if (*script.current_tag_name() == '\0') throw ScriptError("not set script tag name yet");
   check_room();
   const int thread_ref = push_thread(L);
   script.coroutines.start(L, lua_tothread(L, -1), thread_ref, now, delay, script.current_tag_name());

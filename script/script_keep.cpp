@@ -11,11 +11,6 @@
 
 namespace {
 
-// In the trial of a reload nothing outside the process may change.
-bool in_trial() {
-  return zelvind_trial() != 0;
-}
-
 int look(lua_State* L) {
   g_mscript->keep.write_changed(L);
   return 0;

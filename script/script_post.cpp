@@ -28,7 +28,7 @@ std::string number_text(lua_Number number) {
   return text;
 }
 
-// The text of the value at the top of the stack, which stays as it is: lua_next would lose a converted key.
+// The text of the value at `index`, which is not converted in place: lua_next would lose such a key.
 std::string value_text(lua_State* L, int index) {
   switch (lua_type(L, index)) {
     case LUA_TNUMBER:
@@ -70,7 +70,7 @@ std::string info_of(lua_State* L, int index) {
 
 // Returns null, or why the event was not queued.
 const char* queue_event(int type, const char* name, const std::string& info) {
-  if (zelvind_trial() != 0) return nullptr;
+  if (in_trial()) return nullptr;
   if (event_post == nullptr) return "this device's event queue takes no events from scripts";
   switch (event_post(type, name, info.c_str())) {
     case -1:

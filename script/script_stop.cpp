@@ -13,9 +13,6 @@ constexpr int kInstructions = 50;
 // Between two calls of wanted().
 constexpr int kAskEveryMs = 100;
 
-// Between two errors: code that catches one has this long to report it, and so has the rest of the pass.
-constexpr int kRespiteMs = 500;
-
 }  // namespace
 
 ScriptStop::Phase ScriptStop::next(Phase phase, bool wanted, bool over) {
@@ -85,8 +82,8 @@ void ScriptStop::say_stopped(const lua_Debug& at) {
   if (!left_out) return;
   const event_item* const event = g_mscript->dispatch.current_event();
   elog(1, "mscript: stopped a script that does not return: event(%s), tag[%s], %s:%d%s",
-       event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name().c_str(), at.short_src,
-       at.currentline, left_out->text);
+       event == nullptr ? "none" : event->type_name, g_mscript->current_tag_name(), at.short_src, at.currentline,
+       left_out->text);
 }
 
 void ScriptStop::look(lua_State* L, lua_Debug* at) {

@@ -3,7 +3,7 @@
 // The event loop can end only between two script calls, and a load or a reload only between two files; a script that
 // never returns would hold up the stop for good. So a count hook is set in the Lua state before any script runs, and
 // every coroutine inherits it from its creator. The hook looks at one word; once a stop has waited long enough, it
-// raises an error in the script that runs. Whoever else must reach a script that runs asks by that word, too. That does
+// raises an error in the script that runs. Others that must reach a running script set bits in that word too. This does
 // not help against a script that catches the error and goes on, C code that does not return, and finalizers, in which
 // Lua runs no hooks: the daemon's supervisor must end those.
 #pragma once
@@ -31,6 +31,10 @@ class ScriptStop {
     kEndCall = 8,
     kCollect = 16,
   };
+
+  // Between two errors, in ms: code that catches one has this long to report it, and so has the rest of the pass.
+  static constexpr int kRespiteMs = 500;
+
   // Any thread.
   void ask(unsigned bits) { asked.fetch_or(bits, std::memory_order_release); }
   void unask(unsigned bits) { asked.fetch_and(~bits, std::memory_order_relaxed); }
@@ -75,7 +79,7 @@ class ScriptStop {
   // Written by the main thread before the phase leaves `off`, then by the thread that has the state.
   int64_t over_at_ms = 0;  // steady_ms: when the phase's time is over
   RateLimit said;
-  void (*tell_late)(const char* place) = nullptr;  // null: this is no trial
+  void (*tell_late)(const char* place) = nullptr;  // null: not a trial
 };
 
 // Watches until destroyed.

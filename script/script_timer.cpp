@@ -31,6 +31,19 @@ uint64_t timer_arg(lua_State* L, int index) {
   return static_cast<uint64_t>(lua_tonumber(L, index));
 }
 
+// What add_timer and add_alarm have in common.
+TimerCall new_call(lua_State* L) {
+  const char* const tag = text_arg(L, 4);
+  const int round = int_arg(L, 5);
+  check_room();
+  return {reference(L, 1), LUA_REFNIL, tag, round};
+}
+
+int push_number(lua_State* L, uint64_t number) {
+  lua_pushnumber(L, static_cast<lua_Number>(number));
+  return 1;
+}
+
 int64_t microseconds_arg(lua_State* L, int index) {
   return static_cast<int64_t>(lua_tonumber(L, index) * 1e6);
 }
@@ -43,7 +56,7 @@ int tmr_add(lua_State* L) {
   const int interval = int_arg(L, 2);
   if (interval < 1) throw ArgumentError(2, "an interval of at least 1 s expected");
   const int origin = int_arg(L, 3);
-  if (script.current_tag_name().empty()) throw ScriptError("not set script tag name yet");
+  if (*script.current_tag_name() == '\0') throw ScriptError("not set script tag name yet");
   check_room();
   const int callback_ref = reference(L, 1);
   const int argument_ref = luaL_ref(L, LUA_REGISTRYINDEX);  // the last argument, whichever it is
@@ -55,25 +68,15 @@ int tmr_add(lua_State* L) {
 int add_timer(lua_State* L) {
   const int interval = int_arg(L, 2);
   const int origin = int_arg(L, 3);
-  const char* const tag = text_arg(L, 4);
-  const int round = int_arg(L, 5);
-  check_room();
   const int next_due = get_target_time(g_mscript->clock.seconds(), interval, origin);
-  const TimerCall call{reference(L, 1), LUA_REFNIL, tag, round};
-  lua_pushnumber(L, static_cast<lua_Number>(g_mscript->timers.add({interval, origin, next_due, call})));
-  return 1;
+  return push_number(L, g_mscript->timers.add({interval, origin, next_due, new_call(L)}));
 }
 
 int add_alarm(lua_State* L) {
   const int64_t delay_us = microseconds_arg(L, 2);
   const int64_t interval_us = microseconds_arg(L, 3);
-  const char* const tag = text_arg(L, 4);
-  const int round = int_arg(L, 5);
-  check_room();
   const int64_t due_us = g_mscript->clock.steady() * 1000 + delay_us;
-  const TimerCall call{reference(L, 1), LUA_REFNIL, tag, round};
-  lua_pushnumber(L, static_cast<lua_Number>(g_mscript->timers.add({due_us, interval_us, call})));
-  return 1;
+  return push_number(L, g_mscript->timers.add({due_us, interval_us, new_call(L)}));
 }
 
 int has_timer(lua_State* L) {
@@ -150,17 +153,15 @@ void ScriptTimers::remove(lua_State* L, uint64_t number) {
   }
 }
 
-// By number, since removing one costs its place in the walk.
 void ScriptTimers::remove_former(lua_State* L, int round) {
-  const auto is_former = [&](const TimerCall& call) { return call.round != 0 && call.round != round; };
-  for (auto timer = timers.begin(); timer != timers.end();) {
-    const auto& [number, record] = *timer++;
-    if (is_former(record.call)) remove(L, number);
-  }
-  for (auto alarm = alarms.begin(); alarm != alarms.end();) {
-    const auto& [number, record] = *alarm++;
-    if (is_former(record.call)) remove(L, number);
-  }
+  const auto remove_from = [&](const auto& records) {
+    for (auto next = records.begin(); next != records.end();) {
+      const auto& [number, record] = *next++;  // before the record goes
+      if (record.call.round != 0 && record.call.round != round) remove(L, number);
+    }
+  };
+  remove_from(timers);
+  remove_from(alarms);
 }
 
 // `call` may be gone when this returns: callbacks remove timers. The references of a last run go before it, so that

@@ -13,9 +13,6 @@ namespace {
 // The hook has this long to name a call; then it counts as being in C code.
 constexpr int kNameMs = 200;
 
-// Between two errors: code that catches one has this long to report it.
-constexpr int kRespiteMs = 500;
-
 // What the lines say about a call.
 struct CallText {
   explicit CallText(uint64_t call) : now(LoopStats::read(call)) {}
@@ -140,7 +137,7 @@ void ScriptWatch::end_slow(lua_State* L, const lua_Debug& at) {
   const int64_t now_ms = steady_ms();
   if (raised_in == call && now_ms < raise_after_ms) return;
   raised_in = call;
-  raise_after_ms = now_ms + kRespiteMs;
+  raise_after_ms = now_ms + ScriptStop::kRespiteMs;
   if (const auto and_more = ended_limit.allow()) {
     const CallText text(call);
     elog(1, "mscript: ended a slow %s: event(%s), tag[%s], %s:%d%s", text.kind(), text.event(), text.tag(),

@@ -137,7 +137,7 @@ void let_go_of_descriptors() {
   }
 }
 
-// A number from a file of /proc, behind `label`; 0 when there is none.
+// The number that follows `label` in a file of /proc; 0 when there is none.
 rlim_t number_in(const char* file, const char* label) {
   char text[1024] = "";
   const int fd = open(file, O_RDONLY | O_CLOEXEC);

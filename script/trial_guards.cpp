@@ -23,7 +23,7 @@ void keep_traceback_here(lua_State* L) {
   lua_pushstring(L, "");
   lua_pushinteger(L, 2);
   if (lua_pcall(L, 2, 1, 0) == 0 && lua_type(L, -1) == LUA_TSTRING) {
-    copy_text(g_traceback, sizeof(g_traceback), lua_tostring(L, -1) + 1);  // behind the line end of an empty message
+    copy_text(g_traceback, sizeof(g_traceback), lua_tostring(L, -1) + 1);  // after the line end of an empty message
   }
   lua_pop(L, 1);
 }

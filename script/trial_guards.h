@@ -14,6 +14,10 @@ extern "C" {
 int zelvind_trial(void);
 }
 
+inline bool in_trial() {
+  return zelvind_trial() != 0;
+}
+
 // Wraps the functions in a fresh state; those that it does not have are left out. Once per state, under protection.
 void wrap_outside_functions(lua_State* L);
 

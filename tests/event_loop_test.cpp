@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "control/event_ring.h"
 #include "script/event_loop.h"
 #include "tests/script_fixture.h"
 #include "util/clock.h"
@@ -276,8 +277,17 @@ TEST_F(EventLoop, CountsByTypeAndTag) {
   load();
   for (const char* name : {"c1", "c1", "c4", "c2", "c3"}) standin::post(1, name, "");
   const uint64_t late = g_loop_stats.coroutine_lateness.count();
+  EventRing ring(4096);
+  g_event_ring = &ring;
   run_to_quit();
+  g_event_ring = nullptr;
+  EventRecordCopy last;
+  uint64_t next = ring.last();
+  uint64_t lost = 0;
+  EXPECT_EQ(ring.read(next, last, lost), EventRing::Read::entry);
+  EXPECT_EQ(last.name, "quit");
   pass(10);
+  EXPECT_EQ(g_loop_stats.activity().activity, Activity::stopped);  // also after what runs then
   std::string text;
   const LoopStats& stats = g_loop_stats;
   for (int i = 0; i < stats.event_names.size(); ++i) {
@@ -334,6 +344,7 @@ TEST_F(EventLoop, ReportsWhatScriptsHave) {
         "setmetatable(_G, { __index = error })");
   load();
   ASSERT_EQ(script->start_thread(), 1);
+  standin::wait_until_idle();
   std::string report = script->report(10000).value_or("none");
   script->stop_thread();
   Lines lines;

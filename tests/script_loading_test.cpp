@@ -168,7 +168,7 @@ TEST_F(ScriptLoading, ReloadsKeepTheDailyRunAndBaseFiles) {
         "every(10, function() trace(2, tag()) end) at(3, 0, function() trace(2, 'three') end) "
         "task(function() cr_yield(100) trace(2, 'task') cr_yield(100) trace(2, 'end') end)");
   const lua_CFunction tag = [](lua_State* L) {
-    lua_pushstring(L, g_mscript->current_tag_name().c_str());
+    lua_pushstring(L, g_mscript->current_tag_name());
     return 1;
   };
   lua_register(script->lua_state, "tag", tag);

@@ -100,7 +100,7 @@ const char* const* push_argv(lua_State* L) {
 
 // True in the copy of the daemon that tries a reload: it has none of our threads, and a lock may be held for good
 // there.
-bool is_trial() {
+bool in_trial() {
   return zelvind_trial != nullptr && zelvind_trial() != 0;
 }
 
@@ -108,7 +108,7 @@ bool is_trial() {
 // Returns its number.
 int start_program(lua_State* L, lua_Number timeout_s, int callback) {
   const char* const* const argv = push_argv(L);
-  if (is_trial()) return 1;
+  if (in_trial()) return 1;
   ensure_handler(L);
   const int id = program_runner::next_id();
 
@@ -150,7 +150,7 @@ int proc_run(lua_State* L) {
 // Pushes status and output of a program that has ended, and drops them. Returns false when it has not ended.
 bool take_result(lua_State* L, int id) {
   program_runner::Result result{};
-  if (is_trial() || !program_runner::find_result(id, &result)) return false;
+  if (in_trial() || !program_runner::find_result(id, &result)) return false;
   lua_pushinteger(L, result.status);
   lua_pushlstring(L, result.output, result.output_size);
   program_runner::drop(id);
@@ -198,7 +198,7 @@ int take(lua_State* L) {
 // drop(id): ends the program and forgets it.
 int drop(lua_State* L) {
   const int id = static_cast<int>(lua_tointeger(L, 1));
-  if (is_trial()) return 0;
+  if (in_trial()) return 0;
   program_runner::drop(id);
   push_registered(L, &g_callbacks_key);
   lua_pushnil(L);
