@@ -249,6 +249,15 @@ TEST_F(EventLoop, ACallThatHoldsUpTheLoopIsNamedOnceAMinuteAndEndedByTheLimit) {
   EXPECT_EQ(g_loop_stats.activity().activity, Activity::stopped);
 }
 
+// While a file starts a coroutine, the loop may take an event: the call keeps the word that it began with.
+TEST_F(EventLoop, ACallThatALoopPassesByWasNotNamed) {
+  {
+    const LoopCall call(script->watch, Activity::coroutine, "t");
+    g_loop_stats.takes_event("a");
+  }
+  EXPECT_EQ(standin::log_lines_with("returned after"), Lines{});
+}
+
 // A leak is refused what it wants after few collections and one line; what is garbage is no reason to refuse.
 TEST_F(EventLoop, ScriptsStayWithinTheirMemory) {
   write("scripts/a.lua",
