@@ -159,17 +159,22 @@ end
 local owners = setmetatable({}, { __mode = "k" }) -- handler entry made by on() -> its module
 local untidy = {} -- names of handler tables that are empty or hold cancelled entries
 
+-- The list may have a metatable of a script's own.
 local function sweep_list(name, list, is_old)
   local kept, count = 0, #list
   for i = 1, count do
-    local entry = list[i]
-    list[i] = nil
+    local entry = rawget(list, i)
     if type(entry) ~= "table" or not is_old(entry, rawget(entry, 1)) then
       kept = kept + 1
-      list[kept] = entry
+      if kept ~= i then
+        rawset(list, kept, entry)
+      end
     else
       owners[entry] = nil
     end
+  end
+  for i = kept + 1, count do
+    rawset(list, i, nil)
   end
   untidy[name] = untidy[name] or kept == 0 or nil
 end
