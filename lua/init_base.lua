@@ -637,6 +637,15 @@ end
 local event_fields = fields
 local kLongestYield = 2147483647 -- ms
 
+-- The texts of the values, as post writes them.
+local function texts_of(match)
+  local texts = {}
+  for name, value in pairs(match) do
+    texts[name] = type(value) == "number" and engine.number_text(value) or tostring(value)
+  end
+  return texts
+end
+
 -- Waits for an event of the type whose fields include those of `match`. Returns its fields; or nil and "timeout" when
 -- that many seconds are over. The task goes on while the event is dispatched, so that it cannot miss the next one.
 function wait_event(type_name, seconds, match)
@@ -649,11 +658,12 @@ function wait_event(type_name, seconds, match)
     error("wait_event(type_name [, seconds [, match]]): " .. wrong, 2)
   end
   local self = task_at_work("wait_event")
+  local texts = texts_of(match or {})
   local found, is_over
   self.waits.handler = add_handler(self.module, type_name, function()
     local event = event_fields()
-    for name, value in pairs(match or {}) do
-      if event[name] ~= tostring(value) then
+    for name, text in pairs(texts) do
+      if event[name] ~= text then
         return
       end
     end

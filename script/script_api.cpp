@@ -159,6 +159,7 @@ constexpr luaL_Reg kEngine[] = {
     {"remove_coroutine", api<remove_coroutine>},
     {"asked_wait", api<asked_wait>},
     {"wrong_event_name", api<wrong_event_name>},
+    {"number_text", api<number_text>},
 };
 
 }  // namespace
