@@ -312,6 +312,7 @@ local function stop_waiting(self)
     handle:cancel()
     self.waits[i] = nil
   end
+  self.waiting = nil
 end
 
 local function finish(self)
@@ -332,6 +333,8 @@ local function step(self, ...)
   running, at_work = outer, outer_task
   if not done then
     report(self.module, "task", debug.traceback(self.thread, error_text(value)))
+  elseif value == nil or value ~= self.waiting then -- a wait_event that failed, inside pcall, wakes it no more
+    stop_waiting(self)
   end
   if self.is_cancelled or coroutine.status(self.thread) == "dead" then
     finish(self)
@@ -634,7 +637,7 @@ function finally(func)
   table.insert(self.finals, func)
 end
 
-local event_fields = fields
+local event_fields, yield = fields, coroutine.yield
 local kLongestYield = 2147483647 -- ms
 
 -- The texts of the values, as post writes them.
@@ -659,7 +662,10 @@ function wait_event(type_name, seconds, match)
   end
   local self = task_at_work("wait_event")
   local texts = texts_of(match or {})
+  stop_waiting(self)
   local found, is_over
+  local token = {} -- what the task yields in this wait, and nowhere else
+  self.waiting = token
   self.waits.handler = add_handler(self.module, type_name, function()
     local event = event_fields()
     for name, text in pairs(texts) do
@@ -682,7 +688,8 @@ function wait_event(type_name, seconds, match)
     self.waits.timer = timer
   end
   repeat
-    cr_yield(kLongestYield)
+    engine.ask_wait(kLongestYield)
+    yield(token)
   until found or is_over
   stop_waiting(self)
   if found then

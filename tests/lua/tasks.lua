@@ -155,6 +155,8 @@ check("timeout", pass(199) .. pass(1, 3600000) .. pass(99), "")
 check("second timeout", pass(1), "nil timeout|wait_event outside a task")
 task(function() wait_event("window", 1, { a = setmetatable({}, { __tostring = function() error("planted", 0) end }) }) end)
 check("a value without a text", traced():match("[^|]*"), "tasks.lua: task failed: planted")
+task(function() pcall(wait_event, "door", 0.05) cr_yield(100) say("slept") end)
+check("a wait that failed", event("door") .. pass(60) .. pass(41), "<1> mscript: unknown event type[door]slept")
 pass(0)
 check("no table is left", rawget(_G, "es_window"), nil)
 
