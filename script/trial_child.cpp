@@ -92,6 +92,8 @@ void leave_the_daemon(pid_t daemon) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != daemon) _exit(1);  // it has ended before that call
   setpgid(0, 0);
+  const rlimit no_core{0, 0};  // it would lie in the daemon's folder
+  setrlimit(RLIMIT_CORE, &no_core);
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
   for (const int number : {SIGHUP, SIGPIPE}) sigaction(number, &action, nullptr);
