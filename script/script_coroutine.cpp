@@ -219,7 +219,9 @@ ScriptCoroutines::Record ScriptCoroutines::take(uint64_t number) {
 void ScriptCoroutines::wake(lua_State* L, uint64_t number, int now) {
   read_clock(now);
   const auto record = take(number);
-  if (record != records.end()) resume(L, record, clock_ms);
+  if (record == records.end()) return;
+  const ScriptTimers::Aside aside(g_mscript->timers);
+  resume(L, record, clock_ms);
 }
 
 void ScriptCoroutines::remove(lua_State* L, uint64_t number) {

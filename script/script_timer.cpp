@@ -242,7 +242,7 @@ void ScriptTimers::run_alarm(lua_State* L, uint64_t number, int64_t now_us) {
 }
 
 bool ScriptTimers::delete_current(lua_State* L) {
-  if (current_call == nullptr) return false;
+  if (current() == nullptr) return false;
   remove(L, current_number);  // what runs for the last time is not there any more
   current_call = nullptr;
   return true;
