@@ -70,7 +70,9 @@ int add_alarm(lua_State* L) {
   const char* const tag = text_arg(L, 4);
   const int round = int_arg(L, 5);
   check_room();
-  const int64_t due_us = g_mscript->clock.steady() * 1000 + delay_us;
+  // Without a delay, it is due by the tick, and so before the next event.
+  const int64_t now_ms = delay_us == 0 ? g_mscript->clock.steady_tick() : g_mscript->clock.steady();
+  const int64_t due_us = now_ms * 1000 + delay_us;
   const TimerCall call{reference(L, 1), LUA_REFNIL, tag, round};
   lua_pushnumber(L, static_cast<lua_Number>(g_mscript->timers.add({due_us, interval_us, call})));
   return 1;

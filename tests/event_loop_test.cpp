@@ -90,6 +90,9 @@ TEST_F(EventLoop, AlarmsAndImpatientCoroutinesRunBetweenEvents) {
     EXPECT_EQ(standin::log_lines_with("trace").back(), "<1> lua-trace: " + order) << patience_ms;
     script->coroutines.clear();
   }
+  script->clock.steady_tick = [] { return passed_ms - 4; };
+  run_lua("require('zelvind.engine').add_alarm(print, 0, 0, 't', 0)");
+  EXPECT_TRUE(script->is_alarm_due());
 }
 
 TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart) {
