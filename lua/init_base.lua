@@ -159,17 +159,22 @@ end
 local owners = setmetatable({}, { __mode = "k" }) -- handler entry made by on() -> its module
 local untidy = {} -- names of handler tables that are empty or hold cancelled entries
 
+-- The list may have a metatable of a script's own.
 local function sweep_list(name, list, is_old)
   local kept, count = 0, #list
   for i = 1, count do
-    local entry = list[i]
-    list[i] = nil
+    local entry = rawget(list, i)
     if type(entry) ~= "table" or not is_old(entry, rawget(entry, 1)) then
       kept = kept + 1
-      list[kept] = entry
+      if kept ~= i then
+        rawset(list, kept, entry)
+      end
     else
       owners[entry] = nil
     end
+  end
+  for i = kept + 1, count do
+    rawset(list, i, nil)
   end
   untidy[name] = untidy[name] or kept == 0 or nil
 end
@@ -308,6 +313,7 @@ local function stop_waiting(self)
     handle:cancel()
     self.waits[i] = nil
   end
+  self.waiting = nil
 end
 
 local function finish(self)
@@ -328,6 +334,8 @@ local function step(self, ...)
   running, at_work = outer, outer_task
   if not done then
     report(self.module, "task", debug.traceback(self.thread, error_text(value)))
+  elseif value == nil or value ~= self.waiting then -- a wait_event that failed, inside pcall, wakes it no more
+    stop_waiting(self)
   end
   if self.is_cancelled or coroutine.status(self.thread) == "dead" then
     finish(self)
@@ -630,8 +638,17 @@ function finally(func)
   table.insert(self.finals, func)
 end
 
-local event_fields = fields
+local event_fields, yield = fields, coroutine.yield
 local kLongestYield = 2147483647 -- ms
+
+-- The texts of the values, as post writes them.
+local function texts_of(match)
+  local texts = {}
+  for name, value in pairs(match) do
+    texts[name] = type(value) == "number" and engine.number_text(value) or tostring(value)
+  end
+  return texts
+end
 
 -- Waits for an event of the type whose fields include those of `match`. Returns its fields; or nil and "timeout" when
 -- that many seconds are over. The task goes on while the event is dispatched, so that it cannot miss the next one.
@@ -645,11 +662,15 @@ function wait_event(type_name, seconds, match)
     error("wait_event(type_name [, seconds [, match]]): " .. wrong, 2)
   end
   local self = task_at_work("wait_event")
+  local texts = texts_of(match or {})
+  stop_waiting(self)
   local found, is_over
+  local token = {} -- what the task yields in this wait, and nowhere else
+  self.waiting = token
   self.waits.handler = add_handler(self.module, type_name, function()
     local event = event_fields()
-    for name, value in pairs(match or {}) do
-      if event[name] ~= tostring(value) then
+    for name, text in pairs(texts) do
+      if event[name] ~= text then
         return
       end
     end
@@ -668,7 +689,8 @@ function wait_event(type_name, seconds, match)
     self.waits.timer = timer
   end
   repeat
-    cr_yield(kLongestYield)
+    engine.ask_wait(kLongestYield)
+    yield(token)
   until found or is_over
   stop_waiting(self)
   if found then

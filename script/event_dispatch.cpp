@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "control/event_ring.h"
 #include "control/loop_stats.h"
@@ -61,7 +62,7 @@ const char* tag_text(lua_State* L, char (&number)[40]) {
 
 }  // namespace
 
-// Raises nothing, as all that it calls.
+// Raises nothing, as all that it calls. Throws std::bad_alloc: the tag and the error may be long.
 void EventDispatch::call_entry(lua_State* L, int index) {
   const event_item& event = *current;
   lua_rawgeti(L, kList, index);
@@ -103,7 +104,11 @@ void EventDispatch::record(const event_item& event, int64_t began_ns, int64_t ru
 void EventDispatch::call_entries(lua_State* L) {
   const int count = static_cast<int>(lua_objlen(L, kList));  // what a handler appends waits for the next event
   for (int i = 1; i <= count; ++i) {
-    call_entry(L, i);
+    try {
+      call_entry(L, i);
+    } catch (const std::bad_alloc&) {
+      fail("no memory");  // short enough to need none
+    }
     lua_settop(L, kList);
   }
 }
@@ -158,14 +163,36 @@ bool EventDispatch::call_known(lua_State* L) {
   return done;
 }
 
-bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
-  current = &event;
-  g_loop_stats.begin_dispatch();
+// Ends a dispatch, also when memory for a log line runs out: nothing of it may meet the next one.
+class EventDispatch::Ending {
+ public:
+  Ending(EventDispatch& the_dispatch, lua_State* L) : dispatch(the_dispatch), state(L) {}
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+  ~Ending() {
+    lua_settop(state, 0);
+    dispatch.tag.clear();
+    dispatch.current = nullptr;
+  }
+
+ private:
+  EventDispatch& dispatch;
+  lua_State* const state;
+};
+
+bool EventDispatch::call_handlers(lua_State* L) {
+  const Ending ending(*this, L);
   bool known = true;
   std::string error;
   const bool done = call_known(L) || protect(L, error, [&](lua_State* state) { known = find_and_call(state); });
   if (!done) fail(error);
-  current = nullptr;
+  return known;
+}
+
+bool EventDispatch::dispatch(lua_State* L, const event_item& event) {
+  current = &event;
+  g_loop_stats.begin_dispatch();
+  const bool known = call_handlers(L);
   g_loop_stats.end_dispatch(known, event.type_name);
   record(event, g_loop_stats.dispatch_began_ns(), g_loop_stats.dispatch_ns(), g_loop_stats.dispatch_errors());
   if (!known) elog(1, "mscript: unknown event type[%s]", event.type_name);

@@ -36,6 +36,9 @@ class EventDispatch {
   }
 
  private:
+  class Ending;
+
+  bool call_handlers(lua_State* L);
   bool call_known(lua_State* L);
   bool find_and_call(lua_State* L);
   void keep_names(lua_State* L, const char* table_name);

@@ -117,7 +117,7 @@ std::string KeepWriter::write_files() {
   Descriptor folder;
   if (path.empty()) {
     errno = ENOENT;
-  } else if (make_folders(path)) {
+  } else if (make_folders(path, FolderSync::each)) {
     folder = open_folder();
   }
   std::string failure;

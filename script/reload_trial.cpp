@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "control/loop_stats.h"
@@ -24,7 +25,7 @@ namespace {
 
 constexpr size_t kLogMost = size_t{64} * 1024;    // bytes of the copy's log lines that are passed on
 constexpr size_t kFaultMost = size_t{16} * 1024;  // bytes of what went wrong
-constexpr int kGraceMs = 1000;  // at the end of the time: for the copy to tell that its scripts are late
+constexpr int kGraceMs = 1000;  // behind the time of the scripts: for the copy to tell how they ended
 
 // What the copy has reported.
 class Report {
@@ -103,15 +104,30 @@ Ended read_report(Report& report, int pipe, const ScriptStop& stop, const sigset
   }
 }
 
-// Ends the copy and whatever it may have started. Returns its wait status.
-int end_copy(pid_t copy) {
-  int status = 0;
-  kill(-copy, SIGKILL);
-  kill(copy, SIGKILL);
-  while (waitpid(copy, &status, 0) < 0 && errno == EINTR) {
+// The copy's process, which does not outlive this object.
+class Copy {
+ public:
+  Copy() = default;
+  Copy(const Copy&) = delete;
+  Copy& operator=(const Copy&) = delete;
+  ~Copy() { end(); }
+
+  // Ends the copy and whatever it may have started. Returns its wait status.
+  int end() {
+    int status = 0;
+    if (process < 0) return status;
+    kill(-process, SIGKILL);
+    kill(process, SIGKILL);
+    while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
+    }
+    process = -1;
+    return status;
   }
-  return status;
-}
+
+  pid_t process = -1;    // -1: there is none
+  int64_t began_ns = 0;  // steady_ns
+  int64_t held_us = 0;
+};
 
 std::string late_text(const Report& report, int limit_ms) {
   const std::string text = sstr("did not return within %g s", limit_ms / 1000.0);
@@ -150,50 +166,53 @@ void keep_counts_usable_in_copy() {
   (void)registered;
 }
 
-struct Copy {
-  pid_t process;     // -1: there is none
-  int64_t began_ns;  // steady_ns
-  int64_t held_us;
-};
-
 // Forks between two passes of the loop. Without a copy, errno is set.
-Copy fork_copy(ManagerScript& script, const Trial& trial) {
+void fork_copy(ManagerScript& script, const Trial& trial, Copy& copy) {
   keep_counts_usable_in_copy();
   script.stop.begin_to_watch();  // as in a reload: a script that never returns keeps the state
   const LuaTurn turn(script.gate, watch_meanwhile);
   const StopsWhenWanted limited(script.stop);
-  const int64_t began = steady_ns();
-  const pid_t process = fork();
-  if (process == 0) run_trial(script, trial);
-  return {process, began, (steady_ns() - began) / 1000};
+  copy.began_ns = steady_ns();
+  copy.process = fork();
+  if (copy.process == 0) run_trial(script, trial);
+  copy.held_us = (steady_ns() - copy.began_ns) / 1000;
+}
+
+void find_verdict(TrialVerdict& verdict, ManagerScript& script, const char* script_path, const char* external_path,
+                  int limit_ms) {
+  const RunSignalsBlocked blocked;
+  Pipe pipe;
+  Copy copy;
+  if (pipe.open()) {
+    fork_copy(script, {script_path, external_path, limit_ms, getpid(), pipe.writing.get()}, copy);
+  }
+  if (copy.process < 0) {
+    verdict.text = sstr("cannot make a copy of the daemon: %s", strerrordesc_np(errno));
+    return;
+  }
+  setpgid(copy.process, copy.process);  // the copy does it too: whichever comes first
+  pipe.writing.reset();
+  Report report;
+  const int64_t over_at = copy.began_ns / 1000000 + limit_ms;
+  Ended ended = read_report(report, pipe.reading.get(), script.stop, blocked.mask_before(), over_at + kGraceMs);
+  const int status = copy.end();
+  const bool is_late = !report.place.empty() || (!report.has_passed && steady_ms() >= over_at);
+  if (ended == Ended::by_itself && is_late) ended = Ended::late;
+  elog(2, "mscript: the trial of the reload held up events for %.1f ms", static_cast<double>(copy.held_us) / 1000);
+  verdict.held_us = copy.held_us;
+  verdict.passed = ended == Ended::by_itself && report.has_passed;
+  if (!verdict.passed) verdict.text = fault_text(ended, report, status, limit_ms);
 }
 
 }  // namespace
 
 TrialVerdict try_reload(ManagerScript& script, const char* script_path, const char* external_path, int limit_ms) {
   TrialVerdict verdict;
-  const RunSignalsBlocked blocked;
-  Pipe pipe;
-  Copy copy{-1, 0, 0};
-  const int scripts_ms = limit_ms - std::min(kGraceMs, limit_ms / 2);
-  if (pipe.open()) {
-    copy = fork_copy(script, {script_path, external_path, scripts_ms, getpid(), pipe.writing.get()});
+  try {
+    find_verdict(verdict, script, script_path, external_path, limit_ms);
+  } catch (const std::bad_alloc&) {
+    verdict.passed = false;
+    verdict.text = "no memory";  // short enough to need none
   }
-  if (copy.process < 0) {
-    verdict.text = sstr("cannot make a copy of the daemon: %s", strerrordesc_np(errno));
-    return verdict;
-  }
-  setpgid(copy.process, copy.process);  // the copy does it too: whichever comes first
-  pipe.writing.reset();
-  Report report;
-  const int64_t began = copy.began_ns / 1000000;
-  Ended ended = read_report(report, pipe.reading.get(), script.stop, blocked.mask_before(), began + limit_ms);
-  const int status = end_copy(copy.process);
-  const bool is_late = !report.place.empty() || steady_ms() - began >= scripts_ms;
-  if (ended == Ended::by_itself && is_late) ended = Ended::late;
-  elog(2, "mscript: the trial of the reload held up events for %.1f ms", static_cast<double>(copy.held_us) / 1000);
-  verdict.held_us = copy.held_us;
-  verdict.passed = ended == Ended::by_itself && report.has_passed;
-  if (!verdict.passed) verdict.text = fault_text(ended, report, status, limit_ms);
   return verdict;
 }

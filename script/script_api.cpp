@@ -157,8 +157,10 @@ constexpr luaL_Reg kEngine[] = {
     {"add_coroutine", api<add_coroutine>},
     {"wake_coroutine", api<wake_coroutine>},
     {"remove_coroutine", api<remove_coroutine>},
+    {"ask_wait", api<ask_wait>},
     {"asked_wait", api<asked_wait>},
     {"wrong_event_name", api<wrong_event_name>},
+    {"number_text", api<number_text>},
 };
 
 }  // namespace

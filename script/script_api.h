@@ -18,3 +18,6 @@ int post(lua_State* L);
 
 // For the default scripts, wrong_event_name(name): why no event can have that name, or nil.
 int wrong_event_name(lua_State* L);
+
+// Likewise number_text(number): the text that post gives to a number.
+int number_text(lua_State* L);

@@ -78,6 +78,11 @@ int remove_coroutine(lua_State* L) {
   return 0;
 }
 
+int ask_wait(lua_State* L) {
+  if (!g_mscript->coroutines.ask_for_run(int_arg(L, 1))) throw ScriptError("a wait outside a coroutine");
+  return 0;
+}
+
 int asked_wait(lua_State* L) {
   const ScriptCoroutine* const running = g_mscript->coroutines.current();
   lua_pushinteger(L, running == nullptr ? 0 : running->wait);
@@ -214,7 +219,9 @@ ScriptCoroutines::Record ScriptCoroutines::take(uint64_t number) {
 void ScriptCoroutines::wake(lua_State* L, uint64_t number, int now) {
   read_clock(now);
   const auto record = take(number);
-  if (record != records.end()) resume(L, record, clock_ms);
+  if (record == records.end()) return;
+  const ScriptTimers::Aside aside(g_mscript->timers);
+  resume(L, record, clock_ms);
 }
 
 void ScriptCoroutines::remove(lua_State* L, uint64_t number) {

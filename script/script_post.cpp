@@ -19,20 +19,23 @@ namespace {
 
 using Field = std::pair<std::string, std::string>;  // name and value
 
+using NumberText = char[40];
+
 // A whole number in full: the 14 digits that Lua writes would make another number of a large one.
-std::string number_text(lua_Number number) {
+void write_number(lua_Number number, NumberText& text) {
   constexpr lua_Number kExact = 9007199254740992.0;  // 2^53
-  char text[40];
   const bool is_whole = std::fabs(number) <= kExact && std::floor(number) == number;
   snprintf(text, sizeof(text), is_whole ? "%.0f" : LUA_NUMBER_FMT, number);
-  return text;
 }
 
 // The text of the value at `index`, which is not converted in place: lua_next would lose such a key.
 std::string value_text(lua_State* L, int index) {
   switch (lua_type(L, index)) {
-    case LUA_TNUMBER:
-      return number_text(lua_tonumber(L, index));
+    case LUA_TNUMBER: {
+      NumberText text;
+      write_number(lua_tonumber(L, index), text);
+      return text;
+    }
     case LUA_TBOOLEAN:
       return lua_toboolean(L, index) != 0 ? "true" : "false";
     default:
@@ -104,6 +107,13 @@ int post(lua_State* L) {
   if (refusal == nullptr) return 1;
   lua_pushstring(L, refusal);
   return 2;
+}
+
+int number_text(lua_State* L) {
+  NumberText text;
+  write_number(lua_tonumber(L, 1), text);
+  lua_pushstring(L, text);
+  return 1;
 }
 
 int wrong_event_name(lua_State* L) {

@@ -75,8 +75,9 @@ int add_timer(lua_State* L) {
 int add_alarm(lua_State* L) {
   const int64_t delay_us = microseconds_arg(L, 2);
   const int64_t interval_us = microseconds_arg(L, 3);
-  const int64_t due_us = g_mscript->clock.steady() * 1000 + delay_us;
-  return push_number(L, g_mscript->timers.add({due_us, interval_us, new_call(L)}));
+  // Without a delay, it is due by the tick, and so before the next event.
+  const int64_t now_ms = delay_us == 0 ? g_mscript->clock.steady_tick() : g_mscript->clock.steady();
+  return push_number(L, g_mscript->timers.add({now_ms * 1000 + delay_us, interval_us, new_call(L)}));
 }
 
 int has_timer(lua_State* L) {
@@ -243,7 +244,7 @@ void ScriptTimers::run_alarm(lua_State* L, uint64_t number, int64_t now_us) {
 }
 
 bool ScriptTimers::delete_current(lua_State* L) {
-  if (current_call == nullptr) return false;
+  if (current() == nullptr) return false;
   remove(L, current_number);  // what runs for the last time is not there any more
   current_call = nullptr;
   return true;

@@ -75,7 +75,20 @@ class ScriptTimers {
   int64_t first_alarm_ms() const { return first_alarm.load(std::memory_order_relaxed); }
 
   // What runs, or null, also when its own callback has removed it.
-  const TimerCall* current() const { return current_call; }
+  const TimerCall* current() const { return is_aside ? nullptr : current_call; }
+
+  // While one lives, nothing counts as running: for a coroutine that a callback wakes.
+  class Aside {
+   public:
+    explicit Aside(ScriptTimers& the_timers) : timers(the_timers), before(std::exchange(timers.is_aside, true)) {}
+    Aside(const Aside&) = delete;
+    Aside& operator=(const Aside&) = delete;
+    ~Aside() { timers.is_aside = before; }
+
+   private:
+    ScriptTimers& timers;
+    const bool before;
+  };
 
   // Removes what runs. Returns false when there is none.
   bool delete_current(lua_State* L);
@@ -101,6 +114,7 @@ class ScriptTimers {
   uint64_t next_number = 1;
   const TimerCall* current_call = nullptr;
   uint64_t current_number = 0;
+  bool is_aside = false;
 };
 
 // The Lua functions; script/script_api.cpp registers them.

@@ -92,18 +92,16 @@ class ScriptWatch {
 class LoopCall {
  public:
   LoopCall(ScriptWatch& the_watch, Activity activity, const char* tag)
-      : watch(the_watch), is_outermost(g_loop_stats.begin_call(activity, tag)) {
-    if (is_outermost) watch.call_begins();
+      : watch(the_watch), call(g_loop_stats.begin_call(activity, tag) ? g_loop_stats.call() : 0) {
+    if (call != 0) watch.call_begins();
   }
   LoopCall(const LoopCall&) = delete;
   LoopCall& operator=(const LoopCall&) = delete;
   ~LoopCall() {
-    if (!is_outermost) return;
-    const uint64_t call = g_loop_stats.call();
-    watch.call_ends(call, g_loop_stats.end_call());
+    if (call != 0) watch.call_ends(call, g_loop_stats.end_call());
   }
 
  private:
   ScriptWatch& watch;
-  const bool is_outermost;
+  const uint64_t call;  // the word that stands for it; 0 inside another one
 };

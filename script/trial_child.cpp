@@ -92,6 +92,8 @@ void leave_the_daemon(pid_t daemon) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != daemon) _exit(1);  // it has ended before that call
   setpgid(0, 0);
+  const rlimit no_core{0, 0};  // it would lie in the daemon's folder
+  setrlimit(RLIMIT_CORE, &no_core);
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
   for (const int number : {SIGHUP, SIGPIPE}) sigaction(number, &action, nullptr);
@@ -174,13 +176,13 @@ void start_the_clock(ManagerScript& script, int limit_ms) {
 void run_trial(ManagerScript& script, const Trial& trial) {
   g_pipe = trial.pipe;
   leave_the_daemon(trial.daemon);
-  let_go_of_descriptors();
-  bound_memory();
-  atexit(at_exit);
-  if (elog_divert != nullptr) elog_divert(report_log);
-  begin_trial(exit_called);
-  start_the_clock(script, trial.limit_ms);
   try {
+    let_go_of_descriptors();
+    bound_memory();
+    atexit(at_exit);
+    if (elog_divert != nullptr) elog_divert(report_log);
+    begin_trial(exit_called);
+    start_the_clock(script, trial.limit_ms);
     script.load_again(trial.script_path, trial.external_path);
   } catch (const std::exception& error) {
     end_failed(error.what());

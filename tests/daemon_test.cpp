@@ -195,6 +195,8 @@ TEST(Daemon, AFailedTrialChangesNothing) {
       {file("error({})"), bare + "NOT ERROR", ""},
       {file("error(('x'):rep(1e6))"), at_1 + "xxxx", ""},
       {file("error('one\\ntwo\\27[2J', 0)"), bare + "one\n", ""},
+      {file("event_post(1, 'door') assert(event_post(1, 'front door'))"), at_1 + "the name holds a blank", ""},
+      {file("event_post(1.5, 'door')"), at_1 + "bad argument #1 to 'event_post' (whole 32-bit number expected)", ""},
       {file("os.exit(3)"), "a script calls os.exit, which ends the daemon\n", ""},
       {file("pcall(os.exit)"), "a script calls os.exit, which ends the daemon\n", ""},
       {file("os.remove(os.getenv('ROOT') .. '/scripts/a.lua') event_post(1, 'door', 'n=copy')"

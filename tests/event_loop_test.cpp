@@ -1,6 +1,7 @@
 // The event loop on the real script manager, with a device made for tests. A loop ends because the quit event ends it.
 
 #include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,6 +91,9 @@ TEST_F(EventLoop, AlarmsAndImpatientCoroutinesRunBetweenEvents) {
     EXPECT_EQ(standin::log_lines_with("trace").back(), "<1> lua-trace: " + order) << patience_ms;
     script->coroutines.clear();
   }
+  script->clock.steady_tick = [] { return passed_ms - 4; };
+  run_lua("require('zelvind.engine').add_alarm(print, 0, 0, 't', 0)");
+  EXPECT_TRUE(script->is_alarm_due());
 }
 
 TEST_F(EventLoop, WaitsForTheFirstCoroutineAndArrangesMoreThanThirtySecondsApart) {
@@ -250,6 +254,15 @@ TEST_F(EventLoop, ACallThatHoldsUpTheLoopIsNamedOnceAMinuteAndEndedByTheLimit) {
   EXPECT_EQ(g_loop_stats.activity().activity, Activity::stopped);
 }
 
+// While a file starts a coroutine, the loop may take an event: the call keeps the word that it began with.
+TEST_F(EventLoop, ACallThatALoopPassesByWasNotNamed) {
+  {
+    const LoopCall call(script->watch, Activity::coroutine, "t");
+    g_loop_stats.takes_event("a");
+  }
+  EXPECT_EQ(standin::log_lines_with("returned after"), Lines{});
+}
+
 // A leak is refused what it wants after few collections and one line; what is garbage is no reason to refuse.
 TEST_F(EventLoop, ScriptsStayWithinTheirMemory) {
   write("scripts/a.lua",
@@ -265,6 +278,28 @@ TEST_F(EventLoop, ScriptsStayWithinTheirMemory) {
   EXPECT_EQ(standin::log_lines_with("not enough memory").size(), 1u);  // the second one is counted
   EXPECT_EQ(standin::log_lines_with("wasted").size(), 2u);
   EXPECT_LT(g_loop_stats.collections.count() - collections, 60u);
+}
+
+// An error that is too long to be copied costs one line, and neither the handlers behind it nor the events to come.
+TEST_F(EventLoop, AHandlerWhoseErrorNeedsTooMuchMemoryCostsNoOther) {
+  run_lua(
+      "local long = ('x'):rep(2 ^ 26) "
+      "es_a = { list_func = { { 't', function() error(long, 0) end }, { 'u', function() trace(1, 'next') end } } }"
+      "es_b = { list_func = { { 'v', function() trace(1, evt_type_name()) end } } }");
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these have most of the addresses
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const rlimit tight{static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (1 << 25), limit.rlim_max};
+  setrlimit(RLIMIT_AS, &tight);
+#endif
+  for (const char* name : {"a", "a", "b"}) standin::post(1, name, "");
+  run_to_quit();
+  setrlimit(RLIMIT_AS, &limit);
+  EXPECT_EQ(standin::log_lines_with("trace: "),
+            (Lines{"<1> lua-trace: next", "<1> lua-trace: next", "<1> lua-trace: b"}));
+  EXPECT_EQ(standin::log_lines_with("error[etype:1] - ").size(), 2u);
 }
 
 TEST_F(EventLoop, CountsByTypeAndTag) {

@@ -70,6 +70,9 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
   const std::string defined_first = define + by_hand;
   const std::string defined_last = by_hand + (" " + define);
   const std::string table = "rawset(_G, 'es_door', { list_func = { { 'm', function() trace(2, 'table') end } } }) ";
+  const std::string closed =
+      "rawset(_G, 'es_door', { list_func = setmetatable({ { 'o', function() trace(2, 'other') end },"
+      " { 'm', function() trace(2, 'closed') end } }, { __newindex = error }) }) ";
   const std::string prepared =
       "rawset(_G, 'es_door', rawget(_G, 'es_door') or { list_func = {} }) on('other', print) "
       "table.insert(es_door.list_func, { 'j.lua', function() trace(2, 'prepared') end }) ";
@@ -91,6 +94,7 @@ TEST_F(ScriptLoading, ReloadsReplaceWhatFilesRegistered) {
       {"by hand, among others", on("a"), defined_first, "a|by hand", "", on("b"), "b"},
       {"by hand, first of others", defined_last, on("b"), "by hand|b", defined_last, "", "by hand"},
       {"a table of its own", table + define, "", "table", define + table, "", "table"},
+      {"a list that is closed", closed + define, "", "other|closed", "rawset(_G, 'es_door', nil)" + on("a"), "", "a"},
       {"a list of another's", on("a"), prepared, "a|prepared", "", prepared, "prepared"},
   };
   for (const bool strict : {false, true}) {

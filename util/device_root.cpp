@@ -1,11 +1,13 @@
 #include "util/device_root.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
+#include "util/descriptor.h"
 #include "util/quiet_write.h"
 
 bool under_device_root(const std::string& path, std::string& out) {
@@ -24,11 +26,23 @@ bool under_device_root(const std::string& path, std::string& out) {
   return false;
 }
 
-bool make_folders(const std::string& path) {
+namespace {
+
+// The entry of a new folder is in the folder above it.
+void sync_above(const std::string& folder) {
+  const std::string above = folder.substr(0, folder.rfind('/') + 1);
+  const Descriptor opened(above_standard_streams(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  if (opened.get() >= 0) fsync(opened.get());
+}
+
+}  // namespace
+
+bool make_folders(const std::string& path, FolderSync sync) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     const std::string folder = path.substr(0, slash);
     if (mkdir(folder.c_str(), 0755) == 0) {
       if (chmod(folder.c_str(), 0755) != 0) return false;
+      if (sync == FolderSync::each) sync_above(folder);
     } else if (errno != EEXIST) {
       return false;
     }

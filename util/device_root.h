@@ -9,6 +9,9 @@
 // programs ignore the variable. Any thread.
 bool under_device_root(const std::string& path, std::string& out);
 
-// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask. Returns false, with
-// errno set, when one is missing and cannot be made. Any thread.
-bool make_folders(const std::string& path);
+enum class FolderSync { none, each };
+
+// Makes the folders above `path`; everybody may enter those that it makes, whatever the umask. With FolderSync::each,
+// those outlast a loss of power; that may wait for the disk. Returns false, with errno set, when one is missing and
+// cannot be made. Any thread.
+bool make_folders(const std::string& path, FolderSync sync = FolderSync::none);

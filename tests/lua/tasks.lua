@@ -138,20 +138,26 @@ check("records of cancelled tasks", select(2, counts()), 0)
 
 -- wait_event: takes the first event that fits, misses none that follows, and runs while the event is dispatched.
 task(function()
-  local opened = wait_event("door", nil, { id = 3, state = "open" })
+  local opened = wait_event("door", nil, { id = 2 ^ 52 + 1, state = "open" })
   say(opened.by .. " " .. evt_info())
   say(wait_event("door").state)
   say(tostring(wait_event("window", 0.2)) .. " " .. select(2, wait_event("window", 0.1)))
+  say(select(2, pcall(tmr_delete)))
   say(select(2, pcall(coroutine.wrap(function() wait_event("window") end))):match("wait_event.*"))
 end)
-for _, info in ipairs { "id=2&state=open", "id=3&state=shut", "id=3&state=open&by=alice", "state=ajar", "state=no" } do
+local id = "id=4503599627370497"
+for _, info in ipairs { "id=2&state=open", id .. "&state=shut", id .. "&state=open&by=alice", "state=ajar", "state=no" } do
   event_post(1, "door", info)
 end
-check("events", pass(0) .. pass(0) .. pass(0), "alice id=3&state=open&by=alice")
+check("events", pass(0) .. pass(0) .. pass(0), "alice " .. id .. "&state=open&by=alice")
 check("next event", pass(0), "ajar")
 check("nobody waits", pass(0), "<1> mscript: unknown event type[door]")
 check("timeout", pass(199) .. pass(1, 3600000) .. pass(99), "")
-check("second timeout", pass(1), "nil timeout|wait_event outside a task")
+check("second timeout", pass(1), "nil timeout|This is not timer callback|wait_event outside a task")
+task(function() wait_event("window", 1, { a = setmetatable({}, { __tostring = function() error("planted", 0) end }) }) end)
+check("a value without a text", traced():match("[^|]*"), "tasks.lua: task failed: planted")
+task(function() pcall(wait_event, "door", 0.05) cr_yield(100) say("slept") end)
+check("a wait that failed", event("door") .. pass(60) .. pass(41), "<1> mscript: unknown event type[door]slept")
 pass(0)
 check("no table is left", rawget(_G, "es_window"), nil)
 
