@@ -321,7 +321,10 @@ TEST_F(Control, NobodyWaitsForAnother) {
 TEST_F(Control, SixteenClients) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 16; ++i) clients.push_back(std::make_unique<Client>(root));
-  for (const auto& client : clients) EXPECT_EQ(client->ask("echo").substr(0, 5), "echo ");
+  for (const auto& client : clients) {
+    EXPECT_EQ(client->ask("echo").substr(0, 5), "echo ");
+    ASSERT_TRUE(wait_until([now = steady_ms()] { return steady_ms() > now; }));
+  }
   const std::string peer = "process " + std::to_string(getpid()) + " of user " + std::to_string(getuid());
   clients.push_back(std::make_unique<Client>(root));
   EXPECT_EQ(clients.back()->ask("echo").substr(0, 5), "echo ");
