@@ -171,7 +171,7 @@ class EventDispatch::Ending {
   Ending& operator=(const Ending&) = delete;
   ~Ending() {
     lua_settop(state, 0);
-    dispatch.tag.clear();
+    dispatch.clear_tag();
     dispatch.current = nullptr;
   }
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "control/answer.h"
@@ -19,6 +18,7 @@
 #include "tests/device_root_fixture.h"
 #include "tests/real_daemon.h"
 #include "util/clock.h"
+#include "util/text.h"
 #include "util/unix_socket.h"
 
 namespace {
@@ -104,7 +104,7 @@ TEST(ControlProtocol, ArgumentsOfFollow) {
 
 event_item item(const char* name, const std::string& info) {
   event_item event{1, {-1, 7}, "", info.c_str()};
-  strcpy(event.type_name, name);
+  copy_text(event.type_name, sizeof(event.type_name), name);
   return event;
 }
 

@@ -265,7 +265,7 @@ TEST(Reload, IsForTheDaemonsGroupAndRunStartsNoSecondDaemonForAnybody) {
   if (daemon.launch("chmod 777 $ROOT; " + owner + "test -x $ZELVIND") != 0) GTEST_SKIP() << "needs root";
   ASSERT_TRUE(daemon.start(owner + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
   const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ")";
-  const std::string runs = process + " runs already below ROOT; --force starts another one\n";
+  const std::string runs = process + " is already running below ROOT; --force starts another one\n";
   const std::string unseen = ": Permission denied; a daemon may run already, and --force starts another one\n";
   const struct {
     std::string command, said;
