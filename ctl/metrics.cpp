@@ -229,6 +229,8 @@ void print_metrics(const std::string& root, const std::string& textfile, FILE* o
   std::string text;
   try {
     text = metrics_text(ControlClient(root).ask("stats"));
+  } catch (const Refused&) {  // it is up, and all places are taken: neither is to be told by `up`
+    throw;
   } catch (const Failure&) {
     write(up(false), textfile, out);
     throw;

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <sstream>
 
 #include "ctl/human_text.h"
@@ -257,6 +258,31 @@ TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
     EXPECT_EQ(root.text_of("out"), *row.candidates == '\0' ? " " : is_file ? "files " : row.candidates);
   }
   if (!has_zsh) std::cerr << "zsh is not installed: only bash was tried\n";
+}
+
+// All places at the control socket are taken: what else there is tells whether events are taken.
+TEST(Status, AndMetricsOfADaemonThatIsFull) {
+  const std::string note =
+      "! control socket: 16 clients are connected already; the event socket and the state file alone were asked\n";
+  RealDaemon daemon;
+  ASSERT_TRUE(daemon.start());
+  std::vector<std::unique_ptr<ControlClient>> followers;
+  for (int i = 0; i < 16; ++i) {
+    followers.push_back(std::make_unique<ControlClient>(daemon.path("")));
+    followers.back()->send("follow");
+    AnswerLine line;
+    EXPECT_EQ(followers.back()->next(line, 20000), ControlClient::Got::line);
+  }
+  daemon.expect_zelvctl("status", 0, "healthy\n" + note, "");
+  daemon.write("m.prom", "as it was");
+  daemon.expect_zelvctl("metrics --textfile $ROOT/m.prom", 1, "", "zelvctl: 16 clients are connected already\n");
+  EXPECT_EQ(daemon.text_of("m.prom"), "as it was");
+
+  const RealDaemon root;
+  root.write("run/zelvind/events.lock", "");
+  const FakeControl full(root.path(""), {{"stats", "error: 16 clients are connected already\n\n"}});
+  root.expect_zelvctl("status", 1,
+                      "NOT HEALTHY: no daemon at ROOT/run/zelvind/events.sock: No such file or directory\n" + note, "");
 }
 
 TEST(Metrics, SayWhatTheDaemonHasAnsweredAndNothingElse) {
