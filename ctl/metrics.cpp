@@ -88,6 +88,7 @@ constexpr Metric kMetrics[] = {
     {"control_clients", Shape::gauge, "control", "clients", "Connections to the control socket."},
     {"control_followers", Shape::gauge, "control", "followers", "Of these, those that follow events."},
     {"control_requests_total", Shape::counter, "control", "requests", "Requests at the control socket."},
+    {"answer_cut_bytes", Shape::gauge, "cut", "bytes", "Left out of these metrics: the answer was too long."},
 };
 
 bool ends_with(std::string_view text, std::string_view end) {

@@ -91,6 +91,7 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"",
        "client id=9 address=a:1 state=owing waiting=5 skipped=0\nclient id=8 address=a:2 state=subscribed skipped=812",
        "", "does not read: client 9 (a:1)|has lost events: client 8 (a:2) 812"},
+      {"cut bytes=1024", "cut bytes=1024", "", "the answer was too long: 2.0 KiB of it are not shown here"},
       {"lua bytes=900 limit=1000\nlog lost=1", "", "",
        "scripts use 900 B of script_memory, 1000 B|1 log line was lost"},
   };
