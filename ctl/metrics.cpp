@@ -99,6 +99,7 @@ constexpr Metric kMetrics[] = {
     {"control_followers", Shape::gauge, "control", "followers",
      "Connections to the control socket that follow events."},
     {"control_requests_total", Shape::counter, "control", "requests", "Requests at the control socket."},
+    {"answer_cut_bytes", Shape::gauge, "cut", "bytes", "Left out of these metrics: the answer was too long."},
 };
 
 bool ends_with(std::string_view text, std::string_view end) {
@@ -233,6 +234,8 @@ void print_metrics(const std::string& root, const std::string& textfile, FILE* o
   std::string text;
   try {
     text = metrics_text(ControlClient(root).ask("stats"));
+  } catch (const Refused&) {  // it is up, and all places are taken: neither is to be told by `up`
+    throw;
   } catch (const Failure&) {
     write(up(false), textfile, out);
     throw;

@@ -11,5 +11,6 @@
 std::string metrics_text(const std::vector<AnswerLine>& stats);
 
 // Writes the metrics of the daemon below `root` (DEVICE_ROOT, or empty) to `out`, or into `textfile` if that is not
-// empty, which is replaced as a whole. When no daemon answers, writes only that, and throws Failure(Exit::unreachable).
+// empty, which is replaced as a whole. When no daemon answers, writes only that, and throws Failure(Exit::unreachable);
+// so it does, writing nothing, when one refuses to answer, since all places at its control socket are taken.
 void print_metrics(const std::string& root, const std::string& textfile, FILE* out);

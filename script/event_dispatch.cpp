@@ -107,6 +107,7 @@ void EventDispatch::call_entries(lua_State* L) {
     try {
       call_entry(L, i);
     } catch (const std::bad_alloc&) {
+      clear_tag();
       fail("no memory");  // short enough to need none
     }
     lua_settop(L, kList);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <sstream>
 
 #include "ctl/human_text.h"
@@ -89,6 +90,7 @@ TEST(Diagnosis, NamesEachTrouble) {
       {"",
        "client id=9 address=a:1 state=owing waiting=5 skipped=0\nclient id=8 address=a:2 state=subscribed skipped=812",
        "", "does not read: client 9 (a:1)|has lost events: client 8 (a:2) 812"},
+      {"cut bytes=1024", "cut bytes=1024", "", "the answer was too long: 2.0 KiB of it are not shown here"},
       {"lua bytes=900 limit=1000\nlog lost=1", "", "",
        "scripts use 900 B of script_memory, 1000 B|1 log line was lost"},
   };
@@ -267,6 +269,31 @@ TEST(Completion, KnowsWhatCanComeNextInBashAndZsh) {
     EXPECT_EQ(root.text_of("out"), *row.candidates == '\0' ? " " : is_file ? "files " : row.candidates);
   }
   if (!has_zsh) std::cerr << "zsh is not installed: only bash was tried\n";
+}
+
+// All places at the control socket are taken: what else there is tells whether events are taken.
+TEST(Status, AndMetricsOfADaemonThatIsFull) {
+  const std::string note =
+      "! control socket: 16 clients are connected already; the event socket and the state file alone were asked\n";
+  RealDaemon daemon;
+  ASSERT_TRUE(daemon.start());
+  std::vector<std::unique_ptr<ControlClient>> followers;
+  for (int i = 0; i < 16; ++i) {
+    followers.push_back(std::make_unique<ControlClient>(daemon.path("")));
+    followers.back()->send("follow");
+    AnswerLine line;
+    EXPECT_EQ(followers.back()->next(line, 20000), ControlClient::Got::line);
+  }
+  daemon.expect_zelvctl("status", 0, "healthy\n" + note, "");
+  daemon.write("m.prom", "as it was");
+  daemon.expect_zelvctl("metrics --textfile $ROOT/m.prom", 1, "", "zelvctl: 16 clients are connected already\n");
+  EXPECT_EQ(daemon.text_of("m.prom"), "as it was");
+
+  const RealDaemon root;
+  root.write("run/zelvind/events.lock", "");
+  const FakeControl full(root.path(""), {{"stats", "error: 16 clients are connected already\n\n"}});
+  root.expect_zelvctl("status", 1,
+                      "NOT HEALTHY: no daemon at ROOT/run/zelvind/events.sock: No such file or directory\n" + note, "");
 }
 
 TEST(Metrics, SayWhatTheDaemonHasAnsweredAndNothingElse) {

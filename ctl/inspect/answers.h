@@ -16,6 +16,9 @@ struct Answers {
   std::vector<AnswerLine> clients;
 
   const AnswerLine& stat(const char* kind) const { return line_of(stats, kind); }
+
+  // Bytes that the daemon has left out, since an answer was too long.
+  uint64_t cut_bytes() const { return stat("cut").count("bytes") + line_of(clients, "cut").count("bytes"); }
 };
 
 using Lines = std::vector<const AnswerLine*>;  // they belong to an answer

@@ -169,6 +169,9 @@ class Notes {
     if (limit > 0 && lua.count("bytes") > limit / 5 * 4) {
       notes.push_back("scripts use " + size_text(lua.count("bytes")) + " of script_memory, " + size_text(limit));
     }
+    if (answers.cut_bytes() > 0) {
+      notes.push_back("the answer was too long: " + size_text(answers.cut_bytes()) + " of it are not shown here");
+    }
     const uint64_t lost = answers.stat("log").count("lost");
     if (lost > 0) notes.push_back(number_of(lost, "log line was", "log lines were") + " lost");
   }

@@ -1,8 +1,11 @@
 #include "ctl/inspect/inspect.h"
 
+#include <unistd.h>
+#include <cerrno>
 #include <vector>
 
 #include "ctl/control_client.h"
+#include "ctl/event_connection.h"
 #include "ctl/failure.h"
 #include "ctl/inspect/answer_json.h"
 #include "ctl/inspect/answers.h"
@@ -10,6 +13,8 @@
 #include "ctl/inspect/screen.h"
 #include "ctl/inspect/script_list.h"
 #include "ctl/output.h"
+#include "ctl/running_daemon.h"
+#include "device/event_source.h"
 
 namespace {
 
@@ -32,6 +37,23 @@ Json status_json(const Answers& answers, const Diagnosis& diagnosis) {
   return object;
 }
 
+// By the event socket and the state file: of a daemon that has refused to answer, most likely since all places at its
+// control socket are taken.
+Diagnosis diagnose_from_outside(const std::string& root, const std::string& refusal) {
+  Diagnosis diagnosis{"", {"control socket: " + refusal + "; the event socket and the state file alone were asked"}};
+  if (access((root + kEventLockPath).c_str(), F_OK) != 0 && errno == ENOENT) return diagnosis;  // a device's own queue
+  try {
+    const EventConnection connection(root + kEventSocketPath, kAnswerLimitMs);
+    const pid_t pid = connection.daemon();
+    fail_if_ended(root, pid);
+    const auto state = reported_state(root, pid);
+    if (state && (state->name == "starting" || state->name == "stopping")) diagnosis.trouble = "it is " + state->name;
+  } catch (const Failure& failure) {
+    diagnosis.trouble = failure.what();
+  }
+  return diagnosis;
+}
+
 }  // namespace
 
 void print_status(const std::string& root, bool json, FILE* out) {
@@ -42,13 +64,15 @@ void print_status(const std::string& root, bool json, FILE* out) {
     answers.stats = daemon.ask("stats");
     answers.clients = daemon.ask("clients");
     diagnosis = diagnose(answers);
+  } catch (const Refused& refused) {
+    diagnosis = diagnose_from_outside(root, refused.what());
   } catch (const Failure& failure) {
     diagnosis.trouble = failure.what();
   }
   if (json) {
     write(out, status_json(answers, diagnosis));
   } else {
-    write_now(out, answers.stats.empty() ? verdict_line(diagnosis) : status_screen(answers, diagnosis));
+    write_now(out, answers.stats.empty() ? verdict_lines(diagnosis) : status_screen(answers, diagnosis));
   }
   if (!diagnosis.trouble.empty()) fail("");
 }

@@ -19,8 +19,7 @@ class Screen {
 
   void verdict(const Diagnosis& diagnosis) {
     const AnswerLine& daemon = answers.stat("daemon");
-    text += verdict_line(diagnosis);
-    for (const std::string& note : diagnosis.notes) text += "! " + note + "\n";
+    text += verdict_lines(diagnosis);
     row("daemon", "zelvind " + value(daemon, "version") + ", process " + value(daemon, "pid") + ", " +
                       value(daemon, "state") + " for " + duration_text(daemon.count("state_since_s") * 1000000) +
                       ", started " + time_text(daemon.count("started")));
@@ -145,8 +144,10 @@ class Screen {
 
 }  // namespace
 
-std::string verdict_line(const Diagnosis& diagnosis) {
-  return (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+std::string verdict_lines(const Diagnosis& diagnosis) {
+  std::string text = (diagnosis.trouble.empty() ? "healthy" : "NOT HEALTHY: " + diagnosis.trouble) + "\n";
+  for (const std::string& note : diagnosis.notes) text += "! " + note + "\n";
+  return text;
 }
 
 std::string status_screen(const Answers& answers, const Diagnosis& diagnosis) {

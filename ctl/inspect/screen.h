@@ -6,8 +6,8 @@
 #include "ctl/inspect/answers.h"
 #include "ctl/inspect/diagnosis.h"
 
-// The first line of it.
-std::string verdict_line(const Diagnosis& diagnosis);
+// The verdict, and what deserves a look.
+std::string verdict_lines(const Diagnosis& diagnosis);
 
 // Lines of text: the verdict first, then what deserves a look, then the figures, each with a word in front of it. Long
 // lists are cut. Safe for a terminal, whatever names the daemon has met.

@@ -195,6 +195,11 @@ class Head {
     add("clients", text);
   }
 
+  void cut() {
+    const uint64_t bytes = history.now().cut_bytes();
+    if (bytes > 0) add("cut", "the answer was too long: " + size_text(bytes) + " of it are not shown here");
+  }
+
   std::vector<std::string> lines;
 
  private:
@@ -217,6 +222,7 @@ std::vector<std::string> head_lines(const History& history, size_t width, bool i
   head.errors();
   head.lua();
   head.clients();
+  head.cut();
   return head.lines;
 }
 
