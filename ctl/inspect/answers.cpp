@@ -107,7 +107,7 @@ std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats)
     sums.events += line->count("events");
     sums.refused += line->count("refused");
     sums.since_s = std::max<unsigned long long>(sums.since_s, line->count("since_s"));
-    sums.rate += line->number("events") / (line->number("since_s") + 0.5);  // whole seconds
+    sums.rate += poster_rate(*line);
   }
   std::vector<AnswerLine> posters;
   for (const auto& [process, sums] : processes) {
@@ -122,4 +122,8 @@ std::string poster_text(const AnswerLine& poster) {
   const auto entry = process_entry(static_cast<pid_t>(poster.count("pid")));
   const std::string program = entry ? shown(entry->name, kNameWidth) + ", " : "";
   return "process " + poster.text("pid") + " (" + program + "user " + user_name(poster.count("uid")) + ")";
+}
+
+double poster_rate(const AnswerLine& poster) {
+  return poster.number("events") / (poster.number("since_s") + 0.5);  // whole seconds
 }

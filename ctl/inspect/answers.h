@@ -55,8 +55,11 @@ std::string script_error_text(const AnswerLine& error);
 std::string client_text(const AnswerLine& client);
 
 // The lines `poster` of `stats`, one for each process: `events` and `refused` of all its connections together, the
-// longest `since_s`, and `rate`: events a second since they are connected.
+// longest `since_s`, and `rate`: poster_rate of all.
 std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats);
 
 // "process 812 (flood, user anna)": the program and the user as this machine knows them.
 std::string poster_text(const AnswerLine& poster);
+
+// Events a second since a poster is connected.
+double poster_rate(const AnswerLine& poster);
