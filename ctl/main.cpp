@@ -225,7 +225,8 @@ const std::vector<Command>& commands() {
        "\nExamples:\n"
        "  zelvctl metrics\n"
        "  zelvctl metrics --textfile /var/lib/prometheus/node-exporter/zelvind.prom",
-       {{"--textfile", Takes::value, "Replace FILE, a regular one, as a whole; for the textfile collector of node_exporter", "FILE"}},
+       {{"--textfile", Takes::value,
+         "Replace FILE, a regular one, as a whole; for the textfile collector of node_exporter", "FILE"}},
        run_metrics},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",

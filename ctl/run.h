@@ -12,6 +12,6 @@ struct RunRequest {
 
 // Supervises the installed daemon (ctl/supervise.h). When it has failed, writes its last lines of level 1 to standard
 // error unless its log has gone there already, and how to make the settings when there are none. Throws
-// Failure(Exit::unreachable) as supervise does, and when a daemon is already running, or may do so: a lock file may not be
-// read. Once, on the process' only thread.
+// Failure(Exit::unreachable) as supervise does, and when a daemon is already running, or may do so: a lock file may not
+// be read. Once, on the process' only thread.
 void run_daemon(const RunRequest& request);

@@ -25,7 +25,7 @@ namespace {
 
 constexpr size_t kLogMost = size_t{64} * 1024;    // bytes of the copy's log lines that are passed on
 constexpr size_t kFaultMost = size_t{16} * 1024;  // bytes of what went wrong
-constexpr int kGraceMs = 1000;  // behind the time of the scripts: for the copy to tell how they ended
+constexpr int kGraceMs = 1000;                    // behind the time of the scripts: for the copy to tell how they ended
 
 // What the copy has reported.
 class Report {

@@ -67,12 +67,12 @@ class Follower {
       try {
         got = client->next(line, 0);
       } catch (const Refused& refused) {
-          if (std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
-          // All places were taken: by others who come again, perhaps.
-          if (gone_since != 0) throw Gone(refused.status, refused.what());
-          if (!request.reconnect || run_id.empty()) throw;
-          say(refused.what() + std::string("; waiting for a new one"));
-          is_over = true;
+        if (std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
+        // All places were taken: by others who come again, perhaps.
+        if (gone_since != 0) throw Gone(refused.status, refused.what());
+        if (!request.reconnect || run_id.empty()) throw;
+        say(refused.what() + std::string("; waiting for a new one"));
+        is_over = true;
       } catch (const Failure& failure) {
         throw Gone(failure.status, "the daemon went away");
       }

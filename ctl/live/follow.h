@@ -20,8 +20,9 @@ struct FollowRequest {
 
 // Hands each event to `on_event`, a line `event` of the answer, until that returns false. Says on standard error which
 // events are missing, and calls `on_gap` with their number, or a text when only the daemon's former run knew it. Throws
-// Failure: Exit::unreachable when there is no daemon, when it goes away and we do not reconnect, when it refuses us the first time, or for good, and when `out`, which
-// is only watched, is a pipe whose reader has gone; Exit::usage for patterns that cannot be asked for.
+// Failure: Exit::unreachable when there is no daemon, when it goes away and we do not reconnect, when it refuses us the
+// first time, or for good, and when `out`, which is only watched, is a pipe whose reader has gone; Exit::usage for
+// patterns that cannot be asked for.
 void follow_events(const FollowRequest& request, FILE* out,
                    const std::function<bool(const AnswerLine& event)>& on_event,
                    const std::function<void(const std::string& number)>& on_gap);
