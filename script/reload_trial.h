@@ -20,7 +20,8 @@ struct TrialVerdict {
 };
 
 // Tries ManagerScript::reload with these arguments. Scripts that have not returned after `limit_ms` have failed, and the
-// copy is ended at most a second later. Want of memory is a failed trial. Signals are handled meanwhile, and a stop that is wanted ends the trial as failed. Writes what the
-// scripts log in it at level 2 or above. Leaves no process behind. Main thread.
+// copy is ended at most a second later. Want of memory is a failed trial. Signals are handled meanwhile, and a stop that
+// is wanted ends the trial as failed. Writes what the scripts log in it at level 2 or above. Leaves no process behind.
+// Main thread.
 TrialVerdict try_reload(ManagerScript& script, const char* script_path, const char* external_path,
                         int limit_ms = kTrialLimitMs);

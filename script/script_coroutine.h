@@ -102,8 +102,8 @@ int cr_add(lua_State* L);
 int cr_yield(lua_State* L);
 
 // For the default scripts. add_coroutine(func, tag) is cr_add without a delay and returns a number, with which
-// wake_coroutine(number) and remove_coroutine(number) go. ask_wait(ms) is cr_yield(ms) without the yield. asked_wait() is
-// the wait in ms that the running coroutine has asked for since it was resumed, or 0.
+// wake_coroutine(number) and remove_coroutine(number) go. ask_wait(ms) is cr_yield(ms) without the yield. asked_wait()
+// is the wait in ms that the running coroutine has asked for since it was resumed, or 0.
 int add_coroutine(lua_State* L);
 int wake_coroutine(lua_State* L);
 int remove_coroutine(lua_State* L);
