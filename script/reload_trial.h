@@ -19,8 +19,8 @@ struct TrialVerdict {
   int64_t held_us = 0;  // how long the event loop could not have the Lua state
 };
 
-// Tries ManagerScript::reload with these arguments. Scripts that have not returned after `limit_ms` have failed, and
-// the copy is ended at most a second later. Want of memory is a failed trial. Signals are handled meanwhile, and a stop
+// Tries ManagerScript::reload with these arguments. Scripts that have not returned after `limit_ms` have failed; the
+// copy is ended at most a second later. Want of memory is a failed trial. Signals are handled meanwhile, and a stop
 // that is wanted ends the trial as failed. Writes what the scripts log in it at level 2 or above. Leaves no process
 // behind. Main thread.
 TrialVerdict try_reload(ManagerScript& script, const char* script_path, const char* external_path,

@@ -146,7 +146,7 @@ task(function()
   say(select(2, pcall(coroutine.wrap(function() wait_event("window") end))):match("wait_event.*"))
 end)
 local id = "id=4503599627370497"
-for _, info in ipairs { "id=2&state=open", id .. "&state=shut", id .. "&state=open&by=alice", "state=ajar", "state=no" } do
+for _, info in ipairs { "id=2&state=open", id .. "&state=shut", id .. "&state=open&by=alice", "state=ajar", "" } do
   event_post(1, "door", info)
 end
 check("events", pass(0) .. pass(0) .. pass(0), "alice " .. id .. "&state=open&by=alice")
@@ -154,7 +154,8 @@ check("next event", pass(0), "ajar")
 check("nobody waits", pass(0), "<1> mscript: unknown event type[door]")
 check("timeout", pass(199) .. pass(1, 3600000) .. pass(99), "")
 check("second timeout", pass(1), "nil timeout|This is not timer callback|wait_event outside a task")
-task(function() wait_event("window", 1, { a = setmetatable({}, { __tostring = function() error("planted", 0) end }) }) end)
+local textless = setmetatable({}, { __tostring = function() error("planted", 0) end })
+task(function() wait_event("window", 1, { a = textless }) end)
 check("a value without a text", traced():match("[^|]*"), "tasks.lua: task failed: planted")
 task(function() pcall(wait_event, "door", 0.05) cr_yield(100) say("slept") end)
 check("a wait that failed", event("door") .. pass(60) .. pass(41), "<1> mscript: unknown event type[door]slept")
