@@ -151,6 +151,8 @@ void idle(Managers& managers, const Folders& folders, bool trial_at_signal) {
     if (reloading) {
       reload(managers, folders, trial_at_signal);
       if (stopping) return;
+      // However fast signals come, those who ask otherwise have their turn.
+      if (g_stop == 0 && ReloadRequests::any()) reload_as_asked(managers, folders);
     } else if (g_running == 0 && g_stop != 0) {
       return;
     } else if (ReloadRequests::any()) {
