@@ -15,7 +15,7 @@ constexpr char kNotNow[] = "the daemon is starting or ending";
 constexpr std::chrono::milliseconds kAskEvery{100};  // between two calls of given_up()
 
 struct Request {
-  bool with_trial;
+  bool with_trial = false;
   bool is_taken = false;
   std::optional<ReloadVerdict> verdict = {};
 };

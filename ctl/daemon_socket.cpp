@@ -42,7 +42,13 @@ pid_t lock_holder(const std::string& path) {
     if (stat((root + lock).c_str(), &status) == 0) inodes.insert(std::to_string(status.st_ino));
   }
   std::ifstream locks("/proc/locks");
-  std::string number, type, mode, access, file, rest;  // "1: FLOCK ADVISORY WRITE 12 00:2e:4711 0 EOF"
+  // "1: FLOCK ADVISORY WRITE 12 00:2e:4711 0 EOF"
+  std::string number;
+  std::string type;
+  std::string mode;
+  std::string access;
+  std::string file;
+  std::string rest;
   for (pid_t pid = 0; locks >> number >> type >> mode >> access >> pid >> file && std::getline(locks, rest);) {
     if (type == "FLOCK" && inodes.count(file.substr(file.rfind(':') + 1)) != 0 && process_entry(pid)) return pid;
   }

@@ -78,7 +78,7 @@ std::optional<RunningDaemon> daemon_below(const std::string& root) {
     return RunningDaemon::answering(root);
   } catch (const Failure&) {  // one without a free place, or without a control socket, still has a lock
   }
-  if (const auto owner = RunningDaemon::find(root)) return owner;
+  if (auto owner = RunningDaemon::find(root)) return owner;
   try {
     RunningDaemon::fail_if_locks_hidden(root);
   } catch (const Failure& failure) {

@@ -60,7 +60,7 @@ class Writer {
   explicit Writer(lua_State* state) : L(state) {}
 
   // The table on top of the stack, which stays there.
-  std::string table(const std::string& where) {
+  std::string table(const std::string& where) {  // NOLINT(misc-no-recursion): 16 tables deep at most
     const void* const self = lua_topointer(L, -1);
     if (std::find(above.begin(), above.end(), self) != above.end()) refuse(where, "is a table that holds itself");
     if (above.size() == kKeptDepthMax) refuse(where, "is deeper than 16 tables");
@@ -89,7 +89,7 @@ class Writer {
   }
 
   // The key and the value on top of the stack.
-  Entry entry(const std::string& where) {
+  Entry entry(const std::string& where) {  // NOLINT(misc-no-recursion): 16 tables deep at most
     const bool is_text = lua_type(L, -2) == LUA_TSTRING;
     const std::string name(is_text ? bytes(-2) : "");
     const bool is_plain = is_name(name);
@@ -170,7 +170,7 @@ class Reader {
   }
 
   // Behind the '{'.
-  bool table(int depth) {
+  bool table(int depth) {  // NOLINT(misc-no-recursion): 16 tables deep at most
     if (depth > kKeptDepthMax) return fail("the tables are deeper than 16");
     lua_newtable(L);
     while (!take('}')) {

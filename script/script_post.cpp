@@ -67,7 +67,9 @@ std::string info_of(lua_State* L, int index) {
   for (lua_pushnil(L); lua_next(L, index) != 0; lua_pop(L, 1)) fields.push_back(read_field(L));
   std::sort(fields.begin(), fields.end());
   std::string info;
-  for (const auto& [name, value] : fields) info += (info.empty() ? "" : "&") + name + "=" + value;
+  for (const auto& [name, value] : fields) {
+    info.append(info.empty() ? "" : "&").append(name).append("=").append(value);
+  }
   return info;
 }
 

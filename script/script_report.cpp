@@ -39,6 +39,7 @@ void write_place(const lua_Debug& info, int line, Place& place) {
 
 // Where the function on top of the stack is defined; of a default script's, where the one that it calls is: it has it
 // in an upvalue. Pops it. Returns false, and gives the place of a default script, when there is none.
+// NOLINTNEXTLINE(misc-no-recursion): `deep` levels below the first at most
 bool find_place(lua_State* L, int deep, Place& place) {
   lua_Debug info{};
   lua_pushvalue(L, -1);
@@ -58,7 +59,7 @@ bool find_place(lua_State* L, int deep, Place& place) {
 
 // Where the value on top of the stack is defined. Pops it.
 void find_definition(lua_State* L, Place& place) {
-  strcpy(place, "");
+  place[0] = '\0';
   if (!lua_isfunction(L, -1)) return lua_pop(L, 1);
   luaL_checkstack(L, kUpvaluesDeep + LUA_MINSTACK, "report");
   find_place(L, kUpvaluesDeep, place);
@@ -84,6 +85,7 @@ lua_State* inner_thread(lua_State* L) {
 
 // Where a coroutine waits: the innermost line that is not the default scripts', or else the outermost one of these.
 // Nothing is pushed on its own stack but what getinfo leaves there.
+// NOLINTNEXTLINE(misc-no-recursion): `deep` levels below the first at most
 bool find_wait(lua_State* L, lua_State* thread, int deep, Place& place) {
   lua_Debug info{};
   for (int level = 0; deep > 0 && lua_getstack(thread, level, &info) == 1; ++level) {
@@ -142,7 +144,8 @@ class Report {
       if (lua_istable(L, -1)) add_handler(L, event);
       lua_pop(L, 1);
     }
-    answer.leave_out(static_cast<size_t>(count - i + 1));
+    const int left = count - i + 1;
+    answer.leave_out(static_cast<size_t>(left));
     lua_pop(L, 1);
   }
 
@@ -201,7 +204,7 @@ class Report {
     for (const auto& [number, coroutine] : script.coroutines.all()) {
       if (!goes_on()) break;
       --left;
-      strcpy(place, "");
+      place[0] = '\0';
       find_wait(L, coroutine.thread, kThreadsDeep, place);
       answer.line("task").key("tag", coroutine.tag);
       const bool waits_for_time = coroutine.wait != INT_MAX;

@@ -110,7 +110,7 @@ std::vector<int> open_descriptors() {
   std::vector<int> found;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), closedir);
   while (const dirent* entry = folder == nullptr ? nullptr : readdir(folder.get())) {
-    const int fd = entry->d_name[0] == '.' ? -1 : atoi(entry->d_name);
+    const int fd = entry->d_name[0] == '.' ? -1 : static_cast<int>(strtol(entry->d_name, nullptr, 10));
     if (fd >= 0 && fd != dirfd(folder.get()) && fd != g_pipe) found.push_back(fd);
   }
   return found;
@@ -152,7 +152,7 @@ rlim_t number_in(const char* file, const char* label) {
 // A script that eats memory must not take it from the device: at most half of what is available, and where that
 // misjudges the device, the system ends the copy before others.
 void bound_memory() {
-  const rlim_t page = static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+  const auto page = static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
   const rlim_t half = number_in("/proc/meminfo", "MemAvailable:") * 1024 / 2;
   const rlim_t more = half == 0 ? kMoreMemoryMost : std::min(half, kMoreMemoryMost);
   const rlim_t bound = number_in("/proc/self/statm", "") * page + more;
@@ -167,7 +167,7 @@ void bound_memory() {
 
 void start_the_clock(ManagerScript& script, int limit_ms) {
   script.stop.begin_trial(limit_ms, report_place);
-  const itimerval alarm{{0, kRepeatUs}, {limit_ms / 1000, limit_ms % 1000 * 1000}};
+  const itimerval alarm{{0, kRepeatUs}, {limit_ms / 1000, suseconds_t{limit_ms % 1000} * 1000}};
   setitimer(ITIMER_REAL, &alarm, nullptr);
 }
 

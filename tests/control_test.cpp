@@ -321,8 +321,8 @@ TEST_F(Control, SixteenClients) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 16; ++i) {
     clients.push_back(std::make_unique<Client>(root));
-    clients[i]->put(i == 3 ? "follow\n" : "follow names=quiet\n");
-    EXPECT_EQ(clients[i]->read_to("\n").substr(0, 9), "following");
+    clients.back()->put(i == 3 ? "follow\n" : "follow names=quiet\n");
+    EXPECT_EQ(clients.back()->read_to("\n").substr(0, 9), "following");
   }
   EXPECT_EQ(Client(root).read_to("\n\n"), "error: 16 clients are connected already");
   const std::string process = "process " + std::to_string(getpid());

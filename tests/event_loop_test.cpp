@@ -291,7 +291,8 @@ TEST_F(EventLoop, AHandlerWhoseErrorNeedsTooMuchMemoryCostsNoOther) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these have most of the addresses
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
-  const rlimit tight{static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (1 << 25), limit.rlim_max};
+  const rlimit tight{static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (1 << 25),
+                     limit.rlim_max};
   setrlimit(RLIMIT_AS, &tight);
 #endif
   for (const char* name : {"a", "a", "b"}) standin::post(1, name, "");

@@ -111,7 +111,7 @@ TEST_F(Trial, EndsAtOnceWhenTheDaemonIsToEnd) {
   std::thread later([main = pthread_self()] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     asked = true;
-    pthread_kill(main, SIGTERM);
+    pthread_kill(main, SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread): a handler takes it
   });
   signal(SIGTERM, [](int) {});
   EXPECT_EQ(tried(20000).text, "the daemon is to end");

@@ -126,7 +126,8 @@ class ScriptFixture : public testing::Test {
   }
 
   static int now(lua_State* L) {
-    lua_pushnumber(L, static_cast<lua_Number>(now_ms / 1000));
+    const auto seconds = now_ms / 1000;
+    lua_pushnumber(L, static_cast<lua_Number>(seconds));
     return 1;
   }
 

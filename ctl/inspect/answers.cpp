@@ -117,6 +117,7 @@ std::vector<AnswerLine> posters_by_process(const std::vector<AnswerLine>& stats)
     sums.rate += poster_rate(*line);
   }
   std::vector<AnswerLine> posters;
+  posters.reserve(processes.size());
   for (const auto& [process, sums] : processes) {
     posters.emplace_back(sstr("poster pid=%s uid=%s events=%llu refused=%llu since_s=%llu rate=%.3f",
                               encoded(process.first).c_str(), encoded(process.second).c_str(), sums.events,

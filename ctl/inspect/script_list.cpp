@@ -86,7 +86,7 @@ class ScriptList {
   static std::string value(const AnswerLine& line, const char* key) { return shown(line.text(key), 4 * kWidthMax); }
 
   static std::string when(const AnswerLine& line) {
-    const std::string due = line.has("due_in_ms") ? "due in " + duration_text(line.count("due_in_ms") * 1000) : "waits";
+    std::string due = line.has("due_in_ms") ? "due in " + duration_text(line.count("due_in_ms") * 1000) : "waits";
     if (!line.has("every_ms")) return due;
     const uint64_t every_ms = line.count("every_ms");
     return due + (every_ms == 0 ? ", once" : ", every " + duration_text(every_ms * 1000));

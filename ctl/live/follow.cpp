@@ -63,28 +63,37 @@ class Follower {
     bool is_over = false;  // the daemon has no more events, but goes on
     for (;;) {
       AnswerLine line;
-      ControlClient::Got got = ControlClient::Got::nothing;
-      try {
-        got = client->next(line, 0);
-      } catch (const Refused& refused) {
-        if (std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
-        // All places were taken: by others who come again, perhaps.
-        if (gone_since != 0) throw Gone(refused.status, refused.what());
-        if (!request.reconnect || run_id.empty()) throw;
-        say(refused.what() + std::string("; waiting for a new one"));
-        is_over = true;
-      } catch (const Failure& failure) {
-        throw Gone(failure.status, "the daemon went away");
-      }
+      const ControlClient::Got got = next(*client, line, is_over);
       if (got == ControlClient::Got::end && is_over) continue;
       if (got == ControlClient::Got::end) throw Gone(Exit::unreachable, "the daemon has ended its answer");
       if (got == ControlClient::Got::nothing) {
-        const bool has_come = wait_to_read(client->descriptor(), out, request.on_silence ? kSilenceMs : -1);
-        if (!has_come && request.on_silence) request.on_silence();
+        wait(*client);
       } else if (!take(line)) {
         return true;
       }
     }
+  }
+
+  // What has come of the answer. Sets `is_over` when the daemon has refused to go on with it.
+  ControlClient::Got next(ControlClient& client, AnswerLine& line, bool& is_over) {
+    try {
+      return client.next(line, 0);
+    } catch (const Refused& refused) {
+      if (std::string_view(refused.what()).find(kNoRing) != std::string_view::npos) throw;
+      // All places were taken: by others who come again, perhaps.
+      if (gone_since != 0) throw Gone(refused.status, refused.what());
+      if (!request.reconnect || run_id.empty()) throw;
+      say(refused.what() + std::string("; waiting for a new one"));
+      is_over = true;
+      return ControlClient::Got::nothing;
+    } catch (const Failure& failure) {
+      throw Gone(failure.status, "the daemon went away");
+    }
+  }
+
+  void wait(const ControlClient& client) {
+    const bool has_come = wait_to_read(client.descriptor(), out, request.on_silence ? kSilenceMs : -1);
+    if (!has_come && request.on_silence) request.on_silence();
   }
 
   // The first time, whatever fails is the end: somebody looks on.

@@ -1,8 +1,10 @@
 #include "ctl/live/tail.h"
 
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string_view>
 
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
@@ -23,16 +25,14 @@ bool holds(const std::string& condition, const std::string& info) {
   if (query_field(info.c_str(), condition.substr(0, value).c_str(), found.data(), static_cast<int>(info.size())) < 0) {
     return false;
   }
-  return condition.compare(value, std::string::npos, found.c_str()) == 0;
+  return std::string_view(condition).substr(value) == found.c_str();
 }
 
 bool is_wanted(const TailRequest& request, const AnswerLine& event) {
   if (event.count("run_us") < request.slow_us || (request.errors && event.count("errors") == 0)) return false;
   const std::string info = event.text("info");
-  for (const std::string& condition : request.where) {
-    if (!holds(condition, info)) return false;
-  }
-  return true;
+  return std::all_of(request.where.begin(), request.where.end(),
+                     [&](const std::string& condition) { return holds(condition, info); });
 }
 
 // "2026-11-22 19:26:33.123456", local time, of "SECONDS.MICROSECONDS".

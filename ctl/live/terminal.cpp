@@ -1,8 +1,5 @@
 #include "ctl/live/terminal.h"
 
-#define NCURSES_NOMACROS 1
-#define NCURSES_WIDECHAR 1
-#include <curses.h>
 #include <langinfo.h>
 #include <poll.h>
 #include <unistd.h>

@@ -1,12 +1,12 @@
 // The terminal of `zelvctl top`: draws lines on the whole screen and reads keys.
 #pragma once
 
+#define NCURSES_NOMACROS 1
+#define NCURSES_WIDECHAR 1
+#include <curses.h>
 #include <memory>
 #include <string>
 #include <vector>
-
-struct screen;  // of ncurses, as is the next one
-struct _win_st;
 
 class Terminal {
  public:
@@ -38,8 +38,8 @@ class Terminal {
   Key next_key(int wait_ms) const;
 
  private:
-  Terminal(screen* opened, _win_st* whole) : handle(opened), window(whole) {}
+  Terminal(SCREEN* opened, WINDOW* whole) : handle(opened), window(whole) {}
 
-  screen* const handle;
-  _win_st* const window;
+  SCREEN* const handle;
+  WINDOW* const window;
 };

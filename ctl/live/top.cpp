@@ -136,7 +136,7 @@ class Screen {
     Table table = table_of(source.history, view);
     table.sort(order.column, order.reversed);
     std::vector<Terminal::Line> lines;
-    for (const std::string& line : head_lines(source.history, width, terminal.is_utf8())) lines.push_back({line});
+    for (const std::string& line : head_lines(source.history, width, Terminal::is_utf8())) lines.push_back({line});
     lines.front().style = Terminal::Style::bold;
     if (!source.trouble.empty()) lines[1] = {shown("NO ANSWER: " + source.trouble, width), Terminal::Style::bold};
     lines.push_back({});
