@@ -117,7 +117,7 @@ TEST(Top, ShowsRatesAndTimesOfTheLastSeconds) {
       "client id=9 address=a:3 state=owing events=20 bytes=200 waiting=2048 skipped=1 connected_s=5 wants=do%1bor\n"
       "client id=8 address=a:2 state=subscribed events=30 bytes=20580 connected_s=61 wants=a,b\n"};
   History history;
-  for (int i = 0; i < 2; ++i) history.add(10000 * i, {lines_in(stats[i]), lines_in(clients[i])});
+  for (int i = 0; i < 2; ++i) history.add(int64_t{10000} * i, {lines_in(stats[i]), lines_in(clients[i])});
   std::string text;
   for (const std::string& line : head_lines(history, 80, false)) text += line + "\n";
   text.erase(72, 8);  // the time of day
