@@ -211,6 +211,7 @@ void ManagerScript::close_state() {
 
 void ManagerScript::run_timers() {
   assert(gate.held_here());
+  ScriptStop::keep_watching(lua_state);
   timers.run_due(lua_state, clock.seconds());
   timers.run_alarms(lua_state, clock.steady());
   update_gauges();

@@ -45,6 +45,12 @@ class ScriptStop {
   // Sets the hook in a fresh state. Only the thread that has the state; g_mscript must own this object.
   static void watch(lua_State* L);
 
+  // Sets the hook again where a script has removed it; a hook of the script's own stays. Only the thread that has the
+  // state.
+  static void keep_watching(lua_State* L) {
+    if (lua_gethook(L) == nullptr) watch(L);
+  }
+
   // Does at once what the hook does, for functions in which a script waits in C. May raise the error, which ends the
   // caller. Only the thread that has the state.
   static void check(lua_State* L);

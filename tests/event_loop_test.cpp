@@ -215,13 +215,15 @@ TEST_F(EventLoop, ACallThatHoldsUpTheLoopIsNamedOnceAMinuteAndEndedByTheLimit) {
       "es_a = { list_func = { { 't', slow } } }"
       "es_b = { list_func = { { 'in C', hold_in_c } } }"
       "es_c = { list_func = { { 't', function() pcall(slow) slow() end }, { 'u', function() trace(1, 'next') end } } }"
-      "es_d = { list_func = { { 'v', function() cr_add(slow, 0, 0) end } } }");
+      "es_d = { list_func = { { 'v', function() cr_add(slow, 0, 0) end } } }"
+      "debug.sethook()");
   script->watch.wake = [] { ++wakes; };
   script->watch.warn_ms = 20;
   ASSERT_EQ(script->start_thread(), 1);
   watch_until_rest();
   EXPECT_EQ(script->watch.where(0), "");
   standin::post(1, "a", "");
+  while (wakes == 0) sched_yield();  // a look in between would make it needless
   watch_until("slow handler: event(a), tag[t], ");
   EXPECT_EQ(wakes, 1);
   EXPECT_EQ(script->watch.where(10000), "[string \"temp\"]:1");
