@@ -142,7 +142,8 @@ TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
     clock_gettime(CLOCK_REALTIME, &now);
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
   };
-  std::vector<int64_t> times = {now_us()};
+  std::vector<int64_t> times = {now_us()};  // ages are of the steady clock, which this one may leave behind
+  std::vector<int64_t> steady_times = {steady_ns()};
   const event_counts before = counts();
   const std::string events[] = {"1 line 1", "2 own 1", "1 line 2", "2 own 2", "1 line 3"};
   for (const std::string& event : events) {
@@ -156,13 +157,14 @@ TEST_F(DeviceQueue, EventsAreTakenInWhileTheLoopIsAway) {
       EXPECT_EQ(recv(fd.get(), &byte, 1, 0), 0);  // all was taken in
     }
     times.push_back(now_us());
+    steady_times.push_back(steady_ns());
   }
   EXPECT_EQ(event_pending(), 5);
   const event_counts full = counts();
   EXPECT_EQ(std::vector<uint64_t>({full.posted - before.posted, full.lines - before.lines, full.waiting}),
             (std::vector<uint64_t>{2, 3, 5}));
   for (size_t i = 0; i + 1 < times.size(); ++i) {
-    const auto since = [&](size_t time) { return now_us() - times[time]; };
+    const auto since = [&](size_t time) { return (steady_ns() - steady_times[time]) / 1000; };
     const int64_t least_us = since(i + 1);
     const auto oldest_us = static_cast<int64_t>(counts().oldest_age_us);
     EXPECT_TRUE(oldest_us >= least_us && oldest_us <= since(i)) << oldest_us;
