@@ -1,0 +1,46 @@
+// Commands of the broker to the scripts: each becomes an event of the daemon, at most once, and the script's answer
+// goes back. docs/uplink.md describes the payloads.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "uplink/uplink_settings.h"
+
+// One thread only. Nothing throws.
+class Commands {
+ public:
+  struct Ways {
+    // Hands the line "TYPE NAME INFO" (no line end) to the daemon. False: it is not known to have been taken in.
+    std::function<bool(const std::string& line)> post;
+    // Publishes an answer. `id` is safe as a part of a topic.
+    std::function<void(const std::string& id, const std::string& payload)> answer;
+  };
+
+  struct State {
+    uint64_t taken = 0;
+    uint64_t refused = 0;
+    uint64_t repeated = 0;  // ids that were known already
+    std::string last_refusal;
+  };
+
+  // Remembers the last 256 ids in a file of `folder`, across restarts, with the answers that were given.
+  Commands(const UplinkSettings& all_settings, const std::string& folder, Ways all_ways);
+  ~Commands();
+  Commands(const Commands&) = delete;
+  Commands& operator=(const Commands&) = delete;
+
+  // A message of the broker; `name` is the topic's part behind PREFIX/c/.
+  void take(std::string_view name, std::string_view payload, bool retained);
+
+  // A script's event "uplink_reply", as its info.
+  void reply(std::string_view info);
+
+  State state() const;
+
+ private:
+  struct Data;
+  Data* const data;
+};

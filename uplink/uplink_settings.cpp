@@ -1,0 +1,1 @@
+#include "uplink/uplink_settings.h"
