@@ -40,9 +40,9 @@ ListenerStatus ManagerListener::status() {
 
 std::vector<ClientStatus> ManagerListener::client_list() {
   std::vector<ClientStatus> list;
-  std::vector<sockaddr_in> addresses;  // made into texts without the lock
+  std::vector<Peer> peers;  // made into texts without the lock
   list.reserve(kPositionMax);
-  addresses.reserve(kPositionMax);
+  peers.reserve(kPositionMax);
   const auto now = Clock::now();
   {
     const MutexLock lock(mutex);
@@ -55,9 +55,9 @@ std::vector<ClientStatus> ManagerListener::client_list() {
       copy.connected_s = whole_seconds(now - client->since);
       copy.bytes_waiting = client->output.waiting();
       if (copy.skips > 0) copy.last_skip_s = whole_seconds(now - client->output.skipped_last());
-      addresses.push_back(client->address);
+      peers.push_back(client->peer);
     }
   }
-  for (size_t i = 0; i < list.size(); ++i) list[i].address = PeerText(addresses[i]).text;
+  for (size_t i = 0; i < list.size(); ++i) list[i].address = PeerText(peers[i]).text;
   return list;
 }

@@ -43,7 +43,7 @@ struct ClientStatus : OutputCounts {
   static constexpr size_t kSubscriptionShown = 1000;  // bytes
 
   int fd = 0;
-  std::string address;       // "a.b.c.d:port"
+  std::string address;       // "a.b.c.d:port", or "process P of user U"
   const char* state = "";    // "new" (has not subscribed), "subscribed", "owing" or "leaving"
   std::string subscription;  // its type string, at most kSubscriptionShown bytes of it; empty while "new"
   int64_t connected_s = 0;   // seconds since it was accepted
