@@ -110,7 +110,7 @@ std::string listener_address_problem(std::string_view value) {
   if (parse_listener_address(value)) return "";
   return sstr(
       "listener_address is '%.100s': expected none, or up to %zu different IPv4 addresses and absolute paths of Unix "
-      "sockets with commas between them",
+      "sockets with commas between them; no client can connect",
       std::string(value).c_str(), kListenPlacesMax);
 }
 
@@ -125,6 +125,6 @@ std::string listener_allow_problem(std::string_view value) {
   if (bad.size() > kEntriesShown) entries += sstr(" and %zu more", bad.size() - kEntriesShown);
   return sstr(
       "listener_allow has %s: expected up to %zu networks such as 10.1.0.0/16 or 192.0.2.7 with commas between "
-      "them",
+      "them; nobody is let in by that",
       entries.c_str(), kAllowedNetworksMax);
 }

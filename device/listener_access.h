@@ -52,6 +52,6 @@ class AllowedNetworks {
   std::vector<std::string> bad;
 };
 
-// What is wrong with a value of each, and what is expected; empty when it is good.
+// What is wrong with a value of each setting, as settings::problem tells it; empty when it is good.
 std::string listener_address_problem(std::string_view value);
 std::string listener_allow_problem(std::string_view value);

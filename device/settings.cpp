@@ -21,13 +21,13 @@ const Setting* find(std::string_view key) {
 std::string problem(const Setting& setting, std::string_view value) {
   if (setting.problem != nullptr) return setting.problem(value);
   if (setting.type == Setting::Type::text) {
-    return value.size() <= kSettingMax ? ""
-                                       : sstr("%s is too long: expected at most %d bytes", setting.key, kSettingMax);
+    if (value.size() <= kSettingMax) return "";
+    return sstr("%s is too long: expected at most %d bytes; it is not used", setting.key, kSettingMax);
   }
   int number = 0;
   if (parse_store_int(value, number) && number >= setting.least && number <= setting.most) return "";
-  return sstr("%s is '%.100s': expected a whole number from %d to %d", setting.key, std::string(value).c_str(),
-              setting.least, setting.most);
+  const std::string expected = sstr("a whole number from %d to %d", setting.least, setting.most);
+  return sstr("%s is '%.100s': expected %s; it is not used", setting.key, std::string(value).c_str(), expected.c_str());
 }
 
 }  // namespace settings
@@ -39,7 +39,7 @@ constexpr int kStoreType = 0;
 // Logs the problem of a value, if there is one. Returns whether it is good.
 bool is_good(const Setting& setting, std::string_view value) {
   const std::string problem = settings::problem(setting, value);
-  if (!problem.empty()) elog(1, "econf: %s; %s", problem.c_str(), setting.effect);
+  if (!problem.empty()) elog(1, "econf: %s", problem.c_str());
   return problem.empty();
 }
 

@@ -27,9 +27,7 @@ struct Setting {
   int least;                // of a number
   int most;                 // of a number
   const char* absent_text;  // of a text; null: the folder of the daemon's executable
-  // What is wrong with a text, or null: only too long a one is wrong. And what a wrong value does.
-  std::string (*problem)(std::string_view value) = nullptr;
-  const char* effect = "it is not used";
+  std::string (*problem)(std::string_view value) = nullptr;  // of a text: as settings::problem; null: its length counts
 
   static constexpr Setting number(const char* key, int absent, int least, int most) {
     return {key, Type::number, absent, least, most, nullptr};
@@ -37,8 +35,8 @@ struct Setting {
   static constexpr Setting text(const char* key, const char* absent_text) {
     return {key, Type::text, 0, 0, 0, absent_text};
   }
-  static constexpr Setting checked(const char* key, std::string (*problem)(std::string_view), const char* effect) {
-    return {key, Type::text, 0, 0, 0, "", problem, effect};
+  static constexpr Setting checked(const char* key, std::string (*problem)(std::string_view)) {
+    return {key, Type::text, 0, 0, 0, "", problem};
   }
 };
 
@@ -57,11 +55,9 @@ inline constexpr Setting collect_every = Setting::number("collect_every", 20, 1,
 // The listener's TCP port; 0 lets the kernel choose.
 inline constexpr Setting listener_port = Setting::number("listener_port", 5512, 0, 65535);
 // Where the listener listens; missing: the port at every address. A wrong value opens nothing.
-inline constexpr Setting listener_address =
-    Setting::checked("listener_address", listener_address_problem, "no client can connect");
+inline constexpr Setting listener_address = Setting::checked("listener_address", listener_address_problem);
 // The networks from which clients may connect over TCP; missing: all. A wrong entry lets nobody in.
-inline constexpr Setting listener_allow =
-    Setting::checked("listener_allow", listener_allow_problem, "nobody is let in by it");
+inline constexpr Setting listener_allow = Setting::checked("listener_allow", listener_allow_problem);
 // The longest wait for slow clients, and the sum of these waits in a minute, in ms.
 inline constexpr Setting listener_wait_ms = Setting::number("listener_wait_ms", 3000, 0, 60000);
 // What all clients of the listener together may hold, in KiB.
@@ -89,7 +85,8 @@ inline constexpr const Setting* kAll[] = {
 // The setting with that key, or null. Any thread, like problem().
 const Setting* find(std::string_view key);
 
-// What is wrong with `value` and what is expected, as a text that begins with the key; empty when the value is good.
+// What is wrong with `value`, what is expected, and what becomes of it: a text that begins with the key, empty when the
+// value is good.
 std::string problem(const Setting& setting, std::string_view value);
 
 }  // namespace settings

@@ -33,9 +33,20 @@ ListenerStatus ManagerListener::status() {
   now.waited_us = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(waited).count());
   now.port = open_number;
   now.wanted_port = port;
+  now.denied = denied;
+  add_places(now);
   now.memory = memory.held();
   now.memory_limit = memory.limit;
   return now;
+}
+
+void ManagerListener::add_places(ListenerStatus& status) const {
+  if (sockets.empty() && parse_listener_address(*address)) status.address = "none";
+  for (const auto& socket : sockets) {
+    const std::string place = socket->place.text();
+    status.address += (status.address.empty() ? "" : ",") + place;
+    if (!socket->is_open()) status.not_open += (status.not_open.empty() ? "" : ",") + place;
+  }
 }
 
 std::vector<ClientStatus> ManagerListener::client_list() {

@@ -95,6 +95,9 @@ class ManagerListener {
   void give_up(ListenerClient& victim, const PeerText& newcomer) REQUIRES(mutex);
   void add_client(int fd, const Peer& peer);
 
+  // listener_status.cpp
+  void add_places(ListenerStatus& status) const;
+
   // receive_thread.cpp
   void receive_loop();
   void receive_pass(PollSet& set);
