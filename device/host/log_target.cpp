@@ -25,16 +25,6 @@ namespace {
 
 constexpr char kFilePrefix[] = "file:";
 
-std::string frame(int level, const char* program) {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
-  return sstr("%04d-%02d-%02d %02d:%02d:%02d.%03d %s[%d] <%d> ", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-              local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000), program, getpid(),
-              level);
-}
-
 std::string lost_text(uint64_t lines) {
   return sstr("log: %llu lines lost", static_cast<unsigned long long>(lines));
 }
@@ -57,19 +47,18 @@ void LogTarget::write(int level, bool framed, std::string_view lines) {
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
   const bool is_one_line = framed && lines.find('\n') == lines.size() - 1;
   if (repeats != nullptr) {
-    if (is_one_line && is_left_out(level, lines)) return;
-    if (!is_one_line) repeats->pass();
-    sum_up(steady_tick_ms());
+    const int64_t now_ms = steady_tick_ms();
+    if (!is_one_line) {
+      repeats->pass();
+    } else if (const uint64_t times = repeats->leave_out(level, lines, now_ms)) {
+      if (times == 1) start_clock();
+      return;
+    }
+    sum_up(now_ms);
     repeats->wrote();
   }
   (put(level, framed, lines) ? written : lost).fetch_add(1, std::memory_order_relaxed);
   if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
-}
-
-bool LogTarget::is_left_out(int level, std::string_view line) {
-  const uint64_t times = repeats->leave_out(level, line, steady_tick_ms());
-  if (times == 1) start_clock();
-  return times > 0;
 }
 
 void LogTarget::divert(void (*take)(int level, const char* lines, size_t size)) {
@@ -161,6 +150,19 @@ void LogTarget::sum_up(int64_t now_ms) {
   }
 }
 
+// What stands in front of a line. A date is good for all lines of its second: the time zone costs as much as the rest.
+std::string LogTarget::frame(int level) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  if (now.tv_sec != date_second) {
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &local);
+    date_second = now.tv_sec;
+  }
+  return sstr("%s.%03d %s[%d] <%d> ", date, static_cast<int>(now.tv_usec / 1000), program, getpid(), level);
+}
+
 bool LogTarget::put(int level, bool framed, std::string_view lines) {
   const bool in_stream = stream.is_open() && put_in_stream(level, framed, lines);
   const bool in_syslog = syslog.is_open() && put_in_syslog(level, lines);
@@ -168,9 +170,9 @@ bool LogTarget::put(int level, bool framed, std::string_view lines) {
 }
 
 bool LogTarget::put_in_stream(int level, bool framed, std::string_view lines) {
-  if (stream_lost > 0 && stream.write(frame(1, program) + lost_text(stream_lost) + '\n', patience)) stream_lost = 0;
+  if (stream_lost > 0 && stream.write(frame(1) + lost_text(stream_lost) + '\n', patience)) stream_lost = 0;
   std::string text;
-  if (framed) text = frame(level, program);
+  if (framed) text = frame(level);
   text.append(lines);
   if (stream_lost == 0 && stream.write(std::move(text), patience)) return true;
   ++stream_lost;

@@ -14,6 +14,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <string>
 #include <string_view>
 
 #include "device/counts.h"
@@ -55,8 +57,8 @@ class LogTarget {
   void choose(int facility) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
-  bool is_left_out(int level, std::string_view line) REQUIRES(mutex);
   void sum_up(int64_t now_ms) REQUIRES(mutex);
+  std::string frame(int level) REQUIRES(mutex);
   bool put(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   bool put_in_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   bool put_in_syslog(int level, std::string_view lines) REQUIRES(mutex);
@@ -78,6 +80,8 @@ class LogTarget {
   int last_lines GUARDED_BY(mutex) = -1;            // descriptor of the supervisor's file, or -1
   unsigned last_number GUARDED_BY(mutex) = 0;
   char program[64] GUARDED_BY(mutex) = "";
+  char date[32] GUARDED_BY(mutex) = "";  // of date_second, local time
+  time_t date_second GUARDED_BY(mutex) = -1;
 
   std::atomic<uint64_t> written{0};   // messages that a target took,
   std::atomic<uint64_t> lost{0};      // those that none took,
