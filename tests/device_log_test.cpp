@@ -218,6 +218,7 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
   const Row rows[] = {{"file:", "fifo", false},    {"stderr", "pipe", false},     {"stderr", "pipe", true},
                       {"stderr", "socket", false}, {"stderr", "terminal", false}, {"syslog", "datagrams", false},
                       {"syslog", "stream", false}};
+  alarm(30);
   const Descriptor standard_error(dup(STDERR_FILENO));
   for (const auto& [target, through, is_read_only] : rows) {
     const std::string way = through;
@@ -262,6 +263,7 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
     log_to("file:" + root + "/log");
     for (const int end : ends) close(end);
   }
+  alarm(0);
 }
 
 TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
@@ -277,6 +279,7 @@ TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
     return line.substr(line.find("<1> ") + 4);
   };
   const log_counts before = counted();
+  alarm(20);
   for (int i = 0; i < 150; ++i) elog(1, "broken");
   elog(1, "other");
   for (int i = 0; i < 100; ++i) EXPECT_EQ(next(), "broken");
@@ -289,6 +292,7 @@ TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
   EXPECT_EQ(next(), "log: last line repeated 49 times");
   EXPECT_EQ(next(), first == "this" ? "that" : "this");
   EXPECT_EQ(next(), "log: last line repeated 49 times");
+  alarm(0);
   EXPECT_EQ(counted().repeated, before.repeated + 50 + 49 + 49);
   EXPECT_EQ(counted().written, before.written + 100 + 1 + 202);
 }
