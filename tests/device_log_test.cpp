@@ -163,6 +163,9 @@ TEST_F(DeviceLog, FilesAndWhatIsNone) {
   for (int i = 0; i < 2; ++i) log_to("file:/no/such/\x1b[2Jfile");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "log: failed to open '/no/such/\\x1b[2Jfile' of ELOG_TARGET: No such file or directory; using syslog\n");
+  const Descriptor daemon = log_daemon(SOCK_DGRAM);
+  elog(1, "to syslog");
+  EXPECT_NE(read_all(daemon.get()).find("]: to syslog"), std::string::npos);
 }
 
 TEST_F(DeviceLog, TheLogDaemonGetsRecordsAndMayRestart) {
