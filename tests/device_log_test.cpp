@@ -297,10 +297,11 @@ TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
   EXPECT_EQ(next(), "other");
   // Two kinds in turns, and then silence: nothing but the time brings the last sum.
   for (int i = 0; i < 150; ++i) elog(1, "this\n"), elog(1, "that");
+  EXPECT_EQ(in_child([] { elog(1, "child"); }), 0);  // which has nothing to sum up
   elog(1, "other");
   for (int i = 0; i < 100; ++i) EXPECT_EQ((next(), next()), "that");
   for (const char* const line :
-       {"log: last line repeated 50 times", "other", "this", "log: last line repeated 49 times"}) {
+       {"child", "log: last line repeated 50 times", "other", "this", "log: last line repeated 49 times"}) {
     EXPECT_EQ(next(), line);
   }
   alarm(0);

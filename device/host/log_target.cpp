@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <new>
 #include <string>
 #include <utility>
@@ -135,19 +136,28 @@ void LogTarget::keep_last(std::string_view lines) {
   (void)ignored;
 }
 
-// Writes the summaries that are due. A line that is not the last one any more is repeated before.
+// Writes the summaries that are due. Without memory they are lost, and nothing else.
 void LogTarget::sum_up(int64_t now_ms) {
   LogRepeats::Summary summary;
   while (repeats->take(now_ms, summary)) {
-    if (!summary.is_last) {
-      --summary.times;
-      (put(summary.level, true, summary.line) ? written : lost).fetch_add(1, std::memory_order_relaxed);
+    try {
+      say(summary);
+    } catch (const std::exception&) {
+      lost.fetch_add(summary.times, std::memory_order_relaxed);
     }
-    if (summary.times == 0) continue;
-    const auto number = static_cast<unsigned long long>(summary.times);
-    const bool is_taken = put(summary.level, true, sstr("log: last line repeated %llu times\n", number));
-    (is_taken ? repeated : lost).fetch_add(summary.times, std::memory_order_relaxed);
   }
+}
+
+// A line that is not the last one any more is repeated before.
+void LogTarget::say(LogRepeats::Summary& summary) {
+  if (!summary.is_last) {
+    (put(summary.level, true, summary.line) ? written : lost).fetch_add(1, std::memory_order_relaxed);
+    --summary.times;
+  }
+  if (summary.times == 0) return;
+  const auto number = static_cast<unsigned long long>(summary.times);
+  const bool is_taken = put(summary.level, true, sstr("log: last line repeated %llu times\n", number));
+  (is_taken ? repeated : lost).fetch_add(summary.times, std::memory_order_relaxed);
 }
 
 // What stands in front of a line. A date is good for all lines of its second: the time zone costs as much as the rest.

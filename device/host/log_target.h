@@ -58,6 +58,7 @@ class LogTarget {
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
   void sum_up(int64_t now_ms) REQUIRES(mutex);
+  void say(LogRepeats::Summary& summary) REQUIRES(mutex);
   std::string frame(int level) REQUIRES(mutex);
   bool put(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   bool put_in_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
