@@ -21,7 +21,8 @@
 
 static std::string g_dev_log;  // the path that stands in for /dev/log
 
-// In the place of the C library's.
+// In the place of the C library's, whose names for the parameters are reserved.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int connect(int fd, const sockaddr* address, socklen_t size) {
   sockaddr_un other{};
   if (address->sa_family == AF_UNIX && size <= sizeof(other)) {
