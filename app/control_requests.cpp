@@ -144,7 +144,7 @@ void add_log(Answer& answer) {
   if (log_counts_now == nullptr) return;
   log_counts counts{};
   log_counts_now(&counts);
-  answer.line("log").key("written", counts.written).key("lost", counts.lost);
+  answer.line("log").key("written", counts.written).key("lost", counts.lost).key("repeated", counts.repeated);
 }
 
 // "in handler 'front' of door for 12.3 s".
