@@ -81,6 +81,8 @@ constexpr Metric kMetrics[] = {
      "Clients that do not read as fast as they are sent to."},
     {"listener_accepted_total", Shape::counter, "listener", "accepted", "Clients' connections taken."},
     {"listener_refused_total", Shape::counter, "listener", "refused", "Connections refused: all places were taken."},
+    {"listener_denied_total", Shape::counter, "listener", "denied",
+     "Connections closed because their address is not in listener_allow."},
     {"listener_given_up_total", Shape::counter, "listener", "given_up", "Connections closed to make room for others."},
     {"listener_deliveries_total", Shape::counter, "listener", "deliveries", "Events sent, counted once a client."},
     {"listener_sent_bytes_total", Shape::counter, "listener", "bytes", "Bytes sent to clients."},

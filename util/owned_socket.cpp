@@ -164,7 +164,19 @@ bool OwnedSocket::take_lock() {
   return true;
 }
 
+// Whether a program that knows nothing of our lock listens at the path: only a socket that refuses is left over.
+bool OwnedSocket::others_listen() const {
+  if (!names.spares_others) return false;
+  const Descriptor probe(unix_stream_socket());
+  if (probe.get() < 0 || fcntl(probe.get(), F_SETFL, O_NONBLOCK) != 0) return true;
+  return unix_connect(probe.get(), path) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+}
+
 bool OwnedSocket::make_socket() {
+  if (others_listen()) {
+    say(path + " belongs to another program");
+    return false;
+  }
   remove_at_exit_too();
   const MutexLock lock_of_files(g_files);
   struct stat status {};
