@@ -27,7 +27,7 @@ class OwnedSocket {
     const char* made_line;  // and here the path of the one that was made after all
     void (*log)(int level, const char* format, ...);
     // A user has chosen the path: a socket there at which another program listens is not replaced.
-    bool spares_others = false;
+    bool spares_others;
   };
 
   // `all_names` and the texts in it must live as long as the object.
