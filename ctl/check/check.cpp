@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -22,30 +21,6 @@
 
 namespace {
 
-// How many letters must be added, removed or replaced to make `a` out of `b`.
-size_t distance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), 0U);
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-    }
-  }
-  return row[b.size()];
-}
-
-// "; did you mean KEY?", or empty when no key is near.
-std::string suggestion_for(const std::string& key) {
-  const auto nearer = [&](const Setting* a, const Setting* b) { return distance(key, a->key) < distance(key, b->key); };
-  const Setting* const nearest = *std::min_element(std::begin(settings::kAll), std::end(settings::kAll), nearer);
-  const bool is_near = distance(key, nearest->key) <= std::max<size_t>(key.size() / 3, 1);
-  return is_near ? sstr("; did you mean %s?", nearest->key) : "";
-}
-
 // Warns of what the daemon ignores in its settings file `path`, where the embedded store keeps it.
 void check_settings(const ScriptFolders& folders, Findings& findings) {
   const std::string& path = folders.settings;
@@ -56,10 +31,12 @@ void check_settings(const ScriptFolders& folders, Findings& findings) {
     findings.warn(complaint.line == 0 ? path : path + ":" + std::to_string(complaint.line), complaint.text);
   }
   if (store.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", store.more_complaints));
+  std::vector<std::string> known;
+  for (const Setting* setting : settings::kAll) known.emplace_back(setting->key);
   for (const auto& [key, value] : store.values) {
     const Setting* const setting = settings::find(key);
     if (setting == nullptr) {
-      findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key));
+      findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key, known));
     } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
       findings.warn(path, problem + "; it is not used");
     }
