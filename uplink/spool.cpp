@@ -40,6 +40,10 @@ void extend(UplinkRecord& gap, const UplinkRecord& record) {
   gap.last_id = record.is_gap() ? record.last_id : record.id;
 }
 
+uint64_t seconds_now() {
+  return static_cast<uint64_t>(time(nullptr));
+}
+
 size_t size_of(const UplinkRecord& record) {
   return kFrameMax + record.id.size() + record.last_id.size() + record.name.size() + record.payload.size();
 }
@@ -61,6 +65,7 @@ struct Spool::Data {
   uint64_t next = kFirstNumber;    // of the next record
   uint64_t shift = 0;              // a number less the same number in the files
   NumberRanges settled;            // numbers from origin to next that are acknowledged, or of no record
+  uint64_t chain_end = 0;          // the last number in the files, as it is there
 
   bool is_taken_up = false;       // what an earlier run has left
   std::vector<Segment> segments;  // by serial
@@ -89,7 +94,7 @@ struct Spool::Data {
     return memory_bytes + size <= memory_max && counts.bytes + memory_bytes + size <= limit;
   }
 
-  void keep(uint64_t number, UplinkRecord record, uint64_t seconds);
+  void keep(SpoolItem item);
   void forget(uint64_t number);
   void settle(uint64_t number) { settled.add(number, number); }
 
@@ -99,6 +104,7 @@ struct Spool::Data {
   bool drop_memory();
   void lose(size_t index);
   void merge_head(uint64_t number);
+  void add_to(SpoolItem& gap, const SpoolItem& item);
 
   bool find(uint64_t number, SpoolItem& out);
   bool find_in(const Segment& segment, uint64_t number, SpoolItem& out);
@@ -138,7 +144,7 @@ uint64_t Spool::append(const UplinkRecord& record) {
     return 0;
   }
   const uint64_t number = data->next++;
-  data->keep(number, record, static_cast<uint64_t>(time(nullptr)));
+  data->keep({number, 0, false, seconds_now(), record});
   data->last_kept = record.is_gap() ? record.last_id : record.id;
   return number;
 }
@@ -172,10 +178,11 @@ void Spool::acknowledge(uint64_t number) {
   data->keep_refused();
 }
 
-void Spool::Data::keep(uint64_t number, UplinkRecord record, uint64_t seconds) {
+void Spool::Data::keep(SpoolItem item) {
   if (memory.empty()) memory_since = steady_ms();
-  memory_bytes += size_of(record);
-  memory[number] = SpoolItem{number, false, seconds, std::move(record)};
+  memory_bytes += size_of(item.record);
+  const uint64_t number = item.number;
+  memory[number] = std::move(item);
 }
 
 void Spool::Data::forget(uint64_t number) {
@@ -193,7 +200,7 @@ void Spool::Data::keep_refused() {
   const size_t size = size_of(refused);
   if (refused.id.empty() || (!has_room(size) && !make_room(size))) return;
   last_kept = refused.last_id;
-  keep(next++, std::exchange(refused, {}), static_cast<uint64_t>(time(nullptr)));
+  keep({next++, 0, false, seconds_now(), std::exchange(refused, {})});
 }
 
 bool Spool::Data::make_room(size_t size) {
@@ -203,6 +210,13 @@ bool Spool::Data::make_room(size_t size) {
     if (!done) return false;
   }
   return true;
+}
+
+// Makes the gap stand for the item too, which follows what it stands for.
+void Spool::Data::add_to(SpoolItem& gap, const SpoolItem& item) {
+  if (gap.value == 0) gap.value = item.value;
+  extend(gap.record, item.record);
+  if (!item.record.is_gap()) counts.dropped += item.record.count;
 }
 
 // Drops the oldest segment, but for the one that is written to or has the last mark. False: there is none.
@@ -225,55 +239,46 @@ bool Spool::Data::drop_memory() {
   const auto first = memory.upper_bound(written);
   if (first == memory.end() || std::next(first) == memory.end()) return false;
   const auto second = std::next(first);
-  SpoolItem gap;
-  gap.value = first->second.value;
-  for (const auto& part : {first, second}) {
-    extend(gap.record, part->second.record);
-    if (!part->second.record.is_gap()) counts.dropped += part->second.record.count;
-  }
-  const uint64_t number = second->first;
+  SpoolItem gap{second->first, first->second.back, false, first->second.value, {}};
+  for (const auto& part : {first, second}) add_to(gap, part->second);
   settle(first->first);
   forget(first->first);
-  forget(number);
-  keep(number, std::move(gap.record), gap.value);
+  forget(gap.number);
+  keep(std::move(gap));
   return true;
 }
 
 // Puts a gap in the place of what the segment holds and is not acknowledged, then removes the file.
 void Spool::Data::lose(size_t index) {
   const Segment segment = segments[index];
-  UplinkRecord gap;
-  uint64_t seconds = 0;
-  uint64_t unreadable = 0;
-  uint64_t number = 0;  // of the gap: the last one that it stands for
+  SpoolItem gap{segment.last, segment.last - segment.first + segment.back, false, 0, {}};
+  SpoolItem unreadable;
+  unreadable.record.id = segment.first_id;
+  unreadable.record.last_id = segment.last_id;
+  unreadable.record.count = 0;
   for (uint64_t at = live(segment.first); at <= segment.last; at = live(at + 1)) {
     if (is_elsewhere(at, segment)) continue;
-    if (number != 0) settle(number);
-    number = at;
+    settle(at);
     SpoolItem item;
     if (find_in(segment, at, item)) {
-      if (seconds == 0) seconds = item.value;
-      extend(gap, item.record);
-      if (!item.record.is_gap()) counts.dropped += item.record.count;
+      add_to(gap, item);
     } else {
-      ++unreadable;
+      ++unreadable.record.count;
     }
   }
-  if (unreadable > 0) {
-    UplinkRecord rest;
-    rest.id = segment.first_id;
-    rest.last_id = segment.last_id;
-    rest.count = unreadable;
-    extend(gap, rest);
-    counts.dropped += unreadable;
+  if (unreadable.record.count > 0) {
+    counts.dropped += unreadable.record.count;
+    add_to(gap, unreadable);
   }
   segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(index));
-  if (number != 0) {
-    keep(number, std::move(gap), seconds != 0 ? seconds : static_cast<uint64_t>(time(nullptr)));
-    merge_head(number);
+  if (segment.serial == current) current = 0;
+  if (!gap.record.id.empty()) {
+    if (gap.value == 0) gap.value = seconds_now();
+    settled.remove(gap.number);
+    keep(std::move(gap));
+    merge_head(segment.last);
     write_gaps();
   }
-  if (segment.serial == current) current = 0;
   folder.remove(segment.serial);
   counts.bytes -= segment.bytes;
   remove_settled();
@@ -282,14 +287,16 @@ void Spool::Data::lose(size_t index) {
 // When all that is before the gap `number` is another gap, it becomes a part of it.
 void Spool::Data::merge_head(uint64_t number) {
   const uint64_t head = live(0);
-  SpoolItem before;
-  if (head >= number || live(head + 1) != number || !find(head, before) || !before.record.is_gap()) return;
+  SpoolItem merged;
+  if (head >= number || live(head + 1) != number || !find(head, merged) || !merged.record.is_gap()) return;
   const SpoolItem behind = memory[number];
-  extend(before.record, behind.record);
+  merged.back += number - head;
+  merged.number = number;
+  add_to(merged, behind);
   settle(head);
   forget(head);
   forget(number);
-  keep(number, std::move(before.record), before.value);
+  keep(std::move(merged));
 }
 
 // --- What is in the files
@@ -330,9 +337,10 @@ bool Spool::Data::is_elsewhere(uint64_t number, const Segment& segment) const {
          });
 }
 
+// Only the oldest: a file that is missing between others is a loss.
 void Spool::Data::remove_settled() {
   const auto is_done = [&](const Segment& segment) {
-    if (segment.serial == keeper || segment.serial == current || !is_settled(segment)) return false;
+    if (segment.serial == keeper || segment.serial == current || live(0) <= segment.last) return false;
     folder.remove(segment.serial);
     counts.bytes -= segment.bytes;
     return true;
@@ -385,7 +393,8 @@ void Spool::Data::take_up() {
   shift = kFirstNumber - scan.next;
   origin = 1 + shift;
   keeper = scan.keeper;
-  written_position = last_kept = scan.position;
+  chain_end = scan.chain_end;
+  written_position = last_kept = scan.mark.record.id;
   segments = std::move(scan.segments);
   for (Segment& segment : segments) {
     segment.first += shift;
@@ -395,7 +404,8 @@ void Spool::Data::take_up() {
   for (const auto& [first, last] : scan.missing) settled.add(first + shift, last + shift);
   for (SpoolItem& gap : scan.gaps) {
     ++counts.dropped;
-    keep(gap.number + shift, std::move(gap.record), gap.value);
+    gap.number += shift;
+    keep(std::move(gap));
   }
   remove_settled();
 }
@@ -471,15 +481,19 @@ bool Spool::Data::write_batch() {
   Segment segment = written_to != segments.end() ? *written_to : Segment();
   std::string bytes;
   auto end = memory.begin();
+  uint64_t before = chain_end;
   for (; end != memory.end(); ++end) {
-    const std::string piece = encoded(end->second);
+    SpoolItem item = end->second;
+    if (item.back == 0) item.back = item.number - shift - before;
+    const std::string piece = encoded(item);
     const bool is_first = bytes.empty() && segment.bytes == 0;
     if (!is_first && segment.bytes + bytes.size() + piece.size() + kMarkMax > segment_max) break;
     bytes += piece;
-    segment.take(end->second);
+    segment.take(item);
+    before = std::max(before, item.number - shift);
   }
   const bool is_all = end == memory.end();
-  if (is_all) bytes += encoded(SpoolItem{next, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
+  if (is_all) bytes += encoded({next, next - shift - before, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
   if (!bytes.empty()) {
     if (!write(bytes, segment, true)) return false;
     if (written_to != segments.end()) {
@@ -488,6 +502,7 @@ bool Spool::Data::write_batch() {
       segments.push_back(std::move(segment));
     }
     while (memory.begin() != end) forget(memory.begin()->first);
+    chain_end = before;
   }
   if (is_all) {
     keeper = current;
