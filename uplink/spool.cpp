@@ -374,21 +374,18 @@ bool Spool::Data::open() {
 // Takes up what an earlier run has left.
 void Spool::Data::take_up() {
   SpoolScan scan;
+  std::vector<uint64_t> empty;  // files that were made and not written
   for (const uint64_t serial : folder.serials()) {
     std::string bytes;
-    const bool is_read = folder.read(serial, kFileMax, bytes) && bytes.size() < kFileMax;
-    if (scan.take_file(serial, is_read ? bytes : "")) continue;
-    // A file that was made and not written yet, or one that is not ours.
-    const bool is_ours = is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, 8);
-    if (is_ours) {
-      folder.remove(serial);
+    const bool is_read = folder.read(serial, kFileMax, bytes);
+    if (scan.take_file(serial, bytes)) continue;
+    if (is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, kSegmentHead.size())) {
+      empty.push_back(serial);
     } else {
-      elog(1, "spool: %s/%016llx.seg is left alone: it is not a segment that can be read", path.c_str(),
-           static_cast<unsigned long long>(serial));
+      elog(1, "spool: left %s/%s alone, which is not a segment", path.c_str(), SpoolFolder::file_of(serial).c_str());
     }
   }
   scan.finish();
-  if (scan.torn != 0) folder.cut(scan.torn, scan.torn_at);
 
   shift = kFirstNumber - scan.next;
   origin = 1 + shift;
@@ -408,6 +405,9 @@ void Spool::Data::take_up() {
     keep(std::move(gap));
   }
   remove_settled();
+  if (!write_gaps()) return;  // damage that is declared only in memory must be found again
+  if (scan.torn != 0) folder.cut(scan.torn, scan.torn_at);
+  for (const uint64_t serial : empty) folder.remove(serial);
 }
 
 // --- Writing

@@ -25,6 +25,8 @@ class SpoolFolder {
   // path. EWOULDBLOCK: another process uses it. EPERM: it belongs to another user.
   Opened open();
 
+  static std::string file_of(uint64_t serial);
+
   // The serials of the segment files, in their order.
   std::vector<uint64_t> serials();
 

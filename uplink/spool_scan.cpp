@@ -9,6 +9,7 @@ bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
   segment.bytes = bytes.size();
   size_t at = std::min(bytes.size(), kSegmentHead.size());
   bool is_empty = true;
+  has_lost_file = has_lost_file || was_short;
   for (SpoolItem item; read_item(bytes, at, item, has_passed); is_empty = false) {
     segment.take(item);
     take(item, serial);
@@ -16,7 +17,11 @@ bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
   torn = !is_empty && at < bytes.size() ? serial : 0;
   torn_at = at;
   has_passed = has_passed || at < bytes.size();
-  if (is_empty) return false;
+  if (is_empty) {
+    was_short = bytes.size() <= kSegmentHead.size();
+    has_lost_file = has_lost_file || !was_short;
+    return false;
+  }
   segments.push_back(std::move(segment));
   return true;
 }
@@ -44,10 +49,9 @@ void SpoolScan::finish() {
   Run end{0, 0, settled(), "", "", false};  // what comes before the next run
   for (const Run& run : runs) {
     // The oldest records may also be missing because they were acknowledged and removed, without damage.
-    if (run.before > end.last && (run.has_passed || !end.last_id.empty())) declare_loss(end, run);
-    if (run.last <= end.last) continue;
-    end.last = run.last;
-    end.last_id = run.last_id;
+    if (run.before > end.last && (run.has_passed || has_lost_file || !end.last_id.empty())) declare_loss(end, run);
+    if (run.last > end.last || end.last_id.empty()) end.last_id = run.last_id;
+    end.last = std::max(end.last, run.last);
   }
   chain_end = end.last;
   for (uint64_t at = settled() + 1; at < next;) {

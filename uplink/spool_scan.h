@@ -63,5 +63,7 @@ struct SpoolScan {
 
   std::vector<Run> runs;
   NumberRanges present;
-  bool has_passed = false;  // bytes since the last item
+  bool has_passed = false;     // bytes since the last record
+  bool has_lost_file = false;  // a file has bytes and no item, or is not the last and has none
+  bool was_short = false;      // the file before has none
 };
