@@ -108,7 +108,6 @@ struct Spool::Data {
 
   bool find(uint64_t number, SpoolItem& out);
   bool find_in(const Segment& segment, uint64_t number, SpoolItem& out);
-  bool is_elsewhere(uint64_t number, const Segment& segment) const;
   void remove_settled();
 
   bool open();
@@ -257,10 +256,10 @@ void Spool::Data::lose(size_t index) {
   unreadable.record.last_id = segment.last_id;
   unreadable.record.count = 0;
   for (uint64_t at = live(segment.first); at <= segment.last; at = live(at + 1)) {
-    if (is_elsewhere(at, segment)) continue;
     settle(at);
     SpoolItem item;
-    if (find_in(segment, at, item)) {
+    if (find(at, item)) {  // also a gap in the place of what is damaged, which is in a file of its own
+      forget(at);
       add_to(gap, item);
     } else {
       ++unreadable.record.count;
@@ -328,13 +327,6 @@ bool Spool::Data::find_in(const Segment& segment, uint64_t number, SpoolItem& ou
   size_t at = found->second;
   bool passed = false;
   return read_item(cache, at, out, passed);
-}
-
-// Whether the record `number` is not the segment's, though within its numbers: a gap in the place of what is damaged.
-bool Spool::Data::is_elsewhere(uint64_t number, const Segment& segment) const {
-  return memory.count(number) != 0 || std::any_of(segments.begin(), segments.end(), [&](const Segment& other) {
-           return other.serial != segment.serial && other.first <= number && number <= other.last;
-         });
 }
 
 // Only the oldest: a file that is missing between others is a loss.
