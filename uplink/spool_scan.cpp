@@ -9,7 +9,6 @@ bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
   segment.bytes = bytes.size();
   size_t at = std::min(bytes.size(), kSegmentHead.size());
   bool is_empty = true;
-  has_lost_file = has_lost_file || was_short;
   for (SpoolItem item; read_item(bytes, at, item, has_passed); is_empty = false) {
     segment.take(item);
     take(item, serial);
@@ -17,11 +16,8 @@ bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
   torn = !is_empty && at < bytes.size() ? serial : 0;
   torn_at = at;
   has_passed = has_passed || at < bytes.size();
-  if (is_empty) {
-    was_short = bytes.size() <= kSegmentHead.size();
-    has_lost_file = has_lost_file || !was_short;
-    return false;
-  }
+  has_lost_file = has_lost_file || is_empty;
+  if (is_empty) return false;
   segments.push_back(std::move(segment));
   return true;
 }

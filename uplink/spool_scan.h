@@ -64,6 +64,5 @@ struct SpoolScan {
   std::vector<Run> runs;
   NumberRanges present;
   bool has_passed = false;     // bytes since the last record
-  bool has_lost_file = false;  // a file has bytes and no item, or is not the last and has none
-  bool was_short = false;      // the file before has none
+  bool has_lost_file = false;  // a file has no item
 };
