@@ -103,7 +103,7 @@ struct Spool::Data {
   bool drop_segment();
   bool drop_memory();
   void lose(size_t index);
-  void merge_head(uint64_t number);
+  bool join_head(SpoolItem& gap);
   void add_to(SpoolItem& gap, const SpoolItem& item);
 
   bool find(uint64_t number, SpoolItem& out);
@@ -271,11 +271,10 @@ void Spool::Data::lose(size_t index) {
   }
   segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(index));
   if (segment.serial == current) current = 0;
-  if (!gap.record.id.empty()) {
+  if (join_head(gap) || !gap.record.id.empty()) {
     if (gap.value == 0) gap.value = seconds_now();
     settled.remove(gap.number);
     keep(std::move(gap));
-    merge_head(segment.last);
     write_gaps();
   }
   folder.remove(segment.serial);
@@ -283,19 +282,18 @@ void Spool::Data::lose(size_t index) {
   remove_settled();
 }
 
-// When all that is before the gap `number` is another gap, it becomes a part of it.
-void Spool::Data::merge_head(uint64_t number) {
+// When there is one record before the gap, and that is a gap too, joins them: the file of the older one goes.
+bool Spool::Data::join_head(SpoolItem& gap) {
   const uint64_t head = live(0);
-  SpoolItem merged;
-  if (head >= number || live(head + 1) != number || !find(head, merged) || !merged.record.is_gap()) return;
-  const SpoolItem behind = memory[number];
-  merged.back += number - head;
-  merged.number = number;
-  add_to(merged, behind);
+  SpoolItem joined;
+  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, joined) || !joined.record.is_gap()) return false;
+  if (!gap.record.id.empty()) add_to(joined, gap);
+  joined.back += gap.number - head;
+  joined.number = gap.number;
   settle(head);
   forget(head);
-  forget(number);
-  keep(std::move(merged));
+  gap = std::move(joined);
+  return true;
 }
 
 // --- What is in the files
