@@ -60,6 +60,7 @@ struct Spool::Data {
   const UplinkSettings::Full full;
   const size_t segment_max = std::min(kSegmentMax, limit / 4);
   const size_t memory_max = std::min(kMemoryMax, limit / 2);
+  const size_t sync_bytes = std::min(kSyncBytes, memory_max / 2);
 
   uint64_t origin = kFirstNumber;  // the lowest number that there is
   uint64_t next = kFirstNumber;    // of the next record
@@ -286,7 +287,8 @@ void Spool::Data::lose(size_t index) {
 bool Spool::Data::join_head(SpoolItem& gap) {
   const uint64_t head = live(0);
   SpoolItem joined;
-  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, joined) || !joined.record.is_gap()) return false;
+  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, joined) || !joined.record.is_gap())
+    return false;
   if (!gap.record.id.empty()) add_to(joined, gap);
   joined.back += gap.number - head;
   joined.number = gap.number;
@@ -414,7 +416,7 @@ bool Spool::sync(std::string_view position) {
 int64_t Spool::sync_due() const {
   int64_t due = 0;
   if (!data->memory.empty()) {
-    due = data->memory_since + (data->memory_bytes >= kSyncBytes ? 0 : kSyncMs);
+    due = data->memory_since + (data->memory_bytes >= data->sync_bytes ? 0 : kSyncMs);
   } else if (data->settled_since != 0) {
     due = data->settled_since + kSyncSettledMs;
   }
@@ -436,7 +438,8 @@ Spool::State Spool::state() const {
 
 bool Spool::Data::flush() {
   if (!open() || !write_gaps()) return false;
-  const auto now = std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
+  const auto now =
+      std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
   if (now != segments.end() && now->bytes >= kSyncBytes && is_settled(*now)) current = 0;  // it goes with the next one
   do {
     if (!write_batch()) return false;
@@ -467,7 +470,8 @@ bool Spool::Data::write_gaps() {
 
 // Writes as many records as the current segment takes, or a new one, and behind the last record a mark.
 bool Spool::Data::write_batch() {
-  auto written_to = std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
+  auto written_to =
+      std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
   Segment segment = written_to != segments.end() ? *written_to : Segment();
   std::string bytes;
   auto end = memory.begin();
@@ -483,7 +487,8 @@ bool Spool::Data::write_batch() {
     before = std::max(before, item.number - shift);
   }
   const bool is_all = end == memory.end();
-  if (is_all) bytes += encoded({next, next - shift - before, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
+  if (is_all)
+    bytes += encoded({next, next - shift - before, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
   if (!bytes.empty()) {
     if (!write(bytes, segment, true)) return false;
     if (written_to != segments.end()) {

@@ -1,6 +1,6 @@
 // The spool's folder and its files, "SERIAL.seg" with 16 hexadecimal digits: what is asked of the file system, and
-// nothing else. Only one process uses a folder at a time: it holds a lock (flock) on it. Files with other names are left
-// alone.
+// nothing else. Only one process uses a folder at a time: it holds a lock (flock) on it. Files with other names are
+// left alone.
 //
 // The program must ignore SIGXFSZ: then a limit on the size of files is a failure like any other.
 #pragma once

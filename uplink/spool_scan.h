@@ -40,14 +40,14 @@ struct SpoolScan {
   void finish();
 
   std::vector<Segment> segments;
-  uint64_t next = 1;      // number of the next record
-  SpoolItem mark;         // the last one
-  uint64_t keeper = 0;    // serial of its file; 0: there is none
-  uint64_t torn = 0;      // serial of the last file when bytes follow its last item; else 0
-  size_t torn_at = 0;     // where these begin
+  uint64_t next = 1;       // number of the next record
+  SpoolItem mark;          // the last one
+  uint64_t keeper = 0;     // serial of its file; 0: there is none
+  uint64_t torn = 0;       // serial of the last file when bytes follow its last item; else 0
+  size_t torn_at = 0;      // where these begin
   uint64_t chain_end = 0;  // the last number that was written
   std::vector<std::pair<uint64_t, uint64_t>> missing;  // numbers below `next` without a record, first and last
-  std::vector<SpoolItem> gaps;  // to be kept: each stands for what was lost between two items
+  std::vector<SpoolItem> gaps;                         // to be kept: each stands for what was lost between two items
 
  private:
   // Records, or a mark, of which each was written behind the one before.

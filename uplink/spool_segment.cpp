@@ -4,9 +4,9 @@
 
 namespace {
 
-constexpr size_t kFrame = 16;     // bytes before the body
-constexpr size_t kBodyMin = 8;    // one byte for each part
-constexpr uint8_t kMark = 1;      // the flags
+constexpr size_t kFrame = 16;   // bytes before the body
+constexpr size_t kBodyMin = 8;  // one byte for each part
+constexpr uint8_t kMark = 1;    // the flags
 constexpr uint8_t kUrgent = 2;
 constexpr uint8_t kAllFlags = 3;
 
@@ -77,9 +77,9 @@ bool read_body(std::string_view body, SpoolItem& out) {
   body.remove_prefix(1);
   out.is_mark = (flags & kMark) != 0;
   out.record.urgent = (flags & kUrgent) != 0;
-  return flags <= kAllFlags && take_number(body, out.back) && take_number(body, out.value) && take_number(body, out.record.count) &&
-         take_text(body, out.record.id) && take_text(body, out.record.last_id) && take_text(body, out.record.name) &&
-         take_text(body, out.record.payload) && body.empty();
+  return flags <= kAllFlags && take_number(body, out.back) && take_number(body, out.value) &&
+         take_number(body, out.record.count) && take_text(body, out.record.id) && take_text(body, out.record.last_id) &&
+         take_text(body, out.record.name) && take_text(body, out.record.payload) && body.empty();
 }
 
 // Reads the item at the front of `bytes`. Returns its size, or 0: there is none.

@@ -36,6 +36,6 @@ struct SpoolItem {
 // Appends the item to `out`. Any thread, as what follows.
 void write_item(const SpoolItem& item, std::string& out);
 
-// Reads the first whole item at or behind `at`, and sets `at` to its end. `passed` becomes true when bytes before it had
-// to be passed over, and is left alone otherwise. Returns false, with `at` as it was, when there is none.
+// Reads the first whole item at or behind `at`, and sets `at` to its end. `passed` becomes true when bytes before it
+// had to be passed over, and is left alone otherwise. Returns false, with `at` as it was, when there is none.
 bool read_item(std::string_view bytes, size_t& at, SpoolItem& out, bool& passed);
