@@ -68,11 +68,11 @@ struct Spool::Data {
   NumberRanges settled;            // numbers from origin to next that are acknowledged, or of no record
   uint64_t chain_end = 0;          // the last number in the files, as it is there
 
-  bool is_taken_up = false;       // what an earlier run has left
-  std::vector<Segment> segments;  // by serial
-  uint64_t current = 0;           // serial of the one that is written to; 0: there is none
-  uint64_t keeper = 0;            // serial of the one with the last mark
-  uint64_t cached = 0;            // serial of the one whose bytes these are,
+  bool is_taken_up = false;            // what an earlier run has left
+  std::vector<SpoolSegment> segments;  // by serial
+  uint64_t current = 0;                // serial of the one that is written to; 0: there is none
+  uint64_t keeper = 0;                 // serial of the one with the last mark
+  uint64_t cached = 0;                 // serial of the one whose bytes these are,
   std::string cache;
   std::map<uint64_t, size_t> cached_items;  // where its items begin,
   size_t cached_end = 0;                    // and where they end
@@ -90,7 +90,9 @@ struct Spool::Data {
   RateLimit limit_of_lines;
 
   uint64_t live(uint64_t number) const { return settled.next_missing(std::max(number, origin)); }
-  bool is_settled(const Segment& segment) const { return segment.first == 0 || live(segment.first) > segment.last; }
+  bool is_settled(const SpoolSegment& segment) const {
+    return segment.first == 0 || live(segment.first) > segment.last;
+  }
   bool has_room(size_t size) const {
     return memory_bytes + size <= memory_max && counts.bytes + memory_bytes + size <= limit;
   }
@@ -108,7 +110,7 @@ struct Spool::Data {
   void add_to(SpoolItem& gap, const SpoolItem& item);
 
   bool find(uint64_t number, SpoolItem& out);
-  bool find_in(const Segment& segment, uint64_t number, SpoolItem& out);
+  bool find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out);
   void remove_settled();
 
   bool open();
@@ -116,7 +118,7 @@ struct Spool::Data {
   bool flush();
   bool write_gaps();
   bool write_batch();
-  bool write(std::string bytes, Segment& grown, bool goes_on);
+  bool write(std::string bytes, SpoolSegment& grown, bool goes_on);
   std::string encoded(SpoolItem item) const;
   bool fail(const char* reason);
 };
@@ -159,7 +161,7 @@ bool Spool::read(uint64_t& number, UplinkRecord& out) {
     }
     // Its segment was damaged or removed behind our back.
     const auto lost = std::find_if(data->segments.begin(), data->segments.end(),
-                                   [&](const Segment& s) { return s.first <= at && at <= s.last; });
+                                   [&](const SpoolSegment& s) { return s.first <= at && at <= s.last; });
     if (lost == data->segments.end()) {
       data->settle(at);
     } else {
@@ -223,7 +225,7 @@ void Spool::Data::add_to(SpoolItem& gap, const SpoolItem& item) {
 bool Spool::Data::drop_segment() {
   size_t oldest = segments.size();
   for (size_t i = 0; i < segments.size(); ++i) {
-    const Segment& segment = segments[i];
+    const SpoolSegment& segment = segments[i];
     if (segment.is_gap || segment.serial == keeper || segment.serial == current) continue;
     if (oldest == segments.size() || segment.first < segments[oldest].first) oldest = i;
   }
@@ -235,7 +237,7 @@ bool Spool::Data::drop_segment() {
 // Joins the two oldest records that are only in memory. False: there are not two.
 bool Spool::Data::drop_memory() {
   uint64_t written = 0;
-  for (const Segment& segment : segments) written = std::max(written, segment.last);
+  for (const SpoolSegment& segment : segments) written = std::max(written, segment.last);
   const auto first = memory.upper_bound(written);
   if (first == memory.end() || std::next(first) == memory.end()) return false;
   const auto second = std::next(first);
@@ -250,7 +252,7 @@ bool Spool::Data::drop_memory() {
 
 // Puts a gap in the place of what the segment holds and is not acknowledged, then removes the file.
 void Spool::Data::lose(size_t index) {
-  const Segment segment = segments[index];
+  const SpoolSegment segment = segments[index];
   SpoolItem gap{segment.last, segment.last - segment.first + segment.back, false, 0, {}};
   SpoolItem unreadable;
   unreadable.record.id = segment.first_id;
@@ -303,12 +305,12 @@ bool Spool::Data::join_head(SpoolItem& gap) {
 bool Spool::Data::find(uint64_t number, SpoolItem& out) {
   const auto found = memory.find(number);
   if (found != memory.end()) return out = found->second, true;
-  return std::any_of(segments.begin(), segments.end(), [&](const Segment& segment) {
+  return std::any_of(segments.begin(), segments.end(), [&](const SpoolSegment& segment) {
     return segment.first <= number && number <= segment.last && find_in(segment, number, out);
   });
 }
 
-bool Spool::Data::find_in(const Segment& segment, uint64_t number, SpoolItem& out) {
+bool Spool::Data::find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out) {
   if (cached != segment.serial) {
     cached = segment.serial;
     cache.clear();
@@ -331,7 +333,7 @@ bool Spool::Data::find_in(const Segment& segment, uint64_t number, SpoolItem& ou
 
 // Only the oldest: a file that is missing between others is a loss.
 void Spool::Data::remove_settled() {
-  const auto is_done = [&](const Segment& segment) {
+  const auto is_done = [&](const SpoolSegment& segment) {
     if (segment.serial == keeper || segment.serial == current || live(0) <= segment.last) return false;
     folder.remove(segment.serial);
     counts.bytes -= segment.bytes;
@@ -359,7 +361,7 @@ bool Spool::Data::open() {
     folder.close();
     return fail("it was replaced by a folder that holds segments");
   }
-  while (!segments.empty()) lose(0);
+  for (size_t left = segments.size(); left > 0 && !segments.empty(); --left) lose(0);
   return true;
 }
 
@@ -385,7 +387,7 @@ void Spool::Data::take_up() {
   chain_end = scan.chain_end;
   written_position = last_kept = scan.mark.record.id;
   segments = std::move(scan.segments);
-  for (Segment& segment : segments) {
+  for (SpoolSegment& segment : segments) {
     segment.first += shift;
     segment.last += shift;
     counts.bytes += segment.bytes;
@@ -420,7 +422,7 @@ int64_t Spool::sync_due() const {
   } else if (data->settled_since != 0) {
     due = data->settled_since + kSyncSettledMs;
   }
-  return due != 0 && data->counts.in_memory ? std::max(due, data->retry_at) : due;
+  return data->counts.in_memory ? std::max(due, data->retry_at) : due;
 }
 
 const std::string& Spool::position() const {
@@ -439,7 +441,7 @@ Spool::State Spool::state() const {
 bool Spool::Data::flush() {
   if (!open() || !write_gaps()) return false;
   const auto now =
-      std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
+      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
   if (now != segments.end() && now->bytes >= kSyncBytes && is_settled(*now)) current = 0;  // it goes with the next one
   do {
     if (!write_batch()) return false;
@@ -455,11 +457,12 @@ bool Spool::Data::flush() {
 
 // Writes each gap that belongs before what is in the segments to a file of its own.
 bool Spool::Data::write_gaps() {
+  if (counts.in_memory && steady_ms() < retry_at) return false;
   uint64_t newest = 0;
-  for (const Segment& segment : segments) newest = std::max(newest, segment.last);
+  for (const SpoolSegment& segment : segments) newest = std::max(newest, segment.last);
   while (!memory.empty() && memory.begin()->first < newest) {
     const SpoolItem gap = memory.begin()->second;
-    Segment segment;
+    SpoolSegment segment;
     if (!write(encoded(gap), segment, false)) return false;
     segment.take(gap);
     segments.push_back(std::move(segment));
@@ -471,8 +474,8 @@ bool Spool::Data::write_gaps() {
 // Writes as many records as the current segment takes, or a new one, and behind the last record a mark.
 bool Spool::Data::write_batch() {
   auto written_to =
-      std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
-  Segment segment = written_to != segments.end() ? *written_to : Segment();
+      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
+  SpoolSegment segment = written_to != segments.end() ? *written_to : SpoolSegment();
   std::string bytes;
   auto end = memory.begin();
   uint64_t before = chain_end;
@@ -508,7 +511,7 @@ bool Spool::Data::write_batch() {
 }
 
 // Appends to the current segment when that is `grown`, and else makes a file.
-bool Spool::Data::write(std::string bytes, Segment& grown, bool goes_on) {
+bool Spool::Data::write(std::string bytes, SpoolSegment& grown, bool goes_on) {
   if (grown.serial != 0) {
     if (!folder.append(bytes, grown.bytes)) {
       current = 0;

@@ -4,9 +4,8 @@
 #include <ctime>
 
 bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
-  Segment segment;
+  SpoolSegment segment;
   segment.serial = serial;
-  segment.bytes = bytes.size();
   size_t at = std::min(bytes.size(), kSegmentHead.size());
   bool is_empty = true;
   for (SpoolItem item; read_item(bytes, at, item, has_passed); is_empty = false) {
@@ -18,6 +17,7 @@ bool SpoolScan::take_file(uint64_t serial, std::string_view bytes) {
   has_passed = has_passed || at < bytes.size();
   has_lost_file = has_lost_file || is_empty;
   if (is_empty) return false;
+  segment.bytes = at;
   segments.push_back(std::move(segment));
   return true;
 }

@@ -10,7 +10,7 @@
 #include "uplink/number_ranges.h"
 #include "uplink/spool_segment.h"
 
-struct Segment {
+struct SpoolSegment {
   uint64_t serial = 0;
   size_t bytes = 0;
   uint64_t first = 0, last = 0;   // numbers of its records; 0: it has none
@@ -39,7 +39,7 @@ struct SpoolScan {
   // After the last file: finds out what is missing.
   void finish();
 
-  std::vector<Segment> segments;
+  std::vector<SpoolSegment> segments;
   uint64_t next = 1;       // number of the next record
   SpoolItem mark;          // the last one
   uint64_t keeper = 0;     // serial of its file; 0: there is none
