@@ -376,7 +376,8 @@ void Spool::Data::take_up() {
     if (is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, kSegmentHead.size())) {
       empty.push_back(serial);
     } else {
-      elog(1, "uplink: spool: left %s/%s alone, which is not a segment", path.c_str(), SpoolFolder::file_of(serial).c_str());
+      const std::string file = path + "/" + SpoolFolder::file_of(serial);
+      elog(1, "uplink: spool: left %s alone, which is not a segment", file.c_str());
     }
   }
   scan.finish();
