@@ -221,7 +221,10 @@ std::string BrokerLink::Data::set_up(mosquitto* fresh, const std::string& passwo
   mosquitto_int_option(fresh, MOSQ_OPT_PROTOCOL_VERSION, protocol);
   mosquitto_int_option(fresh, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_max_inflight_messages_set(fresh, kMostInFlight);
-  if (settings.tls) mosquitto_void_option(fresh, MOSQ_OPT_SSL_CTX, tls.context());
+  if (settings.tls) {
+    mosquitto_void_option(fresh, MOSQ_OPT_SSL_CTX, tls.context());
+    mosquitto_int_option(fresh, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
+  }
   if (!settings.user.empty()) {
     mosquitto_username_pw_set(fresh, settings.user.c_str(),
                               settings.password_file.empty() ? nullptr : password.c_str());
@@ -380,7 +383,7 @@ void BrokerLink::Data::look_after_time() {
     const std::string reason = reached ? "the broker does not answer" : text_of(ETIMEDOUT);
     if (reached || !next_address(reason)) end(reason);
   } else if (state.in_flight > 0 && now - last_acknowledged >= times.acknowledge) {
-    end("the broker has acknowledged nothing for " + std::to_string(times.acknowledge / 1000) + " s");
+    end("the broker has acknowledged nothing for " + std::to_string(times.acknowledge) + " ms");
   }
 }
 
@@ -395,6 +398,9 @@ void BrokerLink::Data::lost(int code, int error) {
 std::string BrokerLink::Data::reason_of(int code, int error) const {
   if (!trouble.empty()) return trouble;
   if (!tls.trouble().empty()) return tls.trouble();
+  if (phase == Phase::connecting && tls.is_established()) {
+    return "the broker closed the connection after the TLS handshake: it may refuse our certificate";
+  }
   switch (code) {
     case MOSQ_ERR_SUCCESS:
     case MOSQ_ERR_NO_CONN:

@@ -8,9 +8,9 @@
 #include <system_error>
 
 namespace {
-// What OpenSSL says about the last failure, whose errors are then forgotten.
+// What OpenSSL says about a failure, whose errors are then forgotten.
 std::string reason() {
-  const char* const text = ERR_reason_error_string(ERR_peek_last_error());
+  const char* const text = ERR_reason_error_string(ERR_peek_error());
   ERR_clear_error();
   return text != nullptr ? text : "unknown error";
 }
