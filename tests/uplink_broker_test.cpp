@@ -113,8 +113,8 @@ class LoopedLink {
 // else comes in silence. With an answer that is no acceptance it closes the connection.
 class FakeBroker {
  public:
-  static std::string accepted_4() { return std::string("\x20\x02\x00\x00", 4); }
-  static std::string accepted_5() { return std::string("\x20\x03\x00\x00\x00", 5); }
+  static std::string accepted_4() { return {"\x20\x02\x00\x00", 4}; }
+  static std::string accepted_5() { return {"\x20\x03\x00\x00\x00", 5}; }
 
   explicit FakeBroker(std::function<std::string(int protocol)> answer_to) : answer(std::move(answer_to)) {
     listen(listening.get(), 8);
@@ -334,8 +334,10 @@ TEST_F(Broker, FollowsACertificateThatIsReplaced) {
   settings.tls = true;
   settings.host = "localhost";
   settings.ca = folder.file("ca.crt");
-  LoopedLink gate(settings);
+  LoopedLink gate(settings, {"z/gate/c/unlock"});
   ASSERT_TRUE(gate.run_until_up());
+  ASSERT_GT(gate.link.publish("z/gate/c/unlock", std::string(60000, 'x')), 0);  // several TLS records
+  ASSERT_TRUE(gate.run_until_told("z/gate/c/unlock " + std::string(100, 'x')));
   broker.end(SIGKILL);
   for (const char* const part : {".crt", ".key"}) {
     std::filesystem::rename(folder.file(std::string("successor") + part), folder.file(std::string("server") + part));

@@ -156,7 +156,7 @@ void BrokerLink::Data::connect() {
   address_deadline = address + 1 < addresses.size() ? steady_ms() + times.connect / 4 : deadline;
   client.emplace(*this, settings.tls ? &tls : nullptr);
   const std::string payload = will.payload ? will.payload() : std::string();
-  if (!client->connect(settings, addresses[address], {mqtt5, !subscriptions.empty(), will.topic, payload})) lost();
+  client->connect(settings, addresses[address], {mqtt5, !subscriptions.empty(), will.topic, payload});
 }
 
 // True: there is another one, and it is being tried.

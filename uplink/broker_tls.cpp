@@ -51,7 +51,7 @@ std::string BrokerTls::expect(const std::string& host) {
 
 std::string BrokerTls::use_files(const UplinkSettings& settings) const {
   for (const std::string* const file : {&settings.ca, &settings.cert, &settings.key}) {
-    const std::string error = file->empty() ? std::string() : unreadable(*file);
+    std::string error = file->empty() ? std::string() : unreadable(*file);
     if (!error.empty()) return error;
   }
   if (settings.ca.empty()) {

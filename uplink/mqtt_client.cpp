@@ -53,7 +53,13 @@ void MqttClient::Destroy::operator()(mosquitto* gone) const {
   mosquitto_destroy(gone);
 }
 
-bool MqttClient::connect(const UplinkSettings& settings, const std::string& address, const Wishes& wishes) {
+void MqttClient::connect(const UplinkSettings& settings, const std::string& address, const Wishes& wishes) {
+  if (!set_up(settings, wishes)) return;
+  const int code = mosquitto_connect_async(client.get(), address.c_str(), settings.port, kKeepAlive);
+  if (code != MOSQ_ERR_SUCCESS) fail(reason_of(code, errno));
+}
+
+bool MqttClient::set_up(const UplinkSettings& settings, const Wishes& wishes) {
   mqtt5 = wishes.mqtt5;
   housekeeping = steady_ms() + kHousekeeping;
   if (tls != nullptr) tls->forget();
@@ -69,14 +75,15 @@ bool MqttClient::connect(const UplinkSettings& settings, const std::string& addr
   set_callbacks();
   if (!set_password(settings) || !set_will(wishes)) return false;
   keep_wishes(wishes, settings.port);
-  const int code = mosquitto_connect_async(client.get(), address.c_str(), settings.port, kKeepAlive);
-  return code == MOSQ_ERR_SUCCESS || fail(reason_of(code, errno));
+  return true;
 }
 
 void MqttClient::set_callbacks() {
   mosquitto* const fresh = client.get();
   mosquitto_connect_v5_callback_set(fresh, [](mosquitto*, void* self, int code, int, const mosquitto_property* list) {
-    static_cast<MqttClient*>(self)->on_connect(code, list);
+    uint16_t receives = kMostInFlight;
+    mosquitto_property_read_int16(list, MQTT_PROP_RECEIVE_MAXIMUM, &receives, false);
+    static_cast<MqttClient*>(self)->on_connect(code, std::clamp(int{receives}, 1, kMostInFlight));
   });
   mosquitto_disconnect_v5_callback_set(fresh, [](mosquitto*, void* self, int code, const mosquitto_property*) {
     if (code == MOSQ_ERR_KEEPALIVE) static_cast<MqttClient*>(self)->fail("the broker does not answer pings");
@@ -143,6 +150,7 @@ short MqttClient::wanted() const {
 }
 
 bool MqttClient::exchange() {
+  if (!said.empty()) return false;
   pollfd now{descriptor(), wanted(), 0};
   if (poll(&now, 1, 0) < 0) now.revents = 0;
   if (!reached && now.fd >= 0) {
@@ -204,7 +212,7 @@ bool MqttClient::is_closed_unanswered() const {
   return reached && is_secured && !accepted && !answered && is_gone();
 }
 
-void MqttClient::on_connect(int code, const mosquitto_property* properties) {
+void MqttClient::on_connect(int code, int most_in_flight) {
   answered = true;
   if (code != 0) {
     refused = mqtt5 && (code == CONNACK_REFUSED_PROTOCOL_VERSION || code == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION);
@@ -212,16 +220,17 @@ void MqttClient::on_connect(int code, const mosquitto_property* properties) {
     return;
   }
   accepted = true;
-  uint16_t receives = kMostInFlight;
-  mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &receives, false);
-  owner.on_accepted(std::clamp(int{receives}, 1, kMostInFlight));
+  owner.on_accepted(most_in_flight);
 }
 
 int MqttClient::publish(const std::string& topic, std::string_view payload, bool retain) {
   if (!said.empty()) return 0;
   int token = 0;
-  const int code = mosquitto_publish(client.get(), &token, topic.c_str(), static_cast<int>(payload.size()),
-                                     payload.data(), 1, retain);
+  const auto size = static_cast<int>(payload.size());
+  int code = mosquitto_publish(client.get(), &token, topic.c_str(), size, payload.data(), 1, retain);
+  if (code == MOSQ_ERR_RETAIN_NOT_SUPPORTED) {
+    code = mosquitto_publish(client.get(), &token, topic.c_str(), size, payload.data(), 1, false);
+  }
   switch (code) {
     case MOSQ_ERR_SUCCESS:
       return token;
@@ -230,8 +239,6 @@ int MqttClient::publish(const std::string& topic, std::string_view payload, bool
     case MOSQ_ERR_MALFORMED_UTF8:
     case MOSQ_ERR_INVAL:
       return -1;
-    case MOSQ_ERR_RETAIN_NOT_SUPPORTED:
-      return retain ? publish(topic, payload, false) : -1;
     default:
       fail(reason_of(code, errno));
       return 0;

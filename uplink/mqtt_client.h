@@ -11,7 +11,6 @@
 #include "uplink/uplink_settings.h"
 
 struct mosquitto;
-struct mqtt5__property;
 
 constexpr size_t kLargestMessage = size_t{64} * 1024;  // of the broker; with 3.1.1 a larger one is read and dropped
 constexpr int kMostInFlight = 20;                      // the library's own queue has no bound
@@ -53,9 +52,11 @@ class MqttClient {
   MqttClient(Owner& its_owner, BrokerTls* its_tls) : owner(its_owner), tls(its_tls) {}
   MqttClient(const MqttClient&) = delete;
   MqttClient& operator=(const MqttClient&) = delete;
+  ~MqttClient() = default;
 
-  // Starts to connect to a numeric address, with the password as it is now. False: trouble() says why not.
-  bool connect(const UplinkSettings& settings, const std::string& address, const Wishes& wishes);
+  // Starts to connect to a numeric address, with the password as it is now. What is wrong shows at once in trouble()
+  // and at exchange().
+  void connect(const UplinkSettings& settings, const std::string& address, const Wishes& wishes);
 
   // What to wait for; -1: there is no connection any more.
   int descriptor() const;
@@ -84,6 +85,7 @@ class MqttClient {
   const std::string& trouble() const { return said; }
 
  private:
+  bool set_up(const UplinkSettings& settings, const Wishes& wishes);
   void set_callbacks();
   bool set_will(const Wishes& wishes);
   void keep_wishes(const Wishes& wishes, int port);
@@ -92,11 +94,11 @@ class MqttClient {
   int read_and_write(short happened);
   bool fail(const std::string& reason);
   std::string reason_of(int code, int error) const;
-  void on_connect(int code, const mqtt5__property* properties);
+  void on_connect(int code, int most_in_flight);
   void on_published(int token, int code);
 
   struct Destroy {
-    void operator()(mosquitto* client) const;
+    void operator()(mosquitto* gone) const;
   };
 
   Owner& owner;
