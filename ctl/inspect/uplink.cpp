@@ -120,6 +120,7 @@ std::string uplink_screen(const std::vector<AnswerLine>& answer) {
                  std::to_string(spool.count("dropped")) + " events dropped") +
          row("commands", std::to_string(commands.count("taken")) + " taken, " +
                              std::to_string(commands.count("refused")) + " refused, " +
+                             std::to_string(commands.count("failed")) + " failed, " +
                              std::to_string(commands.count("repeated")) + " answered from memory");
 }
 
