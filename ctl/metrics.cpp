@@ -117,6 +117,7 @@ constexpr Metric kUplinkMetrics[] = {
     {"uplink_published_total", Shape::counter, "out", "published", "Messages given to the broker."},
     {"uplink_confirmed_total", Shape::counter, "out", "confirmed", "Messages that the broker has confirmed."},
     {"uplink_repeated_total", Shape::counter, "out", "repeated", "Messages sent again after a lost connection."},
+    {"uplink_refused_total", Shape::counter, "out", "refused", "Messages that the broker has refused for good."},
     {"uplink_gaps_total", Shape::counter, "out", "gaps", "Gaps declared to the broker."},
     {"uplink_published_bytes_total", Shape::counter, "out", "bytes", "Bytes of all messages."},
     {"uplink_waiting", Shape::gauge, "out", "waiting", "Records in memory that are not confirmed."},

@@ -381,6 +381,7 @@ TEST(Uplink, NamesEachTrouble) {
       {"daemon state=following lost=2", "",
        "2 events were overwritten in the daemon before the uplink read them: a larger `event_memory` of the daemon "
        "helps"},
+      {"out refused=1", "", "1 message was refused by the broker: the log says why"},
       {"commands refused=2 failed=1 refusal=a%0ab", "",
        "2 commands were refused, the last one: a\\nb|1 command came while the daemon was not there to take it in"},
   };

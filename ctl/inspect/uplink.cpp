@@ -65,6 +65,9 @@ std::vector<std::string> notes_of(const std::vector<AnswerLine>& answer) {
         number_of(lost, "event was", "events were") +
         " overwritten in the daemon before the uplink read them: a larger `event_memory` of the daemon helps");
   }
+  const uint64_t unwanted = line_of(answer, "out").count("refused");
+  if (unwanted > 0)
+    notes.push_back(number_of(unwanted, "message was", "messages were") + " refused by the broker: the log says why");
   const AnswerLine& commands = line_of(answer, "commands");
   const uint64_t refused = commands.count("refused");
   if (refused > 0) {
