@@ -100,7 +100,7 @@ class CutProxy {
     Way ways[2];         // from the client, from the server
     bool dead = false;
   };
-  static constexpr size_t kMostHeld = 256 * 1024;
+  static constexpr size_t kMostHeld = size_t{256} * 1024;
 
   void wake_up() const {
     const uint64_t one = 1;

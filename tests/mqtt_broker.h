@@ -54,7 +54,7 @@ inline bool make_certificate(const TemporaryFolder& folder, const std::string& a
 class MqttBroker {
  public:
   // `lines`: of its configuration, beside the listener.
-  explicit MqttBroker(const std::string& lines = "allow_anonymous true\n") : configuration(lines) {}
+  explicit MqttBroker(std::string lines = "allow_anonymous true\n") : configuration(std::move(lines)) {}
   ~MqttBroker() { end(SIGKILL); }
   MqttBroker(const MqttBroker&) = delete;
   MqttBroker& operator=(const MqttBroker&) = delete;

@@ -8,9 +8,9 @@
 #include <system_error>
 
 namespace {
-// What OpenSSL says about the last failure, whose errors are then forgotten.
+// What OpenSSL says about a failure, whose errors are then forgotten.
 std::string reason() {
-  const char* const text = ERR_reason_error_string(ERR_peek_last_error());
+  const char* const text = ERR_reason_error_string(ERR_peek_error());
   ERR_clear_error();
   return text != nullptr ? text : "unknown error";
 }
@@ -51,7 +51,7 @@ std::string BrokerTls::expect(const std::string& host) {
 
 std::string BrokerTls::use_files(const UplinkSettings& settings) const {
   for (const std::string* const file : {&settings.ca, &settings.cert, &settings.key}) {
-    const std::string error = file->empty() ? std::string() : unreadable(*file);
+    std::string error = file->empty() ? std::string() : unreadable(*file);
     if (!error.empty()) return error;
   }
   if (settings.ca.empty()) {

@@ -15,6 +15,7 @@ class BrokerTls {
   BrokerTls() = default;
   BrokerTls(const BrokerTls&) = delete;
   BrokerTls& operator=(const BrokerTls&) = delete;
+  ~BrokerTls() = default;
 
   // Reads `ca`, `cert` and `key` as they are now; without `ca` the system's authorities count. Returns what is wrong
   // with them, or nothing. Connections of before must be gone.

@@ -24,7 +24,7 @@ struct NameLookup::Job {
     result = std::move(found);
     done = true;
     const uint64_t one = 1;
-    static_cast<void>(!write(wake.get(), &one, sizeof(one)));
+    if (write(wake.get(), &one, sizeof(one)) < 0) return;  // it counts already
   }
   bool take(Result& out) {
     const MutexLock lock(mutex);
