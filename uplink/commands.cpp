@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <ctime>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "device/log.h"
 #include "uplink/command_memory.h"
 #include "uplink/command_payload.h"
+#include "uplink/event_payload.h"
 #include "util/clock.h"
 #include "util/rate_limit.h"
 #include "util/safe_text.h"
@@ -15,57 +15,45 @@
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-std::string text_of(const Json& answer) {
-  return answer.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::string answer_of(const std::string& id, const char* status, const std::string& reason = "") {
-  Json answer = {{"id", id}, {"status", status}};
-  if (!reason.empty()) answer["reason"] = reason;
-  return text_of(answer);
-}
-
-// The type's name as a part of a topic: bytes other than [A-Za-z0-9_-] are "%XX".
-std::string topic_part(const std::string& name) {
-  std::string part;
-  for (const char c : name)
-    part += is_command_id({&c, 1}) ? std::string(1, c) : sstr("%%%02X", static_cast<unsigned char>(c));
-  return part;
+std::string answer_of(const std::string& id, std::string_view status, const std::string& reason = "") {
+  const std::string end = reason.empty() ? "}" : ",\"reason\":" + json_text(reason) + "}";
+  return R"({"id":")" + id + R"(","status":)" + json_text(status) + end;
 }
 
 // What a script says in its reply. Of equal fields the first counts, as everywhere in an info.
 struct Reply {
   explicit Reply(std::string_view info) {
     while (!info.empty()) {
-      std::string_view value = take_item(info, '&');
-      if (value.find('=') == std::string_view::npos) continue;
-      const std::string name(take_item(value, '='));
-      std::string* const known = name == "cmd_id" ? &id : name == "status" ? &status : nullptr;
-      if (known == nullptr) {
-        fields.emplace(name, value);
-      } else if (known->empty()) {
-        *known = value;
+      const std::string_view item = take_item(info, '&');
+      std::string_view value = item;
+      const std::string_view name = take_item(value, '=');
+      if (name == "cmd_id") {
+        if (id.empty()) id = value;
+      } else if (name == "status") {
+        if (status.empty()) status = value;
+      } else {
+        (fields += fields.empty() ? "" : "&") += item;
       }
     }
     if (status.empty()) status = "ok";
   }
 
   std::string text() const {
-    Json answer = {{"id", id}, {"status", status}};
-    if (!fields.empty()) answer["f"] = fields;
-    return text_of(answer);
+    const std::string answer = answer_of(id, status);
+    return fields.empty() ? answer : answer.substr(0, answer.size() - 1) + info_members(fields) + "}";
   }
 
   // What is kept of it, when it is too long to be kept whole.
   std::string short_text() const {
-    const bool is_short = status.size() < kAnswerRemembered / 8;  // each byte may take six
-    return text_of({{"id", id}, {"status", is_short ? status : "ok"}, {"f_cut", true}});
+    const std::string answer = answer_of(id, status.size() <= kStatusRemembered ? status : "ok");
+    return answer.substr(0, answer.size() - 1) + R"(,"f_cut":true})";
   }
 
   std::string id, status;
-  Json fields = Json::object();
+  std::string fields;  // the other items
+
+ private:
+  static constexpr size_t kStatusRemembered = 100;  // bytes, of which each may take six
 };
 
 // At most so many a second, and as many at once.
@@ -151,11 +139,9 @@ struct Commands::Data {
 };
 
 Commands::Commands(const UplinkSettings& all_settings, const std::string& folder, Ways all_ways)
-    : data(new Data(all_settings, folder, std::move(all_ways))) {}
+    : data(std::make_unique<Data>(all_settings, folder, std::move(all_ways))) {}
 
-Commands::~Commands() {
-  delete data;
-}
+Commands::~Commands() = default;
 
 // A known id is answered from memory whatever else is wrong: what was done is then told, and not what would be done
 // now.

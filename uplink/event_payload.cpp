@@ -26,11 +26,21 @@ bool is_utf8(std::string_view text) {
   }
 }
 
+std::string payload_of(const AnswerLine& event, std::string_view info, size_t cut) {
+  const std::string time = event.text("time");
+  std::string payload = "{\"id\":" + json_text(event.text("id")) + ",\"t\":" + time;
+  if (strtoull(time.c_str(), nullptr, 10) < kClockIsSet) payload += ",\"t_ok\":false";
+  payload += ",\"type\":" + event.text("type") + ",\"name\":" + json_text(event.text("name")) + info_members(info);
+  if (cut > 0) payload += ",\"cut\":" + std::to_string(cut);
+  return payload + "}";
+}
+
+}  // namespace
+
 std::string json_text(std::string_view text) {
   return is_utf8(text) ? nlohmann::json(text).dump() : R"({"hex":")" + hex_of(text) + "\"}";
 }
 
-// The members "f" and, where that is not all, "info".
 std::string info_members(std::string_view info) {
   std::string fields;
   bool is_whole = true;
@@ -47,17 +57,6 @@ std::string info_members(std::string_view info) {
   }
   return ",\"f\":{" + fields + "}" + (is_whole ? "" : ",\"info\":" + json_text(info));
 }
-
-std::string payload_of(const AnswerLine& event, std::string_view info, size_t cut) {
-  const std::string time = event.text("time");
-  std::string payload = "{\"id\":" + json_text(event.text("id")) + ",\"t\":" + time;
-  if (strtoull(time.c_str(), nullptr, 10) < kClockIsSet) payload += ",\"t_ok\":false";
-  payload += ",\"type\":" + event.text("type") + ",\"name\":" + json_text(event.text("name")) + info_members(info);
-  if (cut > 0) payload += ",\"cut\":" + std::to_string(cut);
-  return payload + "}";
-}
-
-}  // namespace
 
 UplinkRecord event_record(const AnswerLine& event) {
   const std::string info = event.text("info");

@@ -19,5 +19,11 @@ UplinkRecord event_record(const AnswerLine& event);
 // The payload of a gap: {"gap":["5f3a90c1-813","5f3a90c1-820"],"n":8}; "n" is null when nobody knows.
 std::string gap_payload(const UplinkRecord& gap);
 
+// `text` as a JSON value.
+std::string json_text(std::string_view text);
+
+// The end of an object, `,"f":{...}` with the items of `info`, and `,"info":...` behind it where that is not all.
+std::string info_members(std::string_view info);
+
 // `name` as a part of a topic: bytes other than [A-Za-z0-9_-] are "%XX".
 std::string topic_part(std::string_view name);

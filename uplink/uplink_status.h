@@ -14,7 +14,7 @@
 //             published), bytes (of payloads published), rate (publishes in the last 10 s), waiting (records in memory)
 //   spool     place (disk, memory), records, bytes, limit (bytes), oldest_s (age of the oldest record; absent: none),
 //             dropped (events), written (bytes), syncs, error (why it is in memory; absent: it is not)
-//   commands  taken, refused, repeated, refusal (the last one; absent: none)
+//   commands  taken, refused, failed, repeated, refusal (the last one; absent: none)
 //
 // Counters grow from the start of the program on.
 #pragma once

@@ -1,6 +1,8 @@
 #include "ctl/check/check.h"
 
+#include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -15,6 +17,7 @@
 #include "ctl/running_daemon.h"
 #include "device/settings.h"
 #include "device/store_text.h"
+#include "uplink/uplink_settings.h"
 #include "util/safe_text.h"
 #include "util/script_files.h"
 #include "util/text.h"
@@ -72,7 +75,21 @@ std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
   return text;
 }
 
+// Reports what is wrong with the settings of the uplink, where there are any. Without the daemon's rights: the file is
+// not for the daemon.
+void check_uplink(const std::string& root, Findings& findings) {
+  const std::string path = root + kUplinkSettingsPath;
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return;
+  if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
+    return findings.warn(path, "was not checked: " + why_unreadable_file(path));
+  }
+  const UplinkSettingsResult result = read_uplink_settings(root);
+  for (const std::string& problem : result.problems) findings.fault(path + ": " + problem);
+  for (const std::string& warning : result.warnings) findings.warn(path, warning);
+}
+
 std::string check_daemon(const CheckRequest& request, Findings& findings) {
+  check_uplink(request.root, findings);
   const auto running = RunningDaemon::find(request.root);
   const std::string daemon = running ? running->folder() : installed_daemon_folder();
   std::optional<DaemonRights> rights;
