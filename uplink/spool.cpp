@@ -540,7 +540,8 @@ std::string Spool::Data::encoded(SpoolItem item) const {
 bool Spool::Data::fail(const char* reason) {
   if (!counts.in_memory || counts.error != reason) {
     if (const auto left_out = limit_of_lines.allow()) {
-      elog(1, "uplink: spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason, left_out->text);
+      elog(1, "uplink: spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason,
+           left_out->text);
     }
   }
   counts.in_memory = true;
