@@ -158,9 +158,7 @@ class FakeBroker {
       }
       const std::string reply = protocol_of(packet) == 0 ? "" : answer(protocol_of(packet));
       send(client.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
-      for (const std::string& accepted : {accepted_4(), accepted_5()}) {
-        if (reply.compare(0, accepted.size(), accepted) == 0) held.push_back(std::move(client));
-      }
+      if (reply.find(accepted_4()) == 0 || reply.find(accepted_5()) == 0) held.push_back(std::move(client));
     }
   }
 
