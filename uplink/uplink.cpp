@@ -287,7 +287,10 @@ std::string Uplink::stats() {
   if (!link.last_error.empty()) lines.key("error", link.last_error);
 
   lines.line("daemon").key("state", std::string(source.following ? "following" : "away"));
-  lines.key("since_s", since(source.since_ms)).key("connects", source.connects).key("events", taken_over).key("lost", lost);
+  lines.key("since_s", since(source.since_ms))
+      .key("connects", source.connects)
+      .key("events", taken_over)
+      .key("lost", lost);
   if (!source.run.empty()) lines.key("run", source.run);
   if (!outbox.position().empty()) lines.key("position", outbox.position());
   if (!source.last_error.empty()) lines.key("error", source.last_error);
