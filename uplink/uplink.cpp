@@ -127,8 +127,10 @@ void Uplink::take_gap(const std::string& first, const std::string& last, uint64_
   gap.last_id = last;
   gap.count = count;
   lost += count;
-  elog(1, "uplink: events from %s to %s are lost, %s of them", first.c_str(), last.c_str(),
-       count == 0 ? "nobody knows how many" : std::to_string(count).c_str());
+  if (const auto left_out = lost_limit.allow()) {
+    elog(1, "uplink: events from %s to %s are lost, %s of them%s", first.c_str(), last.c_str(),
+         count == 0 ? "nobody knows how many" : std::to_string(count).c_str(), left_out->text);
+  }
   outbox.add(std::move(gap), steady_ms());
 }
 

@@ -16,6 +16,7 @@
 #include "uplink/spool.h"
 #include "uplink/uplink_settings.h"
 #include "uplink/uplink_status.h"
+#include "util/rate_limit.h"
 
 // One thread only.
 class Uplink {
@@ -79,5 +80,6 @@ class Uplink {
   int64_t no_post_before = 0;  // the daemon has taken in nothing
   uint64_t taken_over = 0;     // that were taken over
   uint64_t lost = 0;
+  RateLimit lost_limit;
   std::deque<std::pair<int64_t, uint64_t>> published;  // counts in the last seconds
 };
