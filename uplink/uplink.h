@@ -21,8 +21,8 @@
 // One thread only.
 class Uplink {
  public:
-  // `root`: DEVICE_ROOT or empty, also in the environment. `session` counts the program's starts.
-  Uplink(UplinkSettings all_settings, std::string the_root, uint64_t session);
+  // `root`: DEVICE_ROOT or empty, also in the environment. `starts` of the program are its session.
+  Uplink(UplinkSettings all_settings, std::string the_root, uint64_t starts);
 
   // Works until SIGTERM or SIGINT can be read from `signals`, a signalfd; SIGHUP connects to the broker anew. Then
   // brings to the disk what is not acknowledged and says goodbye: 3 s at most, whatever the broker does.
