@@ -16,14 +16,21 @@ namespace {
 constexpr int kPatienceMs = 10000;
 constexpr size_t kFollowerOwedMost = size_t{64} * 1024;  // bytes; an event may go beyond
 constexpr int kEventsAtOnce = 256;
+constexpr int kPassedMost = 64;  // events of other names, until a follower is told where it stands
+
+std::string id_of(const EventRing& ring, uint64_t sequence) {
+  return ring.run() + ("-" + std::to_string(sequence));
+}
 
 std::string event_line(const EventRing& ring, const EventRecordCopy& event) {
-  char id[32];
-  snprintf(id, sizeof(id), "%s-%llu", ring.run(), static_cast<unsigned long long>(event.sequence));
   char time[24];
   snprintf(time, sizeof(time), "%u.%06u", event.seconds, event.microseconds);
   Answer answer;
-  answer.line("event").key("id", id).key("time", time).key("type", event.type).key("name", event.name);
+  answer.line("event")
+      .key("id", id_of(ring, event.sequence))
+      .key("time", time)
+      .key("type", event.type)
+      .key("name", event.name);
   answer.key("info", event.info).key("wait_us", event.wait_ns / 1000).key("run_us", event.run_ns / 1000);
   answer.key("errors", event.errors);
   if (event.info_cut > 0) answer.key("info_cut", event.info_cut);
@@ -116,10 +123,17 @@ void ControlConnection::owe_events(const EventRing& ring, int64_t now) {
       case EventRing::Read::nothing:
         return;
       case EventRing::Read::lost:
-        owe("lost n=" + std::to_string(lost) + '\n', now);
+        owe("lost n=" + std::to_string(lost) + " last=" + id_of(ring, next - 1) + '\n', now);
+        passed = 0;
         break;
       case EventRing::Read::entry:
-        if (following->wants(event.name)) owe(event_line(ring, event), now);
+        if (following->wants(event.name)) {
+          owe(event_line(ring, event), now);
+          passed = 0;
+        } else if (++passed == kPassedMost) {
+          owe("passed id=" + id_of(ring, event.sequence) + '\n', now);
+          passed = 0;
+        }
     }
   }
 }

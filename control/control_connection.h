@@ -83,4 +83,5 @@ class ControlConnection {
   int64_t active_ms;  // when it last sent or took something, or something began to wait for it
   std::optional<FollowRequest> following;
   uint64_t next = 0;  // of a follower
+  int passed = 0;     // events of other names since it was last told anything
 };

@@ -111,27 +111,3 @@ bool FollowRequest::wants(std::string_view name) const {
   return names.empty() || std::any_of(names.begin(), names.end(),
                                       [&](const std::string& pattern) { return matches_pattern(pattern, name); });
 }
-
-// A "*" first stands for nothing. When the rest does not match, the last "*" takes one byte more: no earlier one needs
-// to be tried again.
-bool matches_pattern(std::string_view pattern, std::string_view name) {
-  size_t at = 0;
-  size_t seen = 0;
-  size_t star = std::string_view::npos;
-  size_t star_seen = 0;
-  while (seen < name.size()) {
-    if (at < pattern.size() && pattern[at] == '*') {
-      star = at++;
-      star_seen = seen;
-    } else if (at < pattern.size() && (pattern[at] == '?' || pattern[at] == name[seen])) {
-      ++at;
-      ++seen;
-    } else if (star != std::string_view::npos) {
-      at = star + 1;
-      seen = ++star_seen;
-    } else {
-      return false;
-    }
-  }
-  return pattern.find_first_not_of('*', at) == std::string_view::npos;
-}

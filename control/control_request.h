@@ -55,6 +55,3 @@ struct FollowRequest {
   bool wants(std::string_view name) const;
 };
 std::string parse_follow(const std::vector<std::string>& arguments, FollowRequest& follow);
-
-// Whether `pattern` matches all of `name`: "*" stands for any bytes, also none, "?" for one.
-bool matches_pattern(std::string_view pattern, std::string_view name);

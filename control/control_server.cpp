@@ -296,7 +296,9 @@ bool ControlServer::follow(ControlConnection& client, const ControlRequest& requ
   }
   const uint64_t first = !has_id ? ring.last() + 1 : is_this_run ? wanted.sequence + 1 : ring.oldest();
   answer.line("following").key("run", ring.run()).key("next", first);
-  if (has_id && !is_this_run) answer.line("lost").key("n", "unknown");
+  if (has_id && !is_this_run) {
+    answer.line("lost").key("n", "unknown").key("last", ring.run() + ("-" + std::to_string(first - 1)));
+  }
   client.owe(answer.take_lines(), now);
   client.begin_to_follow(std::move(wanted), first);
   return true;

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <charconv>
 
-#include "control/control_paths.h"
 #include "ctl/daemon_socket.h"
 #include "ctl/failure.h"
 #include "util/clock.h"
@@ -95,8 +94,8 @@ const AnswerLine& line_of(const std::vector<AnswerLine>& answer, std::string_vie
   return found == answer.end() ? none : *found;
 }
 
-ControlClient::ControlClient(const std::string& root, int connect_limit_ms)
-    : socket(connect_to_daemon(root + kControlSocketPath, connect_limit_ms)) {}
+ControlClient::ControlClient(const std::string& root, int connect_limit_ms, const char* socket_path)
+    : socket(connect_to_daemon(root + socket_path, connect_limit_ms)) {}
 
 void ControlClient::send(const std::string& request) {
   const std::string line = request + "\n";

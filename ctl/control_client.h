@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "control/control_paths.h"
 #include "ctl/failure.h"
 #include "util/descriptor.h"
 
@@ -59,8 +60,10 @@ std::string encoded(std::string_view text);
 // goes away, or does not answer in time, and Refused.
 class ControlClient {
  public:
-  // Connects to the control socket below `root`, DEVICE_ROOT or empty.
-  explicit ControlClient(const std::string& root, int connect_limit_ms = kAnswerLimitMs);
+  // Connects to the control socket below `root`, DEVICE_ROOT or empty; `socket_path` names another one that speaks the
+  // same protocol.
+  explicit ControlClient(const std::string& root, int connect_limit_ms = kAnswerLimitMs,
+                         const char* socket_path = kControlSocketPath);
 
   // Sends a request and returns its whole answer, without the empty line; all of it takes at most `limit_ms`.
   std::vector<AnswerLine> ask(const std::string& request, int limit_ms = kAnswerLimitMs);

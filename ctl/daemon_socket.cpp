@@ -36,11 +36,11 @@ std::string allowed_group(const std::string& path) {
 // The process that holds a lock file beside the socket at `path`, as a running daemon does; 0: none. It gives up the
 // lock of a socket that it cannot have, but not the other one.
 pid_t lock_holder(const std::string& path) {
-  const std::string root = path.substr(0, path.rfind("/run/"));
   std::set<std::string> inodes;
-  for (const char* const lock : {kEventLockPath, kControlLockPath}) {
+  for (const std::string lock : {kEventLockPath, kControlLockPath}) {
     struct stat status {};
-    if (stat((root + lock).c_str(), &status) == 0) inodes.insert(std::to_string(status.st_ino));
+    const std::string beside = folder_of(path) + lock.substr(lock.rfind('/'));
+    if (stat(beside.c_str(), &status) == 0) inodes.insert(std::to_string(status.st_ino));
   }
   std::ifstream locks("/proc/locks");
   // "1: FLOCK ADVISORY WRITE 12 00:2e:4711 0 EOF"

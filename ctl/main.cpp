@@ -9,6 +9,7 @@
 #include "ctl/command_line.h"
 #include "ctl/completion.h"
 #include "ctl/inspect/inspect.h"
+#include "ctl/inspect/uplink.h"
 #include "ctl/listen.h"
 #include "ctl/live/tail.h"
 #include "ctl/live/top.h"
@@ -90,6 +91,10 @@ void run_status(const Given& given) {
 
 void run_scripts(const Given& given) {
   print_scripts(given.root, given.has("--json"), stdout);
+}
+
+void run_uplink(const Given& given) {
+  print_uplink(given.root, given.has("--json"), stdout);
 }
 
 void run_log_level(const Given& given) {
@@ -180,8 +185,9 @@ const std::vector<Command>& commands() {
        run_top},
       {"check",
        "Compile the daemon's scripts and report their faults",
-       "Prints each fault as FILE:LINE: MESSAGE. Warns of settings that the daemon ignores, of folders that are\n"
-       "missing and, where luacheck is installed, of globals that nothing defines. Compiles the scripts in the\n"
+       "Prints each fault as FILE:LINE: MESSAGE, of the settings of the uplink too, where there are any. Warns of\n"
+       "settings that the daemon ignores, of folders that are missing and, where luacheck is installed, of globals "
+       "that nothing defines. Compiles the scripts in the\n"
        "daemon's order and runs none.\n"
        "Ends with status 0 when there is no fault, with 1 when there is.\n"
        "\nExamples:\n"
@@ -237,6 +243,13 @@ const std::vector<Command>& commands() {
        {{"--textfile", Takes::value,
          "Replace FILE, a regular one, as a whole; for the textfile collector of node_exporter", "FILE"}},
        run_metrics},
+      {"uplink",
+       "Tell how the connection to the broker is",
+       "The first line says whether events reach the broker; lines that begin with ! say what deserves a look.\n"
+       "Ends with status 0 when they do, with 1 when they do not or when no uplink answers.\n"
+       "--root and the exit statuses: see zelvctl --help.",
+       {{"--json", Takes::nothing, "Print one JSON object, with everything"}},
+       run_uplink},
       {"log-level",
        "Print the daemon's log level, or set it until its next start",
        "0 is silent, 1 errors, 2 progress, 3 each event, 4 each packet; scripts may use levels up to 99.",

@@ -8,6 +8,7 @@
 
 #include "ctl/failure.h"
 #include "ctl/inspect/answers.h"
+#include "ctl/inspect/uplink.h"
 #include "ctl/output.h"
 #include "util/descriptor.h"
 #include "util/quiet_write.h"
@@ -103,6 +104,38 @@ constexpr Metric kMetrics[] = {
      "Connections to the control socket that follow events."},
     {"control_requests_total", Shape::counter, "control", "requests", "Requests at the control socket."},
     {"answer_cut_bytes", Shape::gauge, "cut", "bytes", "Left out of these metrics: the answer was too long."},
+};
+
+// Of the uplink's own answer.
+constexpr Metric kUplinkMetrics[] = {
+    {"uplink_build_info", Shape::info, "uplink", "version", "What runs: always 1.", {"version", "device"}},
+    {"uplink_resident_memory_bytes", Shape::gauge, "uplink", "rss", "Memory in use by the uplink."},
+    {"uplink_connected", Shape::one_of, "broker", "state", "Whether the broker is there.", {"up"}},
+    {"uplink_connects_total", Shape::counter, "broker", "connects", "Connections to the broker."},
+    {"uplink_failures_total", Shape::counter, "broker", "failures", "Connections that failed or were lost."},
+    {"uplink_in_flight", Shape::gauge, "broker", "in_flight", "Messages that the broker has not confirmed."},
+    {"uplink_following", Shape::one_of, "daemon", "state", "Whether the daemon is there.", {"following"}},
+    {"uplink_events_total", Shape::counter, "daemon", "events", "Events read that `up` names."},
+    {"uplink_lost_events_total", Shape::counter, "daemon", "lost", "Events overwritten before they were read."},
+    {"uplink_published_total", Shape::counter, "out", "published", "Messages given to the broker."},
+    {"uplink_confirmed_total", Shape::counter, "out", "confirmed", "Messages that the broker has confirmed."},
+    {"uplink_repeated_total", Shape::counter, "out", "repeated", "Messages sent again after a lost connection."},
+    {"uplink_refused_total", Shape::counter, "out", "refused", "Messages that the broker has refused for good."},
+    {"uplink_gaps_total", Shape::counter, "out", "gaps", "Gaps declared to the broker."},
+    {"uplink_published_bytes_total", Shape::counter, "out", "bytes", "Bytes of all messages."},
+    {"uplink_waiting", Shape::gauge, "out", "waiting", "Records in memory that are not confirmed."},
+    {"uplink_spool_records", Shape::gauge, "spool", "records", "Records in the spool."},
+    {"uplink_spool_bytes", Shape::gauge, "spool", "bytes", "Bytes of the spool's files."},
+    {"uplink_spool_limit_bytes", Shape::gauge, "spool", "limit", "What spool_size allows."},
+    {"uplink_spool_oldest_age_seconds", Shape::gauge, "spool", "oldest_s", "Age of the oldest record."},
+    {"uplink_spool_in_memory", Shape::one_of, "spool", "place", "Whether the folder takes nothing.", {"memory"}},
+    {"uplink_dropped_events_total", Shape::counter, "spool", "dropped", "Events dropped: the spool was full."},
+    {"uplink_spool_written_bytes_total", Shape::counter, "spool", "written", "Bytes written to the spool's files."},
+    {"uplink_spool_syncs_total", Shape::counter, "spool", "syncs", "Syncs of the spool."},
+    {"uplink_commands_taken_total", Shape::counter, "commands", "taken", "Commands handed to the daemon."},
+    {"uplink_commands_refused_total", Shape::counter, "commands", "refused", "Commands refused."},
+    {"uplink_commands_failed_total", Shape::counter, "commands", "failed", "Commands that the daemon did not take."},
+    {"uplink_commands_repeated_total", Shape::counter, "commands", "repeated", "Commands answered from memory."},
 };
 
 bool ends_with(std::string_view text, std::string_view end) {
@@ -220,27 +253,41 @@ void write(const std::string& text, const std::string& textfile, FILE* out) {
   textfile.empty() ? write_now(out, text) : replace(textfile, text);
 }
 
-}  // namespace
-
-std::string metrics_text(const std::vector<AnswerLine>& stats) {
-  std::string text = up(true);
-  for (const Metric& metric : kMetrics) {
+template <size_t size>
+std::string text_of(const Metric (&metrics)[size], const std::vector<AnswerLine>& answer) {
+  std::string text;
+  for (const Metric& metric : metrics) {
     const std::string name = std::string("zelvind_") + metric.name;
     std::string all;
-    for (const AnswerLine* line : lines_of(stats, metric.kind)) all += samples(name, metric, *line);
+    for (const AnswerLine* line : lines_of(answer, metric.kind)) all += samples(name, metric, *line);
     if (!all.empty()) text += headed(name, metric.help, type_of(metric.shape), all);
   }
   return text;
 }
 
+// Nothing where no uplink answers: most devices have none.
+std::string uplink_metrics(const std::string& root) try {
+  constexpr int kLimitMs = 1000;
+  return text_of(kUplinkMetrics, ask_uplink(root, kLimitMs));
+} catch (const Failure&) {
+  return "";
+}
+
+}  // namespace
+
+std::string metrics_text(const std::vector<AnswerLine>& stats) {
+  return up(true) + text_of(kMetrics, stats);
+}
+
 void print_metrics(const std::string& root, const std::string& textfile, FILE* out) {
+  const std::string uplink = uplink_metrics(root);
   std::string text;
   try {
-    text = metrics_text(ControlClient(root).ask("stats"));
+    text = metrics_text(ControlClient(root).ask("stats")) + uplink;
   } catch (const Refused&) {  // it is up, and all places are taken: neither is to be told by `up`
     throw;
   } catch (const Failure&) {
-    write(up(false), textfile, out);
+    write(up(false) + uplink, textfile, out);
     throw;
   }
   write(text, textfile, out);

@@ -59,8 +59,8 @@ std::string failure_of(const std::function<void()>& action) {
 TEST(Zelvctl, RefusesWrongArgumentsAndSaysWhatCannotBeReached) {
   const std::pair<const char*, const char*> rows[] = {
       {"",
-       "expected a command: post, listen, tail, top, check, reload, run, status, scripts, metrics or log-level\nTry: "
-       "zelvctl --help"},
+       "expected a command: post, listen, tail, top, check, reload, run, status, scripts, metrics, uplink or "
+       "log-level\nTry: zelvctl --help"},
       {"post", "TYPE is required\nTry: zelvctl post --help"},
       {"post '1 a' a", "TYPE '1 a', NAME 'a': the type is not a whole number"},
       {"post 1 'a b'", "NAME 'a b': the name holds a blank or a control character"},

@@ -29,9 +29,11 @@ class FakeControl {
  public:
   // Serves one connection after another: answers a request with the bytes that stand for it in `answers`, and closes
   // the connection after those that do not end an answer, and when there are none. Of several answers with a zero byte
-  // between them, the first ones are given once.
-  FakeControl(const std::string& root, std::map<std::string, std::string> answers) : replies(std::move(answers)) {
-    const std::string path = root + kControlSocketPath;
+  // between them, the first ones are given once. `socket_path` is that of another program with the same protocol.
+  FakeControl(const std::string& root, std::map<std::string, std::string> answers,
+              const char* socket_path = kControlSocketPath)
+      : replies(std::move(answers)) {
+    const std::string path = root + socket_path;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::filesystem::remove(path);
     EXPECT_EQ(unix_bind(listening.get(), path), 0);

@@ -10,9 +10,12 @@
 #include "ctl/human_text.h"
 #include "ctl/inspect/diagnosis.h"
 #include "ctl/inspect/script_list.h"
+#include "ctl/inspect/uplink.h"
 #include "ctl/metrics.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
+#include "uplink/uplink_settings.h"
+#include "uplink/uplink_status.h"
 #include "util/text.h"
 
 namespace {
@@ -355,6 +358,97 @@ TEST(Metrics, AreReplacedAsAWholeAlsoByADaemonThatHasGone) {
                       "zelvctl: failed to write ROOT/no/m.prom: No such file or directory\n");
   root.launch("ls $ROOT $ROOT/folder >$ROOT/list");
   EXPECT_EQ(root.text_of("list").find("folder."), std::string::npos);  // nothing temporary is left
+}
+
+// Of an uplink that is well.
+constexpr char kUplinkWell[] =
+    "uplink version=1.2.3 pid=12 started=0 uptime_s=7380 session=17 device=0017 rss=3145728\n"
+    "broker host=b port=8883 tls=1 state=up since_s=7000 protocol=5 connects=2 failures=1 error=no%0aroute "
+    "in_flight=3\n"
+    "daemon state=following since_s=7370 run=5f3a90c1 position=5f3a90c1-812 connects=1 events=40 lost=0\n"
+    "out published=41 confirmed=38 repeated=2 gaps=0 bytes=4100 rate=25 waiting=3\n"
+    "spool place=disk records=0 bytes=0 limit=4194304 dropped=0 written=0 syncs=0\n"
+    "commands taken=5 refused=0 failed=0 repeated=1\n";
+
+TEST(Uplink, NamesEachTrouble) {
+  const struct {
+    std::string lines, trouble, notes;
+  } rows[] = {
+      {"", "", ""},
+      {"broker host=b port=1883 state=down since_s=61 error=no%1b next_try_s=8",
+       "the broker b:1883 is away for 1 min 1 s; the last error: no\\x1b; the next try is in 8.0 s", ""},
+      {"broker host=b port=1883 state=down since_s=61\nspool place=disk oldest_s=100",
+       "the broker b:1883 is away for 1 min 1 s; it tries right now", ""},
+      {"daemon state=away since_s=5 error=gone", "the daemon is away for 5.0 s; the last error: gone", ""},
+      {"spool place=memory error=full", "", "the spool is in memory, and is lost with the program; its folder: full"},
+      {"spool place=disk oldest_s=61", "",
+       "the oldest event waits for 1 min 1 s although the broker is there: it confirms slowly, or `rate` is too low"},
+      {"spool place=disk oldest_s=60 dropped=1", "", "1 event was dropped: more came than `spool_size` holds"},
+      {"daemon state=following lost=2", "",
+       "2 events were overwritten in the daemon before the uplink read them: a larger `event_memory` of the daemon "
+       "helps"},
+      {"out refused=1", "", "1 message was refused by the broker: the log says why"},
+      {"commands refused=2 failed=1 refusal=a%0ab", "",
+       "2 commands were refused, the last one: a\\nb|1 command came while the daemon was not there to take it in"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    const Diagnosis diagnosis = diagnose_uplink(lines_in(row.lines + "\n" + kUplinkWell));
+    EXPECT_EQ(diagnosis.trouble, row.trouble);
+    std::string notes;
+    for (const std::string& note : diagnosis.notes) notes += (notes.empty() ? "" : "|") + note;
+    EXPECT_EQ(notes, row.notes);
+  }
+}
+
+TEST(Uplink, IsOneScreenAHealthCheckAndPartOfTheMetrics) {
+  const RealDaemon root;
+  root.expect_zelvctl("uplink", 1,
+                      "NOT HEALTHY: the uplink does not answer: no daemon at ROOT/run/zelvind-uplink/control.sock: No "
+                      "such file or directory\n",
+                      "");
+  const FakeControl uplink(root.path(""), {{"stats", kUplinkWell + "\n\0broker state=down device=7\n\n"s}},
+                           kUplinkSocketPath);
+  root.expect_zelvctl(
+      "uplink", 0,
+      "healthy\n"
+      "uplink      zelvind-uplink 1.2.3, process 12, device 0017, session 17, for 2 h 3 min, 3.0 MiB of "
+      "memory\n"
+      "broker      b:8883 with TLS, up for 1 h 56 min, MQTT 5; 2 connects, 1 failure; the last error: "
+      "no\\nroute\n"
+      "daemon      following for 2 h 2 min, behind event 5f3a90c1-812; 40 events read, 0 lost\n"
+      "sent        41 messages published, 38 confirmed, 3 in flight, 2 repeated, 0 gaps declared; "
+      "2.5/s in the last 10 s\n"
+      "spool       in its folder: 0 records, 0 B of 4.0 MiB; 0 events dropped\n"
+      "commands    5 taken, 0 refused, 0 failed, 1 answered from memory\n",
+      "");
+  root.expect_zelvctl("uplink --json", 1, R"({
+  "healthy": false,
+  "trouble": "the broker : is away for 0 s; it tries right now",
+  "notes": [],
+  "broker": {
+    "device": "7",
+    "state": "down"
+  }
+}
+)",
+                      "");
+  root.launch("zelvctl metrics >$ROOT/m.prom 2>/dev/null; grep -v '#' $ROOT/m.prom >$ROOT/samples");
+  EXPECT_EQ(root.text_of("samples"), "zelvind_up 0\nzelvind_uplink_connected 0\n");
+}
+
+TEST(Uplink, SettingsAreCheckedWithoutHoldingUpAReload) {
+  RealDaemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const std::string file = kUplinkSettingsPath;
+  daemon.write(file.substr(1), "broker = mqtt://localhost\nup = door\ndevice = a\n");
+  EXPECT_EQ(daemon.launch("zelvctl check >$ROOT/out 2>&1"), 0) << daemon.text_of("out");
+  daemon.write(file.substr(1), "brocker = mqtt://localhost\nbroker = ftp://x\nup = door\ndevice = a\n");
+  EXPECT_NE(daemon.launch("zelvctl check >$ROOT/out 2>/dev/null"), 0);
+  EXPECT_EQ(daemon.text_of("out"), "ROOT" + file + ": the uplink has no setting 'brocker'; did you mean broker?\nROOT" +
+                                       file +
+                                       ": broker is 'ftp://x': expected mqtt://HOST[:PORT] or mqtts://HOST[:PORT]\n");
+  EXPECT_EQ(daemon.launch("zelvctl reload >/dev/null 2>&1"), 0);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ struct UplinkSettings {
   bool tls = false;
 
   std::string device;               // [A-Za-z0-9_-]{1,64}; absent: 16 hexadecimal digits of a hash of /etc/machine-id
-  std::string ca, cert, key;        // files, taken as they are
+  std::string ca, cert, key;        // files, taken as they are; mqtts without ca: the system's authorities
   std::string user, password_file;  // the password is the first line of the file, read at each connect
   std::string prefix;               // of topics, "%i" replaced by the device
   std::vector<std::string> up;      // patterns of type names with "*" and "?"
@@ -42,7 +42,11 @@ struct UplinkSettings {
 struct UplinkSettingsResult {
   UplinkSettings settings;            // complete only while there are no problems
   std::vector<std::string> problems;  // one clear sentence each, with the line or key that it is about
+  std::vector<std::string> warnings;  // likewise; the uplink starts all the same, e.g. without a certificate to come
 };
+
+// Whether one of `patterns` matches all of `name`. Any thread.
+bool matches_any(const std::vector<std::string>& patterns, std::string_view name);
 
 // Reads the settings file below `root`, DEVICE_ROOT or empty. Never throws for a bad file: what is wrong is in
 // `problems`, an unknown key with the nearest known one included. Any thread.

@@ -4,6 +4,27 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
+
+namespace {
+
+// How many letters must be added, removed or replaced to make `a` out of `b`.
+size_t distance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), 0U);
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+    }
+  }
+  return row[b.size()];
+}
+
+}  // namespace
 
 std::string sstr(const char* format, ...) {
   char buffer[2048];
@@ -48,4 +69,40 @@ int query_field(const char* text, const char* key, char* out, int max) {
     if (text[offset] == '&') ++offset;
   }
   return -1;
+}
+
+// A "*" first stands for nothing. When the rest does not match, the last "*" takes one byte more: no earlier one needs
+// to be tried again.
+bool matches_pattern(std::string_view pattern, std::string_view name) {
+  size_t at = 0;
+  size_t seen = 0;
+  size_t star = std::string_view::npos;
+  size_t star_seen = 0;
+  while (seen < name.size()) {
+    if (at < pattern.size() && pattern[at] == '*') {
+      star = at++;
+      star_seen = seen;
+    } else if (at < pattern.size() && (pattern[at] == '?' || pattern[at] == name[seen])) {
+      ++at;
+      ++seen;
+    } else if (star != std::string_view::npos) {
+      at = star + 1;
+      seen = ++star_seen;
+    } else {
+      return false;
+    }
+  }
+  return pattern.find_first_not_of('*', at) == std::string_view::npos;
+}
+
+std::string suggestion_for(std::string_view word, const std::vector<std::string>& known) {
+  const std::string* nearest = nullptr;
+  size_t least = std::max<size_t>(word.size() / 3, 1);  // further away it is another word
+  for (const std::string& one : known) {
+    const size_t away = distance(word, one);
+    if (away > least || (nearest != nullptr && away == least)) continue;
+    nearest = &one;
+    least = away;
+  }
+  return nearest == nullptr ? "" : "; did you mean " + *nearest + "?";
 }

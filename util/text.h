@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // printf into a string, which is cut after 2047 characters.
 std::string sstr(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -22,3 +23,9 @@ int char_index(const char* s, int c);
 // offset in `text` just past the item, -1 when no item matches, -2 when the value is longer than `max`; on failure
 // `out` is empty. Bytes are compared as they are: nothing is trimmed or decoded.
 int query_field(const char* text, const char* key, char* out, int max);
+
+// Whether `pattern` matches all of `name`: "*" stands for any bytes, also none, "?" for one.
+bool matches_pattern(std::string_view pattern, std::string_view name);
+
+// "; did you mean KEY?" with the one of `known` that is nearest to `word`, or empty when none is near.
+std::string suggestion_for(std::string_view word, const std::vector<std::string>& known);

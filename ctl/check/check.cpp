@@ -1,9 +1,10 @@
 #include "ctl/check/check.h"
 
+#include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -16,35 +17,12 @@
 #include "ctl/running_daemon.h"
 #include "device/settings.h"
 #include "device/store_text.h"
+#include "uplink/uplink_settings.h"
 #include "util/safe_text.h"
 #include "util/script_files.h"
 #include "util/text.h"
 
 namespace {
-
-// How many letters must be added, removed or replaced to make `a` out of `b`.
-size_t distance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), 0U);
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-    }
-  }
-  return row[b.size()];
-}
-
-// "; did you mean KEY?", or empty when no key is near.
-std::string suggestion_for(const std::string& key) {
-  const auto nearer = [&](const Setting* a, const Setting* b) { return distance(key, a->key) < distance(key, b->key); };
-  const Setting* const nearest = *std::min_element(std::begin(settings::kAll), std::end(settings::kAll), nearer);
-  const bool is_near = distance(key, nearest->key) <= std::max<size_t>(key.size() / 3, 1);
-  return is_near ? sstr("; did you mean %s?", nearest->key) : "";
-}
 
 // Warns of what the daemon ignores in its settings file `path`, where the embedded store keeps it.
 void check_settings(const ScriptFolders& folders, Findings& findings) {
@@ -56,10 +34,12 @@ void check_settings(const ScriptFolders& folders, Findings& findings) {
     findings.warn(complaint.line == 0 ? path : path + ":" + std::to_string(complaint.line), complaint.text);
   }
   if (store.more_complaints > 0) findings.warn(path, sstr("%d more bad lines", store.more_complaints));
+  std::vector<std::string> known;
+  for (const Setting* setting : settings::kAll) known.emplace_back(setting->key);
   for (const auto& [key, value] : store.values) {
     const Setting* const setting = settings::find(key);
     if (setting == nullptr) {
-      findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key));
+      findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key, known));
     } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
       findings.warn(path, problem);
     }
@@ -95,7 +75,21 @@ std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
   return text;
 }
 
+// Reports what is wrong with the settings of the uplink, where there are any. Without the daemon's rights: the file is
+// not for the daemon.
+void check_uplink(const std::string& root, Findings& findings) {
+  const std::string path = root + kUplinkSettingsPath;
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return;
+  if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
+    return findings.warn(path, "was not checked: " + why_unreadable_file(path));
+  }
+  const UplinkSettingsResult result = read_uplink_settings(root);
+  for (const std::string& problem : result.problems) findings.fault(sstr("%s: %s", path.c_str(), problem.c_str()));
+  for (const std::string& warning : result.warnings) findings.warn(path, warning);
+}
+
 std::string check_daemon(const CheckRequest& request, Findings& findings) {
+  check_uplink(request.root, findings);
   const auto running = RunningDaemon::find(request.root);
   const std::string daemon = running ? running->folder() : installed_daemon_folder();
   std::optional<DaemonRights> rights;

@@ -19,7 +19,8 @@ struct CheckRequest {
   bool strict;                      // count warnings as faults
 };
 
-// The command. Without places it checks the settings and scripts of the daemon below `root`: with that daemon's rights
+// The command. Without places it checks the settings and scripts of the daemon below `root` and the settings of the
+// uplink, if there are any: with that daemon's rights
 // if it runs and no user is given, otherwise as the installed one would load them. With places it checks all scripts
 // there, which need not be complete, with our own rights unless a user is given. Writes everything to `out`. Throws
 // Failure: Exit::unreachable when there are faults, or with `strict` warnings; Exit::usage for a user that is not there

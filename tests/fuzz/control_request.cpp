@@ -3,6 +3,7 @@
 #include "control/control_request.h"
 #include "control/answer.h"
 #include "tests/fuzz/fuzz.h"
+#include "util/text.h"
 
 namespace {
 
