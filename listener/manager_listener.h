@@ -96,7 +96,8 @@ class ManagerListener {
   void add_client(int fd, const Peer& peer);
 
   // listener_status.cpp
-  void add_places(ListenerStatus& status) const;
+  ListenerStatus counts();
+  void add_endpoints(ListenerStatus& status) const;
 
   // receive_thread.cpp
   void receive_loop();
