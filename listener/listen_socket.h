@@ -24,7 +24,7 @@ class ListenSocket {
   // When it is to be tried again, by steady_ms(); -1: it is open or has been given up.
   int64_t next_try() const;
 
-  // Tries again when that is due at `now`, and makes a Unix socket anew that was removed. `port` as for open().
+  // Tries again when that is due at `now`, and remakes a Unix socket that was removed. `port` as for open().
   void maintain(int port, int64_t now);
 
   // Closes it, and removes the Unix socket.
