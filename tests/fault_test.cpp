@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
@@ -32,11 +33,13 @@ class FaultyDaemon : public RealDaemon {
 
   // Waits until no thread runs: one on its way to a call would meet the fault that is meant for another.
   bool sleeps() const {
-    return wait_until([this] {
-      for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(process()) + "/task")) {
-        if (read_file(thread.path() / "stat").find(") R ") != std::string::npos) return false;
-      }
-      return true;
+    const auto waits = [](const auto& thread) {
+      return read_file(thread.path() / "stat").find(") R ") == std::string::npos;
+    };
+    const std::filesystem::directory_iterator end;
+    return wait_until([&] {
+      return std::all_of(std::filesystem::directory_iterator("/proc/" + std::to_string(process()) + "/task"), end,
+                         waits);
     });
   }
 
