@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <string>
 
 #include "tests/cut_proxy.h"
@@ -55,7 +56,11 @@ class MqttBroker {
  public:
   // `lines`: of its configuration, beside the listener.
   explicit MqttBroker(std::string lines = "allow_anonymous true\n") : configuration(std::move(lines)) {}
-  ~MqttBroker() { end(SIGKILL); }
+  ~MqttBroker() {
+    end(SIGKILL);
+    std::ifstream log(folder.file("log"));
+    if (testing::Test::HasFailure() && log) std::cerr << "--- the broker's log\n" << log.rdbuf();
+  }
   MqttBroker(const MqttBroker&) = delete;
   MqttBroker& operator=(const MqttBroker&) = delete;
 
@@ -89,14 +94,7 @@ class MqttBroker {
     }
     pid = 0;
   }
-  // Stops or continues it, as a machine that hangs.
-  void hang(bool on) const { kill(pid, on ? SIGSTOP : SIGCONT); }
-
   int port() const { return used_port; }
-  std::string log() const {
-    std::ifstream stream(folder.file("log"));
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
 
   TemporaryFolder folder;
   std::string configuration;

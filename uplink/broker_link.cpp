@@ -12,6 +12,7 @@
 #include "uplink/mqtt_client.h"
 #include "uplink/name_lookup.h"
 #include "util/clock.h"
+#include "util/rate_limit.h"
 #include "util/safe_text.h"
 
 namespace {
@@ -90,6 +91,7 @@ struct BrokerLink::Data : MqttClient::Owner {
   bool five_has_worked = false;  // with this broker
 
   std::set<std::string> reasons_said;  // in this outage
+  RateLimit subscription_limit;
 };
 
 BrokerLink::Data::Data(const UplinkSettings& all_settings, Will last_will, std::vector<std::string> all_subscriptions,
@@ -254,8 +256,9 @@ int BrokerLink::Data::publish(const std::string& topic, std::string_view payload
 void BrokerLink::Data::on_answered(int token, const std::string& refusal) {
   last_acknowledged = steady_ms();
   --state.in_flight;
-  if (token == farewell) farewell = -1;
-  if (refusal.empty()) {
+  if (token == farewell) {
+    farewell = -1;
+  } else if (refusal.empty()) {
     if (events.on_confirmed) events.on_confirmed(token);
   } else {
     ++state.refused;
@@ -265,7 +268,9 @@ void BrokerLink::Data::on_answered(int token, const std::string& refusal) {
 
 void BrokerLink::Data::on_subscription_refused() {
   state.last_error = "the broker refuses a subscription";
-  elog(1, "uplink: the broker refuses a subscription");
+  if (const auto left_out = subscription_limit.allow()) {
+    elog(1, "uplink: the broker refuses a subscription%s", left_out->text);
+  }
 }
 
 void BrokerLink::Data::on_message(const char* topic, std::string_view payload, bool retained) {

@@ -83,7 +83,7 @@ class BrokerLink {
   void reconnect();
 
   // Says goodbye: publishes `payload` retained to the will's topic, disconnects, and waits at most `limit_ms` for both.
-  // Events that come meanwhile are still told. Afterwards the link stays down.
+  // Events that come meanwhile are still told, but for what becomes of this message. Afterwards the link stays down.
   void close(const std::string& payload, int limit_ms);
 
   // For the poll loop: what to wait for, how long at most (ms, -1: for as long as it takes), and what then is to be

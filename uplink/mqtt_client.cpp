@@ -18,6 +18,7 @@ constexpr int kKeepAlive = 60;           // seconds
 constexpr int64_t kHousekeeping = 5000;  // ms between looks at the keep-alive
 constexpr uint32_t kWillDelay = 30;      // seconds
 constexpr uint32_t kSessionExpiry = 3600;
+constexpr int kMostUnflushed = 1000;
 
 std::string text_of(int error) {
   return std::generic_category().message(error);
@@ -93,6 +94,7 @@ void MqttClient::set_callbacks() {
     static_cast<MqttClient*>(self)->on_published(token, code);
   });
   mosquitto_message_callback_set(fresh, [](mosquitto*, void* self, const mosquitto_message* message) {
+    ++static_cast<MqttClient*>(self)->unflushed;
     const auto size = static_cast<size_t>(message->payloadlen);
     static_cast<MqttClient*>(self)->owner.on_message(message->topic, {static_cast<const char*>(message->payload), size},
                                                      message->retain);
@@ -146,7 +148,9 @@ int MqttClient::descriptor() const {
 }
 
 short MqttClient::wanted() const {
-  return static_cast<short>(!reached || mosquitto_want_write(client.get()) ? POLLIN | POLLOUT : POLLIN);
+  // The library keeps its answers for a broker that sends but does not read, and would do so without bound.
+  const int reads = unflushed < kMostUnflushed ? POLLIN : 0;
+  return static_cast<short>(!reached || mosquitto_want_write(client.get()) ? reads | POLLOUT : reads);
 }
 
 bool MqttClient::exchange() {
@@ -183,6 +187,7 @@ int MqttClient::read_and_write(short happened) {
     code = mosquitto_loop_read(client.get(), 1);
   }
   if (code == MOSQ_ERR_SUCCESS && mosquitto_want_write(client.get())) code = mosquitto_loop_write(client.get(), 1);
+  if (!mosquitto_want_write(client.get())) unflushed = 0;
   if (code == MOSQ_ERR_SUCCESS && steady_ms() >= housekeeping) {
     housekeeping = steady_ms() + kHousekeeping;
     code = mosquitto_loop_misc(client.get());

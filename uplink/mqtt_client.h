@@ -110,5 +110,6 @@ class MqttClient {
   bool answered = false;  // CONNACK has come
   bool accepted = false;
   bool refused = false;
+  int unflushed = 0;  // messages that came since all that was to be written was written
   std::string said;
 };
