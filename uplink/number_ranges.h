@@ -25,6 +25,16 @@ class NumberRanges {
     ranges.emplace(first, last);
   }
 
+  void remove(uint64_t number) {
+    if (!contains(number)) return;
+    const auto at = std::prev(ranges.upper_bound(number));
+    const auto [first, last] = *at;
+    ranges.erase(at);
+    if (first < number) ranges.emplace(first, number - 1);
+    if (number < last) ranges.emplace(number + 1, last);
+    --numbers;
+  }
+
   // The first number that is at least `number` and not in the set.
   uint64_t next_missing(uint64_t number) const {
     const auto behind = ranges.upper_bound(number);

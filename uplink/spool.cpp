@@ -40,6 +40,10 @@ void extend(UplinkRecord& gap, const UplinkRecord& record) {
   gap.last_id = record.is_gap() ? record.last_id : record.id;
 }
 
+uint64_t seconds_now() {
+  return static_cast<uint64_t>(time(nullptr));
+}
+
 size_t size_of(const UplinkRecord& record) {
   return kFrameMax + record.id.size() + record.last_id.size() + record.name.size() + record.payload.size();
 }
@@ -56,17 +60,19 @@ struct Spool::Data {
   const UplinkSettings::Full full;
   const size_t segment_max = std::min(kSegmentMax, limit / 4);
   const size_t memory_max = std::min(kMemoryMax, limit / 2);
+  const size_t sync_bytes = std::min(kSyncBytes, memory_max / 2);
 
   uint64_t origin = kFirstNumber;  // the lowest number that there is
   uint64_t next = kFirstNumber;    // of the next record
   uint64_t shift = 0;              // a number less the same number in the files
   NumberRanges settled;            // numbers from origin to next that are acknowledged, or of no record
+  uint64_t chain_end = 0;          // the last number in the files, as it is there
 
-  bool is_taken_up = false;       // what an earlier run has left
-  std::vector<Segment> segments;  // by serial
-  uint64_t current = 0;           // serial of the one that is written to; 0: there is none
-  uint64_t keeper = 0;            // serial of the one with the last mark
-  uint64_t cached = 0;            // serial of the one whose bytes these are,
+  bool is_taken_up = false;            // what an earlier run has left
+  std::vector<SpoolSegment> segments;  // by serial
+  uint64_t current = 0;                // serial of the one that is written to; 0: there is none
+  uint64_t keeper = 0;                 // serial of the one with the last mark
+  uint64_t cached = 0;                 // serial of the one whose bytes these are,
   std::string cache;
   std::map<uint64_t, size_t> cached_items;  // where its items begin,
   size_t cached_end = 0;                    // and where they end
@@ -84,12 +90,14 @@ struct Spool::Data {
   RateLimit limit_of_lines;
 
   uint64_t live(uint64_t number) const { return settled.next_missing(std::max(number, origin)); }
-  bool is_settled(const Segment& segment) const { return segment.first == 0 || live(segment.first) > segment.last; }
+  bool is_settled(const SpoolSegment& segment) const {
+    return segment.first == 0 || live(segment.first) > segment.last;
+  }
   bool has_room(size_t size) const {
     return memory_bytes + size <= memory_max && counts.bytes + memory_bytes + size <= limit;
   }
 
-  void keep(uint64_t number, UplinkRecord record, uint64_t seconds);
+  void keep(SpoolItem item);
   void forget(uint64_t number);
   void settle(uint64_t number) { settled.add(number, number); }
 
@@ -98,11 +106,11 @@ struct Spool::Data {
   bool drop_segment();
   bool drop_memory();
   void lose(size_t index);
-  void merge_head(uint64_t number);
+  bool join_head(SpoolItem& gap);
+  void add_to(SpoolItem& gap, const SpoolItem& item);
 
   bool find(uint64_t number, SpoolItem& out);
-  bool find_in(const Segment& segment, uint64_t number, SpoolItem& out);
-  bool is_elsewhere(uint64_t number, const Segment& segment) const;
+  bool find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out);
   void remove_settled();
 
   bool open();
@@ -110,7 +118,7 @@ struct Spool::Data {
   bool flush();
   bool write_gaps();
   bool write_batch();
-  bool write(std::string bytes, Segment& grown, bool goes_on);
+  bool write(std::string bytes, SpoolSegment& grown, bool goes_on);
   std::string encoded(SpoolItem item) const;
   bool fail(const char* reason);
 };
@@ -138,7 +146,7 @@ uint64_t Spool::append(const UplinkRecord& record) {
     return 0;
   }
   const uint64_t number = data->next++;
-  data->keep(number, record, static_cast<uint64_t>(time(nullptr)));
+  data->keep({number, 0, false, seconds_now(), record});
   data->last_kept = record.is_gap() ? record.last_id : record.id;
   return number;
 }
@@ -153,7 +161,7 @@ bool Spool::read(uint64_t& number, UplinkRecord& out) {
     }
     // Its segment was damaged or removed behind our back.
     const auto lost = std::find_if(data->segments.begin(), data->segments.end(),
-                                   [&](const Segment& s) { return s.first <= at && at <= s.last; });
+                                   [&](const SpoolSegment& s) { return s.first <= at && at <= s.last; });
     if (lost == data->segments.end()) {
       data->settle(at);
     } else {
@@ -172,10 +180,11 @@ void Spool::acknowledge(uint64_t number) {
   data->keep_refused();
 }
 
-void Spool::Data::keep(uint64_t number, UplinkRecord record, uint64_t seconds) {
+void Spool::Data::keep(SpoolItem item) {
   if (memory.empty()) memory_since = steady_ms();
-  memory_bytes += size_of(record);
-  memory[number] = SpoolItem{number, false, seconds, std::move(record)};
+  memory_bytes += size_of(item.record);
+  const uint64_t number = item.number;
+  memory[number] = std::move(item);
 }
 
 void Spool::Data::forget(uint64_t number) {
@@ -193,7 +202,7 @@ void Spool::Data::keep_refused() {
   const size_t size = size_of(refused);
   if (refused.id.empty() || (!has_room(size) && !make_room(size))) return;
   last_kept = refused.last_id;
-  keep(next++, std::exchange(refused, {}), static_cast<uint64_t>(time(nullptr)));
+  keep({next++, 0, false, seconds_now(), std::exchange(refused, {})});
 }
 
 bool Spool::Data::make_room(size_t size) {
@@ -205,11 +214,18 @@ bool Spool::Data::make_room(size_t size) {
   return true;
 }
 
+// Makes the gap stand for the item too, which follows what it stands for.
+void Spool::Data::add_to(SpoolItem& gap, const SpoolItem& item) {
+  if (gap.value == 0) gap.value = item.value;
+  extend(gap.record, item.record);
+  if (!item.record.is_gap()) counts.dropped += item.record.count;
+}
+
 // Drops the oldest segment, but for the one that is written to or has the last mark. False: there is none.
 bool Spool::Data::drop_segment() {
   size_t oldest = segments.size();
   for (size_t i = 0; i < segments.size(); ++i) {
-    const Segment& segment = segments[i];
+    const SpoolSegment& segment = segments[i];
     if (segment.is_gap || segment.serial == keeper || segment.serial == current) continue;
     if (oldest == segments.size() || segment.first < segments[oldest].first) oldest = i;
   }
@@ -221,75 +237,67 @@ bool Spool::Data::drop_segment() {
 // Joins the two oldest records that are only in memory. False: there are not two.
 bool Spool::Data::drop_memory() {
   uint64_t written = 0;
-  for (const Segment& segment : segments) written = std::max(written, segment.last);
+  for (const SpoolSegment& segment : segments) written = std::max(written, segment.last);
   const auto first = memory.upper_bound(written);
   if (first == memory.end() || std::next(first) == memory.end()) return false;
   const auto second = std::next(first);
-  SpoolItem gap;
-  gap.value = first->second.value;
-  for (const auto& part : {first, second}) {
-    extend(gap.record, part->second.record);
-    if (!part->second.record.is_gap()) counts.dropped += part->second.record.count;
-  }
-  const uint64_t number = second->first;
+  SpoolItem gap{second->first, first->second.back, false, first->second.value, {}};
+  for (const auto& part : {first, second}) add_to(gap, part->second);
   settle(first->first);
   forget(first->first);
-  forget(number);
-  keep(number, std::move(gap.record), gap.value);
+  forget(gap.number);
+  keep(std::move(gap));
   return true;
 }
 
 // Puts a gap in the place of what the segment holds and is not acknowledged, then removes the file.
 void Spool::Data::lose(size_t index) {
-  const Segment segment = segments[index];
-  UplinkRecord gap;
-  uint64_t seconds = 0;
-  uint64_t unreadable = 0;
-  uint64_t number = 0;  // of the gap: the last one that it stands for
+  const SpoolSegment segment = segments[index];
+  SpoolItem gap{segment.last, segment.last - segment.first + segment.back, false, 0, {}};
+  SpoolItem unreadable;
+  unreadable.record.id = segment.first_id;
+  unreadable.record.last_id = segment.last_id;
+  unreadable.record.count = 0;
   for (uint64_t at = live(segment.first); at <= segment.last; at = live(at + 1)) {
-    if (is_elsewhere(at, segment)) continue;
-    if (number != 0) settle(number);
-    number = at;
+    settle(at);
     SpoolItem item;
-    if (find_in(segment, at, item)) {
-      if (seconds == 0) seconds = item.value;
-      extend(gap, item.record);
-      if (!item.record.is_gap()) counts.dropped += item.record.count;
+    if (find(at, item)) {  // also a gap in the place of what is damaged, which is in a file of its own
+      forget(at);
+      add_to(gap, item);
     } else {
-      ++unreadable;
+      ++unreadable.record.count;
     }
   }
-  if (unreadable > 0) {
-    UplinkRecord rest;
-    rest.id = segment.first_id;
-    rest.last_id = segment.last_id;
-    rest.count = unreadable;
-    extend(gap, rest);
-    counts.dropped += unreadable;
+  if (unreadable.record.count > 0) {
+    counts.dropped += unreadable.record.count;
+    add_to(gap, unreadable);
   }
   segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(index));
-  if (number != 0) {
-    keep(number, std::move(gap), seconds != 0 ? seconds : static_cast<uint64_t>(time(nullptr)));
-    merge_head(number);
+  if (segment.serial == current) current = 0;
+  if (join_head(gap) || !gap.record.id.empty()) {
+    if (gap.value == 0) gap.value = seconds_now();
+    settled.remove(gap.number);
+    keep(std::move(gap));
     write_gaps();
   }
-  if (segment.serial == current) current = 0;
   folder.remove(segment.serial);
   counts.bytes -= segment.bytes;
   remove_settled();
 }
 
-// When all that is before the gap `number` is another gap, it becomes a part of it.
-void Spool::Data::merge_head(uint64_t number) {
+// When there is one record before the gap, and that is a gap too, joins them: the file of the older one goes.
+bool Spool::Data::join_head(SpoolItem& gap) {
   const uint64_t head = live(0);
-  SpoolItem before;
-  if (head >= number || live(head + 1) != number || !find(head, before) || !before.record.is_gap()) return;
-  const SpoolItem behind = memory[number];
-  extend(before.record, behind.record);
+  SpoolItem joined;
+  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, joined) || !joined.record.is_gap())
+    return false;
+  if (!gap.record.id.empty()) add_to(joined, gap);
+  joined.back += gap.number - head;
+  joined.number = gap.number;
   settle(head);
   forget(head);
-  forget(number);
-  keep(number, std::move(before.record), before.value);
+  gap = std::move(joined);
+  return true;
 }
 
 // --- What is in the files
@@ -297,12 +305,12 @@ void Spool::Data::merge_head(uint64_t number) {
 bool Spool::Data::find(uint64_t number, SpoolItem& out) {
   const auto found = memory.find(number);
   if (found != memory.end()) return out = found->second, true;
-  return std::any_of(segments.begin(), segments.end(), [&](const Segment& segment) {
+  return std::any_of(segments.begin(), segments.end(), [&](const SpoolSegment& segment) {
     return segment.first <= number && number <= segment.last && find_in(segment, number, out);
   });
 }
 
-bool Spool::Data::find_in(const Segment& segment, uint64_t number, SpoolItem& out) {
+bool Spool::Data::find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out) {
   if (cached != segment.serial) {
     cached = segment.serial;
     cache.clear();
@@ -323,16 +331,10 @@ bool Spool::Data::find_in(const Segment& segment, uint64_t number, SpoolItem& ou
   return read_item(cache, at, out, passed);
 }
 
-// Whether the record `number` is not the segment's, though within its numbers: a gap in the place of what is damaged.
-bool Spool::Data::is_elsewhere(uint64_t number, const Segment& segment) const {
-  return memory.count(number) != 0 || std::any_of(segments.begin(), segments.end(), [&](const Segment& other) {
-           return other.serial != segment.serial && other.first <= number && number <= other.last;
-         });
-}
-
+// Only the oldest: a file that is missing between others is a loss.
 void Spool::Data::remove_settled() {
-  const auto is_done = [&](const Segment& segment) {
-    if (segment.serial == keeper || segment.serial == current || !is_settled(segment)) return false;
+  const auto is_done = [&](const SpoolSegment& segment) {
+    if (segment.serial == keeper || segment.serial == current || live(0) <= segment.last) return false;
     folder.remove(segment.serial);
     counts.bytes -= segment.bytes;
     return true;
@@ -359,35 +361,33 @@ bool Spool::Data::open() {
     folder.close();
     return fail("it was replaced by a folder that holds segments");
   }
-  while (!segments.empty()) lose(0);
+  for (size_t left = segments.size(); left > 0 && !segments.empty(); --left) lose(0);
   return true;
 }
 
 // Takes up what an earlier run has left.
 void Spool::Data::take_up() {
   SpoolScan scan;
+  std::vector<uint64_t> empty;  // files that were made and not written
   for (const uint64_t serial : folder.serials()) {
     std::string bytes;
-    const bool is_read = folder.read(serial, kFileMax, bytes) && bytes.size() < kFileMax;
-    if (scan.take_file(serial, is_read ? bytes : "")) continue;
-    // A file that was made and not written yet, or one that is not ours.
-    const bool is_ours = is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, 8);
-    if (is_ours) {
-      folder.remove(serial);
+    const bool is_read = folder.read(serial, kFileMax, bytes);
+    if (scan.take_file(serial, bytes)) continue;
+    if (is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, kSegmentHead.size())) {
+      empty.push_back(serial);
     } else {
-      elog(1, "spool: %s/%016llx.seg is left alone: it is not a segment that can be read", path.c_str(),
-           static_cast<unsigned long long>(serial));
+      elog(1, "spool: left %s/%s alone, which is not a segment", path.c_str(), SpoolFolder::file_of(serial).c_str());
     }
   }
   scan.finish();
-  if (scan.torn != 0) folder.cut(scan.torn, scan.torn_at);
 
   shift = kFirstNumber - scan.next;
   origin = 1 + shift;
   keeper = scan.keeper;
-  written_position = last_kept = scan.position;
+  chain_end = scan.chain_end;
+  written_position = last_kept = scan.mark.record.id;
   segments = std::move(scan.segments);
-  for (Segment& segment : segments) {
+  for (SpoolSegment& segment : segments) {
     segment.first += shift;
     segment.last += shift;
     counts.bytes += segment.bytes;
@@ -395,9 +395,13 @@ void Spool::Data::take_up() {
   for (const auto& [first, last] : scan.missing) settled.add(first + shift, last + shift);
   for (SpoolItem& gap : scan.gaps) {
     ++counts.dropped;
-    keep(gap.number + shift, std::move(gap.record), gap.value);
+    gap.number += shift;
+    keep(std::move(gap));
   }
   remove_settled();
+  if (!write_gaps()) return;  // damage that is declared only in memory must be found again
+  if (scan.torn != 0) folder.cut(scan.torn, scan.torn_at);
+  for (const uint64_t serial : empty) folder.remove(serial);
 }
 
 // --- Writing
@@ -414,11 +418,11 @@ bool Spool::sync(std::string_view position) {
 int64_t Spool::sync_due() const {
   int64_t due = 0;
   if (!data->memory.empty()) {
-    due = data->memory_since + (data->memory_bytes >= kSyncBytes ? 0 : kSyncMs);
+    due = data->memory_since + (data->memory_bytes >= data->sync_bytes ? 0 : kSyncMs);
   } else if (data->settled_since != 0) {
     due = data->settled_since + kSyncSettledMs;
   }
-  return due != 0 && data->counts.in_memory ? std::max(due, data->retry_at) : due;
+  return data->counts.in_memory ? std::max(due, data->retry_at) : due;
 }
 
 const std::string& Spool::position() const {
@@ -436,7 +440,8 @@ Spool::State Spool::state() const {
 
 bool Spool::Data::flush() {
   if (!open() || !write_gaps()) return false;
-  const auto now = std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
+  const auto now =
+      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
   if (now != segments.end() && now->bytes >= kSyncBytes && is_settled(*now)) current = 0;  // it goes with the next one
   do {
     if (!write_batch()) return false;
@@ -452,11 +457,12 @@ bool Spool::Data::flush() {
 
 // Writes each gap that belongs before what is in the segments to a file of its own.
 bool Spool::Data::write_gaps() {
+  if (counts.in_memory && steady_ms() < retry_at) return false;
   uint64_t newest = 0;
-  for (const Segment& segment : segments) newest = std::max(newest, segment.last);
+  for (const SpoolSegment& segment : segments) newest = std::max(newest, segment.last);
   while (!memory.empty() && memory.begin()->first < newest) {
     const SpoolItem gap = memory.begin()->second;
-    Segment segment;
+    SpoolSegment segment;
     if (!write(encoded(gap), segment, false)) return false;
     segment.take(gap);
     segments.push_back(std::move(segment));
@@ -467,19 +473,25 @@ bool Spool::Data::write_gaps() {
 
 // Writes as many records as the current segment takes, or a new one, and behind the last record a mark.
 bool Spool::Data::write_batch() {
-  auto written_to = std::find_if(segments.begin(), segments.end(), [&](const Segment& s) { return s.serial == current; });
-  Segment segment = written_to != segments.end() ? *written_to : Segment();
+  auto written_to =
+      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
+  SpoolSegment segment = written_to != segments.end() ? *written_to : SpoolSegment();
   std::string bytes;
   auto end = memory.begin();
+  uint64_t before = chain_end;
   for (; end != memory.end(); ++end) {
-    const std::string piece = encoded(end->second);
+    SpoolItem item = end->second;
+    if (item.back == 0) item.back = item.number - shift - before;
+    const std::string piece = encoded(item);
     const bool is_first = bytes.empty() && segment.bytes == 0;
     if (!is_first && segment.bytes + bytes.size() + piece.size() + kMarkMax > segment_max) break;
     bytes += piece;
-    segment.take(end->second);
+    segment.take(item);
+    before = std::max(before, item.number - shift);
   }
   const bool is_all = end == memory.end();
-  if (is_all) bytes += encoded(SpoolItem{next, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
+  if (is_all)
+    bytes += encoded({next, next - shift - before, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
   if (!bytes.empty()) {
     if (!write(bytes, segment, true)) return false;
     if (written_to != segments.end()) {
@@ -488,6 +500,7 @@ bool Spool::Data::write_batch() {
       segments.push_back(std::move(segment));
     }
     while (memory.begin() != end) forget(memory.begin()->first);
+    chain_end = before;
   }
   if (is_all) {
     keeper = current;
@@ -498,7 +511,7 @@ bool Spool::Data::write_batch() {
 }
 
 // Appends to the current segment when that is `grown`, and else makes a file.
-bool Spool::Data::write(std::string bytes, Segment& grown, bool goes_on) {
+bool Spool::Data::write(std::string bytes, SpoolSegment& grown, bool goes_on) {
   if (grown.serial != 0) {
     if (!folder.append(bytes, grown.bytes)) {
       current = 0;

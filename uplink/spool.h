@@ -1,9 +1,11 @@
 // What the uplink keeps until the broker has confirmed it: segment files of at most 256 KiB in one folder.
-// docs/uplink.md describes the format: each record is its length, a CRC, its number and its bytes; a segment whose
-// records are all acknowledged is removed.
+// spool_segment.h describes the format: each record is its length, a CRC, its number and its bytes. A segment is
+// removed when all of its records are acknowledged, and all before them. Acknowledgements cost no write of their own:
+// each sync writes how far they have come. After a crash, what was acknowledged since then is there again.
 //
 // Whatever happens to the folder (full, read-only, removed), the uplink goes on: the spool then cuts its file back to
-// the last whole record and keeps at most 1 MiB in memory until the folder takes records again.
+// the last whole record and keeps at most 1 MiB in memory until the folder takes records again. Records that are lost,
+// by damage too, leave a gap in their place. The program must ignore SIGXFSZ.
 #pragma once
 
 #include <cstddef>
@@ -34,7 +36,7 @@ class Spool {
     uint64_t records = 0;    // that are not acknowledged
     uint64_t bytes = 0;      // of the segment files
     int64_t oldest_s = 0;    // seconds since 1970 of the oldest record that is not acknowledged; 0: none
-    uint64_t dropped = 0;    // events, since the program's start
+    uint64_t dropped = 0;    // events, since the program's start; at least, where a gap is of unknown size
     uint64_t written = 0;    // bytes given to the file system since the program's start
     uint64_t syncs = 0;
     std::string error;  // why it is in memory
@@ -47,23 +49,29 @@ class Spool {
   Spool(const Spool&) = delete;
   Spool& operator=(const Spool&) = delete;
 
-  // Adds a record at the end and returns its number; numbers grow, also from run to run of the program. 0: it was
-  // dropped (Full::drop_newest): it is counted, and part of a gap that is added when there is room again. With
-  // Full::drop_oldest a gap takes the place of the oldest segment.
+  // Adds a record at the end and returns its number; numbers grow and count for this run of the program. 0: it was
+  // dropped (Full::drop_newest, or larger than 512 KiB or a quarter of the limit): it is counted, and part of a gap
+  // that is added when there is room again. With Full::drop_oldest a gap takes the place of the oldest segment, and of
+  // the oldest record where memory is full.
   uint64_t append(const UplinkRecord& record);
 
   // Gives the first record whose number is at least `number`, and sets `number` to its number. False: there is none.
+  // A record that was read may later be part of a gap with a higher number.
   bool read(uint64_t& number, UplinkRecord& out);
 
-  // The broker has confirmed this record. In any order.
+  // The broker has confirmed this record. In any order; what is not in the spool is ignored.
   void acknowledge(uint64_t number);
 
   // Writes to the disk what was appended since the last sync, with where the uplink stands in the daemon's events
-  // (`position`, the id of the last event that it has taken over). False when the folder does not take it.
+  // (`position`, the id of the last event that it has taken over). Writes also when only one of `position` and the
+  // acknowledgements is new, so call it when sync_due() says so, after urgent records, and at the end. While events are
+  // refused, it writes the position before them instead: the daemon is asked for them again after a restart. False when
+  // the folder does not take it; it is not tried again for 5 s.
   bool sync(std::string_view position);
 
   // When the next sync is due, steady_ms(): one second after the first record that is not synced, at once when there
-  // are 64 KiB; 0: nothing is to be synced.
+  // are 64 KiB, one minute after the first acknowledgement that is not synced, and when the folder is to be tried
+  // again; 0: nothing is to be synced.
   int64_t sync_due() const;
 
   // The position that the last successful sync of this or an earlier run has written; empty: none.

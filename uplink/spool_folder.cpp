@@ -16,16 +16,10 @@
 
 namespace {
 
-std::string file_of(uint64_t serial) {
-  char name[32];
-  snprintf(name, sizeof(name), "%016llx.seg", static_cast<unsigned long long>(serial));
-  return name;
-}
-
 // The serial in the name of a segment file, or 0 for any other name.
 uint64_t serial_of(const std::string& name) {
   const uint64_t serial = strtoull(name.c_str(), nullptr, 16);
-  return name == file_of(serial) ? serial : 0;
+  return name == SpoolFolder::file_of(serial) ? serial : 0;
 }
 
 Descriptor open_in(int folder, const std::string& name, int flags) {
@@ -33,6 +27,12 @@ Descriptor open_in(int folder, const std::string& name, int flags) {
 }
 
 }  // namespace
+
+std::string SpoolFolder::file_of(uint64_t serial) {
+  char name[32];
+  snprintf(name, sizeof(name), "%016llx.seg", static_cast<unsigned long long>(serial));
+  return name;
+}
 
 bool SpoolFolder::is_in_place() const {
   struct stat held {};

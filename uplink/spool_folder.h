@@ -1,6 +1,6 @@
 // The spool's folder and its files, "SERIAL.seg" with 16 hexadecimal digits: what is asked of the file system, and
-// nothing else. Only one process uses a folder at a time: it holds a lock (flock) on it. Files with other names are left
-// alone.
+// nothing else. Only one process uses a folder at a time: it holds a lock (flock) on it. Files with other names are
+// left alone.
 //
 // The program must ignore SIGXFSZ: then a limit on the size of files is a failure like any other.
 #pragma once
@@ -24,6 +24,8 @@ class SpoolFolder {
   // Opens the folder, and makes it (mode 0700) when it is missing. `still`: it was open, and is still the one at its
   // path. EWOULDBLOCK: another process uses it. EPERM: it belongs to another user.
   Opened open();
+
+  static std::string file_of(uint64_t serial);
 
   // The serials of the segment files, in their order.
   std::vector<uint64_t> serials();

@@ -10,10 +10,11 @@
 #include "uplink/number_ranges.h"
 #include "uplink/spool_segment.h"
 
-struct Segment {
+struct SpoolSegment {
   uint64_t serial = 0;
   size_t bytes = 0;
   uint64_t first = 0, last = 0;   // numbers of its records; 0: it has none
+  uint64_t back = 0;              // of the first one
   std::string first_id, last_id;  // what a gap is made of when the file cannot be read
   bool is_gap = false;            // it holds one gap, in the place of older segments
 
@@ -22,6 +23,7 @@ struct Segment {
     if (item.is_mark) return;
     if (first == 0) {
       first = item.number;
+      back = item.back;
       first_id = item.record.id;
     }
     last = item.number;
@@ -37,27 +39,30 @@ struct SpoolScan {
   // After the last file: finds out what is missing.
   void finish();
 
-  std::vector<Segment> segments;
-  uint64_t next = 1;      // number of the next record
-  std::string position;   // of the last mark
-  uint64_t keeper = 0;    // serial of the file with that mark; 0: there is none
-  uint64_t torn = 0;      // serial of the last file when bytes follow its last item; else 0
-  size_t torn_at = 0;     // where these begin
+  std::vector<SpoolSegment> segments;
+  uint64_t next = 1;       // number of the next record
+  SpoolItem mark;          // the last one
+  uint64_t keeper = 0;     // serial of its file; 0: there is none
+  uint64_t torn = 0;       // serial of the last file when bytes follow its last item; else 0
+  size_t torn_at = 0;      // where these begin
+  uint64_t chain_end = 0;  // the last number that was written
   std::vector<std::pair<uint64_t, uint64_t>> missing;  // numbers below `next` without a record, first and last
-  std::vector<SpoolItem> gaps;  // to be kept: each stands for what was lost between two items
+  std::vector<SpoolItem> gaps;                         // to be kept: each stands for what was lost between two items
 
  private:
-  struct Damage {
-    uint64_t first, last;
-    UplinkRecord gap;
+  // Records, or a mark, of which each was written behind the one before.
+  struct Run {
+    uint64_t before, first, last;
+    std::string first_id, last_id;
+    bool has_passed;  // bytes before it are damaged
   };
 
-  void take(Segment& segment, const SpoolItem& item);
+  void take(const SpoolItem& item, uint64_t serial);
+  void declare_loss(const Run& end, const Run& run);
+  uint64_t settled() const { return mark.value; }
 
-  std::vector<Damage> damages;
+  std::vector<Run> runs;
   NumberRanges present;
-  uint64_t last = 0;  // the highest number so far, and the last id with it
-  std::string last_id;
-  uint64_t settled = 0;     // of the last mark
-  bool has_passed = false;  // bytes since the last item
+  bool has_passed = false;     // bytes since the last record
+  bool has_lost_file = false;  // a file has no item
 };

@@ -4,9 +4,9 @@
 
 namespace {
 
-constexpr size_t kFrame = 16;     // bytes before the body
-constexpr size_t kBodyMin = 7;    // one byte for each part
-constexpr uint8_t kMark = 1;      // the flags
+constexpr size_t kFrame = 16;   // bytes before the body
+constexpr size_t kBodyMin = 8;  // one byte for each part
+constexpr uint8_t kMark = 1;    // the flags
 constexpr uint8_t kUrgent = 2;
 constexpr uint8_t kAllFlags = 3;
 
@@ -77,9 +77,9 @@ bool read_body(std::string_view body, SpoolItem& out) {
   body.remove_prefix(1);
   out.is_mark = (flags & kMark) != 0;
   out.record.urgent = (flags & kUrgent) != 0;
-  return flags <= kAllFlags && take_number(body, out.value) && take_number(body, out.record.count) &&
-         take_text(body, out.record.id) && take_text(body, out.record.last_id) && take_text(body, out.record.name) &&
-         take_text(body, out.record.payload) && body.empty();
+  return flags <= kAllFlags && take_number(body, out.back) && take_number(body, out.value) &&
+         take_number(body, out.record.count) && take_text(body, out.record.id) && take_text(body, out.record.last_id) &&
+         take_text(body, out.record.name) && take_text(body, out.record.payload) && body.empty();
 }
 
 // Reads the item at the front of `bytes`. Returns its size, or 0: there is none.
@@ -89,7 +89,7 @@ size_t read_front(std::string_view bytes, SpoolItem& out) {
   if (length < kBodyMin || length > kSpoolBodyMax || length > bytes.size() - kFrame) return 0;
   if (get_fixed(bytes.substr(4, 4)) != crc_of_record(bytes.substr(8, 8 + length))) return 0;
   out.number = get_fixed(bytes.substr(8, 8));
-  return read_body(bytes.substr(kFrame, length), out) ? kFrame + length : 0;
+  return read_body(bytes.substr(kFrame, length), out) && out.back <= out.number ? kFrame + length : 0;
 }
 
 }  // namespace
@@ -99,6 +99,7 @@ void write_item(const SpoolItem& item, std::string& out) {
   std::string framed;
   put_fixed(item.number, 8, framed);
   framed += static_cast<char>((item.is_mark ? kMark : 0) | (record.urgent ? kUrgent : 0));
+  put_number(item.back, framed);
   put_number(item.value, framed);
   put_number(record.count, framed);
   put_text(record.id, framed);
