@@ -139,11 +139,9 @@ struct Commands::Data {
 };
 
 Commands::Commands(const UplinkSettings& all_settings, const std::string& folder, Ways all_ways)
-    : data(new Data(all_settings, folder, std::move(all_ways))) {}
+    : data(std::make_unique<Data>(all_settings, folder, std::move(all_ways))) {}
 
-Commands::~Commands() {
-  delete data;
-}
+Commands::~Commands() = default;
 
 // A known id is answered from memory whatever else is wrong: what was done is then told, and not what would be done
 // now.

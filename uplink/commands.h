@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -48,5 +49,5 @@ class Commands {
 
  private:
   struct Data;
-  Data* const data;
+  const std::unique_ptr<Data> data;
 };

@@ -1,6 +1,7 @@
 // zelvind-uplink: the device's chosen events go to an MQTT broker, and commands come back. Options, the settings file
 // and signals; everything else is Uplink.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -23,6 +24,8 @@ namespace {
 
 constexpr char kProgram[] = "zelvind-uplink";
 constexpr int kUsage = 2;  // wrong arguments or settings
+constexpr int kLockTries = 10;
+constexpr int kLockWaitMs = 100;  // between two
 
 void complain(const std::string& sentence) {
   fprintf(stderr, "%s: %s\n", kProgram, escaped(sentence).c_str());
@@ -44,7 +47,11 @@ std::optional<uint64_t> begin_session(const std::string& folder, Descriptor& fil
   mkdir(folder.c_str(), 0700);
   const std::string path = folder + "/session";
   file.reset(above_standard_streams(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
-  if (file.get() >= 0 && flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return {};
+  // A former one may be about to end.
+  for (int tries = 0; file.get() >= 0 && flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++tries) {
+    if (tries == kLockTries) return {};
+    poll(nullptr, 0, kLockWaitMs);
+  }
   char text[24] = "";
   if (file.get() >= 0 && pread(file.get(), text, sizeof(text) - 1, 0) < 0) text[0] = '\0';
   const uint64_t session = strtoull(text, nullptr, 10) + 1;

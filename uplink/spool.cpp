@@ -376,7 +376,8 @@ void Spool::Data::take_up() {
     if (is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, kSegmentHead.size())) {
       empty.push_back(serial);
     } else {
-      elog(1, "spool: left %s/%s alone, which is not a segment", path.c_str(), SpoolFolder::file_of(serial).c_str());
+      const std::string file = path + "/" + SpoolFolder::file_of(serial);
+      elog(1, "uplink: spool: left %s alone, which is not a segment", file.c_str());
     }
   }
   scan.finish();
@@ -446,7 +447,7 @@ bool Spool::Data::flush() {
   do {
     if (!write_batch()) return false;
   } while (!memory.empty());
-  if (counts.in_memory) elog(1, "spool: %s takes records again", path.c_str());
+  if (counts.in_memory) elog(1, "uplink: spool: %s takes records again", path.c_str());
   counts.in_memory = false;
   counts.error.clear();
   written_position = last_kept;
@@ -539,7 +540,7 @@ std::string Spool::Data::encoded(SpoolItem item) const {
 bool Spool::Data::fail(const char* reason) {
   if (!counts.in_memory || counts.error != reason) {
     if (const auto left_out = limit_of_lines.allow()) {
-      elog(1, "spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason, left_out->text);
+      elog(1, "uplink: spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason, left_out->text);
     }
   }
   counts.in_memory = true;
