@@ -84,7 +84,7 @@ void check_uplink(const std::string& root, Findings& findings) {
     return findings.warn(path, "was not checked: " + why_unreadable_file(path));
   }
   const UplinkSettingsResult result = read_uplink_settings(root);
-  for (const std::string& problem : result.problems) findings.fault(path + ": " + problem);
+  for (const std::string& problem : result.problems) findings.fault(sstr("%s: %s", path.c_str(), problem.c_str()));
   for (const std::string& warning : result.warnings) findings.warn(path, warning);
 }
 
