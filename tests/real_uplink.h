@@ -5,8 +5,10 @@
 #include <mutex>
 #include <utility>
 
+#include "ctl/control_client.h"
 #include "tests/cut_proxy.h"
 #include "tests/real_daemon.h"
+#include "uplink/uplink_status.h"
 
 class RealUplink {
  public:
@@ -34,6 +36,18 @@ class RealUplink {
   }
   // Whether it takes signals in the way of its documentation by now.
   bool has_begun() const { return count("begins session") > starts; }
+  // Waits until it is connected to the broker and follows the daemon: what is posted from now on is sent.
+  bool wait_until_ready() const {
+    return wait_until([&] {
+      try {
+        const auto stats = ControlClient(daemon.path("."), kAnswerLimitMs, kUplinkSocketPath).ask("stats");
+        return line_of(stats, "uplink").count("pid") == static_cast<uint64_t>(pid) &&
+               line_of(stats, "broker").text("state") == "up" && line_of(stats, "daemon").text("state") == "following";
+      } catch (const Failure&) {
+        return false;
+      }
+    });
+  }
   void send_signal(int number) const { kill(pid, number); }
   // Sends the signal and waits for its end: the exit status, or 128 + the signal that has ended it.
   int end(int number = SIGTERM) {

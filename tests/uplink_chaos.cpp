@@ -74,7 +74,7 @@ class Device {
   void start() {
     start_daemon();
     uplink->start();
-    ASSERT_TRUE(wait_until([&] { return uplink->count("begins session") > 0 && uplink->count("connected to") > 0; }));
+    ASSERT_TRUE(uplink->wait_until_ready());
     poster = std::thread([this, seed = random()] { post_events(seed); });
     witness = std::thread([this] { watch(); });
   }
