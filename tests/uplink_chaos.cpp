@@ -24,7 +24,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr size_t kRepeatedIds = 50;  // of the last commands, that may come again; the uplink remembers 256
-constexpr int kCalmSeconds = 90;     // until all must have arrived, once the trouble is over
+constexpr int kCalmSeconds = 40;     // until all must have arrived, once the trouble is over
 
 int setting(const char* name, int otherwise) {
   const char* const text = getenv(name);
@@ -60,7 +60,7 @@ class Device {
                  "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") + "\n");
     uplink = std::make_unique<RealUplink>(daemon, proxy.port(), name,
                                           "prefix = z/%i\nup = door,alarm\nurgent = alarm\ndown = unlock\n"
-                                          "down_rate = 1000\nrate = 10000\nspool_size = 512\nhold_ms = 300\n");
+                                          "down_rate = 1000\nrate = 10000\nspool_size = 512\nhold_ms = 1000\n");
   }
 
   ~Device() {
@@ -89,9 +89,13 @@ class Device {
     witness.join();
   }
 
+  // Every other time while it has events that nobody has confirmed.
   void kill_uplink() {
-    pause(random() % 50);
+    if (random() % 2 == 0) proxy.set(CutProxy::Mode::blackhole);
+    pause(random() % 1000);
     EXPECT_EQ(uplink->end(SIGKILL), 128 + SIGKILL) << "the uplink has ended by itself";
+    if (random() % 2 == 0) proxy.cut();
+    proxy.set(CutProxy::Mode::pass);
     pause(random() % 800);
     uplink->start();
   }
