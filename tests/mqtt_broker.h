@@ -93,6 +93,9 @@ class MqttBroker {
     }
     pid = 0;
   }
+  // Stops or continues it, as a machine that hangs.
+  void hang(bool on) const { kill(pid, on ? SIGSTOP : SIGCONT); }
+
   int port() const { return used_port; }
 
   TemporaryFolder folder;

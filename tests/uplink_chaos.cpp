@@ -188,7 +188,7 @@ class Device {
       const int first = n + 1;
       for (auto count = own() % 20 + 1; count > 0; --count) {
         const size_t pad = own() % 50 == 0 ? 3000 : own() % 50;
-        lines += std::string(own() % 10 == 0 ? "1 alarm" : "1 door") + " n=" + std::to_string(++n) +
+        lines += std::string(own() % 300 == 0 ? "1 alarm" : "1 door") + " n=" + std::to_string(++n) +
                  "&pad=" + std::string(pad, '.') + "\n";
       }
       if (daemon.post(lines)) {  // otherwise nobody knows whether they were taken in

@@ -41,7 +41,7 @@ void check_settings(const ScriptFolders& folders, Findings& findings) {
     if (setting == nullptr) {
       findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key, known));
     } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
-      findings.warn(path, problem + "; it is not used");
+      findings.warn(path, problem);
     }
   }
   const bool has_scripts = why_unreadable_file(script_in(folders.daemon, "config.lua")).empty();
