@@ -131,35 +131,4 @@ const Kind kKinds[] = {{"mosquitto", "mosquitto", make<MqttBroker>, false},
 INSTANTIATE_TEST_SUITE_P(Brokers, UplinkLive, testing::ValuesIn(kKinds),
                          [](const auto& kind) { return std::string(kind.param.name); });
 
-using UplinkRestart = UplinkLive;
-
-// A killed uplink goes on where it was while the daemon still has the events; what the daemon takes with it is a gap.
-TEST_F(UplinkRestart, GoesOnOrDeclaresAGap) {
-  if (!MqttBroker::is_installed()) GTEST_SKIP() << "mosquitto is not installed";
-  MqttBroker broker;
-  start(broker);
-  start_uplink();
-  const std::string first_run = run();
-  ASSERT_TRUE(daemon.post("1 door n=1\n"));
-  ASSERT_TRUE(recorder.wait_for(first_run + "-1\""));
-  EXPECT_EQ(uplink->end(SIGKILL), 128 + SIGKILL);
-  ASSERT_TRUE(daemon.post("1 door n=2\n1 window n=3\n1 door n=4\n"));
-  start_uplink();
-  EXPECT_TRUE(recorder.wait_for(first_run + "-4\""));
-  EXPECT_NE(recorder.text().find(first_run + "-2\""), std::string::npos);
-  EXPECT_EQ(recorder.text().find("/gap"), std::string::npos);
-
-  EXPECT_EQ(uplink->end(), 0);
-  ASSERT_TRUE(daemon.post("1 door n=5\n"));
-  EXPECT_EQ(daemon.stop(), 0);
-  std::filesystem::remove(daemon.path("log"));
-  std::filesystem::remove(daemon.path("pid"));
-  ASSERT_TRUE(daemon.start());
-  ASSERT_TRUE(daemon.post("1 door n=6\n"));
-  start_uplink();
-  EXPECT_TRUE(recorder.wait_for(run() + "-1\""));
-  const std::string gap = "z/gate/gap {\"gap\":[\"" + first_run + "-5\",\"" + run() + "-0\"],\"n\":null}\n";
-  EXPECT_NE(recorder.text().find(gap), std::string::npos) << recorder.text();
-}
-
 }  // namespace
