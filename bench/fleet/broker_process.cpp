@@ -45,8 +45,13 @@ Process::Process(const std::vector<std::string>& arguments, const std::vector<st
 }
 
 Process::~Process() {
-  kill(pid, SIGKILL);
+  if (pid > 0) end(SIGKILL);
+}
+
+void Process::end(int signal_number) {
+  kill(pid, signal_number);
   waitpid(pid, nullptr, 0);
+  pid = 0;
 }
 
 double Process::cpu_s() const {

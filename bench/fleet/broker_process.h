@@ -18,6 +18,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  void end(int signal_number);  // and waits for it
   pid_t id() const { return pid; }
   double cpu_s() const;       // of all its threads
   double memory_kib() const;  // resident
