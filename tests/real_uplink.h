@@ -36,16 +36,19 @@ class RealUplink {
   }
   // Whether it takes signals in the way of its documentation by now.
   bool has_begun() const { return count("begins session") > starts; }
+  // A number or text that it tells about itself, or why it does not.
+  std::string stat(const char* kind, const char* key) const {
+    try {
+      return line_of(ControlClient(daemon.path("."), kAnswerLimitMs, kUplinkSocketPath).ask("stats"), kind).text(key);
+    } catch (const Failure& failure) {
+      return failure.what();
+    }
+  }
   // Waits until it is connected to the broker and follows the daemon: what is posted from now on is sent.
   bool wait_until_ready() const {
     return wait_until([&] {
-      try {
-        const auto stats = ControlClient(daemon.path("."), kAnswerLimitMs, kUplinkSocketPath).ask("stats");
-        return line_of(stats, "uplink").count("pid") == static_cast<uint64_t>(pid) &&
-               line_of(stats, "broker").text("state") == "up" && line_of(stats, "daemon").text("state") == "following";
-      } catch (const Failure&) {
-        return false;
-      }
+      return stat("uplink", "pid") == std::to_string(pid) && stat("broker", "state") == "up" &&
+             stat("daemon", "state") == "following";
     });
   }
   void send_signal(int number) const { kill(pid, number); }
