@@ -2,13 +2,13 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <utility>
 
 #include "ctl/control_client.h"
 #include "tests/cut_proxy.h"
 #include "tests/real_daemon.h"
 #include "uplink/uplink_status.h"
+#include "util/mutex.h"
 
 class RealUplink {
  public:
@@ -131,7 +131,7 @@ class MqttPeer {
     for (;;) {
       size_t size = 0;
       for (size_t at = 1; at < held.size() && at < 5; ++at) {
-        size |= (held[at] & 127U) << 7 * (at - 1);
+        size |= (static_cast<unsigned char>(held[at]) & 127U) << 7 * (at - 1);
         if ((held[at] & 128) != 0) continue;
         if (held.size() < at + 1 + size) break;
         packet = held[0] + held.substr(at + 1, size);
@@ -163,7 +163,7 @@ class MqttRecorder {
  public:
   bool connect(int port) { return peer.connect(port, "recorder", "z/#"); }
   std::string text() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return all;
   }
   bool wait_for(const std::string& part) const {
@@ -171,10 +171,10 @@ class MqttRecorder {
   }
 
  private:
-  mutable std::mutex mutex;
-  std::string all;
+  mutable Mutex mutex;
+  std::string all GUARDED_BY(mutex);
   MqttPeer peer{[this](const std::string& topic, const std::string& payload) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     all += topic + " " + payload + "\n";
   }};
 };

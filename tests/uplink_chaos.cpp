@@ -24,7 +24,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr size_t kRepeatedIds = 50;  // of the last commands, that may come again; the uplink remembers 256
-constexpr int kCalmSeconds = 40;     // until all must have arrived, once the trouble is over
+constexpr int64_t kCalmMs = 40000;   // until all must have arrived, once the trouble is over
 
 int setting(const char* name, int otherwise) {
   const char* const text = getenv(name);
@@ -119,7 +119,7 @@ class Device {
 
   // Something of this device has come to the broker.
   void take(const std::string& payload) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (payload.rfind("{\"gap\":[\"", 0) == 0) {
       const std::string ids = part_behind(payload, "[\"", ']');
       gaps.insert({part_behind("\"" + ids, "\"", '"'), part_behind(ids, ",\"", '"')});
@@ -134,7 +134,7 @@ class Device {
 
   // Whether all that was posted is accounted for; `missing` tells what is not.
   bool is_complete(std::string& missing) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     missing.clear();
     for (const int n : posted) {
       if (arrived.count(n) == 0 && !is_declared(n)) {
@@ -157,7 +157,7 @@ class Device {
   }
 
   std::string summary() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     std::ostringstream text;
     size_t declared = 0;
     for (const int n : posted) declared += arrived.count(n) == 0 ? 1 : 0;
@@ -176,7 +176,7 @@ class Device {
     for (const char* file : {"log", "pid"}) std::filesystem::remove(daemon.path(file));
     ASSERT_TRUE(daemon.start());
     const auto stats = ControlClient(daemon.path(".")).ask("stats");
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     runs.push_back(line_of(stats, "daemon").text("run"));
   }
   std::string all_log() const { return former_log + daemon.log(); }
@@ -192,7 +192,7 @@ class Device {
                  "&pad=" + std::string(pad, '.') + "\n";
       }
       if (daemon.post(lines)) {  // otherwise nobody knows whether they were taken in
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         for (int taken = first; taken <= n; ++taken) posted.push_back(taken);
       }
       pause(own() % 200);
@@ -210,7 +210,7 @@ class Device {
         while (client.next(line, -1) == ControlClient::Got::line) {
           if (line.kind() != "event") continue;
           last = line.text("id");
-          const std::lock_guard lock(mutex);
+          const MutexLock lock(mutex);
           witnessed[std::stoi(part_behind(line.text("info"), "n=", '&'))] = last;
         }
       } catch (const Failure&) {
@@ -219,26 +219,26 @@ class Device {
     }
   }
 
-  Place place_of(const std::string& id) const {
-    const std::string run_of_id = id.substr(0, id.find('-'));
-    const auto found = std::find(runs.begin(), runs.end(), run_of_id);
-    EXPECT_NE(found, runs.end()) << id << " is of no run";
-    return {found - runs.begin(), std::stoull(id.substr(id.find('-') + 1))};
+  static Place place_of(const std::string& id, const std::vector<std::string>& runs_in_order) {
+    const size_t dash = id.find('-');
+    const auto found = std::find(runs_in_order.begin(), runs_in_order.end(), id.substr(0, dash));
+    EXPECT_NE(found, runs_in_order.end()) << id << " is of no run";
+    return {found - runs_in_order.begin(), std::stoull(id.substr(dash + 1))};
   }
 
   // An event that came just before its daemon was killed has no witness: its place is between those of others, in
   // different runs.
-  bool is_declared(int n) const {
+  bool is_declared(int n) const REQUIRES(mutex) {
+    const auto place = [&order = runs](const std::string& id) { return place_of(id, order); };
     const auto seen = witnessed.lower_bound(n);
     const bool is_known = seen != witnessed.end() && seen->first == n;
-    const Place first = is_known                    ? place_of(seen->second)
-                        : seen == witnessed.begin() ? Place()
-                                                    : place_of(std::prev(seen)->second);
-    const Place last = seen == witnessed.end() ? Place(runs.size(), 0) : place_of(seen->second);
+    const Place last = seen == witnessed.end() ? Place(runs.size(), 0) : place(seen->second);
+    Place first = is_known ? last : Place();
+    if (!is_known && seen != witnessed.begin()) first = place(std::prev(seen)->second);
     if (!is_known && first.first == last.first) return false;
     return std::any_of(gaps.begin(), gaps.end(), [&](const auto& gap) {
-      const Place from = place_of(gap.first);
-      const Place to = place_of(gap.second);
+      const Place from = place(gap.first);
+      const Place to = place(gap.second);
       return is_known ? from <= first && last <= to : from.first < to.first && from <= last && first <= to;
     });
   }
@@ -256,14 +256,14 @@ class Device {
   std::string former_log;  // of daemons that were killed
   size_t run = 0;          // commands
 
-  mutable std::mutex mutex;                            // for all that follows
-  std::vector<std::string> runs;                       // of the daemon
-  std::vector<int> posted;                             // numbers of events that the daemon has taken in
-  std::map<int, std::string> witnessed;                // their ids
-  std::map<int, std::string> arrived;                  // at the broker
-  std::set<std::pair<std::string, std::string>> gaps;  // first and last id
-  size_t arrivals = 0;
-  int last_first_arrival = 0;
+  mutable Mutex mutex;
+  std::vector<std::string> runs GUARDED_BY(mutex);                       // of the daemon
+  std::vector<int> posted GUARDED_BY(mutex);                             // events that the daemon has taken in
+  std::map<int, std::string> witnessed GUARDED_BY(mutex);                // their ids
+  std::map<int, std::string> arrived GUARDED_BY(mutex);                  // at the broker
+  std::set<std::pair<std::string, std::string>> gaps GUARDED_BY(mutex);  // first and last id
+  size_t arrivals GUARDED_BY(mutex) = 0;
+  int last_first_arrival GUARDED_BY(mutex) = 0;
 };
 
 class UplinkChaos : public testing::Test {
@@ -286,7 +286,7 @@ class UplinkChaos : public testing::Test {
 
   void take(const std::string& topic, const std::string& payload) {
     if (topic.find("/r/") != std::string::npos) {
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       answers += payload + "\n";
     } else if (topic.find("/state") == std::string::npos) {
       devices[static_cast<size_t>(topic[3] - '0')]->take(payload);
@@ -343,7 +343,7 @@ class UplinkChaos : public testing::Test {
   void expect_all() {
     for (const auto& device : devices) {
       std::string missing;
-      const int64_t until = steady_ms() + kCalmSeconds * 1000;
+      const int64_t until = steady_ms() + kCalmMs;
       for (int64_t again = 0; !device->is_complete(missing) && steady_ms() < until; pause(50)) {
         if (steady_ms() < again) continue;
         device->hang_up_uplink();
@@ -360,7 +360,7 @@ class UplinkChaos : public testing::Test {
       EXPECT_TRUE(wait_until([&] {
         sender.publish(device->topic("c/unlock"), "{\"id\":\"" + id + "\"}");
         pause(200);
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         return answers.find(answer) != std::string::npos;
       })) << id;
     }
@@ -372,14 +372,14 @@ class UplinkChaos : public testing::Test {
   MqttBroker broker{"allow_anonymous true\npersistence true\nautosave_interval 1\nmax_queued_messages 0\n"};
   std::vector<std::unique_ptr<Device>> devices;
   std::vector<CutProxy*> proxies;
-  std::mutex mutex;
-  std::string answers;  // under mutex
+  Mutex mutex;
+  std::string answers GUARDED_BY(mutex);
   MqttPeer recorder{[this](const std::string& topic, const std::string& payload) { take(topic, payload); }};
   MqttPeer sender;
 };
 
 TEST_F(UplinkChaos, LosesNothingThatItDoesNotDeclare) {
-  const int64_t until = steady_ms() + setting("ZELVIND_CHAOS_SECONDS", 10) * 1000;
+  const int64_t until = steady_ms() + int64_t{1000} * setting("ZELVIND_CHAOS_SECONDS", 10);
   std::cout << "seed " << seed << std::endl;
   while (steady_ms() < until && !HasFailure()) {
     make_trouble();

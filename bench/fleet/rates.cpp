@@ -177,7 +177,12 @@ void event_rates(int rounds, int events) {
   Counter counter(port);
   Device device(10000);
 
-  std::vector<double> program, library, uplink, uplink_cpu, alone, followed;
+  std::vector<double> program;
+  std::vector<double> library;
+  std::vector<double> uplink;
+  std::vector<double> uplink_cpu;
+  std::vector<double> alone;
+  std::vector<double> followed;
   for (int round = 0; round < rounds; ++round) {
     program.push_back(events / seconds_of(counter, events, [&] { publish_by_program(port, events); }));
     library.push_back(events / seconds_of(counter, events, [&] { publish_by_library(port, events); }));
