@@ -229,7 +229,7 @@ class Device {
   // An event that came just before its daemon was killed has no witness: its place is between those of others, in
   // different runs.
   bool is_declared(int n) const REQUIRES(mutex) {
-    const auto place = [&order = runs](const std::string& id) { return place_of(id, order); };
+    const auto place = [order = &runs](const std::string& id) { return place_of(id, *order); };
     const auto seen = witnessed.lower_bound(n);
     const bool is_known = seen != witnessed.end() && seen->first == n;
     const Place last = seen == witnessed.end() ? Place(runs.size(), 0) : place(seen->second);
