@@ -93,8 +93,6 @@ class MqttBroker {
     }
     pid = 0;
   }
-  // Stops or continues it, as a machine that hangs.
-  void hang(bool on) const { kill(pid, on ? SIGSTOP : SIGCONT); }
 
   int port() const { return used_port; }
 
