@@ -25,9 +25,12 @@ constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;   // how long events gather for followers while they come
 constexpr int kHoldMs = 2000;  // a client that asks once a second keeps its place
 
-constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
+                                            kControlLockPath,
                                             "control: %s: zelvctl cannot ask this daemon",
-                                            "control: %s is made: zelvctl can ask this daemon", elog};
+                                            "control: %s is made: zelvctl can ask this daemon",
+                                            elog,
+                                            false};
 
 // The event socket stands in the same folder.
 void warn_of_strangers() {

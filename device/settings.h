@@ -27,13 +27,13 @@ struct Setting {
   int least;                // of a number
   int most;                 // of a number
   const char* absent_text;  // of a text; null: the folder of the daemon's executable
-  std::string (*problem)(std::string_view value) = nullptr;  // of a text: as settings::problem; null: its length counts
+  std::string (*problem)(std::string_view value);  // of a text: as settings::problem; null: its length counts
 
   static constexpr Setting number(const char* key, int absent, int least, int most) {
-    return {key, Type::number, absent, least, most, nullptr};
+    return {key, Type::number, absent, least, most, nullptr, nullptr};
   }
   static constexpr Setting text(const char* key, const char* absent_text) {
-    return {key, Type::text, 0, 0, 0, absent_text};
+    return {key, Type::text, 0, 0, 0, absent_text, nullptr};
   }
   static constexpr Setting checked(const char* key, std::string (*problem)(std::string_view)) {
     return {key, Type::text, 0, 0, 0, "", problem};

@@ -17,7 +17,7 @@ struct Peer {
   int number = 0;           // the port or the process
 
   // Equal for connections of the same owner.
-  uint64_t source() const { return uint64_t{is_process} << 32 | owner; }
+  uint64_t source() const { return (is_process ? uint64_t{1} << 32 : 0) | owner; }
 };
 
 // Its name, for log lines: "a.b.c.d:port", or "process P of user U".

@@ -133,13 +133,18 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
   const std::string settings = "ROOT/opt/flash/mtd4-cfg/zelvind.info";
   daemon.launch(
       "cd $ROOT/scripts; rm server_event.lua; mkdir b.lua; mkfifo 'f\n.lua'; cd ../opt/flash/mtd4-cfg;"
-      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\ndoor = 1\ndll_path = /none\n' "
+      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\ndoor = 1\ndll_path = "
+      "/none\nlistener_address = eth0\n' "
       ">>zelvind.info");
   daemon.expect_zelvctl(
       "check", 1,
       settings + ":4: warning: the line is not 'key = value'\n" + settings +
           ": warning: the daemon has no setting 'door'\n" + settings +
-          ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" + settings +
+          ": warning: listener_address is 'eth0': expected none, or up to 16 different IPv4 addresses and absolute "
+          "paths of "
+          "Unix sockets with commas between them; no client can connect\n" +
+          settings + ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" +
+          settings +
           ": warning: the daemon has no setting 'scipt_path'; did you mean script_path?\n"
           "/none: warning: dll_path: No such file or directory\n"
           "ROOT/scripts/config.lua:1: '<name>' expected near '('\n"
@@ -147,7 +152,7 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
           "ROOT/scripts/b.lua: is not a regular file\n"
           "ROOT/scripts/f\\n.lua: is not a regular file\n"
           "ROOT/scripts/lib/a/b.lua:1: unexpected symbol near '='\n",
-      "zelvctl: 5 faults, 5 warnings; undefined globals were not checked\n");
+      "zelvctl: 5 faults, 6 warnings; undefined globals were not checked\n");
   daemon.write("opt/flash/mtd4-cfg/zelvind.info", "script_path = /none\n");
   daemon.expect_zelvctl("check", 1, "/none: script_path: No such file or directory\n",
                         "zelvctl: 1 fault; undefined globals were not checked\n");

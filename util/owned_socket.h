@@ -26,8 +26,7 @@ class OwnedSocket {
     const char* lost_line;  // for the log: "%s" is why there is no socket,
     const char* made_line;  // and here the path of the one that was made after all
     void (*log)(int level, const char* format, ...);
-    // A user has chosen the path: a socket there at which another program listens is not replaced.
-    bool spares_others = false;
+    bool spares_others = false;  // does not replace a socket at which another program listens: a user chose the path
   };
 
   // `all_names` and the texts in it must live as long as the object.
