@@ -60,6 +60,10 @@ struct Kind {
   bool slow;  // to start
 };
 
+void PrintTo(const Kind& kind, std::ostream* out) {
+  *out << kind.name;
+}
+
 template <typename Broker>
 std::unique_ptr<MqttBroker> make() {
   return std::make_unique<Broker>();
