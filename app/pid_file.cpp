@@ -79,7 +79,8 @@ std::string run_in_shell(const std::string& command) {
   SignalsOfTheWait signals;
   const int64_t start = steady_ms();
   pid_t shell = 0;
-  if (const int error = start_shell(shell, command, signals.mask())) return sstr("failed to start: %s", strerrordesc_np(error));
+  if (const int error = start_shell(shell, command, signals.mask()))
+    return sstr("failed to start: %s", strerrordesc_np(error));
   while (waitpid(shell, nullptr, WNOHANG) == 0) {
     const int64_t left = start + (signals.stop_came() ? kPatienceWhenStoppedMs : kPatienceMs) - steady_ms();
     if (left > 0 && signals.next(left)) continue;

@@ -475,8 +475,8 @@ TEST(ControlOfTheDaemon, AnswersWhileScriptsHang) {
     EXPECT_EQ(client.ask(std::string("log_level ") + wrong),
               "error: log_level is '" + std::string(wrong) + "': expected a whole number from 0 to 99");
   }
-  const std::string says = "control: process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) +
-                           " sets log_level to ";
+  const std::string says =
+      "control: process " + std::to_string(getpid()) + " of user " + std::to_string(getuid()) + " sets log_level to ";
   EXPECT_EQ(client.ask("log_level 0"), "log_level now=0");
   EXPECT_TRUE(daemon.wait_for(says + "0"));
   // The others of that second are counted; one that changes nothing says nothing.

@@ -290,7 +290,7 @@ TEST(Daemon, StandardStreamsThatAreClosedOrDead) {
 }
 
 // Such a daemon heeds no DEVICE_ROOT, so its settings are mounted where it looks for them, for it alone.
-TEST(Daemon, ASetUidProgramTakesNothingFromItsCallersEnvironment) {
+TEST(Daemon, ASetUidProgramTakesNoLuaFilesFromItsCaller) {
   RealDaemon daemon;
   struct statvfs system {};
   ASSERT_EQ(statvfs(daemon.path("").c_str(), &system), 0);

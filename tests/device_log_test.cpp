@@ -157,11 +157,11 @@ TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
       {"2026-11-22 zelvind: forged\n", "2026-11-22 zelvind: forged\\n"},
       {"\r\t\x1b[2J\x7f", "\\r\\t\\x1b[2J\\x7f"},
       {"Tür 門 🚪", "Tür 門 🚪"},
-      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},           // control characters of 8 bits
-      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},         // overlong line ends
-      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // no characters
-      {"\xe9\x96", "\\xe9\\x96"},                                                 // cut in the middle
-      {"\u2027\u2028\u202e\u202f", "\u2027\\xe2\\x80\\xa8\\xe2\\x80\\xae\u202f"},      // ends, and turns, a line
+      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},            // control characters of 8 bits
+      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},          // overlong line ends
+      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},   // no characters
+      {"\xe9\x96", "\\xe9\\x96"},                                                  // cut in the middle
+      {"\u2027\u2028\u202e\u202f", "\u2027\\xe2\\x80\\xa8\\xe2\\x80\\xae\u202f"},  // ends, and turns, a line
       {"\u2065\u2066\u2069\u206a", "\u2065\\xe2\\x81\\xa6\\xe2\\x81\\xa9\u206a"},
   };
   std::string expected;
@@ -282,14 +282,14 @@ TEST_F(DeviceLog, AFullDiskGluesNoLinesTogether) {
   EXPECT_EQ(counted().lost, counts.lost + 3);
 }
 
-// A reader that only reads while it is waited for loses nothing. When it reads no more, without going away, the log waits
-// in vain, drops lines, says so when it is read again, and leaves the flags of what it shares as they are.
+// A reader that only reads while it is waited for loses nothing. When it reads no more, without going away, the log
+// waits in vain, drops lines, says so when it is read again, and leaves the flags of what it shares as they are.
 TEST_F(DeviceLog, NobodyHoldsItUp) {
   const struct {
     std::string target, way;
     bool is_opened_anew;
-  } rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
-              {"stderr", "socket", true}, {"stderr", "terminal", true}, {"stderr", "terminal", false},
+  } rows[] = {{"file:", "fifo", true},       {"stderr", "pipe", true},     {"stderr", "pipe", false},
+              {"stderr", "socket", true},    {"stderr", "terminal", true}, {"stderr", "terminal", false},
               {"syslog", "datagrams", true}, {"syslog", "stream", true}};
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
@@ -413,10 +413,10 @@ TEST_F(DeviceLog, NoSumWaitsForAnother) {
 class LogRepeatsTest : public testing::Test {
  protected:
   // How many of them are left out, `now_ms`.
-  int left_out(const std::string& line, int times, int64_t now_ms, int level = 1, const char* place = nullptr) {
+  int left_out(const std::string& line, int times, int64_t now_ms, int level = 1, const char* format = nullptr) {
     int number = 0;
     for (int i = 0; i < times; ++i) {
-      if (repeats.leaves_out(level, line, place, now_ms)) {
+      if (repeats.leaves_out(level, line, format, now_ms)) {
         ++number;
       } else {
         repeats.wrote();
@@ -452,11 +452,11 @@ TEST_F(LogRepeatsTest, CountsASecondOfEachLine) {
   EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
 }
 
-TEST_F(LogRepeatsTest, BoundsDifferentLinesOfAPlace) {
+TEST_F(LogRepeatsTest, BoundsDifferentLinesOfAMessage) {
   int number = 0;
-  const auto different = [&](int times, int64_t now_ms, int level, const char* place) {
+  const auto different = [&](int times, int64_t now_ms, int level, const char* format) {
     int some = 0;
-    for (int i = 0; i < times; ++i) some += left_out(std::to_string(++number), 1, now_ms, level, place);
+    for (int i = 0; i < times; ++i) some += left_out(std::to_string(++number), 1, now_ms, level, format);
     return some;
   };
   EXPECT_EQ(different(10000, 5000, 1, "x"), 0);

@@ -43,7 +43,7 @@ class QuietOutput {
   size_t certain_room = 0;  // bytes that a blocking `output` takes when poll says that there is room; 0: it is not one
 };
 
-// Writes `text` through a QuietOutput to `fd`, usually standard error. Waits for room up to `wait_ms`, each time. Returns
-// false, with errno set, when not everything was taken. A SIGPIPE that was pending before stays pending. Keeps the
-// thread's signal mask. Any thread.
+// Writes `text` through a QuietOutput to `fd`, usually standard error. Waits for room up to `wait_ms`, each time.
+// Returns false, with errno set, when not everything was taken. A SIGPIPE that was pending before stays pending. Keeps
+// the thread's signal mask. Any thread.
 bool write_quietly(int fd, std::string_view text, int wait_ms = 0);

@@ -146,7 +146,7 @@ void say_line(int level, const char* format, va_list arguments) {
     return;
   }
   if (text.empty() || text.back() != '\n') text += '\n';
-  g_target.write(level, true, text, format);  // a literal, so it stands for the place
+  g_target.write(level, true, text, format);
 }
 
 void say_piece(int level, const char* format, va_list arguments) {

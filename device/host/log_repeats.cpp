@@ -9,7 +9,7 @@ namespace {
 constexpr int64_t kSecondMs = 1000;
 constexpr uint32_t kWrittenEach = 100;
 
-// A place's credit is counted in milliseconds, since it grows by one in each of them.
+// A message's credit is counted in milliseconds, since it grows by one in each of them.
 constexpr int64_t kLinePrice = 10;
 constexpr int64_t kCreditMost = 10000 * kLinePrice;
 
@@ -57,27 +57,27 @@ bool LogRepeats::repeats_itself(Entry& entry, int level, std::string_view line, 
   return true;
 }
 
-// A new one begins with all its credit: the program has few places, and they keep theirs.
-LogRepeats::Place* LogRepeats::find_place(const void* id, int64_t now_ms) {
-  const size_t hash = reinterpret_cast<uintptr_t>(id) * size_t{0x9e3779b1} >> 16;
-  const auto is_wanted = [id](const Place& place) { return place.id == id; };
-  const auto is_older = [](const Place& place, const Place& than) { return place.then_ms < than.then_ms; };
-  Place* const place = find_or_choose(places, hash, is_wanted, is_older);
-  if (place == nullptr || place->id == id) return place;
-  place->id = id;
-  place->credit = kCreditMost;
-  place->then_ms = now_ms;
-  return place;
+// A new one begins with all its credit: the program has few messages, and they keep theirs.
+LogRepeats::Message* LogRepeats::find_message(const char* format, int64_t now_ms) {
+  const size_t hash = reinterpret_cast<uintptr_t>(format) * size_t{0x9e3779b1} >> 16;
+  const auto is_wanted = [format](const Message& message) { return message.format == format; };
+  const auto is_older = [](const Message& message, const Message& than) { return message.then_ms < than.then_ms; };
+  Message* const message = find_or_choose(messages, hash, is_wanted, is_older);
+  if (message == nullptr || message->format == format) return message;
+  message->format = format;
+  message->credit = kCreditMost;
+  message->then_ms = now_ms;
+  return message;
 }
 
-bool LogRepeats::exceeds_credit(Place& place, int level, std::string_view line, int64_t now_ms) {
-  place.credit = std::min(kCreditMost, place.credit + std::max<int64_t>(now_ms - place.then_ms, 0));
-  place.then_ms = now_ms;
-  if (place.credit >= kLinePrice) {
-    place.credit -= kLinePrice;
+bool LogRepeats::exceeds_credit(Message& message, int level, std::string_view line, int64_t now_ms) {
+  message.credit = std::min(kCreditMost, message.credit + std::max<int64_t>(now_ms - message.then_ms, 0));
+  message.then_ms = now_ms;
+  if (message.credit >= kLinePrice) {
+    message.credit -= kLinePrice;
     return false;
   }
-  ++hold(place.held, level, line, now_ms + kSecondMs).times;
+  ++hold(message.held, level, line, now_ms + kSecondMs).times;
   return true;
 }
 
@@ -89,11 +89,11 @@ LogRepeats::Held& LogRepeats::hold(std::unique_ptr<Held>& held, int level, std::
   return *held;
 }
 
-bool LogRepeats::leaves_out(int level, std::string_view line, const void* place, int64_t now_ms) {
+bool LogRepeats::leaves_out(int level, std::string_view line, const char* format, int64_t now_ms) {
   current = find(std::hash<std::string_view>()(line) + static_cast<size_t>(level), now_ms);
   if (current != nullptr && repeats_itself(*current, level, line, now_ms)) return true;
-  Place* const of_line = place == nullptr || level > 1 ? nullptr : find_place(place, now_ms);
-  if (of_line != nullptr && exceeds_credit(*of_line, level, line, now_ms)) return true;
+  Message* const message = format == nullptr || level > 1 ? nullptr : find_message(format, now_ms);
+  if (message != nullptr && exceeds_credit(*message, level, line, now_ms)) return true;
   interrupt();
   return false;
 }
@@ -137,8 +137,8 @@ bool LogRepeats::take(int64_t now_ms, Summary& out) {
     due = kAtOnce;  // there may be more
     return true;
   }
-  for (Place& place : places) {
-    if (!take_of(place, now_ms, out)) continue;
+  for (Message& message : messages) {
+    if (!take_of(message, now_ms, out)) continue;
     out.are_equal = false;
     last = nullptr;
     due = kAtOnce;
@@ -149,6 +149,6 @@ bool LogRepeats::take(int64_t now_ms, Summary& out) {
 
 void LogRepeats::forget() {
   for (Entry& entry : entries) entry.held.reset();
-  for (Place& place : places) place.held.reset();
+  for (Message& message : messages) message.held.reset();
   due = kNever;
 }

@@ -3,8 +3,8 @@
 // or fails to open is reported once on standard error, and syslog is used.
 //
 // Whoever reads them cannot hold up the daemon for more than a second in ten (log_patience.h): what nobody takes is
-// lost and counted, and told about where there is room again. Lines that repeat themselves, and floods from one place in
-// the program, are summed up (log_repeats.h).
+// lost and counted, and told about where there is room again. Lines that repeat themselves, and floods of one message
+// in the program, are summed up (log_repeats.h).
 //
 // Lines of level 1 are also kept for a supervisor that wants them (device/last_lines.h).
 //
@@ -33,9 +33,9 @@ class LogTarget {
   void open(int facility, const char* name);
 
   // Writes `lines`, whole lines of safe text, in one piece: when `framed`, with time, program, process id and level in
-  // front of the first. `place` is the same for all lines that one place in the program writes; null: that does not
-  // matter. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
-  void write(int level, bool framed, std::string_view lines, const void* place);
+  // front of the first. `format` is what the line was made from, or null (see LogRepeats). Opens the target first when
+  // nobody has done so. Any thread. What cannot be written is lost.
+  void write(int level, bool framed, std::string_view lines, const char* format);
 
   // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
   void divert(void (*take)(int level, const char* lines, size_t size));
@@ -61,7 +61,7 @@ class LogTarget {
   void choose(int facility) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
-  bool leaves_out(int level, bool framed, std::string_view lines, const void* place) REQUIRES(mutex);
+  bool leaves_out(int level, bool framed, std::string_view lines, const char* format) REQUIRES(mutex);
   void sum_up(int64_t now_ms) REQUIRES(mutex);
   void say(LogRepeats::Summary& summary) REQUIRES(mutex);
   std::string frame(int level) REQUIRES(mutex);
@@ -87,7 +87,7 @@ class LogTarget {
   bool is_finished GUARDED_BY(mutex) = false;
   int64_t clock_ms GUARDED_BY(mutex) = LogRepeats::kNever;  // until when a thread waits to sum up; kNever: none waits
   sem_t sooner{};                                           // ends that wait; made anew for each thread
-  int last_lines GUARDED_BY(mutex) = -1;            // descriptor of the supervisor's file, or -1
+  int last_lines GUARDED_BY(mutex) = -1;                    // descriptor of the supervisor's file, or -1
   unsigned last_number GUARDED_BY(mutex) = 0;
   char program[64] GUARDED_BY(mutex) = "";
   char date[32] GUARDED_BY(mutex) = "";  // of date_second, local time
