@@ -18,17 +18,16 @@ constexpr int64_t kAtOnce = std::numeric_limits<int64_t>::min();
 // What has a hash stands in one of a few neighbours, so that the search is short.
 constexpr size_t kNeighbours = 8;
 
-// The one of `hash` for which is_wanted(it), else the one that is_poorer(it, than_all_others) and holds nothing, else
-// null.
-template <typename Table, typename IsWanted, typename IsPoorer>
-auto* find_or_choose(Table& table, size_t hash, IsWanted is_wanted, IsPoorer is_poorer) {
-  typename Table::value_type* poorest = nullptr;
+// The one of `hash` for which is_wanted(it), else the oldest that holds nothing, else null.
+template <typename Table, typename IsWanted, typename IsOlder>
+auto* find_or_choose(Table& table, size_t hash, IsWanted is_wanted, IsOlder is_older) {
+  typename Table::value_type* oldest = nullptr;
   for (size_t i = 0; i < kNeighbours; ++i) {
     auto& one = table[(hash + i) % table.size()];
     if (is_wanted(one)) return &one;
-    if (one.held == nullptr && (poorest == nullptr || is_poorer(one, *poorest))) poorest = &one;
+    if (one.held == nullptr && (oldest == nullptr || is_older(one, *oldest))) oldest = &one;
   }
-  return poorest;
+  return oldest;
 }
 
 }  // namespace
