@@ -294,7 +294,7 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   const rlimit none{3, descriptors.rlim_max};
-  alarm(60);
+  alarm(30);
   const Descriptor standard_error(dup(STDERR_FILENO));
   for (const auto& [target, way, is_opened_anew] : rows) {
     Ends ends = open_ends(way);
