@@ -157,12 +157,17 @@ TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
       {"2026-11-22 zelvind: forged\n", "2026-11-22 zelvind: forged\\n"},
       {"\r\t\x1b[2J\x7f", "\\r\\t\\x1b[2J\\x7f"},
       {"Tür 門 🚪", "Tür 門 🚪"},
-      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},            // control characters of 8 bits
-      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},          // overlong line ends
-      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},   // no characters
-      {"\xe9\x96", "\\xe9\\x96"},                                                  // cut in the middle
-      {"\u2027\u2028\u202e\u202f", "\u2027\\xe2\\x80\\xa8\\xe2\\x80\\xae\u202f"},  // ends, and turns, a line
-      {"\u2065\u2066\u2069\u206a", "\u2065\\xe2\\x81\\xa6\\xe2\\x81\\xa9\u206a"},
+      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},           // control characters of 8 bits
+      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},         // overlong line ends
+      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // no characters
+      {"\xe9\x96", "\\xe9\\x96"},                                                 // cut in the middle
+      // What ends a line, or turns its direction, and its neighbours.
+      // NOLINTBEGIN(misc-misleading-bidirectional)
+      {"\xe2\x80\xa7\xe2\x80\xa8", "\xe2\x80\xa7\\xe2\\x80\\xa8"},
+      {"\xe2\x80\xae\xe2\x80\xaf", "\\xe2\\x80\\xae\xe2\x80\xaf"},
+      {"\xe2\x81\xa5\xe2\x81\xa6", "\xe2\x81\xa5\\xe2\\x81\\xa6"},
+      {"\xe2\x81\xa9\xe2\x81\xaa", "\\xe2\\x81\\xa9\xe2\x81\xaa"},
+      // NOLINTEND(misc-misleading-bidirectional)
   };
   std::string expected;
   for (const auto& [text, line] : rows) {
