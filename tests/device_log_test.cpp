@@ -387,14 +387,14 @@ TEST_F(DeviceLog, TheEndTellsWhatIsLeftOutOrLost) {
   LogTarget& target = own_target();
   const auto write_into_full_disk = [this, &target](const std::string& line, int times) {
     const FullDisk full(root + "/log", 0);
-    for (int i = 0; i < times; ++i) target.write(1, true, line + "\n", nullptr);
+    for (int i = 0; i < times; ++i) target.write(1, true, line + "\n");
   };
   elog(1, "before");
   write_into_full_disk("same", 150);
   target.finish();
   std::string expected = "<1> before\n<1> log: 100 lines lost\n<1> same\n<1> log: last line repeated 49 times\n";
   EXPECT_EQ(logged(), expected);
-  for (int i = 0; i < 150; ++i) target.write(1, true, "late\n", nullptr), expected += "<1> late\n";
+  for (int i = 0; i < 150; ++i) target.write(1, true, "late\n"), expected += "<1> late\n";
   write_into_full_disk("last", 1);
   target.finish();
   EXPECT_EQ(logged(), expected + "<1> log: 1 lines lost\n");
@@ -407,7 +407,7 @@ TEST_F(DeviceLog, NoSumWaitsForAnother) {
   for (int round = 0; !is_in_time && round < 20; ++round) {  // again where the machine was too slow
     const auto say = [&target, round](const std::string& name, int times) {
       const std::string line = name + std::to_string(round) + "\n";
-      for (int i = 0; i < times; ++i) target.write(1, true, line, nullptr);
+      for (int i = 0; i < times; ++i) target.write(1, true, line);
     };
     const int64_t start_ms = steady_tick_ms();
     say("first", 1);
@@ -429,10 +429,10 @@ TEST_F(DeviceLog, NoSumWaitsForAnother) {
 class LogRepeatsTest : public testing::Test {
  protected:
   // How many of them are left out, `now_ms`.
-  int left_out(const std::string& line, int times, int64_t now_ms, int level = 1, const char* format = nullptr) {
+  int left_out(const std::string& line, int times, int64_t now_ms, int level = 1) {
     int number = 0;
     for (int i = 0; i < times; ++i) {
-      if (repeats.leaves_out(level, line, format, now_ms)) {
+      if (repeats.leaves_out(level, line, now_ms)) {
         ++number;
       } else {
         repeats.wrote();
@@ -452,7 +452,7 @@ TEST_F(LogRepeatsTest, CountsASecondOfEachLine) {
   EXPECT_EQ(left_out("a", 20, 5999), 20);
   EXPECT_EQ(repeats.due_ms(), 6000);
   EXPECT_EQ(take(5999), 0u);
-  EXPECT_FALSE(repeats.leaves_out(1, "a", nullptr, 6000));  // the second is over
+  EXPECT_FALSE(repeats.leaves_out(1, "a", 6000));  // the second is over
   EXPECT_EQ(take(6000), 20u);
   EXPECT_TRUE(summary.is_last);
   repeats.wrote();
@@ -466,24 +466,6 @@ TEST_F(LogRepeatsTest, CountsASecondOfEachLine) {
   for (int kind = 0; kind < 100; ++kind) EXPECT_EQ(take(8000), 50u);
   EXPECT_EQ(take(8000), 0u);
   EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
-}
-
-TEST_F(LogRepeatsTest, BoundsDifferentLinesOfAMessage) {
-  int number = 0;
-  const auto different = [&](int times, int64_t now_ms, int level, const char* format) {
-    int some = 0;
-    for (int i = 0; i < times; ++i) some += left_out(std::to_string(++number), 1, now_ms, level, format);
-    return some;
-  };
-  EXPECT_EQ(different(10000, 5000, 1, "x"), 0);
-  EXPECT_EQ(different(30, 5000, 1, "x"), 30);
-  EXPECT_EQ(different(1000, 5000, 1, "y") + different(20000, 5000, 2, "x"), 0);
-  EXPECT_EQ(repeats.due_ms(), 6000);
-  EXPECT_EQ(different(30, 5100, 1, "x"), 20);  // it has got ten back
-  EXPECT_EQ(take(6000), 50u);
-  EXPECT_FALSE(summary.are_equal || summary.is_last);
-  EXPECT_EQ(summary.line, "10001");
-  EXPECT_EQ(different(20000, 1000000, 1, "x"), 10000);  // no more than at first
 }
 
 TEST(LogPatience, WaitsASecondInAnyTen) {

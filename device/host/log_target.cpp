@@ -41,11 +41,11 @@ void LogTarget::open(int facility, const char* name) {
   open_held(facility, name);
 }
 
-void LogTarget::write(int level, bool framed, std::string_view lines, const char* format) {
+void LogTarget::write(int level, bool framed, std::string_view lines) {
   const MutexLock lock(mutex);
   if (diverted != nullptr) return diverted(level, lines.data(), lines.size());
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
-  if (repeats != nullptr && !is_finished && leaves_out(level, framed, lines, format)) return;
+  if (repeats != nullptr && !is_finished && leaves_out(level, framed, lines)) return;
   (put(level, framed, lines) ? written : lost).fetch_add(1, std::memory_order_relaxed);
   if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
 }
@@ -128,12 +128,12 @@ void LogTarget::keep_last(std::string_view lines) {
 }
 
 // Tells whether the lines are left out for now. If not, writes what must stand before them.
-bool LogTarget::leaves_out(int level, bool framed, std::string_view lines, const char* format) {
+bool LogTarget::leaves_out(int level, bool framed, std::string_view lines) {
   const int64_t now_ms = steady_tick_ms();
   const bool is_one_line = framed && lines.find('\n') == lines.size() - 1;
   if (!is_one_line) {
     repeats->pass();
-  } else if (repeats->leaves_out(level, lines, format, now_ms)) {
+  } else if (repeats->leaves_out(level, lines, now_ms)) {
     set_clock();
     return true;
   }
@@ -162,8 +162,7 @@ void LogTarget::say(LogRepeats::Summary& summary) {
   }
   if (summary.times == 0) return;
   const auto number = static_cast<unsigned long long>(summary.times);
-  const std::string text = summary.are_equal ? sstr("log: last line repeated %llu times\n", number)
-                                             : sstr("log: %llu more lines like the last one are left out\n", number);
+  const std::string text = sstr("log: last line repeated %llu times\n", number);
   const bool is_taken = put(summary.level, true, text);
   (is_taken ? repeated : lost).fetch_add(summary.times, std::memory_order_relaxed);
 }

@@ -3,8 +3,8 @@
 // or fails to open is reported once on standard error, and syslog is used.
 //
 // Whoever reads them cannot hold up the daemon for more than a second in ten (log_patience.h): what nobody takes is
-// lost and counted, and told about where there is room again. Lines that repeat themselves, and floods of one message
-// in the program, are summed up (log_repeats.h).
+// lost and counted, and told about where there is room again. Lines that repeat themselves are summed up
+// (log_repeats.h).
 //
 // Lines of level 1 are also kept for a supervisor that wants them (device/last_lines.h).
 //
@@ -33,9 +33,8 @@ class LogTarget {
   void open(int facility, const char* name);
 
   // Writes `lines`, whole lines of safe text, in one piece: when `framed`, with time, program, process id and level in
-  // front of the first. `format` is what the line was made from, or null (see LogRepeats). Opens the target first when
-  // nobody has done so. Any thread. What cannot be written is lost.
-  void write(int level, bool framed, std::string_view lines, const char* format);
+  // front of the first. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
+  void write(int level, bool framed, std::string_view lines);
 
   // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
   void divert(void (*take)(int level, const char* lines, size_t size));
@@ -61,7 +60,7 @@ class LogTarget {
   void choose(int facility) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
-  bool leaves_out(int level, bool framed, std::string_view lines, const char* format) REQUIRES(mutex);
+  bool leaves_out(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   void sum_up(int64_t now_ms) REQUIRES(mutex);
   void say(LogRepeats::Summary& summary) REQUIRES(mutex);
   std::string frame(int level) REQUIRES(mutex);
