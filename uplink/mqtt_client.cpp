@@ -21,7 +21,7 @@ constexpr int64_t kHousekeeping = 5000;  // ms between looks at the keep-alive
 constexpr uint32_t kWillDelay = 30;      // seconds
 constexpr uint32_t kSessionExpiry = 3600;
 constexpr int kMostUnflushed = 1000;
-constexpr int kReceiveBuffer = 32 * 1024;  // a read that takes in a large packet then comes to its end
+constexpr int kReceiveBuffer = 32 * 1024;  // what may wait for us, so that the read of a large packet comes to its end
 constexpr int kReadsAtOnce = 100;  // then signals, the daemon and others have their turn
 
 std::string text_of(int error) {
@@ -208,7 +208,7 @@ int MqttClient::read(short happened) {
 }
 
 // The library takes in a packet of any size before it tells anybody, and keeps messages with QoS 2 until the broker
-// releases them.
+// releases them. It cannot be stopped in the midst of a read, but that ends as soon as the network is slower than memory.
 void MqttClient::look_for_flood() {
   if (heard) return silent.reset();
   tcp_info counts{};
