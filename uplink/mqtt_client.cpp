@@ -22,7 +22,7 @@ constexpr uint32_t kWillDelay = 30;      // seconds
 constexpr uint32_t kSessionExpiry = 3600;
 constexpr int kMostUnflushed = 1000;
 constexpr int kReceiveBuffer = 32 * 1024;  // what may wait for us, so that the read of a large packet comes to its end
-constexpr int kReadsAtOnce = 100;  // then signals, the daemon and others have their turn
+constexpr int kReadsAtOnce = 100;          // then signals, the daemon and others have their turn
 
 std::string text_of(int error) {
   return std::generic_category().message(error);
@@ -202,13 +202,15 @@ int MqttClient::read(short happened) {
     errno = 0;
     code = mosquitto_loop_read(client.get(), 1);
     if (code == MOSQ_ERR_SUCCESS) look_for_flood();
+    flooded = flooded || code == MOSQ_ERR_NOMEM;  // under a limit like LimitDATA=, as soon as the length is known
     reads = code == MOSQ_ERR_SUCCESS && said.empty() && has_decrypted();
   }
   return code;
 }
 
 // The library takes in a packet of any size before it tells anybody, and keeps messages with QoS 2 until the broker
-// releases them. It cannot be stopped in the midst of a read, but that ends as soon as the network is slower than memory.
+// releases them. It cannot be stopped in the midst of a read, but that ends as soon as the network is slower than
+// memory.
 void MqttClient::look_for_flood() {
   if (heard) return silent.reset();
   tcp_info counts{};

@@ -13,9 +13,9 @@
 
 struct mosquitto;
 
-constexpr size_t kLargestMessage = size_t{64} * 1024;  // of the broker; with 3.1.1 a larger one is read and dropped
-constexpr uint64_t kLargestPacket = 1024 * 1024;       // of the broker; a larger one ends the connection
-constexpr int kMostInFlight = 20;                      // the library's own queue has no bound
+constexpr size_t kLargestMessage = size_t{64} * 1024;   // of the broker; with 3.1.1 a larger one is read and dropped
+constexpr uint64_t kLargestPacket = uint64_t{1} << 20;  // of the broker; a larger one ends the connection
+constexpr int kMostInFlight = 20;                       // the library's own queue has no bound
 
 // One thread only. Nothing throws.
 class MqttClient {
@@ -82,7 +82,7 @@ class MqttClient {
 
   bool is_reached() const { return reached; }          // TCP is connected
   bool is_refused_version() const { return refused; }  // the broker does not know this version of MQTT
-  bool is_flooded() const { return flooded; }          // ended since the broker sent a packet above kLargestPacket
+  bool is_flooded() const { return flooded; }          // the broker sent a packet that is too large
   bool is_closed_unanswered() const;                   // before it was accepted, without a word: perhaps the same
   const std::string& trouble() const { return said; }
 
