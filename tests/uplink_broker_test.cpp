@@ -489,12 +489,11 @@ TEST(BrokerLink, FallsBackToMqtt311) {
   struct Row {
     const char* how;
     std::string refusal;
-    uint64_t failures;
   };
   const Row rows[] = {
-      {"by 3.1.1's answer", std::string("\x20\x02\x00\x01", 4), 0},
-      {"by 5's answer", std::string("\x20\x03\x00\x84\x00", 5), 0},
-      {"by closing the connection", "", 1},
+      {"by 3.1.1's answer", std::string("\x20\x02\x00\x01", 4)},
+      {"by 5's answer", std::string("\x20\x03\x00\x84\x00", 5)},
+      {"by closing the connection", ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.how);
@@ -503,7 +502,7 @@ TEST(BrokerLink, FallsBackToMqtt311) {
     LoopedLink gate(settings_for(broker.port()));
     ASSERT_TRUE(gate.run_until_up());
     EXPECT_EQ(gate.link.state().protocol, 4);
-    EXPECT_EQ(gate.link.state().failures, row.failures);
+    EXPECT_EQ(gate.link.state().failures, 0U);
     gate.link.reconnect();
     ASSERT_TRUE(gate.run_until_up(2));
     EXPECT_EQ(gate.link.state().protocol, 4);

@@ -90,7 +90,6 @@ struct BrokerLink::Data : MqttClient::Owner {
 
   bool mqtt5 = true;                       // this try
   bool five_has_worked = false;            // with this broker
-  bool is_in_doubt = false;                // the last try with 5 was closed without a word
   std::optional<int64_t> five_refused_at;  // steady_ms()
 
   std::set<std::string> reasons_said;  // in this outage
@@ -121,7 +120,7 @@ void BrokerLink::Data::begin() {
   state.next_try_ms = 0;
   phase = Phase::resolving;
   deadline = now + times.connect;
-  mqtt5 = !std::exchange(is_in_doubt, false) && (!five_refused_at || now - *five_refused_at >= kKeepVersion);
+  mqtt5 = !five_refused_at || now - *five_refused_at >= kKeepVersion;
   std::string error = settings.tls ? tls.open(settings) : std::string();
   if (error.empty()) error = lookup.start(settings.host);
   if (!error.empty()) end(error);
@@ -132,7 +131,7 @@ void BrokerLink::Data::begin_again() {
   client.reset();
   tries = 0;
   five_refused_at.reset();
-  five_has_worked = is_in_doubt = false;
+  five_has_worked = false;
   begin();
 }
 
@@ -196,12 +195,12 @@ void BrokerLink::Data::lost() {
   end(reason);
 }
 
-// Chooses the other version of MQTT when this one seems to be what is wrong. True: it is to be tried at once.
+// Chooses MQTT 3.1.1 when 5 seems to be what is wrong. True: it is to be tried at once.
 bool BrokerLink::Data::choose_version() {
-  is_in_doubt = mqtt5 && !five_has_worked && client->is_closed_unanswered();
-  if (!client->is_refused_version()) return false;
+  const bool is_refused = client->is_refused_version();
+  if (!mqtt5 || (!is_refused && (five_has_worked || !client->is_closed_unanswered()))) return false;
   mqtt5 = false;
-  five_refused_at = steady_ms();
+  if (is_refused) five_refused_at = steady_ms();
   return true;
 }
 

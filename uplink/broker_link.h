@@ -4,7 +4,7 @@
 //
 // MQTT 5 is tried first, 3.1.1 when the broker refuses it, which is remembered for a day or until reconnect(). Brokers
 // that do not know MQTT 5 may just close the connection, but others close one too, e.g. a load balancer: while 5 has
-// never worked, only the next try is then with 3.1.1.
+// never worked, 3.1.1 is then tried at once, and 5 again for the next connection.
 //
 // With subscriptions the session outlives the connection (MQTT 5: for an hour; 3.1.1: as long as the broker likes), so
 // that what comes meanwhile arrives later, in rare cases twice. What the broker still sends for a subscription of an
