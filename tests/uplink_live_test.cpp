@@ -211,6 +211,33 @@ TEST_F(UplinkProgram, EndsSoonAndKeepsAllWhenTheBrokerHangs) {
   expect_all(1, 3);
 }
 
+// With MQTT 3.1.1, where the will is not delayed: the first try, with 5, is torn.
+TEST_F(UplinkProgram, IsSaidToBeAwayWhenItIsKilled) {
+  ASSERT_TRUE(stat_becomes("broker", "in_flight", "0"));
+  proxy->tear_after(0);
+  uplink->send_signal(SIGHUP);
+  ASSERT_TRUE(stat_becomes("broker", "protocol", "4"));
+  EXPECT_EQ(recorder.text().find("\"on\":false"), std::string::npos);
+  EXPECT_EQ(uplink->end(SIGKILL), 128 + SIGKILL);
+  EXPECT_TRUE(recorder.wait_for("z/gate/state {\"on\":false,\"session\":1,"));
+}
+
+TEST_F(UplinkProgram, GoesOnWithoutStandardStreamsAndWhereFilesMayNotGrow) {
+  EXPECT_EQ(uplink->end(), 0);
+  proxy->set(CutProxy::Mode::blackhole);
+  uplink->start("ulimit -f 8; exec <&- >&-; ");
+  ASSERT_TRUE(stat_becomes("daemon", "state", "following"));
+  for (const char* const stream : {"0", "1"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + uplink->stat("uplink", "pid") + "/fd/" + stream), "/dev/null");
+  }
+  post("door", 1, 200);
+  ASSERT_TRUE(stat_becomes("spool", "place", "memory"));
+  proxy->cut();
+  proxy->set(CutProxy::Mode::pass);
+  expect_all(1, 200);
+  EXPECT_EQ(uplink->end(), 0);
+}
+
 TEST_F(UplinkProgram, SaysWhyItDoesNotStart) {
   const std::string run_it = "exec 2>$ROOT/second; " ZELVIND_UPLINK;
   EXPECT_EQ(daemon.launch(run_it), 1);
