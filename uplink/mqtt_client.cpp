@@ -172,6 +172,10 @@ bool MqttClient::is_connected(short happened) {
   socklen_t size = sizeof(error);
   getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &error, &size);
   if (error != 0) return fail(text_of(error));
+  // The library begins TLS at once, which takes the error of a connect that was refused at once.
+  sockaddr peer{};
+  size = sizeof(peer);
+  if (getpeername(descriptor(), &peer, &size) != 0) return fail(text_of(ECONNREFUSED));
   reached = (happened & POLLOUT) != 0;
   return reached || fail("the connection was closed");
 }
