@@ -160,6 +160,11 @@ bool MqttClient::exchange() {
   if (!reached && now.fd >= 0) {
     if (now.revents == 0) return true;
     if (!is_connected(now.revents)) return false;
+    // The library begins TLS at once, which takes the error of a connect that is refused at once.
+    sockaddr peer{};
+    socklen_t size = sizeof(peer);
+    reached = getpeername(now.fd, &peer, &size) == 0;
+    if (!reached) return fail(text_of(ECONNREFUSED));
   }
   errno = 0;
   const int code = read_and_write(now.revents);
@@ -172,10 +177,6 @@ bool MqttClient::is_connected(short happened) {
   socklen_t size = sizeof(error);
   getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &error, &size);
   if (error != 0) return fail(text_of(error));
-  // The library begins TLS at once, which takes the error of a connect that was refused at once.
-  sockaddr peer{};
-  size = sizeof(peer);
-  if (getpeername(descriptor(), &peer, &size) != 0) return fail(text_of(ECONNREFUSED));
   reached = (happened & POLLOUT) != 0;
   return reached || fail("the connection was closed");
 }
