@@ -15,7 +15,7 @@ void Answers::add(std::string topic, std::string payload) {
   bytes += topic.size() + payload.size();
   answers.push_back({std::move(topic), std::move(payload), 0});
   while (answers.size() > kAnswersMax || bytes > kAnswerBytesMax) {
-    erase(answers.begin());
+    erase(0);
     ++lost;
   }
 }
@@ -29,7 +29,7 @@ bool Answers::publish_next() {
       ++under_way;
       return true;
     }
-    erase(answers.begin() + static_cast<std::ptrdiff_t>(under_way));
+    erase(under_way);
   }
   return false;
 }
@@ -37,15 +37,16 @@ bool Answers::publish_next() {
 void Answers::forget(int token) {
   const auto end = answers.begin() + static_cast<std::ptrdiff_t>(under_way);
   const auto found = std::find_if(answers.begin(), end, [&](const Answer& one) { return one.token == token; });
-  if (found != end) erase(found);
+  if (found != end) erase(static_cast<size_t>(found - answers.begin()));
 }
 
 void Answers::begin_again() {
   under_way = 0;
 }
 
-void Answers::erase(std::deque<Answer>::iterator gone) {
-  if (static_cast<size_t>(gone - answers.begin()) < under_way) --under_way;
+void Answers::erase(size_t index) {
+  const auto gone = answers.begin() + static_cast<std::ptrdiff_t>(index);
+  if (index < under_way) --under_way;
   bytes -= gone->topic.size() + gone->payload.size();
   answers.erase(gone);
 }

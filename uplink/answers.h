@@ -36,7 +36,7 @@ class Answers {
     int token = 0;
   };
 
-  void erase(std::deque<Answer>::iterator gone);
+  void erase(size_t index);
 
   const Publish publish;
   std::deque<Answer> answers;  // those that are under way, and behind them those that are to be published
