@@ -109,18 +109,25 @@ constexpr Metric kMetrics[] = {
 // Of the uplink's own answer.
 constexpr Metric kUplinkMetrics[] = {
     {"uplink_build_info", Shape::info, "uplink", "version", "What runs: always 1.", {"version", "device"}},
+    {"uplink_start_time_seconds", Shape::gauge, "uplink", "started", "When the uplink started, since 1970."},
+    {"uplink_session", Shape::gauge, "uplink", "session", "Starts of the uplink so far."},
     {"uplink_resident_memory_bytes", Shape::gauge, "uplink", "rss", "Memory in use by the uplink."},
     {"uplink_connected", Shape::one_of, "broker", "state", "Whether the broker is there.", {"up"}},
+    {"uplink_broker_seconds", Shape::gauge, "broker", "since_s", "Time since the broker came or went away."},
     {"uplink_connects_total", Shape::counter, "broker", "connects", "Connections to the broker."},
     {"uplink_failures_total", Shape::counter, "broker", "failures", "Connections that failed or were lost."},
     {"uplink_in_flight", Shape::gauge, "broker", "in_flight", "Messages that the broker has not confirmed."},
+    {"uplink_refused_total", Shape::counter, "broker", "refused", "Messages that the broker has refused for good."},
+    {"uplink_ignored_total", Shape::counter, "broker", "ignored", "Messages of the broker that were not looked at."},
     {"uplink_following", Shape::one_of, "daemon", "state", "Whether the daemon is there.", {"following"}},
+    {"uplink_daemon_seconds", Shape::gauge, "daemon", "since_s", "Time since the daemon came or went away."},
+    {"uplink_follows_total", Shape::counter, "daemon", "connects", "Connections to the daemon."},
     {"uplink_events_total", Shape::counter, "daemon", "events", "Events read that `up` names."},
     {"uplink_lost_events_total", Shape::counter, "daemon", "lost", "Events overwritten before they were read."},
     {"uplink_published_total", Shape::counter, "out", "published", "Messages given to the broker."},
     {"uplink_confirmed_total", Shape::counter, "out", "confirmed", "Messages that the broker has confirmed."},
     {"uplink_repeated_total", Shape::counter, "out", "repeated", "Messages sent again after a lost connection."},
-    {"uplink_refused_total", Shape::counter, "out", "refused", "Messages that the broker has refused for good."},
+    {"uplink_refused_events_total", Shape::counter, "out", "refused", "Events and gaps among the refused messages."},
     {"uplink_gaps_total", Shape::counter, "out", "gaps", "Gaps declared to the broker."},
     {"uplink_published_bytes_total", Shape::counter, "out", "bytes", "Bytes of all messages."},
     {"uplink_waiting", Shape::gauge, "out", "waiting", "Records in memory that are not confirmed."},
@@ -136,6 +143,9 @@ constexpr Metric kUplinkMetrics[] = {
     {"uplink_commands_refused_total", Shape::counter, "commands", "refused", "Commands refused."},
     {"uplink_commands_failed_total", Shape::counter, "commands", "failed", "Commands that the daemon did not take."},
     {"uplink_commands_repeated_total", Shape::counter, "commands", "repeated", "Commands answered from memory."},
+    {"uplink_stray_replies_total", Shape::counter, "commands", "stray_replies", "Scripts' replies to no command."},
+    {"uplink_dropped_answers_total", Shape::counter, "commands", "dropped_answers",
+     "Answers dropped: too many waited."},
 };
 
 bool ends_with(std::string_view text, std::string_view end) {

@@ -630,6 +630,15 @@ TEST(BrokerLink, IgnoresLargeMessagesAndEndsWithLargerOnes) {
   }
 }
 
+// The library begins TLS at once, which takes the socket's error.
+TEST(BrokerLink, SeesARefusalBeforeTlsAtOnce) {
+  UplinkSettings settings = settings_for(port_of(loopback_socket()));  // nobody listens there
+  settings.tls = true;
+  LoopedLink gate(settings);
+  EXPECT_TRUE(gate.run_until([&] { return gate.link.state().failures == 3; }));
+  EXPECT_EQ(gate.link.state().last_error, "Connection refused");
+}
+
 TEST(BrokerLink, WaitsLongerAfterEachFailure) {
   standin::reset();
   BrokerLink::Times times;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 
 #include "tests/mqtt_broker.h"
 #include "tests/real_uplink.h"
@@ -182,6 +183,18 @@ TEST_F(UplinkProgram, LosesNothingWhenTheBrokerOrItselfIsKilled) {
   ASSERT_TRUE(stat_becomes("out", "waiting", "0"));
   EXPECT_EQ(uplink->end(), 0);
   EXPECT_TRUE(recorder.wait_for("z/gate/state {\"on\":false,\"session\":2,"));
+}
+
+TEST_F(UplinkProgram, MetricsHaveEachNumber) {
+  const std::set<std::string> others = {"version", "device", "run",      "position", "pid",        // not measured
+                                        "port",    "tls",    "protocol", "rate",     "uptime_s"};  // or told otherwise
+  size_t numbers = 4;  // texts that metrics tell as numbers: the version, broker, daemon, spool
+  for (const AnswerLine& line : ControlClient(daemon.path("."), kAnswerLimitMs, kUplinkSocketPath).ask("stats")) {
+    for (const auto& [key, value] : line.values())
+      numbers += others.count(key) == 0 && line.number(key.c_str(), -1) >= 0;
+  }
+  EXPECT_EQ(daemon.launch("zelvctl metrics | grep -c ^zelvind_uplink_ >$ROOT/metrics"), 0);
+  EXPECT_EQ(daemon.text_of("metrics"), std::to_string(numbers) + "\n");
 }
 
 TEST_F(UplinkProgram, DeclaresWhatTheFormerDaemonMayHaveHad) {

@@ -170,6 +170,11 @@ bool MqttClient::exchange() {
   if (!reached && now.fd >= 0) {
     if (now.revents == 0) return true;
     if (!is_connected(now.revents)) return false;
+    // The library begins TLS at once, which takes the error of a connect that is refused at once.
+    sockaddr peer{};
+    socklen_t size = sizeof(peer);
+    reached = getpeername(now.fd, &peer, &size) == 0;
+    if (!reached) return fail(text_of(ECONNREFUSED));
   }
   errno = 0;
   const int code = read_and_write(now.revents);

@@ -126,17 +126,31 @@ void Outbox::declare(const UplinkRecord& refused, int64_t now) {
   hold(std::move(gap), now);
 }
 
-void Outbox::run(int64_t now) {
+void Outbox::run(int64_t now, const std::function<bool()>& publish_other) {
   spool_due(now);
   if (const int64_t at = spool.sync_due(); at != 0 && at <= now) sync();
-  while (publish_next(now)) {
-  }
+  publish_due(now, publish_other);
   keep_position(now);
+}
+
+void Outbox::publish_due(int64_t now, const std::function<bool()>& publish_other) {
+  bool may_have_own = true;
+  may_have_other = publish_other != nullptr;
+  while ((may_have_own || may_have_other) && has_turn(now)) {
+    if (may_have_other && (is_turn_of_other || !may_have_own)) {
+      may_have_other = publish_other();
+      if (may_have_other) sent_at.push_back(now);
+      is_turn_of_other = false;
+    } else {
+      may_have_own = publish_next(now);
+      is_turn_of_other = true;
+    }
+  }
 }
 
 // True when one was published, or need not be any more.
 bool Outbox::publish_next(int64_t now) {
-  return has_turn(now) && (publish_spooled(now) || (!may_have_spooled && publish_held(now)));
+  return publish_spooled(now) || (!may_have_spooled && publish_held(now));
 }
 
 bool Outbox::has_turn(int64_t now) {
@@ -283,7 +297,7 @@ int64_t Outbox::due() const {
   if (spool.sync_due() != 0) not_after(spool.sync_due());
   const bool waits_for_rate = is_up && sent_at.size() >= static_cast<size_t>(settings.rate) &&
                               in_flight.size() < static_cast<size_t>(settings.in_flight);
-  if (waits_for_rate && (may_have_spooled || !waiting.empty())) not_after(sent_at.front() + kSecond);
+  if (waits_for_rate && (may_have_spooled || !waiting.empty() || may_have_other)) not_after(sent_at.front() + kSecond);
   if (is_safe() && safe_position() != kept) not_after(kept_at + kSecond);
   return next == INT64_MAX ? -1 : next;
 }

@@ -54,8 +54,10 @@ class Outbox {
   void confirm(int token);
   void refuse(int token, int64_t now);
 
-  // Writes and publishes what is due. To be called after all of the above.
-  void run(int64_t now);
+  // Writes and publishes what is due. To be called after all of the above. `publish_other` publishes a message beside
+  // the records, if there is one: it returns false otherwise. Such messages count for `rate`, and take turns with the
+  // records while both wait, so that neither kind holds up the other.
+  void run(int64_t now, const std::function<bool()>& publish_other = nullptr);
 
   // When run() has something to do again; -1: after the next call.
   int64_t due() const;
@@ -84,6 +86,7 @@ class Outbox {
   void spool_all();
   void spool_due(int64_t now);
   void sync();
+  void publish_due(int64_t now, const std::function<bool()>& publish_other);
   bool publish_next(int64_t now);
   bool publish_spooled(int64_t now);
   bool publish_held(int64_t now);
@@ -109,9 +112,11 @@ class Outbox {
   uint64_t next_number = 0;      // of the spool, that is to be published next
   uint64_t highest_number = 0;   // of the spool, that was published
   std::deque<int64_t> sent_at;   // of the publishes in the last second
-  std::string seen;              // the position of what was taken over
-  bool has_unsynced = false;     // records in the spool
-  std::string kept;              // the position in the file
+  bool is_turn_of_other = true;
+  bool may_have_other = false;  // that `rate` did not let go
+  std::string seen;             // the position of what was taken over
+  bool has_unsynced = false;    // records in the spool
+  std::string kept;             // the position in the file
   int64_t kept_at = INT64_MIN / 2;
   State counts;
 };
