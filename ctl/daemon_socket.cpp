@@ -10,7 +10,7 @@
 #include <initializer_list>
 #include <set>
 
-#include "control/control_paths.h"
+#include "util/control_paths.h"
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "device/event_source.h"

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <thread>
 
-#include "control/control_paths.h"
+#include "util/control_paths.h"
 #include "ctl/check/check.h"
 #include "ctl/control_client.h"
 #include "ctl/daemon_rights.h"

@@ -12,7 +12,7 @@
 #include <memory>
 #include <sstream>
 
-#include "control/control_paths.h"
+#include "util/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "device/event_source.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "control/control_paths.h"
+#include "util/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "tests/fake_control.h"

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "control/answer.h"
-#include "control/control_paths.h"
+#include "util/control_paths.h"
 #include "control/control_server.h"
 #include "control/event_ring.h"
 #include "control/loop_stats.h"
