@@ -373,6 +373,12 @@ TEST(RunFolder, TakesNothingThatOthersHavePrepared) {
     EXPECT_TRUE(row.line.find("evq: ") == 0 ||
                 wait_until([&] { return read_file(daemon.path("run/zelvind/state")) == state; }));
     EXPECT_EQ(daemon.launch("timeout 20 env PATH=${ZELVIND%/*} zelvctl check >/dev/null"), 0);  // reads locks
+    daemon.launch("rm -f $ROOT/run/zelvind/state.new; mkfifo $ROOT/run/zelvind/state.new");  // for the reload
+    daemon.send_signal(SIGHUP);
+    EXPECT_TRUE(row.line.find("evq: ") == 0 || wait_until([&] {
+                  return read_file(daemon.path("run/zelvind/state")) ==
+                         std::to_string(daemon.process()) + " ready 1\n";
+                }));
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(read_file(daemon.path("victim")), "precious");
   }
