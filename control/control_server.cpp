@@ -11,10 +11,10 @@
 #include <exception>
 #include <map>
 
-#include "util/control_paths.h"
 #include "control/event_ring.h"
 #include "device/log.h"
 #include "util/clock.h"
+#include "util/control_paths.h"
 #include "util/service_thread.h"
 #include "util/text.h"
 
@@ -171,8 +171,8 @@ void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now
   client->send_owed(now);
 }
 
-// Drops the client that has been idle longest or, when none has been idle for long, the oldest one of the user with most
-// connections. Returns false when nobody has two more than the newcomer's user.
+// Drops the client that has been idle longest or, when none has been idle for long, the oldest one of the user with
+// most connections. Returns false when nobody has two more than the newcomer's user.
 bool ControlServer::make_place(const ControlConnection& newcomer, int64_t now) {
   const auto idle_since = [](const auto& client) { return client->idle_since().value_or(INT64_MAX); };
   const auto longest = std::min_element(clients.begin(), clients.end(), [&](const auto& one, const auto& other) {

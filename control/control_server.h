@@ -89,7 +89,7 @@ class ControlServer {
   Counter followers_now;
 
   // The control thread's own.
-  Clients clients;  // in the order in which they came
+  Clients clients;                                     // in the order in which they came
   std::vector<std::unique_ptr<WaitingCall>> given_up;  // whose clients have gone
   int64_t accept_not_before = 0;                       // steady_ms
   uint64_t last_seen = 0;                              // the newest event at the last look for followers

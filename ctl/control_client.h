@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "util/control_paths.h"
 #include "ctl/failure.h"
+#include "util/control_paths.h"
 #include "util/descriptor.h"
 
 constexpr int kAnswerLimitMs = 5000;

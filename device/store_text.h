@@ -29,8 +29,8 @@ struct StoreText {
   std::map<std::string, std::string, std::less<>> values;
   std::set<std::string, std::less<>> damaged;  // keys that a bad line begins with, and no good one after it
   bool is_text = true;                         // false: any key may have been there
-  std::vector<StoreComplaint> complaints;  // at most kStoreComplaintsMax
-  int more_complaints = 0;                 // bad lines beyond those
+  std::vector<StoreComplaint> complaints;      // at most kStoreComplaintsMax
+  int more_complaints = 0;                     // bad lines beyond those
 };
 
 // Whether the file sets `key` to something that cannot be read, or may do so. Any thread.

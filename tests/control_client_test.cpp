@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "util/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
+#include "util/control_paths.h"
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "control/answer.h"
-#include "util/control_paths.h"
 #include "control/control_server.h"
 #include "control/event_ring.h"
 #include "control/loop_stats.h"
@@ -18,6 +17,7 @@
 #include "tests/device_root_fixture.h"
 #include "tests/real_daemon.h"
 #include "util/clock.h"
+#include "util/control_paths.h"
 #include "util/text.h"
 #include "util/unix_socket.h"
 

@@ -80,8 +80,8 @@ TEST_F(DeviceStore, ADamagedSettingIsNotAMissingOne) {
     write(text);
     const size_t lines = logged().size();
     const std::optional<std::string> value = SettingsFile().written(settings::listener_allow);
-    const bool is_said = logged().find("<1> econf: listener_allow cannot be read: it lets nobody in\n", lines) !=
-                         std::string::npos;
+    const bool is_said =
+        logged().find("<1> econf: listener_allow cannot be read: it lets nobody in\n", lines) != std::string::npos;
     EXPECT_EQ(!value ? "missing" : is_said ? "damaged" + *value : *value, expected) << text.substr(0, 60);
   }
 }

@@ -679,11 +679,8 @@ TEST_F(Listener, SaysWhatIsInTheWayOfItsSocket) {
   setenv("DEVICE_ROOT", folder.c_str(), 1);
   const std::string occupied = " (there is something else, which is not a socket)";
   const std::pair<std::string, std::string> rows[] = {
-      {"mkfifo l.sock", occupied},
-      {"ln -s nowhere l.sock", occupied},
-      {"mkdir l.sock", occupied},
-      {"touch l.sock", occupied},
-      {"", " (File name too long)"},
+      {"mkfifo l.sock", occupied}, {"ln -s nowhere l.sock", occupied}, {"mkdir l.sock", occupied},
+      {"touch l.sock", occupied},  {"", " (File name too long)"},
   };
   for (const auto& [make, reason] : rows) {
     SCOPED_TRACE(make);
@@ -706,7 +703,8 @@ TEST_F(Listener, SaysWhatIsInTheWayOfItsSocket) {
 TEST_F(Listener, DescriptorsRunShort) {
   limit_descriptors(320);
   start_at("0.0.0.0");
-  EXPECT_EQ(standin::log_lines_with("<1> mlistener: the descriptor limit is too low: no client can connect").size(), 1u);
+  EXPECT_EQ(standin::log_lines_with("<1> mlistener: the descriptor limit is too low: no client can connect").size(),
+            1u);
   EXPECT_EQ(listener->status().places, 0u);
   limit_descriptors(1024);
   EXPECT_EQ(listener->status().places, 704u);
