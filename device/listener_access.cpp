@@ -53,7 +53,8 @@ std::optional<ListenEndpoint> parse_endpoint(const std::string& item) {
 bool collide(const ListenEndpoint& one, const ListenEndpoint& other) {
   if (one.path.empty() != other.path.empty()) return false;
   if (!one.path.empty()) {
-    const std::string lock = one.lock_path(), other_lock = other.lock_path();
+    const std::string lock = one.lock_path();
+    const std::string other_lock = other.lock_path();
     return lock == other_lock || one.path == other_lock || other.path == lock;
   }
   return one.address == other.address || one.address == INADDR_ANY || other.address == INADDR_ANY;
