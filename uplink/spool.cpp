@@ -288,15 +288,15 @@ void Spool::Data::lose(size_t index) {
 // When there is one record before the gap, and that is a gap too, joins them: the file of the older one goes.
 bool Spool::Data::join_head(SpoolItem& gap) {
   const uint64_t head = live(0);
-  SpoolItem joined;
-  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, joined) || !joined.record.is_gap())
+  SpoolItem head_gap;
+  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, head_gap) || !head_gap.record.is_gap())
     return false;
-  if (!gap.record.id.empty()) add_to(joined, gap);
-  joined.back += gap.number - head;
-  joined.number = gap.number;
+  if (!gap.record.id.empty()) add_to(head_gap, gap);
+  head_gap.back += gap.number - head;
+  head_gap.number = gap.number;
   settle(head);
   forget(head);
-  gap = std::move(joined);
+  gap = std::move(head_gap);
   return true;
 }
 
@@ -540,7 +540,8 @@ std::string Spool::Data::encoded(SpoolItem item) const {
 bool Spool::Data::fail(const char* reason) {
   if (!counts.in_memory || counts.error != reason) {
     if (const auto left_out = limit_of_lines.allow()) {
-      elog(1, "uplink: spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason, left_out->text);
+      elog(1, "uplink: spool: %s does not take records, they are kept in memory: %s%s", path.c_str(), reason,
+           left_out->text);
     }
   }
   counts.in_memory = true;
