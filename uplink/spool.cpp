@@ -4,14 +4,14 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "device/log.h"
-#include "uplink/number_ranges.h"
 #include "uplink/spool_folder.h"
-#include "uplink/spool_scan.h"
 #include "uplink/spool_segment.h"
 #include "util/clock.h"
 #include "util/rate_limit.h"
@@ -19,17 +19,23 @@
 namespace {
 
 constexpr size_t kSegmentMax = size_t{256} * 1024;
-constexpr size_t kFileMax = 2 * kSpoolBodyMax;  // a larger file is none of ours
 constexpr size_t kMemoryMax = size_t{1024} * 1024;
 constexpr size_t kSyncBytes = size_t{64} * 1024;
 constexpr int64_t kSyncMs = 1000;
-constexpr int64_t kSyncSettledMs = 60000;  // when there are only acknowledgements to be written
+constexpr int64_t kSyncAcknowledgedMs = 60000;
 constexpr int64_t kRetryMs = 5000;
 constexpr size_t kMarkMax = 256;
 constexpr size_t kFrameMax = 64;  // bytes of an item beside its texts, at most
 
-// The first number of a run. Those of what earlier runs have left are below: the folder may be readable only later.
-constexpr uint64_t kFirstNumber = uint64_t{1} << 40;
+// A gap gets the number behind the last record that it stands for, since that one may be in flight.
+constexpr uint64_t kStep = 256;
+
+// Numbers of this run are above, those of what earlier runs have left below: it may be read later than others are given.
+constexpr uint64_t kOrigin = uint64_t{1} << 40;
+
+const std::string& last_id_of(const UplinkRecord& record) {
+  return record.is_gap() ? record.last_id : record.id;
+}
 
 // Makes `gap` stand for `record` too, which follows it. Without an id, it stands for nothing yet.
 void extend(UplinkRecord& gap, const UplinkRecord& record) {
@@ -37,7 +43,16 @@ void extend(UplinkRecord& gap, const UplinkRecord& record) {
   const bool is_known = record.count > 0 && (is_new || gap.count > 0);
   gap.count = is_known ? (is_new ? 0 : gap.count) + record.count : 0;
   if (is_new) gap.id = record.id;
-  gap.last_id = record.is_gap() ? record.last_id : record.id;
+  gap.last_id = last_id_of(record);
+}
+
+// A gap of unknown size.
+UplinkRecord unknown(const std::string& id, const std::string& last_id) {
+  return {id, last_id, 0, "", "", false};
+}
+
+uint64_t dropped_with(const UplinkRecord& record) {
+  return record.is_gap() ? 0 : 1;
 }
 
 uint64_t seconds_now() {
@@ -47,6 +62,29 @@ uint64_t seconds_now() {
 size_t size_of(const UplinkRecord& record) {
   return kFrameMax + record.id.size() + record.last_id.size() + record.name.size() + record.payload.size();
 }
+
+struct Segment {
+  struct Open {
+    uint64_t number, since;  // as in SpoolItem
+  };
+  uint64_t serial = 0;               // of its file; 0: a gap, which the damage of the files before it tells of
+  size_t bytes = 0;                  // of its file
+  uint64_t last = 0;                 // number of its last record
+  std::vector<Open> open;            // its records that are not acknowledged
+  std::string first_id, last_id;     // of all of its records
+  std::optional<UplinkRecord> gap;   // is its only record, whatever its file holds
+
+  void add(const SpoolItem& item) {
+    if (first_id.empty()) first_id = item.record.id;
+    last_id = last_id_of(item.record);
+    last = item.number;
+    open.push_back({item.number, item.since});
+  }
+  auto find(uint64_t number) {  // the first one that is at least `number`
+    return std::lower_bound(open.begin(), open.end(), number,
+                            [](const Open& one, uint64_t wanted) { return one.number < wanted; });
+  }
+};
 
 }  // namespace
 
@@ -60,66 +98,53 @@ struct Spool::Data {
   const UplinkSettings::Full full;
   const size_t segment_max = std::min(kSegmentMax, limit / 4);
   const size_t memory_max = std::min(kMemoryMax, limit / 2);
-  const size_t sync_bytes = std::min(kSyncBytes, memory_max / 2);
 
-  uint64_t origin = kFirstNumber;  // the lowest number that there is
-  uint64_t next = kFirstNumber;    // of the next record
-  uint64_t shift = 0;              // a number less the same number in the files
-  NumberRanges settled;            // numbers from origin to next that are acknowledged, or of no record
-  uint64_t chain_end = 0;          // the last number in the files, as it is there
+  std::deque<Segment> segments;           // what is in the folder, the oldest first
+  std::map<uint64_t, SpoolItem> pending;  // what is not, and is younger
+  size_t pending_bytes = 0;
+  UplinkRecord refused;  // what was dropped last; without an id: nothing
 
-  bool is_taken_up = false;            // what an earlier run has left
-  std::vector<SpoolSegment> segments;  // by serial
-  uint64_t current = 0;                // serial of the one that is written to; 0: there is none
-  uint64_t keeper = 0;                 // serial of the one with the last mark
-  uint64_t cached = 0;                 // serial of the one whose bytes these are,
-  std::string cache;
-  std::map<uint64_t, size_t> cached_items;  // where its items begin,
-  size_t cached_end = 0;                    // and where they end
+  uint64_t last = kOrigin;          // number that was given
+  uint64_t last_written = kOrigin;  // number in the files
+  uint64_t shift = 0;               // a number less the same number in the files
+  uint64_t last_serial = 0;
+  bool is_taken_up = false;   // what an earlier run has left
+  bool is_cut = false;        // the end of that
+  bool is_writable = false;   // the last segment
+  uint64_t loaded_serial = 0; // of the segment with
+  std::map<uint64_t, UplinkRecord> loaded;
 
-  std::map<uint64_t, SpoolItem> memory;  // records that are in no segment
-  size_t memory_bytes = 0;
-  int64_t memory_since = 0;   // steady_ms() when the first one came
-  int64_t settled_since = 0;  // of the first acknowledgement that no mark tells of; 0: there is none
-  UplinkRecord refused;       // the gap of what was dropped last; without an id: there is none
-  std::string last_kept;      // the position before that gap
-  std::string written_position;
-
+  int64_t pending_at = 0;       // steady_ms() when the first of `pending` came,
+  int64_t acknowledged_at = 0;  // of the first acknowledgement that no mark tells of (0: there is none),
+  int64_t retry_at = 0;         // and from when on the folder is tried again
+  std::string position;  // in the files
+  std::string kept;      // of what is there or in `pending`, before anything that was refused
   State counts;
-  int64_t retry_at = 0;
   RateLimit limit_of_lines;
 
-  uint64_t live(uint64_t number) const { return settled.next_missing(std::max(number, origin)); }
-  bool is_settled(const SpoolSegment& segment) const {
-    return segment.first == 0 || live(segment.first) > segment.last;
-  }
-  bool has_room(size_t size) const {
-    return memory_bytes + size <= memory_max && counts.bytes + memory_bytes + size <= limit;
-  }
-
-  void keep(SpoolItem item);
-  void forget(uint64_t number);
-  void settle(uint64_t number) { settled.add(number, number); }
-
-  void keep_refused();
+  // Records
+  uint64_t add(const UplinkRecord& record);
+  void put_pending(SpoolItem item);
+  std::map<uint64_t, SpoolItem>::iterator drop_pending(std::map<uint64_t, SpoolItem>::iterator at);
   bool make_room(size_t size);
-  bool drop_segment();
-  bool drop_memory();
-  void lose(size_t index);
-  bool join_head(SpoolItem& gap);
-  void add_to(SpoolItem& gap, const SpoolItem& item);
+  void add_refused();
+  const UplinkRecord* find(const Segment& segment, uint64_t number);
+  void load(const Segment& segment);
+  void lose(Segment& segment);
+  SpoolItem fold(size_t count);
+  bool drop(size_t needed);
+  void remove_acknowledged();
+  uint64_t acknowledged() const;
 
-  bool find(uint64_t number, SpoolItem& out);
-  bool find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out);
-  void remove_settled();
-
+  // The folder
   bool open();
   void take_up();
+  bool take_file(uint64_t serial, SpoolItem& before, SpoolItem& mark);
   bool flush();
-  bool write_gaps();
+  bool write_gap(Segment& segment);
   bool write_batch();
-  bool write(std::string bytes, SpoolSegment& grown, bool goes_on);
-  std::string encoded(SpoolItem item) const;
+  std::string bytes_of(SpoolItem item) const;
+  std::string mark(uint64_t number, const std::string& at_position) const;
   bool fail(const char* reason);
 };
 
@@ -132,409 +157,403 @@ Spool::~Spool() {
   delete data;
 }
 
-// --- Adding, reading, acknowledging
+// --- Records
 
 uint64_t Spool::append(const UplinkRecord& record) {
-  data->keep_refused();
   const size_t size = size_of(record);
-  const bool refuse = !data->refused.id.empty() || size > std::min(kSpoolBodyMax, data->limit / 4) ||
-                      (!data->has_room(size) && !data->make_room(size));
-  if (refuse) {
-    extend(data->refused, record);
-    if (!record.is_gap()) data->counts.dropped += record.count;
-    data->keep_refused();
-    return 0;
-  }
-  const uint64_t number = data->next++;
-  data->keep({number, 0, false, seconds_now(), record});
-  data->last_kept = record.is_gap() ? record.last_id : record.id;
-  return number;
+  const bool is_too_large = size > std::min(kSpoolBodyMax, data->limit / 4);
+  if (data->refused.id.empty() && !is_too_large && data->make_room(size)) return data->add(record);
+  extend(data->refused, record);
+  data->counts.dropped += dropped_with(record);
+  data->add_refused();
+  return 0;
 }
 
 bool Spool::read(uint64_t& number, UplinkRecord& out) {
-  for (uint64_t at = data->live(number); at < data->next; at = data->live(number)) {
-    SpoolItem item;
-    if (data->find(at, item)) {
-      number = at;
-      out = std::move(item.record);
-      return true;
+  for (Segment& segment : data->segments) {
+    auto at = segment.find(number);
+    if (at == segment.open.end()) continue;
+    const UplinkRecord* found = data->find(segment, at->number);
+    if (found == nullptr) {  // its file was damaged or removed behind our back
+      data->lose(segment);
+      at = segment.open.begin();
+      found = &*segment.gap;
     }
-    // Its segment was damaged or removed behind our back.
-    const auto lost = std::find_if(data->segments.begin(), data->segments.end(),
-                                   [&](const SpoolSegment& s) { return s.first <= at && at <= s.last; });
-    if (lost == data->segments.end()) {
-      data->settle(at);
-    } else {
-      data->lose(static_cast<size_t>(lost - data->segments.begin()));
-    }
+    number = at->number;
+    out = *found;
+    return true;
   }
-  return false;
+  const auto at = data->pending.lower_bound(number);
+  if (at == data->pending.end()) return false;
+  number = at->first;
+  out = at->second.record;
+  return true;
 }
 
 void Spool::acknowledge(uint64_t number) {
-  if (number == 0 || number >= data->next || data->settled.contains(number)) return;
-  if (data->memory.count(number) == 0 && data->settled_since == 0) data->settled_since = steady_ms();
-  data->forget(number);
-  data->settle(number);
-  data->remove_settled();
-  data->keep_refused();
+  const auto waits = data->pending.find(number);
+  if (waits != data->pending.end()) {
+    data->drop_pending(waits);
+  } else {
+    for (Segment& segment : data->segments) {
+      const auto at = segment.find(number);
+      if (at == segment.open.end() || at->number != number) continue;
+      segment.open.erase(at);
+      if (data->acknowledged_at == 0) data->acknowledged_at = steady_ms();
+      data->remove_acknowledged();
+      break;
+    }
+  }
+  data->add_refused();
 }
 
-void Spool::Data::keep(SpoolItem item) {
-  if (memory.empty()) memory_since = steady_ms();
-  memory_bytes += size_of(item.record);
+Spool::State Spool::state() const {
+  State state = data->counts;
+  state.records = data->pending.size();
+  if (!data->pending.empty()) state.oldest_s = static_cast<int64_t>(data->pending.begin()->second.since);
+  for (auto segment = data->segments.rbegin(); segment != data->segments.rend(); ++segment) {
+    state.records += segment->open.size();
+    if (!segment->open.empty()) state.oldest_s = static_cast<int64_t>(segment->open.front().since);
+  }
+  return state;
+}
+
+uint64_t Spool::Data::add(const UplinkRecord& record) {
+  last += kStep;
+  kept = last_id_of(record);
+  put_pending({last, false, seconds_now(), record});
+  return last;
+}
+
+void Spool::Data::put_pending(SpoolItem item) {
+  if (pending.empty()) pending_at = steady_ms();
+  pending_bytes += size_of(item.record);
   const uint64_t number = item.number;
-  memory[number] = std::move(item);
+  pending.emplace(number, std::move(item));
 }
 
-void Spool::Data::forget(uint64_t number) {
-  const auto found = memory.find(number);
-  if (found == memory.end()) return;
-  memory_bytes -= size_of(found->second.record);
-  memory.erase(found);
+std::map<uint64_t, SpoolItem>::iterator Spool::Data::drop_pending(std::map<uint64_t, SpoolItem>::iterator at) {
+  pending_bytes -= size_of(at->second.record);
+  return pending.erase(at);
 }
 
-// --- When it is full
-
-// The gap of what was refused becomes a record as soon as there is room. Until then no position behind it is written:
-// an uplink that starts again then asks the daemon for these events.
-void Spool::Data::keep_refused() {
-  const size_t size = size_of(refused);
-  if (refused.id.empty() || (!has_room(size) && !make_room(size))) return;
-  last_kept = refused.last_id;
-  keep({next++, 0, false, seconds_now(), std::exchange(refused, {})});
-}
-
+// Makes room in memory, by a sync or else by a gap in the place of the two oldest. The folder gets its room in flush().
 bool Spool::Data::make_room(size_t size) {
+  if (full == UplinkSettings::Full::drop_newest && counts.bytes + pending_bytes + size > limit) return false;
+  if (pending_bytes + size <= memory_max) return true;
+  if (!counts.in_memory && flush()) return true;
   if (full == UplinkSettings::Full::drop_newest) return false;
-  while (!has_room(size)) {
-    const bool done = memory_bytes + size > memory_max ? drop_memory() : drop_segment() || drop_memory();
-    if (!done) return false;
+  while (pending_bytes + size > memory_max && pending.size() > 1) {
+    SpoolItem gap{0, false, pending.begin()->second.since, {}};
+    for (int i = 0; i < 2; ++i) {
+      const SpoolItem& oldest = pending.begin()->second;
+      gap.number = oldest.number + 1;
+      extend(gap.record, oldest.record);
+      counts.dropped += dropped_with(oldest.record);
+      drop_pending(pending.begin());
+    }
+    put_pending(std::move(gap));
   }
-  return true;
+  return pending_bytes + size <= memory_max;
 }
 
-// Makes the gap stand for the item too, which follows what it stands for.
-void Spool::Data::add_to(SpoolItem& gap, const SpoolItem& item) {
-  if (gap.value == 0) gap.value = item.value;
-  extend(gap.record, item.record);
-  if (!item.record.is_gap()) counts.dropped += item.record.count;
+void Spool::Data::add_refused() {
+  if (!refused.id.empty() && make_room(size_of(refused))) add(std::exchange(refused, {}));
 }
 
-// Drops the oldest segment, but for the one that is written to or has the last mark. False: there is none.
-bool Spool::Data::drop_segment() {
-  size_t oldest = segments.size();
-  for (size_t i = 0; i < segments.size(); ++i) {
-    const SpoolSegment& segment = segments[i];
-    if (segment.is_gap || segment.serial == keeper || segment.serial == current) continue;
-    if (oldest == segments.size() || segment.first < segments[oldest].first) oldest = i;
+// Null when it cannot be read.
+const UplinkRecord* Spool::Data::find(const Segment& segment, uint64_t number) {
+  if (segment.gap) return &*segment.gap;
+  if (loaded_serial != segment.serial) load(segment);
+  const auto found = loaded.find(number);
+  return found == loaded.end() ? nullptr : &found->second;
+}
+
+void Spool::Data::load(const Segment& segment) {
+  loaded_serial = segment.serial;
+  loaded.clear();
+  std::string bytes;
+  if (!folder.read(segment.serial, bytes)) return;
+  size_t at = kSegmentHead.size();
+  for (SpoolItem item; read_item(bytes, at, item);) {
+    if (!item.is_mark) loaded.emplace(item.number + shift, std::move(item.record));
   }
-  if (oldest == segments.size()) return false;
-  lose(oldest);
-  return true;
 }
 
-// Joins the two oldest records that are only in memory. False: there are not two.
-bool Spool::Data::drop_memory() {
-  uint64_t written = 0;
-  for (const SpoolSegment& segment : segments) written = std::max(written, segment.last);
-  const auto first = memory.upper_bound(written);
-  if (first == memory.end() || std::next(first) == memory.end()) return false;
-  const auto second = std::next(first);
-  SpoolItem gap{second->first, first->second.back, false, first->second.value, {}};
-  for (const auto& part : {first, second}) add_to(gap, part->second);
-  settle(first->first);
-  forget(first->first);
-  forget(gap.number);
-  keep(std::move(gap));
-  return true;
+// Puts a gap in the place of a segment that cannot be read. The next sync writes it.
+void Spool::Data::lose(Segment& segment) {
+  counts.dropped += segment.open.size();
+  counts.bytes -= std::exchange(segment.bytes, 0);
+  segment.gap = unknown(segment.first_id, segment.last_id);
+  segment.open = {{++segment.last, segment.open.front().since}};
+  if (&segment == &segments.back()) is_writable = false;
+  if (acknowledged_at == 0) acknowledged_at = steady_ms();
 }
 
-// Puts a gap in the place of what the segment holds and is not acknowledged, then removes the file.
-void Spool::Data::lose(size_t index) {
-  const SpoolSegment segment = segments[index];
-  SpoolItem gap{segment.last, segment.last - segment.first + segment.back, false, 0, {}};
-  SpoolItem unreadable;
-  unreadable.record.id = segment.first_id;
-  unreadable.record.last_id = segment.last_id;
-  unreadable.record.count = 0;
-  for (uint64_t at = live(segment.first); at <= segment.last; at = live(at + 1)) {
-    settle(at);
-    SpoolItem item;
-    if (find(at, item)) {  // also a gap in the place of what is damaged, which is in a file of its own
-      forget(at);
-      add_to(gap, item);
-    } else {
-      ++unreadable.record.count;
+// One gap for what the oldest segments hold.
+SpoolItem Spool::Data::fold(size_t count) {
+  SpoolItem gap;
+  for (size_t i = 0; i < count; ++i) {
+    for (const Segment::Open& one : segments[i].open) {
+      const UplinkRecord* const found = find(segments[i], one.number);
+      const UplinkRecord lost = found != nullptr ? *found : unknown(segments[i].first_id, segments[i].last_id);
+      extend(gap.record, lost);
+      counts.dropped += found != nullptr ? dropped_with(lost) : 1;
+      gap.number = segments[i].last + 1;
+      if (gap.since == 0) gap.since = one.since;
     }
   }
-  if (unreadable.record.count > 0) {
-    counts.dropped += unreadable.record.count;
-    add_to(gap, unreadable);
-  }
-  segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(index));
-  if (segment.serial == current) current = 0;
-  if (join_head(gap) || !gap.record.id.empty()) {
-    if (gap.value == 0) gap.value = seconds_now();
-    settled.remove(gap.number);
-    keep(std::move(gap));
-    write_gaps();
-  }
-  folder.remove(segment.serial);
-  counts.bytes -= segment.bytes;
-  remove_settled();
+  return gap;
 }
 
-// When there is one record before the gap, and that is a gap too, joins them: the file of the older one goes.
-bool Spool::Data::join_head(SpoolItem& gap) {
-  const uint64_t head = live(0);
-  SpoolItem head_gap;
-  if (head >= gap.number || live(head + 1) <= gap.number || !find(head, head_gap) || !head_gap.record.is_gap())
-    return false;
-  if (!gap.record.id.empty()) add_to(head_gap, gap);
-  head_gap.back += gap.number - head;
-  head_gap.number = gap.number;
-  settle(head);
-  forget(head);
-  gap = std::move(head_gap);
+// Puts a gap in the place of so many of the oldest segments as it takes to make room, but not of the last one.
+bool Spool::Data::drop(size_t needed) {
+  size_t count = 0;
+  for (size_t freed = 0; count + 1 < segments.size() && freed < needed; ++count) freed += segments[count].bytes;
+  if (count == 0) return true;
+  const uint64_t dropped_before = counts.dropped;
+  Segment place;
+  place.serial = segments[count - 1].serial;
+  const SpoolItem gap = fold(count);
+  if (!gap.record.id.empty()) {
+    place.add(gap);
+    place.gap = gap.record;
+    if (!write_gap(place)) {
+      counts.dropped = dropped_before;
+      return false;
+    }
+    --count;
+  }
+  for (; count > 0; --count) {
+    if (segments.front().serial != 0) folder.remove(segments.front().serial);
+    counts.bytes -= segments.front().bytes;
+    segments.pop_front();
+  }
+  if (!place.gap) return true;
+  counts.bytes -= segments.front().bytes;
+  segments.front() = std::move(place);
   return true;
 }
 
-// --- What is in the files
-
-bool Spool::Data::find(uint64_t number, SpoolItem& out) {
-  const auto found = memory.find(number);
-  if (found != memory.end()) return out = found->second, true;
-  return std::any_of(segments.begin(), segments.end(), [&](const SpoolSegment& segment) {
-    return segment.first <= number && number <= segment.last && find_in(segment, number, out);
-  });
-}
-
-bool Spool::Data::find_in(const SpoolSegment& segment, uint64_t number, SpoolItem& out) {
-  if (cached != segment.serial) {
-    cached = segment.serial;
-    cache.clear();
-    cached_items.clear();
-    cached_end = kSegmentHead.size();
+// Keeps the damaged files before a gap that is in no file: after a crash they tell of it again.
+void Spool::Data::remove_acknowledged() {
+  const auto oldest = std::find_if(segments.begin(), segments.end(), [](const Segment& s) { return !s.open.empty(); });
+  if (oldest != segments.end() && oldest->serial == 0) return;
+  while (segments.size() > 1 && segments.front().open.empty()) {
+    if (segments.front().serial != 0) folder.remove(segments.front().serial);
+    counts.bytes -= segments.front().bytes;
+    segments.pop_front();
   }
-  if (cache.size() < segment.bytes && folder.read(segment.serial, segment.bytes, cache)) {
-    SpoolItem item;
-    bool passed = false;
-    for (size_t begin = cached_end; read_item(cache, cached_end, item, passed); begin = cached_end) {
-      if (!item.is_mark) cached_items[item.number + shift] = begin;
-    }
+}
+
+// All numbers up to this one are.
+uint64_t Spool::Data::acknowledged() const {
+  for (const Segment& segment : segments) {
+    if (!segment.open.empty()) return segment.open.front().number - 1;
   }
-  const auto found = cached_items.find(number);
-  if (found == cached_items.end()) return false;
-  size_t at = found->second;
-  bool passed = false;
-  return read_item(cache, at, out, passed);
+  return pending.empty() ? last : pending.begin()->first - 1;
 }
 
-// Only the oldest: a file that is missing between others is a loss.
-void Spool::Data::remove_settled() {
-  const auto is_done = [&](const SpoolSegment& segment) {
-    if (segment.serial == keeper || segment.serial == current || live(0) <= segment.last) return false;
-    folder.remove(segment.serial);
-    counts.bytes -= segment.bytes;
-    return true;
-  };
-  segments.erase(std::remove_if(segments.begin(), segments.end(), is_done), segments.end());
-}
+// --- The folder
 
-// Opens the folder, for the first time or again. What a folder that was removed held is lost.
+// Opens it, for the first time or again. What a folder that was removed held is lost.
 bool Spool::Data::open() {
   const SpoolFolder::Opened opened = folder.open();
   if (opened == SpoolFolder::Opened::still) return true;
   if (opened == SpoolFolder::Opened::failed) {
     return fail(errno == EWOULDBLOCK ? "another process uses it" : strerrordesc_np(errno));
   }
-  current = 0;
-  keeper = 0;
-  cached = 0;
-  if (!is_taken_up) {
+  if (!std::exchange(is_taken_up, true)) {
     take_up();
-    is_taken_up = true;
     return true;
   }
   if (!folder.serials().empty()) {
     folder.close();
     return fail("it was replaced by a folder that holds segments");
   }
-  for (size_t left = segments.size(); left > 0 && !segments.empty(); --left) lose(0);
+  is_writable = false;
+  loaded_serial = 0;
+  SpoolItem gap = fold(segments.size());
+  segments.clear();
+  counts.bytes = 0;
+  if (!gap.record.id.empty()) put_pending(std::move(gap));
   return true;
 }
 
 // Takes up what an earlier run has left.
 void Spool::Data::take_up() {
-  SpoolScan scan;
-  std::vector<uint64_t> empty;  // files that were made and not written
+  SpoolItem before;  // the last record read
+  SpoolItem mark;
   for (const uint64_t serial : folder.serials()) {
-    std::string bytes;
-    const bool is_read = folder.read(serial, kFileMax, bytes);
-    if (scan.take_file(serial, bytes)) continue;
-    if (is_read && kSegmentHead.substr(0, bytes.size()) == std::string_view(bytes).substr(0, kSegmentHead.size())) {
-      empty.push_back(serial);
-    } else {
-      const std::string file = path + "/" + SpoolFolder::file_of(serial);
-      elog(1, "uplink: spool: left %s alone, which is not a segment", file.c_str());
+    if (!take_file(serial, before, mark)) {
+      elog(1, "uplink: spool: left %s/%s alone, which is not a segment", path.c_str(),
+           SpoolFolder::file_of(serial).c_str());
     }
+    last_serial = serial;
   }
-  scan.finish();
-
-  shift = kFirstNumber - scan.next;
-  origin = 1 + shift;
-  keeper = scan.keeper;
-  chain_end = scan.chain_end;
-  written_position = last_kept = scan.mark.record.id;
-  segments = std::move(scan.segments);
-  for (SpoolSegment& segment : segments) {
-    segment.first += shift;
+  position = mark.record.id;
+  if (kept.empty()) kept = position;
+  shift = kOrigin - std::max(before.number, mark.record.count);
+  last_written = before.number + shift;
+  for (Segment& segment : segments) {
+    const auto end = segment.find(mark.record.count + 1);
+    segment.open.erase(segment.open.begin(), end);
     segment.last += shift;
+    for (Segment::Open& one : segment.open) one.number += shift;
+    if (segment.serial == 0) counts.dropped += segment.open.size();
     counts.bytes += segment.bytes;
   }
-  for (const auto& [first, last] : scan.missing) settled.add(first + shift, last + shift);
-  for (SpoolItem& gap : scan.gaps) {
-    ++counts.dropped;
-    gap.number += shift;
-    keep(std::move(gap));
-  }
-  remove_settled();
-  if (!write_gaps()) return;  // damage that is declared only in memory must be found again
-  if (scan.torn != 0) folder.cut(scan.torn, scan.torn_at);
-  for (const uint64_t serial : empty) folder.remove(serial);
+  remove_acknowledged();
 }
 
-// --- Writing
+// A file counts up to its first item that is not whole. A mark behind it tells whether records are missing: a gap then
+// stands for them. Before the first file they are not: those were acknowledged. False: this is not a segment.
+bool Spool::Data::take_file(uint64_t serial, SpoolItem& before, SpoolItem& mark) {
+  std::string bytes;
+  const bool is_ours = folder.read(serial, bytes) && bytes.substr(0, kSegmentHead.size()) == kSegmentHead.substr(0, bytes.size());
+  Segment segment;
+  segment.serial = serial;
+  segment.bytes = bytes.size();
+  size_t at = kSegmentHead.size();
+  for (SpoolItem item; is_ours && read_item(bytes, at, item);) {
+    const bool is_behind_loss = item.is_mark && last_serial != 0 && item.number > before.number;
+    before.number = std::max(before.number, item.number);
+    if (is_behind_loss) {
+      // What is missing ends before the next record, or at the latest with the position. Where nothing before it is
+      // known, any event of that run of the daemon may be missing.
+      SpoolItem next;
+      for (size_t ahead = at; read_item(bytes, ahead, next) && next.is_mark;) {
+      }
+      const std::string& id = next.record.id.empty() ? item.record.id : next.record.id;
+      const std::string run = id.substr(0, id.rfind('-') + 1);
+      Segment lost;
+      lost.gap = unknown(before.record.id.empty() ? run + "0" : last_id_of(before.record), id);
+      lost.last = item.number + 1;
+      lost.open = {{lost.last, seconds_now()}};
+      segments.push_back(std::move(lost));
+    }
+    if (item.is_mark) {
+      mark = item;
+    } else {
+      segment.add(item);
+      before = std::move(item);
+    }
+  }
+  is_cut = at != bytes.size();
+  if (is_ours) segments.push_back(std::move(segment));
+  return is_ours;
+}
 
 bool Spool::sync(std::string_view position) {
-  data->keep_refused();
-  if (data->refused.id.empty()) data->last_kept = position;
-  const bool is_written = data->memory.empty() && data->settled_since == 0 && data->last_kept == data->written_position;
-  if (is_written && !data->counts.in_memory) return true;
+  data->add_refused();
+  const bool is_refusing = !data->refused.id.empty();
+  if (!is_refusing) data->kept = position;
+  const bool is_written = data->pending.empty() && data->acknowledged_at == 0 && data->kept == data->position;
+  if (is_written && !data->counts.in_memory) return !is_refusing;
   if (data->counts.in_memory && steady_ms() < data->retry_at) return false;
-  return data->flush();
+  return data->flush() && !is_refusing;
 }
 
 int64_t Spool::sync_due() const {
   int64_t due = 0;
-  if (!data->memory.empty()) {
-    due = data->memory_since + (data->memory_bytes >= data->sync_bytes ? 0 : kSyncMs);
-  } else if (data->settled_since != 0) {
-    due = data->settled_since + kSyncSettledMs;
+  if (!data->pending.empty()) {
+    due = data->pending_at + (data->pending_bytes >= std::min(kSyncBytes, data->memory_max / 2) ? 0 : kSyncMs);
+  } else if (data->acknowledged_at != 0) {
+    due = data->acknowledged_at + kSyncAcknowledgedMs;
   }
   return data->counts.in_memory ? std::max(due, data->retry_at) : due;
 }
 
 const std::string& Spool::position() const {
-  return data->written_position;
+  return data->position;
 }
 
-Spool::State Spool::state() const {
-  State state = data->counts;
-  state.records = data->next - data->origin - data->settled.size();
-  state.written = data->folder.bytes_written();
-  SpoolItem oldest;
-  if (state.records > 0 && data->find(data->live(0), oldest)) state.oldest_s = static_cast<int64_t>(oldest.value);
-  return state;
+bool Spool::is_cut() const {
+  return data->is_cut;
 }
 
 bool Spool::Data::flush() {
-  if (!open() || !write_gaps()) return false;
-  const auto now =
-      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
-  if (now != segments.end() && now->bytes >= kSyncBytes && is_settled(*now)) current = 0;  // it goes with the next one
+  if (!open()) return false;
+  for (Segment& segment : segments) {
+    if (segment.serial != 0 && segment.gap && segment.bytes == 0 && !write_gap(segment)) return false;
+  }
+  const size_t size = counts.bytes + pending_bytes + 2 * kMarkMax;
+  if (full == UplinkSettings::Full::drop_oldest && size > limit && !drop(size - limit)) return false;
   do {
     if (!write_batch()) return false;
-  } while (!memory.empty());
+  } while (!pending.empty());
   if (counts.in_memory) elog(1, "uplink: spool: %s takes records again", path.c_str());
   counts.in_memory = false;
   counts.error.clear();
-  written_position = last_kept;
-  settled_since = 0;
-  remove_settled();
+  position = kept;
+  acknowledged_at = 0;
+  remove_acknowledged();
   return true;
 }
 
-// Writes each gap that belongs before what is in the segments to a file of its own.
-bool Spool::Data::write_gaps() {
-  if (counts.in_memory && steady_ms() < retry_at) return false;
-  uint64_t newest = 0;
-  for (const SpoolSegment& segment : segments) newest = std::max(newest, segment.last);
-  while (!memory.empty() && memory.begin()->first < newest) {
-    const SpoolItem gap = memory.begin()->second;
-    SpoolSegment segment;
-    if (!write(encoded(gap), segment, false)) return false;
-    segment.take(gap);
-    segments.push_back(std::move(segment));
-    forget(gap.number);
-  }
-  return true;
-}
-
-// Writes as many records as the current segment takes, or a new one, and behind the last record a mark.
-bool Spool::Data::write_batch() {
-  auto written_to =
-      std::find_if(segments.begin(), segments.end(), [&](const SpoolSegment& s) { return s.serial == current; });
-  SpoolSegment segment = written_to != segments.end() ? *written_to : SpoolSegment();
-  std::string bytes;
-  auto end = memory.begin();
-  uint64_t before = chain_end;
-  for (; end != memory.end(); ++end) {
-    SpoolItem item = end->second;
-    if (item.back == 0) item.back = item.number - shift - before;
-    const std::string piece = encoded(item);
-    const bool is_first = bytes.empty() && segment.bytes == 0;
-    if (!is_first && segment.bytes + bytes.size() + piece.size() + kMarkMax > segment_max) break;
-    bytes += piece;
-    segment.take(item);
-    before = std::max(before, item.number - shift);
-  }
-  const bool is_all = end == memory.end();
-  if (is_all)
-    bytes += encoded({next, next - shift - before, true, live(0) - 1 - shift, {last_kept, "", 0, "", "", false}});
-  if (!bytes.empty()) {
-    if (!write(bytes, segment, true)) return false;
-    if (written_to != segments.end()) {
-      *written_to = std::move(segment);
-    } else {
-      segments.push_back(std::move(segment));
-    }
-    while (memory.begin() != end) forget(memory.begin()->first);
-    chain_end = before;
-  }
-  if (is_all) {
-    keeper = current;
-  } else {
-    current = 0;
-  }
-  return true;
-}
-
-// Appends to the current segment when that is `grown`, and else makes a file.
-bool Spool::Data::write(std::string bytes, SpoolSegment& grown, bool goes_on) {
-  if (grown.serial != 0) {
-    if (!folder.append(bytes, grown.bytes)) {
-      current = 0;
-      return fail(strerrordesc_np(errno));
-    }
-  } else {
-    bytes.insert(0, kSegmentHead);
-    grown.serial = folder.create(bytes, goes_on);
-    if (grown.serial == 0) return fail(strerrordesc_np(errno));
-    if (goes_on) current = grown.serial;
-  }
-  grown.bytes += bytes.size();
+// Puts a file with the segment's gap in the place of its file.
+bool Spool::Data::write_gap(Segment& segment) {
+  const Segment::Open& open = segment.open.front();
+  const std::string bytes = std::string(kSegmentHead) + bytes_of({open.number, false, open.since, *segment.gap}) +
+                            mark(open.number, position);
+  if (!folder.replace(segment.serial, bytes)) return fail(strerrordesc_np(errno));
+  segment.bytes = bytes.size();
   counts.bytes += bytes.size();
+  counts.written += bytes.size();
   ++counts.syncs;
   return true;
 }
 
-std::string Spool::Data::encoded(SpoolItem item) const {
+// Writes as many records as the last segment takes, or a new one, and behind the last record a mark.
+bool Spool::Data::write_batch() {
+  is_writable = is_writable && segments.back().bytes + kMarkMax <= segment_max;
+  if (!is_writable) {
+    segments.emplace_back();
+    segments.back().serial = ++last_serial;
+  }
+  Segment& segment = segments.back();
+  std::string bytes = is_writable ? "" : std::string(kSegmentHead) + mark(last_written, position);
+  uint64_t number = last_written;
+  auto end = pending.begin();
+  for (; end != pending.end(); number = end->first, ++end) {
+    const std::string piece = bytes_of(end->second);
+    const bool is_needed = !is_writable && end == pending.begin();
+    if (!is_needed && segment.bytes + bytes.size() + piece.size() + kMarkMax > segment_max) break;
+    bytes += piece;
+  }
+  const bool is_all = end == pending.end();
+  if (is_all) bytes += mark(number, kept);
+  if (!folder.write(segment.serial, segment.bytes, bytes)) {
+    const int error = errno;
+    if (segment.bytes == 0) segments.pop_back();
+    is_writable = false;
+    return fail(strerrordesc_np(error));
+  }
+  segment.bytes += bytes.size();
+  counts.bytes += bytes.size();
+  counts.written += bytes.size();
+  ++counts.syncs;
+  last_written = number;
+  for (auto at = pending.begin(); at != end; at = drop_pending(at)) {
+    segment.add(at->second);
+    if (loaded_serial == segment.serial) loaded.emplace(at->first, at->second.record);
+  }
+  is_writable = is_all;
+  return true;
+}
+
+std::string Spool::Data::bytes_of(SpoolItem item) const {
   item.number -= shift;
   std::string bytes;
   write_item(item, bytes);
   return bytes;
+}
+
+std::string Spool::Data::mark(uint64_t number, const std::string& at_position) const {
+  SpoolItem item{number, true, 0, {}};
+  item.record.id = at_position;
+  item.record.count = acknowledged() - shift;
+  return bytes_of(item);
 }
 
 bool Spool::Data::fail(const char* reason) {

@@ -1,7 +1,7 @@
 // What the uplink keeps until the broker has confirmed it: segment files of at most 256 KiB in one folder.
-// spool_segment.h describes the format: each record is its length, a CRC, its number and its bytes. A segment is
-// removed when all of its records are acknowledged, and all before them. Acknowledgements cost no write of their own:
-// each sync writes how far they have come. After a crash, what was acknowledged since then is there again.
+// spool_segment.h describes their bytes. A segment is removed when all of its records are acknowledged, and all before
+// them. Acknowledgements cost no write of their own: each sync writes how far they have come. After a crash, what was
+// acknowledged since then, or out of order, is there again.
 //
 // Whatever happens to the folder (full, read-only, removed), the uplink goes on: the spool then cuts its file back to
 // the last whole record and keeps at most 1 MiB in memory until the folder takes records again. Records that are lost,
@@ -10,7 +10,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -23,7 +22,7 @@ struct UplinkRecord {
   uint64_t count = 1;   // events that it stands for; 0: a gap of unknown size
   std::string name;     // of the event's type
   std::string payload;  // JSON; of a gap empty: whoever publishes makes it
-  bool urgent = false;
+  bool urgent = false;  // not kept in files
 
   bool is_gap() const { return !last_id.empty(); }
 };
@@ -42,8 +41,8 @@ class Spool {
     std::string error;  // why it is in memory
   };
 
-  // Opens `folder`, makes it if need be (mode 0700), and takes up what an earlier run has left: a torn tail is cut by
-  // its CRC. `bytes` is the limit of all segments together.
+  // Opens `folder`, makes it if need be (mode 0700), and takes up what an earlier run has left. When the folder cannot
+  // be opened yet, that is done as soon as it can. `bytes` is the limit of all segments together.
   Spool(std::string folder, size_t bytes, UplinkSettings::Full full);
   ~Spool();
   Spool(const Spool&) = delete;
@@ -63,10 +62,9 @@ class Spool {
   void acknowledge(uint64_t number);
 
   // Writes to the disk what was appended since the last sync, with where the uplink stands in the daemon's events
-  // (`position`, the id of the last event that it has taken over). Writes also when only one of `position` and the
-  // acknowledgements is new, so call it when sync_due() says so, after urgent records, and at the end. While events are
-  // refused, it writes the position before them instead: the daemon is asked for them again after a restart. False when
-  // the folder does not take it; it is not tried again for 5 s.
+  // (`position`, the id of the last event that it has taken over). Call it when sync_due() says so, after urgent
+  // records, and at the end. False when the folder does not take it (it is not tried again for 5 s), and while the gap
+  // of what was dropped waits for room: then the position stays, and after a restart the daemon is asked for it again.
   bool sync(std::string_view position);
 
   // When the next sync is due, steady_ms(): one second after the first record that is not synced, at once when there
@@ -76,6 +74,9 @@ class Spool {
 
   // The position that the last successful sync of this or an earlier run has written; empty: none.
   const std::string& position() const;
+
+  // An earlier run has left a last file that is damaged: what was behind position() may be lost.
+  bool is_cut() const;
 
   State state() const;
 
