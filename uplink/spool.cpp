@@ -133,13 +133,16 @@ struct Spool::Data {
   void lose(Segment& segment);
   SpoolItem fold(size_t count);
   bool drop(size_t needed);
+  void remove_front(bool with_file);
   void remove_acknowledged();
+  bool are_witnesses(size_t end) const;
   uint64_t acknowledged() const;
 
   // The folder
   bool open();
   void take_up();
   bool take_file(uint64_t serial, SpoolItem& before, SpoolItem& mark);
+  void put_loss(const SpoolItem& before, const SpoolItem& mark, std::string_view bytes, size_t at);
   bool flush();
   bool write_gap(Segment& segment);
   bool write_batch();
@@ -294,12 +297,12 @@ void Spool::Data::lose(Segment& segment) {
 SpoolItem Spool::Data::fold(size_t count) {
   SpoolItem gap;
   for (size_t i = 0; i < count; ++i) {
+    gap.number = std::max(gap.number, segments[i].last + 1);
     for (const Segment::Open& one : segments[i].open) {
       const UplinkRecord* const found = find(segments[i], one.number);
       const UplinkRecord lost = found != nullptr ? *found : unknown(segments[i].first_id, segments[i].last_id);
       extend(gap.record, lost);
       counts.dropped += found != nullptr ? dropped_with(lost) : 1;
-      gap.number = segments[i].last + 1;
       if (gap.since == 0) gap.since = one.since;
     }
   }
@@ -309,11 +312,12 @@ SpoolItem Spool::Data::fold(size_t count) {
 // Puts a gap in the place of so many of the oldest segments as it takes to make room, but not of the last one.
 bool Spool::Data::drop(size_t needed) {
   size_t count = 0;
-  for (size_t freed = 0; count + 1 < segments.size() && freed < needed; ++count) freed += segments[count].bytes;
-  if (count == 0) return true;
-  const uint64_t dropped_before = counts.dropped;
   Segment place;
-  place.serial = segments[count - 1].serial;
+  for (size_t freed = 0; count + 1 < segments.size() && (freed < needed + kMarkMax || are_witnesses(count)); ++count) {
+    freed += segments[count].bytes;
+    place.serial = std::max(place.serial, segments[count].serial);
+  }
+  const uint64_t dropped_before = counts.dropped;
   const SpoolItem gap = fold(count);
   if (!gap.record.id.empty()) {
     place.add(gap);
@@ -322,28 +326,26 @@ bool Spool::Data::drop(size_t needed) {
       counts.dropped = dropped_before;
       return false;
     }
-    --count;
   }
-  for (; count > 0; --count) {
-    if (segments.front().serial != 0) folder.remove(segments.front().serial);
-    counts.bytes -= segments.front().bytes;
-    segments.pop_front();
-  }
-  if (!place.gap) return true;
-  counts.bytes -= segments.front().bytes;
-  segments.front() = std::move(place);
+  for (; count > 0; --count) remove_front(segments.front().serial != place.serial || !place.gap);
+  if (place.gap) segments.push_front(std::move(place));
   return true;
 }
 
-// Keeps the damaged files before a gap that is in no file: after a crash they tell of it again.
+void Spool::Data::remove_front(bool with_file) {
+  counts.bytes -= segments.front().bytes;
+  if (with_file && segments.front().serial != 0) folder.remove(segments.front().serial);
+  segments.pop_front();
+}
+
 void Spool::Data::remove_acknowledged() {
-  const auto oldest = std::find_if(segments.begin(), segments.end(), [](const Segment& s) { return !s.open.empty(); });
-  if (oldest != segments.end() && oldest->serial == 0) return;
-  while (segments.size() > 1 && segments.front().open.empty()) {
-    if (segments.front().serial != 0) folder.remove(segments.front().serial);
-    counts.bytes -= segments.front().bytes;
-    segments.pop_front();
-  }
+  while (segments.size() > 1 && segments.front().open.empty() && !are_witnesses(1)) remove_front(true);
+}
+
+// Whether the files before this segment are needed after a crash: the gap that follows is in no file, they tell of it.
+bool Spool::Data::are_witnesses(size_t end) const {
+  while (end < segments.size() && segments[end].open.empty()) ++end;
+  return end < segments.size() && segments[end].serial == 0;
 }
 
 // All numbers up to this one are.
@@ -418,20 +420,7 @@ bool Spool::Data::take_file(uint64_t serial, SpoolItem& before, SpoolItem& mark)
   for (SpoolItem item; is_ours && read_item(bytes, at, item);) {
     const bool is_behind_loss = item.is_mark && last_serial != 0 && item.number > before.number;
     before.number = std::max(before.number, item.number);
-    if (is_behind_loss) {
-      // What is missing ends before the next record, or at the latest with the position. Where nothing before it is
-      // known, any event of that run of the daemon may be missing.
-      SpoolItem next;
-      for (size_t ahead = at; read_item(bytes, ahead, next) && next.is_mark;) {
-      }
-      const std::string& id = next.record.id.empty() ? item.record.id : next.record.id;
-      const std::string run = id.substr(0, id.rfind('-') + 1);
-      Segment lost;
-      lost.gap = unknown(before.record.id.empty() ? run + "0" : last_id_of(before.record), id);
-      lost.last = item.number + 1;
-      lost.open = {{lost.last, seconds_now()}};
-      segments.push_back(std::move(lost));
-    }
+    if (is_behind_loss) put_loss(before, item, bytes, at);
     if (item.is_mark) {
       mark = item;
     } else {
@@ -442,6 +431,22 @@ bool Spool::Data::take_file(uint64_t serial, SpoolItem& before, SpoolItem& mark)
   is_cut = at != bytes.size();
   if (is_ours) segments.push_back(std::move(segment));
   return is_ours;
+}
+
+// Adds the gap between the last record and this mark. What is missing ends before the next record, or at the latest with
+// the position. Where nothing before it is known, any event of that run of the daemon may be missing.
+void Spool::Data::put_loss(const SpoolItem& before, const SpoolItem& mark, std::string_view bytes, size_t at) {
+  SpoolItem next = mark;
+  while (next.is_mark && read_item(bytes, at, next)) {
+  }
+  const std::string& behind = next.record.id;
+  const std::string first_of_run = behind.substr(0, behind.rfind('-') + 1) + "0";
+  Segment lost;
+  lost.gap = unknown(before.record.id.empty() ? first_of_run : last_id_of(before.record),
+                     behind.empty() ? last_id_of(before.record) : behind);
+  lost.last = mark.number + kStep / 2;  // above that of a gap which cannot be read
+  lost.open = {{lost.last, seconds_now()}};
+  if (lost.gap->is_gap()) segments.push_back(std::move(lost));
 }
 
 bool Spool::sync(std::string_view position) {
@@ -477,7 +482,7 @@ bool Spool::Data::flush() {
   for (Segment& segment : segments) {
     if (segment.serial != 0 && segment.gap && segment.bytes == 0 && !write_gap(segment)) return false;
   }
-  const size_t size = counts.bytes + pending_bytes + 2 * kMarkMax;
+  const size_t size = counts.bytes + pending_bytes + kMarkMax;
   if (full == UplinkSettings::Full::drop_oldest && size > limit && !drop(size - limit)) return false;
   do {
     if (!write_batch()) return false;
