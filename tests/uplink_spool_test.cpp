@@ -32,7 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 using Full = UplinkSettings::Full;
 
-constexpr unsigned kSeeds = 3000;
+constexpr unsigned kSeeds = 100;
 constexpr size_t kLimit = 8192;  // segments are of a quarter
 
 std::string id_of(int event) {

@@ -27,7 +27,8 @@ constexpr int64_t kRetryMs = 5000;
 constexpr size_t kMarkMax = 256;
 constexpr size_t kFrameMax = 64;  // bytes of an item beside its texts, at most
 
-// A gap gets the number behind the last record that it stands for, since that one may be in flight.
+// Numbers of events are multiples of this one. A gap gets the number behind the last record that it stands for, since
+// that one may be in flight.
 constexpr uint64_t kStep = 256;
 
 // Numbers of this run are above, those of what earlier runs have left below: it may be read later than others are given.
@@ -348,12 +349,13 @@ bool Spool::Data::are_witnesses(size_t end) const {
   return end < segments.size() && segments[end].serial == 0;
 }
 
-// All numbers up to this one are.
+// All numbers up to this one are. Before a gap, this is the last event that it may stand for.
 uint64_t Spool::Data::acknowledged() const {
+  const auto before = [](uint64_t open) { return open % kStep == 0 ? open - 1 : open - open % kStep; };
   for (const Segment& segment : segments) {
-    if (!segment.open.empty()) return segment.open.front().number - 1;
+    if (!segment.open.empty()) return before(segment.open.front().number);
   }
-  return pending.empty() ? last : pending.begin()->first - 1;
+  return pending.empty() ? last : before(pending.begin()->first);
 }
 
 // --- The folder
@@ -395,7 +397,8 @@ void Spool::Data::take_up() {
   }
   position = mark.record.id;
   if (kept.empty()) kept = position;
-  shift = kOrigin - std::max(before.number, mark.record.count);
+  const uint64_t highest = std::max(before.number, mark.record.count);
+  shift = kOrigin - (highest + kStep - 1) / kStep * kStep;
   last_written = before.number + shift;
   for (Segment& segment : segments) {
     const auto end = segment.find(mark.record.count + 1);
