@@ -144,7 +144,7 @@ void add_log(Answer& answer) {
   if (log_counts_now == nullptr) return;
   log_counts counts{};
   log_counts_now(&counts);
-  answer.line("log").key("written", counts.written).key("lost", counts.lost);
+  answer.line("log").key("written", counts.written).key("lost", counts.lost).key("repeated", counts.repeated);
 }
 
 // "in handler 'front' of door for 12.3 s".
@@ -265,9 +265,11 @@ void ControlRequests::add_daemon(Answer& answer) const {
 
 void ControlRequests::add_listener(Answer& answer) const {
   const ListenerStatus status = listener.status();
-  answer.line("listener").key("port", status.port).key("wanted", status.wanted_port).key("clients", status.clients);
+  answer.line("listener").key("port", status.port).key("wanted", status.wanted_port);
+  answer.key("address", status.address).key("not_open", status.not_open).key("clients", status.clients);
   answer.key("subscribed", status.subscribed).key("owing", status.owing).key("leaving", status.leaving);
-  answer.key("accepted", status.accepted).key("refused", status.refused).key("given_up", status.given_up);
+  answer.key("accepted", status.accepted).key("refused", status.refused).key("denied", status.denied);
+  answer.key("given_up", status.given_up);
   answer.key("deliveries", status.deliveries).key("bytes", status.bytes).key("sends", status.sends);
   answer.key("gathered", status.gathered_sends).key("skips", status.skips).key("waits", status.waits);
   answer.key("waited_us", status.waited_us).key("memory", status.memory).key("memory_limit", status.memory_limit);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
+#include <sys/auxv.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +22,25 @@
 namespace {
 
 constexpr size_t kPidFileMax = 1023;
+
+// A script's file must not get the number of a standard stream that the caller has closed, and with it what print and
+// other programs write. 0 is run()'s.
+void fill_closed_outputs() {
+  for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(output, F_GETFD) >= 0) continue;
+    const int fd = open("/dev/null", O_WRONLY | O_NOCTTY);  // not close-on-exec: programs need theirs, too
+    if (fd < 0 || fd == output) continue;
+    dup2(fd, output);
+    close(fd);
+  }
+}
+
+// The Lua files of whoever runs a set-uid program must not become the daemon's.
+void forget_lua_paths() {
+  if (getauxval(AT_SECURE) == 0) return;
+  for (const char* const name : {"LUA_PATH", "LUA_CPATH"})
+    unsetenv(name);  // NOLINT(concurrency-mt-unsafe): no other thread
+}
 
 // Returns the path of the pid file, or an empty text. No option keeps the daemon from starting, known, ignored or
 // unknown: it runs where nobody reads a usage text.
@@ -67,8 +87,10 @@ void write_pid_file(pid_t session, const std::string& path) {
     fprintf(stderr, "zelvind: %s is a FIFO that nobody reads: no pid file is written\n", path.c_str());
     return;
   }
+  const mode_t mask = umask(022);  // whoever can write to the file aims the signals of those who read it
   const int ignored = system(sstr("echo %d > %s", session, path.c_str()).c_str());
   (void)ignored;  // the daemon runs without a pid file too, and the shell has said what is wrong
+  umask(mask);
 }
 
 // The listener's clients and the posters need a descriptor each. Where the limit cannot be raised, there are fewer.
@@ -102,6 +124,8 @@ int main(int argc, char** argv) {
   // By default every thread gets a heap of its own: what one thread has freed neither serves the others nor goes back
   // to the system. Our threads rarely allocate at the same time, so one heap serves all of them.
   mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): no other thread runs
+  fill_closed_outputs();
+  forget_lua_paths();
   const std::string pid_file = parse_options(argc, argv);
   block_signals();
   detach();

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "app/signal_ring.h"
 #include "device/log.h"
 #include "util/quiet_write.h"
 
@@ -19,34 +20,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "the signal handler must no
 
 namespace {
 
-// Signals that wait for their lines. Handlers on several threads fill slots in order of arrival; the run loop empties
-// them.
-class SignalRing {
- public:
-  void add(int signal_number) {
-    uint32_t slot = next_free.load();
-    do {
-      if (slot - next_read.load() >= kSlots) return;
-    } while (!next_free.compare_exchange_weak(slot, slot + 1));
-    slots[slot % kSlots].store(signal_number);
-  }
-
-  // The oldest signal, or 0: also when its slot is claimed but not filled yet. The next call finds it.
-  int take() {
-    const uint32_t slot = next_read.load();
-    const int signal_number = slots[slot % kSlots].exchange(0);
-    if (signal_number != 0) next_read.store(slot + 1);
-    return signal_number;
-  }
-
- private:
-  static constexpr uint32_t kSlots = 256;
-  std::atomic<int> slots[kSlots] = {};
-  std::atomic<uint32_t> next_free{0};
-  std::atomic<uint32_t> next_read{0};
-};
-
-SignalRing g_arrived;
+SignalRing<> g_arrived;
 
 // Counts the handler's calls. A semaphore: a handler may post it, and it needs no descriptor that could be missing.
 sem_t g_calls;

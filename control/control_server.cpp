@@ -14,6 +14,8 @@
 #include "control/event_ring.h"
 #include "device/log.h"
 #include "util/clock.h"
+#include "util/device_root.h"
+#include "util/file_trust.h"
 #include "util/service_thread.h"
 #include "util/text.h"
 
@@ -23,9 +25,20 @@ constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;   // how long events gather for followers while they come
 constexpr int kHoldMs = 2000;  // a client that asks once a second keeps its place
 
-constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
+                                            kControlLockPath,
                                             "control: %s: zelvctl cannot ask this daemon",
-                                            "control: %s is made: zelvctl can ask this daemon", elog};
+                                            "control: %s is made: zelvctl can ask this daemon",
+                                            elog,
+                                            false};
+
+// The event socket stands in the same folder.
+void warn_of_strangers() {
+  std::string path;
+  if (!under_device_root(kControlSocketPath, path)) return;
+  const std::string reason = why_open_to_strangers(path.substr(0, path.rfind('/')));
+  if (!reason.empty()) elog(1, "control: %s: others can put their sockets into the place of ours", reason.c_str());
+}
 
 }  // namespace
 
@@ -41,6 +54,7 @@ void ControlServer::start() {
     return;
   }
   socket.open();
+  warn_of_strangers();
   is_stopping = false;
   const int error = start_service_thread(&thread, main, this);
   if (error == 0) return;

@@ -109,7 +109,7 @@ class Place {
   std::vector<std::string> of_kind(const char* kind,
                                    const std::function<std::vector<std::string>(const std::string&)>& event_names) {
     const std::string_view name = kind == nullptr ? "" : kind;
-    if (name == "DIR" || name == "FILE") return {kFiles};
+    if (name == "DIR" || name == "FILE" || name == "PATH") return {kFiles};
     if (name.substr(0, 4) != "NAME") return {};
     std::vector<std::string> names = event_names(root);
     names.erase(std::remove_if(names.begin(), names.end(), [](auto& each) { return !is_harmless(each); }), names.end());

@@ -53,6 +53,15 @@ int configured_port() {
   return port;
 }
 
+std::string configured_address() {
+  silence_settings();
+  try {
+    return SettingsFile().written(settings::listener_address).value_or(ListenPlace().text());
+  } catch (const except_conf&) {
+    return ListenPlace().text();
+  }
+}
+
 std::string why_unreadable_file(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return reason_of(errno);

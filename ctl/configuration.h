@@ -18,6 +18,9 @@ ScriptFolders configured_folders(const std::string& root, const std::string& dae
 // The listener's port, 5512 when the settings name none or cannot be read; 0 when only the running daemon knows it.
 int configured_port();
 
+// The setting listener_address, "0.0.0.0" when it is missing or the settings cannot be read.
+std::string configured_address();
+
 // Why the regular file `path` cannot be read, "is not a regular file" included; empty when it can be read. Opens
 // nothing: a FIFO would wait for its writer.
 std::string why_unreadable_file(const std::string& path);

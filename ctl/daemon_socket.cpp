@@ -14,6 +14,7 @@
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "device/event_source.h"
+#include "util/file_trust.h"
 #include "util/text.h"
 #include "util/unix_socket.h"
 
@@ -65,15 +66,11 @@ pid_t lock_holder(const std::string& path) {
   fail("no daemon at " + path + ": " + error_text(error));
 }
 
-void refuse_other_owners(int fd, const std::string& path) {
+// A socket's name proves nothing: whoever could have put it there could be listening.
+void refuse_strangers(int fd, const std::string& path) {
   const uid_t listener = unix_peer(fd).uid;  // root when the system does not tell: allowed in any case
-  for (const std::string& place : {folder_of(path), path}) {
-    struct stat status {};
-    if (stat(place.c_str(), &status) != 0) fail("no daemon at " + path + ": " + error_text(errno));
-    const uid_t owner = status.st_uid;
-    if (owner == 0 || owner == geteuid() || owner == listener) continue;
-    fail(sstr("%s belongs to user %u, who is neither root nor you nor the daemon's user", place.c_str(), owner));
-  }
+  const std::string reason = why_strangers(path, geteuid(), listener);
+  if (!reason.empty()) fail(reason + ": what listens at " + path + " may not be the daemon");
 }
 
 }  // namespace
@@ -88,6 +85,6 @@ Descriptor connect_to_daemon(const std::string& path, int limit_ms) {
     result = unix_connect(fd.get(), path);
   } while (result < 0 && errno == EINTR);
   if (result < 0) fail_to_connect(path, limit_ms, errno);
-  refuse_other_owners(fd.get(), path);
+  refuse_strangers(fd.get(), path);
   return fd;
 }

@@ -14,6 +14,7 @@
 
 #include "ctl/client_packet.h"
 #include "ctl/configuration.h"
+#include "ctl/daemon_socket.h"
 #include "ctl/event_text.h"
 #include "ctl/failure.h"
 #include "ctl/human_text.h"
@@ -21,6 +22,7 @@
 #include "ctl/live/follow.h"
 #include "ctl/output.h"
 #include "device/event_line.h"
+#include "device/listener_access.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/safe_text.h"
@@ -122,20 +124,59 @@ void warn_of_unknown(const ListenRequest& request) try {
 } catch (const Failure&) {
 }
 
-// A running daemon knows its port even where the kernel has chosen it. 0: another machine's, which we cannot know.
-int port_of(const ListenRequest& request) {
-  if (request.port != 0) return request.port;
-  const int configured = configured_port();
-  if (!request.host.empty()) return configured;
+// Where to subscribe: at a host's port, or at a socket of this machine.
+struct Target {
+  std::string host;
   int port = 0;
+  std::string socket;
+};
+
+// The best of the daemon's places: a port that this machine reaches in any case, else another address, else a socket.
+const ListenPlace* best_of(const std::vector<ListenPlace>& places, bool has_port) {
+  const auto rank = [has_port](const ListenPlace& place) {
+    if (!place.path.empty()) return 1;
+    return !has_port ? 0 : place.is_local() || place.address == INADDR_ANY ? 3 : 2;
+  };
+  const auto is_worse = [&rank](const ListenPlace& one, const ListenPlace& other) { return rank(one) < rank(other); };
+  const auto best = std::max_element(places.begin(), places.end(), is_worse);
+  return best == places.end() || rank(*best) == 0 ? nullptr : &*best;
+}
+
+// A running daemon knows its port even where the kernel has chosen it.
+Target target_here(const std::string& root) {
+  int port = configured_port();
+  std::string address = configured_address();
+  std::string unanswered;
   try {
-    const auto stats = ControlClient(request.root, kAskMs).ask("stats", kAskMs);
-    port = static_cast<int>(line_of(stats, "listener").count("port"));
+    const auto stats = ControlClient(root, kAskMs).ask("stats", kAskMs);
+    const AnswerLine& listener = line_of(stats, "listener");
+    if (listener.count("port") != 0) port = static_cast<int>(listener.count("port"));
+    address = listener.text("address", address.c_str());
   } catch (const Failure& failure) {  // it has no control socket, or does not let us in
-    if (configured == 0) fail_gone(failure.what());
+    unanswered = failure.what();
   }
-  if (port == 0 && configured == 0) fail_gone("the daemon has not opened a port for clients");
-  return port != 0 ? port : configured;
+  const std::vector<ListenPlace> places = parse_listener_address(address).value_or(std::vector<ListenPlace>());
+  if (places.empty()) fail_gone("the daemon lets no client connect: see listener_address in its settings");
+  const ListenPlace* const best = best_of(places, port != 0);
+  if (best == nullptr) fail_gone(unanswered.empty() ? "the daemon has not opened a port for clients" : unanswered);
+  if (!best->path.empty()) return {"", 0, root + best->path};
+  return {best->address == INADDR_ANY ? "127.0.0.1" : best->text(), port, ""};
+}
+
+// The port of another machine, which we cannot know, is taken to be the one of this machine.
+Target target_of(const ListenRequest& request) {
+  if (!request.socket.empty()) return {"", 0, request.socket};
+  if (request.host.empty() && request.port == 0) return target_here(request.root);
+  return {request.host.empty() ? "127.0.0.1" : request.host, request.port != 0 ? request.port : configured_port(), ""};
+}
+
+Descriptor connect_to(const Target& target) {
+  if (target.socket.empty()) return connect_to(target.host, target.port);
+  try {
+    return connect_to_daemon(target.socket, kSendLimitS * 1000);
+  } catch (const Failure& failure) {
+    fail_gone(failure.what());
+  }
 }
 
 class Listener {
@@ -170,8 +211,7 @@ class Listener {
  private:
   // Returns true after the last event that is wanted, false when the daemon has gone and we are to try again.
   bool subscribe_once(const std::set<std::string, std::less<>>& names, const std::string& packet) try {
-    const std::string host = request.host.empty() ? "127.0.0.1" : request.host;
-    const Descriptor fd = connect_to(host, port_of(request));
+    const Descriptor fd = connect_to(target_of(request));
     send_all(fd.get(), packet);
     if (gone_since != 0) {
       const std::string gone_for = duration_text(static_cast<uint64_t>(steady_ms() - gone_since) * 1000);
@@ -213,10 +253,11 @@ class Listener {
 void print_events(const ListenRequest& request, FILE* out) {
   const bool needs_control =
       request.names.empty() || std::any_of(request.names.begin(), request.names.end(), is_pattern);
-  const bool is_here = request.host.empty() && request.port == 0;
+  const bool is_here = request.host.empty() && request.port == 0 && request.socket.empty();
   if (needs_control && !is_here)
-    throw Failure(Exit::usage,
-                  "--all and patterns of names are for the daemon of this machine: leave out --host and --port");
+    throw Failure(
+        Exit::usage,
+        "--all and patterns of names are for the daemon of this machine: leave out --host, --port and --socket");
   for (const std::string& name : request.names) {
     if (const char* error = check_event_name(name)) throw Failure(Exit::usage, "NAME '" + name + "': " + error);
   }

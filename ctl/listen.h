@@ -7,9 +7,10 @@
 #include <vector>
 
 struct ListenRequest {
-  std::string root;  // DEVICE_ROOT, or empty
-  std::string host;  // name or address; empty: this machine
-  int port = 0;      // 1 to 65535; 0: the one of this machine's daemon, else configured_port()
+  std::string root;    // DEVICE_ROOT, or empty
+  std::string host;    // name or address; empty: this machine
+  int port = 0;        // 1 to 65535; 0: the one of this machine's daemon, else configured_port()
+  std::string socket;  // path of a Unix socket, without host and port; empty: none
   bool json = false;
   bool reconnect = false;          // also when the daemon is not there yet
   long count = 0;                  // events to write; 0: no end

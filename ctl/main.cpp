@@ -45,6 +45,13 @@ void run_listen(const Given& given) {
   request.root = given.root;
   request.host = given.value("--host");
   request.port = static_cast<int>(given.number("--port", 0));
+  request.socket = given.value("--socket");
+  if (given.has("--socket") && (given.has("--host") || given.has("--port"))) {
+    throw Failure(Exit::usage, "--socket takes the place of --host and --port: leave them out");
+  }
+  if (given.has("--socket") && request.socket.empty()) {
+    throw Failure(Exit::usage, "--socket is '': expected the path of a Unix socket");
+  }
   request.json = given.has("--json");
   request.count = given.number("--count", 0);
   request.reconnect = given.has("--reconnect");
@@ -138,10 +145,12 @@ const std::vector<Command>& commands() {
        "  zelvctl listen door heartbeat\n"
        "  zelvctl listen --count 1 door       waits for one event\n"
        "  zelvctl listen 'net.*'              all names that begin so, on this machine\n"
+       "  zelvctl listen --socket /run/zelvind/listener.sock door\n"
        "  zelvctl listen --host 192.0.2.7 --port 5512 --json door | jq .fields.state",
-       {{"--host", Takes::value, "Where the daemon runs (default 127.0.0.1)", "HOST"},
+       {{"--host", Takes::value, "Where the daemon runs (default: where this machine's daemon listens)", "HOST"},
         {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT",
          1, 65535},
+        {"--socket", Takes::value, "A Unix socket at which the daemon listens, or one that leads there", "PATH"},
         {"--json", Takes::nothing, "Print one JSON object a line"},
         {"--count", Takes::number, "End after N events", "N", 1},
         {"--reconnect", Takes::nothing, "Wait for a daemon that is not there or goes away, and tell the gap"},

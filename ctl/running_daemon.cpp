@@ -1,20 +1,23 @@
 #include "ctl/running_daemon.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "control/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "device/event_source.h"
 #include "device/service.h"
+#include "util/descriptor.h"
 #include "util/exe_dir.h"
 #include "util/text.h"
 
@@ -23,9 +26,17 @@ namespace {
 constexpr char kProgram[] = "zelvind";
 constexpr const char* kLockPaths[] = {kEventLockPath, kControlLockPath};  // a device's own libraries have no event lock
 
+// The beginning of a short file; of a FIFO that others have put there, nothing, without a wait.
+std::istringstream read_words(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  char text[128];
+  const ssize_t size = file.get() < 0 ? 0 : read(file.get(), text, sizeof(text));
+  return std::istringstream(std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0))));
+}
+
 // The process id at the beginning of a file; 0 when there is none.
 pid_t read_pid(const std::string& path) {
-  std::ifstream file(path);
+  std::istringstream file = read_words(path);
   pid_t pid = 0;
   return file >> pid && pid > 0 ? pid : 0;
 }
@@ -140,7 +151,7 @@ void RunningDaemon::send_signal(int number) const {
 }
 
 std::optional<DaemonState> reported_state(const std::string& root, pid_t pid) {
-  std::ifstream file(root + kServiceStatePath);
+  std::istringstream file = read_words(root + kServiceStatePath);
   pid_t owner = 0;
   DaemonState state;
   if (file >> owner >> state.name >> state.reloads && owner == pid) return state;

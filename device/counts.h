@@ -34,8 +34,9 @@ struct event_poster {
 };
 
 struct log_counts {
-  uint64_t written; /* messages that at least one target took, */
-  uint64_t lost;    /* and those that none took; syslog is believed to take all, it does not tell */
+  uint64_t written;  /* messages that at least one target took, */
+  uint64_t lost;     /* those that none took, */
+  uint64_t repeated; /* and those left out because they equal others, summed up in a line of the log's own */
 };
 
 #ifdef __cplusplus

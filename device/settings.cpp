@@ -19,14 +19,15 @@ const Setting* find(std::string_view key) {
 }
 
 std::string problem(const Setting& setting, std::string_view value) {
+  if (setting.problem != nullptr) return setting.problem(value);
   if (setting.type == Setting::Type::text) {
-    return value.size() <= kSettingMax ? ""
-                                       : sstr("%s is too long: expected at most %d bytes", setting.key, kSettingMax);
+    if (value.size() <= kSettingMax) return "";
+    return sstr("%s is too long: expected at most %d bytes; it is not used", setting.key, kSettingMax);
   }
   int number = 0;
   if (parse_store_int(value, number) && number >= setting.least && number <= setting.most) return "";
-  return sstr("%s is '%.100s': expected a whole number from %d to %d", setting.key, std::string(value).c_str(),
-              setting.least, setting.most);
+  const std::string expected = sstr("a whole number from %d to %d", setting.least, setting.most);
+  return sstr("%s is '%.100s': expected %s; it is not used", setting.key, std::string(value).c_str(), expected.c_str());
 }
 
 }  // namespace settings
@@ -34,6 +35,13 @@ std::string problem(const Setting& setting, std::string_view value) {
 namespace {
 
 constexpr int kStoreType = 0;
+
+// Logs the problem of a value, if there is one. Returns whether it is good.
+bool is_good(const Setting& setting, std::string_view value) {
+  const std::string problem = settings::problem(setting, value);
+  if (!problem.empty()) elog(1, "econf: %s", problem.c_str());
+  return problem.empty();
+}
 
 // A device's own library may throw: that is not a value either.
 bool read_int(econf_handle* handle, const char* key, int& value) try {
@@ -69,17 +77,18 @@ int SettingsFile::number(const Setting& setting) {
   if (is_number && value >= setting.least && value <= setting.most) return value;
   std::string written;
   if (is_number) written = std::to_string(value);
-  if (is_number || read_text(handle, setting.key, written)) {
-    elog(1, "econf: %s; it is not used", settings::problem(setting, written).c_str());
-  }
+  if (is_number || read_text(handle, setting.key, written)) is_good(setting, written);
   return setting.absent;
 }
 
 std::string SettingsFile::text(const Setting& setting, const std::string& absent) {
   std::string value;
-  if (!read_text(handle, setting.key, value)) return absent;
-  const std::string problem = settings::problem(setting, value);
-  if (problem.empty()) return value;
-  elog(1, "econf: %s; it is not used", problem.c_str());
-  return absent;
+  return read_text(handle, setting.key, value) && is_good(setting, value) ? value : absent;
+}
+
+std::optional<std::string> SettingsFile::written(const Setting& setting) {
+  std::string value;
+  if (!read_text(handle, setting.key, value)) return {};
+  is_good(setting, value);
+  return value;
 }

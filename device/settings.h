@@ -3,8 +3,11 @@
 #pragma once
 
 #include <climits>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "device/listener_access.h"
 
 constexpr char kSettingsFile[] = "zelvind.info";
 constexpr char kSettingsDir[1024] = "/opt/flash/mtd4-cfg";            // store libraries may read the whole buffer
@@ -24,12 +27,16 @@ struct Setting {
   int least;                // of a number
   int most;                 // of a number
   const char* absent_text;  // of a text; null: the folder of the daemon's executable
+  std::string (*problem)(std::string_view value);  // of a text: as settings::problem; null: its length counts
 
   static constexpr Setting number(const char* key, int absent, int least, int most) {
-    return {key, Type::number, absent, least, most, nullptr};
+    return {key, Type::number, absent, least, most, nullptr, nullptr};
   }
   static constexpr Setting text(const char* key, const char* absent_text) {
-    return {key, Type::text, 0, 0, 0, absent_text};
+    return {key, Type::text, 0, 0, 0, absent_text, nullptr};
+  }
+  static constexpr Setting checked(const char* key, std::string (*problem)(std::string_view)) {
+    return {key, Type::text, 0, 0, 0, "", problem};
   }
 };
 
@@ -47,6 +54,10 @@ inline constexpr Setting dll_path = Setting::text("dll_path", "/usr/lib");
 inline constexpr Setting collect_every = Setting::number("collect_every", 20, 1, 1000000);
 // The listener's TCP port; 0 lets the kernel choose.
 inline constexpr Setting listener_port = Setting::number("listener_port", 5512, 0, 65535);
+// Where the listener listens; missing: the port at every address. A wrong value opens nothing.
+inline constexpr Setting listener_address = Setting::checked("listener_address", listener_address_problem);
+// The networks from which clients may connect over TCP; missing: all. A wrong entry lets nobody in.
+inline constexpr Setting listener_allow = Setting::checked("listener_allow", listener_allow_problem);
 // The longest wait for slow clients, and the sum of these waits in a minute, in ms.
 inline constexpr Setting listener_wait_ms = Setting::number("listener_wait_ms", 3000, 0, 60000);
 // What all clients of the listener together may hold, in KiB.
@@ -65,15 +76,17 @@ inline constexpr Setting script_limit_ms = Setting::number("script_limit_ms", 0,
 // The memory of the Lua state, in KiB; 0: what the system has.
 inline constexpr Setting script_memory = Setting::number("script_memory", 0, 0, 1048576);
 
-inline constexpr const Setting* kAll[] = {&log_level,       &script_path,   &external_path,         &dll_path,
-                                          &collect_every,   &listener_port, &listener_wait_ms,      &listener_memory,
-                                          &event_memory,    &reload_trial,  &coroutine_patience_ms, &script_warn_ms,
-                                          &script_limit_ms, &script_memory};
+inline constexpr const Setting* kAll[] = {
+    &log_level,     &script_path,      &external_path,         &dll_path,         &collect_every,
+    &listener_port, &listener_address, &listener_allow,        &listener_wait_ms, &listener_memory,
+    &event_memory,  &reload_trial,     &coroutine_patience_ms, &script_warn_ms,   &script_limit_ms,
+    &script_memory};
 
 // The setting with that key, or null. Any thread, like problem().
 const Setting* find(std::string_view key);
 
-// What is wrong with `value` and what is expected, as a text that begins with the key; empty when the value is good.
+// What is wrong with `value`, what is expected, and what becomes of it: a text that begins with the key, empty when the
+// value is good.
 std::string problem(const Setting& setting, std::string_view value);
 
 }  // namespace settings
@@ -93,6 +106,9 @@ class SettingsFile {
   // line when a number is not valid.
   int number(const Setting& setting);
   std::string text(const Setting& setting) { return text(setting, setting.absent_text); }
+
+  // The value as it is written, also when it is wrong, which is logged; nothing when the key is missing.
+  std::optional<std::string> written(const Setting& setting);
 
   // As text(setting), with the caller's default.
   std::string text(const Setting& setting, const std::string& absent);

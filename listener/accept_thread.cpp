@@ -4,15 +4,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <unordered_map>
+#include <utility>
 
 #include "device/log.h"
 #include "listener/manager_listener.h"
+#include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/socket.h"
 
 namespace {
 
-constexpr int kRetryPortMs = 1000;
 constexpr int kNoDescriptorMs = 300;  // before the next try when descriptors have run out
 constexpr int kNoPlaceMs = 10;        // before it is checked again whether a client that was given up has left
 constexpr int kDescriptorsForOthers = 320;
@@ -33,46 +34,81 @@ size_t places() {
 }  // namespace
 
 void ManagerListener::accept_loop() {
-  while (running && (server_fd > 0 || tries_left > 0)) {
+  std::vector<pollfd> wanted;
+  while (running) {
     try {
-      if (server_fd > 0) {
-        accept_pass();
-      } else {
-        listen_again();
-      }
+      accept_pass(wanted);
     } catch (...) {
       elog(1, "mlistener: unknown error");
     }
   }
 }
 
-void ManagerListener::listen_again() {
-  if (!pause(kRetryPortMs)) return;
-  if (open_port()) {
-    elog(1, "mlistener: port %d is open now", port);
-  } else if (--tries_left == 0) {
-    elog(1, "mlistener: port %d cannot be opened (%s): no client can connect until a restart", port,
-         strerrordesc_np(errno));
+void ManagerListener::accept_pass(std::vector<pollfd>& wanted) {
+  const int timeout_ms = fill(wanted);
+  if (poll(wanted.data(), wanted.size(), timeout_ms) < 0) pause(kNoPlaceMs);
+  if (!running) return;
+  for (size_t i = 0; i < sockets.size(); ++i) {
+    if (wanted[2 * i].revents != 0) admit_from(*sockets[i]);
+  }
+  maintain(wanted);
+}
+
+// Fills in two entries for each socket, and one for the stop. Returns how long poll may wait.
+int ManagerListener::fill(std::vector<pollfd>& wanted) const {
+  wanted.clear();
+  int64_t next = -1;
+  for (const auto& socket : sockets) {
+    wanted.push_back(socket->clients_entry());
+    wanted.push_back(socket->changes_entry());
+    const int64_t next_of_this = socket->next_try();
+    if (next_of_this >= 0 && (next < 0 || next_of_this < next)) next = next_of_this;
+  }
+  wanted.push_back({stop_event.get(), POLLIN, 0});
+  return next < 0 ? -1 : static_cast<int>(std::max<int64_t>(next - steady_ms(), 0));
+}
+
+void ManagerListener::maintain(const std::vector<pollfd>& wanted) {
+  const int64_t now = steady_ms();
+  for (size_t i = 0; i < sockets.size(); ++i) {
+    ListenSocket& socket = *sockets[i];
+    if (wanted[2 * i + 1].revents == 0 && socket.next_try() < 0) continue;
+    socket.maintain(wanted_port(), now);
+    note_port();
   }
 }
 
-void ManagerListener::accept_pass() {
-  pollfd wanted[] = {{server_fd, POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
-  poll(wanted, 2, -1);
-  if (!running) return;
-  sockaddr_in from{};
-  const int accepted = sock_accept(server_fd, &from, 1);
+void ManagerListener::admit_from(const ListenSocket& socket) {
+  Peer peer;
+  const int accepted = socket.accept(peer);
   if (accepted <= 0) {
     if (accepted < 0 && lasts(errno)) pause(kNoDescriptorMs);
     return;
   }
   Descriptor fd(accepted);
-  if (!make_place(PeerText(from))) return;
+  if (!may_connect(peer)) return turn_away(std::move(fd), peer);
+  if (!make_place(PeerText(peer))) return;
   elog(2, "mlistener: new client : %d - tot:%d", fd.get(), g_accepted_total);
   ++g_accepted_total;
-  add_client(fd.get(), from);
+  add_client(fd.get(), peer);
   fd.release();
   wake_receiver();
+}
+
+// Who may use the Unix socket is told by its mode.
+bool ManagerListener::may_connect(const Peer& peer) const {
+  return !allowed || peer.is_process || allowed->has(peer.owner);
+}
+
+// With a reset: a closed connection would be remembered for a minute, and strangers may come in great numbers.
+void ManagerListener::turn_away(Descriptor fd, const Peer& peer) {
+  const linger reset{1, 0};
+  setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  fd.reset();
+  ++denied;
+  if (const auto left_out = turn_away_limit.allow()) {
+    elog(1, "mlistener: %s is not in listener_allow and is closed%s", PeerText(peer).text, left_out->text);
+  }
 }
 
 // Returns false when every client keeps its place, and at the stop.
@@ -102,17 +138,17 @@ bool ManagerListener::make_place(const PeerText& newcomer) {
   return false;
 }
 
-// Of the address with most connections: the oldest one that has not subscribed, else the one that has owed for longest.
-// Null when all of them read what they have asked for.
+// Of the address, or the user of this machine, with most connections: the oldest one that has not subscribed, else the
+// one that has owed for longest. Null when all of them read what they have asked for.
 ListenerClient* ManagerListener::find_victim() {
-  std::unordered_map<in_addr_t, size_t> connections_of;
+  std::unordered_map<uint64_t, size_t> connections_of;
   size_t most = 0;
   for (const auto& client : clients) {
-    if (!client->is_leaving) most = std::max(most, ++connections_of[client->address.sin_addr.s_addr]);
+    if (!client->is_leaving) most = std::max(most, ++connections_of[client->peer.source()]);
   }
   ListenerClient* longest = nullptr;
   for (const auto& client : clients) {
-    if (client->is_leaving || connections_of[client->address.sin_addr.s_addr] < most) continue;
+    if (client->is_leaving || connections_of[client->peer.source()] < most) continue;
     if (!client->type_string) return client.get();
     if (!client->output.owes()) continue;
     if (longest == nullptr || client->output.owes_since() < longest->output.owes_since()) longest = client.get();
@@ -123,7 +159,7 @@ ListenerClient* ManagerListener::find_victim() {
 // Hangs the victim up; the event_recv thread notices that and removes it.
 void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) {
   if (const auto left_out = place_limit.allow()) {
-    elog(1, "mlistener: too many clients, client %d (%s) is closed for %s%s", victim.fd, PeerText(victim.address).text,
+    elog(1, "mlistener: too many clients, client %d (%s) is closed for %s%s", victim.fd, PeerText(victim.peer).text,
          newcomer.text, left_out->text);
   }
   ++counted.given_up;
@@ -132,7 +168,7 @@ void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) 
   shutdown(victim.fd, SHUT_RDWR);
 }
 
-void ManagerListener::add_client(int fd, const sockaddr_in& peer) {
+void ManagerListener::add_client(int fd, const Peer& peer) {
   const MutexLock lock(mutex);
   std::unique_ptr<ListenerClient> client;
   if (free_clients.empty()) {

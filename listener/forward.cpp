@@ -123,14 +123,14 @@ void ManagerListener::skip(ListenerClient& client) {
   if (client.output.owes()) {
     if (const auto left_out = skip_limit.allow()) {
       elog(1, "mlistener: client %d (%s) stopped reading, its events are skipped%s", client.fd,
-           PeerText(client.address).text, left_out->text);
+           PeerText(client.peer).text, left_out->text);
     }
     return;
   }
   wake_receiver();  // to log the gap
   if (const auto left_out = memory_limit.allow()) {
     elog(1, "mlistener: the clients hold all of listener_memory, an event for client %d (%s) is skipped%s", client.fd,
-         PeerText(client.address).text, left_out->text);
+         PeerText(client.peer).text, left_out->text);
   }
 }
 
@@ -201,7 +201,7 @@ void ManagerListener::send_waiting(bool also_gathered) {
   }
   // A gap that cannot be logged yet is logged later, with what has been skipped until then: every skip is counted.
   if (again != nullptr && again_limit.allow()) {
-    elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->address).text,
+    elog(1, "mlistener: client %d (%s) reads again, %d events skipped", again->fd, PeerText(again->peer).text,
          again->output.take_gap());
   }
 }

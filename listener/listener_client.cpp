@@ -6,17 +6,21 @@
 
 #include "util/socket.h"
 
-PeerText::PeerText(const sockaddr_in& peer) {
+PeerText::PeerText(const Peer& peer) {
   char host[INET_ADDRSTRLEN] = "?";
-  inet_ntop(AF_INET, &peer.sin_addr, host, sizeof(host));
-  snprintf(text, sizeof(text), "%s:%d", host, ntohs(peer.sin_port));
+  if (peer.is_process) {
+    snprintf(text, sizeof(text), "process %d of user %u", peer.number, peer.owner);
+  } else {
+    inet_ntop(AF_INET, &peer.owner, host, sizeof(host));
+    snprintf(text, sizeof(text), "%s:%d", host, peer.number);
+  }
 }
 
-void ListenerClient::open(int new_fd, const sockaddr_in& peer) {
+void ListenerClient::open(int new_fd, const Peer& other_end) {
   read_tick = -1;
   awaited = 0;
   is_held_off = is_leaving = false;
-  address = peer;
+  peer = other_end;
   since = Clock::now();
   fd = new_fd;
 }

@@ -2,7 +2,6 @@
 // serves the next one, so that a stream of short connections allocates nothing after the first ones.
 #pragma once
 
-#include <netinet/in.h>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -11,10 +10,20 @@
 #include "listener/client_buffer.h"
 #include "listener/client_output.h"
 
-// The address of a client, for log lines: "a.b.c.d:port".
+// Who is at the other end of a connection.
+struct Peer {
+  bool is_process = false;  // of this machine, over a Unix socket
+  uint32_t owner = 0;       // the address, in network byte order, or the process's user
+  int number = 0;           // the port or the process
+
+  // Equal for connections of the same owner.
+  uint64_t source() const { return (is_process ? uint64_t{1} << 32 : 0) | owner; }
+};
+
+// Its name, for log lines: "a.b.c.d:port", or "process P of user U".
 struct PeerText {
-  explicit PeerText(const sockaddr_in& peer);
-  char text[24];
+  explicit PeerText(const Peer& peer);
+  char text[48];
 };
 
 class ListenerClient {
@@ -28,7 +37,7 @@ class ListenerClient {
   ~ListenerClient() { set_type_string({}); }
 
   // Starts over for a new connection, and takes over `new_fd`. The record is new or closed. Accept thread.
-  void open(int new_fd, const sockaddr_in& peer);
+  void open(int new_fd, const Peer& other_end);
 
   // Ends the connection and gives back what it held. The event_recv thread, or the main thread once that has ended.
   void close();
@@ -54,7 +63,7 @@ class ListenerClient {
   std::optional<std::string> type_string;  // set by set_type_string alone
 
   // Set by open, constant while connected.
-  sockaddr_in address{};
+  Peer peer;
   Clock::time_point since{};
 
  private:

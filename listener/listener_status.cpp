@@ -33,16 +33,27 @@ ListenerStatus ManagerListener::status() {
   now.waited_us = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(waited).count());
   now.port = open_number;
   now.wanted_port = port;
+  now.denied = denied;
+  add_places(now);
   now.memory = memory.held();
   now.memory_limit = memory.limit;
   return now;
 }
 
+void ManagerListener::add_places(ListenerStatus& status) const {
+  if (sockets.empty() && parse_listener_address(*address)) status.address = "none";
+  for (const auto& socket : sockets) {
+    const std::string place = socket->place.text();
+    status.address += (status.address.empty() ? "" : ",") + place;
+    if (!socket->is_open()) status.not_open += (status.not_open.empty() ? "" : ",") + place;
+  }
+}
+
 std::vector<ClientStatus> ManagerListener::client_list() {
   std::vector<ClientStatus> list;
-  std::vector<sockaddr_in> addresses;  // made into texts without the lock
+  std::vector<Peer> peers;  // made into texts without the lock
   list.reserve(kPositionMax);
-  addresses.reserve(kPositionMax);
+  peers.reserve(kPositionMax);
   const auto now = Clock::now();
   {
     const MutexLock lock(mutex);
@@ -55,9 +66,9 @@ std::vector<ClientStatus> ManagerListener::client_list() {
       copy.connected_s = whole_seconds(now - client->since);
       copy.bytes_waiting = client->output.waiting();
       if (copy.skips > 0) copy.last_skip_s = whole_seconds(now - client->output.skipped_last());
-      addresses.push_back(client->address);
+      peers.push_back(client->peer);
     }
   }
-  for (size_t i = 0; i < list.size(); ++i) list[i].address = PeerText(addresses[i]).text;
+  for (size_t i = 0; i < list.size(); ++i) list[i].address = PeerText(peers[i]).text;
   return list;
 }

@@ -26,12 +26,15 @@ struct OutputCounts {
 struct ListenerStatus : OutputCounts {
   int port = 0;             // the port that is open, also when the kernel chose it; 0: none is
   int wanted_port = 0;      // by the settings
+  std::string address;      // listener_address: its places with commas between them, or "none"; empty: it is wrong
+  std::string not_open;     // those of the places that are not open
   size_t clients = 0;       // connected now: of these
   size_t subscribed = 0;    // have subscribed, and owe nothing,
   size_t owing = 0;         // have not taken all that was sent: later events are skipped for them until they have,
   size_t leaving = 0;       // are about to be closed: they gave up their place, or the connection broke.
   uint64_t accepted = 0;    // connections taken,
   uint64_t refused = 0;     // closed at once because all places were taken,
+  uint64_t denied = 0;      // closed at once because of listener_allow: these are not among the accepted,
   uint64_t given_up = 0;    // and closed later to make room for another one
   uint64_t waits = 0;       // waits of the event loop for slow clients,
   uint64_t waited_us = 0;   // and their time
@@ -43,7 +46,7 @@ struct ClientStatus : OutputCounts {
   static constexpr size_t kSubscriptionShown = 1000;  // bytes
 
   int fd = 0;
-  std::string address;       // "a.b.c.d:port"
+  std::string address;       // "a.b.c.d:port", or "process P of user U"
   const char* state = "";    // "new" (has not subscribed), "subscribed", "owing" or "leaving"
   std::string subscription;  // its type string, at most kSubscriptionShown bytes of it; empty while "new"
   int64_t connected_s = 0;   // seconds since it was accepted

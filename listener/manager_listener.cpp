@@ -1,9 +1,9 @@
 #include "listener/manager_listener.h"
 
-#include <netinet/tcp.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "device/log.h"
 #include "device/settings.h"
@@ -15,25 +15,13 @@ int g_accepted_total = 0;
 
 namespace {
 
-int bound_port(int fd) {
-  sockaddr_in address{};
-  socklen_t size = sizeof(address);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
-}
-
-void set_option(int fd, int level, int option, int value) {
-  setsockopt(fd, level, option, &value, sizeof(value));  // a failure does no harm: clients are served without it
-}
-
-// Clients' connections inherit these from the listening socket: small packets leave at once, and the kernel hangs up a
-// peer that is dead, or takes nothing for two minutes while data waits for it.
-void set_client_options(int fd) {
-  set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
-  set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-  set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
-  set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 20);
-  set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
+// The sockets that listener_address names; none when it is wrong.
+std::vector<std::unique_ptr<ListenSocket>> sockets_at(const std::optional<std::string>& address) {
+  std::vector<std::unique_ptr<ListenSocket>> sockets;
+  auto places = address ? parse_listener_address(*address) : std::vector<ListenPlace>(1);
+  if (!places) return sockets;
+  for (ListenPlace& place : *places) sockets.push_back(std::make_unique<ListenSocket>(std::move(place)));
+  return sockets;
 }
 
 template <void (ManagerListener::*loop)()>
@@ -48,11 +36,14 @@ ManagerListener::ManagerListener() : ManagerListener(SettingsFile()) {}
 
 ManagerListener::ManagerListener(SettingsFile&& file)
     : port(file.number(settings::listener_port)),
+      address(file.written(settings::listener_address)),
+      allowed(file.written(settings::listener_allow)),
       longest_wait(file.number(settings::listener_wait_ms)),
       memory(static_cast<size_t>(file.number(settings::listener_memory)) * 1024),
       block(new PacketBlock(block_memory)),
       strangers_wait(longest_wait),
-      known_wait(longest_wait) {
+      known_wait(longest_wait),
+      sockets(sockets_at(address)) {
   // Room for all clients that there can be: moving a record from list to list never fails.
   clients.reserve(kPositionMax);
   free_clients.reserve(kPositionMax);
@@ -70,33 +61,53 @@ ManagerListener::~ManagerListener() {
 int ManagerListener::start() {
   elog(2, "mlistener: ManagerListener start...");
   elog(2, "mlistener: Listener listen port : %d", port);
+  say_who_may_connect();
+  if (sockets.empty()) return parse_listener_address(*address) ? 1 : -1;
   stop_event = wake_up_descriptor();
   if (stop_event.get() >= 0) receive_event = wake_up_descriptor();
-  const bool is_open = receive_event.get() >= 0 && open_port();
-  if (!is_open) {
-    const int error = errno;
-    elog(1, "mlistener: Failed to create server socket(errno:%d)", error);
-    if (error != EADDRINUSE) return -1;
-    elog(1, "mlistener: port %d is in use, trying again for a minute", port);
+  if (receive_event.get() < 0) {
+    elog(1, "mlistener: Failed to create server socket(errno:%d)", errno);
+    return -1;
   }
+  bool all_open = true;
+  bool is_of_use = false;
+  for (const auto& socket : sockets) {
+    all_open = socket->open(wanted_port()) && all_open;
+    is_of_use = is_of_use || socket->is_open() || socket->next_try() >= 0;
+    note_port();
+  }
+  if (!is_of_use) return -1;
   running = true;
   if (start_service_thread(&recv_thread, thread_body<&ManagerListener::receive_loop>, this) != 0) {
     elog(1, "mlistener: failed to run event_recv thread");
   } else if (start_service_thread(&accept_thread, thread_body<&ManagerListener::accept_loop>, this) != 0) {
     elog(1, "mlistener: failed to run accept thread");
   }
-  return is_open ? 1 : -1;
+  return all_open ? 1 : -1;
 }
 
-// Returns false, with errno set, when it fails.
-bool ManagerListener::open_port() {
-  const int listening = sock_listen_tcp(port);
-  if (listening < 1) return false;
-  set_client_options(listening);
-  server_fd = listening;
-  open_number = bound_port(server_fd);
-  if (port == 0) elog(2, "mlistener: listening on port %d", open_number.load());
-  return true;
+void ManagerListener::say_who_may_connect() const {
+  if (sockets.empty()) return elog(1, "mlistener: nobody may connect (listener_address)");
+  const auto is_local = [](const auto& socket) { return socket->place.is_local(); };
+  if (std::all_of(sockets.begin(), sockets.end(), is_local)) {
+    elog(1, "mlistener: only this machine may connect (listener_address)");
+  }
+}
+
+// The port at which a socket is to listen: where the kernel chooses, it chooses once for all addresses.
+int ManagerListener::wanted_port() const {
+  return port != 0 ? port : open_number.load();
+}
+
+// To be called when a socket may have been opened.
+void ManagerListener::note_port() {
+  if (open_number != 0) return;
+  for (const auto& socket : sockets) {
+    open_number = socket->port();
+    if (open_number == 0) continue;
+    if (port == 0) elog(2, "mlistener: listening on port %d", open_number.load());
+    return;
+  }
 }
 
 void ManagerListener::stop() {
@@ -106,8 +117,7 @@ void ManagerListener::stop() {
     if (*thread != 0) pthread_join(*thread, nullptr);
     *thread = 0;
   }
-  if (server_fd > 0) sock_close(server_fd);
-  server_fd = 0;
+  for (const auto& socket : sockets) socket->close();
   open_number = 0;
 
   const MutexLock lock(mutex);  // the script thread may still be forwarding an event

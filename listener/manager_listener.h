@@ -1,5 +1,6 @@
-// The TCP server of the daemon: any program that connects to its port and says which event types it wants gets a packet
-// for every such event from then on. docs/protocol.md describes the protocol for authors of such programs.
+// The daemon's server of events: any program that connects to its port, or to its Unix socket, and says which event
+// types it wants gets a packet for every such event from then on. docs/protocol.md describes the protocol for authors
+// of such programs.
 //
 // Three threads meet here. The accept thread (accept_thread.cpp) adds clients; the event_recv thread
 // (receive_thread.cpp) reads what they send, removes those that have gone, and sends what a running handler holds back;
@@ -17,9 +18,12 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "listener/client_set.h"
+#include "listener/listen_socket.h"
 #include "listener/listener_client.h"
 #include "listener/listener_status.h"
 #include "listener/subscription_cache.h"
@@ -34,8 +38,8 @@ class SettingsFile;
 
 class ManagerListener {
  public:
-  // Reads "listener_port", "listener_wait_ms" and "listener_memory". Throws except_conf when the store file cannot be
-  // opened. Main thread.
+  // Reads the settings "listener_...", and logs what is wrong with them. Throws except_conf when the store file cannot
+  // be opened. Main thread.
   ManagerListener();
 
   // Stops the threads and closes every connection. The script thread must have ended. Main thread.
@@ -44,8 +48,9 @@ class ManagerListener {
   ManagerListener(const ManagerListener&) = delete;
   ManagerListener& operator=(const ManagerListener&) = delete;
 
-  // Opens the port and starts the two threads. Returns 1, or -1 when the port cannot be opened; logs that, and a thread
-  // that cannot be started. When the port is in use, the accept thread tries again for a minute. Main thread, once.
+  // Opens the port or whatever listener_address names, and starts the two threads. Returns 1, or -1 when some of it
+  // cannot be opened; logs that, and a thread that cannot be started. The accept thread tries again for a minute. Main
+  // thread, once.
   int start();
 
   // Ends the threads and the waits of the script thread at once, sends what is held back as far as the clients take it
@@ -70,19 +75,28 @@ class ManagerListener {
   explicit ManagerListener(SettingsFile&& file);
 
   // manager_listener.cpp
-  bool open_port();
+  void say_who_may_connect() const;
+  int wanted_port() const;
+  void note_port();
   bool pause(int milliseconds) const;
   void wake_receiver() const;
   void end_client(ListenerClient& client) REQUIRES(mutex);
 
   // accept_thread.cpp
   void accept_loop();
-  void listen_again();
-  void accept_pass();
+  void accept_pass(std::vector<pollfd>& wanted);
+  int fill(std::vector<pollfd>& wanted) const;
+  void maintain(const std::vector<pollfd>& wanted);
+  void admit_from(const ListenSocket& socket);
+  bool may_connect(const Peer& peer) const;
+  void turn_away(Descriptor fd, const Peer& peer);
   bool make_place(const PeerText& newcomer);
   ListenerClient* find_victim() REQUIRES(mutex);
   void give_up(ListenerClient& victim, const PeerText& newcomer) REQUIRES(mutex);
-  void add_client(int fd, const sockaddr_in& peer);
+  void add_client(int fd, const Peer& peer);
+
+  // listener_status.cpp
+  void add_places(ListenerStatus& status) const;
 
   // receive_thread.cpp
   void receive_loop();
@@ -109,6 +123,8 @@ class ManagerListener {
 
   // Set by the constructor.
   const int port;
+  const std::optional<std::string> address;      // listener_address, as it is written
+  const std::optional<AllowedNetworks> allowed;  // listener_allow
   const std::chrono::milliseconds longest_wait;
   ClientMemory memory;
   ClientMemory block_memory{PacketBlock::kMemory};
@@ -140,13 +156,16 @@ class ManagerListener {
   Descriptor stop_event;     // readable from the stop on
   Descriptor receive_event;  // readable when the event_recv thread has something to do
 
-  // Accept thread while it runs, else main thread.
-  int server_fd = 0;      // 0: the port is not open
-  int tries_left = 60;    // to open the port, one a second
-  RateLimit place_limit;  // of "too many clients" lines
+  // Made by the constructor; used by the accept thread while it runs, else by the main thread.
+  std::vector<std::unique_ptr<ListenSocket>> sockets;
+
+  // Accept thread.
+  RateLimit place_limit;      // of "too many clients" lines
+  RateLimit turn_away_limit;  // of lines about listener_allow
 
   std::atomic<bool> running{false};  // the main thread writes it
-  std::atomic<int> open_number{0};   // of the port that is open; who has server_fd writes it
+  std::atomic<int> open_number{0};   // of the port that is open, at one address or more; who has the sockets writes it
+  std::atomic<uint64_t> denied{0};   // by listener_allow; the accept thread writes it
 };
 
 // The one listener, or null: set by its constructor, cleared by its destructor. The main thread writes it; the script

@@ -19,7 +19,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME zelvind)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS adduser)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "zelvind-uplink, zelvind-dev, lua-check")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "zelvind-uplink, zelvind-dev, lua-check, stunnel4")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "event daemon with Lua scripts
 Takes the events of a device's programs, hands them to Lua scripts and
 forwards them to the TCP clients that have subscribed to them. The scripts

@@ -12,6 +12,7 @@
 #include "device/log.h"
 #include "util/descriptor.h"
 #include "util/device_root.h"
+#include "util/file_trust.h"
 #include "util/quiet_write.h"
 #include "util/service_thread.h"
 
@@ -39,22 +40,17 @@ Descriptor open_folder() {
   return folder;
 }
 
-// Why a file that is open is not one of ours, or null.
+// Why an open file is not one that we have written, or null.
 const char* why_foreign(int fd, size_t max) {
   struct stat status {};
-  if (fstat(fd, &status) != 0) return "it cannot be looked at";
-  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-  if (status.st_uid != geteuid()) return "it belongs to another user";
-  if (static_cast<size_t>(status.st_size) > max) return "it is too large";
-  return nullptr;
+  if (const char* const reason = why_not_ours(fd)) return reason;
+  return fstat(fd, &status) != 0 || static_cast<size_t>(status.st_size) > max ? "it is too large" : nullptr;
 }
 
 // Returns false with errno set; the old file then stands as it was.
 bool replace_file(int folder, const KeepWriter::Job& job) {
   const std::string fresh = job.name + ".new";
-  unlinkat(folder, fresh.c_str(), 0);  // of a daemon that was killed
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor file(above_standard_streams(openat(folder, fresh.c_str(), kFlags, kFileMode)));
+  const Descriptor file(make_fresh_file(folder, fresh.c_str(), kFileMode));
   if (file.get() < 0) return false;
   const bool written = write_fully(file.get(), job.text.data(), job.text.size()) && fsync(file.get()) == 0 &&
                        renameat(folder, fresh.c_str(), folder, file_of(job.name).c_str()) == 0;
@@ -94,7 +90,7 @@ KeptFile read_kept(const std::string& name, char* text, size_t max, size_t* size
     }
   }
   if (errno == ENOENT) return KeptFile::missing;
-  if (errno == ELOOP || errno == ENXIO) return reason = "it is not a regular file", KeptFile::foreign;
+  if (const char* const foreign = why_not_a_file(errno)) return reason = foreign, KeptFile::foreign;
   reason = strerrordesc_np(errno);
   return KeptFile::unreadable;
 }

@@ -1,15 +1,42 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "app/signal_ring.h"
 #include "app/signals.h"
 #include "tests/standin_device.h"
 
 namespace {
+
+std::function<void()> g_after_load;  // called once, right after a counter of the ring was read
+
+class WatchedCounter : public std::atomic<uint32_t> {
+ public:
+  using std::atomic<uint32_t>::atomic;
+  uint32_t load() const {
+    const uint32_t value = std::atomic<uint32_t>::load();
+    if (g_after_load) std::exchange(g_after_load, nullptr)();
+    return value;
+  }
+};
+
+TEST(Signals, ARingWithRoomTakesWhatIsOvertaken) {
+  SignalRing<WatchedCounter> ring;
+  g_after_load = [&] {
+    ring.add(SIGPIPE);
+    EXPECT_EQ(ring.take(), SIGPIPE);
+  };
+  EXPECT_TRUE(ring.add(SIGHUP));
+  EXPECT_EQ(ring.take(), SIGHUP);
+}
 
 TEST(Signals, LinesComeInOrderAndAStopIsRememberedForGood) {
   standin::reset();

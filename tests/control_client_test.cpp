@@ -77,12 +77,48 @@ TEST(ControlClient, TellsAbsenceFromRightsAndFromOwners) {
   EXPECT_EQ(connect_as_other(), socket + ": not allowed (group root)");
   root.launch("chmod 700 $ROOT/run/zelvind");
   EXPECT_EQ(connect_as_other(), socket + ": not allowed (group nogroup)");
-  for (const std::string& place : {socket, root.path("/run/zelvind")}) {
-    EXPECT_EQ(chown(place.c_str(), 12345, 0), 0);
-    EXPECT_EQ(connect(), place + " belongs to user 12345, who is neither root nor you nor the daemon's user");
-    EXPECT_EQ(chown(place.c_str(), 0, 0), 0);
+}
+
+// `make` stands in ROOT/a/run/zelvind, the folder of a socket at which user `listener` listens. ROOT is root's.
+TEST(ControlClient, RefusesWhatAStrangerCouldHavePutThere) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const struct {
+    const char* make;
+    uid_t listener;
+    const char* refused;  // the reason
+  } rows[] = {
+      {"", 0, nullptr},
+      {"chown 12345 .", 12345, nullptr},
+      {"chown -R 12345 $ROOT/a", 12345, nullptr},
+      {"chgrp 12345 .; chmod 775 .", 12345, nullptr},  // its owner lets this group put a socket there
+      {"chmod 1777 $ROOT/a . control.sock", 0, nullptr},
+      {"chmod 1777 ../..; chown 12345 . ..", 12345, "ROOT/a/run belongs to user 12345, in a folder for all users"},
+      {"chmod 1777 .", 12345, "ROOT/a/run/zelvind/control.sock belongs to user 12345, in a folder for all users"},
+      {"chmod 777 .", 0, "all users may write to ROOT/a/run/zelvind"},
+      {"chmod 777 ../..", 0, "all users may write to ROOT/a"},
+      {"chown 12345 control.sock", 0, "ROOT/a/run/zelvind/control.sock belongs to user 12345"},
+      {"chown 12345 .", 0, "ROOT/a/run/zelvind belongs to user 12345"},
+      {"chown 4711 .", 12345, "ROOT/a/run/zelvind belongs to user 4711"},
+      {"cd $ROOT; mv a b; ln -s b/../b/. a; chown -h 4711 a", 0, "ROOT/a belongs to user 4711"},
+      {"cd $ROOT; mv a b; ln -s $ROOT/b/../c a; ln -s b c; chown 4711 b/run", 0, "ROOT/b/run belongs to user 4711"},
+      {"cd $ROOT; mv a b; ln -s b a; chown -h 12345 a; chmod 1777 .", 12345,
+       "ROOT/a belongs to user 12345, in a folder for all users"},
+  };
+  for (const auto& row : rows) {
+    const RealDaemon root;
+    root.launch("chmod 755 $ROOT; mkdir -p $ROOT/a/run/zelvind; chmod 777 $ROOT/a/run/zelvind");
+    EXPECT_EQ(seteuid(row.listener), 0);
+    const FakeControl daemon(root.path("a"), {{"stats", "daemon pid=1\n\n"}});
+    EXPECT_EQ(seteuid(0), 0);
+    root.launch("cd $ROOT/a/run/zelvind; chmod 755 .; " + std::string(row.make));
+    const std::string result = result_of([&] { return ControlClient(root.path("a")).ask("stats", 1000), "done"s; });
+    root.write("result", result);
+    EXPECT_EQ(root.text_of("result"),
+              row.refused == nullptr
+                  ? "done"
+                  : row.refused + ": what listens at ROOT/a/run/zelvind/control.sock may not be the daemon"s)
+        << row.make;
   }
-  EXPECT_EQ(connect(), "done");
 }
 
 }  // namespace

@@ -342,7 +342,9 @@ TEST_F(Control, SixteenClients) {
   newcomer.put("wait\n");
   ASSERT_TRUE(wait_until([&] { return waiting == 1; }));
   add(ring, "seen", "quiet");
-  EXPECT_NE(clients[0]->read_to("\n").find("info=seen"), std::string::npos);
+  std::string next = clients[0]->read_to("\n");
+  while (next.compare(0, 7, "passed ") == 0) next = clients[0]->read_to("\n");
+  EXPECT_NE(next.find("info=seen"), std::string::npos);
 }
 
 TEST_F(Control, TheSocketIsMadeAgain) {

@@ -77,16 +77,26 @@ TEST(Zelvctl, RefusesWrongArgumentsAndSaysWhatCannotBeReached) {
       {"listen a ''", "NAME '': the name is missing"},
       {"listen [a,b]", "NAME '[a,b]': a name to subscribe to cannot contain a comma"},
       {"listen a --port 0", "--port: Value 0 not in range 1 to 65535\nTry: zelvctl listen --help"},
+      {"listen a --socket /s --port 5512", "--socket takes the place of --host and --port: leave them out"},
+      {"listen a --socket ''", "--socket is '': expected the path of a Unix socket"},
+      {"listen a --socket $ROOT/none", "no daemon at ROOT/none: No such file or directory"},
       {"listen a", "no daemon at ROOT/run/zelvind/control.sock: No such file or directory"},
       {"listen a --host 127.0.0.1", "listener_port is 0 in the settings; give the daemon's port with --port"},
       {"--root /none post 1 a", "no daemon at /none/run/zelvind/events.sock: No such file or directory"},
       {"--root /none listen a --host 224.0.0.1", "no daemon at 224.0.0.1:5512: Network is unreachable"},
       {"--root $ROOT/set listen a --host 224.0.0.1", "no daemon at 224.0.0.1:1234: Network is unreachable"},
+      {"--root $ROOT/set listen a", "no daemon at 127.0.0.9:1234: Connection refused"},
+      {"--root $ROOT/unix listen a", "no daemon at ROOT/unix/s: No such file or directory"},
+      {"--root $ROOT/no listen a", "the daemon lets no client connect: see listener_address in its settings"},
   };
   const RealDaemon daemon;
-  daemon.write("set/opt/flash/mtd4-cfg/zelvind.info", "listener_port = 1234\n");
+  const std::string settings = "/opt/flash/mtd4-cfg/zelvind.info";
+  daemon.write("set" + settings, "listener_port = 1234\nlistener_address = /s,192.0.2.1,127.0.0.9\n");
+  daemon.write("unix" + settings, "listener_address = /s\n");
+  daemon.write("no" + settings, "listener_address = none\n");
   for (const auto& [arguments, error] : rows) {
-    const int status = error == strstr(error, "no daemon") ? 1 : 2;
+    const bool is_unreachable = error == strstr(error, "no daemon") || error == strstr(error, "the daemon lets no");
+    const int status = is_unreachable ? 1 : 2;
     daemon.expect_zelvctl(arguments, status, "", "zelvctl: "s + error + "\n");
   }
 }
@@ -148,6 +158,27 @@ TEST(Zelvctl, ListensForExactlyTheNamesAskedFor) {
                                             R"({"time":T,"name":"or","fields":{")" +
                                                 large + "\":\"\"}}\n0\n");
   EXPECT_EQ(read_file(daemon.path("unread")), "zelvctl: failed to write the output: its reader has gone\n1\n");
+}
+
+TEST(Zelvctl, FindsTheDaemonAtItsUnixSocket) {
+  RealDaemon daemon;
+  ASSERT_TRUE(
+      daemon.start("printf 'listener_address = /run/zelvind/l.sock\n' >>$ROOT/opt/flash/mtd4-cfg/zelvind.info;"
+                   "umask 0; $ZELVIND -p $ROOT/pid >/dev/null 2>>$ROOT/stderr"));
+  daemon.launch(
+      "zelvctl listen --count 1 door >$ROOT/out 2>&1 &"
+      "zelvctl listen --count 1 door --socket $ROOT/run/zelvind/l.sock >$ROOT/out2 2>&1 &");
+  ASSERT_TRUE(daemon.wait_for("set as [door]", 2));
+  EXPECT_EQ(daemon.launch("zelvctl status >$ROOT/status"), 0);
+  const std::string status = daemon.text_of("status");
+  EXPECT_NE(status.find("\nlistener    at /run/zelvind/l.sock, for this machine only, 2 clients"), std::string::npos);
+  EXPECT_NE(status.find(sstr(" of user %u) subscribed, 0 sent: door", getuid())), std::string::npos) << status;
+  EXPECT_TRUE(daemon.post("1 door a=1\n"));
+  EXPECT_TRUE(daemon.wait_for("delete client", 2));
+  for (const char* const file : {"out", "out2"}) {
+    EXPECT_TRUE(wait_until([&] { return read_file(daemon.path(file)).find(" door a=1\n") != std::string::npos; }));
+  }
+  EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST(EventConnection, SaysHowTheDaemonFailed) {

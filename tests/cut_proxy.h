@@ -18,16 +18,21 @@
 #include "util/clock.h"
 #include "util/descriptor.h"
 
+inline sockaddr_in loopback_address(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
 // A socket bound to `port` of 127.0.0.1, 0: one from the kernel. Not listening.
 inline Descriptor loopback_socket(int port = 0) {
   Descriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int on = 1;
   setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) made.reset();
+  const sockaddr_in address = loopback_address(port);
+  if (bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) made.reset();
   return made;
 }
 
@@ -41,11 +46,8 @@ inline int port_of(const Descriptor& socket) {
 // Connected to `port` of 127.0.0.1, or none.
 inline Descriptor loopback_connection(int port) {
   Descriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) made.reset();
+  const sockaddr_in address = loopback_address(port);
+  if (connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) made.reset();
   return made;
 }
 

@@ -1,5 +1,7 @@
 // The real daemon, started as its user would.
 
+#include <sys/statvfs.h>
+
 #include <cstring>
 #include <vector>
 
@@ -259,19 +261,52 @@ TEST(Daemon, AFailedTrialChangesNothing) {
 }
 
 TEST(Daemon, StandardStreamsThatAreClosedOrDead) {
-  for (const bool closed : {true, false}) {
+  for (const std::string closed : {"0 1 2", "1", "2", ""}) {
+    SCOPED_TRACE(closed);
     RealDaemon daemon;
-    ASSERT_TRUE(daemon.start(closed ? "$ZELVIND -p $ROOT/pid <&- >&- 2>&-"
-                                    : "{ $ZELVIND -p $ROOT/pid 2>&1 >/dev/null; } | true"));
+    daemon.write("scripts/a.lua", closed.empty() ? ""
+                                                 : "mine = io.open(os.getenv('ROOT') .. '/mine', 'w') print('stray') "
+                                                   "io.stderr:write('stray') os.execute('echo stray; echo stray >&2')");
+    std::string streams;
+    for (const char fd : closed) {
+      if (fd != ' ') streams += std::string(" ") + fd + (fd == '0' ? "<&-" : ">&-");
+    }
+    ASSERT_TRUE(daemon.start(closed.empty() ? "{ $ZELVIND -p $ROOT/pid 2>&1 >/dev/null; } | true"
+                                            : "$ZELVIND -p $ROOT/pid >$ROOT/out 2>&1" + streams));
     const std::string descriptors = "/proc/" + std::to_string(daemon.process()) + "/fd/";
     EXPECT_TRUE(fs::is_symlink(descriptors + "0"));
-    for (const char* const output : {"1", "2"}) EXPECT_NE(fs::is_symlink(descriptors + output), closed);
+    for (const char fd : closed) {
+      if (fd == ' ' || fd == '0') continue;
+      EXPECT_EQ(fs::read_symlink(descriptors + fd), "/dev/null");
+    }
     daemon.send_signal(SIGHUP);
     ASSERT_TRUE(daemon.wait_for("zelvind: reloading ..."));
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(daemon.count("signal_handler: SIGHUP"), 1u);
     EXPECT_EQ(daemon.count("signal_handler: SIGPIPE"), 0u);
+    EXPECT_EQ(read_file(daemon.path("mine")), "");
   }
+}
+
+// Such a daemon heeds no DEVICE_ROOT, so its settings are mounted where it looks for them, for it alone.
+TEST(Daemon, ASetUidProgramTakesNoLuaFilesFromItsCaller) {
+  RealDaemon daemon;
+  struct statvfs system {};
+  ASSERT_EQ(statvfs(daemon.path("").c_str(), &system), 0);
+  if ((system.f_flag & ST_NOSUID) != 0 || daemon.launch("unshare -m mount --bind $ROOT/opt /opt 2>/dev/null") != 0) {
+    GTEST_SKIP() << "needs root, mounts, and set-uid programs";
+  }
+  daemon.write("scripts/a.lua", "local told = io.open('" + daemon.path("told") +
+                                    "', 'w') told:write(io.open('/proc/self/stat'):read('*n'), ' ', package.path, ' ', "
+                                    "package.cpath, '\\n') told:close()");
+  daemon.launch(
+      "cd $ROOT; chmod 755 .; touch told; mkdir bin; cp $ZELVIND ${ZELVIND%/*}/init_base.lua bin;"
+      "chown 65534 told bin/zelvind; chmod 4755 bin/zelvind; export LUA_PATH='/caller/?.lua;;' "
+      "LUA_CPATH='/caller/?.so;;';"
+      "unshare -m sh -c 'mount --bind $ROOT/opt /opt;"
+      "setpriv --reuid=12345 --regid=12345 --clear-groups $ROOT/bin/zelvind' >$ROOT/stderr 2>&1");
+  ASSERT_TRUE(daemon.read_pid("told"));
+  EXPECT_EQ(read_file(daemon.path("told")).find("/caller/"), std::string::npos);
 }
 
 }  // namespace

@@ -1,35 +1,86 @@
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
 
-#include <atomic>
 #include <cerrno>
 #include <clocale>
-#include <cstdarg>
+#include <csignal>
+#include <cstring>
+#include <initializer_list>
 #include <thread>
 #include <vector>
 
 #include "device/counts.h"
+#include "device/host/log_repeats.h"
 #include "tests/device_root_fixture.h"
+#include "util/descriptor.h"
+#include "util/unix_socket.h"
 
-static std::string g_syslog;  // what went there: "PRIORITY LINE|" each
+static std::string g_dev_log;  // the path that stands in for /dev/log
 
-// In the place of the C library's two.
-extern "C" {
-void syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  char line[100];
-  vsnprintf(line, sizeof(line), format, arguments);
-  va_end(arguments);
-  g_syslog += std::to_string(priority) + " " + line + "|";
-}
-void __syslog_chk(int priority, int, const char*, int size, const char* line) {
-  syslog(priority, "%.*s", size, line);
-}
+// In the place of the C library's, whose names for the parameters are reserved.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" int connect(int fd, const sockaddr* address, socklen_t size) {
+  sockaddr_un other{};
+  if (address->sa_family == AF_UNIX && size <= sizeof(other)) {
+    memcpy(&other, address, size);
+    if (strcmp(other.sun_path, "/dev/log") == 0) g_dev_log.copy(other.sun_path, sizeof(other.sun_path) - 1);
+    if (strcmp(other.sun_path, "/dev/log") != 0) address = reinterpret_cast<sockaddr*>(&other), size = sizeof(other);
+  }
+  return static_cast<int>(syscall(SYS_connect, fd, address, size));
 }
 
 namespace {
 
-using DeviceLog = DeviceRoot;
+class DeviceLog : public DeviceRoot {
+ protected:
+  DeviceLog() { g_dev_log = root + "/dev-log"; }
+
+  // A log daemon's socket.
+  static Descriptor log_daemon(int type) {
+    unlink(g_dev_log.c_str());
+    Descriptor made(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(unix_bind(made.get(), g_dev_log), 0);
+    if (type == SOCK_STREAM) listen(made.get(), 5);
+    return made;
+  }
+  static Descriptor reader_of(const Descriptor& daemon, int type) {
+    return Descriptor(type == SOCK_STREAM ? accept(daemon.get(), nullptr, nullptr) : dup(daemon.get()));
+  }
+
+  // What `fd` has to read now; nothing if it has none.
+  static std::string read_now(int fd) {
+    char piece[4096];
+    const ssize_t size = recv(fd, piece, sizeof(piece), MSG_DONTWAIT);
+    const bool is_socket = size >= 0 || errno != ENOTSOCK;
+    const ssize_t got = is_socket ? size : read(fd, piece, sizeof(piece));
+    return got > 0 ? std::string(piece, static_cast<size_t>(got)) : "";
+  }
+  static std::string read_all(int fd) {
+    std::string text;
+    for (std::string piece; !(piece = read_now(fd)).empty();) text += piece;
+    return text;
+  }
+  // The same, without the dates of syslog's records.
+  static std::string read_records(int fd) {
+    std::string text = read_all(fd);
+    for (size_t at = 0; (at = text.find('>', at)) != std::string::npos; ++at) {
+      int size = 0;
+      sscanf(&text[at], ">%*[A-Z]%*2[a-z] %*2d %*2d:%*2d:%*2d %n", &size);
+      if (size == 17) text.replace(at + 1, 16, "DATE ");
+    }
+    return text;
+  }
+
+  static log_counts counted() {
+    log_counts counts{};
+    log_counts_now(&counts);
+    return counts;
+  }
+};
 
 TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
   const std::pair<const char*, const char*> rows[] = {
@@ -91,12 +142,11 @@ TEST_F(DeviceLog, APipeGetsWholeLinesOfThreadsAndADeadOneNoSignal) {
   }
   for (std::thread& thread : threads) thread.join();
   reader.close();
-  log_counts counts{}, after{};
-  log_counts_now(&counts);
+  const log_counts counts = counted();
   errno = ENOENT;
   elog(1, "nobody reads this");  // a signal would end the test
   EXPECT_EQ(errno, ENOENT);
-  log_counts_now(&after);
+  const log_counts after = counted();
   EXPECT_GE(counts.written, 80u);
   EXPECT_EQ(after.written, counts.written);
   EXPECT_EQ(after.lost, counts.lost + 1);
@@ -114,9 +164,182 @@ TEST_F(DeviceLog, FilesAndWhatIsNone) {
   for (int i = 0; i < 2; ++i) log_to("file:/no/such/\x1b[2Jfile");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "log: failed to open '/no/such/\\x1b[2Jfile' of ELOG_TARGET: No such file or directory; using syslog\n");
-  elog_set_level("zelvind", 3);
-  for (int level = 1; level <= 3; ++level) elog(level, "a\nb");
-  EXPECT_EQ(g_syslog, "5 a|5 b|6 a|6 b|7 a|7 b|");
+  const Descriptor daemon = log_daemon(SOCK_DGRAM);
+  elog(1, "to syslog");
+  EXPECT_NE(read_all(daemon.get()).find("]: to syslog"), std::string::npos);
+}
+
+TEST_F(DeviceLog, TheLogDaemonGetsRecordsAndMayRestart) {
+  const std::string sender = "DATE zelvind[" + std::to_string(getpid()) + "]: ";
+  for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+    SCOPED_TRACE(type);
+    const std::string end(type == SOCK_STREAM ? 1 : 0, '\0');
+    const auto records = [&](std::initializer_list<const char*> texts) {
+      std::string all;
+      for (const std::string text : texts) all += text.substr(0, 4) + sender + text.substr(4) + end;
+      return all;
+    };
+    Descriptor daemon = log_daemon(type);
+    log_to("syslog");
+    elog_set_level("zelvind", 3);
+    for (int level = 1; level <= 3; ++level) elog(level, "a\nb");
+    {
+      const Descriptor reader = reader_of(daemon, type);
+      EXPECT_EQ(read_records(reader.get()), records({"<29>a", "<29>b", "<30>a", "<30>b", "<31>a", "<31>b"}));
+    }
+    daemon.reset();
+    const log_counts before = counted();
+    elog(1, "nobody is there");
+    daemon = log_daemon(type);
+    elog(1, "it is back");
+    EXPECT_EQ(read_records(reader_of(daemon, type).get()), records({"<29>log: 1 lines lost", "<29>it is back"}));
+    EXPECT_EQ(counted().lost, before.lost + 1);
+    EXPECT_EQ(counted().written, before.written + 1);
+  }
+}
+
+TEST_F(DeviceLog, AFullDiskGluesNoLinesTogether) {
+  elog(1, "before");
+  const auto size = std::filesystem::file_size(root + "/log");
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit full{size + 3, before.rlim_max};
+  const auto former = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &full);
+  const log_counts counts = counted();
+  for (int i = 0; i < 3; ++i) elog(1, "%d does not fit", i);
+  setrlimit(RLIMIT_FSIZE, &before);
+  signal(SIGXFSZ, former);
+  for (int i = 0; i < 2; ++i) elog(1, "there is room");
+  EXPECT_EQ(logged(), "<1> before\n202\n<1> log: 3 lines lost\n<1> there is room\n<1> there is room\n");
+  EXPECT_EQ(counted().lost, counts.lost + 3);
+}
+
+// A reader that reads no more, without going away: the log drops lines, says so when it is read again, and leaves the
+// flags of what it shares as they are.
+TEST_F(DeviceLog, NobodyHoldsItUp) {
+  struct Row {
+    const char* target;
+    const char* through;
+    bool is_opened_anew;
+  };
+  const Row rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
+                      {"stderr", "socket", true}, {"stderr", "terminal", true}, {"syslog", "datagrams", true},
+                      {"syslog", "stream", true}};
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlimit none{3, descriptors.rlim_max};
+  alarm(30);
+  const Descriptor standard_error(dup(STDERR_FILENO));
+  for (const auto& [target, through, is_opened_anew] : rows) {
+    const std::string way = through;
+    int ends[2] = {-1, -1};
+    std::string where = target;
+    Descriptor daemon;
+    if (way == "fifo") {
+      where += root + "/fifo";
+      ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
+      ends[0] = open((root + "/fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    } else if (way == "pipe") {
+      ASSERT_EQ(pipe(ends), 0);
+    } else if (way == "socket") {
+      ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    } else if (way == "terminal") {
+      ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
+      ASSERT_TRUE(grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0);
+      ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+    } else {
+      daemon = log_daemon(way == "stream" ? SOCK_STREAM : SOCK_DGRAM);
+      ends[0] = dup(daemon.get());
+    }
+    if (ends[1] >= 0) dup2(ends[1], STDERR_FILENO);
+    if (!is_opened_anew) setrlimit(RLIMIT_NOFILE, &none);
+    log_to(where);
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+    if (way == "stream") ends[0] = accept(daemon.get(), nullptr, nullptr);
+    const log_counts before = counted();
+    int line = 0;
+    while (counted().lost < before.lost + 3) elog(1, "%d %s", ++line, std::string(200, 'x').c_str());
+    EXPECT_TRUE(ends[1] < 0 || (fcntl(ends[1], F_GETFL) & O_NONBLOCK) == 0) << way;
+    if (ends[0] >= 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    std::string text = read_all(ends[0]);
+    elog(1, "read again");
+    dup2(standard_error.get(), STDERR_FILENO);
+    text += read_all(ends[0]);
+    uint64_t lost = 0;  // a pipe may have room for such a line, and none for the next one
+    for (size_t at = 0; (at = text.find("log: ", at)) != std::string::npos;)
+      lost += strtoul(&text[at += 5], nullptr, 10);
+    EXPECT_EQ(lost, counted().lost - before.lost) << way;
+    EXPECT_LT(text.rfind(" lines lost"), text.find("read again")) << way;
+    log_to("file:" + root + "/log");
+    for (const int end : ends) close(end);
+  }
+  alarm(0);
+}
+
+TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  std::ifstream reader("/proc/self/fd/" + std::to_string(ends[0]));
+  log_to("file:/proc/self/fd/" + std::to_string(ends[1]));
+  close(ends[0]);
+  close(ends[1]);
+  const auto next = [&reader] {
+    std::string line;
+    std::getline(reader, line);
+    return line.substr(line.find("<1> ") + 4);
+  };
+  const log_counts before = counted();
+  alarm(20);
+  for (int i = 0; i < 150; ++i) elog(1, "broken");
+  elog(1, "other");
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(next(), "broken");
+  EXPECT_EQ(next(), "log: last line repeated 50 times");
+  EXPECT_EQ(next(), "other");
+  // Two kinds in turns, and then silence: nothing but the time brings the last sum.
+  for (int i = 0; i < 150; ++i) elog(1, "this\n"), elog(1, "that");
+  EXPECT_EQ(in_child([] { elog(1, "child"); }), 0);  // which has nothing to sum up
+  elog(1, "other");
+  for (int i = 0; i < 100; ++i) EXPECT_EQ((next(), next()), "that");
+  for (const char* const line :
+       {"child", "log: last line repeated 50 times", "other", "this", "log: last line repeated 49 times"}) {
+    EXPECT_EQ(next(), line);
+  }
+  alarm(0);
+  elog(1, "everything is counted");
+  EXPECT_EQ(counted().repeated, before.repeated + 50 + 50 + 49);
+  EXPECT_EQ(counted().written, before.written + 100 + 1 + 200 + 1 + 1 + 1);
+}
+
+TEST(LogRepeats, CountsASecondOfEachLine) {
+  LogRepeats repeats;
+  LogRepeats::Summary summary;
+  const auto number_left_out = [&](const std::string& line, int times, int64_t now) {
+    int number = 0;
+    for (int i = 0; i < times; ++i) {
+      if (repeats.leave_out(1, line, now) > 0) {
+        ++number;
+      } else {
+        repeats.wrote();
+      }
+    }
+    return number;
+  };
+  EXPECT_EQ(number_left_out("a", 100, 5000), 0);
+  EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
+  EXPECT_EQ(number_left_out("a", 20, 5999), 20);
+  EXPECT_EQ(repeats.due_ms(), 6000);
+  EXPECT_FALSE(repeats.take(5999, summary));
+  EXPECT_EQ(repeats.leave_out(1, "a", 6000), 0u);  // the second is over
+  ASSERT_TRUE(repeats.take(6000, summary));
+  EXPECT_EQ(summary.times, 20u);
+  EXPECT_TRUE(summary.is_last);
+  repeats.wrote();
+  EXPECT_EQ(number_left_out("a", 99, 6500), 0);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(number_left_out(std::to_string(i), 101, 7000), 1);
+  EXPECT_EQ(number_left_out("nine kinds are too many", 1000, 7000), 0);
+  for (int i = 0; i < 8; ++i) EXPECT_TRUE(repeats.take(8000, summary)) << i;
+  EXPECT_FALSE(repeats.take(8000, summary));
 }
 
 }  // namespace

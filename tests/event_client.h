@@ -10,6 +10,7 @@
 
 #include "util/descriptor.h"
 #include "util/socket.h"
+#include "util/unix_socket.h"
 
 class EventClient {
  public:
@@ -18,13 +19,28 @@ class EventClient {
     std::string name, info;
   };
 
-  // Connects to the local `port`. With a receive buffer of few bytes a client that does not read stalls soon.
-  explicit EventClient(int port, int receive_buffer = 0) {
+  // Connects to the local `port`. With a receive buffer of few bytes a client that does not read stalls soon. `from`
+  // and `to` are the last bytes of 127.0.0.x.
+  explicit EventClient(int port, int receive_buffer = 0, int from = 1, int to = 1)
+      : fd(socket(AF_INET, SOCK_STREAM, 0)) {
     if (receive_buffer > 0) set(SO_RCVBUF, receive_buffer);
     set(SO_RCVTIMEO, timeval{10, 0});
-    const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) leave();
+    const auto at = [](int number, int its_port) {
+      const in_addr host{htonl(INADDR_LOOPBACK - 1 + static_cast<in_addr_t>(number))};
+      return sockaddr_in{AF_INET, htons(static_cast<uint16_t>(its_port)), host, {}};
+    };
+    const sockaddr_in here = at(from, 0), there = at(to, port);
+    if (from != 1) bind(fd.get(), reinterpret_cast<const sockaddr*>(&here), sizeof(here));
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&there), sizeof(there)) != 0) leave();
   }
+
+  // Connects to the Unix socket at `path`.
+  explicit EventClient(const std::string& path) : fd(unix_stream_socket()) {
+    set(SO_RCVTIMEO, timeval{10, 0});
+    if (unix_connect(fd.get(), path) != 0) leave();
+  }
+
+  bool is_connected() const { return fd.get() >= 0; }
 
   static std::string integer(int64_t value) {
     std::string bytes;
@@ -91,5 +107,5 @@ class EventClient {
     return recv(fd.get(), bytes.data(), size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
 
-  Descriptor fd{socket(AF_INET, SOCK_STREAM, 0)};
+  Descriptor fd;
 };

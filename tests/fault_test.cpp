@@ -154,6 +154,20 @@ TEST(Limit, AScriptEatsTheMemory) {
 
 #endif
 
+// A pipe that is full, and whose other end stays open.
+TEST(Limit, NobodyReadsStandardError) {
+  for (const std::string target : {"file:$ROOT/log", "stderr"}) {
+    SCOPED_TRACE(target);
+    RealDaemon daemon;
+    daemon.launch(
+        "export ELOG_TARGET=" + target +
+        "; mkfifo $ROOT/pipe; exec 2<>$ROOT/pipe; head -c 65536 /dev/zero >&2; $ZELVIND -p $ROOT/pid >/dev/null");
+    ASSERT_TRUE(daemon.read_pid());
+    EXPECT_EQ(daemon.launch("timeout 20 sh -c 'until zelvctl post 1 ping; do sleep 0.01; done' 2>$ROOT/stderr"), 0);
+    EXPECT_EQ(daemon.stop(), 0);
+  }
+}
+
 TEST(Limit, TheDiskUnderTheLogIsFull) {
   RealDaemon daemon;
   daemon.launch("export ELOG_TARGET=file:/dev/full; $ZELVIND -p $ROOT/pid >/dev/null 2>&1");

@@ -1,10 +1,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <random>
@@ -85,9 +87,16 @@ class Listener : public testing::Test {
   void start(int wait_ms, int memory_kib) {
     standin::set_number("listener_wait_ms", wait_ms);
     standin::set_number("listener_memory", memory_kib);
+    start_at("0.0.0.0");
+  }
+
+  // Without an `allow`, every address may connect.
+  void start_at(const std::string& address, const char* allow = nullptr, int expected = 1) {
+    standin::set_text("listener_address", address);
+    if (allow != nullptr) standin::set_text("listener_allow", allow);
     listener.reset();
     listener = std::make_unique<ManagerListener>();
-    ASSERT_EQ(listener->start(), 1);
+    ASSERT_EQ(listener->start(), expected);
     port = number_behind("mlistener: listening on port ");
   }
 
@@ -217,6 +226,183 @@ TEST(SubscriptionCache, AgreesWithTheTypeStrings) {
       ASSERT_EQ((asking.words[i / 64] >> i % 64 & 1) != 0, asks) << step;
     }
   }
+}
+
+TEST(ListenerAccess, AnAddressIsUnderstoodAsAWholeOrNotAtAll) {
+  std::string most;
+  for (int i = 1; i <= 16; ++i) most += (i > 1 ? ",127.0.0." : "127.0.0.") + std::to_string(i);
+  const struct {
+    std::string value, places;
+    bool is_local = false;
+  } rows[] = {{"127.0.0.1", "127.0.0.1", true},
+              {" 192.0.2.7 ,\t/run/a b.sock", "192.0.2.7|/run/a b.sock"},
+              {"0.0.0.0", "0.0.0.0"},
+              {"/a,/b,127.255.255.255", "/a|/b|127.255.255.255", true},
+              {"none", "", true},
+              {most, most, true}};
+  for (const auto& row : rows) {
+    const auto places = parse_listener_address(row.value);
+    ASSERT_TRUE(places) << row.value;
+    std::string found;
+    bool is_local = true;
+    for (const ListenPlace& place : *places) {
+      found += (found.empty() ? "" : row.value == most ? "," : "|") + place.text();
+      is_local = is_local && place.is_local();
+    }
+    EXPECT_EQ(found, row.places);
+    EXPECT_EQ(is_local, row.is_local) << row.value;
+  }
+  const std::string bad[] = {"",
+                             " ",
+                             "127.0.0.1,",
+                             ",/a",
+                             "none,/a",
+                             "None",
+                             "all",
+                             "*",
+                             "localhost",
+                             "::1",
+                             "127.0.0.1:5512",
+                             "127.0.0.1/8",
+                             "127.1",
+                             "0127.0.0.1",
+                             "256.0.0.1",
+                             "127.0.0.1 127.0.0.2",
+                             "0.0.0.1",
+                             "224.0.0.1",
+                             "255.255.255.255",
+                             "run/a.sock",
+                             "/run/",
+                             "/",
+                             "/a,/a",
+                             "127.0.0.1,127.0.0.1",
+                             "0.0.0.0,127.0.0.1",
+                             most + ",/a"};
+  for (const std::string& value : bad) EXPECT_FALSE(parse_listener_address(value)) << value;
+}
+
+TEST(ListenerAccess, OnlyGoodEntriesLetSomebodyIn) {
+  std::string most;
+  for (int i = 1; i <= 65; ++i) most += "10.0.0." + std::to_string(i) + (i < 65 ? "," : "");
+  const struct {
+    std::string list;
+    std::vector<std::string> in, out;
+    std::string bad;
+  } rows[] = {{"10.1.0.0/16, 192.0.2.7", {"10.1.255.255", "192.0.2.7"}, {"10.2.0.0", "10.0.255.255", "192.0.2.6"}, ""},
+              {"0.0.0.0/0", {"0.0.0.0", "255.255.255.255"}, {}, ""},
+              {"10.1.2.3/32", {"10.1.2.3"}, {"10.1.2.2"}, ""},
+              {"10.1.2.3/31\t", {"10.1.2.2", "10.1.2.3"}, {"10.1.2.4"}, ""},
+              {"128.0.0.0/1", {"128.0.0.0", "200.0.0.1"}, {"127.255.255.255"}, ""},
+              {"10.0.0.0/33,10.0.0.1,", {"10.0.0.1"}, {"10.0.0.2"}, "10.0.0.0/33||"},
+              {"", {}, {"127.0.0.1", "0.0.0.0"}, "|"},
+              {"10/8,10.0.0.0/,10.0.0.0/-1,10.0.0.0/08,10.0.0.0 /8,/8,10.0.0.0/8/8,all,::1",
+               {},
+               {"10.0.0.0", "0.0.0.0"},
+               "10/8|10.0.0.0/|10.0.0.0/-1|10.0.0.0/08|10.0.0.0 /8|/8|10.0.0.0/8/8|all|::1|"},
+              {most, {"10.0.0.64"}, {"10.0.0.65"}, "10.0.0.65|"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.list);
+    const AllowedNetworks networks(row.list);
+    for (const std::string& address : row.in) EXPECT_TRUE(networks.has(inet_addr(address.c_str()))) << address;
+    for (const std::string& address : row.out) EXPECT_FALSE(networks.has(inet_addr(address.c_str()))) << address;
+    std::string bad;
+    for (const std::string& entry : networks.bad_entries()) bad += entry + "|";
+    EXPECT_EQ(bad, row.bad);
+  }
+}
+
+TEST_F(Listener, WhatIsNotUnderstoodOpensNothing) {
+  start_at("none");
+  const std::string wrong = "econf: listener_address is '127.0.0.1,5512': expected none, or up to 16 different IPv4 ";
+  start_at("127.0.0.1,5512", nullptr, -1);
+  EXPECT_EQ(standin::log_lines_with(wrong).size(), 1u);
+  EXPECT_EQ(standin::log_lines_with("<1> mlistener: nobody may connect (listener_address)").size(), 2u);
+  EXPECT_EQ(listener->status().address, "");
+  EXPECT_EQ(standin::log_lines_with("only this machine").size(), 0u);
+  forward("door", "for nobody");
+}
+
+// Strangers in any number cost nobody a place, and one line a second.
+TEST_F(Listener, OnlyTheAllowedMayConnect) {
+  start_at("0.0.0.0", "127.0.0.1,127.0.1/24");
+  EXPECT_EQ(standin::log_lines_with("econf: listener_allow has '127.0.1/24': expected up to 64 networks").size(), 1u);
+  limit_descriptors(320 + 2);
+  EventClient silent(port), client(port);
+  subscribe(client, "door");
+  const Stopwatch watch;
+  for (int i = 0; i < 300; ++i) EXPECT_TRUE(EventClient(port, 0, 2).ended());
+  forward("door", "for those who may");
+  EXPECT_EQ(client.read_info(), "for those who may");
+  const ListenerStatus status = listener->status();
+  EXPECT_EQ(status.denied, 300u);
+  EXPECT_EQ(status.clients, 2u);
+  EXPECT_EQ(standin::log_lines_with("new client").size(), 2u);
+  const Lines lines = standin::log_lines_with("<1> mlistener: 127.0.0.2:");
+  EXPECT_LE(lines.size(), static_cast<size_t>(watch.ms() / 1000 + 2));
+  EXPECT_NE(lines.at(0).find(" is not in listener_allow and is closed"), std::string::npos);
+  limit_descriptors(1024);
+}
+
+TEST_F(Listener, ListensWhereItIsToldAndTriesAgain) {
+  const Descriptor taken(sock_listen_tcp(0, htonl(INADDR_LOOPBACK + 2)));
+  sockaddr_in own{};
+  socklen_t size = sizeof(own);
+  getsockname(taken.get(), reinterpret_cast<sockaddr*>(&own), &size);
+  standin::set_number("listener_port", ntohs(own.sin_port));
+  start_at("127.0.0.2, 127.0.0.3, 192.0.2.7", nullptr, -1);  // the last one is not this machine's, but may come up
+  port = ntohs(own.sin_port);
+  const std::string at = sstr("mlistener: port %d at 127.0.0.3 is ", port);
+  EXPECT_EQ(standin::log_lines_with(at + "in use, trying again").size(), 1u);
+  EXPECT_EQ(standin::log_lines_with("only this machine").size(), 0u);
+  EXPECT_EQ(listener->status().not_open, "127.0.0.3");
+  EXPECT_TRUE(EventClient(port, 0, 1, 2).is_connected());
+  EXPECT_FALSE(EventClient(port, 0, 1, 1).is_connected());
+  shutdown(taken.get(), SHUT_RDWR);  // no longer listens
+  ASSERT_TRUE(standin::wait_for_line(at + "open now"));
+  EXPECT_TRUE(EventClient(port, 0, 1, 3).is_connected());
+  EXPECT_EQ(listener->status().not_open, "");
+}
+
+TEST_F(Listener, ServesProcessesOfThisMachineAtAUnixSocket) {
+  const std::string folder = testing::TempDir() + sstr("zelvind-listener-%d", getpid());
+  setenv("DEVICE_ROOT", folder.c_str(), 1);
+  const std::string path = folder + "/run/z/events.sock", other = folder + "/run/other.sock";
+  std::filesystem::create_directories(folder + "/run/z");
+  const Descriptor stale(unix_stream_socket()), strangers(unix_stream_socket());
+  for (const auto& [fd, where] : {std::pair(stale.get(), path), {strangers.get(), other}}) {
+    ASSERT_EQ(unix_bind(fd, where) + listen(fd, 100), 0);
+  }
+  shutdown(stale.get(), SHUT_RDWR);
+  const mode_t before = umask(0);
+  start_at("/run/z/events.sock, /run/other.sock", "10.0.0.0/8", -1);
+  umask(before);
+  EXPECT_EQ(standin::log_lines_with(other + " belongs to another program: no client can connect there").size(), 1u);
+  EXPECT_EQ(standin::log_lines_with("<1> mlistener: only this machine may connect (listener_address)").size(), 1u);
+  struct stat status {};
+  stat(path.c_str(), &status);
+  EXPECT_EQ(status.st_mode, S_IFSOCK | mode_t{0660});
+
+  const std::string self = sstr("process %d of user %u", getpid(), getuid());
+  limit_descriptors(320 + 1);
+  EventClient first(path);
+  subscribe(first, "door");
+  forward("door", std::string(100000, '.'));
+  EXPECT_EQ(first.read_info().size(), 100000u);
+  EXPECT_EQ(listener->client_list()[0].address, self);
+  EXPECT_TRUE(EventClient(path).ended());
+  EXPECT_EQ(standin::log_lines_with("too many clients, " + self + " is refused").size(), 1u);
+  limit_descriptors(1024);
+  first.leave();
+  EXPECT_TRUE(standin::wait_for_line("delete client"));
+  const EventClient waiting(path);
+  EXPECT_TRUE(standin::wait_for_line("new client", 2));
+  unlink(path.c_str());  // it comes back
+  EXPECT_TRUE(standin::wait_for_line("is made: clients can connect there"));
+  listener->stop();
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_TRUE(EventClient(other).is_connected());
+  unsetenv("DEVICE_ROOT");
+  std::filesystem::remove_all(folder);
 }
 
 TEST_F(Listener, EventPacketsArriveByteForByte) {

@@ -87,9 +87,9 @@ TEST(Zelvctl, ListensToPatternsOverTheControlSocket) {
   const std::string line = "1795375593.001234 door a=1\n";
   root.expect_zelvctl("listen 'd*' 'ga?e' 'x*'", 1, line, warning + gone);
   root.expect_zelvctl("listen --all --count 1", 0, line, "");
-  root.expect_zelvctl(
-      "listen --all --host 192.0.2.1", 2, "",
-      "zelvctl: --all and patterns of names are for the daemon of this machine: leave out --host and --port\n");
+  root.expect_zelvctl("listen --all --host 192.0.2.1", 2, "",
+                      "zelvctl: --all and patterns of names are for the daemon of this machine: leave out --host, "
+                      "--port and --socket\n");
   root.expect_zelvctl("listen --all door", 2, "", "zelvctl: expected names of events, or --all\n");
   root.expect_zelvctl("listen door 'x'", 1, "",
                       "zelvctl: warning: no script handles 'x', and no such event has come since the daemon started\n"

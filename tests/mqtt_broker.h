@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +74,7 @@ class MqttBroker {
                                        << (geteuid() == 0 ? "user root\n" : "") << configuration;
     pid = fork();
     if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves no broker behind
       const std::string line =
           "PATH=$PATH:/usr/sbin; exec mosquitto -c '" + folder.file("conf") + "' >>'" + folder.file("log") + "' 2>&1";
       execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
@@ -94,6 +96,9 @@ class MqttBroker {
     }
     pid = 0;
   }
+  // Stops or continues it, as a machine that hangs.
+  void hang(bool on) const { kill(pid, on ? SIGSTOP : SIGCONT); }
+
   int port() const { return used_port; }
 
   TemporaryFolder folder;

@@ -133,13 +133,18 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
   const std::string settings = "ROOT/opt/flash/mtd4-cfg/zelvind.info";
   daemon.launch(
       "cd $ROOT/scripts; rm server_event.lua; mkdir b.lua; mkfifo 'f\n.lua'; cd ../opt/flash/mtd4-cfg;"
-      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\ndoor = 1\ndll_path = /none\n' "
+      "sed -i 's/= 0/= 5x/' zelvind.info; printf 'nonsense\nscipt_path = x\ndoor = 1\ndll_path = "
+      "/none\nlistener_address = eth0\n' "
       ">>zelvind.info");
   daemon.expect_zelvctl(
       "check", 1,
       settings + ":4: warning: the line is not 'key = value'\n" + settings +
           ": warning: the daemon has no setting 'door'\n" + settings +
-          ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" + settings +
+          ": warning: listener_address is 'eth0': expected none, or up to 16 different IPv4 addresses and absolute "
+          "paths of "
+          "Unix sockets with commas between them; no client can connect\n" +
+          settings + ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" +
+          settings +
           ": warning: the daemon has no setting 'scipt_path'; did you mean script_path?\n"
           "/none: warning: dll_path: No such file or directory\n"
           "ROOT/scripts/config.lua:1: '<name>' expected near '('\n"
@@ -147,7 +152,7 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
           "ROOT/scripts/b.lua: is not a regular file\n"
           "ROOT/scripts/f\\n.lua: is not a regular file\n"
           "ROOT/scripts/lib/a/b.lua:1: unexpected symbol near '='\n",
-      "zelvctl: 5 faults, 5 warnings; undefined globals were not checked\n");
+      "zelvctl: 5 faults, 6 warnings; undefined globals were not checked\n");
   daemon.write("opt/flash/mtd4-cfg/zelvind.info", "script_path = /none\n");
   daemon.expect_zelvctl("check", 1, "/none: script_path: No such file or directory\n",
                         "zelvctl: 1 fault; undefined globals were not checked\n");
@@ -187,10 +192,23 @@ TEST(Check, WarnsOfUndefinedGlobalsWhereLuacheckIsInstalled) {
   }
 }
 
+std::string as(const char* user, const char* group) {
+  return "setpriv --reuid=" + std::string(user) + " --regid=" + group + " --clear-groups ";
+}
+
+// Has root give nobody what the daemon needs. Returns false when root does not run the test, or nobody cannot run the
+// daemon.
+bool is_for_nobody(const RealDaemon& daemon) {
+  return daemon.launch(
+             "cd $ROOT; chmod 755 .; install -d run; touch log pid; install -d -o 65534 -g 65534 run/zelvind;"
+             "chown 65534 log pid; " +
+             as("65534", "65534") + "test -x $ZELVIND") == 0;
+}
+
 TEST(Check, RootReadsScriptsAsTheDaemonDoes) {
   RealDaemon daemon;
-  const std::string as_nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
-  if (daemon.launch("chmod 777 $ROOT; " + as_nobody + "test -x $ZELVIND") != 0) GTEST_SKIP() << "needs root";
+  if (!is_for_nobody(daemon)) GTEST_SKIP() << "needs root";
+  const std::string as_nobody = as("65534", "65534");
   ASSERT_TRUE(daemon.start(as_nobody + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
   daemon.launch("umask 077; echo >$ROOT/scripts/a.lua");
   daemon.expect_zelvctl("check", 1, "ROOT/scripts/a.lua: Permission denied for user 65534\n",
@@ -258,12 +276,8 @@ TEST(Reload, AFaultNeverReachesTheDaemonAndTheVerdictIsTold) {
 
 TEST(Reload, IsForTheDaemonsGroupAndRunStartsNoSecondDaemonForAnybody) {
   RealDaemon daemon;
-  const auto as = [](const char* user, const char* group) {
-    return "setpriv --reuid=" + std::string(user) + " --regid=" + group + " --clear-groups ";
-  };
-  const std::string owner = as("65534", "65534");
-  if (daemon.launch("chmod 777 $ROOT; " + owner + "test -x $ZELVIND") != 0) GTEST_SKIP() << "needs root";
-  ASSERT_TRUE(daemon.start(owner + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
+  if (!is_for_nobody(daemon)) GTEST_SKIP() << "needs root";
+  ASSERT_TRUE(daemon.start(as("65534", "65534") + "$ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
   const std::string process = "the daemon (process " + std::to_string(daemon.process()) + ")";
   const std::string runs = process + " is already running below ROOT; --force starts another one\n";
   const std::string unseen = ": Permission denied; a daemon may run already, and --force starts another one\n";
@@ -319,6 +333,63 @@ TEST(Reload, WatchesTheScripts) {
   EXPECT_EQ(daemon.stop(), 0);
   wanted += "zelvctl: " + process + " has gone\n";
   EXPECT_TRUE(wait_until(is_said));
+}
+
+// `make` stands in ROOT/run/zelvind before the daemon starts.
+TEST(RunFolder, TakesNothingThatOthersHavePrepared) {
+  const std::string no_events = "): no events from other processes";
+  const std::string not_asked = "): zelvctl cannot ask this daemon";
+  const std::string not_ours = "ROOT/run/zelvind: others can put their sockets into the place of ours";
+  const std::string irregular = "it is not a regular file";
+  const struct {
+    std::string make, line;
+    bool needs_root = false;
+  } rows[] = {
+      {"mkfifo state.new", ""},
+      {"ln ../../victim state.new", ""},
+      {"ln -s ../../victim state.new; ln -s ../../victim state", ""},
+      {"mkfifo state", ""},
+      {"mkfifo events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (" + irregular + no_events},
+      {"ln ../../victim events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (it has another link" + no_events},
+      {"ln -s ../../victim events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (" + irregular + no_events},
+      {"mkdir control.lock", "control: cannot use ROOT/run/zelvind/control.lock (" + irregular + not_asked},
+      {">events.lock; chown 12345 events.lock",
+       "evq: cannot use ROOT/run/zelvind/events.lock (it belongs to another user" + no_events, true},
+      {"chown 12345 .", "control: ROOT/run/zelvind belongs to user 12345" + not_ours.substr(16), true},
+      {"chmod 1777 .", "control: all users may write to " + not_ours},
+  };
+  for (const auto& row : rows) {
+    if (row.needs_root && geteuid() != 0) continue;
+    SCOPED_TRACE(row.make);
+    RealDaemon daemon;
+    daemon.write("victim", "precious");
+    daemon.launch("mkdir -p $ROOT/run/zelvind; cd $ROOT/run/zelvind; " + row.make);
+    ASSERT_TRUE(daemon.start());
+    EXPECT_TRUE(row.line.empty() || daemon.text_of("log").find("<1> " + row.line + "\n") != std::string::npos);
+    EXPECT_EQ(daemon.count("<1> evq: ") + daemon.count("<1> control: ") + daemon.count("<1> service: "),
+              row.line.empty() ? 0u : 1u);
+    const std::string state = std::to_string(daemon.process()) + " ready 0\n";
+    EXPECT_TRUE(row.line.find("evq: ") == 0 ||
+                wait_until([&] { return read_file(daemon.path("run/zelvind/state")) == state; }));
+    EXPECT_EQ(daemon.launch("timeout 20 env PATH=${ZELVIND%/*} zelvctl check >/dev/null"), 0);  // reads locks
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(read_file(daemon.path("victim")), "precious");
+  }
+  if (geteuid() != 0) GTEST_SKIP() << "the rows with another user's files need root";
+}
+
+TEST(RunFolder, OthersReadWhatIsThereForThemWhateverTheUmask) {
+  for (const std::string mask : {"0000", "0077"}) {
+    RealDaemon daemon;
+    ASSERT_TRUE(daemon.start("umask " + mask + "; $ZELVIND -p $ROOT/pid >/dev/null 2>&1"));
+    for (const char* const file : {"pid", "run/zelvind/state"}) {
+      ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(daemon.path(file)); }));
+      EXPECT_EQ(std::filesystem::status(daemon.path(file)).permissions(), std::filesystem::perms{0644}) << file;
+    }
+    const std::string status = read_file("/proc/" + std::to_string(daemon.process()) + "/status");
+    EXPECT_NE(status.find("\nUmask:\t" + mask + "\n"), std::string::npos);  // scripts have what their user has set
+    EXPECT_EQ(daemon.stop(), 0);
+  }
 }
 
 TEST(Run, EndsAsTheDaemonDoes) {

@@ -90,10 +90,10 @@ class RealDaemon {
     launch(command);
     return read_pid() && wait_for("zelvind: complete to start program");
   }
-  // Waits for the process id in ROOT/pid.
-  bool read_pid() {
-    const auto complete = [&] { return read_file(path("pid")).find('\n') != std::string::npos; };
-    if (wait_until(complete)) pid = static_cast<pid_t>(std::stol(read_file(path("pid"))));
+  // Waits for the process id in ROOT/`file`.
+  bool read_pid(const std::string& file = "pid") {
+    const auto complete = [&] { return read_file(path(file)).find('\n') != std::string::npos; };
+    if (wait_until(complete)) pid = static_cast<pid_t>(std::stol(read_file(path(file))));
     return pid > 0;
   }
   // The number that follows `part` where it comes last in the log.

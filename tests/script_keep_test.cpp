@@ -95,6 +95,7 @@ TEST_F(ScriptKeep, PutsAsideWhatItHasNotWritten) {
       {"mkfifo $F", "it is not a regular file"},
       {"mkdir $F", "it is not a regular file"},
       {"ln -s /etc/passwd $F", "it is not a regular file"},
+      {": > $F.other; ln $F.other $F", "it has another link"},
   };
   for (const auto& [command, reason] : rows) {
     SCOPED_TRACE(command);
@@ -147,7 +148,7 @@ TEST_F(ScriptKeep, BearsAFolderThatCannotBeUsed) {
   run_lua("a = keep('a') a.n = 1");
   std::filesystem::create_directories(file("a.new"));
   for (int i = 0; i < 3; ++i) pass(30000), usleep(50000);
-  EXPECT_EQ(lines(), "failed to write a.keep: File exists|");
+  EXPECT_EQ(lines(), "failed to write a.keep: Is a directory|");
   std::filesystem::remove(file("a.new"));
   EXPECT_TRUE(written_by_timer("a.keep"));
 }

@@ -27,6 +27,7 @@ struct Device {
   std::deque<std::unique_ptr<Event>> queue;
   std::vector<std::string> lines;
   std::map<std::string, int> numbers;
+  std::map<std::string, std::string> texts;
   int refusals = 0, arranged = 0, full_waits = 0;
   bool idle = false, woken = false;
 };
@@ -86,6 +87,7 @@ void wait_until_idle() {
 // clang-format off
 void reset() { *Locked().operator->() = Device(); }
 void set_number(const std::string& key, int value) { Locked()->numbers[key] = value; }
+void set_text(const std::string& key, const std::string& value) { Locked()->texts[key] = value; }
 void refuse_posts(int count) { Locked()->refusals = count; }
 std::vector<std::string> log_lines() { return Locked()->lines; }
 std::vector<std::string> log_lines_with(const std::string& part) { return Locked().lines_with(part); }
@@ -137,13 +139,18 @@ int event_post(int type, const char* type_name, const char* info) {
   return 1;
 }
 
+int econf_get_str(econf_handle*, const char* key, char* text, int size) {
+  const Locked device;
+  const auto found = device->texts.find(key);
+  return found == device->texts.end() ? -1 : snprintf(text, static_cast<size_t>(size), "%s", found->second.c_str());
+}
+
 // clang-format off
 int event_pending() { return static_cast<int>(Locked()->queue.size()); }
 void event_item_free(event_item* item) { delete static_cast<Event*>(item); }
 void event_arrange() { ++Locked()->arranged; }
 econf_handle* econf_open(int, const char*, const char*) { return reinterpret_cast<econf_handle*>(Locked::device); }
 int econf_get_int(econf_handle*, const char* key, int* value) { return *value = Locked()->numbers[key], 0; }
-int econf_get_str(econf_handle*, const char*, char*, int) { return -1; }
 void econf_close(econf_handle*) {}
 int econf_init(lua_State*) { return 1; }
 void econf_cleanup() {}

@@ -1,5 +1,5 @@
 // A device made for tests, linked behind the headers of device/: events from a queue, log lines into a vector, and a
-// store in which every number is 0 unless it is set. Everything may be called from any thread.
+// store in which every number is 0 and no text is there unless it is set. Everything may be called from any thread.
 #pragma once
 
 #include <string>
@@ -7,11 +7,12 @@
 
 namespace standin {
 
-// Forgets events, log lines and numbers of the store.
+// Forgets events, log lines and values of the store.
 void reset();
 
-// Sets a number of the store.
+// Sets a value of the store.
 void set_number(const std::string& key, int value);
+void set_text(const std::string& key, const std::string& value);
 
 // Adds an event at the end of the queue.
 void post(int type, const std::string& type_name, const std::string& info);

@@ -70,7 +70,7 @@ std::string CommandMemory::read() {
 bool CommandMemory::take_line(std::string_view line) {
   const std::string_view id = take_item(line, ' ');
   if (!is_command_id(id) || find(id) != nullptr) return false;
-  const std::string begin = "{\"id\":\"" + std::string(id) + "\",";
+  const std::string begin = R"({"id":")" + std::string(id) + "\",";
   const bool is_whole = line.substr(0, begin.size()) == begin && line.back() == '}' && line.size() <= kAnswerRemembered;
   entries.push_back({std::string(id), is_whole ? std::string(line) : ""});
   if (entries.size() > kCommandsRemembered) entries.pop_front();

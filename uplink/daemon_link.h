@@ -43,9 +43,9 @@ class DaemonLink {
     uint64_t connects = 0;
   };
 
-  // Follows the daemon below `root` behind `position`, the id of an event; empty: from the next event on. `names` are
-  // patterns, at most 32.
-  DaemonLink(std::string the_root, const std::vector<std::string>& names, const std::string& position,
+  // Follows the daemon below `the_root` behind `last_known`, the id of an event; empty: from the next event on. `names`
+  // are patterns, at most 32.
+  DaemonLink(std::string the_root, const std::vector<std::string>& names, const std::string& last_known,
              Events all_events);
 
   // For the poll loop: what to wait for, how long at most (ms, -1: for as long as it takes), and what then is to be

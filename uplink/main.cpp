@@ -36,7 +36,7 @@ int signal_descriptor() {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   return above_standard_streams(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
@@ -56,7 +56,7 @@ std::optional<uint64_t> begin_session(const std::string& folder, Descriptor& fil
   if (file.get() >= 0 && pread(file.get(), text, sizeof(text) - 1, 0) < 0) text[0] = '\0';
   const uint64_t session = strtoull(text, nullptr, 10) + 1;
   const int size = snprintf(text, sizeof(text), "%llu\n", static_cast<unsigned long long>(session));
-  if (pwrite(file.get(), text, static_cast<size_t>(size), 0) != size || fdatasync(file.get()) != 0) {
+  if (file.get() < 0 || pwrite(file.get(), text, static_cast<size_t>(size), 0) != size || fdatasync(file.get()) != 0) {
     elog(1, "uplink: cannot write %s (%s): this session is not counted", path.c_str(), strerrordesc_np(errno));
   }
   return session;
@@ -84,9 +84,7 @@ int run(const std::string& root) {
   return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int begin(int argc, char** argv) {
   CLI::App app("Sends events of zelvind to an MQTT broker, and takes commands from there. The settings are in " +
                    std::string(kUplinkSettingsPath) + "; SIGHUP connects anew, SIGTERM ends.",
                kProgram);
@@ -103,10 +101,16 @@ int main(int argc, char** argv) {
   std::string ignored;
   if (!under_device_root("/", ignored)) return kUsage;
   const char* const of_environment = secure_getenv("DEVICE_ROOT");
+  return run(of_environment == nullptr ? "" : of_environment);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return run(of_environment == nullptr ? "" : of_environment);
+    return begin(argc, argv);
   } catch (const std::exception& error) {
-    complain(error.what());
+    fprintf(stderr, "%s: %s\n", kProgram, error.what());
     return 1;
   }
 }

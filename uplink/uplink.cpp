@@ -127,8 +127,10 @@ void Uplink::take_gap(const std::string& first, const std::string& last, uint64_
   gap.last_id = last;
   gap.count = count;
   lost += count;
-  elog(1, "uplink: events from %s to %s are lost, %s of them", first.c_str(), last.c_str(),
-       count == 0 ? "nobody knows how many" : std::to_string(count).c_str());
+  if (const auto left_out = lost_limit.allow()) {
+    elog(1, "uplink: events from %s to %s are lost, %s of them%s", first.c_str(), last.c_str(),
+         count == 0 ? "nobody knows how many" : std::to_string(count).c_str(), left_out->text);
+  }
   outbox.add(std::move(gap), steady_ms());
 }
 
@@ -287,7 +289,10 @@ std::string Uplink::stats() {
   if (!link.last_error.empty()) lines.key("error", link.last_error);
 
   lines.line("daemon").key("state", std::string(source.following ? "following" : "away"));
-  lines.key("since_s", since(source.since_ms)).key("connects", source.connects).key("events", taken_over).key("lost", lost);
+  lines.key("since_s", since(source.since_ms))
+      .key("connects", source.connects)
+      .key("events", taken_over)
+      .key("lost", lost);
   if (!source.run.empty()) lines.key("run", source.run);
   if (!outbox.position().empty()) lines.key("position", outbox.position());
   if (!source.last_error.empty()) lines.key("error", source.last_error);

@@ -16,12 +16,13 @@
 #include "uplink/spool.h"
 #include "uplink/uplink_settings.h"
 #include "uplink/uplink_status.h"
+#include "util/rate_limit.h"
 
 // One thread only.
 class Uplink {
  public:
-  // `root`: DEVICE_ROOT or empty, also in the environment. `session` counts the program's starts.
-  Uplink(UplinkSettings all_settings, std::string the_root, uint64_t session);
+  // `root`: DEVICE_ROOT or empty, also in the environment. `starts` of the program are its session.
+  Uplink(UplinkSettings all_settings, std::string the_root, uint64_t starts);
 
   // Works until SIGTERM or SIGINT can be read from `signals`, a signalfd; SIGHUP connects to the broker anew. Then
   // brings to the disk what is not acknowledged and says goodbye: 3 s at most, whatever the broker does.
@@ -79,5 +80,6 @@ class Uplink {
   int64_t no_post_before = 0;  // the daemon has taken in nothing
   uint64_t taken_over = 0;     // that were taken over
   uint64_t lost = 0;
+  RateLimit lost_limit;
   std::deque<std::pair<int64_t, uint64_t>> published;  // counts in the last seconds
 };

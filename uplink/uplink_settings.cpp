@@ -187,6 +187,7 @@ class Reader {
     std::string& prefix = settings.prefix;
     const std::string written = prefix.empty() ? "zelvind/%i" : prefix;
     prefix = written;
+    if (settings.device.empty()) return;  // that is the problem
     for (size_t at = 0; (at = prefix.find("%i", at)) != std::string::npos; at += settings.device.size()) {
       prefix.replace(at, 2, settings.device);
     }

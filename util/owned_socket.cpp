@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "util/device_root.h"
+#include "util/file_trust.h"
 #include "util/mutex.h"
 #include "util/unix_socket.h"
 
@@ -32,6 +33,18 @@ pid_t read_owner(int fd) {
   char text[16] = "";
   const ssize_t got = pread(fd, text, sizeof(text) - 1, 0);
   return got > 0 ? static_cast<pid_t>(strtol(text, nullptr, 10)) : 0;
+}
+
+// Gives the socket at `path` its mode where the umask has narrowed it. By a descriptor: whoever may write to the folder
+// may have put a link to another file of ours there.
+bool open_to_group(const std::string& path) {
+  const Descriptor made(above_standard_streams(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)));
+  struct stat status {};
+  if (made.get() < 0 || fstat(made.get(), &status) != 0) return false;
+  errno = EEXIST;
+  if (!S_ISSOCK(status.st_mode) || status.st_uid != geteuid()) return false;
+  const std::string same = "/proc/self/fd/" + std::to_string(made.get());
+  return (status.st_mode & ALLPERMS) == kSocketMode || chmod(same.c_str(), kSocketMode) == 0;
 }
 
 }  // namespace
@@ -127,10 +140,14 @@ bool OwnedSocket::take_change() const {
 bool OwnedSocket::take_lock() {
   std::string lock_path;
   under_device_root(names.lock_path, lock_path);
-  // Nobody else may open it: a process that can read a file can lock it.
-  lock.reset(above_standard_streams(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
-  if (lock.get() < 0) {
-    say_cannot_make(lock_path);
+  // Nobody else may open it: a process that can read a file can lock it. It stays for ever, so what stands there may be
+  // anything, and only a file that nobody else has made or named is written.
+  constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  lock.reset(above_standard_streams(::open(lock_path.c_str(), kFlags, 0600)));
+  const char* const foreign = lock.get() < 0 ? why_not_a_file(errno) : why_not_ours(lock.get());
+  if (lock.get() < 0 || foreign != nullptr) {
+    foreign == nullptr ? say_cannot_make(lock_path) : say("cannot use " + lock_path + " (" + foreign + ")");
+    lock.reset();
     return false;
   }
   if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -147,7 +164,19 @@ bool OwnedSocket::take_lock() {
   return true;
 }
 
+// Whether a program that knows nothing of our lock listens at the path: only a socket that refuses is left over.
+bool OwnedSocket::others_listen() const {
+  if (!names.spares_others) return false;
+  const Descriptor probe(unix_stream_socket());
+  if (probe.get() < 0 || fcntl(probe.get(), F_SETFL, O_NONBLOCK) != 0) return true;
+  return unix_connect(probe.get(), path) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+}
+
 bool OwnedSocket::make_socket() {
+  if (others_listen()) {
+    say(path + " belongs to another program");
+    return false;
+  }
   remove_at_exit_too();
   const MutexLock lock_of_files(g_files);
   struct stat status {};
@@ -164,7 +193,7 @@ bool OwnedSocket::make_socket() {
   maker = getpid();
   device = status.st_dev;
   inode = status.st_ino;
-  if (chmod(path.c_str(), kSocketMode) == 0 && listen(fd, SOMAXCONN) == 0) return true;
+  if (open_to_group(path) && listen(fd, SOMAXCONN) == 0) return true;
   say_cannot_make(path);
   return false;
 }

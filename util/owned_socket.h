@@ -26,9 +26,10 @@ class OwnedSocket {
     const char* lost_line;  // for the log: "%s" is why there is no socket,
     const char* made_line;  // and here the path of the one that was made after all
     void (*log)(int level, const char* format, ...);
+    bool spares_others = false;  // does not replace a socket at which another program listens: a user chose the path
   };
 
-  // `all_names` and the texts in it must live as long as the process.
+  // `all_names` and the texts in it must live as long as the object.
   explicit OwnedSocket(const Names& all_names) : names(all_names) {}
   OwnedSocket(const OwnedSocket&) = delete;
   OwnedSocket& operator=(const OwnedSocket&) = delete;
@@ -67,6 +68,7 @@ class OwnedSocket {
   bool make();
   bool take_lock();
   bool make_socket();
+  bool others_listen() const;
   void watch_folder();
   bool is_in_place() const;
   void say_cannot_make(const std::string& file);

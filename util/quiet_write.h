@@ -1,5 +1,7 @@
-// Writing to a standard stream or a log whose reader may be gone.
+// Writing to a file, and to a standard stream or a log whose reader may be gone or asleep.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 
@@ -7,6 +9,38 @@
 // second for room, each time. Returns false, with errno set, when not everything could be written. Any thread.
 bool write_fully(int fd, const char* data, size_t size);
 
-// As write_fully, for a pipe or a terminal. Consumes the SIGPIPE that it raises before any handler sees it: a dead log
-// must not cause another log line. A SIGPIPE that was pending before stays pending. Keeps the thread's signal mask.
+// A place for lines that must not hold up the writer: a write there never waits for the reader of a pipe, a terminal or
+// a socket. (For a disk it does.) Nor does a SIGPIPE of it reach a handler: a dead log must not cause another log line.
+//
+// Plain memory without a destructor: the log outlives everything. Not thread-safe.
+class QuietOutput {
+ public:
+  // Writes to `fd` from now on, which stays the caller's and open. Its flags stay as they are, since they belong to
+  // whoever else has the same pipe or terminal: so that is opened anew, for us alone. Where that is not allowed, each
+  // write asks for room before it. Then another writer who takes the room in between can still hold us up.
+  void use(int fd);
+
+  // Writes to `fd` from now on and owns it. It must be non-blocking unless it is a file.
+  void own(int fd);
+
+  // Closes what is its own.
+  void close();
+
+  // The descriptor to wait with, or -1.
+  int descriptor() const { return output; }
+
+  // Writes what is taken at once: returns how much, or -1 with errno set, EAGAIN when nothing is taken now.
+  ssize_t write(const char* data, size_t size) const;
+
+ private:
+  int output = -1;
+  bool is_own = false;
+  bool is_socket = false;
+  bool raises_sigpipe = false;
+  bool asks_first = false;
+};
+
+// Writes a line through a QuietOutput to `fd`, usually standard error. Returns false, with errno set, when not
+// everything was taken at once. A SIGPIPE that was pending before stays pending. Keeps the thread's signal mask. Any
+// thread.
 bool write_quietly(int fd, const char* data, size_t size);

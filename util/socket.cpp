@@ -25,7 +25,7 @@ int sock_errno_class() {
   return errno == EAGAIN ? -11 : errno == EINPROGRESS ? -10 : -1;
 }
 
-int sock_listen_tcp(int port) {
+int sock_listen_tcp(int port, in_addr_t address) {
   if (port < 0 || port > 65535) {
     errno = EINVAL;
     return SOCK_ERR_BIND;
@@ -34,11 +34,13 @@ int sock_listen_tcp(int port) {
   if (fd.get() < 0) return SOCK_ERR_SOCKET;
   const int on = 1;
   if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0) return SOCK_ERR_SOCKOPT;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) return SOCK_ERR_BIND;
+  const bool may_come_up = address != INADDR_ANY;
+  if (may_come_up && setsockopt(fd.get(), IPPROTO_IP, IP_FREEBIND, &on, sizeof(on)) < 0) return SOCK_ERR_SOCKOPT;
+  sockaddr_in place{};
+  place.sin_family = AF_INET;
+  place.sin_addr.s_addr = address;
+  place.sin_port = htons(static_cast<uint16_t>(port));
+  if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&place), sizeof(place)) < 0) return SOCK_ERR_BIND;
   if (listen(fd.get(), INT_MAX) < 0) return SOCK_ERR_LISTEN;
   return fd.release();
 }

@@ -3,9 +3,9 @@
 // function may be called from any thread. Descriptors made here are close-on-exec and never below 3.
 #pragma once
 
-#include <cstdint>
+#include <netinet/in.h>
 
-struct sockaddr_in;
+#include <cstdint>
 
 constexpr int SOCK_ERR_SOCKET = -20001;   // creating the socket failed
 constexpr int SOCK_ERR_SEND = -20003;     // sending failed; the connection is of no use any more
@@ -26,11 +26,11 @@ uint32_t sock_now_ms();
 // Class of the calling thread's errno: -11 EAGAIN, -10 EINPROGRESS, -1 anything else.
 int sock_errno_class();
 
-// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, with SO_REUSEADDR and the
-// longest backlog that the system allows: a client that finds it full tries again only after a second. Returns the
-// descriptor, which the caller closes with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with
-// EINVAL.
-int sock_listen_tcp(int port);
+// A TCP socket that listens on `port` (0 lets the kernel choose) of every IPv4 address, or of `address` alone, which is
+// in network byte order and may come up later (IP_FREEBIND); with SO_REUSEADDR and the longest backlog that the system
+// allows: a client that finds it full tries again only after a second. Returns the descriptor, which the caller closes
+// with sock_close, or a code; a port outside 0 to 65535 is SOCK_ERR_BIND with EINVAL.
+int sock_listen_tcp(int port, in_addr_t address = INADDR_ANY);
 
 // Waits at most timeout_ms (negative counts as 0) until `fd` can be read. Returns 1 readable, 0 timed out, or
 // SOCK_ERR_SELECT.

@@ -41,7 +41,7 @@ void check_settings(const ScriptFolders& folders, Findings& findings) {
     if (setting == nullptr) {
       findings.warn(path, "the daemon has no setting '" + key + "'" + suggestion_for(key, known));
     } else if (const std::string problem = settings::problem(*setting, value); !problem.empty()) {
-      findings.warn(path, problem + "; it is not used");
+      findings.warn(path, problem);
     }
   }
   const bool has_scripts = why_unreadable_file(script_in(folders.daemon, "config.lua")).empty();
@@ -84,7 +84,7 @@ void check_uplink(const std::string& root, Findings& findings) {
     return findings.warn(path, "was not checked: " + why_unreadable_file(path));
   }
   const UplinkSettingsResult result = read_uplink_settings(root);
-  for (const std::string& problem : result.problems) findings.fault(path + ": " + problem);
+  for (const std::string& problem : result.problems) findings.fault(sstr("%s: %s", path.c_str(), problem.c_str()));
   for (const std::string& warning : result.warnings) findings.warn(path, warning);
 }
 

@@ -14,10 +14,10 @@ constexpr std::string_view kRepeated[] = {"source", "event",   "tag",   "poster"
                                           "file",   "handler", "timer", "task"};
 
 // Values that are texts, also those that look like numbers.
-constexpr std::string_view kTexts[] = {"version", "run",      "state",       "root",      "exe",     "device", "lua",
-                                       "tag",     "event",    "where",       "activity",  "socket",  "name",   "text",
-                                       "result",  "module",   "last_result", "last_text", "address", "path",   "wants",
-                                       "host",    "position", "place",       "error",     "refusal"};
+constexpr std::string_view kTexts[] = {"version", "run",      "state",       "root",      "exe",     "device",  "lua",
+                                       "tag",     "event",    "where",       "activity",  "socket",  "name",    "text",
+                                       "result",  "module",   "last_result", "last_text", "address", "path",    "wants",
+                                       "host",    "position", "place",       "error",     "refusal", "not_open"};
 
 template <size_t size>
 bool is_among(const std::string_view (&list)[size], const std::string& word) {

@@ -7,6 +7,7 @@
 
 #include "ctl/human_text.h"
 #include "ctl/process.h"
+#include "device/listener_access.h"
 #include "util/text.h"
 
 namespace {
@@ -97,6 +98,18 @@ std::string script_error_text(const AnswerLine& error) {
   const std::string event = error.text("event");
   return shown(error.text("tag"), kNameWidth) + (event.empty() ? "" : " of " + shown(event, kNameWidth)) + ": " +
          first_line(error, "text");
+}
+
+std::string listener_text(const AnswerLine& listener) {
+  const std::string address = listener.text("address", kEveryAddress);
+  const uint64_t port = listener.count("port");
+  if (address == "none") return "closed to everybody";
+  if (address.empty() || address == kEveryAddress) return "port " + (port == 0 ? "not open" : std::to_string(port));
+  const auto places = parse_listener_address(address).value_or(std::vector<ListenPlace>());
+  const bool has_port = std::any_of(places.begin(), places.end(), [](const auto& place) { return place.path.empty(); });
+  const bool is_local = std::all_of(places.begin(), places.end(), [](const auto& place) { return place.is_local(); });
+  const std::string number = !has_port ? "" : port == 0 ? "port not open, " : "port " + std::to_string(port) + " ";
+  return number + "at " + shown(address, kPlaceWidth) + (is_local ? ", for this machine only" : "");
 }
 
 std::string client_text(const AnswerLine& client) {

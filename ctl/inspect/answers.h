@@ -54,7 +54,13 @@ std::string first_line(const AnswerLine& line, const char* key);
 // "front of door: /opt/scripts/door.lua:12: MESSAGE", an error of a script.
 std::string script_error_text(const AnswerLine& error);
 
-// "12 (10.0.0.7:4411)", a client of the listener.
+// What the listener tells as its address when it listens at all of them.
+constexpr char kEveryAddress[] = "0.0.0.0";
+
+// "port 5512 at 127.0.0.1, for this machine only": where the listener listens.
+std::string listener_text(const AnswerLine& listener);
+
+// "12 (10.0.0.7:4411)" or "12 (process 4411 of user 0)", a client of the listener.
 std::string client_text(const AnswerLine& client);
 
 // The lines `poster` of `stats`, one for each process: `events` and `refused` of all its connections together, the

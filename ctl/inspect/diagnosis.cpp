@@ -18,6 +18,7 @@ constexpr double kFastPoster = 1000;     // events a second
 constexpr uint64_t kRecentErrorS = 600;
 constexpr size_t kNamesListed = 3;
 constexpr size_t kNameWidth = 40;
+constexpr size_t kPlacesWidth = 100;
 
 std::string name_and(const AnswerLine& line, const std::string& figure) {
   return shown(line.text("name"), kNameWidth) + " " + figure;
@@ -148,7 +149,13 @@ class Notes {
 
   void listener() {
     const AnswerLine& listener = answers.stat("listener");
-    if (listener.has("port") && listener.count("port") == 0) {
+    const std::string address = listener.text("address", kEveryAddress);
+    const std::string not_open = listener.text("not_open");
+    if (address.empty()) {
+      notes.push_back("no client can connect: listener_address is not understood; the log says why");
+    } else if (address != kEveryAddress && !not_open.empty()) {
+      notes.push_back("no client can connect at " + shown(not_open, kPlacesWidth) + "; the log says why");
+    } else if (address == kEveryAddress && listener.has("port") && listener.count("port") == 0) {
       notes.push_back("no client can connect: port " + listener.text("wanted") + " is not open; the log says why");
     }
     const Lines owing = heaviest(answers.clients, "client", [](const AnswerLine& client) {

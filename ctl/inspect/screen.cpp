@@ -78,8 +78,7 @@ class Screen {
 
   void connections() {
     const AnswerLine& listener = answers.stat("listener");
-    row("listener", "port " + (listener.count("port") == 0 ? "not open" : std::to_string(listener.count("port"))) +
-                        ", " + number_of(listener.count("clients"), "client") + " (" +
+    row("listener", listener_text(listener) + ", " + number_of(listener.count("clients"), "client") + " (" +
                         std::to_string(listener.count("owing")) + " owing), " +
                         number_of(listener.count("deliveries"), "event") + " sent, " +
                         std::to_string(listener.count("skips")) + " lost");

@@ -116,7 +116,11 @@ class Follower {
       return on_event(line);
     }
     if (line.kind() == "following") begin(line);
-    if (line.kind() == "lost") lose(line.text("n"));
+    if (line.kind() == "lost") {
+      lose(line.text("n"));
+      last = line.text("last", last.c_str());
+    }
+    if (line.kind() == "passed") last = line.text("id", last.c_str());
     return true;
   }
 

@@ -93,7 +93,9 @@ Table clients_table(const History& history) {
     const AnswerLine& found = same_line(history.before().clients, line, "id");
     // A descriptor's number comes again with the next client.
     const AnswerLine none;
-    const AnswerLine& old = found.text("address") == line.text("address") ? found : none;
+    const bool is_same =
+        found.text("address") == line.text("address") && found.count("connected_s") <= line.count("connected_s");
+    const AnswerLine& old = is_same ? found : none;
     const double bytes = history.rate(old, line, "bytes");
     const uint64_t owes = line.count("waiting");
     const uint64_t since_us = line.count("connected_s") * 1000000;

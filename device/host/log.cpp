@@ -13,6 +13,7 @@
 #include <clocale>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -180,7 +181,8 @@ void errlog_init(int facility, const char* name) {
   g_target.open(facility, name);
   const auto before = [] { g_target.before_fork(); };
   const auto after = [] { g_target.after_fork(); };
-  static const int registered = pthread_atfork(before, after, after);
+  const auto in_child = [] { g_target.after_fork_in_child(); };
+  static const int registered = pthread_atfork(before, after, in_child) + atexit([] { g_target.finish(); });
   (void)registered;
 }
 

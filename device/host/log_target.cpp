@@ -1,7 +1,7 @@
 #include "device/host/log_target.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <pthread.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -10,54 +10,29 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <optional>
+#include <exception>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "device/last_lines.h"
-#include "util/descriptor.h"
+#include "util/clock.h"
 #include "util/quiet_write.h"
 #include "util/safe_text.h"
+#include "util/service_thread.h"
 #include "util/text.h"
 
 namespace {
 
 constexpr char kFilePrefix[] = "file:";
 
-// Occupies those of the descriptors 0 to 2 that are free, so that syslog's socket does not become one of them.
-class LowNumbersHeld {
- public:
-  LowNumbersHeld() {
-    Descriptor next(open("/dev/null", O_RDWR | O_CLOEXEC));
-    while (next.get() >= 0 && next.get() <= STDERR_FILENO) {
-      held[count++].reset(next.release());
-      next.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
-    }
-  }
-  bool any() const { return count > 0; }
-
- private:
-  Descriptor held[3];
-  int count = 0;
-};
-
-std::string frame(int level, const char* program) {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
-  return sstr("%04d-%02d-%02d %02d:%02d:%02d.%03d %s[%d] <%d> ", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-              local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000), program, getpid(),
-              level);
+std::string lost_text(uint64_t lines) {
+  return sstr("log: %llu lines lost", static_cast<unsigned long long>(lines));
 }
 
 void say_on_standard_error(const std::string& what) {
   const std::string line = "log: " + escaped(what) + "; using syslog\n";
   write_quietly(STDERR_FILENO, line.data(), line.size());
-}
-
-int syslog_priority(int level) {
-  if (level <= 1) return LOG_NOTICE;  // errors, but also the notices of a good start and end
-  return level == 2 ? LOG_INFO : LOG_DEBUG;
 }
 
 }  // namespace
@@ -71,9 +46,19 @@ void LogTarget::write(int level, bool framed, std::string_view lines) {
   const MutexLock lock(mutex);
   if (diverted != nullptr) return diverted(level, lines.data(), lines.size());
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
-  const bool taken = fd >= 0 && write_stream(level, framed, lines);
-  if (to_syslog) write_syslog(level, lines);
-  (taken || to_syslog ? written : lost).fetch_add(1, std::memory_order_relaxed);
+  const bool is_one_line = framed && lines.find('\n') == lines.size() - 1;
+  if (repeats != nullptr) {
+    const int64_t now_ms = steady_tick_ms();
+    if (!is_one_line) {
+      repeats->pass();
+    } else if (const uint64_t times = repeats->leave_out(level, lines, now_ms)) {
+      if (times == 1) start_clock();
+      return;
+    }
+    sum_up(now_ms);
+    repeats->wrote();
+  }
+  (put(level, framed, lines) ? written : lost).fetch_add(1, std::memory_order_relaxed);
   if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
 }
 
@@ -82,47 +67,53 @@ void LogTarget::divert(void (*take)(int level, const char* lines, size_t size)) 
   diverted = take;
 }
 
+void LogTarget::finish() {
+  const MutexLock lock(mutex);
+  if (repeats != nullptr) sum_up(LogRepeats::kNever);
+}
+
+void LogTarget::after_fork_in_child() {
+  has_clock = false;
+  if (repeats != nullptr) repeats->forget();
+  after_fork();
+}
+
+log_counts LogTarget::counts() const {
+  return {written.load(std::memory_order_relaxed), lost.load(std::memory_order_relaxed),
+          repeated.load(std::memory_order_relaxed)};
+}
+
 void LogTarget::open_held(int facility, const char* name) {
-  if (fd > STDERR_FILENO) close(fd);
-  fd = -1;
-  is_regular_file = false;
-  to_syslog = false;
+  stream.close();
+  syslog.close();
+  stream_lost = syslog_lost = 0;
   copy_text(program, sizeof(program), name);
-  choose();
+  choose(facility);
   if (!is_open) find_last_lines();
-  if (to_syslog) {
-    const LowNumbersHeld held;
-    low_numbers_free = held.any();
-    openlog(program, LOG_PID | LOG_NDELAY, facility << 3);
-  }
+  if (repeats == nullptr) repeats = new (std::nothrow) LogRepeats;
   is_open = true;
 }
 
-void LogTarget::choose() {
+void LogTarget::choose(int facility) {
   const char* target = secure_getenv("ELOG_TARGET");
   if (target == nullptr) {
-    to_syslog = true;
-    if (isatty(STDERR_FILENO) != 0) fd = STDERR_FILENO;
-    return;
+    if (isatty(STDERR_FILENO) != 0) stream.use_standard_error();
+    return syslog.open(facility);
   }
-  if (strcmp(target, "stderr") == 0) {
-    fd = STDERR_FILENO;
-    return;
-  }
-  to_syslog = true;
-  if (strcmp(target, "syslog") == 0) return;
+  if (strcmp(target, "stderr") == 0) return stream.use_standard_error();
   std::string complaint;
-  if (strncmp(target, kFilePrefix, strlen(kFilePrefix)) != 0) {
+  if (strncmp(target, kFilePrefix, strlen(kFilePrefix)) == 0) {
+    const char* const path = target + strlen(kFilePrefix);
+    if (stream.open(path)) return;
+    complaint = sstr("failed to open '%s' of ELOG_TARGET: %s", path, strerrordesc_np(errno));
+  } else if (strcmp(target, "syslog") != 0) {
     complaint = sstr("ELOG_TARGET is '%s': expected stderr, file:PATH or syslog", target);
-  } else if (open_file(target + strlen(kFilePrefix))) {
-    to_syslog = false;
-  } else {
-    complaint = sstr("failed to open '%s' of ELOG_TARGET: %s", target + strlen(kFilePrefix), strerrordesc_np(errno));
   }
   if (!complaint.empty() && !complained) {
     complained = true;
     say_on_standard_error(complaint);
   }
+  syslog.open(facility);
 }
 
 // Programs that scripts start must not get at the file.
@@ -145,29 +136,90 @@ void LogTarget::keep_last(std::string_view lines) {
   (void)ignored;
 }
 
-bool LogTarget::open_file(const char* path) {
-  // Without O_NONBLOCK a pipe that nobody reads would hold up the start for ever.
-  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY;
-  fd = above_standard_streams(::open(path, flags | O_NONBLOCK, 0640));
-  if (fd < 0) return false;
-  fcntl(fd, F_SETFL, flags & ~O_CREAT);
-  struct stat status {};
-  is_regular_file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-  return true;
-}
-
-bool LogTarget::write_stream(int level, bool framed, std::string_view lines) {
-  std::string text;
-  if (framed) text = frame(level, program);
-  text.append(lines);
-  return (is_regular_file ? write_fully : write_quietly)(fd, text.data(), text.size());
-}
-
-void LogTarget::write_syslog(int level, std::string_view lines) const {
-  std::optional<LowNumbersHeld> held;
-  if (low_numbers_free) held.emplace();  // the C library makes a new socket when the syslog daemon was restarted
-  while (!lines.empty()) {
-    const std::string_view line = take_item(lines, '\n');
-    syslog(syslog_priority(level), "%.*s", static_cast<int>(line.size()), line.data());
+// Writes the summaries that are due. Without memory they are lost, and nothing else.
+void LogTarget::sum_up(int64_t now_ms) {
+  LogRepeats::Summary summary;
+  while (repeats->take(now_ms, summary)) {
+    try {
+      say(summary);
+    } catch (const std::exception&) {
+      lost.fetch_add(summary.times, std::memory_order_relaxed);
+    }
   }
+}
+
+// A line that is not the last one any more is repeated before.
+void LogTarget::say(LogRepeats::Summary& summary) {
+  if (!summary.is_last) {
+    (put(summary.level, true, summary.line) ? written : lost).fetch_add(1, std::memory_order_relaxed);
+    --summary.times;
+  }
+  if (summary.times == 0) return;
+  const auto number = static_cast<unsigned long long>(summary.times);
+  const bool is_taken = put(summary.level, true, sstr("log: last line repeated %llu times\n", number));
+  (is_taken ? repeated : lost).fetch_add(summary.times, std::memory_order_relaxed);
+}
+
+// What stands in front of a line. A date is good for all lines of its second: the time zone costs as much as the rest.
+std::string LogTarget::frame(int level) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  if (now.tv_sec != date_second) {
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &local);
+    date_second = now.tv_sec;
+  }
+  return sstr("%s.%03d %s[%d] <%d> ", date, static_cast<int>(now.tv_usec / 1000), program, getpid(), level);
+}
+
+bool LogTarget::put(int level, bool framed, std::string_view lines) {
+  const bool in_stream = stream.is_open() && put_in_stream(level, framed, lines);
+  const bool in_syslog = syslog.is_open() && put_in_syslog(level, lines);
+  return in_stream || in_syslog;
+}
+
+bool LogTarget::put_in_stream(int level, bool framed, std::string_view lines) {
+  if (stream_lost > 0 && stream.write(frame(1) + lost_text(stream_lost) + '\n', patience)) stream_lost = 0;
+  std::string text;
+  if (framed) text = frame(level);
+  text.append(lines);
+  if (stream_lost == 0 && stream.write(std::move(text), patience)) return true;
+  ++stream_lost;
+  return false;
+}
+
+bool LogTarget::put_in_syslog(int level, std::string_view lines) {
+  if (syslog_lost > 0 && syslog.write(1, program, lost_text(syslog_lost), patience)) syslog_lost = 0;
+  bool is_taken = syslog_lost == 0;
+  while (is_taken && !lines.empty()) is_taken = syslog.write(level, program, take_item(lines, '\n'), patience);
+  if (!is_taken) ++syslog_lost;
+  return is_taken;
+}
+
+// While lines are left out, a thread waits until they are to be summed up: the next line may be hours away. Without it
+// the next line does that.
+void LogTarget::start_clock() {
+  if (has_clock) return;
+  pthread_t thread{};
+  has_clock = start_service_thread(&thread, clock_main, this) == 0;
+  if (has_clock) pthread_detach(thread);
+}
+
+void* LogTarget::clock_main(void* target) {
+  int64_t due_ms = 0;
+  while ((due_ms = static_cast<LogTarget*>(target)->tick()) != LogRepeats::kNever) {
+    const timespec due{static_cast<time_t>(due_ms / 1000), static_cast<long>(due_ms % 1000 * 1000000)};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+  }
+  return nullptr;
+}
+
+// Returns when to call it again.
+int64_t LogTarget::tick() {
+  const MutexLock lock(mutex);
+  sum_up(steady_ms());
+  const int64_t due_ms = repeats->due_ms();
+  has_clock = due_ms != LogRepeats::kNever;
+  return due_ms;
 }

@@ -2,6 +2,10 @@
 // programs, they go to syslog, and to standard error as well when that is a terminal. A target that is not understood
 // or fails to open is reported once on standard error, and syslog is used.
 //
+// Whoever reads them cannot hold up the daemon for more than a second in ten (log_patience.h): what nobody takes is
+// lost and counted, and told about where there is room again. Lines that repeat themselves are summed up
+// (log_repeats.h).
+//
 // Lines of level 1 are also kept for a supervisor that wants them (device/last_lines.h).
 //
 // One object for the process, plain memory without a destructor: the last line may come after everything else is gone.
@@ -10,9 +14,15 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <string>
 #include <string_view>
 
 #include "device/counts.h"
+#include "device/host/log_patience.h"
+#include "device/host/log_repeats.h"
+#include "device/host/log_stream.h"
+#include "device/host/log_syslog.h"
 #include "util/mutex.h"
 
 class LogTarget {
@@ -27,38 +37,54 @@ class LogTarget {
   // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
   void divert(void (*take)(int level, const char* lines, size_t size));
 
+  // Writes what is left to say about lines that repeat themselves. At the end of the process; any thread.
+  void finish();
+
   // Hold the lock from before a fork until after it, in parent and child, so that the child can write. It also keeps
-  // other threads out of the C library's own locks, of the time zone and of syslog, at that moment.
+  // other threads out of the C library's lock of the time zone at that moment.
   void before_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.lock(); }
   void after_fork() ZELVIND_LOCK_RULE(no_thread_safety_analysis) { mutex.unlock(); }
+  void after_fork_in_child() ZELVIND_LOCK_RULE(no_thread_safety_analysis);
 
   // Counts a message that was lost before it came here. Any thread.
   void count_lost() { lost.fetch_add(1, std::memory_order_relaxed); }
 
   // Any thread; without the lock, which is held while a line is written.
-  log_counts counts() const { return {written.load(std::memory_order_relaxed), lost.load(std::memory_order_relaxed)}; }
+  log_counts counts() const;
 
  private:
   void open_held(int facility, const char* name) REQUIRES(mutex);
-  void choose() REQUIRES(mutex);
+  void choose(int facility) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
-  bool open_file(const char* path) REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
-  bool write_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
-  void write_syslog(int level, std::string_view lines) const REQUIRES(mutex);
+  void sum_up(int64_t now_ms) REQUIRES(mutex);
+  void say(LogRepeats::Summary& summary) REQUIRES(mutex);
+  std::string frame(int level) REQUIRES(mutex);
+  bool put(int level, bool framed, std::string_view lines) REQUIRES(mutex);
+  bool put_in_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
+  bool put_in_syslog(int level, std::string_view lines) REQUIRES(mutex);
+  void start_clock() REQUIRES(mutex);
+  static void* clock_main(void* target);
+  int64_t tick();
 
   Mutex mutex;  // also keeps the lines of the threads apart
   void (*diverted)(int level, const char* lines, size_t size) GUARDED_BY(mutex) = nullptr;
   bool is_open GUARDED_BY(mutex) = false;
   bool complained GUARDED_BY(mutex) = false;
-  int fd GUARDED_BY(mutex) = -1;  // of standard error or of the file; -1: neither
-  bool is_regular_file GUARDED_BY(mutex) = false;
-  bool to_syslog GUARDED_BY(mutex) = false;
-  int last_lines GUARDED_BY(mutex) = -1;  // descriptor of the supervisor's file, or -1
+  LogPatience patience GUARDED_BY(mutex);
+  LogStream stream GUARDED_BY(mutex);
+  LogSyslog syslog GUARDED_BY(mutex);
+  uint64_t stream_lost GUARDED_BY(mutex) = 0;  // lines that were lost there since it last said so
+  uint64_t syslog_lost GUARDED_BY(mutex) = 0;
+  LogRepeats* repeats GUARDED_BY(mutex) = nullptr;  // never freed; null: there was no memory for it
+  bool has_clock GUARDED_BY(mutex) = false;         // a thread waits until something is to be summed up
+  int last_lines GUARDED_BY(mutex) = -1;            // descriptor of the supervisor's file, or -1
   unsigned last_number GUARDED_BY(mutex) = 0;
-  bool low_numbers_free GUARDED_BY(mutex) = false;  // 0, 1 or 2 was closed when syslog was opened
-  char program[64] GUARDED_BY(mutex) = "";          // syslog keeps a pointer to it
+  char program[64] GUARDED_BY(mutex) = "";
+  char date[32] GUARDED_BY(mutex) = "";  // of date_second, local time
+  time_t date_second GUARDED_BY(mutex) = -1;
 
-  std::atomic<uint64_t> written{0};  // messages that a target took,
-  std::atomic<uint64_t> lost{0};     // and those that none took
+  std::atomic<uint64_t> written{0};   // messages that a target took,
+  std::atomic<uint64_t> lost{0};      // those that none took,
+  std::atomic<uint64_t> repeated{0};  // and those that were summed up
 };

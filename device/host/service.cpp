@@ -1,6 +1,7 @@
 #include "device/service.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/device_root.h"
+#include "util/file_trust.h"
 #include "util/mutex.h"
 #include "util/quiet_write.h"
 
@@ -51,10 +53,10 @@ void tell_manager(Service& s, const char* text) {
   elog(1, "service: cannot tell the service manager %s: %s", text, strerrordesc_np(errno));
 }
 
-bool replace_file(const std::string& path, const std::string& new_path, const char* text, size_t size) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
-  const Descriptor file(above_standard_streams(open(new_path.c_str(), kFlags, 0644)));
-  return file.get() >= 0 && write_fully(file.get(), text, size) && rename(new_path.c_str(), path.c_str()) == 0;
+// Everybody may read it, whatever the umask.
+bool write_new(const std::string& path, const char* text, size_t size) {
+  const Descriptor file(make_fresh_file(AT_FDCWD, path.c_str(), 0644));
+  return file.get() >= 0 && fchmod(file.get(), 0644) == 0 && write_fully(file.get(), text, size);
 }
 
 // Only the owner of the event socket keeps the state.
@@ -65,12 +67,15 @@ void write_state(Service& s) REQUIRES(s.mutex) {
   char text[64];
   const int size =
       snprintf(text, sizeof(text), "%d %s %lld\n", getpid(), kStateNames[static_cast<int>(s.state)], s.reloads);
-  if (replace_file(path, path + ".new", text, static_cast<size_t>(size))) return;
+  const std::string fresh = path + ".new";
+  const bool is_written = write_new(fresh, text, static_cast<size_t>(size));
+  if (is_written && rename(fresh.c_str(), path.c_str()) == 0) return;
   const int error = errno;
   unlink(path.c_str());  // no state is better than an old one
   if (s.said_file) return;
   s.said_file = true;
-  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends", path.c_str(), strerrordesc_np(error));
+  elog(1, "service: cannot write %s (%s): zelvctl cannot tell how a reload ends",
+       is_written ? path.c_str() : fresh.c_str(), strerrordesc_np(error));
 }
 
 // The manager is told first: a program that waits for the file may ask the manager next.

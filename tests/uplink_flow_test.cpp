@@ -1,0 +1,409 @@
+// The uplink's way from the daemon to the broker: settings, payloads, the daemon link, the outbox, and the program.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "tests/fake_control.h"
+#include "tests/mqtt_broker.h"
+#include "tests/real_daemon.h"
+#include "uplink/broker_link.h"
+#include "uplink/daemon_link.h"
+#include "uplink/event_payload.h"
+#include "uplink/outbox.h"
+#include "uplink/uplink_settings.h"
+#include "uplink/uplink_status.h"
+
+namespace {
+
+template <typename Texts>
+std::string joined(const Texts& texts, const char* separator = " ") {
+  std::string all;
+  for (const std::string& text : texts) all += (all.empty() ? "" : separator) + text;
+  return all;
+}
+
+TEST(UplinkSettings, EachProblem) {
+  const std::pair<std::string, std::string> rows[] = {
+      // lines beside a good broker and device, and the problems
+      {"up = door, sensor_* ,,alarm\nurgent = alarm\ndown = unlock\nfull = drop_newest\nrate = 1\nhold_ms = 0", ""},
+      {"broker = ", "broker is not set: expected mqtt://HOST[:PORT] or mqtts://HOST[:PORT]"},
+      {"broker = tcp://x", "broker is 'tcp://x': expected mqtt://HOST[:PORT] or mqtts://HOST[:PORT]"},
+      {"broker = mqtt://[::1", "broker is 'mqtt://[::1': expected mqtt://HOST[:PORT] or mqtts://HOST[:PORT]"},
+      {"broker = mqtt://h:0", "broker is 'mqtt://h:0': expected a port from 1 to 65535 behind the host"},
+      {"broker = mqtt://u:p@h", "broker holds a user or a password: expected them in user and password_file"},
+      {"device = a b", "device is 'a b': expected 1 to 64 of A-Z, a-z, 0-9, '_' and '-'"},
+      {"prefix = a/#", "prefix is 'a/#': expected UTF-8 without '#', '+' and control characters"},
+      {"prefix = $SYS", "prefix is '$SYS': expected a topic that does not begin with '$' or '/'"},
+      {"rate = 0", "rate is '0': expected a whole number from 1 to 10000"},
+      {"in_flight = 21", "in_flight is '21': expected a whole number from 1 to 20"},
+      {"down_type = 9999", "down_type is '9999': that type ends the daemon's event loop"},
+      {"down = uplink_reply", "down: 'uplink_reply' is the name of answers"},
+      {"down = a*", "down: 'a*': expected a name, not a pattern"},
+      {"up = a b", "up: 'a b': the name holds a blank or a control character"},
+      {"up = door\nurgent = alarm,d*", "urgent: no pattern of up matches 'alarm'"},
+      {"full = x", "full is 'x': expected drop_oldest or drop_newest"},
+      {"cert = c", "cert is set, and key is not|cert is set, but broker is not an mqtts:// URL"},
+      {"password_file = p", "password_file is set, and user is not"},
+      {"broker = mqtts://h\ncert = c", "cert is set, and key is not"},
+      {"spool_siz = 1\nnonsense",
+       "line 4: the line is not 'key = value'|the uplink has no setting 'spool_siz'; did you "
+       "mean spool_size?"},
+  };
+  for (const auto& [lines, problems] : rows) {
+    const auto result = parse_uplink_settings("broker = mqtt://h\ndevice = d\n" + lines, "", "");
+    EXPECT_EQ(joined(result.problems, "|"), problems) << lines;
+  }
+  EXPECT_EQ(joined(parse_uplink_settings("broker = mqtt://h", "", "").problems),
+            "device is not set, and there is no machine id in /etc/machine-id");
+}
+
+TEST(UplinkSettings, Values) {
+  const std::string id = "8f1c0d6d2c3b4f6a9e8d7c6b5a493827\n";
+  const auto good = [&](const std::string& text, const std::string& root = "") {
+    auto result = parse_uplink_settings(text, root, id);
+    EXPECT_EQ(joined(result.problems), "");
+    return result.settings;
+  };
+  const UplinkSettings plain = good("broker = mqtt://h\n");
+  EXPECT_EQ(plain.host + ":" + std::to_string(plain.port), "h:1883");
+  EXPECT_EQ(plain.device.size(), 16U);
+  EXPECT_EQ(id.find(plain.device), std::string::npos);
+  EXPECT_EQ(plain.topic("state"), "zelvind/" + plain.device + "/state");
+  EXPECT_NE(good("broker = mqtt://h\n", "/r").device, plain.device);
+  EXPECT_EQ(plain.spool, "/var/lib/zelvind-uplink");
+  const UplinkSettings full = good("broker=mqtts://[::1]:99/\ndevice=%i\nprefix=%i/%i\ndevice=a\nup=a, b*\n");
+  EXPECT_EQ(full.host + " " + std::to_string(full.port) + " " + full.prefix, "::1 99 a/a");
+  EXPECT_TRUE(full.tls);
+  EXPECT_EQ(joined(full.up), "a b*");
+}
+
+TEST(UplinkPayload, EachEvent) {
+  const std::pair<std::string, std::string> rows[] = {
+      // behind id, time and type, and the payload behind them
+      {"name=door info=state=open", R"("name":"door","f":{"state":"open"}})"},
+      {"name=door info=", R"("name":"door","f":{}})"},
+      {"name=d info=a=1&b=&a=2 info_cut=7", R"("name":"d","f":{"a":"1","b":""},"info":"a=1&b=&a=2","cut":7})"},
+      {"name=d info=free%20text", R"("name":"d","f":{},"info":"free text"})"},
+      {"name=d%FF info=a=%FF%00&b=%22%C3%BC", R"("name":{"hex":"64ff"},"f":{"a":{"hex":"ff00"},"b":"\"ü"}})"},
+      {"name=d info=%FF=1", R"("name":"d","f":{},"info":{"hex":"ff3d31"}})"},
+  };
+  for (const auto& [rest, payload] : rows) {
+    const auto record = event_record(AnswerLine("event id=ab-7 time=1763928000.000001 type=-1 " + rest));
+    EXPECT_EQ(record.payload, R"({"id":"ab-7","t":1763928000.000001,"type":-1,)" + payload);
+  }
+  EXPECT_EQ(event_record(AnswerLine("event id=ab-7 time=9.000001 type=1 name=d info=")).payload,
+            R"({"id":"ab-7","t":9.000001,"t_ok":false,"type":1,"name":"d","f":{}})");
+  const auto large =
+      event_record(AnswerLine("event id=ab-7 time=9.0 type=1 name=d info=a=" + std::string(90000, '\x01')));
+  EXPECT_LE(large.payload.size(), size_t{128} * 1024);
+  EXPECT_NE(large.payload.find(R"(,"cut":70002})"), std::string::npos);
+  EXPECT_EQ(topic_part("a.B/-_+#\xff"), "a%2EB%2F-_%2B%23%FF");
+}
+
+// What a link tells while a daemon that the test plays gives `answers`, a connection each.
+std::string followed(const std::string& position, const std::map<std::string, std::string>& answers) {
+  const RealDaemon root;
+  const FakeControl daemon(root.path(""), answers);
+  std::string told;
+  DaemonLink::Events events;
+  events.on_event = [&](const AnswerLine& event) { told += event.text("id") + " "; };
+  events.on_gap = [&](const std::string& first, const std::string& last, uint64_t count) {
+    told += "[" + first + " " + last + " " + std::to_string(count) + "] ";
+  };
+  events.on_passed = [&](const std::string& id) { told += "<" + id + "> "; };
+  DaemonLink link(root.path(""), {"d*", "a,b"}, position, events);
+  wait_until([&] {
+    std::vector<pollfd> set;
+    link.add_descriptors(set);
+    poll(set.data(), set.size(), link.wait_ms());
+    link.run();
+    return told.find("end-") != std::string::npos || told.find("e-9 ") != std::string::npos;
+  });
+  return told;
+}
+
+TEST(UplinkDaemonLink, DeclaresWhatItCouldNotSee) {
+  const std::string names = " names=d*,a%2Cb";
+  EXPECT_EQ(
+      followed("", {{"follow" + names, "following run=aa next=5\nevent id=aa-5\npassed id=aa-70\n"},
+                    {"follow from=aa-70" + names, "following run=aa next=71\nlost n=3 last=aa-80\nevent id=aa-81\n"},
+                    {"follow from=aa-81" + names,
+                     "following run=bb next=4\nlost n=unknown last=bb-3\nevent id=bb-4\n"
+                     "event id=e-9\n"}}),
+      "<aa-4> aa-5 <aa-70> [aa-78 aa-80 3] aa-81 [aa-82 bb-3 0] bb-4 e-9 ");
+  EXPECT_EQ(followed("aa-7", {{"follow from=aa-7" + names, "error: from: that event has not come yet\n\n"},
+                              {"follow from=0-7" + names,
+                               "following run=aa next=1\nlost n=unknown last=aa-0\nevent id=e-9\n"}}),
+            "[0-8 aa-0 0] e-9 ");
+}
+
+// An outbox whose broker and clock the test plays. Events are numbered; a step is
+//   up, down, +MS, =N (confirms N), !N (refuses N), N or N..M (events come), uN (an urgent one), new (killed, started)
+class PlayedOutbox {
+ public:
+  explicit PlayedOutbox(const std::function<void(UplinkSettings&)>& change) {
+    settings.prefix = "p";
+    change(settings);
+    begin();
+  }
+  void play(const std::string& steps) {
+    std::istringstream words(steps);
+    for (std::string word; words >> word;) {
+      step(word);
+      outbox->run(now);
+    }
+  }
+  std::string published;  // events, "a-b" for gaps
+  std::unique_ptr<Spool> spool;
+  std::unique_ptr<Outbox> outbox;
+  TemporaryFolder folder;
+
+ private:
+  void begin() {
+    outbox.reset();
+    spool.reset();
+    tokens.clear();
+    spool = std::make_unique<Spool>(folder.file("spool"), settings.spool_bytes, settings.full);
+    outbox = std::make_unique<Outbox>(settings, *spool, folder.file("position"),
+                                      [this](const std::string& topic, const std::string& payload) {
+                                        tokens.push_back(topic == "p/gap" ? payload : topic.substr(4));
+                                        published += tokens.back() + " ";
+                                        return static_cast<int>(tokens.size());
+                                      });
+  }
+  void step(const std::string& word) {
+    if (word == "up" || word == "down") return outbox->set_up(word == "up");
+    if (word == "new") return begin();
+    if (word[0] == '+') return static_cast<void>(now += std::stoi(word.substr(1)));
+    if (word[0] == '=') return outbox->confirm(token_of(word.substr(1)));
+    if (word[0] == '!') return outbox->refuse(token_of(word.substr(1)), now);
+    const bool is_urgent = word[0] == 'u';
+    const size_t dots = word.find("..");
+    const int first = std::stoi(word.substr(is_urgent ? 1 : 0));
+    const int last = dots == std::string::npos ? first : std::stoi(word.substr(dots + 2));
+    for (int event = first; event <= last; ++event) {
+      UplinkRecord record;
+      record.id = "aa-" + std::to_string(event);
+      record.name = std::to_string(event);
+      record.payload = std::string(100, '.');
+      record.urgent = is_urgent;
+      outbox->add(record, now);
+    }
+  }
+  int token_of(const std::string& event) const {  // of the last publish of that event
+    return static_cast<int>(tokens.rend() - std::find(tokens.rbegin(), tokens.rend(), event));
+  }
+
+  UplinkSettings settings;
+  std::vector<std::string> tokens;
+  int64_t now = steady_ms();
+};
+
+TEST(UplinkOutbox, EachCourse) {
+  const auto nothing = [](UplinkSettings&) {};
+  const auto slow = [](UplinkSettings& s) { s.rate = 2; };
+  const auto narrow = [](UplinkSettings& s) { s.in_flight = 2; };
+  const struct {
+    const char* what;
+    std::function<void(UplinkSettings&)> change;
+    const char* steps;
+    std::string published;
+    uint64_t records;      // in the spool
+    bool is_written;       // anything on the disk
+    std::string position;  // in the file
+  } rows[] = {
+      {"acknowledged in time", nothing, "up 1..3 +1500 =1 =3 =2 +5000", "1 2 3 ", 0, false, "aa-3"},
+      {"not acknowledged in time", nothing, "up 1..2 +2000 3 +999 +1", "1 2 3 ", 2, true, "aa-2"},
+      {"the acknowledgement comes later", nothing, "up 1..2 +2000 =2 =1 +1000", "1 2 ", 0, true, "aa-2"},
+      {"a connection is lost", nothing, "up 1..4 =2 down up", "1 2 3 4 1 3 4 ", 0, false, "aa-0"},
+      {"a connection is lost for long", nothing, "up 1..3 =1 down +2000 4 5 +100 up +1000", "1 2 3 2 3 4 5 ", 2, true,
+       ""},
+      {"what waits longest goes first", narrow, "1..3 +2000 +1000 4 up =1 =2 =3 =4", "1 2 3 4 ", 0, true, ""},
+      {"no more than in_flight", narrow, "up 1..5 =2 =1", "1 2 3 4 ", 0, false, ""},
+      {"no more than rate", slow, "up 1..5 =1 =2 +999 +1 =3 =4", "1 2 3 4 ", 0, false, ""},
+      {"urgent", nothing, "1 u2 up", "1 2 ", 2, true, "aa-2"},
+      {"refused", nothing, "up 1..2 !1 =2", "1 2 {\"gap\":[\"aa-1\",\"aa-1\"],\"n\":1} ", 0, false, ""},
+      {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
+       "aa-2"},
+      {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    PlayedOutbox played(row.change);
+    played.outbox->pass("aa-0");  // the position is on the disk: the first one always is
+    const uint64_t before = played.spool->state().written;
+    played.play(row.steps);
+    EXPECT_EQ(played.published, row.published);
+    EXPECT_EQ(played.spool->state().records, row.records);
+    if (std::string(row.steps).find("new") == std::string::npos) {
+      EXPECT_EQ(played.spool->state().written > before, row.is_written);
+    }
+    if (!row.position.empty()) {
+      EXPECT_EQ(read_file(played.folder.file("position")), row.position);
+    }
+    if (played.spool->state().records == 0) {
+      EXPECT_LE(played.outbox->state().waiting, 4U);
+    }
+  }
+}
+
+class UplinkProgram : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!MqttBroker::is_installed()) GTEST_SKIP() << "mosquitto is not installed";
+    ASSERT_TRUE(broker.start());
+    daemon.write("etc/zelvind/uplink.info", "broker = mqtt://127.0.0.1:" + std::to_string(broker.port()) +
+                                                "\ndevice = gate\nprefix = p\nup = door,alarm\nurgent = alarm\n"
+                                                "down = unlock\nrate = 1000\nhold_ms = 100\n");
+    daemon.write("scripts/unlock.lua",
+                 "script_define('unlock', {}) on('unlock', function() local c = fields() "
+                 "post(1, 'uplink_reply', {cmd_id = c.cmd_id, status = 'open ' .. c.door}) end)");
+    ASSERT_TRUE(daemon.start());
+    UplinkSettings settings;
+    settings.host = "127.0.0.1";
+    settings.port = broker.port();
+    settings.device = "watcher";
+    settings.prefix = "w";
+    BrokerLink::Events events;
+    events.on_message = [this](std::string_view topic, std::string_view payload, bool) {
+      received.push_back(std::string(topic.substr(2)) + " " + std::string(payload));
+    };
+    BrokerLink::Times times;
+    times.first_retry = times.last_retry = 50;
+    const std::vector<std::string> topics = {"p/e/+", "p/gap", "p/state", "p/r/+"};
+    watcher = std::make_unique<BrokerLink>(settings, BrokerLink::Will{"w/state", nullptr}, topics, events, times);
+    ASSERT_TRUE(watch_until([this] { return watcher->state().up; }));
+  }
+  void TearDown() override { end(SIGKILL); }
+
+  void begin() {
+    uplink = fork();
+    if (uplink != 0) return;
+    setenv("DEVICE_ROOT", daemon.path("").c_str(), 1);
+    setenv("ELOG_TARGET", ("file:" + daemon.path("log")).c_str(), 1);
+    execl(ZELVIND_UPLINK, "zelvind-uplink", nullptr);
+    _exit(127);
+  }
+  int end(int signal) {
+    int status = -1;
+    if (uplink > 0) kill(uplink, signal);
+    if (uplink > 0) waitpid(uplink, &status, 0);
+    uplink = 0;
+    return status;
+  }
+  template <typename Condition>
+  bool watch_until(Condition condition) {
+    return wait_until([&] {
+      watcher->run();
+      return condition();
+    });
+  }
+  size_t count(const std::string& part) const {
+    return static_cast<size_t>(std::count_if(received.begin(), received.end(), [&](const std::string& message) {
+      return message.find(part) != std::string::npos;
+    }));
+  }
+  bool watch_for(const std::string& part, size_t times = 1) {
+    return watch_until([&] { return count(part) >= times; });
+  }
+  std::string stat(const char* kind, const char* key) const {
+    try {
+      return line_of(ControlClient(daemon.path(""), 1000, kUplinkSocketPath).ask("stats"), kind).text(key);
+    } catch (const Failure& failure) {
+      return failure.what();
+    }
+  }
+  bool stat_becomes(const char* kind, const char* key, const std::string& value) {
+    return watch_until([&] { return stat(kind, key) == value; });
+  }
+  void post(const std::string& name, int first, int last) const {
+    std::string lines;
+    for (int n = first; n <= last; ++n) lines += "1 " + name + " n=" + std::to_string(n) + "\n";
+    EXPECT_TRUE(daemon.post(lines));
+  }
+  // Each of these events has come, first arrivals in order.
+  void expect_all(int first, int last) {
+    ASSERT_TRUE(watch_for("\"n\":\"" + std::to_string(last) + "\""));
+    int next = first;
+    for (const std::string& message : received) {
+      if (message.find("\"n\":\"" + std::to_string(next) + "\"") != std::string::npos) ++next;
+    }
+    EXPECT_EQ(next, last + 1);
+  }
+
+  MqttBroker broker;
+  RealDaemon daemon;
+  std::vector<std::string> received;
+  std::unique_ptr<BrokerLink> watcher;
+  pid_t uplink = 0;
+};
+
+TEST_F(UplinkProgram, LosesNothingWhenTheBrokerOrItselfIsKilled) {
+  begin();
+  ASSERT_TRUE(watch_for("state {\"on\":true,\"session\":1,"));
+  post("door", 1, 50);
+  expect_all(1, 50);
+  const std::string run = stat("daemon", "run");
+  broker.end(SIGKILL);
+  post("door", 51, 100);
+  ASSERT_TRUE(stat_becomes("spool", "records", "50"));
+  end(SIGKILL);
+  post("door", 101, 150);
+  begin();
+  ASSERT_TRUE(stat_becomes("daemon", "position", run + "-150"));
+  ASSERT_TRUE(broker.start());
+  expect_all(1, 150);
+  EXPECT_EQ(count("gap"), 0U);
+  ASSERT_TRUE(stat_becomes("out", "waiting", "0"));
+  EXPECT_EQ(end(SIGTERM), 0);
+  EXPECT_TRUE(watch_for("state {\"on\":false,\"session\":2,"));
+}
+
+TEST_F(UplinkProgram, DeclaresWhatTheFormerDaemonMayHaveHad) {
+  begin();
+  ASSERT_TRUE(watch_for("\"on\":true"));
+  post("door", 1, 1);
+  ASSERT_TRUE(watch_for("e/door", 1));
+  const std::string run = stat("daemon", "run");
+  EXPECT_EQ(daemon.stop(), 0);
+  daemon.write("log", "");
+  daemon.write("pid", "");
+  ASSERT_TRUE(daemon.start());
+  post("door", 2, 2);
+  expect_all(1, 2);
+  const std::string gap = "gap {\"gap\":[\"" + run + "-2\",\"" + stat("daemon", "run") + "-0\"],\"n\":null}";
+  EXPECT_EQ(count(gap), 1U);
+  EXPECT_LT(std::find(received.begin(), received.end(), gap) - received.begin(),
+            static_cast<ptrdiff_t>(received.size()) - 1);
+}
+
+TEST_F(UplinkProgram, EndsSoonAndKeepsAllWhenTheBrokerHangs) {
+  begin();
+  ASSERT_TRUE(watch_for("\"on\":true"));
+  broker.hang(true);
+  post("alarm", 1, 3);
+  ASSERT_TRUE(stat_becomes("spool", "records", "3"));  // urgent: before any answer of the broker
+  const int64_t start = steady_ms();
+  EXPECT_EQ(end(SIGTERM), 0);
+  EXPECT_LT(steady_ms() - start, 5000);
+  broker.hang(false);
+  received.clear();
+  begin();
+  expect_all(1, 3);
+}
+
+TEST_F(UplinkProgram, CommandsComeToScriptsAndAnswersGoBack) {
+  begin();
+  ASSERT_TRUE(watch_for("\"on\":true"));
+  watcher->publish("p/c/unlock", R"({"id":"q1","f":{"door":"front"}})");
+  EXPECT_TRUE(watch_for(R"(r/q1 {"id":"q1","status":"open front"})"));
+  watcher->publish("p/c/reboot", R"({"id":"q2"})");
+  EXPECT_TRUE(watch_for(R"(r/q2 {"id":"q2","status":"refused")"));
+  EXPECT_EQ(daemon.launch("zelvind-uplink 2>$ROOT/second"), 1);
+  EXPECT_EQ(daemon.text_of("second"), "zelvind-uplink: another zelvind-uplink uses ROOT/var/lib/zelvind-uplink\n");
+  daemon.write("etc/zelvind/uplink.info", "broker = mqtt://h\nrate = x\nnix");
+  EXPECT_EQ(daemon.launch("zelvind-uplink 2>$ROOT/second"), 2);
+  EXPECT_EQ(daemon.text_of("second").substr(0, 53), "zelvind-uplink: ROOT/etc/zelvind/uplink.info: line 3:");
+}
+
+}  // namespace
