@@ -1,4 +1,4 @@
-// A real broker, mosquitto, on a port of loopback, and certificates for it.
+// A real broker, mosquitto unless a test says otherwise, on a port of loopback, and certificates for it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -57,7 +57,7 @@ class MqttBroker {
  public:
   // `lines`: of its configuration, beside the listener.
   explicit MqttBroker(std::string lines = "allow_anonymous true\n") : configuration(std::move(lines)) {}
-  ~MqttBroker() {
+  virtual ~MqttBroker() {
     end(SIGKILL);
     std::ifstream log(folder.file("log"));
     if (testing::Test::HasFailure() && log) std::cerr << "--- the broker's log\n" << log.rdbuf();
@@ -70,17 +70,14 @@ class MqttBroker {
   // Starts it on the port of before, or on one from the kernel, and waits until it accepts. False: it does not run.
   bool start() {
     if (used_port == 0) used_port = port_of(loopback_socket());
-    std::ofstream(folder.file("conf")) << "listener " << used_port << " 127.0.0.1\n"
-                                       << (geteuid() == 0 ? "user root\n" : "") << configuration;
+    const std::string line = "PATH=$PATH:/usr/sbin; " + command() + " >>'" + folder.file("log") + "' 2>&1";
     pid = fork();
     if (pid == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves no broker behind
-      const std::string line =
-          "PATH=$PATH:/usr/sbin; exec mosquitto -c '" + folder.file("conf") + "' >>'" + folder.file("log") + "' 2>&1";
       execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
       _exit(127);
     }
-    const int64_t until = steady_ms() + 20000;
+    const int64_t until = steady_ms() + 60000;
     while (loopback_connection(used_port).get() < 0) {
       if (waitpid(pid, nullptr, WNOHANG) == pid) pid = 0;
       if (pid == 0 || steady_ms() > until) return false;
@@ -96,13 +93,19 @@ class MqttBroker {
     }
     pid = 0;
   }
-  // Stops or continues it, as a machine that hangs.
-  void hang(bool on) const { kill(pid, on ? SIGSTOP : SIGCONT); }
 
   int port() const { return used_port; }
 
   TemporaryFolder folder;
   std::string configuration;
+
+ protected:
+  // Writes what the broker reads at its start, and returns the shell's command to start it.
+  virtual std::string command() {
+    std::ofstream(folder.file("conf")) << "listener " << used_port << " 127.0.0.1\n"
+                                       << (geteuid() == 0 ? "user root\n" : "") << configuration;
+    return "exec mosquitto -c '" + folder.file("conf") + "'";
+  }
 
  private:
   int used_port = 0;

@@ -1,4 +1,4 @@
-// The uplink's way from the daemon to the broker: settings, payloads, the daemon link, the outbox, and the program.
+// The uplink's way from the daemon to the broker: settings, payloads, the daemon link, the outbox.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -11,7 +11,6 @@
 #include "uplink/event_payload.h"
 #include "uplink/outbox.h"
 #include "uplink/uplink_settings.h"
-#include "uplink/uplink_status.h"
 
 namespace {
 
@@ -245,165 +244,6 @@ TEST(UplinkOutbox, EachCourse) {
       EXPECT_LE(played.outbox->state().waiting, 4U);
     }
   }
-}
-
-class UplinkProgram : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!MqttBroker::is_installed()) GTEST_SKIP() << "mosquitto is not installed";
-    ASSERT_TRUE(broker.start());
-    daemon.write("etc/zelvind/uplink.info", "broker = mqtt://127.0.0.1:" + std::to_string(broker.port()) +
-                                                "\ndevice = gate\nprefix = p\nup = door,alarm\nurgent = alarm\n"
-                                                "down = unlock\nrate = 1000\nhold_ms = 100\n");
-    daemon.write("scripts/unlock.lua",
-                 "script_define('unlock', {}) on('unlock', function() local c = fields() "
-                 "post(1, 'uplink_reply', {cmd_id = c.cmd_id, status = 'open ' .. c.door}) end)");
-    ASSERT_TRUE(daemon.start());
-    UplinkSettings settings;
-    settings.host = "127.0.0.1";
-    settings.port = broker.port();
-    settings.device = "watcher";
-    settings.prefix = "w";
-    BrokerLink::Events events;
-    events.on_message = [this](std::string_view topic, std::string_view payload, bool) {
-      received.push_back(std::string(topic.substr(2)) + " " + std::string(payload));
-    };
-    BrokerLink::Times times;
-    times.first_retry = times.last_retry = 50;
-    const std::vector<std::string> topics = {"p/e/+", "p/gap", "p/state", "p/r/+"};
-    watcher = std::make_unique<BrokerLink>(settings, BrokerLink::Will{"w/state", nullptr}, topics, events, times);
-    ASSERT_TRUE(watch_until([this] { return watcher->state().up; }));
-  }
-  void TearDown() override { end(SIGKILL); }
-
-  void begin() {
-    uplink = fork();
-    if (uplink != 0) return;
-    setenv("DEVICE_ROOT", daemon.path("").c_str(), 1);
-    setenv("ELOG_TARGET", ("file:" + daemon.path("log")).c_str(), 1);
-    execl(ZELVIND_UPLINK, "zelvind-uplink", nullptr);
-    _exit(127);
-  }
-  int end(int signal) {
-    int status = -1;
-    if (uplink > 0) kill(uplink, signal);
-    if (uplink > 0) waitpid(uplink, &status, 0);
-    uplink = 0;
-    return status;
-  }
-  template <typename Condition>
-  bool watch_until(Condition condition) {
-    return wait_until([&] {
-      watcher->run();
-      return condition();
-    });
-  }
-  size_t count(const std::string& part) const {
-    return static_cast<size_t>(std::count_if(received.begin(), received.end(), [&](const std::string& message) {
-      return message.find(part) != std::string::npos;
-    }));
-  }
-  bool watch_for(const std::string& part, size_t times = 1) {
-    return watch_until([&] { return count(part) >= times; });
-  }
-  std::string stat(const char* kind, const char* key) const {
-    try {
-      return line_of(ControlClient(daemon.path(""), 1000, kUplinkSocketPath).ask("stats"), kind).text(key);
-    } catch (const Failure& failure) {
-      return failure.what();
-    }
-  }
-  bool stat_becomes(const char* kind, const char* key, const std::string& value) {
-    return watch_until([&] { return stat(kind, key) == value; });
-  }
-  void post(const std::string& name, int first, int last) const {
-    std::string lines;
-    for (int n = first; n <= last; ++n) lines += "1 " + name + " n=" + std::to_string(n) + "\n";
-    EXPECT_TRUE(daemon.post(lines));
-  }
-  // Each of these events has come, first arrivals in order.
-  void expect_all(int first, int last) {
-    ASSERT_TRUE(watch_for("\"n\":\"" + std::to_string(last) + "\""));
-    int next = first;
-    for (const std::string& message : received) {
-      if (message.find("\"n\":\"" + std::to_string(next) + "\"") != std::string::npos) ++next;
-    }
-    EXPECT_EQ(next, last + 1);
-  }
-
-  MqttBroker broker;
-  RealDaemon daemon;
-  std::vector<std::string> received;
-  std::unique_ptr<BrokerLink> watcher;
-  pid_t uplink = 0;
-};
-
-TEST_F(UplinkProgram, LosesNothingWhenTheBrokerOrItselfIsKilled) {
-  begin();
-  ASSERT_TRUE(watch_for("state {\"on\":true,\"session\":1,"));
-  post("door", 1, 50);
-  expect_all(1, 50);
-  const std::string run = stat("daemon", "run");
-  broker.end(SIGKILL);
-  post("door", 51, 100);
-  ASSERT_TRUE(stat_becomes("spool", "records", "50"));
-  end(SIGKILL);
-  post("door", 101, 150);
-  begin();
-  ASSERT_TRUE(stat_becomes("daemon", "position", run + "-150"));
-  ASSERT_TRUE(broker.start());
-  expect_all(1, 150);
-  EXPECT_EQ(count("gap"), 0U);
-  ASSERT_TRUE(stat_becomes("out", "waiting", "0"));
-  EXPECT_EQ(end(SIGTERM), 0);
-  EXPECT_TRUE(watch_for("state {\"on\":false,\"session\":2,"));
-}
-
-TEST_F(UplinkProgram, DeclaresWhatTheFormerDaemonMayHaveHad) {
-  begin();
-  ASSERT_TRUE(watch_for("\"on\":true"));
-  post("door", 1, 1);
-  ASSERT_TRUE(watch_for("e/door", 1));
-  const std::string run = stat("daemon", "run");
-  EXPECT_EQ(daemon.stop(), 0);
-  daemon.write("log", "");
-  daemon.write("pid", "");
-  ASSERT_TRUE(daemon.start());
-  post("door", 2, 2);
-  expect_all(1, 2);
-  const std::string gap = "gap {\"gap\":[\"" + run + "-2\",\"" + stat("daemon", "run") + "-0\"],\"n\":null}";
-  EXPECT_EQ(count(gap), 1U);
-  EXPECT_LT(std::find(received.begin(), received.end(), gap) - received.begin(),
-            static_cast<ptrdiff_t>(received.size()) - 1);
-}
-
-TEST_F(UplinkProgram, EndsSoonAndKeepsAllWhenTheBrokerHangs) {
-  begin();
-  ASSERT_TRUE(watch_for("\"on\":true"));
-  broker.hang(true);
-  post("alarm", 1, 3);
-  ASSERT_TRUE(stat_becomes("spool", "records", "3"));  // urgent: before any answer of the broker
-  const int64_t start = steady_ms();
-  EXPECT_EQ(end(SIGTERM), 0);
-  EXPECT_LT(steady_ms() - start, 5000);
-  broker.hang(false);
-  received.clear();
-  begin();
-  expect_all(1, 3);
-}
-
-TEST_F(UplinkProgram, CommandsComeToScriptsAndAnswersGoBack) {
-  begin();
-  ASSERT_TRUE(watch_for("\"on\":true"));
-  watcher->publish("p/c/unlock", R"({"id":"q1","f":{"door":"front"}})");
-  EXPECT_TRUE(watch_for(R"(r/q1 {"id":"q1","status":"open front"})"));
-  watcher->publish("p/c/reboot", R"({"id":"q2"})");
-  EXPECT_TRUE(watch_for(R"(r/q2 {"id":"q2","status":"refused")"));
-  EXPECT_EQ(daemon.launch("zelvind-uplink 2>$ROOT/second"), 1);
-  EXPECT_EQ(daemon.text_of("second"), "zelvind-uplink: another zelvind-uplink uses ROOT/var/lib/zelvind-uplink\n");
-  daemon.write("etc/zelvind/uplink.info", "broker = mqtt://h\nrate = x\nnix");
-  EXPECT_EQ(daemon.launch("zelvind-uplink 2>$ROOT/second"), 2);
-  EXPECT_EQ(daemon.text_of("second").substr(0, 53), "zelvind-uplink: ROOT/etc/zelvind/uplink.info: line 3:");
 }
 
 }  // namespace

@@ -63,6 +63,7 @@ std::optional<uint64_t> begin_session(const std::string& folder, Descriptor& fil
 }
 
 int run(const std::string& root) {
+  const Descriptor signals(signal_descriptor());
   UplinkSettingsResult read = read_uplink_settings(root);
   if (!read.problems.empty()) {
     const size_t more = read.problems.size() - 1;
@@ -70,7 +71,6 @@ int run(const std::string& root) {
              (more == 0 ? "" : " (and " + std::to_string(more) + " more: see zelvctl check)"));
     return kUsage;
   }
-  const Descriptor signals(signal_descriptor());
   errlog_init(3, kProgram);
   for (const std::string& warning : read.warnings) elog(1, "uplink: %s", warning.c_str());
   const std::string folder = read.settings.spool;
