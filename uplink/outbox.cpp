@@ -57,8 +57,9 @@ Outbox::Outbox(const UplinkSettings& all_settings, Spool& the_spool, std::string
       spool(the_spool),
       position_file(std::move(position_path)),
       publish(std::move(publish_one)),
-      seen(spool.is_cut() && !spool.position().empty() ? spool.position()
-                                                       : later_position(read_position(position_file), spool.position())) {}
+      seen(spool.is_cut() && !spool.position().empty()
+               ? spool.position()
+               : later_position(read_position(position_file), spool.position())) {}
 
 // --- Taking over
 

@@ -19,12 +19,16 @@ namespace {
 constexpr off_t kFileMax = off_t{1024} * 1024;  // a larger file is none of ours
 constexpr char kNewName[] = "segment.new";
 
-}  // namespace
-
-std::string SpoolFolder::file_of(uint64_t serial) {
+std::string file_of(uint64_t serial) {
   char name[32];
   snprintf(name, sizeof(name), "%016llx.seg", static_cast<unsigned long long>(serial));
   return name;
+}
+
+}  // namespace
+
+std::string SpoolFolder::path_of(uint64_t serial) const {
+  return path + "/" + file_of(serial);
 }
 
 bool SpoolFolder::is_in_place() const {
@@ -94,8 +98,8 @@ bool SpoolFolder::write(const std::string& name, size_t at, std::string_view byt
 
 bool SpoolFolder::replace(uint64_t serial, std::string_view bytes) const {
   unlinkat(folder.get(), kNewName, 0);  // of a run that was killed
-  return write(kNewName, 0, bytes) &&
-         renameat(folder.get(), kNewName, folder.get(), file_of(serial).c_str()) == 0 && fsync(folder.get()) == 0;
+  return write(kNewName, 0, bytes) && renameat(folder.get(), kNewName, folder.get(), file_of(serial).c_str()) == 0 &&
+         fsync(folder.get()) == 0;
 }
 
 void SpoolFolder::remove(uint64_t serial) const {

@@ -27,7 +27,7 @@ class SpoolFolder {
   // Closes the folder: the next open() opens it again.
   void close() { folder.reset(); }
 
-  static std::string file_of(uint64_t serial);
+  std::string path_of(uint64_t serial) const;
 
   // The serials of the segment files, in their order.
   std::vector<uint64_t> serials() const;

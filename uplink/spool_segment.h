@@ -4,7 +4,8 @@
 //     4 bytes    length of the body, little endian, as the next two
 //     4 bytes    CRC-32C of the file's first 8 bytes, the number and the body
 //     8 bytes    number
-//     body       one byte (0: a record, 1: a mark), then `since` and `count`, then the texts `id`, `last_id`, `name` and
+//     body       one byte (0: a record, 1: a mark), then `since` and `count`, then the texts `id`, `last_id`, `name`
+//     and
 //                `payload`, each behind its length. Numbers and lengths have seven bits a byte, the lowest first, and
 //                the highest bit in all bytes but the last.
 //
