@@ -23,8 +23,8 @@ namespace {
 
 constexpr size_t kPidFileMax = 1023;
 
-// A script's file must not get the number of a standard stream that the caller has closed, and with it what print and
-// other programs write. 0 is run()'s.
+// A script's file must not get the number of a standard stream that the caller has closed, or it would receive what
+// print and other programs write. 0 is left to run().
 void fill_closed_outputs() {
   for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(output, F_GETFD) >= 0) continue;

@@ -1,6 +1,6 @@
-# What the compiler and the linker add to a release build against faults in memory. Not to a sanitized one: the sanitizers
-# find more, and do not know the functions that _FORTIFY_SOURCE puts in place of others. A flag that this compiler or this
-# machine does not have is left out; packaging/package-trial checks what the packaged files have.
+# What the compiler and the linker add to a release build against memory errors. Sanitized builds do without: the sanitizers
+# find more, and do not know the functions that _FORTIFY_SOURCE substitutes. Flags that this compiler or machine does not
+# support are left out; packaging/package-trial checks the packaged files.
 include(CheckCXXCompilerFlag)
 include(CheckLinkerFlag)
 include(CheckPIESupported)

@@ -25,19 +25,16 @@ constexpr int kAcceptRetryMs = 300;
 constexpr int kFollowMs = 5;   // how long events gather for followers while they come
 constexpr int kHoldMs = 2000;  // a client that asks once a second keeps its place
 
-constexpr OwnedSocket::Names kControlSocket{kControlSocketPath,
-                                            kControlLockPath,
+constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
                                             "control: %s: zelvctl cannot ask this daemon",
-                                            "control: %s is made: zelvctl can ask this daemon",
-                                            elog,
-                                            false};
+                                            "control: %s is made: zelvctl can ask this daemon", elog};
 
 // The event socket stands in the same folder.
 void warn_of_strangers() {
   std::string path;
   if (!under_device_root(kControlSocketPath, path)) return;
   const std::string reason = why_open_to_strangers(path.substr(0, path.rfind('/')));
-  if (!reason.empty()) elog(1, "control: %s: others can put their sockets into the place of ours", reason.c_str());
+  if (!reason.empty()) elog(1, "control: %s: others can put their own sockets in place of ours", reason.c_str());
 }
 
 }  // namespace

@@ -56,9 +56,9 @@ int configured_port() {
 std::string configured_address() {
   silence_settings();
   try {
-    return SettingsFile().written(settings::listener_address).value_or(ListenPlace().text());
+    return SettingsFile().written(settings::listener_address).value_or(ListenEndpoint().text());
   } catch (const except_conf&) {
-    return ListenPlace().text();
+    return ListenEndpoint().text();
   }
 }
 

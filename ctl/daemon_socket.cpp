@@ -70,7 +70,7 @@ pid_t lock_holder(const std::string& path) {
 void refuse_strangers(int fd, const std::string& path) {
   const uid_t listener = unix_peer(fd).uid;  // root when the system does not tell: allowed in any case
   const std::string reason = why_strangers(path, geteuid(), listener);
-  if (!reason.empty()) fail(reason + ": what listens at " + path + " may not be the daemon");
+  if (!reason.empty()) fail(reason + ": what listens at " + path + " might not be the daemon");
 }
 
 }  // namespace

@@ -7,6 +7,6 @@
 
 // A stream socket that is connected to the daemon's socket at `path`; waits at most `limit_ms` while the queue of
 // connections is full. Throws Failure(Exit::unreachable) when there is no daemon, when we are not allowed to connect,
-// and when others than root, we and the user who listens could have put the socket there, or he only because all users
-// may write to a folder on the way (why_strangers in util/file_trust.h). Any thread.
+// and when a stranger could have put the socket there: why_strangers() in util/file_trust.h, with the user who listens
+// as its guest. Any thread.
 Descriptor connect_to_daemon(const std::string& path, int limit_ms);

@@ -131,15 +131,17 @@ struct Target {
   std::string socket;
 };
 
-// The best of the daemon's places: a port that this machine reaches in any case, else another address, else a socket.
-const ListenPlace* best_of(const std::vector<ListenPlace>& places, bool has_port) {
-  const auto rank = [has_port](const ListenPlace& place) {
-    if (!place.path.empty()) return 1;
-    return !has_port ? 0 : place.is_local() || place.address == INADDR_ANY ? 3 : 2;
+// The best of the daemon's endpoints: a port that this machine surely reaches, else another address, else a socket.
+const ListenEndpoint* best_of(const std::vector<ListenEndpoint>& endpoints, bool has_port) {
+  const auto rank = [has_port](const ListenEndpoint& endpoint) {
+    if (!endpoint.path.empty()) return 1;
+    return !has_port ? 0 : endpoint.is_local() || endpoint.address == INADDR_ANY ? 3 : 2;
   };
-  const auto is_worse = [&rank](const ListenPlace& one, const ListenPlace& other) { return rank(one) < rank(other); };
-  const auto best = std::max_element(places.begin(), places.end(), is_worse);
-  return best == places.end() || rank(*best) == 0 ? nullptr : &*best;
+  const auto is_worse = [&rank](const ListenEndpoint& one, const ListenEndpoint& other) {
+    return rank(one) < rank(other);
+  };
+  const auto best = std::max_element(endpoints.begin(), endpoints.end(), is_worse);
+  return best == endpoints.end() || rank(*best) == 0 ? nullptr : &*best;
 }
 
 // A running daemon knows its port even where the kernel has chosen it.
@@ -155,9 +157,9 @@ Target target_here(const std::string& root) {
   } catch (const Failure& failure) {  // it has no control socket, or does not let us in
     unanswered = failure.what();
   }
-  const std::vector<ListenPlace> places = parse_listener_address(address).value_or(std::vector<ListenPlace>());
-  if (places.empty()) fail_gone("the daemon lets no client connect: see listener_address in its settings");
-  const ListenPlace* const best = best_of(places, port != 0);
+  const std::vector<ListenEndpoint> endpoints = parse_listener_address(address).value_or(std::vector<ListenEndpoint>());
+  if (endpoints.empty()) fail_gone("the daemon lets no client connect: see listener_address in its settings");
+  const ListenEndpoint* const best = best_of(endpoints, port != 0);
   if (best == nullptr) fail_gone(unanswered.empty() ? "the daemon has not opened a port for clients" : unanswered);
   if (!best->path.empty()) return {"", 0, root + best->path};
   return {best->address == INADDR_ANY ? "127.0.0.1" : best->text(), port, ""};

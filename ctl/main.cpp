@@ -150,7 +150,7 @@ const std::vector<Command>& commands() {
        {{"--host", Takes::value, "Where the daemon runs (default: where this machine's daemon listens)", "HOST"},
         {"--port", Takes::number, "Its port (default: the running daemon's, else from the settings, else 5512)", "PORT",
          1, 65535},
-        {"--socket", Takes::value, "A Unix socket at which the daemon listens, or one that leads there", "PATH"},
+        {"--socket", Takes::value, "A Unix socket at which the daemon listens, or one that is forwarded to it", "PATH"},
         {"--json", Takes::nothing, "Print one JSON object a line"},
         {"--count", Takes::number, "End after N events", "N", 1},
         {"--reconnect", Takes::nothing, "Wait for a daemon that is not there or goes away, and tell the gap"},

@@ -33,45 +33,45 @@ bool parse_address(const std::string& text, in_addr_t& address) {
   return is_address;
 }
 
-std::optional<ListenPlace> parse_place(const std::string& item) {
-  ListenPlace place;
+std::optional<ListenEndpoint> parse_endpoint(const std::string& item) {
+  ListenEndpoint endpoint;
   if (!item.empty() && item.front() == '/') {
     if (item.back() == '/') return {};
-    place.path = item;
-    return place;
+    endpoint.path = item;
+    return endpoint;
   }
-  if (!parse_address(item, place.address)) return {};
-  const in_addr_t first_byte = ntohl(place.address) >> 24;
-  const bool is_of_a_machine = place.address == INADDR_ANY || (first_byte > 0 && first_byte < 224);
-  return is_of_a_machine ? std::optional(place) : std::nullopt;
+  if (!parse_address(item, endpoint.address)) return {};
+  const in_addr_t first_byte = ntohl(endpoint.address) >> 24;
+  const bool is_of_a_machine = endpoint.address == INADDR_ANY || (first_byte > 0 && first_byte < 224);
+  return is_of_a_machine ? std::optional(endpoint) : std::nullopt;
 }
 
 // Whether only one of the two can be open.
-bool collide(const ListenPlace& one, const ListenPlace& other) {
+bool collide(const ListenEndpoint& one, const ListenEndpoint& other) {
   if (!one.path.empty() || !other.path.empty()) return one.path == other.path;
   return one.address == other.address || one.address == INADDR_ANY || other.address == INADDR_ANY;
 }
 
 }  // namespace
 
-std::string ListenPlace::text() const {
+std::string ListenEndpoint::text() const {
   if (!path.empty()) return path;
   char text[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &address, text, sizeof(text));
   return text;
 }
 
-std::optional<std::vector<ListenPlace>> parse_listener_address(std::string_view value) {
-  std::vector<ListenPlace> places;
-  if (without_blanks(value) == "none") return places;
+std::optional<std::vector<ListenEndpoint>> parse_listener_address(std::string_view value) {
+  std::vector<ListenEndpoint> endpoints;
+  if (without_blanks(value) == "none") return endpoints;
   for (const std::string& item : items_of(value)) {
-    const std::optional<ListenPlace> place = parse_place(item);
-    if (!place || places.size() == kListenPlacesMax) return {};
-    const auto in_the_way = [&](const ListenPlace& other) { return collide(*place, other); };
-    if (std::any_of(places.begin(), places.end(), in_the_way)) return {};
-    places.push_back(*place);
+    const std::optional<ListenEndpoint> endpoint = parse_endpoint(item);
+    if (!endpoint || endpoints.size() == kListenEndpointsMax) return {};
+    const auto in_the_way = [&](const ListenEndpoint& other) { return collide(*endpoint, other); };
+    if (std::any_of(endpoints.begin(), endpoints.end(), in_the_way)) return {};
+    endpoints.push_back(*endpoint);
   }
-  return places;
+  return endpoints;
 }
 
 AllowedNetworks::AllowedNetworks(std::string_view list) {
@@ -111,7 +111,7 @@ std::string listener_address_problem(std::string_view value) {
   return sstr(
       "listener_address is '%.100s': expected none, or up to %zu different IPv4 addresses and absolute paths of Unix "
       "sockets with commas between them; no client can connect",
-      std::string(value).c_str(), kListenPlacesMax);
+      std::string(value).c_str(), kListenEndpointsMax);
 }
 
 std::string listener_allow_problem(std::string_view value) {
@@ -125,6 +125,6 @@ std::string listener_allow_problem(std::string_view value) {
   if (bad.size() > kEntriesShown) entries += sstr(" and %zu more", bad.size() - kEntriesShown);
   return sstr(
       "listener_allow has %s: expected up to %zu networks such as 10.1.0.0/16 or 192.0.2.7 with commas between "
-      "them; nobody is let in by that",
+      "them; these entries let nobody in",
       entries.c_str(), kAllowedNetworksMax);
 }

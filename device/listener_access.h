@@ -9,11 +9,11 @@
 #include <string_view>
 #include <vector>
 
-constexpr size_t kListenPlacesMax = 16;
+constexpr size_t kListenEndpointsMax = 16;
 constexpr size_t kAllowedNetworksMax = 64;
 
-// The listener's port at one address, or a Unix socket.
-struct ListenPlace {
+// Where clients connect: the listener's port at one address, or a Unix socket.
+struct ListenEndpoint {
   std::string path;                // of the socket, without DEVICE_ROOT; empty: the port at `address`
   in_addr_t address = INADDR_ANY;  // in network byte order
 
@@ -24,9 +24,9 @@ struct ListenPlace {
   std::string text() const;
 };
 
-// The places of `value`, "127.0.0.1, /run/zelvind/listener.sock", or no place for "none". Nothing when the value is not
-// understood, also in part, or when one of its places takes another one's.
-std::optional<std::vector<ListenPlace>> parse_listener_address(std::string_view value);
+// The endpoints of `value`, such as "127.0.0.1, /run/zelvind/listener.sock"; an empty list for "none". No list when a
+// part of it is not understood, or when two of them cannot be open at the same time.
+std::optional<std::vector<ListenEndpoint>> parse_listener_address(std::string_view value);
 
 // The networks of a list, "10.1.0.0/16, 192.0.2.7".
 class AllowedNetworks {

@@ -95,12 +95,12 @@ void ManagerListener::admit_from(const ListenSocket& socket) {
   wake_receiver();
 }
 
-// Who may use the Unix socket is told by its mode.
+// The mode of a Unix socket decides who may use it.
 bool ManagerListener::may_connect(const Peer& peer) const {
   return !allowed || peer.is_process || allowed->has(peer.owner);
 }
 
-// With a reset: a closed connection would be remembered for a minute, and strangers may come in great numbers.
+// Resets the connection: the kernel remembers a closed one for a minute, and strangers may come in great numbers.
 void ManagerListener::turn_away(Descriptor fd, const Peer& peer) {
   const linger reset{1, 0};
   setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));

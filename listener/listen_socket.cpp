@@ -39,16 +39,16 @@ void set_client_options(int fd) {
 }
 
 // " at 127.0.0.1"; empty for all addresses.
-std::string at_text(const ListenPlace& place) {
-  return place.address == INADDR_ANY ? "" : " at " + place.text();
+std::string at_text(const ListenEndpoint& endpoint) {
+  return endpoint.address == INADDR_ANY ? "" : " at " + endpoint.text();
 }
 
 }  // namespace
 
-ListenSocket::ListenSocket(ListenPlace where)
-    : place(std::move(where)),
-      lock_path(lock_beside(place.path)),
-      names{place.path.c_str(),
+ListenSocket::ListenSocket(ListenEndpoint where)
+    : endpoint(std::move(where)),
+      lock_path(lock_beside(endpoint.path)),
+      names{endpoint.path.c_str(),
             lock_path.c_str(),
             "mlistener: %s: no client can connect there",
             "mlistener: %s is made: clients can connect there",
@@ -57,23 +57,23 @@ ListenSocket::ListenSocket(ListenPlace where)
       unix_socket(names) {}
 
 bool ListenSocket::open(int port) {
-  if (!place.path.empty()) return open_now = unix_socket.open();
+  if (!endpoint.path.empty()) return open_now = unix_socket.open();
   if (open_tcp(port)) return true;
   const int error = errno;
   elog(1, "mlistener: Failed to create server socket(errno:%d)", error);
   if (error == EADDRINUSE) {
-    elog(1, "mlistener: port %d%s is in use, trying again for a minute", port, at_text(place).c_str());
+    elog(1, "mlistener: port %d%s is in use, trying again for a minute", port, at_text(endpoint).c_str());
     tries_left = kTries;
     next_tcp_try = steady_ms() + kRetryMs;
-  } else if (place.address != INADDR_ANY) {
-    elog(1, "mlistener: port %d%s cannot be opened (%s)", port, at_text(place).c_str(), strerrordesc_np(error));
+  } else if (endpoint.address != INADDR_ANY) {
+    elog(1, "mlistener: port %d%s cannot be opened (%s)", port, at_text(endpoint).c_str(), strerrordesc_np(error));
   }
   return false;
 }
 
 // Returns false, with errno set, when it fails.
 bool ListenSocket::open_tcp(int port) {
-  const int listening = sock_listen_tcp(port, place.address);
+  const int listening = sock_listen_tcp(port, endpoint.address);
   if (listening < 1) return false;
   set_client_options(listening);
   tcp.reset(listening);
@@ -82,17 +82,17 @@ bool ListenSocket::open_tcp(int port) {
 }
 
 int64_t ListenSocket::next_try() const {
-  if (place.path.empty()) return tries_left > 0 ? next_tcp_try : -1;
+  if (endpoint.path.empty()) return tries_left > 0 ? next_tcp_try : -1;
   const int64_t now = steady_ms();
   const int wait_ms = unix_socket.next_try_ms(now);
   return wait_ms < 0 ? -1 : now + wait_ms;
 }
 
 void ListenSocket::maintain(int port, int64_t now) {
-  if (place.path.empty()) {
+  if (endpoint.path.empty()) {
     if (tries_left > 0 && now >= next_tcp_try) try_tcp_again(port, now);
   } else {
-    if (unix_socket.change_descriptor() >= 0) unix_socket.take_change();
+    unix_socket.take_change();
     unix_socket.make_again(now);
     open_now = unix_socket.number() != 0;
   }
@@ -102,15 +102,15 @@ void ListenSocket::try_tcp_again(int port, int64_t now) {
   next_tcp_try = now + kRetryMs;
   if (open_tcp(port)) {
     tries_left = 0;
-    elog(1, "mlistener: port %d%s is open now", port, at_text(place).c_str());
+    elog(1, "mlistener: port %d%s is open now", port, at_text(endpoint).c_str());
   } else if (--tries_left == 0) {
     elog(1, "mlistener: port %d%s cannot be opened (%s): no client can connect until a restart", port,
-         at_text(place).c_str(), strerrordesc_np(errno));
+         at_text(endpoint).c_str(), strerrordesc_np(errno));
   }
 }
 
 void ListenSocket::close() {
-  if (!place.path.empty()) unix_socket.close();
+  if (!endpoint.path.empty()) unix_socket.close();
   tcp.reset();
   tries_left = 0;
   open_now = false;
@@ -125,7 +125,7 @@ int ListenSocket::port() const {
 }
 
 int ListenSocket::accept(Peer& peer) const {
-  if (place.path.empty()) {
+  if (endpoint.path.empty()) {
     sockaddr_in from{};
     const int fd = sock_accept(tcp.get(), &from, 1);
     peer = {false, from.sin_addr.s_addr, ntohs(from.sin_port)};

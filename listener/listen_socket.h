@@ -1,5 +1,5 @@
-// One place where clients connect: the listener's port at one address, or a Unix socket. It says what comes of it; a
-// port that is in use, and a socket that belongs to somebody else, is tried again for a minute.
+// An endpoint where clients connect: the listener's port at one address, or a Unix socket. It logs what comes of that;
+// a port that is in use, and a socket that belongs to somebody else, is tried again for a minute.
 //
 // The main thread opens it, then the accept thread has it, and at the end the main thread again.
 #pragma once
@@ -16,7 +16,7 @@
 
 class ListenSocket {
  public:
-  explicit ListenSocket(ListenPlace where);
+  explicit ListenSocket(ListenEndpoint where);
 
   // Opens it, at `port` where that matters; 0 lets the kernel choose. Returns whether it is open.
   bool open(int port);
@@ -24,7 +24,7 @@ class ListenSocket {
   // When it is to be tried again, by steady_ms(); -1: it is open or has been given up.
   int64_t next_try() const;
 
-  // Tries again when that is due at `now`, and makes a Unix socket anew that was removed. `port` as for open().
+  // Tries again when that is due at `now`, and remakes a Unix socket that was removed. `port` as for open().
   void maintain(int port, int64_t now);
 
   // Closes it, and removes the Unix socket.
@@ -32,7 +32,7 @@ class ListenSocket {
 
   // Any thread.
   bool is_open() const { return open_now; }
-  const ListenPlace place;
+  const ListenEndpoint endpoint;
 
   // What poll is to watch: for clients that come, and for changes that are a reason for maintain().
   pollfd clients_entry() const { return {descriptor(), POLLIN, 0}; }
@@ -45,7 +45,7 @@ class ListenSocket {
   int accept(Peer& peer) const;
 
  private:
-  int descriptor() const { return place.path.empty() ? tcp.get() : unix_socket.descriptor(); }
+  int descriptor() const { return endpoint.path.empty() ? tcp.get() : unix_socket.descriptor(); }
   bool open_tcp(int port);
   void try_tcp_again(int port, int64_t now);
 

@@ -20,6 +20,15 @@ int64_t whole_seconds(std::chrono::steady_clock::duration duration) {
 }  // namespace
 
 ListenerStatus ManagerListener::status() {
+  ListenerStatus now = counts();
+  add_endpoints(now);
+  now.port = open_number;
+  now.wanted_port = port;
+  now.denied = denied;
+  return now;
+}
+
+ListenerStatus ManagerListener::counts() {
   const MutexLock lock(mutex);
   ListenerStatus now = counted;
   now.clients = clients.size();
@@ -31,21 +40,17 @@ ListenerStatus ManagerListener::status() {
     now.leaving += state == State::leaving ? 1 : 0;
   }
   now.waited_us = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(waited).count());
-  now.port = open_number;
-  now.wanted_port = port;
-  now.denied = denied;
-  add_places(now);
   now.memory = memory.held();
   now.memory_limit = memory.limit;
   return now;
 }
 
-void ManagerListener::add_places(ListenerStatus& status) const {
+void ManagerListener::add_endpoints(ListenerStatus& status) const {
   if (sockets.empty() && parse_listener_address(*address)) status.address = "none";
   for (const auto& socket : sockets) {
-    const std::string place = socket->place.text();
-    status.address += (status.address.empty() ? "" : ",") + place;
-    if (!socket->is_open()) status.not_open += (status.not_open.empty() ? "" : ",") + place;
+    const std::string endpoint = socket->endpoint.text();
+    status.address += (status.address.empty() ? "" : ",") + endpoint;
+    if (!socket->is_open()) status.not_open += (status.not_open.empty() ? "" : ",") + endpoint;
   }
 }
 

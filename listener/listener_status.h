@@ -26,8 +26,8 @@ struct OutputCounts {
 struct ListenerStatus : OutputCounts {
   int port = 0;             // the port that is open, also when the kernel chose it; 0: none is
   int wanted_port = 0;      // by the settings
-  std::string address;      // listener_address: its places with commas between them, or "none"; empty: it is wrong
-  std::string not_open;     // those of the places that are not open
+  std::string address;      // listener_address: its endpoints with commas between them, or "none"; empty: it is wrong
+  std::string not_open;     // those that are not open
   size_t clients = 0;       // connected now: of these
   size_t subscribed = 0;    // have subscribed, and owe nothing,
   size_t owing = 0;         // have not taken all that was sent: later events are skipped for them until they have,

@@ -18,9 +18,9 @@ namespace {
 // The sockets that listener_address names; none when it is wrong.
 std::vector<std::unique_ptr<ListenSocket>> sockets_at(const std::optional<std::string>& address) {
   std::vector<std::unique_ptr<ListenSocket>> sockets;
-  auto places = address ? parse_listener_address(*address) : std::vector<ListenPlace>(1);
-  if (!places) return sockets;
-  for (ListenPlace& place : *places) sockets.push_back(std::make_unique<ListenSocket>(std::move(place)));
+  auto endpoints = address ? parse_listener_address(*address) : std::vector<ListenEndpoint>(1);
+  if (!endpoints) return sockets;
+  for (ListenEndpoint& endpoint : *endpoints) sockets.push_back(std::make_unique<ListenSocket>(std::move(endpoint)));
   return sockets;
 }
 
@@ -88,7 +88,7 @@ int ManagerListener::start() {
 
 void ManagerListener::say_who_may_connect() const {
   if (sockets.empty()) return elog(1, "mlistener: nobody may connect (listener_address)");
-  const auto is_local = [](const auto& socket) { return socket->place.is_local(); };
+  const auto is_local = [](const auto& socket) { return socket->endpoint.is_local(); };
   if (std::all_of(sockets.begin(), sockets.end(), is_local)) {
     elog(1, "mlistener: only this machine may connect (listener_address)");
   }

@@ -96,7 +96,8 @@ class ManagerListener {
   void add_client(int fd, const Peer& peer);
 
   // listener_status.cpp
-  void add_places(ListenerStatus& status) const;
+  ListenerStatus counts();
+  void add_endpoints(ListenerStatus& status) const;
 
   // receive_thread.cpp
   void receive_loop();
@@ -164,7 +165,7 @@ class ManagerListener {
   RateLimit turn_away_limit;  // of lines about listener_allow
 
   std::atomic<bool> running{false};  // the main thread writes it
-  std::atomic<int> open_number{0};   // of the port that is open, at one address or more; who has the sockets writes it
+  std::atomic<int> open_number{0};   // the port that is open, at one address or more; the user of `sockets` writes it
   std::atomic<uint64_t> denied{0};   // by listener_allow; the accept thread writes it
 };
 

@@ -92,8 +92,10 @@ TEST(ControlClient, RefusesWhatAStrangerCouldHavePutThere) {
       {"chown -R 12345 $ROOT/a", 12345, nullptr},
       {"chgrp 12345 .; chmod 775 .", 12345, nullptr},  // its owner lets this group put a socket there
       {"chmod 1777 $ROOT/a . control.sock", 0, nullptr},
-      {"chmod 1777 ../..; chown 12345 . ..", 12345, "ROOT/a/run belongs to user 12345, in a folder for all users"},
-      {"chmod 1777 .", 12345, "ROOT/a/run/zelvind/control.sock belongs to user 12345, in a folder for all users"},
+      {"chmod 1777 ../..; chown 12345 . ..", 12345,
+       "ROOT/a/run belongs to user 12345, in a folder that all users may write to"},
+      {"chmod 1777 .", 12345,
+       "ROOT/a/run/zelvind/control.sock belongs to user 12345, in a folder that all users may write to"},
       {"chmod 777 .", 0, "all users may write to ROOT/a/run/zelvind"},
       {"chmod 777 ../..", 0, "all users may write to ROOT/a"},
       {"chown 12345 control.sock", 0, "ROOT/a/run/zelvind/control.sock belongs to user 12345"},
@@ -102,7 +104,7 @@ TEST(ControlClient, RefusesWhatAStrangerCouldHavePutThere) {
       {"cd $ROOT; mv a b; ln -s b/../b/. a; chown -h 4711 a", 0, "ROOT/a belongs to user 4711"},
       {"cd $ROOT; mv a b; ln -s $ROOT/b/../c a; ln -s b c; chown 4711 b/run", 0, "ROOT/b/run belongs to user 4711"},
       {"cd $ROOT; mv a b; ln -s b a; chown -h 12345 a; chmod 1777 .", 12345,
-       "ROOT/a belongs to user 12345, in a folder for all users"},
+       "ROOT/a belongs to user 12345, in a folder that all users may write to"},
   };
   for (const auto& row : rows) {
     const RealDaemon root;
@@ -116,7 +118,7 @@ TEST(ControlClient, RefusesWhatAStrangerCouldHavePutThere) {
     EXPECT_EQ(root.text_of("result"),
               row.refused == nullptr
                   ? "done"
-                  : row.refused + ": what listens at ROOT/a/run/zelvind/control.sock may not be the daemon"s)
+                  : row.refused + ": what listens at ROOT/a/run/zelvind/control.sock might not be the daemon"s)
         << row.make;
   }
 }

@@ -51,6 +51,31 @@ class DeviceLog : public DeviceRoot {
     return Descriptor(type == SOCK_STREAM ? accept(daemon.get(), nullptr, nullptr) : dup(daemon.get()));
   }
 
+  std::string fifo() const { return root + "/fifo"; }
+
+  // A way to a reader of the log, who may be a log daemon. The writer's end, if there is one, is for standard error.
+  struct Ends {
+    Descriptor reader, writer;
+  };
+  Ends open_ends(const std::string& way) const {
+    int ends[2] = {-1, -1};
+    if (way == "fifo") {
+      EXPECT_EQ(mkfifo(fifo().c_str(), 0600), 0);
+      ends[0] = open(fifo().c_str(), O_RDONLY | O_NONBLOCK);
+    } else if (way == "pipe") {
+      EXPECT_EQ(pipe(ends), 0);
+    } else if (way == "socket") {
+      EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    } else if (way == "terminal") {
+      ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
+      EXPECT_TRUE(grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0);
+      ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+    } else {
+      return {log_daemon(way == "stream" ? SOCK_STREAM : SOCK_DGRAM), Descriptor()};
+    }
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+  }
+
   // What `fd` has to read now; nothing if it has none.
   static std::string read_now(int fd) {
     char piece[4096];
@@ -218,61 +243,39 @@ TEST_F(DeviceLog, AFullDiskGluesNoLinesTogether) {
 // A reader that reads no more, without going away: the log drops lines, says so when it is read again, and leaves the
 // flags of what it shares as they are.
 TEST_F(DeviceLog, NobodyHoldsItUp) {
-  struct Row {
-    const char* target;
-    const char* through;
+  const struct {
+    std::string target, way;
     bool is_opened_anew;
-  };
-  const Row rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
-                      {"stderr", "socket", true}, {"stderr", "terminal", true}, {"syslog", "datagrams", true},
-                      {"syslog", "stream", true}};
+  } rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
+              {"stderr", "socket", true}, {"stderr", "terminal", true}, {"syslog", "datagrams", true},
+              {"syslog", "stream", true}};
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   const rlimit none{3, descriptors.rlim_max};
   alarm(30);
   const Descriptor standard_error(dup(STDERR_FILENO));
-  for (const auto& [target, through, is_opened_anew] : rows) {
-    const std::string way = through;
-    int ends[2] = {-1, -1};
-    std::string where = target;
-    Descriptor daemon;
-    if (way == "fifo") {
-      where += root + "/fifo";
-      ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
-      ends[0] = open((root + "/fifo").c_str(), O_RDONLY | O_NONBLOCK);
-    } else if (way == "pipe") {
-      ASSERT_EQ(pipe(ends), 0);
-    } else if (way == "socket") {
-      ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    } else if (way == "terminal") {
-      ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
-      ASSERT_TRUE(grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0);
-      ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
-    } else {
-      daemon = log_daemon(way == "stream" ? SOCK_STREAM : SOCK_DGRAM);
-      ends[0] = dup(daemon.get());
-    }
-    if (ends[1] >= 0) dup2(ends[1], STDERR_FILENO);
+  for (const auto& [target, way, is_opened_anew] : rows) {
+    Ends ends = open_ends(way);
+    if (ends.writer.get() >= 0) dup2(ends.writer.get(), STDERR_FILENO);
     if (!is_opened_anew) setrlimit(RLIMIT_NOFILE, &none);
-    log_to(where);
+    log_to(way == "fifo" ? target + fifo() : target);
     setrlimit(RLIMIT_NOFILE, &descriptors);
-    if (way == "stream") ends[0] = accept(daemon.get(), nullptr, nullptr);
+    if (way == "stream") ends.reader = reader_of(ends.reader, SOCK_STREAM);
     const log_counts before = counted();
     int line = 0;
     while (counted().lost < before.lost + 3) elog(1, "%d %s", ++line, std::string(200, 'x').c_str());
-    EXPECT_TRUE(ends[1] < 0 || (fcntl(ends[1], F_GETFL) & O_NONBLOCK) == 0) << way;
-    if (ends[0] >= 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    std::string text = read_all(ends[0]);
+    EXPECT_TRUE(ends.writer.get() < 0 || (fcntl(ends.writer.get(), F_GETFL) & O_NONBLOCK) == 0) << way;
+    fcntl(ends.reader.get(), F_SETFL, O_NONBLOCK);
+    std::string text = read_all(ends.reader.get());
     elog(1, "read again");
     dup2(standard_error.get(), STDERR_FILENO);
-    text += read_all(ends[0]);
+    text += read_all(ends.reader.get());
     uint64_t lost = 0;  // a pipe may have room for such a line, and none for the next one
     for (size_t at = 0; (at = text.find("log: ", at)) != std::string::npos;)
       lost += strtoul(&text[at += 5], nullptr, 10);
     EXPECT_EQ(lost, counted().lost - before.lost) << way;
     EXPECT_LT(text.rfind(" lines lost"), text.find("read again")) << way;
     log_to("file:" + root + "/log");
-    for (const int end : ends) close(end);
   }
   alarm(0);
 }

@@ -30,8 +30,8 @@ class EventClient {
       return sockaddr_in{AF_INET, htons(static_cast<uint16_t>(its_port)), host, {}};
     };
     const sockaddr_in here = at(from, 0), there = at(to, port);
-    if (from != 1) bind(fd.get(), reinterpret_cast<const sockaddr*>(&here), sizeof(here));
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&there), sizeof(there)) != 0) leave();
+    const bool is_bound = from == 1 || bind(fd.get(), reinterpret_cast<const sockaddr*>(&here), sizeof(here)) == 0;
+    if (!is_bound || connect(fd.get(), reinterpret_cast<const sockaddr*>(&there), sizeof(there)) != 0) leave();
   }
 
   // Connects to the Unix socket at `path`.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
@@ -30,6 +31,18 @@ class FaultyDaemon : public RealDaemon {
     return start(settings + "; $FAULTY -p $ROOT/pid >/dev/null 2>$ROOT/stderr");
   }
 
+  // Waits until no thread runs: one on its way to a call would meet the fault that is meant for another.
+  bool sleeps() const {
+    const auto waits = [](const auto& thread) {
+      return read_file(thread.path() / "stat").find(") R ") == std::string::npos;
+    };
+    const std::filesystem::directory_iterator end;
+    return wait_until([&] {
+      return std::all_of(std::filesystem::directory_iterator("/proc/" + std::to_string(process()) + "/task"), end,
+                         waits);
+    });
+  }
+
   void expect(unsigned service) {
     EXPECT_TRUE((service & kOwnEvents) == 0 || wait_for("pong own"));
     EXPECT_TRUE((service & kPosters) == 0 || (post("1 ping posted\n") && wait_for("pong posted")));
@@ -56,6 +69,7 @@ void expect_survival(const Case& row, bool from_start) {
   std::optional<EventClient> client;
   if (!from_start) {
     daemon.subscribe(client.emplace(daemon.port()), "ping");
+    EXPECT_TRUE(daemon.sleeps());
     daemon.arm(true);
     daemon.post("1 ping first\n");
     client->send_bytes(EventClient::subscription("ping"));  // or the event_recv thread might sleep on

@@ -339,7 +339,7 @@ TEST(Reload, WatchesTheScripts) {
 TEST(RunFolder, TakesNothingThatOthersHavePrepared) {
   const std::string no_events = "): no events from other processes";
   const std::string not_asked = "): zelvctl cannot ask this daemon";
-  const std::string not_ours = "ROOT/run/zelvind: others can put their sockets into the place of ours";
+  const std::string not_ours = "ROOT/run/zelvind: others can put their own sockets in place of ours";
   const std::string irregular = "it is not a regular file";
   const struct {
     std::string make, line;
@@ -350,7 +350,8 @@ TEST(RunFolder, TakesNothingThatOthersHavePrepared) {
       {"ln -s ../../victim state.new; ln -s ../../victim state", ""},
       {"mkfifo state", ""},
       {"mkfifo events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (" + irregular + no_events},
-      {"ln ../../victim events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (it has another link" + no_events},
+      {"ln ../../victim events.lock",
+       "evq: cannot use ROOT/run/zelvind/events.lock (it has another hard link" + no_events},
       {"ln -s ../../victim events.lock", "evq: cannot use ROOT/run/zelvind/events.lock (" + irregular + no_events},
       {"mkdir control.lock", "control: cannot use ROOT/run/zelvind/control.lock (" + irregular + not_asked},
       {">events.lock; chown 12345 events.lock",

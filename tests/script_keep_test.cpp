@@ -95,7 +95,7 @@ TEST_F(ScriptKeep, PutsAsideWhatItHasNotWritten) {
       {"mkfifo $F", "it is not a regular file"},
       {"mkdir $F", "it is not a regular file"},
       {"ln -s /etc/passwd $F", "it is not a regular file"},
-      {": > $F.other; ln $F.other $F", "it has another link"},
+      {": > $F.other; ln $F.other $F", "it has another hard link"},
   };
   for (const auto& [command, reason] : rows) {
     SCOPED_TRACE(command);

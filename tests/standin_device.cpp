@@ -139,10 +139,10 @@ int event_post(int type, const char* type_name, const char* info) {
   return 1;
 }
 
-int econf_get_str(econf_handle*, const char* key, char* text, int size) {
+int econf_get_str(econf_handle*, const char* key, char* buffer, int size) {
   const Locked device;
   const auto found = device->texts.find(key);
-  return found == device->texts.end() ? -1 : snprintf(text, static_cast<size_t>(size), "%s", found->second.c_str());
+  return found == device->texts.end() ? -1 : snprintf(buffer, static_cast<size_t>(size), "%s", found->second.c_str());
 }
 
 // clang-format off

@@ -57,7 +57,8 @@ class Walk {
     const uid_t owner = here.st_uid;
     const bool is_known = owner == 0 || owner == owner_of_all || owner == user;
     if (!is_known && (owner != guest || is_shared)) {
-      return sstr("%s belongs to user %u%s", entry.c_str(), owner, is_shared ? ", in a folder for all users" : "");
+      return sstr("%s belongs to user %u%s", entry.c_str(), owner,
+                  is_shared ? ", in a folder that all users may write to" : "");
     }
     if (S_ISLNK(here.st_mode)) return follow(entry);
     place = entry;
@@ -78,7 +79,7 @@ class Walk {
   }
 
   static std::string failure(const std::string& entry) {
-    return "failed to look at " + entry + ": " + strerrordesc_np(errno);
+    return "failed to examine " + entry + ": " + strerrordesc_np(errno);
   }
 
   std::string rest;   // what is still to be walked
@@ -94,10 +95,10 @@ class Walk {
 
 const char* why_not_ours(int fd) {
   struct stat status {};
-  if (fstat(fd, &status) != 0) return "it cannot be looked at";
+  if (fstat(fd, &status) != 0) return "it cannot be examined";
   if (!S_ISREG(status.st_mode)) return "it is not a regular file";
   if (status.st_uid != geteuid()) return "it belongs to another user";
-  if (status.st_nlink > 1) return "it has another link";
+  if (status.st_nlink > 1) return "it has another hard link";
   return nullptr;
 }
 

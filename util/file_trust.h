@@ -1,5 +1,5 @@
 // Files and folders that other users may have prepared: a link to a file of ours, a FIFO that nobody reads, a folder in
-// which they can put something into the place of what is ours.
+// which they can replace what is ours.
 #pragma once
 
 #include <sys/types.h>
@@ -20,10 +20,10 @@ int make_fresh_file(int folder, const char* name, mode_t mode);
 
 // Why somebody else may have put `path` where it is; empty when only root, the owner of "/", `user` and `guest` can
 // have. Each folder and link on the way, and `path` itself, must belong to one of them. No folder may be writable for
-// all users, but for one with the sticky bit in which the entry belongs to root or `user`: there, `guest` is a stranger
-// like any other, since he may have been the first to take the name. Any thread.
+// all users, except one with the sticky bit whose entry belongs to root or `user`: `guest` counts as a stranger there,
+// since anybody could have taken the name first. Any thread.
 std::string why_strangers(const std::string& path, uid_t user, uid_t guest);
 
-// As why_strangers, why others than root, the owner of "/" and our effective user can put something of theirs into
-// `folder`, a sticky bit or not; empty also when there is no such folder. Any thread.
+// Why users other than root, the owner of "/" and our effective user can put something into `folder`, with a sticky bit
+// or without; empty when they cannot, and when there is no such folder. Any thread.
 std::string why_open_to_strangers(const std::string& folder);

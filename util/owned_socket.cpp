@@ -140,8 +140,8 @@ bool OwnedSocket::take_change() const {
 bool OwnedSocket::take_lock() {
   std::string lock_path;
   under_device_root(names.lock_path, lock_path);
-  // Nobody else may open it: a process that can read a file can lock it. It stays for ever, so what stands there may be
-  // anything, and only a file that nobody else has made or named is written.
+  // Mode 0600: whoever can read a file can lock it. Others may have put anything there, so only a regular file of ours
+  // without another link is written.
   constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   lock.reset(above_standard_streams(::open(lock_path.c_str(), kFlags, 0600)));
   const char* const foreign = lock.get() < 0 ? why_not_a_file(errno) : why_not_ours(lock.get());

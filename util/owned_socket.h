@@ -21,11 +21,11 @@
 class OwnedSocket {
  public:
   struct Names {
-    const char* socket_path;  // both below DEVICE_ROOT
-    const char* lock_path;
-    const char* lost_line;  // for the log: "%s" is why there is no socket,
-    const char* made_line;  // and here the path of the one that was made after all
-    void (*log)(int level, const char* format, ...);
+    const char* socket_path = nullptr;  // both below DEVICE_ROOT
+    const char* lock_path = nullptr;
+    const char* lost_line = nullptr;  // for the log: "%s" is why there is no socket,
+    const char* made_line = nullptr;  // and here the path of the one that was made after all
+    void (*log)(int level, const char* format, ...) = nullptr;
     bool spares_others = false;  // does not replace a socket at which another program listens: a user chose the path
   };
 

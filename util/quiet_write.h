@@ -15,15 +15,15 @@ bool write_fully(int fd, const char* data, size_t size);
 // Plain memory without a destructor: the log outlives everything. Not thread-safe.
 class QuietOutput {
  public:
-  // Writes to `fd` from now on, which stays the caller's and open. Its flags stay as they are, since they belong to
-  // whoever else has the same pipe or terminal: so that is opened anew, for us alone. Where that is not allowed, each
-  // write asks for room before it. Then another writer who takes the room in between can still hold us up.
+  // Writes to `fd` from now on, which remains the caller's. A pipe or terminal is opened anew, for us alone: O_NONBLOCK
+  // on `fd` would change it for all who share it. Where that fails, each write first asks whether there is room;
+  // another writer that takes the room in between can still hold us up.
   void use(int fd);
 
   // Writes to `fd` from now on and owns it. It must be non-blocking unless it is a file.
   void own(int fd);
 
-  // Closes what is its own.
+  // Closes the descriptor if this object owns it.
   void close();
 
   // The descriptor to wait with, or -1.

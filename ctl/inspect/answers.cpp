@@ -105,9 +105,11 @@ std::string listener_text(const AnswerLine& listener) {
   const uint64_t port = listener.count("port");
   if (address == "none") return "closed to everybody";
   if (address.empty() || address == kEveryAddress) return "port " + (port == 0 ? "not open" : std::to_string(port));
-  const auto places = parse_listener_address(address).value_or(std::vector<ListenPlace>());
-  const bool has_port = std::any_of(places.begin(), places.end(), [](const auto& place) { return place.path.empty(); });
-  const bool is_local = std::all_of(places.begin(), places.end(), [](const auto& place) { return place.is_local(); });
+  const auto endpoints = parse_listener_address(address).value_or(std::vector<ListenEndpoint>());
+  const bool has_port =
+      std::any_of(endpoints.begin(), endpoints.end(), [](const auto& endpoint) { return endpoint.path.empty(); });
+  const bool is_local =
+      std::all_of(endpoints.begin(), endpoints.end(), [](const auto& endpoint) { return endpoint.is_local(); });
   const std::string number = !has_port ? "" : port == 0 ? "port not open, " : "port " + std::to_string(port) + " ";
   return number + "at " + shown(address, kPlaceWidth) + (is_local ? ", for this machine only" : "");
 }

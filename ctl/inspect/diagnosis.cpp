@@ -152,7 +152,7 @@ class Notes {
     const std::string address = listener.text("address", kEveryAddress);
     const std::string not_open = listener.text("not_open");
     if (address.empty()) {
-      notes.push_back("no client can connect: listener_address is not understood; the log says why");
+      notes.emplace_back("no client can connect: listener_address is not understood; the log says why");
     } else if (address != kEveryAddress && !not_open.empty()) {
       notes.push_back("no client can connect at " + shown(not_open, kPlacesWidth) + "; the log says why");
     } else if (address == kEveryAddress && listener.has("port") && listener.count("port") == 0) {

@@ -18,12 +18,8 @@ namespace {
 constexpr int kAcceptRetryMs = 300;
 constexpr size_t kPieceMemory = size_t{1024} * 1024;  // what the events of a piece may need, as a rule
 
-constexpr OwnedSocket::Names kEventSocket{kEventSocketPath,
-                                          kEventLockPath,
-                                          "evq: %s: no events from other processes",
-                                          "evq: %s is made: events from other processes are taken",
-                                          elog,
-                                          false};
+constexpr OwnedSocket::Names kEventSocket{kEventSocketPath, kEventLockPath, "evq: %s: no events from other processes",
+                                          "evq: %s is made: events from other processes are taken", elog};
 
 bool watch(int epoll, int fd, uint32_t what, void* tag) {
   epoll_event event{};

@@ -23,11 +23,13 @@ class LogRepeats {
   };
 
   // Returns how often `line` has been left out since it was last written or summed up, this time included; 0: it is to
-  // be written now, after the summaries that take() has, and then wrote() is called.
+  // be written now, after the summaries that take() has; then call wrote().
   uint64_t leave_out(int level, std::string_view line, int64_t now_ms);
 
-  // As leave_out for a line that is not compared.
+  // In place of leave_out() for a line that is not compared.
   void pass() { current = nullptr; }
+
+  // The line of the last leave_out() or pass() is written now.
   void wrote() { last = current; }
 
   // Takes a summary whose second is over at `now_ms`, or that of the last line if another is to be written now. Returns

@@ -16,9 +16,9 @@ class LogStream {
   void close();
   bool is_open() const { return output.descriptor() >= 0; }
 
-  // Writes `text`, whole lines. Returns false when not all of it was taken: what was begun then ends where the next
-  // line begins. Waits for a reader as long as `patience` allows; once that was not enough, no longer at all until a
-  // line is taken at once.
+  // Writes `text`, whole lines. Returns false when not all of it was taken; the next text then begins on a line of
+  // its own. Waits for a reader as long as `patience` allows; once that was not enough, not at all until a line is
+  // taken at once.
   bool write(std::string text, LogPatience& patience);
 
  private:
