@@ -82,10 +82,10 @@ class UplinkSpool : public testing::Test {
   // What is in the spool: "1 2 3-7(5) 8", a gap with its count.
   std::string content() {
     std::string text;
-    UplinkRecord record;
-    for (uint64_t number = 0; spool->read(number, record); ++number) {
-      text += (text.empty() ? "" : " ") + record.id.substr(2);
-      if (record.is_gap()) text += "-" + record.last_id.substr(2) + "(" + std::to_string(record.count) + ")";
+    uint64_t number = 0;
+    for (; const UplinkRecord* const record = spool->read(number); ++number) {
+      text += (text.empty() ? "" : " ") + record->id.substr(2);
+      if (record->is_gap()) text += "-" + record->last_id.substr(2) + "(" + std::to_string(record->count) + ")";
     }
     return text;
   }
@@ -94,10 +94,11 @@ class UplinkSpool : public testing::Test {
   // order and as it was.
   testing::AssertionResult holds(int end) {
     std::set<int> covered = acknowledged;
-    UplinkRecord record;
+    uint64_t number = 0;
     uint64_t records = 0;
     int before = 0;
-    for (uint64_t number = 0; spool->read(number, record); ++number, ++records) {
+    for (; const UplinkRecord* const found = spool->read(number); ++number, ++records) {
+      const UplinkRecord& record = *found;
       const int first = event_of(record.id);
       if (first < before && !was_damaged) return testing::AssertionFailure() << first << " comes behind " << before;
       if (!record.is_gap()) {
@@ -169,8 +170,7 @@ TEST_F(UplinkSpool, ForgetsWhatIsAcknowledged) {
   append(2);
   EXPECT_NEAR(static_cast<double>(spool->sync_due()), static_cast<double>(steady_ms() + 1000), 200);
   for (uint64_t number = 0; spool->state().records > 0;) {
-    UplinkRecord record;
-    ASSERT_TRUE(spool->read(number, record));
+    ASSERT_NE(spool->read(number), nullptr);
     spool->acknowledge(number);
   }
   EXPECT_EQ(spool->sync_due(), 0);
@@ -221,8 +221,7 @@ TEST_F(UplinkSpool, DropsTheOldestOrTheNewestWhenFull) {
   EXPECT_LT(kept, 199);
   EXPECT_LT(event_of(spool->position()), 199);  // an uplink that starts again asks for what was refused
   EXPECT_TRUE(holds(event_of(spool->position())));
-  UplinkRecord record;
-  for (uint64_t number = 0; spool->state().records > 2 && spool->read(number, record);) spool->acknowledge(number);
+  for (uint64_t number = 0; spool->state().records > 2 && spool->read(number) != nullptr;) spool->acknowledge(number);
   append(1);
   EXPECT_EQ(content().substr(content().find(' ', content().find("-200("))), " 201");
   EXPECT_TRUE(sync());
@@ -247,12 +246,6 @@ TEST_F(UplinkSpool, GoesOnInMemory) {
       {"too large", [&] { limit_files(300); }, [&] { limit_files(RLIM_INFINITY); }, "File too large"},
       {"a file in its place", [&] { fs::remove_all(folder), std::ofstream(folder).flush(); },
        [&] { fs::remove(folder); }, "Not a directory"},
-      {"replaced",
-       [&] {
-         fs::rename(folder, root + "/old"), fs::create_directory(folder),
-             std::ofstream(folder + "/0000000000000009.seg").flush();
-       },
-       [&] { fs::remove_all(folder); }, "it was replaced by a folder that holds segments"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -270,7 +263,7 @@ TEST_F(UplinkSpool, GoesOnInMemory) {
     EXPECT_EQ(spool->state().error, row.reason);
     EXPECT_GT(spool->sync_due(), steady_ms() + 3000);
     EXPECT_TRUE(holds(7));
-    EXPECT_TRUE(fs::is_regular_file(folder) || fs::file_size(files().front()) <= 300);
+    EXPECT_TRUE(fs::is_regular_file(folder) || fs::file_size(files().front()) < 300);
     append(20000);  // more than 1 MiB
     EXPECT_TRUE(holds(last));
     EXPECT_GT(spool->state().dropped, 0U);
@@ -305,6 +298,19 @@ TEST_F(UplinkSpool, DeclaresWhatIsRemoved) {
   EXPECT_TRUE(holds(82));
   restart();
   EXPECT_TRUE(holds(82));
+  // A folder that another one takes the place of, e.g. a disk that is mounted late: what that one holds comes first.
+  fs::rename(folder, root + "/late");
+  append(1);
+  EXPECT_TRUE(sync());
+  EXPECT_EQ(content(), "1-82(0) 83");
+  fs::remove_all(folder);
+  fs::rename(root + "/late", folder);
+  append(1);
+  EXPECT_TRUE(sync());
+  EXPECT_TRUE(holds(84));
+  EXPECT_EQ(content().substr(content().find(" 82")), " 82 1-83(0) 84");
+  restart();
+  EXPECT_EQ(content().substr(content().find(" 82")), " 82 1-83(0) 84");
 }
 
 // Files that the spool has not written stay, whatever their names.
@@ -372,9 +378,9 @@ TEST_F(UplinkSpool, LosesNothingThatItDoesNotDeclare) {
         append(static_cast<int>(random() % 12));
       } else if (what < 80) {
         std::vector<std::pair<uint64_t, UplinkRecord>> flight;
-        UplinkRecord record;
-        for (uint64_t number = 0; flight.size() < 20 && spool->read(number, record); ++number) {
-          flight.emplace_back(number, record);
+        const UplinkRecord* record = nullptr;
+        for (uint64_t number = 0; flight.size() < 20 && (record = spool->read(number)) != nullptr; ++number) {
+          flight.emplace_back(number, *record);
         }
         std::shuffle(flight.begin(), flight.end(), random);
         flight.resize(random() % (flight.size() + 1));

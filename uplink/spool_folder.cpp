@@ -17,7 +17,6 @@
 namespace {
 
 constexpr off_t kFileMax = off_t{1024} * 1024;  // a larger file is none of ours
-constexpr char kNewName[] = "segment.new";
 
 std::string file_of(uint64_t serial) {
   char name[32];
@@ -40,7 +39,7 @@ bool SpoolFolder::is_in_place() const {
 
 SpoolFolder::Opened SpoolFolder::open() {
   if (is_in_place()) return Opened::still;
-  close();
+  folder.reset();
   if (!make_folders(path, FolderSync::each)) return Opened::failed;
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Opened::failed;
   Descriptor opened(above_standard_streams(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
@@ -49,9 +48,9 @@ SpoolFolder::Opened SpoolFolder::open() {
   return Opened::fresh;
 }
 
-Descriptor SpoolFolder::open_file(const std::string& name, int flags) const {
+Descriptor SpoolFolder::open_file(uint64_t serial, int flags) const {
   constexpr int kAlways = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  return Descriptor(above_standard_streams(openat(folder.get(), name.c_str(), flags | kAlways, 0600)));
+  return Descriptor(above_standard_streams(openat(folder.get(), file_of(serial).c_str(), flags | kAlways, 0600)));
 }
 
 std::vector<uint64_t> SpoolFolder::serials() const {
@@ -69,7 +68,7 @@ std::vector<uint64_t> SpoolFolder::serials() const {
 }
 
 bool SpoolFolder::read(uint64_t serial, std::string& bytes) const {
-  const Descriptor file = open_file(file_of(serial), O_RDONLY);
+  const Descriptor file = open_file(serial, O_RDONLY);
   struct stat status {};
   if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
   if (status.st_size > kFileMax) return false;
@@ -78,11 +77,7 @@ bool SpoolFolder::read(uint64_t serial, std::string& bytes) const {
 }
 
 bool SpoolFolder::write(uint64_t serial, size_t at, std::string_view bytes) const {
-  return write(file_of(serial), at, bytes);
-}
-
-bool SpoolFolder::write(const std::string& name, size_t at, std::string_view bytes) const {
-  const Descriptor file = open_file(name, O_WRONLY | (at == 0 ? O_CREAT | O_EXCL : 0));
+  const Descriptor file = open_file(serial, O_WRONLY | (at == 0 ? O_CREAT | O_EXCL : 0));
   const auto end = static_cast<off_t>(at);
   if (file.get() < 0) return false;
   if (lseek(file.get(), end, SEEK_SET) == end && write_fully(file.get(), bytes.data(), bytes.size()) &&
@@ -91,15 +86,9 @@ bool SpoolFolder::write(const std::string& name, size_t at, std::string_view byt
   }
   const int error = errno;
   if (ftruncate(file.get(), end) == 0) fdatasync(file.get());
-  if (at == 0) unlinkat(folder.get(), name.c_str(), 0);
+  if (at == 0) remove(serial);
   errno = error;
   return false;
-}
-
-bool SpoolFolder::replace(uint64_t serial, std::string_view bytes) const {
-  unlinkat(folder.get(), kNewName, 0);  // of a run that was killed
-  return write(kNewName, 0, bytes) && renameat(folder.get(), kNewName, folder.get(), file_of(serial).c_str()) == 0 &&
-         fsync(folder.get()) == 0;
 }
 
 void SpoolFolder::remove(uint64_t serial) const {

@@ -24,9 +24,6 @@ class SpoolFolder {
   // path. EWOULDBLOCK: another process uses it.
   Opened open();
 
-  // Closes the folder: the next open() opens it again.
-  void close() { folder.reset(); }
-
   std::string path_of(uint64_t serial) const;
 
   // The serials of the segment files, in their order.
@@ -39,15 +36,11 @@ class SpoolFolder {
   // fails, cuts the file back to `at`.
   bool write(uint64_t serial, size_t at, std::string_view bytes) const;
 
-  // Puts a file with these bytes in the place of the one that is there, or is not there any more.
-  bool replace(uint64_t serial, std::string_view bytes) const;
-
   void remove(uint64_t serial) const;
 
  private:
   bool is_in_place() const;
-  Descriptor open_file(const std::string& name, int flags) const;
-  bool write(const std::string& name, size_t at, std::string_view bytes) const;
+  Descriptor open_file(uint64_t serial, int flags) const;
 
   const std::string path;
   Descriptor folder;

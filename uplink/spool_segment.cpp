@@ -73,7 +73,7 @@ void write_item(const SpoolItem& item, std::string& out) {
   std::string framed;
   put_fixed(item.number, 8, framed);
   framed += static_cast<char>(item.is_mark);
-  put_number(item.since, framed);
+  put_number(item.value, framed);
   put_number(record.count, framed);
   for (const std::string* text : {&record.id, &record.last_id, &record.name, &record.payload}) put_text(*text, framed);
   put_fixed(framed.size() - 8, 4, out);
@@ -92,7 +92,7 @@ bool read_item(std::string_view bytes, size_t& at, SpoolItem& out) {
   out.number = get_fixed(bytes.substr(8, 8));
   out.is_mark = body.front() != 0;
   body.remove_prefix(1);
-  if (!take_number(body, out.since) || !take_number(body, record.count)) return false;
+  if (!take_number(body, out.value) || !take_number(body, record.count)) return false;
   for (std::string* text : {&record.id, &record.last_id, &record.name, &record.payload}) {
     if (!take_text(body, *text)) return false;
   }

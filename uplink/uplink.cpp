@@ -80,7 +80,7 @@ BrokerLink::Events Uplink::broker_events() {
                   answers.end());
   };
   events.on_refused = [this, limit = RateLimit()](int token, const std::string& reason) mutable {
-    outbox.refuse(token, steady_ms());
+    outbox.refuse(token);
     answers.erase(std::remove_if(answers.begin(), answers.end(), [&](const Answer& a) { return a.token == token; }),
                   answers.end());
     if (const auto left_out = limit.allow()) {
