@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "device/log.h"
@@ -328,24 +329,20 @@ bool Spool::take_file(uint64_t serial) {
 void Spool::declare_losses() {
   uint64_t end = marked.value;
   std::string known = gap.last_id;
-  Segment* former = nullptr;
-  for (Segment& segment : segments) {
-    const auto behind = std::find_if(segments.begin(), segments.end(), [&](const Segment& one) {
-      return one.serial >= segment.serial && !one.first_id.empty();
-    });
+  for (auto segment = segments.begin(); segment != segments.end(); ++segment) {
+    const auto behind = std::find_if(segment, segments.end(), [](const Segment& one) { return !one.first_id.empty(); });
     const std::string& next = behind != segments.end() ? behind->first_id : position();
-    if (segment.before > end && !next.empty()) {
+    if (segment->before > end && !next.empty()) {
       if (known.empty()) known = next.substr(0, next.rfind('-') + 1) + "0";
-      if (former == nullptr) {
-        extend(gap, gap_of_unknown_size(known, next));
-        ++dropped;
+      const UplinkRecord lost = gap_of_unknown_size(known, next);
+      if (end == marked.value) {
+        extend(gap, lost);
       } else {
-        former->add({end + 1, false, static_cast<uint64_t>(time(nullptr)), gap_of_unknown_size(known, next)});
+        std::prev(segment)->add({end + 1, false, static_cast<uint64_t>(time(nullptr)), lost});
       }
     }
-    former = &segment;
-    end = std::max(end, segment.last);
-    if (!segment.last_id.empty()) known = segment.last_id;
+    end = std::max(end, segment->last);
+    if (!segment->last_id.empty()) known = segment->last_id;
   }
 }
 
