@@ -195,7 +195,7 @@ class PlayedOutbox {
 
   UplinkSettings settings;
   std::vector<std::string> tokens;
-  int64_t now = steady_ms();
+  int64_t now = steady_ms() + 500;  // ahead of the spool's clock: what is due at once is due
 };
 
 TEST(UplinkOutbox, EachCourse) {
@@ -232,7 +232,7 @@ TEST(UplinkOutbox, EachCourse) {
       {"what is refused when full is asked for again", full, "1..900 +1000 +1000 new", "", 460, true, "aa-460"},
       {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
        "aa-2"},
-      {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},
+      {"a flood while there is no broker", nothing, "1..2000", "", 1138, true, ""},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);

@@ -149,7 +149,7 @@ bool Outbox::has_rate(int64_t now) {
 
 // Returns true when one was published, or never will be.
 bool Outbox::publish_next(int64_t now) {
-  if (!is_up || !has_rate(now) || (find(kUnsent) == in_flight.end() && !take_next(now))) return false;
+  if (!has_rate(now) || !is_up || (find(kUnsent) == in_flight.end() && !take_next(now))) return false;
   const auto next = find(kUnsent);
   const UplinkRecord& record = next->held.record;
   const std::string payload = record.is_gap() ? gap_payload(record) : record.payload;
