@@ -56,8 +56,9 @@ class Device {
         trace(1, "unlocks for " .. id .. ".")
         post(1, "uplink_reply", {cmd_id = id, status = "ok"})
       end))");
-    daemon.write("opt/flash/mtd4-cfg/zelvind.info",
-                 "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") + "\n");
+    daemon.write(
+        "opt/flash/mtd4-cfg/zelvind.info",
+        "log_level = 2\nlistener_port = 0\nevent_memory = 16384\nscript_path = " + daemon.path("scripts") + "\n");
     uplink = std::make_unique<RealUplink>(daemon, proxy.port(), name,
                                           "prefix = z/%i\nup = door,alarm\nurgent = alarm\ndown = unlock\n"
                                           "down_rate = 1000\nrate = 10000\nspool_size = 512\nhold_ms = 1000\nfull = " +
