@@ -90,7 +90,7 @@ void Outbox::set_up(bool up) {
   held_in_flight = 0;
 }
 
-std::deque<Outbox::Sent>::iterator Outbox::find(int token) {
+Outbox::Flight::iterator Outbox::find(int token) {
   return std::find_if(in_flight.begin(), in_flight.end(), [&](const Sent& sent) { return sent.token == token; });
 }
 
@@ -101,7 +101,7 @@ void Outbox::confirm(int token) {
   finish(sent);
 }
 
-void Outbox::finish(std::deque<Sent>::iterator sent) {
+void Outbox::finish(const Flight::iterator& sent) {
   if (sent->number != 0) {
     spool.acknowledge(sent->number);
   } else {
@@ -117,7 +117,7 @@ void Outbox::refuse(int token) {
 
 // A broker that does not take an event may take a gap in its place. Until that is confirmed, the spool and the position
 // go by the event: an uplink that is killed sends it again.
-void Outbox::declare(std::deque<Sent>::iterator refused) {
+void Outbox::declare(const Flight::iterator& refused) {
   ++counts.refused;
   UplinkRecord& record = refused->held.record;
   if (record.is_gap()) return finish(refused);

@@ -81,9 +81,11 @@ class Outbox {
     Held held;            // of a record of the spool that was published, no payload
   };
 
-  std::deque<Sent>::iterator find(int token);
-  void finish(std::deque<Sent>::iterator sent);
-  void declare(std::deque<Sent>::iterator refused);
+  using Flight = std::deque<Sent>;
+
+  Flight::iterator find(int token);
+  void finish(const Flight::iterator& sent);
+  void declare(const Flight::iterator& refused);
   const Held* oldest_held() const;
   void spool_oldest();
   void spool_all();
@@ -101,11 +103,11 @@ class Outbox {
   const std::string position_file;
   const Publish publish;
 
-  std::deque<Sent> in_flight;  // in the daemon's order
-  std::deque<Held> waiting;    // younger than all others
-  size_t held_bytes = 0;       // of `waiting`, and of what is in flight and not in the spool
-  size_t held_in_flight = 0;   // records
-  bool has_urgent = false;     // in `waiting`
+  Flight in_flight;           // in the daemon's order
+  std::deque<Held> waiting;   // younger than all others
+  size_t held_bytes = 0;      // of `waiting`, and of what is in flight and not in the spool
+  size_t held_in_flight = 0;  // records
+  bool has_urgent = false;    // in `waiting`
   bool is_up = false;
   uint64_t highest_number = 0;  // of the spool, that was published
   std::deque<int64_t> sent_at;  // of the messages in the last second
