@@ -164,10 +164,11 @@ class CutProxy {
     char buffer[16384];
     const int64_t left = end == 0 && until_torn >= 0 ? until_torn.load() : int64_t{sizeof(buffer)};
     const size_t room = std::min(sizeof(buffer), static_cast<size_t>(left));
-    const ssize_t got = room == 0 ? 0 : recv(pair.ends[end].get(), buffer, room, MSG_DONTWAIT);
+    const ssize_t got =
+        recv(pair.ends[end].get(), buffer, std::max(room, size_t{1}), MSG_DONTWAIT | (room == 0 ? MSG_PEEK : 0));
+    if (got <= 0) return close_both(pair);
     if (room == 0) until_torn = -1;
     if (room == 0) return reset(pair);
-    if (got <= 0) return close_both(pair);
     if (end == 0 && until_torn >= 0) until_torn -= got;
     pair.ways[end].pieces.push_back({steady_ms() + delay_ms, std::string(buffer, static_cast<size_t>(got))});
     pair.ways[end].held += static_cast<size_t>(got);

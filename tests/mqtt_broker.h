@@ -14,6 +14,7 @@
 #include <string>
 
 #include "tests/cut_proxy.h"
+#include "util/clock.h"
 
 inline bool have_program(const std::string& name) {
   return system(("PATH=$PATH:/usr/sbin:/sbin; command -v " + name + " >/dev/null").c_str()) == 0;
@@ -85,14 +86,17 @@ class MqttBroker {
     }
     return true;
   }
-  // Ends it, if it runs, and waits for that.
+  // Ends it, if it runs, and waits for that. One that has just begun may forget a signal, so it gets several.
   void end(int signal_number = SIGTERM) {
-    if (pid > 0) {
-      kill(pid, signal_number);
-      waitpid(pid, nullptr, 0);
+    const int64_t patience = steady_ms() + 10000;
+    while (pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0) {
+      kill(pid, steady_ms() < patience ? signal_number : SIGKILL);
+      usleep(2000);
     }
     pid = 0;
   }
+
+  void send_signal(int number) const { kill(pid, number); }
 
   int port() const { return used_port; }
 

@@ -25,10 +25,12 @@ class RealUplink {
   RealUplink(const RealUplink&) = delete;
   RealUplink& operator=(const RealUplink&) = delete;
 
-  void start() {
+  // `before`: commands of the shell that starts it, e.g. "ulimit -f 8; ".
+  void start(const std::string& before = "") {
     starts = count("begins session");
-    const std::string line = "DEVICE_ROOT='" + daemon.path(".") + "' ELOG_TARGET='file:" + daemon.path("uplink.log") +
-                             "' exec '" ZELVIND_UPLINK "' 2>>'" + daemon.path("uplink.errors") + "'";
+    const std::string line = before + "DEVICE_ROOT='" + daemon.path(".") +
+                             "' ELOG_TARGET='file:" + daemon.path("uplink.log") + "' exec '" ZELVIND_UPLINK "' 2>>'" +
+                             daemon.path("uplink.errors") + "'";
     pid = fork();
     if (pid != 0) return;
     execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <netdb.h>
+#include <sys/stat.h>
 #include <algorithm>
 #include <atomic>
 #include <fstream>
@@ -110,13 +111,15 @@ class LoopedLink {
 };
 
 // A broker of a few lines: answers each CONNECT by `answer`, to which it gives the protocol's number, and takes what
-// else comes in silence. With an answer that does not begin with an acceptance it closes the connection.
+// else comes in silence. With an answer that does not begin with an acceptance it closes the connection. One that
+// `confirms_later_ones` confirms each message but the first one of a connection, and serves one at a time.
 class FakeBroker {
  public:
   static std::string accepted_4() { return {"\x20\x02\x00\x00", 4}; }
   static std::string accepted_5() { return {"\x20\x03\x00\x00\x00", 5}; }
 
-  explicit FakeBroker(std::function<std::string(int protocol)> answer_to) : answer(std::move(answer_to)) {
+  explicit FakeBroker(std::function<std::string(int protocol)> answer_to, bool confirms_later_ones = false)
+      : answer(std::move(answer_to)), confirms(confirms_later_ones) {
     listen(listening.get(), 8);
     thread = std::thread([this] { serve(); });
   }
@@ -128,9 +131,10 @@ class FakeBroker {
   FakeBroker& operator=(const FakeBroker&) = delete;
 
   int port() const { return port_of(listening); }
-  std::string first_packet() {
+  // The first one of the connection with that number.
+  std::string packet(size_t connection = 0) {
     const MutexLock lock(mutex);
-    return packets.empty() ? "" : packets.front();
+    return connection < packets.size() ? packets[connection] : "";
   }
   int tries_of(int protocol) {
     const MutexLock lock(mutex);
@@ -158,11 +162,24 @@ class FakeBroker {
       }
       const std::string reply = protocol_of(packet) == 0 ? "" : answer(protocol_of(packet));
       send(client.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+      while (confirms && confirm_next(client.get())) {
+      }
       if (reply.find(accepted_4()) == 0 || reply.find(accepted_5()) == 0) held.push_back(std::move(client));
     }
   }
 
+  // False: the connection has ended. Messages come one at a time.
+  static bool confirm_next(int client) {
+    char bytes[2048];
+    if (recv(client, bytes, sizeof(bytes), 0) <= 0) return false;
+    const int number_at = 4 + bytes[3];  // behind the topic
+    const char reply[] = {'\x40', '\x02', bytes[number_at], bytes[number_at + 1]};
+    if (reply[2] != 0 || reply[3] != 1) send(client, reply, sizeof(reply), MSG_NOSIGNAL);
+    return true;
+  }
+
   const std::function<std::string(int)> answer;
+  const bool confirms;
   Mutex mutex;
   Strings packets GUARDED_BY(mutex);  // the first one of each connection
   Descriptor listening = loopback_socket();
@@ -237,12 +254,15 @@ TEST_F(Broker, SaysWhyItIsNotLetIn) {
     return gate.run_until([&] { return gate.link.state().last_error == reason; });
   };
   EXPECT_TRUE(fails_with("failed to open " + password + ": No such file or directory"));
+  ASSERT_EQ(mkfifo(password.c_str(), 0600), 0);  // to open one would wait for a writer
+  EXPECT_TRUE(fails_with(password + " is not a regular file"));
+  std::filesystem::remove(password);
   std::ofstream(password) << "wrong\n";
   EXPECT_TRUE(fails_with("Not authorized"));
   std::ofstream(password) << "secret\nnot this line";
   EXPECT_TRUE(gate.run_until_up());
   const uint64_t failures = gate.link.state().failures;
-  EXPECT_GE(failures, 2U);
+  EXPECT_GE(failures, 3U);
   broker.end(SIGKILL);
   EXPECT_TRUE(fails_with("Connection refused"));
   EXPECT_EQ(gate.told, Strings({"up", "down: the broker closed the connection"}));
@@ -251,10 +271,10 @@ TEST_F(Broker, SaysWhyItIsNotLetIn) {
   EXPECT_TRUE(gate.run_until_up(2));
   const std::string target = "127.0.0.1:" + std::to_string(broker.port());
   const Strings lines = standin::log_lines_with("uplink: ");
-  ASSERT_EQ(lines.size(), 6U);
-  EXPECT_EQ(lines[1], "<1> uplink: no connection to " + target + ": Not authorized");
-  EXPECT_EQ(lines[2], "<1> uplink: connected to " + target + " with MQTT 5, after 0 s without");
-  EXPECT_EQ(lines[4], "<1> uplink: no connection to " + target + ": Connection refused");
+  ASSERT_EQ(lines.size(), 7U);
+  EXPECT_EQ(lines[2], "<1> uplink: no connection to " + target + ": Not authorized");
+  EXPECT_EQ(lines[3], "<1> uplink: connected to " + target + " with MQTT 5, after 0 s without");
+  EXPECT_EQ(lines[5], "<1> uplink: no connection to " + target + ": Connection refused");
 }
 
 TEST_F(Broker, VerifiesCertificates) {
@@ -270,6 +290,7 @@ TEST_F(Broker, VerifiesCertificates) {
   ASSERT_TRUE(make_certificate(folder, "ca", "gate", "DNS:gate"));
   ASSERT_TRUE(make_certificate(folder, "foreign", "stranger", "DNS:gate"));
   std::ofstream(file("broken.crt")) << "-----BEGIN CERTIFICATE-----\n!\n-----END CERTIFICATE-----\n";
+  ASSERT_EQ(mkfifo(file("pipe.crt").c_str(), 0600), 0);
   const std::string accepts = "the broker's certificate is not accepted: ";
   struct Row {
     const char* server;
@@ -290,6 +311,7 @@ TEST_F(Broker, VerifiesCertificates) {
       {"server", "localhost", "ca", "stranger", "stranger", "(refused)"},
       {"server", "localhost", "ca", "", "", "(refused)"},
       {"server", "localhost", "missing", "gate", "gate", "failed to open CA: No such file or directory"},
+      {"server", "localhost", "pipe", "gate", "gate", "CA is not a regular file"},
       {"server", "localhost", "broken", "gate", "gate", "failed to read certificates from CA: bad base64 decode"},
       {"server", "localhost", "ca", "broken", "gate", "failed to read a certificate from CERT: bad base64 decode"},
       {"server", "localhost", "ca", "gate", "stranger", "failed to use the key in KEY with CERT: key values mismatch"},
@@ -356,7 +378,7 @@ TEST_F(Broker, GoesOnBehindABadLine) {
   CutProxy proxy(broker.port());
   BrokerLink::Times times = short_times();
   times.connect = 300;
-  times.acknowledge = 200;
+  times.acknowledge = 1000;
   LoopedLink gate(settings_for(proxy.port()), {"z/gate/c/unlock"}, times);
   ASSERT_TRUE(gate.run_until_up());
   const std::string large(30000, 'x');
@@ -380,7 +402,7 @@ TEST_F(Broker, GoesOnBehindABadLine) {
 
   proxy.set(CutProxy::Mode::blackhole);
   ASSERT_GT(gate.link.publish("z/gate/c/unlock", "lost"), 0);
-  EXPECT_TRUE(gate.run_until_told("down: the broker has acknowledged nothing for 200 ms"));
+  EXPECT_TRUE(gate.run_until_told("down: the broker has not acknowledged a message for 1000 ms"));
   EXPECT_TRUE(gate.run_until([&] { return gate.link.state().last_error == "the broker does not answer"; }));
   proxy.set(CutProxy::Mode::pass);
   EXPECT_TRUE(gate.run_until_up(4));
@@ -404,29 +426,74 @@ TEST_F(Broker, TellsWhatTheBrokerDoesNotTake) {
   EXPECT_TRUE(gate.run_until([&] { return gate.link.state().in_flight == 0; }));
 }
 
+// With 3.1.1, where the will is not delayed.
+TEST_F(Broker, LeavesAStateThatIsTrue) {
+  MqttBroker broker;
+  ASSERT_TRUE(broker.start());
+  CutProxy proxy(broker.port());
+  LoopedLink other(settings_for(broker.port(), "other"), {"z/gate/state"});
+  ASSERT_TRUE(other.run_until_up());
+  UplinkSettings settings = settings_for(proxy.port());
+  settings.in_flight = 1;
+  settings.user = "gate";
+  settings.password_file = broker.folder.file("password");
+  const std::pair<const char*, std::function<void(LoopedLink&)>> rows[] = {
+      {"a reconnect that fails",
+       [&](LoopedLink& gate) {
+         std::filesystem::remove(settings.password_file);
+         gate.link.reconnect();
+         EXPECT_TRUE(gate.run_until([&] { return !gate.link.state().up; }));
+       }},
+      {"an end at which the broker hangs",
+       [&](LoopedLink& gate) {
+         broker.send_signal(SIGSTOP);
+         EXPECT_GT(gate.link.publish("z/gate/e/door", "x"), 0);
+         gate.link.close("off, said", 50);
+         broker.send_signal(SIGCONT);
+       }},
+  };
+  for (const auto& [what, leave] : rows) {
+    SCOPED_TRACE(what);
+    std::ofstream(settings.password_file) << "secret";
+    proxy.tear_after(0);  // the first try, which is with MQTT 5
+    LoopedLink gate(settings);
+    ASSERT_TRUE(gate.run_until_up());
+    ASSERT_EQ(gate.link.state().protocol, 4);
+    other.told.clear();
+    ASSERT_GT(gate.link.publish("z/gate/state", "on", true), 0);
+    ASSERT_TRUE(other.run_until_told("z/gate/state on"));
+    ASSERT_TRUE(gate.run_until([&] { return gate.link.state().in_flight == 0; }));
+    leave(gate);
+    EXPECT_TRUE(other.run_until_told("z/gate/state off"));
+  }
+}
+
 TEST(BrokerLink, AsksForWhatItNeeds) {
   standin::reset();
   FakeBroker broker([](int protocol) { return protocol == 5 ? FakeBroker::accepted_5() : std::string(); });
   LoopedLink gate(settings_for(broker.port()), {"z/gate/c/unlock"});
   ASSERT_TRUE(gate.run_until_up());
-  const std::string connect = broker.first_packet();
+  const std::string connect = broker.packet();
   const std::string wishes("\x11\x00\x00\x0e\x10", 5);     // the session lasts an hour
   const std::string limit("\x27\x00\x01\x00\x00", 5);      // packets of 64 KiB
   const std::string delay("\x05\x18\x00\x00\x00\x1e", 6);  // the will waits 30 s
   for (const std::string& part : {wishes, limit, delay}) EXPECT_NE(connect.find(part), std::string::npos) << part;
   EXPECT_EQ(connect[connect.find("MQTT") + 5], '\x2c');  // retained will with QoS 1, the session of before
+  LoopedLink other(settings_for(broker.port()));
+  ASSERT_TRUE(other.run_until_up());
+  const std::string until_the_will("\x11\x00\x00\x00\x1e", 5);  // without a session the will would not wait
+  EXPECT_NE(broker.packet(1).find(until_the_will), std::string::npos);
 }
 
 TEST(BrokerLink, FallsBackToMqtt311) {
   struct Row {
     const char* how;
     std::string refusal;
-    uint64_t failures;
   };
   const Row rows[] = {
-      {"by 3.1.1's answer", std::string("\x20\x02\x00\x01", 4), 0},
-      {"by 5's answer", std::string("\x20\x03\x00\x84\x00", 5), 0},
-      {"by closing the connection", "", 1},
+      {"by 3.1.1's answer", std::string("\x20\x02\x00\x01", 4)},
+      {"by 5's answer", std::string("\x20\x03\x00\x84\x00", 5)},
+      {"by closing the connection", ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.how);
@@ -435,12 +502,41 @@ TEST(BrokerLink, FallsBackToMqtt311) {
     LoopedLink gate(settings_for(broker.port()));
     ASSERT_TRUE(gate.run_until_up());
     EXPECT_EQ(gate.link.state().protocol, 4);
-    EXPECT_EQ(gate.link.state().failures, row.failures);
+    EXPECT_EQ(gate.link.state().failures, 0U);
     gate.link.reconnect();
     ASSERT_TRUE(gate.run_until_up(2));
     EXPECT_EQ(gate.link.state().protocol, 4);
     EXPECT_GE(broker.tries_of(5), 2);
   }
+}
+
+// As a load balancer does whose broker is away.
+TEST(BrokerLink, TriesMqtt5AgainAfterAMereClose) {
+  standin::reset();
+  std::atomic<int> closed{0};
+  const std::string broken_off = FakeBroker::accepted_4() + std::string("\x10\x00", 2);
+  FakeBroker broker([&](int protocol) {
+    if (protocol == 4) return broken_off;
+    return closed++ == 0 ? std::string() : FakeBroker::accepted_5();
+  });
+  LoopedLink gate(settings_for(broker.port()));
+  ASSERT_TRUE(gate.run_until_up(2));
+  EXPECT_EQ(broker.tries_of(4), 1);
+  EXPECT_EQ(gate.link.state().protocol, 5);
+}
+
+TEST(BrokerLink, WaitsForEachConfirmation) {
+  standin::reset();
+  FakeBroker broker([](int) { return FakeBroker::accepted_5(); }, true);
+  BrokerLink::Times times = short_times();
+  times.acknowledge = 1000;
+  LoopedLink gate(settings_for(broker.port()), {}, times);
+  ASSERT_TRUE(gate.run_until_up());
+  EXPECT_TRUE(gate.run_until([&] {
+    if (gate.link.state().in_flight < 2) gate.link.publish("z/gate/e/door", "x");
+    return gate.count("down: the broker has not acknowledged a message for 1000 ms") == 1;
+  }));
+  EXPECT_GE(gate.told.size(), 3U);  // others were confirmed
 }
 
 TEST(BrokerLink, NeverHasMoreThanTwentyInFlight) {
@@ -455,7 +551,7 @@ TEST(BrokerLink, NeverHasMoreThanTwentyInFlight) {
   int taken = 0;
   while (gate.link.publish("z/gate/e/door", "x") != BrokerLink::kNotNow) ++taken;
   EXPECT_EQ(taken, 20);
-  EXPECT_TRUE(gate.run_until_told("down: the broker has acknowledged nothing for 100 ms"));
+  EXPECT_TRUE(gate.run_until_told("down: the broker has not acknowledged a message for 100 ms"));
   ASSERT_TRUE(gate.run_until_up(2));
   ASSERT_GT(gate.link.publish("z/gate/e/door", "x"), 0);
   const int64_t start = steady_ms();
@@ -501,11 +597,11 @@ TEST(BrokerLink, TriesAllAddressesAndAsksForTheName) {
   settings.port = hello.port();
   LoopedLink other(settings);
   ASSERT_TRUE(other.run_until([&] { return other.link.state().failures > 0; }));
-  EXPECT_NE(hello.first_packet().find("name.example"), std::string::npos);
-  EXPECT_EQ(hello.first_packet().find("127.0.0.1"), std::string::npos);
+  EXPECT_NE(hello.packet().find("name.example"), std::string::npos);
+  EXPECT_EQ(hello.packet().find("127.0.0.1"), std::string::npos);
 }
 
-TEST(BrokerLink, IgnoresMessagesThatAreTooLarge) {
+TEST(BrokerLink, IgnoresLargeMessagesAndEndsWithLargerOnes) {
   standin::reset();
   const auto message = [](size_t size) {
     const std::string topic("\x00\x0fz/gate/c/unlock", 17);
@@ -516,12 +612,31 @@ TEST(BrokerLink, IgnoresMessagesThatAreTooLarge) {
     return packet + topic + std::string(size, 'x');
   };
   const std::string refused("\x20\x02\x00\x01", 4);
-  const std::string all = FakeBroker::accepted_4() + message(65537) + message(5) + message(65536);
+  const std::string all =
+      FakeBroker::accepted_4() + message(65537) + message(5) + message(65536) + message(size_t{40} * 1024 * 1024);
   FakeBroker broker([&](int protocol) { return protocol == 5 ? refused : all; });
-  LoopedLink gate(settings_for(broker.port()), {"z/gate/c/unlock"});
-  EXPECT_TRUE(gate.run_until_told("z/gate/c/unlock " + std::string(100, 'x')));
-  EXPECT_EQ(gate.told, Strings({"up", "z/gate/c/unlock xxxxx", "z/gate/c/unlock " + std::string(100, 'x')}));
+  CutProxy network(broker.port());
+  network.delay(20);  // on loopback alone the bytes may come faster than the library reads them
+  LoopedLink gate(settings_for(network.port()), {"z/gate/c/unlock"});
+  const std::string end = "down: the broker sends a packet of more than 1 MiB";
+  EXPECT_TRUE(gate.run_until_told(end));
+  EXPECT_EQ(gate.told, Strings({"up", "z/gate/c/unlock xxxxx", "z/gate/c/unlock " + std::string(100, 'x'), end}));
   EXPECT_EQ(gate.link.state().ignored, 1U);
+  // The next connection drops the session, in which the same packet waits.
+  ASSERT_TRUE(gate.run_until([&] { return !broker.packet(2).empty(); }));
+  for (const auto& [connection, flags] : {std::pair{1, '\x2c'}, {2, '\x2e'}}) {
+    const std::string connect = broker.packet(static_cast<size_t>(connection));
+    EXPECT_EQ(connect[connect.find("MQTT") + 5], flags) << connection;
+  }
+}
+
+// The library begins TLS at once, which takes the socket's error.
+TEST(BrokerLink, SeesARefusalBeforeTlsAtOnce) {
+  UplinkSettings settings = settings_for(port_of(loopback_socket()));  // nobody listens there
+  settings.tls = true;
+  LoopedLink gate(settings);
+  EXPECT_TRUE(gate.run_until([&] { return gate.link.state().failures == 3; }));
+  EXPECT_EQ(gate.link.state().last_error, "Connection refused");
 }
 
 TEST(BrokerLink, WaitsLongerAfterEachFailure) {
@@ -539,6 +654,23 @@ TEST(BrokerLink, WaitsLongerAfterEachFailure) {
   }
   EXPECT_GT(longest, 20);  // with 11 waits of up to 64 ms
   EXPECT_EQ(standin::log_lines_with("uplink: ").size(), 1U);
+}
+
+TEST(BrokerLink, WaitsShortlyAfterAStableConnection) {
+  for (const int64_t stable : {0, 60000}) {
+    standin::reset();
+    FakeBroker broker([](int) { return FakeBroker::accepted_5() + std::string("\x10\x00", 2); });  // breaks off
+    BrokerLink::Times times;
+    times.first_retry = 1;
+    times.stable = stable;
+    LoopedLink gate(settings_for(broker.port()), {}, times);
+    int64_t longest = 0;
+    for (uint64_t tries = 1; tries <= 8; ++tries) {
+      ASSERT_TRUE(gate.run_until([&] { return gate.link.state().failures == tries; }));
+      longest = std::max(longest, gate.link.state().next_try_ms - steady_ms());
+    }
+    EXPECT_EQ(longest <= 1, stable == 0) << longest;
+  }
 }
 
 }  // namespace

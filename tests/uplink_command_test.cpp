@@ -1,17 +1,30 @@
 // Commands of a broker: what becomes an event, what is refused and why, and what is remembered.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "standin_device.h"
+#include "uplink/answers.h"
+#include "uplink/broker_link.h"
 #include "uplink/command_payload.h"
 #include "uplink/commands.h"
+#include "uplink/uplink_status.h"
 #include "util/clock.h"
+#include "util/quiet_write.h"
+#include "util/unix_socket.h"
 
 namespace {
+
+std::string repeated(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
+}
 
 // A folder, and the uplink's commands over it, which can be started anew.
 class UplinkCommandTest : public testing::Test {
@@ -29,7 +42,8 @@ class UplinkCommandTest : public testing::Test {
   void start() {
     commands.reset();  // the one before has to be gone
     commands = std::make_unique<Commands>(settings, folder,
-                                          Commands::Ways{[this](const std::string& line) {
+                                          Commands::Ways{[this] { return can_post; },
+                                                         [this](const std::string& line) {
                                                            posted.push_back(line);
                                                            on_disk = read_file();
                                                            return daemon_takes;
@@ -66,7 +80,7 @@ class UplinkCommandTest : public testing::Test {
   std::string folder;
   UplinkSettings settings;
   std::unique_ptr<Commands> commands;
-  bool daemon_takes = true;
+  bool can_post = true, daemon_takes = true;
   std::vector<std::string> posted, answers;
   std::string on_disk;  // the file when the last line was posted
 };
@@ -107,6 +121,8 @@ TEST(UplinkCommandPayload, EachPayload) {
       {R"({"id":")" + std::string(65, 'i') + "\"}", "", "", "the id is not 1 to 64 of A-Z a-z 0-9 _ -"},
       {R"({"id":"q1","id":"q2"})", "", "q1", "'id' is there twice"},
       {R"({"untill":5,"id":"q1"})", "", "q1", "there is no key 'untill'"},
+      {R"({"id":"q1","f":{"x)" + repeated("ü", 40) + R"(":null}})", "", "q1",  // cut at a character
+       "the field 'x" + repeated("ü", 31) + "' cannot be null"},
       {R"({"until":"5","id":"q1"})", "", "q1", "'until' is not a number"},
       {R"({"until":null,"id":"q1"})", "", "q1", "'until' cannot be null"},
       {R"({"f":"x","id":"q1"})", "", "q1", "'f' is not an object"},
@@ -188,6 +204,9 @@ TEST_F(UplinkCommandTest, TellsTheScriptsAnswerAlsoAfterARestart) {
       {"cmd_id=q1&status=no&log=" + std::string(2000, 'x'),
        R"({"id":"q1","status":"no","f":{"log":")" + std::string(2000, 'x') + "\"}}",
        R"({"id":"q1","status":"no","f_cut":true})"},
+      // In JSON it would be more than brokers take.
+      {"cmd_id=q1&status=" + repeated("ü", 60) + "&log=" + std::string(30000, '\x01'),
+       R"({"id":"q1","status":")" + repeated("ü", 50) + R"(","f_cut":true})", ""},
   };
   const std::string command = R"({"id":"q1"})";
   given(command);
@@ -211,6 +230,9 @@ TEST_F(UplinkCommandTest, ReplyToNoCommandIsCounted) {
 }
 
 TEST_F(UplinkCommandTest, IsNotPostedAgainWhenThePostFailed) {
+  can_post = false;  // nothing is tried, so the id may come again
+  EXPECT_EQ(given(R"({"id":"q1"})"), refused("the daemon takes no commands at present"));
+  can_post = true;
   daemon_takes = false;
   const std::string failed =
       R"(q1 {"id":"q1","status":"failed","reason":"the daemon is not known to have taken it in"})";
@@ -299,6 +321,89 @@ TEST_F(UplinkCommandTest, DamageCostsOnlyWhatItHits) {
     EXPECT_EQ(is_known("q2", turned), at < second_end - 3 || at > second_end) << turned;
   }
   EXPECT_FALSE(standin::log_lines_with("lines of " + file() + " are damaged").empty());
+}
+
+// Requests of one client that come together, and one client too many for our descriptors.
+TEST_F(UplinkCommandTest, StatusIsToldInOrderAndWithoutSpinning) {
+  setenv("DEVICE_ROOT", folder.c_str(), 1);
+  int answered = 0;
+  StatusSocket status([&] { return "n=" + std::to_string(++answered) + "\n\n"; });
+  const auto client = [&] {
+    Descriptor socket(unix_stream_socket());
+    EXPECT_EQ(unix_connect(socket.get(), folder + kUplinkSocketPath), 0);
+    return socket;
+  };
+  const auto turn = [&] {
+    std::vector<pollfd> set;
+    status.add_descriptors(set);
+    const int ready = poll(set.data(), set.size(), status.wait_ms() < 0 ? 10000 : status.wait_ms());
+    status.run();
+    return ready;
+  };
+  const auto answer = [&](const Descriptor& socket) {
+    pollfd readable{socket.get(), POLLIN, 0};
+    for (int i = 0; i < 100 && poll(&readable, 1, 0) == 0; ++i) turn();
+    char bytes[500];
+    const ssize_t size = recv(socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
+    return std::string(bytes, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+  };
+  const Descriptor one = client();
+  write_fully(one.get(), "stats\r\nnix\nsta", 14);
+  EXPECT_EQ(answer(one), "n=1\n\nerror: unknown request: expected stats\n\n");
+  write_fully(one.get(), "ts\nstats\n", 9);
+  EXPECT_EQ(answer(one), "n=2\n\nn=3\n\n");
+  write_fully(one.get(), std::string(200, 'x').data(), 200);
+  turn();
+  char end = 0;
+  EXPECT_EQ(recv(one.get(), &end, 1, MSG_DONTWAIT), 0);
+
+  const Descriptor other = client();
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{3, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  int turns = 0;
+  while (turn() != 0 && turns < 10) ++turns;
+  EXPECT_LT(turns, 10);
+  EXPECT_FALSE(standin::log_lines_with("uplink: cannot accept a client of its socket: Too many open files").empty());
+  setrlimit(RLIMIT_NOFILE, &before);
+  write_fully(other.get(), "stats\n", 6);
+  EXPECT_EQ(answer(other), "n=4\n\n");
+  unsetenv("DEVICE_ROOT");
+}
+
+// The broker is played: it takes `free` messages more.
+TEST(UplinkAnswers, AreBoundedAndGoInOrder) {
+  int free = 0;
+  std::string published;
+  Answers answers([&](const std::string& topic, const std::string&) {
+    if (topic == "never") return static_cast<int>(BrokerLink::kNever);
+    if (free-- <= 0) return static_cast<int>(BrokerLink::kNotNow);
+    published += topic + " ";
+    return std::stoi(topic);
+  });
+  for (const char* topic : {"1", "never", "2", "3"}) answers.add(topic, "");
+  free = 2;
+  while (answers.publish_next()) {
+  }
+  EXPECT_EQ(published, "1 2 ");
+  answers.forget(1);
+  answers.forget(3);  // somebody else's
+  answers.begin_again();
+  free = 9;
+  while (answers.publish_next()) {
+  }
+  EXPECT_EQ(published, "1 2 2 3 ");
+  answers.forget(2);
+  for (int i = 0; i < 256; ++i) answers.add("4", "");  // 3 is under way, and goes
+  EXPECT_EQ(answers.dropped(), 1U);
+  answers.add("5", std::string(1024 * 1024 - 1, 'x'));
+  EXPECT_EQ(answers.dropped(), 257U);
+  published.clear();
+  free = 9;
+  while (answers.publish_next()) {
+  }
+  EXPECT_EQ(published, "5 ");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 
 #include "tests/mqtt_broker.h"
 #include "tests/real_uplink.h"
@@ -184,6 +185,18 @@ TEST_F(UplinkProgram, LosesNothingWhenTheBrokerOrItselfIsKilled) {
   EXPECT_TRUE(recorder.wait_for("z/gate/state {\"on\":false,\"session\":2,"));
 }
 
+TEST_F(UplinkProgram, MetricsHaveEachNumber) {
+  const std::set<std::string> others = {"version", "device", "run",      "position", "pid",        // not measured
+                                        "port",    "tls",    "protocol", "rate",     "uptime_s"};  // or told otherwise
+  size_t numbers = 4;  // texts that metrics tell as numbers: the version, broker, daemon, spool
+  for (const AnswerLine& line : ControlClient(daemon.path("."), kAnswerLimitMs, kUplinkSocketPath).ask("stats")) {
+    for (const auto& [key, value] : line.values())
+      numbers += others.count(key) == 0 && line.number(key.c_str(), -1) >= 0;
+  }
+  EXPECT_EQ(daemon.launch("zelvctl metrics | grep -c ^zelvind_uplink_ >$ROOT/metrics"), 0);
+  EXPECT_EQ(daemon.text_of("metrics"), std::to_string(numbers) + "\n");
+}
+
 TEST_F(UplinkProgram, DeclaresWhatTheFormerDaemonMayHaveHad) {
   post("door", 1, 1);
   expect_all(1, 1);
@@ -209,6 +222,33 @@ TEST_F(UplinkProgram, EndsSoonAndKeepsAllWhenTheBrokerHangs) {
   proxy->set(CutProxy::Mode::pass);
   start_uplink();
   expect_all(1, 3);
+}
+
+// With MQTT 3.1.1, where the will is not delayed: the first try, with 5, is torn.
+TEST_F(UplinkProgram, IsSaidToBeAwayWhenItIsKilled) {
+  ASSERT_TRUE(stat_becomes("broker", "in_flight", "0"));
+  proxy->tear_after(0);
+  uplink->send_signal(SIGHUP);
+  ASSERT_TRUE(stat_becomes("broker", "protocol", "4"));
+  EXPECT_EQ(recorder.text().find("\"on\":false"), std::string::npos);
+  EXPECT_EQ(uplink->end(SIGKILL), 128 + SIGKILL);
+  EXPECT_TRUE(recorder.wait_for("z/gate/state {\"on\":false,\"session\":1,"));
+}
+
+TEST_F(UplinkProgram, GoesOnWithoutStandardStreamsAndWhereFilesMayNotGrow) {
+  EXPECT_EQ(uplink->end(), 0);
+  proxy->set(CutProxy::Mode::blackhole);
+  uplink->start("ulimit -f 8; exec <&- >&-; ");
+  ASSERT_TRUE(stat_becomes("daemon", "state", "following"));
+  for (const char* const stream : {"0", "1"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + uplink->stat("uplink", "pid") + "/fd/" + stream), "/dev/null");
+  }
+  post("door", 1, 200);
+  ASSERT_TRUE(stat_becomes("spool", "place", "memory"));
+  proxy->cut();
+  proxy->set(CutProxy::Mode::pass);
+  expect_all(1, 200);
+  EXPECT_EQ(uplink->end(), 0);
 }
 
 TEST_F(UplinkProgram, SaysWhyItDoesNotStart) {

@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <deque>
 #include <optional>
 #include <set>
 #include <utility>
@@ -76,19 +77,20 @@ struct BrokerLink::Data : MqttClient::Owner {
   State state;
 
   Phase phase = Phase::waiting;
-  int64_t deadline = 0;           // steady_ms(): until when this try is to succeed,
-  int64_t address_deadline = 0;   // TCP to this address is to be connected,
-  int64_t last_acknowledged = 0;  // and when the broker last acknowledged something, or had nothing to
-  int tries = 0;                  // in a row
-  bool again = false;             // reconnect() was called
+  int64_t deadline = 0;          // steady_ms(): until when this try is to succeed,
+  int64_t address_deadline = 0;  // and TCP to this address is to be connected
+  int tries = 0;                 // in a row
+  bool again = false;            // reconnect() was called
+  bool begins_anew = false;      // the next connection drops the session
   std::vector<std::string> addresses;
   size_t address = 0;
   int limit = kMostInFlight;
-  int farewell = 0;  // the token of the last message, -1 once it is answered
+  std::deque<std::pair<int, int64_t>> unconfirmed;  // tokens, and steady_ms() of their publish; the oldest first
+  int farewell = 0;                                 // the token of the last message, -1 once it is answered
 
-  bool mqtt5 = true;
-  int64_t version_chosen = 0;    // steady_ms()
-  bool five_has_worked = false;  // with this broker
+  bool mqtt5 = true;                       // this try
+  bool five_has_worked = false;            // with this broker
+  std::optional<int64_t> five_refused_at;  // steady_ms()
 
   std::set<std::string> reasons_said;  // in this outage
   RateLimit subscription_limit;
@@ -118,20 +120,17 @@ void BrokerLink::Data::begin() {
   state.next_try_ms = 0;
   phase = Phase::resolving;
   deadline = now + times.connect;
-  if (now - version_chosen >= kKeepVersion) mqtt5 = true;
+  mqtt5 = !five_refused_at || now - *five_refused_at >= kKeepVersion;
   std::string error = settings.tls ? tls.open(settings) : std::string();
   if (error.empty()) error = lookup.start(settings.host);
   if (!error.empty()) end(error);
 }
 
 void BrokerLink::Data::begin_again() {
-  if (phase == Phase::up) {
-    client->leave();
-    end("a reconnect was asked for");
-  }
+  if (phase == Phase::up) end("a reconnect was asked for");
   client.reset();
   tries = 0;
-  mqtt5 = true;
+  five_refused_at.reset();
   five_has_worked = false;
   begin();
 }
@@ -158,7 +157,7 @@ void BrokerLink::Data::connect() {
   address_deadline = address + 1 < addresses.size() ? steady_ms() + times.connect / 4 : deadline;
   client.emplace(*this, settings.tls ? &tls : nullptr);
   const std::string payload = will.payload ? will.payload() : std::string();
-  client->connect(settings, addresses[address], {mqtt5, !subscriptions.empty(), will.topic, payload});
+  client->connect(settings, addresses[address], {mqtt5, !subscriptions.empty(), begins_anew, will.topic, payload});
 }
 
 // True: there is another one, and it is being tried.
@@ -182,26 +181,27 @@ void BrokerLink::Data::look_after_time() {
     if (now < (is_reached ? deadline : address_deadline)) return;
     const std::string reason = is_reached ? "the broker does not answer" : "the address does not answer";
     if (is_reached || !next_address(reason)) end(reason);
-  } else if (state.in_flight > 0 && now - last_acknowledged >= times.acknowledge) {
-    end("the broker has acknowledged nothing for " + std::to_string(times.acknowledge) + " ms");
+  } else if (!unconfirmed.empty() && now - unconfirmed.front().second >= times.acknowledge) {
+    end("the broker has not acknowledged a message for " + std::to_string(times.acknowledge) + " ms");
   }
 }
 
 // The client has no connection, or none any more.
 void BrokerLink::Data::lost() {
   const std::string reason = client->trouble();
+  begins_anew = begins_anew || client->is_flooded();
   if (phase == Phase::connecting && !client->is_reached() && next_address(reason)) return;
   if (phase == Phase::connecting && choose_version()) return connect();
   end(reason);
 }
 
-// Chooses the other version of MQTT when this one seems to be what is wrong. True: it is to be tried at once.
+// Chooses MQTT 3.1.1 when 5 seems to be what is wrong. True: it is to be tried at once.
 bool BrokerLink::Data::choose_version() {
   const bool is_refused = client->is_refused_version();
-  if (!is_refused && (five_has_worked || !client->is_closed_unanswered())) return false;
-  mqtt5 = !mqtt5;
-  version_chosen = steady_ms();
-  return is_refused;
+  if (!mqtt5 || (!is_refused && (five_has_worked || !client->is_closed_unanswered()))) return false;
+  mqtt5 = false;
+  if (is_refused) five_refused_at = steady_ms();
+  return true;
 }
 
 // Ends the try or the connection; another try follows.
@@ -212,7 +212,8 @@ void BrokerLink::Data::end(const std::string& reason) {
   client.reset();
   const int64_t longest = std::min(times.last_retry, times.first_retry << std::min(tries++, 20));
   state.next_try_ms = now + random_part(longest);
-  state.in_flight = state.protocol = 0;
+  state.protocol = 0;
+  unconfirmed.clear();
   ++state.failures;
   if (was_up) {
     state.up = false;
@@ -236,6 +237,7 @@ void BrokerLink::Data::on_accepted(int most_in_flight) {
   limit = std::min(most_in_flight, settings.in_flight);
   phase = Phase::up;
   five_has_worked = five_has_worked || mqtt5;
+  begins_anew = false;
   reasons_said.clear();
   state.up = true;
   state.since_ms = now;
@@ -246,16 +248,16 @@ void BrokerLink::Data::on_accepted(int most_in_flight) {
 }
 
 int BrokerLink::Data::publish(const std::string& topic, std::string_view payload, bool retain) {
-  if (phase != Phase::up || state.in_flight >= limit) return kNotNow;
+  if (phase != Phase::up || unconfirmed.size() >= static_cast<size_t>(limit)) return kNotNow;
   const int token = client->publish(topic, payload, retain);
-  if (token > 0 && state.in_flight++ == 0) last_acknowledged = steady_ms();
+  if (token > 0) unconfirmed.emplace_back(token, steady_ms());
   if (token < 0) ++state.refused;
   return token < 0 ? kNever : token;
 }
 
 void BrokerLink::Data::on_answered(int token, const std::string& refusal) {
-  last_acknowledged = steady_ms();
-  --state.in_flight;
+  const auto is_this = [&](const auto& one) { return one.first == token; };
+  unconfirmed.erase(std::remove_if(unconfirmed.begin(), unconfirmed.end(), is_this), unconfirmed.end());
   if (token == farewell) {
     farewell = -1;
   } else if (refusal.empty()) {
@@ -276,7 +278,6 @@ void BrokerLink::Data::on_subscription_refused() {
 void BrokerLink::Data::on_message(const char* topic, std::string_view payload, bool retained) {
   const auto covers = [&](const std::string& subscription) { return MqttClient::covers(subscription, topic); };
   const bool is_wanted = std::any_of(subscriptions.begin(), subscriptions.end(), covers);
-  if (!is_wanted) client->unsubscribe(topic);
   if (!is_wanted || payload.size() > kLargestMessage) {
     ++state.ignored;
   } else if (events.on_message) {
@@ -291,14 +292,15 @@ void BrokerLink::Data::close(const std::string& payload, int limit_ms) {
     if (farewell == 0) farewell = publish(will.topic, payload, true);
     if (farewell >= 0) wait(until);
   }
-  if (phase == Phase::up) {
+  if (phase == Phase::up && farewell < 0) {
     client->leave();
     while (!client->is_gone() && steady_ms() < until && client->exchange()) wait(until);
   }
   phase = Phase::closed;
   client.reset();
   state.up = false;
-  state.next_try_ms = state.in_flight = state.protocol = 0;
+  state.next_try_ms = state.protocol = 0;
+  unconfirmed.clear();
 }
 
 // Waits until `until`, steady_ms(), for the connection to want something or to be due.
@@ -319,7 +321,7 @@ int64_t BrokerLink::Data::due() const {
   if (phase == Phase::waiting) return state.next_try_ms;
   if (phase == Phase::resolving) return deadline;
   if (phase == Phase::connecting) return client->is_reached() ? deadline : address_deadline;
-  return state.in_flight == 0 ? client->due() : std::min(client->due(), last_acknowledged + times.acknowledge);
+  return unconfirmed.empty() ? client->due() : std::min(client->due(), unconfirmed.front().second + times.acknowledge);
 }
 
 BrokerLink::BrokerLink(const UplinkSettings& all_settings, Will last_will, std::vector<std::string> subscriptions,
@@ -356,5 +358,7 @@ void BrokerLink::run() {
 }
 
 BrokerLink::State BrokerLink::state() const {
-  return data->state;
+  State now = data->state;
+  now.in_flight = static_cast<int>(data->unconfirmed.size());
+  return now;
 }

@@ -2,13 +2,14 @@
 // subscribes, and tells what was confirmed. It works inside the program's poll loop and never blocks it, name
 // resolution and TLS handshake included.
 //
-// MQTT 5 is tried first, 3.1.1 when the broker refuses it; what worked is kept for a day or until reconnect(). Brokers
-// that do not know MQTT 5 may just close the connection: while 5 has never worked, the next try is then with the other
-// one.
+// MQTT 5 is tried first, 3.1.1 when the broker refuses it, which is remembered for a day or until reconnect(). Brokers
+// that do not know MQTT 5 may just close the connection, but others close one too, e.g. a load balancer: while 5 has
+// never worked, 3.1.1 is then tried at once, and 5 again for the next connection.
 //
 // With subscriptions the session outlives the connection (MQTT 5: for an hour; 3.1.1: as long as the broker likes), so
 // that what comes meanwhile arrives later, in rare cases twice. What the broker still sends for a subscription of an
-// earlier run is unsubscribed. Without subscriptions there is no session.
+// earlier run is ignored. A packet that is too large ends the connection and the session, in which it would come again.
+// Without subscriptions there is no session.
 #pragma once
 
 #include <poll.h>
@@ -45,7 +46,7 @@ class BrokerLink {
   // In ms; tests have less patience.
   struct Times {
     int64_t connect = 20000;      // until the broker has answered; a quarter of it for an address while there are more
-    int64_t acknowledge = 30000;  // without any while something is in flight
+    int64_t acknowledge = 30000;  // for each message
     int64_t first_retry = 1000;   // a retry comes after a random part of this, then of its double, ...
     int64_t last_retry = 300000;
     int64_t stable = 60000;  // up so long: the next retry is a first one
@@ -79,11 +80,13 @@ class BrokerLink {
   // Publishes with QoS 1. Returns a token above 0 for on_confirmed or on_refused, kNotNow or kNever.
   int publish(const std::string& topic, std::string_view payload, bool retain = false);
 
-  // Connects anew, at once, with certificates, keys and password as they are now.
+  // Connects anew, at once, with certificates, keys and password as they are now. Does not say goodbye: while the new
+  // connection fails, the will speaks.
   void reconnect();
 
   // Says goodbye: publishes `payload` retained to the will's topic, disconnects, and waits at most `limit_ms` for both.
-  // Events that come meanwhile are still told, but for what becomes of this message. Afterwards the link stays down.
+  // When the broker does not confirm the message in that time, the connection is just cut: then the will speaks. Events
+  // that come meanwhile are still told, but for what becomes of this message. Afterwards the link stays down.
   void close(const std::string& payload, int limit_ms);
 
   // For the poll loop: what to wait for, how long at most (ms, -1: for as long as it takes), and what then is to be

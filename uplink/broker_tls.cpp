@@ -2,6 +2,7 @@
 
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,13 +15,15 @@ std::string reason() {
   ERR_clear_error();
   return text != nullptr ? text : "unknown error";
 }
+}  // namespace
 
-// Empty when the file can be read.
-std::string unreadable(const std::string& file) {
-  if (access(file.c_str(), R_OK) == 0) return {};
+std::string why_unreadable(const std::string& file) {
+  struct stat status {};
+  const bool is_there = stat(file.c_str(), &status) == 0;
+  if (is_there && !S_ISREG(status.st_mode)) return file + " is not a regular file";
+  if (is_there && access(file.c_str(), R_OK) == 0) return {};
   return "failed to open " + file + ": " + std::generic_category().message(errno);
 }
-}  // namespace
 
 std::string BrokerTls::open(const UplinkSettings& settings) {
   ERR_clear_error();
@@ -51,7 +54,7 @@ std::string BrokerTls::expect(const std::string& host) {
 
 std::string BrokerTls::use_files(const UplinkSettings& settings) const {
   for (const std::string* const file : {&settings.ca, &settings.cert, &settings.key}) {
-    std::string error = file->empty() ? std::string() : unreadable(*file);
+    std::string error = file->empty() ? std::string() : why_unreadable(*file);
     if (!error.empty()) return error;
   }
   if (settings.ca.empty()) {

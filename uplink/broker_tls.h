@@ -9,6 +9,10 @@
 
 #include "uplink/uplink_settings.h"
 
+// Why `file` cannot be used, as a sentence; empty when it is a regular file that can be read. Opening anything else
+// could wait for ever. Any thread.
+std::string why_unreadable(const std::string& file);
+
 // One thread only.
 class BrokerTls {
  public:

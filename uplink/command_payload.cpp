@@ -5,13 +5,14 @@
 #include <set>
 
 #include "device/event_line.h"
+#include "util/clock.h"
 #include "util/text.h"
 
 namespace {
 
 using Json = nlohmann::json;
 
-constexpr int64_t kClockIsSet = 1704067200;  // 2024-01-01
+constexpr size_t kNameShown = 64;  // bytes of a key in a reason
 
 // Takes the parser's events one by one: no tree is built, so depth costs nothing. It goes on behind what is wrong, for
 // the id may still come.
@@ -81,8 +82,8 @@ class Reader : public nlohmann::json_sax<Json> {
  private:
   enum class Kind { text, number, other };
 
-  // Part of a reason, which must stay short. A character that the cut tears is mended where the reason is written.
-  static std::string quoted(const std::string& name) { return "'" + name.substr(0, 64) + "'"; }
+  // Part of a reason, which must stay short.
+  static std::string quoted(std::string_view name) { return "'" + std::string(cut_text(name, kNameShown)) + "'"; }
 
   bool is_field() const { return in_fields && depth == 2; }
 

@@ -20,7 +20,7 @@ struct CommandPayload {
   std::string id;               // is_command_id(); empty: the payload tells none that could be answered
   std::optional<double> until;  // seconds since 1970
   std::string info;             // of the event; empty when it is refused
-  std::string refusal;          // why it is refused: a sentence's rest, any bytes but short; empty: it is good
+  std::string refusal;          // why it is refused: the rest of a sentence, short; empty: it is good
 };
 
 // Any thread. Nothing throws, whatever the bytes are. Looks for the id of a refused payload too, also behind what is

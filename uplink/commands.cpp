@@ -43,9 +43,9 @@ struct Reply {
     return fields.empty() ? answer : answer.substr(0, answer.size() - 1) + info_members(fields) + "}";
   }
 
-  // What is kept of it, when it is too long to be kept whole.
+  // The same without the fields, for where it would be too long.
   std::string short_text() const {
-    const std::string answer = answer_of(id, status.size() <= kStatusRemembered ? status : "ok");
+    const std::string answer = answer_of(id, cut_text(status, kStatusRemembered));
     return answer.substr(0, answer.size() - 1) + R"(,"f_cut":true})";
   }
 
@@ -95,6 +95,7 @@ struct Commands::Data {
     if (retained) return "it is retained: commands are published without";
     if (name.empty()) return "the name is not among those of `down`";
     if (command.until && is_late(*command.until, time(nullptr))) return "it is late: `until` has passed";
+    if (!ways.can_post()) return "the daemon takes no commands at present";
     if (!allowance.take()) return sstr("more than %d commands a second", settings.down_rate);
     return "";
   }
@@ -171,8 +172,9 @@ void Commands::reply(std::string_view info) {
            left_out->text);
     return;
   }
-  const std::string answer = reply.text();
-  data->settle(reply.id, answer, answer.size() <= kAnswerRemembered ? answer : reply.short_text());
+  const std::string whole = reply.text();
+  const std::string remembered = whole.size() <= kAnswerRemembered ? whole : reply.short_text();
+  data->settle(reply.id, whole.size() <= kPayloadMax ? whole : remembered, remembered);
 }
 
 Commands::State Commands::state() const {

@@ -16,6 +16,8 @@
 class Commands {
  public:
   struct Ways {
+    // Whether a post is worth a try: false for a while after one has failed.
+    std::function<bool()> can_post;
     // Hands the line "TYPE NAME INFO" (no line end) to the daemon. False: it is not known to have been taken in.
     std::function<bool(const std::string& line)> post;
     // Publishes an answer. `id` is safe as a part of a topic.

@@ -15,6 +15,7 @@ constexpr int kFirstRetryMs = 500;
 constexpr int kLongestRetryMs = 5000;
 constexpr int kLinesAtOnce = 256;
 constexpr char kNotYet[] = "has not come yet";  // within the daemon's sentence
+constexpr char kNoRun[] = "00000000";           // the daemon takes nothing shorter
 
 std::string names_argument(const std::vector<std::string>& names) {
   std::string list;
@@ -88,7 +89,7 @@ bool DaemonLink::take_line() {
     }
   } catch (const Refused& refused) {
     // The run is the same by chance, or the position is not ours: as if it were of another run.
-    if (std::string_view(refused.what()).find(kNotYet) != std::string_view::npos) position.run = "0";
+    if (std::string_view(refused.what()).find(kNotYet) != std::string_view::npos) position.run = kNoRun;
     throw;
   }
   return true;

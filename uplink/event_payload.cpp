@@ -4,12 +4,11 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "util/clock.h"
 #include "util/text.h"
 
 namespace {
 
-constexpr uint64_t kClockIsSet = 1704067200;           // 2024-01-01
-constexpr size_t kPayloadMax = size_t{128} * 1024;     // what the narrowest of the known brokers takes
 constexpr size_t kInfoOfLargePayload = size_t{20000};  // each byte may take six
 
 std::string hex_of(std::string_view bytes) {
@@ -29,7 +28,7 @@ bool is_utf8(std::string_view text) {
 std::string payload_of(const AnswerLine& event, std::string_view info, size_t cut) {
   const std::string time = event.text("time");
   std::string payload = "{\"id\":" + json_text(event.text("id")) + ",\"t\":" + time;
-  if (strtoull(time.c_str(), nullptr, 10) < kClockIsSet) payload += ",\"t_ok\":false";
+  if (strtoll(time.c_str(), nullptr, 10) < kClockIsSet) payload += ",\"t_ok\":false";
   payload += ",\"type\":" + event.text("type") + ",\"name\":" + json_text(event.text("name")) + info_members(info);
   if (cut > 0) payload += ",\"cut\":" + std::to_string(cut);
   return payload + "}";

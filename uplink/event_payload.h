@@ -1,11 +1,14 @@
 // What is published, as JSON, and where. docs/uplink.md describes both to whoever reads them at the broker.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 #include "ctl/control_client.h"
 #include "uplink/spool.h"
+
+constexpr size_t kPayloadMax = size_t{128} * 1024;  // bytes, what the narrowest of the known brokers takes
 
 // The record of an event, a line `event` of the daemon's control socket, with its payload:
 //

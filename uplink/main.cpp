@@ -40,6 +40,13 @@ int signal_descriptor() {
   return above_standard_streams(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+// Whoever starts this may have closed them; files of libraries must not get their numbers.
+void fill_standard_streams() {
+  int fd = 0;
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (fd >= 0) close(fd);
+}
+
 // Counts the starts of the program in a file of the spool's folder, and locks it: nothing when another uplink has it.
 // Where it cannot be written, the spool says more.
 std::optional<uint64_t> begin_session(const std::string& folder, Descriptor& file) {
@@ -107,6 +114,8 @@ int begin(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  fill_standard_streams();
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));  // a limit on the size of files is a failure like any other
   try {
     return begin(argc, argv);
   } catch (const std::exception& error) {

@@ -1,7 +1,9 @@
 #include "uplink/mqtt_client.h"
 
+#include <linux/tcp.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -19,6 +21,8 @@ constexpr int64_t kHousekeeping = 5000;  // ms between looks at the keep-alive
 constexpr uint32_t kWillDelay = 30;      // seconds
 constexpr uint32_t kSessionExpiry = 3600;
 constexpr int kMostUnflushed = 1000;
+constexpr int kReceiveBuffer = 32 * 1024;  // what may wait for us, so that the read of a large packet comes to its end
+constexpr int kReadsAtOnce = 100;          // then signals, the daemon and others have their turn
 
 std::string text_of(int error) {
   return std::generic_category().message(error);
@@ -58,13 +62,14 @@ void MqttClient::connect(const UplinkSettings& settings, const std::string& addr
   if (!set_up(settings, wishes)) return;
   const int code = mosquitto_connect_async(client.get(), address.c_str(), settings.port, kKeepAlive);
   if (code != MOSQ_ERR_SUCCESS) fail(reason_of(code, errno));
+  setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
 }
 
 bool MqttClient::set_up(const UplinkSettings& settings, const Wishes& wishes) {
   mqtt5 = wishes.mqtt5;
   housekeeping = steady_ms() + kHousekeeping;
   if (tls != nullptr) tls->forget();
-  client.reset(mosquitto_new(settings.device.c_str(), !wishes.keeps_session, this));
+  client.reset(mosquitto_new(settings.device.c_str(), !wishes.keeps_session || wishes.begins_anew, this));
   if (!client) return fail("failed to make a client: " + text_of(errno));
   mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, mqtt5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311);
   mosquitto_int_option(client.get(), MOSQ_OPT_TCP_NODELAY, 1);
@@ -94,13 +99,17 @@ void MqttClient::set_callbacks() {
     static_cast<MqttClient*>(self)->on_published(token, code);
   });
   mosquitto_message_callback_set(fresh, [](mosquitto*, void* self, const mosquitto_message* message) {
-    ++static_cast<MqttClient*>(self)->unflushed;
+    auto* const taker = static_cast<MqttClient*>(self);
+    taker->heard = true;
+    ++taker->unflushed;
     const auto size = static_cast<size_t>(message->payloadlen);
-    static_cast<MqttClient*>(self)->owner.on_message(message->topic, {static_cast<const char*>(message->payload), size},
-                                                     message->retain);
+    taker->owner.on_message(message->topic, {static_cast<const char*>(message->payload), size}, message->retain);
+    // The library reads on while OpenSSL holds bytes, without end when the broker is fast; this ends its turn.
+    errno = EAGAIN;
   });
   mosquitto_subscribe_callback_set(fresh, [](mosquitto*, void* self, int, int count, const int* granted) {
     const auto is_refused = [](int code) { return code >= MQTT_RC_UNSPECIFIED; };
+    static_cast<MqttClient*>(self)->heard = true;
     if (std::any_of(granted, granted + count, is_refused)) {
       static_cast<MqttClient*>(self)->owner.on_subscription_refused();
     }
@@ -111,8 +120,8 @@ bool MqttClient::set_password(const UplinkSettings& settings) {
   if (settings.user.empty()) return true;
   char line[4096] = "";
   if (!settings.password_file.empty()) {
+    if (const std::string why = why_unreadable(settings.password_file); !why.empty()) return fail(why);
     std::ifstream stream(settings.password_file);
-    if (!stream) return fail("failed to open " + settings.password_file + ": " + text_of(errno));
     stream.getline(line, sizeof(line));
     if (stream.gcount() == 0) return fail("failed to read a password from " + settings.password_file);
   }
@@ -139,7 +148,8 @@ void MqttClient::keep_wishes(const Wishes& wishes, int port) {
   if (!mqtt5) return;
   Properties list;
   list.add(MQTT_PROP_MAXIMUM_PACKET_SIZE, kLargestMessage);
-  if (wishes.keeps_session) list.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, kSessionExpiry);
+  // The will is not delayed beyond the session's end.
+  list.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, wishes.keeps_session ? kSessionExpiry : kWillDelay);
   mosquitto_connect_bind_v5(client.get(), nullptr, port, kKeepAlive, nullptr, list.get());
 }
 
@@ -160,6 +170,11 @@ bool MqttClient::exchange() {
   if (!reached && now.fd >= 0) {
     if (now.revents == 0) return true;
     if (!is_connected(now.revents)) return false;
+    // The library begins TLS at once, which takes the error of a connect that is refused at once.
+    sockaddr peer{};
+    socklen_t size = sizeof(peer);
+    reached = getpeername(now.fd, &peer, &size) == 0;
+    if (!reached) return fail(text_of(ECONNREFUSED));
   }
   errno = 0;
   const int code = read_and_write(now.revents);
@@ -171,21 +186,50 @@ bool MqttClient::is_connected(short happened) {
   int error = 0;
   socklen_t size = sizeof(error);
   getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &error, &size);
+  reached = error == ECONNRESET || (error == 0 && (happened & POLLOUT) != 0);  // one that never was is not reset
   if (error != 0) return fail(text_of(error));
-  reached = (happened & POLLOUT) != 0;
   return reached || fail("the connection was closed");
+}
+
+// What OpenSSL has decrypted already shows at no descriptor.
+bool MqttClient::has_decrypted() const {
+  if (is_gone() || unflushed >= kMostUnflushed) return false;
+  const auto* const connection = static_cast<const SSL*>(mosquitto_ssl_get(client.get()));
+  return connection != nullptr && SSL_pending(connection) > 0;
+}
+
+// Returns the library's code.
+int MqttClient::read(short happened) {
+  int code = MOSQ_ERR_SUCCESS;
+  bool reads = (happened & ~POLLOUT) != 0 || has_decrypted();
+  for (int i = 0; reads && i < kReadsAtOnce; ++i) {
+    heard = false;
+    errno = 0;
+    code = mosquitto_loop_read(client.get(), 1);
+    if (code == MOSQ_ERR_SUCCESS) look_for_flood();
+    flooded = flooded || code == MOSQ_ERR_NOMEM;  // under a limit like LimitDATA=, as soon as the length is known
+    reads = code == MOSQ_ERR_SUCCESS && said.empty() && has_decrypted();
+  }
+  return code;
+}
+
+// The library takes in a packet of any size before it tells anybody, and keeps messages with QoS 2 until the broker
+// releases them. It cannot be stopped in the midst of a read, but that ends as soon as the network is slower than
+// memory.
+void MqttClient::look_for_flood() {
+  if (heard) return silent.reset();
+  tcp_info counts{};
+  socklen_t size = sizeof(counts);
+  if (getsockopt(descriptor(), IPPROTO_TCP, TCP_INFO, &counts, &size) != 0) return;
+  if (!silent) silent = counts.tcpi_bytes_received;
+  flooded = counts.tcpi_bytes_received - *silent > kLargestPacket;
+  if (flooded) fail("the broker sends a packet of more than 1 MiB");
 }
 
 // Returns the library's code.
 int MqttClient::read_and_write(short happened) {
-  int code = MOSQ_ERR_SUCCESS;
-  if ((happened & ~POLLOUT) != 0) code = mosquitto_loop_read(client.get(), 1);
-  // What OpenSSL has decrypted already shows at no descriptor.
-  const auto* const connection = static_cast<const SSL*>(mosquitto_ssl_get(client.get()));
-  while (code == MOSQ_ERR_SUCCESS && connection != nullptr && !is_gone() && SSL_pending(connection) > 0) {
-    errno = 0;
-    code = mosquitto_loop_read(client.get(), 1);
-  }
+  int code = read(happened);
+  if (!said.empty()) return code;
   if (code == MOSQ_ERR_SUCCESS && mosquitto_want_write(client.get())) code = mosquitto_loop_write(client.get(), 1);
   if (!mosquitto_want_write(client.get())) unflushed = 0;
   if (code == MOSQ_ERR_SUCCESS && steady_ms() >= housekeeping) {
@@ -214,11 +258,11 @@ std::string MqttClient::reason_of(int code, int error) const {
 
 bool MqttClient::is_closed_unanswered() const {
   const bool is_secured = tls == nullptr || (tls->is_established() && tls->trouble().empty());
-  return reached && is_secured && !accepted && !answered && is_gone();
+  return reached && is_secured && !accepted && !answered;
 }
 
 void MqttClient::on_connect(int code, int most_in_flight) {
-  answered = true;
+  heard = answered = true;
   if (code != 0) {
     refused = mqtt5 && (code == CONNACK_REFUSED_PROTOCOL_VERSION || code == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION);
     fail(mqtt5 ? mosquitto_reason_string(code) : mosquitto_connack_string(code));
@@ -251,6 +295,7 @@ int MqttClient::publish(const std::string& topic, std::string_view payload, bool
 }
 
 void MqttClient::on_published(int token, int code) {
+  heard = true;
   if (code == MQTT_RC_QUOTA_EXCEEDED) {
     fail(mosquitto_reason_string(code));
   } else {
@@ -261,10 +306,6 @@ void MqttClient::on_published(int token, int code) {
 void MqttClient::subscribe(const std::string& topic) {
   const int code = mosquitto_subscribe(client.get(), nullptr, topic.c_str(), 1);
   if (code != MOSQ_ERR_SUCCESS) fail("failed to subscribe " + topic + ": " + mosquitto_strerror(code));
-}
-
-void MqttClient::unsubscribe(const char* topic) {
-  mosquitto_unsubscribe(client.get(), nullptr, topic);
 }
 
 bool MqttClient::covers(const std::string& subscription, const char* topic) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,14 +13,14 @@
 
 struct mosquitto;
 
-constexpr size_t kLargestMessage = size_t{64} * 1024;  // of the broker; with 3.1.1 a larger one is read and dropped
-constexpr int kMostInFlight = 20;                      // the library's own queue has no bound
+constexpr size_t kLargestMessage = size_t{64} * 1024;   // of the broker; with 3.1.1 a larger one is read and dropped
+constexpr uint64_t kLargestPacket = uint64_t{1} << 20;  // of the broker; a larger one ends the connection
+constexpr int kMostInFlight = 20;                       // the library's own queue has no bound
 
 // One thread only. Nothing throws.
 class MqttClient {
  public:
-  // Called by exchange(), from inside the library: publish(), subscribe() and unsubscribe() may be called there,
-  // nothing else.
+  // Called by exchange(), from inside the library: publish() and subscribe() may be called there, nothing else.
   class Owner {
    public:
     Owner() = default;
@@ -44,6 +45,7 @@ class MqttClient {
   struct Wishes {
     bool mqtt5 = true;  // false: 3.1.1
     bool keeps_session = false;
+    bool begins_anew = false;  // what the broker kept of the session is dropped
     std::string will_topic;
     std::string will;
   };
@@ -65,14 +67,13 @@ class MqttClient {
   // Reads and writes what there is, without waiting. False: the connection has ended, trouble() says why.
   bool exchange();
 
-  // steady_ms() of the latest time for the next exchange(), for the keep-alive.
-  int64_t due() const { return housekeeping; }
+  // steady_ms() of the latest time for the next exchange(); 0: at once, whatever the descriptor says.
+  int64_t due() const { return has_decrypted() ? 0 : housekeeping; }
 
   // Publishes with QoS 1 and returns a token above 0; 0: it fails, trouble() says why; -1: the broker does not take
   // such a message.
   int publish(const std::string& topic, std::string_view payload, bool retain);
   void subscribe(const std::string& topic);
-  void unsubscribe(const char* topic);
   static bool covers(const std::string& subscription, const char* topic);
 
   // Says goodbye, so that the broker does not publish the will; is_gone() once that is sent.
@@ -81,6 +82,7 @@ class MqttClient {
 
   bool is_reached() const { return reached; }          // TCP is connected
   bool is_refused_version() const { return refused; }  // the broker does not know this version of MQTT
+  bool is_flooded() const { return flooded; }          // the broker sent a packet that is too large
   bool is_closed_unanswered() const;                   // before it was accepted, without a word: perhaps the same
   const std::string& trouble() const { return said; }
 
@@ -91,7 +93,10 @@ class MqttClient {
   void keep_wishes(const Wishes& wishes, int port);
   bool set_password(const UplinkSettings& settings);
   bool is_connected(short happened);
+  int read(short happened);
   int read_and_write(short happened);
+  bool has_decrypted() const;
+  void look_for_flood();
   bool fail(const std::string& reason);
   std::string reason_of(int code, int error) const;
   void on_connect(int code, int most_in_flight);
@@ -110,6 +115,9 @@ class MqttClient {
   bool answered = false;  // CONNACK has come
   bool accepted = false;
   bool refused = false;
-  int unflushed = 0;  // messages that came since all that was to be written was written
+  bool flooded = false;
+  int unflushed = 0;               // messages that came since all that was to be written was written
+  bool heard = false;              // the library has called back during this read
+  std::optional<uint64_t> silent;  // bytes that had come when it first did not
   std::string said;
 };

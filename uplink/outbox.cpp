@@ -128,18 +128,26 @@ void Outbox::declare(const Flight::iterator& refused) {
   refused->token = kUnsent;
 }
 
-void Outbox::run(int64_t now) {
+void Outbox::run(int64_t now, const std::function<bool()>& publish_other) {
   spool_due(now);
   if (const int64_t at = spool.sync_due(); at != 0 && at <= now) sync();
-  while (publish_next(now)) {
-  }
+  publish_due(now, publish_other);
   keep_position(now);
 }
 
-bool Outbox::take_rate(int64_t now) {
-  if (!has_rate(now)) return false;
-  sent_at.push_back(now);
-  return true;
+void Outbox::publish_due(int64_t now, const std::function<bool()>& publish_other) {
+  bool may_have_own = true;
+  bool may_have_other = publish_other != nullptr;
+  while (has_rate(now) && is_up && (may_have_own || may_have_other)) {
+    if (may_have_other && (is_turn_of_other || !may_have_own)) {
+      may_have_other = publish_other();
+      if (may_have_other) sent_at.push_back(now);
+      is_turn_of_other = false;
+    } else {
+      may_have_own = publish_next(now);
+      is_turn_of_other = true;
+    }
+  }
 }
 
 bool Outbox::has_rate(int64_t now) {
@@ -149,7 +157,7 @@ bool Outbox::has_rate(int64_t now) {
 
 // Returns true when one was published, or never will be.
 bool Outbox::publish_next(int64_t now) {
-  if (!has_rate(now) || !is_up || (find(kUnsent) == in_flight.end() && !take_next(now))) return false;
+  if (find(kUnsent) == in_flight.end() && !take_next(now)) return false;
   const auto next = find(kUnsent);
   const UplinkRecord& record = next->held.record;
   const std::string payload = record.is_gap() ? gap_payload(record) : record.payload;

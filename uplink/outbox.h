@@ -54,11 +54,10 @@ class Outbox {
   void confirm(int token);
   void refuse(int token);
 
-  // Takes one of the `rate` messages of this second, for a message of somebody else. False: none is left, until due().
-  bool take_rate(int64_t now);
-
-  // Writes and publishes what is due. To be called after all of the above.
-  void run(int64_t now);
+  // Writes and publishes what is due. To be called after all of the above. `publish_other` publishes a message beside
+  // the records, if there is one: it returns false otherwise. Such messages count for `rate`, and take turns with the
+  // records while both wait, so that neither kind holds up the other.
+  void run(int64_t now, const std::function<bool()>& publish_other = nullptr);
 
   // When run() has something to do again; -1: after the next call.
   int64_t due() const;
@@ -92,6 +91,7 @@ class Outbox {
   void spool_due(int64_t now);
   void sync();
   bool has_rate(int64_t now);
+  void publish_due(int64_t now, const std::function<bool()>& publish_other);
   bool publish_next(int64_t now);
   bool take_next(int64_t now);
   const UplinkRecord* next_spooled(uint64_t& number);
@@ -111,8 +111,9 @@ class Outbox {
   bool is_up = false;
   uint64_t highest_number = 0;  // of the spool, that was published
   std::deque<int64_t> sent_at;  // of the messages in the last second
-  std::string seen;             // the position of what was taken over
-  std::string kept;             // the position in the file
+  bool is_turn_of_other = true;
+  std::string seen;  // the position of what was taken over
+  std::string kept;  // the position in the file
   int64_t kept_at = INT64_MIN / 2;
   State counts;
 };

@@ -26,7 +26,6 @@ constexpr int64_t kStateMs = 10000;     // between two messages of the state
 constexpr int kPostMs = 500;            // for a daemon that does not read
 constexpr int64_t kPostAgainMs = 2000;  // after it has not
 constexpr int kFarewellMs = 3000;
-constexpr size_t kAnswersMax = 256;
 constexpr int64_t kRecentMs = 10000;
 
 int64_t since_s(int64_t ms) {
@@ -51,9 +50,13 @@ Uplink::Uplink(UplinkSettings all_settings, std::string the_root, uint64_t start
       spool(settings.spool, settings.spool_bytes, settings.full),
       outbox(settings, spool, root + kPositionPath,
              [this](const std::string& topic, const std::string& payload) { return broker.publish(topic, payload); }),
-      commands(settings, settings.spool,
-               {[this](const std::string& line) { return post(line); },
-                [this](const std::string& id, const std::string& payload) { answer(id, payload); }}),
+      answers([this](const std::string& topic, const std::string& payload) { return broker.publish(topic, payload); }),
+      commands(
+          settings, settings.spool,
+          {[this] { return steady_ms() >= no_post_before; }, [this](const std::string& line) { return post(line); },
+           [this](const std::string& id, const std::string& payload) {
+             answers.add(settings.topic("r/" + id), payload);
+           }}),
       broker(settings, {settings.topic("state"), [this] { return state_text(false); }},
              settings.down.empty() ? std::vector<std::string>() : std::vector<std::string>{settings.topic("c/+")},
              broker_events()),
@@ -72,17 +75,15 @@ BrokerLink::Events Uplink::broker_events() {
   };
   events.on_down = [this](const std::string&) {
     outbox.set_up(false);
-    for (Answer& one : answers) one.token = 0;
+    answers.begin_again();
   };
   events.on_confirmed = [this](int token) {
     outbox.confirm(token);
-    answers.erase(std::remove_if(answers.begin(), answers.end(), [&](const Answer& a) { return a.token == token; }),
-                  answers.end());
+    answers.forget(token);
   };
   events.on_refused = [this, limit = RateLimit()](int token, const std::string& reason) mutable {
     outbox.refuse(token);
-    answers.erase(std::remove_if(answers.begin(), answers.end(), [&](const Answer& a) { return a.token == token; }),
-                  answers.end());
+    answers.forget(token);
     if (const auto left_out = limit.allow()) {
       elog(1, "uplink: the broker refuses a message: %s%s", reason.c_str(), left_out->text);
     }
@@ -136,7 +137,6 @@ void Uplink::take_gap(const std::string& first, const std::string& last, uint64_
 
 // The daemon takes in a line within milliseconds, as a rule. One that does not must not hold up everything else.
 bool Uplink::post(const std::string& line) {
-  if (steady_ms() < no_post_before) return false;
   try {
     EventConnection connection(root + kEventSocketPath, kPostMs);
     connection.send(line + "\n");
@@ -147,22 +147,6 @@ bool Uplink::post(const std::string& line) {
     elog(1, "uplink: a command is not known to be posted: %s", failure.what());
     return false;
   }
-}
-
-void Uplink::answer(const std::string& id, const std::string& payload) {
-  if (answers.size() == kAnswersMax) answers.pop_front();
-  answers.push_back({settings.topic("r/" + id), payload, 0});
-}
-
-void Uplink::publish_answers() {
-  for (Answer& one : answers) {
-    if (one.token != 0) continue;
-    one.token = broker.publish(one.topic, one.payload);
-    if (one.token == BrokerLink::kNotNow) return;
-  }
-  answers.erase(
-      std::remove_if(answers.begin(), answers.end(), [](const Answer& one) { return one.token == BrokerLink::kNever; }),
-      answers.end());
 }
 
 // --- The state
@@ -210,8 +194,7 @@ void Uplink::run(int signals) {
     broker.run();
     const int64_t now = steady_ms();
     publish_state(now);
-    publish_answers();
-    outbox.run(now);
+    outbox.run(now, [this] { return answers.publish_next(); });
     status.run();
     recent_publishes(now);
     std::vector<pollfd> set = {{signals, POLLIN, 0}};
@@ -304,12 +287,13 @@ std::string Uplink::stats() {
   lines.line("spool").key("place", std::string(disk.in_memory ? "memory" : "disk")).key("records", disk.records);
   lines.key("bytes", disk.bytes).key("limit", static_cast<uint64_t>(settings.spool_bytes)).key("dropped", disk.dropped);
   lines.key("written", disk.written).key("syncs", disk.syncs);
-  if (disk.oldest_s != 0)
+  if (disk.oldest_s >= kClockIsSet)  // otherwise nobody knows
     lines.key("oldest_s", static_cast<uint64_t>(std::max<int64_t>(time(nullptr) - disk.oldest_s, 0)));
   if (!disk.error.empty()) lines.key("error", disk.error);
 
   lines.line("commands").key("taken", orders.taken).key("refused", orders.refused).key("failed", orders.failed);
   lines.key("repeated", orders.repeated).key("stray_replies", orders.stray_replies);
+  lines.key("dropped_answers", answers.dropped());
   if (!orders.last_refusal.empty()) lines.key("refusal", orders.last_refusal);
   return lines.end();
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "uplink/answers.h"
 #include "uplink/broker_link.h"
 #include "uplink/commands.h"
 #include "uplink/daemon_link.h"
@@ -29,11 +30,6 @@ class Uplink {
   void run(int signals);
 
  private:
-  struct Answer {
-    std::string topic;
-    std::string payload;
-    int token = 0;  // 0: it is to be published
-  };
   // What the state's message tells beside what never changes.
   struct Told {
     uint64_t spooled = 0, dropped = 0;
@@ -49,8 +45,6 @@ class Uplink {
   void take_event(const AnswerLine& event);
   void take_gap(const std::string& first, const std::string& last, uint64_t count);
   bool post(const std::string& line);
-  void answer(const std::string& id, const std::string& payload);
-  void publish_answers();
   void publish_state(int64_t now);
   Told telling() const;
   std::string state_text(bool on) const;
@@ -68,13 +62,13 @@ class Uplink {
 
   Spool spool;
   Outbox outbox;
+  Answers answers;
   Commands commands;
   BrokerLink broker;
   DaemonLink daemon;
   StatusSocket status;
 
-  std::deque<Answer> answers;  // that are not acknowledged
-  Told told;                   // last
+  Told told;  // last
   int64_t told_at = INT64_MIN / 2;
   bool has_told = false;       // over this connection
   int64_t no_post_before = 0;  // the daemon has taken in nothing

@@ -20,7 +20,7 @@ constexpr int kQuitType = 9999;
 constexpr size_t kFileMax = size_t{1024} * 1024;
 constexpr size_t kPrefixMax = 256;
 constexpr size_t kPatternsMax = 31;        // the daemon follows 32 patterns; the last one is for answers of scripts
-constexpr size_t kPatternBytesMax = 3000;  // a request at the control socket is a line of 4096 bytes
+constexpr size_t kPatternBytesMax = 3000;  // a request at the control socket is a line of 4096 bytes, '%' is "%25"
 constexpr char kAnswerName[] = "uplink_reply";
 
 struct Number {
@@ -44,10 +44,13 @@ constexpr Number kNumbers[] = {{"down_type", INT_MIN, INT_MAX, &UplinkSettings::
                                {"down_rate", 1, 1000, &UplinkSettings::down_rate},
                                {"rate", 1, 10000, &UplinkSettings::rate},
                                {"in_flight", 1, 20, &UplinkSettings::in_flight}};
-constexpr Text kTexts[] = {{"device", &UplinkSettings::device}, {"ca", &UplinkSettings::ca},
-                           {"cert", &UplinkSettings::cert},     {"key", &UplinkSettings::key},
-                           {"user", &UplinkSettings::user},     {"password_file", &UplinkSettings::password_file},
-                           {"prefix", &UplinkSettings::prefix}, {"spool", &UplinkSettings::spool}};
+constexpr Text kTexts[] = {
+    {"device", &UplinkSettings::device}, {"user", &UplinkSettings::user}, {"prefix", &UplinkSettings::prefix}};
+constexpr Text kFiles[] = {{"ca", &UplinkSettings::ca},
+                           {"cert", &UplinkSettings::cert},
+                           {"key", &UplinkSettings::key},
+                           {"password_file", &UplinkSettings::password_file}};
+constexpr Text kFolders[] = {{"spool", &UplinkSettings::spool}};
 constexpr List kLists[] = {
     {"up", &UplinkSettings::up}, {"urgent", &UplinkSettings::urgent}, {"down", &UplinkSettings::down}};
 constexpr const char* kOthers[] = {"broker", "spool_size", "full", "hold_ms"};
@@ -56,6 +59,8 @@ std::vector<std::string> known_keys() {
   std::vector<std::string> keys(std::begin(kOthers), std::end(kOthers));
   for (const Number& number : kNumbers) keys.emplace_back(number.key);
   for (const Text& text : kTexts) keys.emplace_back(text.key);
+  for (const Text& file : kFiles) keys.emplace_back(file.key);
+  for (const Text& folder : kFolders) keys.emplace_back(folder.key);
   for (const List& list : kLists) keys.emplace_back(list.key);
   return keys;
 }
@@ -99,8 +104,10 @@ class Reader {
     find_unknown_keys();
     for (const Number& number : kNumbers) read_number(number.key, number.least, number.most, settings.*number.value);
     for (const Text& text : kTexts) settings.*text.value = value_of(text.key);
+    for (const Text& file : kFiles) read_path(file);
+    for (const Text& folder : kFolders) read_path(folder);
     for (const List& list : kLists) settings.*list.value = items_of(value_of(list.key));
-    read_broker();
+    if (const std::string wrong = read_broker(); !wrong.empty()) problem(wrong);
     read_device(machine_id);
     read_prefix();
     read_spool();
@@ -141,21 +148,33 @@ class Reader {
     }
   }
 
-  void read_broker() {
+  // The program and zelvctl may run in different folders, so a path is absolute.
+  void read_path(const Text& path) {
+    const std::string value = value_of(path.key);
+    settings.*path.value = value;
+    if (value.empty() || value[0] == '/') return;
+    // Somebody may have written the password itself there.
+    const bool may_be_secret = path.value == &UplinkSettings::password_file;
+    problem(path.key + (may_be_secret ? "" : " is " + shown(value)) + ": expected an absolute path");
+  }
+
+  // Returns what is wrong, or an empty text.
+  std::string read_broker() {
     const std::string url = value_of("broker");
     std::string_view rest = url;
     const std::string_view scheme = rest.substr(0, std::min(rest.find("://"), rest.size()));
     settings.tls = scheme == "mqtts";
     settings.port = settings.tls ? 8883 : 1883;
     constexpr char kExpected[] = "expected mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
-    if (url.empty()) return problem(std::string("broker is not set: ") + kExpected);
+    if (url.empty()) return std::string("broker is not set: ") + kExpected;
+    // Before anything else, and without the value: this goes to a log or a terminal.
+    if (url.find('@') != std::string::npos) {
+      return "broker holds a user or a password: expected them in user and password_file";
+    }
     const std::string wrong = "broker is " + shown(url) + ": ";
-    if (scheme != "mqtt" && scheme != "mqtts") return problem(wrong + kExpected);
+    if (scheme != "mqtt" && scheme != "mqtts") return wrong + kExpected;
     rest.remove_prefix(std::min(scheme.size() + 3, rest.size()));
     if (!rest.empty() && rest.back() == '/') rest.remove_suffix(1);
-    if (rest.find('@') != std::string_view::npos) {
-      return problem("broker holds a user or a password: expected them in user and password_file");
-    }
     const bool has_brackets = !rest.empty() && rest.front() == '[';
     const size_t end = has_brackets ? rest.find(']') : rest.find(':');
     settings.host = rest.substr(has_brackets ? 1 : 0, has_brackets ? end - 1 : end);
@@ -164,13 +183,15 @@ class Reader {
     const bool is_host = !settings.host.empty() && settings.host.find_first_of(" \t/?#[]") == std::string::npos &&
                          escaped(settings.host) == settings.host &&
                          (has_brackets == (settings.host.find(':') != std::string::npos));
-    if (!is_host || (has_brackets && end == std::string_view::npos)) return problem(wrong + kExpected);
-    if (behind.empty()) return;
-    int port = 0;
-    if (behind[0] != ':' || !parse_store_int(behind.substr(1), port) || port < 1 || port > 65535) {
-      return problem(wrong + "expected a port from 1 to 65535 behind the host");
+    if (!is_host || (has_brackets && end == std::string_view::npos)) return wrong + kExpected;
+    int port = settings.port;
+    const bool has_port = !behind.empty();
+    if (has_port && (behind[0] != ':' || !parse_store_int(behind.substr(1), port) || port < 1 || port > 65535)) {
+      return wrong + "expected a port from 1 to 65535 behind the host";
     }
     settings.port = port;
+    broker_is_good = true;
+    return "";
   }
 
   void read_device(std::string_view machine_id) {
@@ -199,6 +220,7 @@ class Reader {
       return problem(wrong + "expected a topic that does not begin with '$' or '/'");
     if (prefix.back() == '/') return problem(wrong + "expected a topic that does not end in '/'");
     if (prefix.size() > kPrefixMax) problem(wrong + sstr("expected at most %zu bytes", kPrefixMax));
+    if (prefix.find('%') != std::string::npos) warn(wrong + "nothing but %i is replaced");
   }
 
   void read_spool() {
@@ -221,13 +243,17 @@ class Reader {
       for (const std::string& name : settings.*list.value) {
         if (const char* const wrong = check_event_name(name))
           problem(sstr("%s: ", list.key) + shown(name) + ": " + wrong);
+        if (name.find(';') != std::string::npos)
+          warn(sstr("%s: ", list.key) + shown(name) + " is one name: commas separate names");
       }
     }
     size_t bytes = 0;
-    for (const std::string& pattern : settings.up) bytes += pattern.size();
+    for (const std::string& pattern : settings.up) {
+      bytes += pattern.size() + 2 * static_cast<size_t>(std::count(pattern.begin(), pattern.end(), '%'));
+    }
     if (settings.up.size() > kPatternsMax || bytes > kPatternBytesMax) {
-      problem(
-          sstr("up is too long: expected at most %zu patterns, of %zu bytes in all", kPatternsMax, kPatternBytesMax));
+      problem(sstr("up is too long: expected at most %zu patterns, of %zu bytes in all, where '%%' counts for three",
+                   kPatternsMax, kPatternBytesMax));
     }
     for (const std::string& name : settings.urgent) {
       if (name.find_first_of("*?") == std::string::npos && !matches_any(settings.up, name)) {
@@ -249,7 +275,7 @@ class Reader {
       problem(settings.cert.empty() ? "key is set, and cert is not" : "cert is set, and key is not");
     }
     if (settings.user.empty() && !settings.password_file.empty()) problem("password_file is set, and user is not");
-    if (settings.tls) return;
+    if (settings.tls || !broker_is_good) return;
     for (const char* const key : {"ca", "cert"}) {
       if (!value_of(key).empty()) problem(sstr("%s is set, but broker is not an mqtts:// URL", key));
     }
@@ -260,6 +286,7 @@ class Reader {
   const std::string root;
   UplinkSettingsResult result;
   UplinkSettings& settings = result.settings;
+  bool broker_is_good = false;
 };
 
 // Reads a regular file. Returns why it cannot be read, or an empty text.
@@ -302,15 +329,11 @@ UplinkSettingsResult read_uplink_settings(const std::string& root) {
   std::string machine_id;
   read_regular_file("/etc/machine-id", machine_id);
   UplinkSettingsResult result = parse_uplink_settings(bytes, root, machine_id);
-  const UplinkSettings& settings = result.settings;
-  const std::pair<const char*, const std::string*> files[] = {{"ca", &settings.ca},
-                                                              {"cert", &settings.cert},
-                                                              {"key", &settings.key},
-                                                              {"password_file", &settings.password_file}};
-  for (const auto& [key, file] : files) {
+  for (const Text& file : kFiles) {
     std::string ignored;
-    const std::string reason = file->empty() ? "" : read_regular_file(*file, ignored);
-    if (!reason.empty()) result.warnings.push_back(sstr("%s: ", key) + escaped(*file) + ": " + reason);
+    const std::string& file_path = result.settings.*file.value;
+    const std::string reason = file_path[0] == '/' ? read_regular_file(file_path, ignored) : "";
+    if (!reason.empty()) result.warnings.push_back(sstr("%s: ", file.key) + escaped(file_path) + ": " + reason);
   }
   return result;
 }

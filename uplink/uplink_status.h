@@ -28,6 +28,7 @@
 
 #include "util/descriptor.h"
 #include "util/owned_socket.h"
+#include "util/rate_limit.h"
 
 // Both below DEVICE_ROOT, in a folder that belongs to the uplink's user.
 constexpr char kUplinkSocketPath[] = "/run/zelvind-uplink/control.sock";
@@ -62,15 +63,19 @@ class StatusSocket {
  private:
   struct Client {
     Descriptor fd;
-    std::string asked;  // a piece of a request
-    std::string owed;
+    std::string asked;  // requests, and a piece of one
+    std::string owed;   // of the answer to the one before
   };
   static constexpr size_t kClientsMost = 4;
 
   void accept_waiting();
   bool serve(Client& client) const;
+  static bool receive(Client& client);
+  static bool send_owed(Client& client);
 
   const std::function<std::string()> stats;
   OwnedSocket socket;
-  std::list<Client> clients;  // in the order in which they came
+  std::list<Client> clients;      // in the order in which they came
+  int64_t accept_not_before = 0;  // steady_ms(), while no descriptor is to be had
+  RateLimit accept_limit;
 };

@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <ctime>
 
+// 2024-01-01, seconds since 1970. A wall clock before that was never set.
+constexpr int64_t kClockIsSet = 1704067200;
+
 // What now_ms returns when the wall clock reads `seconds` and `microseconds`.
 inline int clock_ms(int64_t seconds, int64_t microseconds) {
   return static_cast<int>(static_cast<uint32_t>(seconds * 1000 + microseconds / 1000));

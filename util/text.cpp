@@ -47,6 +47,12 @@ std::string_view take_item(std::string_view& list, char separator) {
   return item;
 }
 
+std::string_view cut_text(std::string_view text, size_t most) {
+  if (text.size() <= most) return text;
+  while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0U) == 0x80) --most;
+  return text.substr(0, most);
+}
+
 int char_index(const char* s, int c) {
   const char wanted = static_cast<char>(c);
   const char* found = strchr(s, wanted);  // for a zero byte that is the end, whose index is the length

@@ -15,6 +15,9 @@ void copy_text(char* out, size_t size, const char* text);
 // Removes the first item of `list`, and the separator behind it. Returns the item, which is a part of the list.
 std::string_view take_item(std::string_view& list, char separator);
 
+// The beginning of `text`, which is UTF-8: at most `most` bytes, without a part of a character at its end.
+std::string_view cut_text(std::string_view text, size_t most);
+
 // Index of the first byte of `s` that equals the low 8 bits of `c`, or the length of `s`.
 int char_index(const char* s, int c);
 

@@ -1,8 +1,10 @@
 #include "ctl/check/check.h"
 
+#include <pwd.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -23,6 +25,8 @@
 #include "util/text.h"
 
 namespace {
+
+constexpr char kUplinkUser[] = "zelvind-uplink";  // of the package
 
 // Warns of what the daemon ignores in its settings file `path`, where the embedded store keeps it.
 void check_settings(const ScriptFolders& folders, Findings& findings) {
@@ -75,21 +79,36 @@ std::string scripts_in(size_t scripts, const std::vector<std::string>& places) {
   return text;
 }
 
-// Reports what is wrong with the settings of the uplink, where there are any. Without the daemon's rights: the file is
-// not for the daemon.
-void check_uplink(const std::string& root, Findings& findings) {
+// Whether the package's user of the uplink is there and we can take its rights: root can read all files, and it cannot.
+bool has_uplink_user(const std::string& root) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs
+  return root.empty() && geteuid() == 0 && getpwnam(kUplinkUser) != nullptr;
+}
+
+// Reports what is wrong with the settings of the uplink. Returns false where there are none. Without the daemon's
+// rights: the file is not for the daemon.
+bool check_uplink(const std::string& root, Findings& findings) {
   const std::string path = root + kUplinkSettingsPath;
-  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return;
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return false;
   if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
-    return findings.warn(path, "was not checked: " + why_unreadable_file(path));
+    findings.warn(path, "was not checked: " + why_unreadable_file(path));
+    return false;
   }
+  std::optional<DaemonRights> rights;
+  if (has_uplink_user(root)) rights.emplace(kUplinkUser);
+  const auto told = [&](const std::string& text) {
+    const std::string denied = strerrordesc_np(EACCES);
+    const bool is_denied = text.size() >= denied.size() && text.rfind(denied) == text.size() - denied.size();
+    return rights && is_denied ? text + " for the user " + kUplinkUser : text;
+  };
   const UplinkSettingsResult result = read_uplink_settings(root);
-  for (const std::string& problem : result.problems) findings.fault(sstr("%s: %s", path.c_str(), problem.c_str()));
-  for (const std::string& warning : result.warnings) findings.warn(path, warning);
+  for (const std::string& problem : result.problems) findings.fault(path + ": " + told(problem));
+  for (const std::string& warning : result.warnings) findings.warn(path, told(warning));
+  return true;
 }
 
 std::string check_daemon(const CheckRequest& request, Findings& findings) {
-  check_uplink(request.root, findings);
+  const bool has_uplink = check_uplink(request.root, findings);
   const auto running = RunningDaemon::find(request.root);
   const std::string daemon = running ? running->folder() : installed_daemon_folder();
   std::optional<DaemonRights> rights;
@@ -98,7 +117,8 @@ std::string check_daemon(const CheckRequest& request, Findings& findings) {
   } else if (running) {
     rights.emplace(running->process());
   }
-  return check_configured(configured_folders(request.root, daemon), findings);
+  return check_configured(configured_folders(request.root, daemon), findings) +
+         (has_uplink ? " and the settings of the uplink" : "");
 }
 
 std::string check_places(const CheckRequest& request, Findings& findings) {

@@ -1,5 +1,8 @@
 #include "ctl/inspect/uplink.h"
 
+#include <unistd.h>
+#include <cerrno>
+
 #include "ctl/failure.h"
 #include "ctl/human_text.h"
 #include "ctl/inspect/answer_json.h"
@@ -65,7 +68,7 @@ std::vector<std::string> notes_of(const std::vector<AnswerLine>& answer) {
         number_of(lost, "event was", "events were") +
         " overwritten in the daemon before the uplink read them: a larger `event_memory` of the daemon helps");
   }
-  const uint64_t unwanted = line_of(answer, "out").count("refused");
+  const uint64_t unwanted = line_of(answer, "broker").count("refused");
   if (unwanted > 0)
     notes.push_back(number_of(unwanted, "message was", "messages were") + " refused by the broker: the log says why");
   const AnswerLine& commands = line_of(answer, "commands");
@@ -83,6 +86,8 @@ std::vector<std::string> notes_of(const std::vector<AnswerLine>& answer) {
 }  // namespace
 
 std::vector<AnswerLine> ask_uplink(const std::string& root, int limit_ms) {
+  const std::string path = root + kUplinkSocketPath;
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) fail("it does not run: there is no " + path);
   return ControlClient(root, limit_ms, kUplinkSocketPath).ask("stats", limit_ms);
 }
 

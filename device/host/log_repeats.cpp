@@ -9,14 +9,20 @@ namespace {
 constexpr int64_t kSecondMs = 1000;
 constexpr uint32_t kWrittenEach = 100;
 
+constexpr int64_t kAtOnce = std::numeric_limits<int64_t>::min();
+
+// A line stands in one of a few neighbours, so that the search is short.
+constexpr size_t kNeighbours = 8;
+
 }  // namespace
 
-// The entry of a line, perhaps a new one; null when all entries have lines to sum up.
+// The entry of a line, perhaps a new one in the place of the oldest; null when all of these have lines to sum up.
 LogRepeats::Entry* LogRepeats::find(size_t hash, int64_t now_ms) {
   Entry* oldest = nullptr;
-  for (Entry& entry : entries) {
+  for (size_t i = 0; i < kNeighbours; ++i) {
+    Entry& entry = entries[(hash + i) % entries.size()];
     if (entry.hash == hash) return &entry;
-    if (entry.left_out == 0 && (oldest == nullptr || entry.turn < oldest->turn)) oldest = &entry;
+    if (entry.held == nullptr && (oldest == nullptr || entry.since_ms < oldest->since_ms)) oldest = &entry;
   }
   if (oldest == nullptr) return nullptr;
   if (oldest == last) last = nullptr;
@@ -26,48 +32,62 @@ LogRepeats::Entry* LogRepeats::find(size_t hash, int64_t now_ms) {
   return oldest;
 }
 
-uint64_t LogRepeats::leave_out(int level, std::string_view line, int64_t now_ms) {
-  current = find(std::hash<std::string_view>()(line) + static_cast<size_t>(level), now_ms);
-  if (current == nullptr) return 0;
-  Entry& entry = *current;
-  entry.turn = ++turns;
-  if (now_ms - entry.since_ms >= kSecondMs && entry.left_out == 0) {
+bool LogRepeats::repeats_itself(Entry& entry, int level, std::string_view line, int64_t now_ms) {
+  if (now_ms - entry.since_ms >= kSecondMs) {
     entry.since_ms = now_ms;
     entry.count = 0;
   }
-  if (++entry.count <= kWrittenEach || now_ms - entry.since_ms >= kSecondMs) return 0;
-  if (entry.left_out > 0 && (entry.line != line || entry.level != level)) return 0;  // another line with this hash
-  if (entry.left_out == 0) {
-    entry.line = line;
-    entry.level = level;
+  if (++entry.count <= kWrittenEach) return false;
+  if (entry.held == nullptr) {
+    entry.held = std::make_unique<Held>(Held{level, std::string(line), entry.since_ms + kSecondMs, 0});
+    due = std::min(due, entry.held->due_ms);
   }
-  return ++entry.left_out;
+  if (entry.held->line != line || entry.held->level != level) return false;  // another line with this hash
+  ++entry.held->times;
+  return true;
+}
+
+bool LogRepeats::leaves_out(int level, std::string_view line, int64_t now_ms) {
+  current = find(std::hash<std::string_view>()(line) + static_cast<size_t>(level), now_ms);
+  if (current != nullptr && repeats_itself(*current, level, line, now_ms)) return true;
+  interrupt();
+  return false;
+}
+
+void LogRepeats::pass() {
+  current = nullptr;
+  interrupt();
+}
+
+// Another line is to be written: the summary of the last one must stand before it.
+void LogRepeats::interrupt() {
+  if (last == nullptr || last == current || last->held == nullptr) return;
+  last->held->due_ms = due = kAtOnce;
 }
 
 bool LogRepeats::take(int64_t now_ms, Summary& out) {
+  if (due > now_ms) return false;
+  due = kNever;
   for (Entry& entry : entries) {
-    const bool is_due = now_ms - entry.since_ms >= kSecondMs;
-    const bool is_interrupted = &entry == last && current != last;
-    if (entry.left_out == 0 || (!is_due && !is_interrupted)) continue;
-    out = Summary{entry.level, std::move(entry.line), std::exchange(entry.left_out, 0), &entry == last};
-    last = &entry;
-    if (is_due) {
-      entry.since_ms = now_ms;
-      entry.count = &entry == current ? 1 : 0;
+    if (entry.held == nullptr) continue;
+    if (entry.held->due_ms > now_ms) {
+      due = std::min(due, entry.held->due_ms);
+      continue;
     }
+    const std::unique_ptr<Held> held = std::move(entry.held);
+    if (held->due_ms == entry.since_ms + kSecondMs) {  // and not earlier, since another line came
+      entry.since_ms += kSecondMs;
+      entry.count = 0;
+    }
+    out = Summary{held->level, std::move(held->line), held->times, &entry == last};
+    last = &entry;
+    due = kAtOnce;  // there may be more
     return true;
   }
   return false;
 }
 
-int64_t LogRepeats::due_ms() const {
-  int64_t due = kNever;
-  for (const Entry& entry : entries) {
-    if (entry.left_out > 0) due = std::min(due, entry.since_ms + kSecondMs);
-  }
-  return due;
-}
-
 void LogRepeats::forget() {
-  for (Entry& entry : entries) entry.left_out = 0;
+  for (Entry& entry : entries) entry.held.reset();
+  due = kNever;
 }
