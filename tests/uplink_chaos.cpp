@@ -56,11 +56,13 @@ class Device {
         trace(1, "unlocks for " .. id .. ".")
         post(1, "uplink_reply", {cmd_id = id, status = "ok"})
       end))");
-    daemon.write("opt/flash/mtd4-cfg/zelvind.info",
-                 "log_level = 2\nlistener_port = 0\nscript_path = " + daemon.path("scripts") + "\n");
+    daemon.write(
+        "opt/flash/mtd4-cfg/zelvind.info",
+        "log_level = 2\nlistener_port = 0\nevent_memory = 16384\nscript_path = " + daemon.path("scripts") + "\n");
     uplink = std::make_unique<RealUplink>(daemon, proxy.port(), name,
                                           "prefix = z/%i\nup = door,alarm\nurgent = alarm\ndown = unlock\n"
-                                          "down_rate = 1000\nrate = 10000\nspool_size = 512\nhold_ms = 1000\n");
+                                          "down_rate = 1000\nrate = 10000\nspool_size = 512\nhold_ms = 1000\nfull = " +
+                                              std::string(name == "d0" ? "drop_oldest\n" : "drop_newest\n"));
   }
 
   ~Device() {
@@ -98,6 +100,15 @@ class Device {
     proxy.set(CutProxy::Mode::pass);
     pause(random() % 800);
     uplink->start();
+  }
+  // More events than the spool has room for, while nobody confirms any.
+  void flood() {
+    proxy.set(CutProxy::Mode::blackhole);
+    large_ones = 400;
+    wait_until([this] { return large_ones <= 0; });
+    pause(random() % 1500);
+    if (random() % 4 != 0) return kill_uplink();
+    proxy.set(CutProxy::Mode::pass);
   }
   void kill_daemon() {
     daemon.send_signal(SIGKILL);
@@ -187,7 +198,7 @@ class Device {
       std::string lines;
       const int first = n + 1;
       for (auto count = own() % 20 + 1; count > 0; --count) {
-        const size_t pad = own() % 50 == 0 ? 3000 : own() % 50;
+        const size_t pad = large_ones-- > 0 || own() % 50 == 0 ? 3000 : own() % 50;
         lines += std::string(own() % 300 == 0 ? "1 alarm" : "1 door") + " n=" + std::to_string(++n) +
                  "&pad=" + std::string(pad, '.') + "\n";
       }
@@ -195,7 +206,7 @@ class Device {
         const MutexLock lock(mutex);
         for (int taken = first; taken <= n; ++taken) posted.push_back(taken);
       }
-      pause(own() % 200);
+      if (large_ones <= 0) pause(own() % 200);
     }
   }
 
@@ -252,6 +263,7 @@ class Device {
 
  private:
   std::atomic<bool> posting{true}, watching{true};
+  std::atomic<int> large_ones{0};  // of the next events
   std::thread poster, witness;
   std::string former_log;  // of daemons that were killed
   size_t run = 0;          // commands
@@ -305,7 +317,7 @@ class UplinkChaos : public testing::Test {
 
   void make_trouble() {
     Device& device = *devices[random() % devices.size()];
-    switch (random() % 9) {
+    switch (random() % 10) {
       case 0:
         return device.kill_uplink();
       case 1:
@@ -325,6 +337,8 @@ class UplinkChaos : public testing::Test {
       case 7:
         return device.hang_up_uplink();
       case 8:
+        return device.flood();
+      default:
         for (auto count = random() % 5 + 1; count > 0; --count) {
           sender.publish(device.topic("c/unlock"), device.next_command());
         }

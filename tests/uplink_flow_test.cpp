@@ -205,7 +205,7 @@ class PlayedOutbox {
     if (word == "new") return begin();
     if (word[0] == '+') return static_cast<void>(now += std::stoi(word.substr(1)));
     if (word[0] == '=') return outbox->confirm(token_of(word.substr(1)));
-    if (word[0] == '!') return outbox->refuse(token_of(word.substr(1)), now);
+    if (word[0] == '!') return outbox->refuse(token_of(word.substr(1)));
     const bool is_urgent = word[0] == 'u';
     const size_t dots = word.find("..");
     const int first = std::stoi(word.substr(is_urgent ? 1 : 0));
@@ -232,6 +232,10 @@ class PlayedOutbox {
 TEST(UplinkOutbox, EachCourse) {
   const auto nothing = [](UplinkSettings&) {};
   const auto slow = [](UplinkSettings& s) { s.rate = 2; };
+  const auto full = [](UplinkSettings& s) {
+    s.spool_bytes = 65536, s.full = UplinkSettings::Full::drop_newest, s.hold = {};
+  };
+  const std::string gap_1 = R"({"gap":["aa-1","aa-1"],"n":1} )";
   const auto narrow = [](UplinkSettings& s) { s.in_flight = 2; };
   const struct {
     const char* what;
@@ -254,7 +258,11 @@ TEST(UplinkOutbox, EachCourse) {
       {"answers and events take turns", slow, "up a1 a2 a3 d1000 1..3 +1000 +1000 a4 a5 a6 d1000", "a1 a2 1 a3 2 3 ", 3,
        true, ""},
       {"urgent", nothing, "1 u2 up", "1 2 ", 2, true, "aa-2"},
-      {"refused", nothing, "up 1..2 !1 =2", "1 2 {\"gap\":[\"aa-1\",\"aa-1\"],\"n\":1} ", 0, false, ""},
+      {"refused", nothing, "up 1..2 !1 =2", "1 2 " + gap_1, 0, false, ""},
+      {"refused, and its gap not confirmed", slow, "up 1..3 !1 +1000", "1 2 " + gap_1 + "3 ", 0, false, "aa-0"},
+      {"refused in the spool, then killed", nothing, "up 1..2 +2000 =2 !1 +1000 new up !1",
+       "1 2 " + gap_1 + "1 2 " + gap_1, 2, true, ""},
+      {"what is refused when full is asked for again", full, "1..900 +1000 +1000 new", "", 460, true, "aa-460"},
       {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
        "aa-2"},
       {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},

@@ -17,6 +17,7 @@ constexpr size_t kHeldBytesMax = size_t{256} * 1024;
 constexpr size_t kHeldMax = 1024;     // records
 constexpr size_t kRecordBytes = 200;  // of a record beside its texts
 constexpr int64_t kSecond = 1000;     // ms
+constexpr int kUnsent = 0;            // a token
 
 size_t size_of(const UplinkRecord& record) {
   return kRecordBytes + record.name.size() + record.payload.size();
@@ -57,20 +58,17 @@ Outbox::Outbox(const UplinkSettings& all_settings, Spool& the_spool, std::string
       spool(the_spool),
       position_file(std::move(position_path)),
       publish(std::move(publish_one)),
-      seen(later_position(read_position(position_file), spool.position())) {}
+      seen(spool.is_cut() && !spool.position().empty()
+               ? spool.position()
+               : later_position(read_position(position_file), spool.position())) {}
 
 // --- Taking over
 
 void Outbox::add(UplinkRecord record, int64_t now) {
-  std::string position = record.is_gap() ? record.last_id : record.id;
-  hold(std::move(record), now);
-  seen = std::move(position);
-}
-
-void Outbox::hold(UplinkRecord record, int64_t now) {
+  std::string position = record.end_id();
   held_bytes += size_of(record);
   has_urgent = has_urgent || record.urgent;
-  waiting.push_back({std::move(record), seen, now, false});
+  waiting.push_back({std::move(record), std::exchange(seen, std::move(position)), now, false});
 }
 
 void Outbox::pass(const std::string& id) {
@@ -83,47 +81,51 @@ void Outbox::pass(const std::string& id) {
 
 void Outbox::set_up(bool up) {
   is_up = up;
-  next_number = 0;
-  may_have_spooled = true;
   for (auto sent = in_flight.rbegin(); sent != in_flight.rend(); ++sent) {
     if (sent->number != 0) continue;
-    sent->held.was_sent = true;
+    sent->held.was_sent = sent->held.was_sent || sent->token != kUnsent;
     waiting.push_front(std::move(sent->held));
   }
   in_flight.clear();
   held_in_flight = 0;
 }
 
+Outbox::Flight::iterator Outbox::find(int token) {
+  return std::find_if(in_flight.begin(), in_flight.end(), [&](const Sent& sent) { return sent.token == token; });
+}
+
 void Outbox::confirm(int token) {
-  const auto sent = std::find_if(in_flight.begin(), in_flight.end(), [&](const Sent& s) { return s.token == token; });
+  const auto sent = find(token);
   if (sent == in_flight.end()) return;
+  ++counts.confirmed;
+  finish(sent);
+}
+
+void Outbox::finish(const Flight::iterator& sent) {
   if (sent->number != 0) {
     spool.acknowledge(sent->number);
-    may_have_spooled = true;  // there may be room for a gap now
   } else {
     held_bytes -= size_of(sent->held.record);
     --held_in_flight;
   }
-  ++counts.confirmed;
   in_flight.erase(sent);
 }
 
-void Outbox::refuse(int token, int64_t now) {
-  const auto sent = std::find_if(in_flight.begin(), in_flight.end(), [&](const Sent& s) { return s.token == token; });
-  if (sent == in_flight.end()) return;
-  const UplinkRecord record = sent->held.record;
-  confirm(token);
-  --counts.confirmed;
-  declare(record, now);
+void Outbox::refuse(int token) {
+  if (const auto sent = find(token); sent != in_flight.end()) declare(sent);
 }
 
-// A broker that does not take an event may take the gap in its place.
-void Outbox::declare(const UplinkRecord& refused, int64_t now) {
+// A broker that does not take an event may take a gap in its place. Until that is confirmed, the spool and the position
+// go by the event: an uplink that is killed sends it again.
+void Outbox::declare(const Flight::iterator& refused) {
   ++counts.refused;
-  if (refused.is_gap()) return;
-  UplinkRecord gap;
-  gap.id = gap.last_id = refused.id;
-  hold(std::move(gap), now);
+  UplinkRecord& record = refused->held.record;
+  if (record.is_gap()) return finish(refused);
+  if (refused->number == 0) held_bytes -= record.name.size() + record.payload.size();
+  record.last_id = record.id;
+  record.name.clear();
+  record.payload.clear();
+  refused->token = kUnsent;
 }
 
 void Outbox::run(int64_t now, const std::function<bool()>& publish_other) {
@@ -135,8 +137,8 @@ void Outbox::run(int64_t now, const std::function<bool()>& publish_other) {
 
 void Outbox::publish_due(int64_t now, const std::function<bool()>& publish_other) {
   bool may_have_own = true;
-  may_have_other = publish_other != nullptr;
-  while ((may_have_own || may_have_other) && has_turn(now)) {
+  bool may_have_other = publish_other != nullptr;
+  while (has_rate(now) && is_up && (may_have_own || may_have_other)) {
     if (may_have_other && (is_turn_of_other || !may_have_own)) {
       may_have_other = publish_other();
       if (may_have_other) sent_at.push_back(now);
@@ -148,63 +150,54 @@ void Outbox::publish_due(int64_t now, const std::function<bool()>& publish_other
   }
 }
 
-// True when one was published, or need not be any more.
-bool Outbox::publish_next(int64_t now) {
-  return publish_spooled(now) || (!may_have_spooled && publish_held(now));
-}
-
-bool Outbox::has_turn(int64_t now) {
+bool Outbox::has_rate(int64_t now) {
   while (!sent_at.empty() && sent_at.front() <= now - kSecond) sent_at.pop_front();
-  return is_up && in_flight.size() < static_cast<size_t>(settings.in_flight) &&
-         sent_at.size() < static_cast<size_t>(settings.rate);
+  return sent_at.size() < static_cast<size_t>(settings.rate);
 }
 
-bool Outbox::publish_spooled(int64_t now) {
-  UplinkRecord record;
-  uint64_t number = next_number;
-  may_have_spooled = may_have_spooled && spool.read(number, record);
-  if (!may_have_spooled) return false;
-  const int token = publish_record(record, number <= highest_number, now);
+// Returns true when one was published, or never will be.
+bool Outbox::publish_next(int64_t now) {
+  if (find(kUnsent) == in_flight.end() && !take_next(now)) return false;
+  const auto next = find(kUnsent);
+  const UplinkRecord& record = next->held.record;
+  const std::string payload = record.is_gap() ? gap_payload(record) : record.payload;
+  const int token = publish(settings.topic(record.is_gap() ? "gap" : "e/" + topic_part(record.name)), payload);
   if (token == BrokerLink::kNotNow) return false;
-  next_number = number + 1;
-  highest_number = std::max(highest_number, number);
-  if (token == BrokerLink::kNever) {
-    spool.acknowledge(number);
-    declare(record, now);
-    return true;
-  }
-  record.payload.clear();
-  in_flight.push_back({token, number, {std::move(record), "", now, true}});
+  if (token == BrokerLink::kNever) return declare(next), true;
+  next->token = token;
+  sent_at.push_back(now);
+  ++counts.published;
+  counts.repeated += next->held.was_sent ? 1 : 0;
+  counts.gaps += record.is_gap() ? 1 : 0;
+  counts.bytes += payload.size();
+  if (next->number != 0) next->held.record.payload.clear();
   return true;
 }
 
-bool Outbox::publish_held(int64_t now) {
-  if (waiting.empty()) return false;
-  const int token = publish_record(waiting.front().record, waiting.front().was_sent, now);
-  if (token == BrokerLink::kNotNow) return false;
-  Held held = std::move(waiting.front());
-  waiting.pop_front();
-  if (token == BrokerLink::kNever) {
-    held_bytes -= size_of(held.record);
-    declare(held.record, now);
+// Puts the next record behind those in flight. False: there is none, or no place.
+bool Outbox::take_next(int64_t now) {
+  if (in_flight.size() >= static_cast<size_t>(settings.in_flight)) return false;
+  uint64_t number = 0;
+  if (const UplinkRecord* const record = next_spooled(number)) {
+    in_flight.push_back({kUnsent, number, {*record, "", now, number <= highest_number}});
+    highest_number = std::max(highest_number, number);
     return true;
   }
-  in_flight.push_back({token, 0, std::move(held)});
+  if (waiting.empty()) return false;
+  in_flight.push_back({kUnsent, 0, std::move(waiting.front())});
+  waiting.pop_front();
   ++held_in_flight;
   return true;
 }
 
-int Outbox::publish_record(const UplinkRecord& record, bool again, int64_t now) {
-  const std::string payload = record.is_gap() ? gap_payload(record) : record.payload;
-  const std::string topic = settings.topic(record.is_gap() ? "gap" : "e/" + topic_part(record.name));
-  const int token = publish(topic, payload);
-  if (token <= 0) return token;
-  sent_at.push_back(now);
-  ++counts.published;
-  counts.repeated += again ? 1 : 0;
-  counts.gaps += record.is_gap() ? 1 : 0;
-  counts.bytes += payload.size();
-  return token;
+// The first record of the spool that is not on its way; null: there is none.
+const UplinkRecord* Outbox::next_spooled(uint64_t& number) {
+  const auto is_on_its_way = [&](const Sent& sent) { return sent.number == number; };
+  const UplinkRecord* record = spool.read(number);
+  while (record != nullptr && std::any_of(in_flight.begin(), in_flight.end(), is_on_its_way)) {
+    record = spool.read(++number);
+  }
+  return record;
 }
 
 // --- Writing
@@ -224,22 +217,16 @@ void Outbox::spool_oldest() {
     held_bytes -= size_of(waiting.front().record);
     spool.append(waiting.front().record);
     waiting.pop_front();
-    may_have_spooled = true;
   } else {
     const auto is_held = [](const Sent& sent) { return sent.number == 0; };
     const auto sent = std::find_if(in_flight.begin(), in_flight.end(), is_held);
     held_bytes -= size_of(sent->held.record);
     --held_in_flight;
     sent->number = spool.append(sent->held.record);
-    sent->held.record.payload.clear();
-    if (sent->number == 0) {  // dropped: its acknowledgement changes nothing
-      in_flight.erase(sent);
-    } else {
-      next_number = std::max(next_number, sent->number + 1);
-      highest_number = std::max(highest_number, sent->number);
-    }
+    highest_number = std::max(highest_number, sent->number);
+    if (sent->token != kUnsent) sent->held.record.payload.clear();
+    if (sent->number == 0) in_flight.erase(sent);  // dropped: its acknowledgement changes nothing
   }
-  has_unsynced = true;
 }
 
 void Outbox::spool_all() {
@@ -260,9 +247,7 @@ void Outbox::spool_due(int64_t now) {
 }
 
 void Outbox::sync() {
-  if (!spool.sync(safe_position())) return;
-  has_unsynced = false;
-  kept_at = INT64_MIN / 2;  // the file's follows at once
+  if (spool.sync(safe_position())) kept_at = INT64_MIN / 2;  // the file's follows at once
 }
 
 std::string Outbox::safe_position() const {
@@ -270,13 +255,8 @@ std::string Outbox::safe_position() const {
   return oldest == nullptr ? seen : oldest->before;
 }
 
-// Whether nothing is lost when this process is killed and begins again behind safe_position().
-bool Outbox::is_safe() const {
-  return !has_unsynced || spool.state().records == 0;
-}
-
 void Outbox::keep_position(int64_t now) {
-  if (now - kept_at < kSecond || !is_safe()) return;
+  if (now - kept_at < kSecond || !spool.is_synced()) return;
   const std::string position = safe_position();
   if (position == kept) return;
   write_position(position_file, position);
@@ -295,10 +275,8 @@ int64_t Outbox::due() const {
   const auto not_after = [&](int64_t at) { next = std::min(next, at); };
   if (const Held* const oldest = oldest_held()) not_after(oldest->since + settings.hold.count());
   if (spool.sync_due() != 0) not_after(spool.sync_due());
-  const bool waits_for_rate = is_up && sent_at.size() >= static_cast<size_t>(settings.rate) &&
-                              in_flight.size() < static_cast<size_t>(settings.in_flight);
-  if (waits_for_rate && (may_have_spooled || !waiting.empty() || may_have_other)) not_after(sent_at.front() + kSecond);
-  if (is_safe() && safe_position() != kept) not_after(kept_at + kSecond);
+  if (sent_at.size() >= static_cast<size_t>(settings.rate)) not_after(sent_at.front() + kSecond);
+  if (spool.is_synced() && safe_position() != kept) not_after(kept_at + kSecond);
   return next == INT64_MAX ? -1 : next;
 }
 

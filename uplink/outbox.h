@@ -52,7 +52,7 @@ class Outbox {
 
   // The broker has taken the record of this token, or never will: then a gap takes its place.
   void confirm(int token);
-  void refuse(int token, int64_t now);
+  void refuse(int token);
 
   // Writes and publishes what is due. To be called after all of the above. `publish_other` publishes a message beside
   // the records, if there is one: it returns false otherwise. Such messages count for `rate`, and take turns with the
@@ -75,26 +75,27 @@ class Outbox {
     bool was_sent = false;  // over an earlier connection
   };
   struct Sent {
-    int token = 0;
+    int token = 0;        // 0: it is to be published next
     uint64_t number = 0;  // in the spool; 0: only in `held`
-    Held held;            // of a record of the spool, no payload
+    Held held;            // of a record of the spool that was published, no payload
   };
 
-  void hold(UplinkRecord record, int64_t now);
+  using Flight = std::deque<Sent>;
+
+  Flight::iterator find(int token);
+  void finish(const Flight::iterator& sent);
+  void declare(const Flight::iterator& refused);
   const Held* oldest_held() const;
   void spool_oldest();
   void spool_all();
   void spool_due(int64_t now);
   void sync();
+  bool has_rate(int64_t now);
   void publish_due(int64_t now, const std::function<bool()>& publish_other);
   bool publish_next(int64_t now);
-  bool publish_spooled(int64_t now);
-  bool publish_held(int64_t now);
-  int publish_record(const UplinkRecord& record, bool again, int64_t now);
-  bool has_turn(int64_t now);
-  void declare(const UplinkRecord& refused, int64_t now);
+  bool take_next(int64_t now);
+  const UplinkRecord* next_spooled(uint64_t& number);
   std::string safe_position() const;
-  bool is_safe() const;
   void keep_position(int64_t now);
 
   const UplinkSettings& settings;
@@ -102,21 +103,17 @@ class Outbox {
   const std::string position_file;
   const Publish publish;
 
-  std::deque<Sent> in_flight;  // in the daemon's order
-  std::deque<Held> waiting;    // younger than all others
-  size_t held_bytes = 0;       // of `waiting`, and of what is in flight and not in the spool
-  size_t held_in_flight = 0;   // records
-  bool has_urgent = false;     // in `waiting`
+  Flight in_flight;           // in the daemon's order
+  std::deque<Held> waiting;   // younger than all others
+  size_t held_bytes = 0;      // of `waiting`, and of what is in flight and not in the spool
+  size_t held_in_flight = 0;  // records
+  bool has_urgent = false;    // in `waiting`
   bool is_up = false;
-  bool may_have_spooled = true;  // records in the spool that are not in flight
-  uint64_t next_number = 0;      // of the spool, that is to be published next
-  uint64_t highest_number = 0;   // of the spool, that was published
-  std::deque<int64_t> sent_at;   // of the publishes in the last second
+  uint64_t highest_number = 0;  // of the spool, that was published
+  std::deque<int64_t> sent_at;  // of the messages in the last second
   bool is_turn_of_other = true;
-  bool may_have_other = false;  // that `rate` did not let go
-  std::string seen;             // the position of what was taken over
-  bool has_unsynced = false;    // records in the spool
-  std::string kept;             // the position in the file
+  std::string seen;  // the position of what was taken over
+  std::string kept;  // the position in the file
   int64_t kept_at = INT64_MIN / 2;
   State counts;
 };

@@ -82,7 +82,7 @@ BrokerLink::Events Uplink::broker_events() {
     answers.forget(token);
   };
   events.on_refused = [this, limit = RateLimit()](int token, const std::string& reason) mutable {
-    outbox.refuse(token, steady_ms());
+    outbox.refuse(token);
     answers.forget(token);
     if (const auto left_out = limit.allow()) {
       elog(1, "uplink: the broker refuses a message: %s%s", reason.c_str(), left_out->text);
