@@ -18,6 +18,6 @@ Diagnosis diagnose_uplink(const std::vector<AnswerLine>& answer);
 // The answer as a person reads it.
 std::string uplink_screen(const std::vector<AnswerLine>& answer);
 
-// Writes both to `out`, or with `json` one object, with the kinds and keys of docs/uplink.md. Also writes when no uplink
-// answers. Throws when there is trouble; it is written already then, and the failure's text is empty.
+// Writes both to `out`, or with `json` one object, with the kinds and keys of docs/uplink.md. Also writes when no
+// uplink answers. Throws when there is trouble; it is written already then, and the failure's text is empty.
 void print_uplink(const std::string& root, bool json, FILE* out);
