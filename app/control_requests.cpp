@@ -291,6 +291,14 @@ void ControlRequests::add_clients(Answer& answer) const {
   }
 }
 
+void ControlRequests::say_log_level(const ControlRequest& request, int level) {
+  const auto left_out = level_lines.allow();
+  if (!left_out) return;
+  set_log_level(std::max({level, log_level.load(), 1}));  // so that the line is written
+  elog(1, "control: process %d of user %u sets log_level to %d%s", request.process, request.user, level,
+       left_out->text);
+}
+
 void ControlRequests::change_log_level(const ControlRequest& request, Answer& answer) {
   if (request.arguments.size() > 1) throw std::runtime_error("'log_level' takes one number");
   if (request.arguments.size() == 1) {
@@ -299,8 +307,7 @@ void ControlRequests::change_log_level(const ControlRequest& request, Answer& an
       throw std::runtime_error("log_level is '" + request.arguments[0].substr(0, 40) +
                                "': expected a whole number from 0 to 99");
     }
-    set_log_level(std::max({level, log_level.load(), 1}));  // so that the line is written
-    elog(1, "control: process %d of user %u sets log_level to %d", request.process, request.user, level);
+    if (level != log_level) say_log_level(request, level);
     set_log_level(level);
   }
   answer.line("log_level").key("now", log_level.load());

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "control/control_server.h"
+#include "util/rate_limit.h"
 
 class EventRing;
 class ManagerListener;
@@ -34,6 +35,7 @@ class ControlRequests {
   void add_listener(Answer& answer) const;
   void add_control(Answer& answer) const;
   void add_clients(Answer& answer) const;
+  void say_log_level(const ControlRequest& request, int level);
   void change_log_level(const ControlRequest& request, Answer& answer);
 
   ManagerScript& script;
@@ -45,4 +47,5 @@ class ControlRequests {
   const int64_t started_ns;  // steady_ns
   int script_memory_kib = 0;
   std::atomic<int> log_level{1};
+  RateLimit level_lines;  // the control thread's
 };

@@ -8,20 +8,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 
+#include "app/pid_file.h"
 #include "app/run.h"
 #include "app/signals.h"
 #include "device/log.h"
-#include "util/descriptor.h"
+#include "util/quiet_write.h"
 #include "util/text.h"
 
 namespace {
 
 constexpr size_t kPidFileMax = 1023;
+constexpr int kReaderPatienceMs = 1000;
 
 // A script's file must not get the number of a standard stream that the caller has closed, or it would receive what
 // print and other programs write. 0 is left to run().
@@ -35,11 +38,18 @@ void fill_closed_outputs() {
   }
 }
 
-// The Lua files of whoever runs a set-uid program must not become the daemon's.
-void forget_lua_paths() {
+// The environment of a set-uid program is its caller's, and decides which programs and Lua files are found: none of it
+// may reach the daemon, or what scripts start.
+void forget_callers_environment() {
   if (getauxval(AT_SECURE) == 0) return;
-  for (const char* const name : {"LUA_PATH", "LUA_CPATH"})
-    unsetenv(name);  // NOLINT(concurrency-mt-unsafe): no other thread
+  clearenv();                                          // NOLINT(concurrency-mt-unsafe): no other thread runs
+  setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);  // NOLINT(concurrency-mt-unsafe): no other thread runs
+}
+
+// A umask that takes the owner's own rights away would keep the next daemon from its files.
+void keep_owners_rights() {
+  const mode_t mask = umask(077);
+  umask(mask & 077);
 }
 
 // Returns the path of the pid file, or an empty text. No option keeps the daemon from starting, known, ignored or
@@ -55,42 +65,19 @@ std::string parse_options(int argc, char** argv) {
   for (int letter = 0; letter != -1;) {
     letter = getopt_long(argc, argv, "vp:h", kOptions, nullptr);  // NOLINT(concurrency-mt-unsafe): no other thread runs
     if (letter != 'p') continue;
-    printf("pid file indicated : %s\n", optarg);
     pid_file = optarg;
+    write_quietly(STDOUT_FILENO, "pid file indicated : " + pid_file + "\n", kReaderPatienceMs);
   }
   if (pid_file.size() <= kPidFileMax) return pid_file;
-  fprintf(stderr, "%s: the path of the pid file is longer than %zu characters, none is written\n", argv[0],
-          kPidFileMax);
+  write_quietly(STDERR_FILENO, sstr("%s: the path of the pid file is longer than %zu characters, none is written\n",
+                                    argv[0], kPidFileMax));
   return "";
 }
 
 void detach() {
-  fflush(stdout);  // or both processes would write what is still buffered
   const pid_t child = fork();
-  if (child < 0) fprintf(stderr, "Failed to fork current process\n");
+  if (child < 0) write_quietly(STDERR_FILENO, "Failed to fork current process\n");
   if (child != 0) exit(0);  // NOLINT(concurrency-mt-unsafe): no other thread runs
-}
-
-// A shell that writes into a FIFO waits until somebody reads, and while it waits no signal ends the daemon.
-bool nobody_reads(const std::string& path, Descriptor& writer) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
-  writer.reset(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-  return writer.get() < 0;
-}
-
-// The session's id is the daemon's process id.
-void write_pid_file(pid_t session, const std::string& path) {
-  if (path.empty()) return;
-  Descriptor writer;  // while it is open, the shell need not wait for a reader
-  if (nobody_reads(path, writer)) {
-    fprintf(stderr, "zelvind: %s is a FIFO that nobody reads: no pid file is written\n", path.c_str());
-    return;
-  }
-  const mode_t mask = umask(022);  // whoever can write to the file aims the signals of those who read it
-  const int ignored = system(sstr("echo %d > %s", session, path.c_str()).c_str());
-  (void)ignored;  // the daemon runs without a pid file too, and the shell has said what is wrong
-  umask(mask);
 }
 
 // The listener's clients and the posters need a descriptor each. Where the limit cannot be raised, there are fewer.
@@ -125,11 +112,12 @@ int main(int argc, char** argv) {
   // to the system. Our threads rarely allocate at the same time, so one heap serves all of them.
   mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): no other thread runs
   fill_closed_outputs();
-  forget_lua_paths();
+  forget_callers_environment();
+  keep_owners_rights();
   const std::string pid_file = parse_options(argc, argv);
   block_signals();
   detach();
-  if (chdir("/") != 0) perror("zelvind: chdir");  // NOLINT(concurrency-mt-unsafe): no other thread runs
+  if (chdir("/") != 0) write_quietly(STDERR_FILENO, sstr("zelvind: failed to enter /: %s\n", strerrordesc_np(errno)));
   raise_descriptor_limit();
   write_pid_file(setsid(), pid_file);
   install_signals();

@@ -81,9 +81,8 @@ int install_signals() {
 }
 
 void write_signal_lines() {
-  constexpr char kLine[] = "signal_handle\n";
   while (const int signal_number = g_arrived.take()) {
-    write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
+    write_quietly(STDERR_FILENO, "signal_handle\n");
     elog(1, "%s", line_of(signal_number));
   }
 }

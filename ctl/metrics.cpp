@@ -98,7 +98,7 @@ constexpr Metric kMetrics[] = {
     {"listener_memory_limit_bytes", Shape::gauge, "listener", "memory_limit", "What listener_memory allows."},
     {"log_lines_total", Shape::counter, "log", "written", "Lines logged."},
     {"log_lines_lost_total", Shape::counter, "log", "lost", "Lines that no log target took."},
-    {"log_lines_repeated_total", Shape::counter, "log", "repeated", "Lines left out because they repeat others."},
+    {"log_lines_repeated_total", Shape::counter, "log", "repeated", "Lines left out and summed up."},
     {"control_clients", Shape::gauge, "control", "clients", "Connections to the control socket."},
     {"control_followers", Shape::gauge, "control", "followers",
      "Connections to the control socket that follow events."},

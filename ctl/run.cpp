@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -15,9 +14,12 @@
 #include "device/last_lines.h"
 #include "device/settings.h"
 #include "util/descriptor.h"
+#include "util/quiet_write.h"
 #include "util/text.h"
 
 namespace {
+
+constexpr int kReaderPatienceMs = 2000;
 
 // The daemon's log goes to our own standard error: whoever looks for a reason has it already.
 bool is_log_shown() {
@@ -106,10 +108,13 @@ void run_daemon(const RunRequest& request) {
   const LastLines lines;
   try {
     supervise(installed_daemon_folder() + "/zelvind", request.arguments);
-  } catch (const Failure&) {
+  } catch (const Failure& failure) {
     const std::string kept = is_log_shown() ? "" : lines.text();
-    if (!kept.empty()) fprintf(stderr, "zelvctl: the daemon's last lines:\n%s", kept.c_str());
-    fprintf(stderr, "%s", settings_advice(request.root).c_str());
-    throw;
+    // A reader that has stopped does not hold us up: the signals that would end us are blocked.
+    write_quietly(STDERR_FILENO,
+                  (kept.empty() ? "" : "zelvctl: the daemon's last lines:\n" + kept) + settings_advice(request.root) +
+                      "zelvctl: " + failure.what() + "\n",
+                  kReaderPatienceMs);
+    throw Failure(failure.status, "");
   }
 }

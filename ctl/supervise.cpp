@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -17,6 +16,8 @@
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "util/clock.h"
+#include "util/quiet_write.h"
+#include "util/text.h"
 
 namespace {
 
@@ -82,10 +83,11 @@ class Supervisor {
       const int number = next_signal();
       if (number > 0 && number != SIGCHLD) pass_on(number);
       if (asked && steady_ms() >= deadline) {
-        fprintf(stderr, "zelvctl: %s has not ended within %g s: killing it\n", daemon_text(daemon).c_str(),
-                stop_limit_ms / 1000.0);
+        const std::string name = daemon_text(daemon);
         kill(daemon, SIGKILL);
         deadline = INT64_MAX;
+        write_quietly(STDERR_FILENO, sstr("zelvctl: %s has not ended within %g s and is killed\n", name.c_str(),
+                                          stop_limit_ms / 1000.0));
       }
     }
     return status;

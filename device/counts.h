@@ -36,7 +36,7 @@ struct event_poster {
 struct log_counts {
   uint64_t written;  /* messages that at least one target took, */
   uint64_t lost;     /* those that none took, */
-  uint64_t repeated; /* and those left out because they equal others, summed up in a line of the log's own */
+  uint64_t repeated; /* and those left out, but summed up in a line of the log's own */
 };
 
 #ifdef __cplusplus

@@ -302,15 +302,17 @@ TEST(Daemon, ASetUidProgramTakesNoLuaFilesFromItsCaller) {
   }
   daemon.write("scripts/a.lua", "local told = io.open('" + daemon.path("told") +
                                     "', 'w') told:write(io.open('/proc/self/stat'):read('*n'), ' ', package.path, ' ', "
-                                    "package.cpath, '\\n') told:close()");
+                                    "package.cpath, '\\n', io.popen('env'):read('*a')) told:close()");
   daemon.launch(
       "cd $ROOT; chmod 755 .; touch told; mkdir bin; cp $ZELVIND ${ZELVIND%/*}/init_base.lua bin;"
       "chown 65534 told bin/zelvind; chmod 4755 bin/zelvind; export LUA_PATH='/caller/?.lua;;' "
-      "LUA_CPATH='/caller/?.so;;';"
+      "LUA_CPATH='/caller/?.so;;' PATH=/caller/bin:$PATH HOME=/caller;"
       "unshare -m sh -c 'mount --bind $ROOT/opt /opt;"
       "setpriv --reuid=12345 --regid=12345 --clear-groups $ROOT/bin/zelvind' >$ROOT/stderr 2>&1");
   ASSERT_TRUE(daemon.read_pid("told"));
-  EXPECT_EQ(read_file(daemon.path("told")).find("/caller/"), std::string::npos);
+  const std::string told = read_file(daemon.path("told"));
+  EXPECT_EQ(told.find("/caller"), std::string::npos) << told;
+  EXPECT_NE(told.find("\nPATH=/usr/sbin:/usr/bin:/sbin:/bin\n"), std::string::npos) << told;
 }
 
 }  // namespace

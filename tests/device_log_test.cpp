@@ -1,25 +1,35 @@
 #include <fcntl.h>
+#include <poll.h>
+#include <semaphore.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstring>
+#include <ctime>
+#include <functional>
 #include <initializer_list>
 #include <thread>
 #include <vector>
 
 #include "device/counts.h"
+#include "device/host/log_patience.h"
 #include "device/host/log_repeats.h"
+#include "device/host/log_target.h"
 #include "tests/device_root_fixture.h"
+#include "util/clock.h"
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
 
-static std::string g_dev_log;  // the path that stands in for /dev/log
+static std::string g_dev_log;                    // the path that stands in for /dev/log
+static std::function<int(int ms)> g_when_waits;  // called in place of a wait for a reader; returns what poll does
+static std::atomic<int64_t> g_clock_ns{0};       // until when the log's clock waits
 
 // In the place of the C library's, whose names for the parameters are reserved.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
@@ -32,6 +42,21 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t size) {
   }
   return static_cast<int>(syscall(SYS_connect, fd, address, size));
 }
+
+// The linker puts these in place of the C library's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+int __real_poll(pollfd*, nfds_t, int);
+int __wrap_poll(pollfd* wanted, nfds_t number, int timeout_ms) {
+  return timeout_ms > 0 && g_when_waits ? g_when_waits(timeout_ms) : __real_poll(wanted, number, timeout_ms);
+}
+int __real_sem_clockwait(sem_t*, clockid_t, const timespec*);
+int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* until) {
+  g_clock_ns = int64_t{until->tv_sec} * 1000000000 + until->tv_nsec;
+  return __real_sem_clockwait(semaphore, clock, until);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -107,15 +132,37 @@ class DeviceLog : public DeviceRoot {
   }
 };
 
+// No file gets longer than `file` is now and `more`.
+class FullDisk {
+ public:
+  FullDisk(const std::string& file, size_t more) : former(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit full{std::filesystem::file_size(file) + more, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+  ~FullDisk() {
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, former);
+  }
+
+ private:
+  void (*const former)(int);
+  rlimit before{};
+};
+
 TEST_F(DeviceLog, NobodyForgesALineOrDrivesATerminal) {
   const std::pair<const char*, const char*> rows[] = {
       {"2026-11-22 zelvind: forged\n", "2026-11-22 zelvind: forged\\n"},
       {"\r\t\x1b[2J\x7f", "\\r\\t\\x1b[2J\\x7f"},
       {"Tür 門 🚪", "Tür 門 🚪"},
-      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},           // control characters of 8 bits
-      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},         // overlong line ends
-      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // no characters
-      {"\xe9\x96", "\\xe9\\x96"},                                                 // cut in the middle
+      {"\xc2\x85 \xc2\x9b \xc2\xa0", "\\xc2\\x85 \\xc2\\x9b \xc2\xa0"},            // control characters of 8 bits
+      {"\xff \xc0\x8a \xe0\x80\x8a", "\\xff \\xc0\\x8a \\xe0\\x80\\x8a"},          // overlong line ends
+      {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},   // no characters
+      {"\xe9\x96", "\\xe9\\x96"},                                                  // cut in the middle
+      {"\u2027\u2028\u202e\u202f", "\u2027\\xe2\\x80\\xa8\\xe2\\x80\\xae\u202f"},  // ends, and turns, a line
+      {"\u2065\u2066\u2069\u206a", "\u2065\\xe2\\x81\\xa6\\xe2\\x81\\xa9\u206a"},
   };
   std::string expected;
   for (const auto& [text, line] : rows) {
@@ -225,30 +272,25 @@ TEST_F(DeviceLog, TheLogDaemonGetsRecordsAndMayRestart) {
 
 TEST_F(DeviceLog, AFullDiskGluesNoLinesTogether) {
   elog(1, "before");
-  const auto size = std::filesystem::file_size(root + "/log");
-  rlimit before{};
-  getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit full{size + 3, before.rlim_max};
-  const auto former = signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &full);
   const log_counts counts = counted();
-  for (int i = 0; i < 3; ++i) elog(1, "%d does not fit", i);
-  setrlimit(RLIMIT_FSIZE, &before);
-  signal(SIGXFSZ, former);
+  {
+    const FullDisk full(root + "/log", 3);
+    for (int i = 0; i < 3; ++i) elog(1, "%d does not fit", i);
+  }
   for (int i = 0; i < 2; ++i) elog(1, "there is room");
   EXPECT_EQ(logged(), "<1> before\n202\n<1> log: 3 lines lost\n<1> there is room\n<1> there is room\n");
   EXPECT_EQ(counted().lost, counts.lost + 3);
 }
 
-// A reader that reads no more, without going away: the log drops lines, says so when it is read again, and leaves the
-// flags of what it shares as they are.
+// A reader that only reads while it is waited for loses nothing. When it reads no more, without going away, the log
+// waits in vain, drops lines, says so when it is read again, and leaves the flags of what it shares as they are.
 TEST_F(DeviceLog, NobodyHoldsItUp) {
   const struct {
     std::string target, way;
     bool is_opened_anew;
-  } rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
-              {"stderr", "socket", true}, {"stderr", "terminal", true}, {"syslog", "datagrams", true},
-              {"syslog", "stream", true}};
+  } rows[] = {{"file:", "fifo", true},       {"stderr", "pipe", true},     {"stderr", "pipe", false},
+              {"stderr", "socket", true},    {"stderr", "terminal", true}, {"stderr", "terminal", false},
+              {"syslog", "datagrams", true}, {"syslog", "stream", true}};
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   const rlimit none{3, descriptors.rlim_max};
@@ -261,11 +303,23 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
     log_to(way == "fifo" ? target + fifo() : target);
     setrlimit(RLIMIT_NOFILE, &descriptors);
     if (way == "stream") ends.reader = reader_of(ends.reader, SOCK_STREAM);
+    fcntl(ends.reader.get(), F_SETFL, O_NONBLOCK);
     const log_counts before = counted();
     int line = 0;
-    while (counted().lost < before.lost + 3) elog(1, "%d %s", ++line, std::string(200, 'x').c_str());
+    int waits = 0;
+    const auto say_one = [&line] { elog(1, "%d %s", ++line, std::string(200, 'x').c_str()); };
+    g_when_waits = [&](int) { return ++waits, read_all(ends.reader.get()).empty() ? 0 : 1; };
+    while (waits < 3 && line < 5000) say_one();
+    EXPECT_EQ(waits, 3) << way;
+    EXPECT_EQ(counted().lost, before.lost) << way;
+    g_when_waits = [&](int ms) {
+      EXPECT_LE(ms, 1000);
+      return ++waits, 0;
+    };
+    while (counted().lost < before.lost + 3) say_one();
+    g_when_waits = nullptr;
+    EXPECT_GT(waits, 3) << way;
     EXPECT_TRUE(ends.writer.get() < 0 || (fcntl(ends.writer.get(), F_GETFL) & O_NONBLOCK) == 0) << way;
-    fcntl(ends.reader.get(), F_SETFL, O_NONBLOCK);
     std::string text = read_all(ends.reader.get());
     elog(1, "read again");
     dup2(standard_error.get(), STDERR_FILENO);
@@ -314,35 +368,124 @@ TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
   EXPECT_EQ(counted().written, before.written + 100 + 1 + 200 + 1 + 1 + 1);
 }
 
-TEST(LogRepeats, CountsASecondOfEachLine) {
-  LogRepeats repeats;
-  LogRepeats::Summary summary;
-  const auto number_left_out = [&](const std::string& line, int times, int64_t now) {
+// What the end of the process cuts short: lines that were lost, their repetitions, and threads that go on.
+TEST_F(DeviceLog, TheEndTellsWhatIsLeftOutOrLost) {
+  static LogTarget target;  // it may be written to for ever
+  target.open(3, "zelvind");
+  const auto write_into_full_disk = [this](const std::string& line, int times) {
+    const FullDisk full(root + "/log", 0);
+    for (int i = 0; i < times; ++i) target.write(1, true, line + "\n", nullptr);
+  };
+  elog(1, "before");
+  write_into_full_disk("same", 150);
+  target.finish();
+  std::string expected = "<1> before\n<1> log: 100 lines lost\n<1> same\n<1> log: last line repeated 49 times\n";
+  EXPECT_EQ(logged(), expected);
+  for (int i = 0; i < 150; ++i) target.write(1, true, "late\n", nullptr), expected += "<1> late\n";
+  write_into_full_disk("last", 1);
+  target.finish();
+  EXPECT_EQ(logged(), expected + "<1> log: 1 lines lost\n");
+}
+
+// The clock that waits for one summary is told of another that is due before.
+TEST_F(DeviceLog, NoSumWaitsForAnother) {
+  bool is_in_time = false;
+  for (int round = 0; !is_in_time && round < 20; ++round) {  // again where the machine was too slow
+    const auto say = [round](const char* name, int times) {
+      for (int i = 0; i < times; ++i) elog(1, "%s %d", name, round);
+    };
+    const int64_t start_ms = steady_tick_ms();
+    say("first", 1);
+    while (steady_tick_ms() < start_ms + 20) continue;
+    say("other", 150);
+    const auto wait_for_clock = [start_ms](auto is_set) {
+      while (!is_set(g_clock_ns / 1000000) && steady_ms() < start_ms + 900) std::this_thread::yield();
+      return steady_ms() < start_ms + 900;
+    };
+    int64_t others_ms = 0;
+    if (!wait_for_clock([&](int64_t until) { return (others_ms = until) > start_ms + 1000; })) continue;
+    say("first", 150);
+    is_in_time = wait_for_clock([&](int64_t until) { return until < others_ms; });
+  }
+  EXPECT_TRUE(is_in_time);
+}
+
+class LogRepeatsTest : public testing::Test {
+ protected:
+  // How many of them are left out, `now_ms`.
+  int left_out(const std::string& line, int times, int64_t now_ms, int level = 1, const char* format = nullptr) {
     int number = 0;
     for (int i = 0; i < times; ++i) {
-      if (repeats.leave_out(1, line, now) > 0) {
+      if (repeats.leaves_out(level, line, format, now_ms)) {
         ++number;
       } else {
         repeats.wrote();
       }
     }
     return number;
-  };
-  EXPECT_EQ(number_left_out("a", 100, 5000), 0);
+  }
+  uint64_t take(int64_t now_ms) { return repeats.take(now_ms, summary) ? summary.times : 0; }
+
+  LogRepeats repeats;
+  LogRepeats::Summary summary;
+};
+
+TEST_F(LogRepeatsTest, CountsASecondOfEachLine) {
+  EXPECT_EQ(left_out("a", 100, 5000), 0);
   EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
-  EXPECT_EQ(number_left_out("a", 20, 5999), 20);
+  EXPECT_EQ(left_out("a", 20, 5999), 20);
   EXPECT_EQ(repeats.due_ms(), 6000);
-  EXPECT_FALSE(repeats.take(5999, summary));
-  EXPECT_EQ(repeats.leave_out(1, "a", 6000), 0u);  // the second is over
-  ASSERT_TRUE(repeats.take(6000, summary));
-  EXPECT_EQ(summary.times, 20u);
+  EXPECT_EQ(take(5999), 0u);
+  EXPECT_FALSE(repeats.leaves_out(1, "a", nullptr, 6000));  // the second is over
+  EXPECT_EQ(take(6000), 20u);
   EXPECT_TRUE(summary.is_last);
   repeats.wrote();
-  EXPECT_EQ(number_left_out("a", 99, 6500), 0);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(number_left_out(std::to_string(i), 101, 7000), 1);
-  EXPECT_EQ(number_left_out("nine kinds are too many", 1000, 7000), 0);
-  for (int i = 0; i < 8; ++i) EXPECT_TRUE(repeats.take(8000, summary)) << i;
-  EXPECT_FALSE(repeats.take(8000, summary));
+  EXPECT_EQ(left_out("a", 99, 6500), 0);
+  // Many kinds in turns.
+  int kinds_left_out = 0;
+  for (int turn = 0; turn < 150; ++turn) {
+    for (int kind = 0; kind < 100; ++kind) kinds_left_out += left_out(std::to_string(kind), 1, 7000);
+  }
+  EXPECT_EQ(kinds_left_out, 100 * 50);
+  for (int kind = 0; kind < 100; ++kind) EXPECT_EQ(take(8000), 50u);
+  EXPECT_EQ(take(8000), 0u);
+  EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
+}
+
+TEST_F(LogRepeatsTest, BoundsDifferentLinesOfAMessage) {
+  int number = 0;
+  const auto different = [&](int times, int64_t now_ms, int level, const char* format) {
+    int some = 0;
+    for (int i = 0; i < times; ++i) some += left_out(std::to_string(++number), 1, now_ms, level, format);
+    return some;
+  };
+  EXPECT_EQ(different(10000, 5000, 1, "x"), 0);
+  EXPECT_EQ(different(30, 5000, 1, "x"), 30);
+  EXPECT_EQ(different(1000, 5000, 1, "y") + different(20000, 5000, 2, "x"), 0);
+  EXPECT_EQ(repeats.due_ms(), 6000);
+  EXPECT_EQ(different(30, 5100, 1, "x"), 20);  // it has got ten back
+  EXPECT_EQ(take(6000), 50u);
+  EXPECT_FALSE(summary.are_equal || summary.is_last);
+  EXPECT_EQ(summary.line, "10001");
+  EXPECT_EQ(different(20000, 1000000, 1, "x"), 10000);  // no more than at first
+}
+
+TEST(LogPatience, WaitsASecondInAnyTen) {
+  constexpr int64_t kMs = 1000000;
+  LogPatience patience;
+  const auto waited = [&patience](int64_t start_ms, int64_t end_ms) {
+    patience.waited(start_ms * kMs, end_ms * kMs);
+    return patience.left_ms(end_ms * kMs);
+  };
+  EXPECT_EQ(patience.left_ms(5 * kMs), 1000);
+  EXPECT_EQ(waited(20000, 20400), 600);
+  EXPECT_EQ(waited(28900, 29400), 100);
+  EXPECT_EQ(waited(29900, 30000), 0);
+  EXPECT_EQ(patience.left_ms(30999 * kMs), 0);
+  EXPECT_EQ(patience.left_ms(31000 * kMs), 400);  // the first wait was more than ten seconds ago
+  EXPECT_EQ(patience.left_ms(38999 * kMs), 400);
+  EXPECT_EQ(patience.left_ms(40000 * kMs), 1000);
+  EXPECT_EQ(waited(40000, 41500), 0);  // the system was late
 }
 
 }  // namespace

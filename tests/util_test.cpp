@@ -88,10 +88,10 @@ TEST(QuietWrite, TakesAwayItsOwnSignalAndNoOther) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   close(ends[0]);
-  EXPECT_FALSE(write_quietly(ends[1], "x", 1));
+  EXPECT_FALSE(write_quietly(ends[1], "x"));
   EXPECT_FALSE(is_pending());
   raise(SIGPIPE);
-  EXPECT_FALSE(write_quietly(ends[1], "x", 1));
+  EXPECT_FALSE(write_quietly(ends[1], "x"));
   EXPECT_TRUE(is_pending());
   const timespec at_once{};
   sigtimedwait(&pipe_only, nullptr, &at_once);

@@ -19,9 +19,8 @@ bool under_device_root(const std::string& path, std::string& out) {
   }
   static std::atomic<bool> said{false};
   if (!said.exchange(true)) {
-    constexpr char kLine[] =
-        "device: DEVICE_ROOT is not an absolute path: no settings are read and no event socket is made\n";
-    write_quietly(STDERR_FILENO, kLine, sizeof(kLine) - 1);
+    write_quietly(STDERR_FILENO,
+                  "device: DEVICE_ROOT is not an absolute path: no settings are read and no event socket is made\n");
   }
   return false;
 }

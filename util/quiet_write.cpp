@@ -42,9 +42,9 @@ ssize_t write_without_signal(int fd, const char* data, size_t size) {
   return written;
 }
 
-bool has_room(int fd) {
+bool has_room(int fd, int wait_ms) {
   pollfd wanted{fd, POLLOUT, 0};
-  return poll(&wanted, 1, 0) > 0;
+  return poll(&wanted, 1, wait_ms) > 0;
 }
 
 }  // namespace
@@ -56,8 +56,7 @@ bool write_fully(int fd, const char* data, size_t size) {
       data += written;
       size -= static_cast<size_t>(written);
     } else if (written < 0 && errno == EAGAIN) {
-      pollfd wait{fd, POLLOUT, 0};
-      if (poll(&wait, 1, 1000) == 0) return false;
+      if (!has_room(fd, 1000)) return false;
     } else if (written == 0 || errno != EINTR) {
       return false;
     }
@@ -72,11 +71,14 @@ void QuietOutput::use(int fd) {
   if (fstat(fd, &status) != 0) return;
   is_socket = S_ISSOCK(status.st_mode);
   raises_sigpipe = S_ISFIFO(status.st_mode);
-  if (!raises_sigpipe && isatty(fd) == 0) return;
+  const bool is_terminal = isatty(fd) != 0;
+  if (!raises_sigpipe && !is_terminal) return;
   const std::string path = "/proc/self/fd/" + std::to_string(fd);
   const int again = above_standard_streams(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  asks_first = again < 0;
-  if (asks_first) return;
+  if (again < 0) {
+    certain_room = is_terminal ? 1 : PIPE_BUF;
+    return;
+  }
   output = again;
   is_own = true;
 }
@@ -96,22 +98,35 @@ void QuietOutput::close() {
 
 ssize_t QuietOutput::write(const char* data, size_t size) const {
   if (is_socket) return send(output, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-  if (asks_first) {
-    if (!has_room(output)) {
-      errno = EAGAIN;
-      return -1;
-    }
-    size = std::min<size_t>(size, PIPE_BUF);  // a pipe that has room takes as much as this
+  if (certain_room == 0) return write_once(data, size);
+  size_t done = 0;
+  while (done < size && has_room(output, 0)) {
+    const ssize_t taken = write_once(data + done, std::min(size - done, certain_room));
+    if (taken <= 0) return done > 0 ? static_cast<ssize_t>(done) : taken;
+    done += static_cast<size_t>(taken);
   }
+  if (done > 0) return static_cast<ssize_t>(done);
+  errno = EAGAIN;
+  return -1;
+}
+
+ssize_t QuietOutput::write_once(const char* data, size_t size) const {
   return raises_sigpipe ? write_without_signal(output, data, size) : ::write(output, data, size);
 }
 
-bool write_quietly(int fd, const char* data, size_t size) {
+bool write_quietly(int fd, std::string_view text, int wait_ms) {
   QuietOutput output;
   output.use(fd);
-  const ssize_t written = output.write(data, size);
+  while (!text.empty()) {
+    const ssize_t written = output.write(text.data(), text.size());
+    if (written > 0) {
+      text.remove_prefix(static_cast<size_t>(written));
+    } else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !has_room(output.descriptor(), wait_ms)))) {
+      break;
+    }
+  }
   const int error = errno;
   output.close();
-  errno = written < 0 ? error : EAGAIN;
-  return written == static_cast<ssize_t>(size);
+  errno = error;
+  return text.empty();
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string_view>
 
 // Writes all `size` bytes to `fd` and goes on after interruptions. When `fd` is non-blocking and full, waits up to a
 // second for room, each time. Returns false, with errno set, when not everything could be written. Any thread.
@@ -16,8 +17,8 @@ bool write_fully(int fd, const char* data, size_t size);
 class QuietOutput {
  public:
   // Writes to `fd` from now on, which remains the caller's. A pipe or terminal is opened anew, for us alone: O_NONBLOCK
-  // on `fd` would change it for all who share it. Where that fails, each write first asks whether there is room;
-  // another writer that takes the room in between can still hold us up.
+  // on `fd` would change it for all who share it. Where that fails, as with another user's terminal, asks for room
+  // before each piece that is certain to fit then; another writer that takes the room in between can still hold us up.
   void use(int fd);
 
   // Writes to `fd` from now on and owns it. It must be non-blocking unless it is a file.
@@ -33,14 +34,16 @@ class QuietOutput {
   ssize_t write(const char* data, size_t size) const;
 
  private:
+  ssize_t write_once(const char* data, size_t size) const;
+
   int output = -1;
   bool is_own = false;
   bool is_socket = false;
   bool raises_sigpipe = false;
-  bool asks_first = false;
+  size_t certain_room = 0;  // bytes that a blocking `output` takes when poll says that there is room; 0: it is not one
 };
 
-// Writes a line through a QuietOutput to `fd`, usually standard error. Returns false, with errno set, when not
-// everything was taken at once. A SIGPIPE that was pending before stays pending. Keeps the thread's signal mask. Any
-// thread.
-bool write_quietly(int fd, const char* data, size_t size);
+// Writes `text` through a QuietOutput to `fd`, usually standard error. Waits for room up to `wait_ms`, each time.
+// Returns false, with errno set, when not everything was taken. A SIGPIPE that was pending before stays pending. Keeps
+// the thread's signal mask. Any thread.
+bool write_quietly(int fd, std::string_view text, int wait_ms = 0);

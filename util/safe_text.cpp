@@ -17,7 +17,8 @@ size_t harmless_length(std::string_view text) {
   }
   constexpr uint32_t kSmallest[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control characters too
   if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return 0;
-  return length;
+  const bool turns_line = (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+  return turns_line ? 0 : length;
 }
 
 namespace {

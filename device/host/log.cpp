@@ -103,7 +103,7 @@ struct Pieces {
 void flush(Pieces& pieces) {
   if (pieces.text.empty()) return;
   if (pieces.text.back() != '\n') pieces.text += '\n';  // not completed: the next line must not continue it
-  g_target.write(pieces.level, pieces.framed, pieces.text);
+  g_target.write(pieces.level, pieces.framed, pieces.text, nullptr);
   pieces = Pieces();
 }
 
@@ -146,7 +146,7 @@ void say_line(int level, const char* format, va_list arguments) {
     return;
   }
   if (text.empty() || text.back() != '\n') text += '\n';
-  g_target.write(level, true, text);
+  g_target.write(level, true, text, format);
 }
 
 void say_piece(int level, const char* format, va_list arguments) {

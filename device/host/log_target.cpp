@@ -31,8 +31,7 @@ std::string lost_text(uint64_t lines) {
 }
 
 void say_on_standard_error(const std::string& what) {
-  const std::string line = "log: " + escaped(what) + "; using syslog\n";
-  write_quietly(STDERR_FILENO, line.data(), line.size());
+  write_quietly(STDERR_FILENO, "log: " + escaped(what) + "; using syslog\n");
 }
 
 }  // namespace
@@ -42,22 +41,11 @@ void LogTarget::open(int facility, const char* name) {
   open_held(facility, name);
 }
 
-void LogTarget::write(int level, bool framed, std::string_view lines) {
+void LogTarget::write(int level, bool framed, std::string_view lines, const char* format) {
   const MutexLock lock(mutex);
   if (diverted != nullptr) return diverted(level, lines.data(), lines.size());
   if (!is_open) open_held(LOG_DAEMON >> 3, program_invocation_short_name);
-  const bool is_one_line = framed && lines.find('\n') == lines.size() - 1;
-  if (repeats != nullptr) {
-    const int64_t now_ms = steady_tick_ms();
-    if (!is_one_line) {
-      repeats->pass();
-    } else if (const uint64_t times = repeats->leave_out(level, lines, now_ms)) {
-      if (times == 1) start_clock();
-      return;
-    }
-    sum_up(now_ms);
-    repeats->wrote();
-  }
+  if (repeats != nullptr && !is_finished && leaves_out(level, framed, lines, format)) return;
   (put(level, framed, lines) ? written : lost).fetch_add(1, std::memory_order_relaxed);
   if (last_lines >= 0 && framed && level <= 1) keep_last(lines);
 }
@@ -69,11 +57,14 @@ void LogTarget::divert(void (*take)(int level, const char* lines, size_t size)) 
 
 void LogTarget::finish() {
   const MutexLock lock(mutex);
+  is_finished = true;
   if (repeats != nullptr) sum_up(LogRepeats::kNever);
+  told_stream_lost();
+  told_syslog_lost();
 }
 
 void LogTarget::after_fork_in_child() {
-  has_clock = false;
+  clock_ms = LogRepeats::kNever;
   if (repeats != nullptr) repeats->forget();
   after_fork();
 }
@@ -136,6 +127,21 @@ void LogTarget::keep_last(std::string_view lines) {
   (void)ignored;
 }
 
+// Tells whether the lines are left out for now. If not, writes what must stand before them.
+bool LogTarget::leaves_out(int level, bool framed, std::string_view lines, const char* format) {
+  const int64_t now_ms = steady_tick_ms();
+  const bool is_one_line = framed && lines.find('\n') == lines.size() - 1;
+  if (!is_one_line) {
+    repeats->pass();
+  } else if (repeats->leaves_out(level, lines, format, now_ms)) {
+    set_clock();
+    return true;
+  }
+  sum_up(now_ms);
+  repeats->wrote();
+  return false;
+}
+
 // Writes the summaries that are due. Without memory they are lost, and nothing else.
 void LogTarget::sum_up(int64_t now_ms) {
   LogRepeats::Summary summary;
@@ -148,15 +154,17 @@ void LogTarget::sum_up(int64_t now_ms) {
   }
 }
 
-// A line that is not the last one any more is repeated before.
+// A line that is not the last one any more, or was lost, is repeated before.
 void LogTarget::say(LogRepeats::Summary& summary) {
-  if (!summary.is_last) {
+  if (!summary.is_last || stream_lost > 0 || syslog_lost > 0) {
     (put(summary.level, true, summary.line) ? written : lost).fetch_add(1, std::memory_order_relaxed);
     --summary.times;
   }
   if (summary.times == 0) return;
   const auto number = static_cast<unsigned long long>(summary.times);
-  const bool is_taken = put(summary.level, true, sstr("log: last line repeated %llu times\n", number));
+  const std::string text = summary.are_equal ? sstr("log: last line repeated %llu times\n", number)
+                                             : sstr("log: %llu more lines like the last one are left out\n", number);
+  const bool is_taken = put(summary.level, true, text);
   (is_taken ? repeated : lost).fetch_add(summary.times, std::memory_order_relaxed);
 }
 
@@ -179,19 +187,29 @@ bool LogTarget::put(int level, bool framed, std::string_view lines) {
   return in_stream || in_syslog;
 }
 
-bool LogTarget::put_in_stream(int level, bool framed, std::string_view lines) {
+// Says how many lines were lost. Returns false when that is still to be said.
+bool LogTarget::told_stream_lost() {
   if (stream_lost > 0 && stream.write(frame(1) + lost_text(stream_lost) + '\n', patience)) stream_lost = 0;
+  return stream_lost == 0;
+}
+
+bool LogTarget::told_syslog_lost() {
+  if (syslog_lost > 0 && syslog.write(1, program, lost_text(syslog_lost), patience)) syslog_lost = 0;
+  return syslog_lost == 0;
+}
+
+bool LogTarget::put_in_stream(int level, bool framed, std::string_view lines) {
+  const bool is_told = told_stream_lost();
   std::string text;
   if (framed) text = frame(level);
   text.append(lines);
-  if (stream_lost == 0 && stream.write(std::move(text), patience)) return true;
+  if (is_told && stream.write(std::move(text), patience)) return true;
   ++stream_lost;
   return false;
 }
 
 bool LogTarget::put_in_syslog(int level, std::string_view lines) {
-  if (syslog_lost > 0 && syslog.write(1, program, lost_text(syslog_lost), patience)) syslog_lost = 0;
-  bool is_taken = syslog_lost == 0;
+  bool is_taken = told_syslog_lost();
   while (is_taken && !lines.empty()) is_taken = syslog.write(level, program, take_item(lines, '\n'), patience);
   if (!is_taken) ++syslog_lost;
   return is_taken;
@@ -199,18 +217,26 @@ bool LogTarget::put_in_syslog(int level, std::string_view lines) {
 
 // While lines are left out, a thread waits until they are to be summed up: the next line may be hours away. Without it
 // the next line does that.
-void LogTarget::start_clock() {
-  if (has_clock) return;
-  pthread_t thread{};
-  has_clock = start_service_thread(&thread, clock_main, this) == 0;
-  if (has_clock) pthread_detach(thread);
+void LogTarget::set_clock() {
+  const int64_t due_ms = repeats->due_ms();
+  if (due_ms >= clock_ms) return;
+  if (clock_ms != LogRepeats::kNever) {
+    sem_post(&sooner);
+  } else {
+    sem_init(&sooner, 0, 0);
+    pthread_t thread{};
+    if (start_service_thread(&thread, clock_main, this) != 0) return;
+    pthread_detach(thread);
+  }
+  clock_ms = due_ms;
 }
 
 void* LogTarget::clock_main(void* target) {
+  auto* const log = static_cast<LogTarget*>(target);
   int64_t due_ms = 0;
-  while ((due_ms = static_cast<LogTarget*>(target)->tick()) != LogRepeats::kNever) {
+  while ((due_ms = log->tick()) != LogRepeats::kNever) {
     const timespec due{static_cast<time_t>(due_ms / 1000), static_cast<long>(due_ms % 1000 * 1000000)};
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+    sem_clockwait(&log->sooner, CLOCK_MONOTONIC, &due);
   }
   return nullptr;
 }
@@ -219,7 +245,5 @@ void* LogTarget::clock_main(void* target) {
 int64_t LogTarget::tick() {
   const MutexLock lock(mutex);
   sum_up(steady_ms());
-  const int64_t due_ms = repeats->due_ms();
-  has_clock = due_ms != LogRepeats::kNever;
-  return due_ms;
+  return clock_ms = repeats->due_ms();
 }

@@ -3,13 +3,15 @@
 // or fails to open is reported once on standard error, and syslog is used.
 //
 // Whoever reads them cannot hold up the daemon for more than a second in ten (log_patience.h): what nobody takes is
-// lost and counted, and told about where there is room again. Lines that repeat themselves are summed up
-// (log_repeats.h).
+// lost and counted, and told about where there is room again. Lines that repeat themselves, and floods of one message
+// in the program, are summed up (log_repeats.h).
 //
 // Lines of level 1 are also kept for a supervisor that wants them (device/last_lines.h).
 //
 // One object for the process, plain memory without a destructor: the last line may come after everything else is gone.
 #pragma once
+
+#include <semaphore.h>
 
 #include <atomic>
 #include <cstddef>
@@ -31,13 +33,15 @@ class LogTarget {
   void open(int facility, const char* name);
 
   // Writes `lines`, whole lines of safe text, in one piece: when `framed`, with time, program, process id and level in
-  // front of the first. Opens the target first when nobody has done so. Any thread. What cannot be written is lost.
-  void write(int level, bool framed, std::string_view lines);
+  // front of the first. `format` is what the line was made from, or null (see LogRepeats). Opens the target first when
+  // nobody has done so. Any thread. What cannot be written is lost.
+  void write(int level, bool framed, std::string_view lines, const char* format);
 
   // From now on write() gives the lines to `take`, under the lock and without a frame. Any thread.
   void divert(void (*take)(int level, const char* lines, size_t size));
 
-  // Writes what is left to say about lines that repeat themselves. At the end of the process; any thread.
+  // Writes what is left to say about lines that were left out or lost. From now on none is left out. At the end of the
+  // process; any thread.
   void finish();
 
   // Hold the lock from before a fork until after it, in parent and child, so that the child can write. It also keeps
@@ -57,13 +61,16 @@ class LogTarget {
   void choose(int facility) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
+  bool leaves_out(int level, bool framed, std::string_view lines, const char* format) REQUIRES(mutex);
   void sum_up(int64_t now_ms) REQUIRES(mutex);
   void say(LogRepeats::Summary& summary) REQUIRES(mutex);
   std::string frame(int level) REQUIRES(mutex);
   bool put(int level, bool framed, std::string_view lines) REQUIRES(mutex);
+  bool told_stream_lost() REQUIRES(mutex);
+  bool told_syslog_lost() REQUIRES(mutex);
   bool put_in_stream(int level, bool framed, std::string_view lines) REQUIRES(mutex);
   bool put_in_syslog(int level, std::string_view lines) REQUIRES(mutex);
-  void start_clock() REQUIRES(mutex);
+  void set_clock() REQUIRES(mutex);
   static void* clock_main(void* target);
   int64_t tick();
 
@@ -77,8 +84,10 @@ class LogTarget {
   uint64_t stream_lost GUARDED_BY(mutex) = 0;  // lines that were lost there since it last said so
   uint64_t syslog_lost GUARDED_BY(mutex) = 0;
   LogRepeats* repeats GUARDED_BY(mutex) = nullptr;  // never freed; null: there was no memory for it
-  bool has_clock GUARDED_BY(mutex) = false;         // a thread waits until something is to be summed up
-  int last_lines GUARDED_BY(mutex) = -1;            // descriptor of the supervisor's file, or -1
+  bool is_finished GUARDED_BY(mutex) = false;
+  int64_t clock_ms GUARDED_BY(mutex) = LogRepeats::kNever;  // until when a thread waits to sum up; kNever: none waits
+  sem_t sooner{};                                           // ends that wait; made anew for each thread
+  int last_lines GUARDED_BY(mutex) = -1;                    // descriptor of the supervisor's file, or -1
   unsigned last_number GUARDED_BY(mutex) = 0;
   char program[64] GUARDED_BY(mutex) = "";
   char date[32] GUARDED_BY(mutex) = "";  // of date_second, local time
