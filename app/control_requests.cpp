@@ -266,7 +266,8 @@ void ControlRequests::add_daemon(Answer& answer) const {
 void ControlRequests::add_listener(Answer& answer) const {
   const ListenerStatus status = listener.status();
   answer.line("listener").key("port", status.port).key("wanted", status.wanted_port);
-  answer.key("address", status.address).key("not_open", status.not_open).key("clients", status.clients);
+  answer.key("address", status.address).key("not_open", status.not_open).key("places", status.places);
+  answer.key("clients", status.clients);
   answer.key("subscribed", status.subscribed).key("owing", status.owing).key("leaving", status.leaving);
   answer.key("accepted", status.accepted).key("refused", status.refused).key("denied", status.denied);
   answer.key("given_up", status.given_up);

@@ -53,7 +53,6 @@ short ControlConnection::wanted_events() const {
 }
 
 bool ControlConnection::receive(int64_t now) {
-  active_ms = now;
   char bytes[kRequestMost];
   const ssize_t got = recv(fd.get(), bytes, lines.room(), MSG_DONTWAIT);
   if (got < 0) return errno == EAGAIN || errno == EINTR;
@@ -62,6 +61,7 @@ bool ControlConnection::receive(int64_t now) {
     lines.finish();
   }
   lines.add(std::string_view(bytes, static_cast<size_t>(got)));
+  if (lines.has_line()) active_ms = now;  // less than a request asks nothing
   return true;
 }
 

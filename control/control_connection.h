@@ -80,7 +80,7 @@ class ControlConnection {
   bool has_ended = false;  // it sends no more
   std::string owed;
   size_t sent = 0;    // of `owed`
-  int64_t active_ms;  // when it last sent or took something, or something began to wait for it
+  int64_t active_ms;  // when it last asked or took something, or something began to wait for it
   std::optional<FollowRequest> following;
   uint64_t next = 0;  // of a follower
   int passed = 0;     // events of other names since it was last told anything

@@ -9,13 +9,12 @@
 #include <climits>
 #include <cstring>
 #include <exception>
+#include <map>
 
-#include "control/control_paths.h"
 #include "control/event_ring.h"
 #include "device/log.h"
 #include "util/clock.h"
-#include "util/device_root.h"
-#include "util/file_trust.h"
+#include "util/control_paths.h"
 #include "util/service_thread.h"
 #include "util/text.h"
 
@@ -28,14 +27,6 @@ constexpr int kHoldMs = 2000;  // a client that asks once a second keeps its pla
 constexpr OwnedSocket::Names kControlSocket{kControlSocketPath, kControlLockPath,
                                             "control: %s: zelvctl cannot ask this daemon",
                                             "control: %s is made: zelvctl can ask this daemon", elog};
-
-// The event socket stands in the same folder.
-void warn_of_strangers() {
-  std::string path;
-  if (!under_device_root(kControlSocketPath, path)) return;
-  const std::string reason = why_open_to_strangers(path.substr(0, path.rfind('/')));
-  if (!reason.empty()) elog(1, "control: %s: others can put their own sockets in place of ours", reason.c_str());
-}
 
 }  // namespace
 
@@ -51,7 +42,8 @@ void ControlServer::start() {
     return;
   }
   socket.open();
-  warn_of_strangers();
+  const std::string reason = socket.why_replaceable();  // the event socket stands in the same folder
+  if (!reason.empty()) elog(1, "control: %s: others can put their own sockets in place of ours", reason.c_str());
   is_stopping = false;
   const int error = start_service_thread(&thread, main, this);
   if (error == 0) return;
@@ -179,21 +171,36 @@ void ControlServer::admit(std::unique_ptr<ControlConnection> client, int64_t now
   client->send_owed(now);
 }
 
-// Drops the client that has been idle longest. Returns false when none has been idle for long.
+// Drops the client that has been idle longest or, when none has been idle for long, the oldest one of the user with
+// most connections. Returns false when nobody has two more than the newcomer's user.
 bool ControlServer::make_place(const ControlConnection& newcomer, int64_t now) {
   const auto idle_since = [](const auto& client) { return client->idle_since().value_or(INT64_MAX); };
   const auto longest = std::min_element(clients.begin(), clients.end(), [&](const auto& one, const auto& other) {
     return idle_since(one) < idle_since(other);
   });
-  if (idle_since(*longest) > now - kHoldMs) return false;
-  if (const auto left_out = closed_limit.allow()) {
-    elog(1, "control: closed the connection of process %d of user %u, idle for %lld s, for process %d%s",
-         (*longest)->process(), (*longest)->user(), static_cast<long long>((now - idle_since(*longest)) / 1000),
-         newcomer.process(), left_out->text);
+  if (idle_since(*longest) <= now - kHoldMs) {
+    const auto idle_s = static_cast<long long>((now - idle_since(*longest)) / 1000);
+    close_for(newcomer, longest, sstr("idle for %lld s", idle_s));
+    return true;
   }
-  drop(*longest);
-  clients.erase(longest);
+  std::map<uid_t, size_t> connections;
+  for (const auto& client : clients) ++connections[client->user()];
+  const auto most = std::max_element(clients.begin(), clients.end(), [&](const auto& one, const auto& other) {
+    return connections[one->user()] < connections[other->user()];
+  });
+  const size_t number = connections[(*most)->user()];
+  if (number < connections[newcomer.user()] + 2) return false;
+  close_for(newcomer, most, sstr("which has %zu", number));
   return true;
+}
+
+void ControlServer::close_for(const ControlConnection& newcomer, Clients::iterator victim, const std::string& why) {
+  if (const auto left_out = closed_limit.allow()) {
+    elog(1, "control: closed the connection of process %d of user %u, %s, for process %d%s", (*victim)->process(),
+         (*victim)->user(), why.c_str(), newcomer.process(), left_out->text);
+  }
+  drop(*victim);
+  clients.erase(victim);
 }
 
 // Returns false when the client is to be dropped. One request of each client is answered in a round.

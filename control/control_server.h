@@ -58,6 +58,8 @@ class ControlServer {
   Counts counts() const { return {clients_now.get(), requests.get(), followers_now.get()}; }
 
  private:
+  using Clients = std::vector<std::unique_ptr<ControlConnection>>;
+
   static void* main(void* instance);
   void run();
   void round();
@@ -67,6 +69,7 @@ class ControlServer {
   void accept_waiting(int64_t now);
   void admit(std::unique_ptr<ControlConnection> client, int64_t now);
   bool make_place(const ControlConnection& newcomer, int64_t now);
+  void close_for(const ControlConnection& newcomer, Clients::iterator victim, const std::string& why);
   bool serve(ControlConnection& client, short happened, int64_t now);
   void serve_follower(ControlConnection& client, int64_t now);
   void drop(std::unique_ptr<ControlConnection>& client);
@@ -86,7 +89,7 @@ class ControlServer {
   Counter followers_now;
 
   // The control thread's own.
-  std::vector<std::unique_ptr<ControlConnection>> clients;
+  Clients clients;                                     // in the order in which they came
   std::vector<std::unique_ptr<WaitingCall>> given_up;  // whose clients have gone
   int64_t accept_not_before = 0;                       // steady_ms
   uint64_t last_seen = 0;                              // the newest event at the last look for followers

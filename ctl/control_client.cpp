@@ -11,10 +11,12 @@
 #include "util/clock.h"
 #include "util/safe_text.h"
 #include "util/text.h"
+#include "util/unix_socket.h"
 
 namespace {
 
-constexpr size_t kLineMax = size_t{16} * 1024 * 1024;  // the longest that an event's info can become
+constexpr size_t kLineMax = size_t{16} * 1024 * 1024;   // the longest that an event's info can become
+constexpr size_t kAnswerMax = size_t{2} * 1024 * 1024;  // the daemon cuts its answers at half of that
 constexpr char kErrorKind[] = "error:";
 
 template <typename Number>
@@ -94,6 +96,10 @@ const AnswerLine& line_of(const std::vector<AnswerLine>& answer, std::string_vie
   return found == answer.end() ? none : *found;
 }
 
+uid_t ControlClient::user() const {
+  return unix_peer(socket.get()).uid;
+}
+
 ControlClient::ControlClient(const std::string& root, int connect_limit_ms, const char* socket_path)
     : socket(connect_to_daemon(root + socket_path, connect_limit_ms)) {}
 
@@ -109,12 +115,14 @@ void ControlClient::send(const std::string& request) {
 std::vector<AnswerLine> ControlClient::ask(const std::string& request, int limit_ms) {
   send(request);
   std::vector<AnswerLine> answer;
+  const uint64_t most = received + kAnswerMax;
   const int64_t deadline = steady_ms() + limit_ms;
   for (;;) {
     AnswerLine line;
     const auto left = static_cast<int>(std::max<int64_t>(deadline - steady_ms(), 0));
     switch (next(line, left)) {
       case Got::line:
+        if (received > most) fail(sstr("the daemon's answer is longer than %zu MiB", kAnswerMax >> 20));
         answer.push_back(std::move(line));
         break;
       case Got::end:
@@ -169,5 +177,6 @@ bool ControlClient::receive(int wait_ms) {
     fail(in_answer || !held.empty() ? "the daemon went away in the middle of its answer"
                                     : "the daemon closed the connection");
   held.append(bytes, static_cast<size_t>(got));
+  received += static_cast<uint64_t>(got);
   return true;
 }

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "control/control_paths.h"
 #include "ctl/failure.h"
+#include "util/control_paths.h"
 #include "util/descriptor.h"
 
 constexpr int kAnswerLimitMs = 5000;
@@ -76,6 +76,9 @@ class ControlClient {
   // for as long as it takes. Before a poll on the descriptor, read until there is nothing.
   Got next(AnswerLine& line, int wait_ms);
 
+  // The user who answers; root when the system does not tell.
+  uid_t user() const;
+
   // Readable when next() may have something new, or when the daemon has gone. Owned by this object.
   int descriptor() const { return socket.get(); }
 
@@ -84,6 +87,7 @@ class ControlClient {
   bool receive(int wait_ms);
 
   const Descriptor socket;
+  uint64_t received = 0;   // bytes
   std::string held;        // what came
   size_t used = 0;         // bytes of it that were given out
   size_t searched = 0;     // where the search for the next line end goes on

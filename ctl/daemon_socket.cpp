@@ -10,10 +10,10 @@
 #include <initializer_list>
 #include <set>
 
-#include "control/control_paths.h"
 #include "ctl/failure.h"
 #include "ctl/process.h"
 #include "device/event_source.h"
+#include "util/control_paths.h"
 #include "util/file_trust.h"
 #include "util/text.h"
 #include "util/unix_socket.h"

@@ -48,6 +48,7 @@ void EventConnection::finish(bool quit_sent) {
     char ignored[256];
     const ssize_t received = recv(socket.get(), ignored, sizeof(ignored), MSG_DONTWAIT);
     if (received == 0) return;
+    if (received > 0) fail("the event socket has sent something: what listens there is not the daemon");
     if (received < 0 && errno == EAGAIN && quit_sent && unread_bytes() == 0) return;
     if (received < 0 && errno != EAGAIN && errno != EINTR) {  // a reset: the daemon left something unread
       fail("the daemon went away before it took in everything: " + error_text(errno));

@@ -27,6 +27,7 @@
 #include "util/descriptor.h"
 #include "util/safe_text.h"
 #include "util/text.h"
+#include "util/unix_socket.h"
 
 namespace {
 
@@ -129,6 +130,7 @@ struct Target {
   std::string host;
   int port = 0;
   std::string socket;
+  std::optional<uid_t> user = {};  // of the socket's daemon, when that has named the socket
 };
 
 // The best of the daemon's endpoints: a port that this machine surely reaches, else another address, else a socket.
@@ -149,8 +151,11 @@ Target target_here(const std::string& root) {
   int port = configured_port();
   std::string address = configured_address();
   std::string unanswered;
+  std::optional<uid_t> user;
   try {
-    const auto stats = ControlClient(root, kAskMs).ask("stats", kAskMs);
+    ControlClient client(root, kAskMs);
+    const auto stats = client.ask("stats", kAskMs);
+    user = client.user();
     const AnswerLine& listener = line_of(stats, "listener");
     if (listener.count("port") != 0) port = static_cast<int>(listener.count("port"));
     address = listener.text("address", address.c_str());
@@ -161,7 +166,7 @@ Target target_here(const std::string& root) {
   if (endpoints.empty()) fail_gone("the daemon lets no client connect: see listener_address in its settings");
   const ListenEndpoint* const best = best_of(endpoints, port != 0);
   if (best == nullptr) fail_gone(unanswered.empty() ? "the daemon has not opened a port for clients" : unanswered);
-  if (!best->path.empty()) return {"", 0, root + best->path};
+  if (!best->path.empty()) return {"", 0, root + best->path, user};
   return {best->address == INADDR_ANY ? "127.0.0.1" : best->text(), port, ""};
 }
 
@@ -175,7 +180,10 @@ Target target_of(const ListenRequest& request) {
 Descriptor connect_to(const Target& target) {
   if (target.socket.empty()) return connect_to(target.host, target.port);
   try {
-    return connect_to_daemon(target.socket, kSendLimitS * 1000);
+    Descriptor fd = connect_to_daemon(target.socket, kSendLimitS * 1000);
+    const uid_t user = unix_peer(fd.get()).uid;
+    if (target.user.value_or(user) == user) return fd;
+    fail(sstr("the daemon of user %u names %s, where user %u listens", *target.user, target.socket.c_str(), user));
   } catch (const Failure& failure) {
     fail_gone(failure.what());
   }

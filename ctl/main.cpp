@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "ctl/check/check.h"
 #include "ctl/command_line.h"
@@ -52,6 +53,7 @@ void run_listen(const Given& given) {
   if (given.has("--socket") && request.socket.empty()) {
     throw Failure(Exit::usage, "--socket is '': expected the path of a Unix socket");
   }
+  if (given.has("--socket")) request.socket = std::filesystem::absolute(request.socket);
   request.json = given.has("--json");
   request.count = given.number("--count", 0);
   request.reconnect = given.has("--reconnect");

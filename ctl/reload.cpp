@@ -8,7 +8,6 @@
 #include <sstream>
 #include <thread>
 
-#include "control/control_paths.h"
 #include "ctl/check/check.h"
 #include "ctl/control_client.h"
 #include "ctl/daemon_rights.h"
@@ -20,6 +19,7 @@
 #include "device/event_source.h"
 #include "device/service.h"
 #include "device/settings.h"
+#include "util/control_paths.h"
 #include "util/safe_text.h"
 
 namespace {

@@ -12,11 +12,11 @@
 #include <memory>
 #include <sstream>
 
-#include "control/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "device/event_source.h"
 #include "device/service.h"
+#include "util/control_paths.h"
 #include "util/descriptor.h"
 #include "util/exe_dir.h"
 #include "util/text.h"

@@ -2,8 +2,11 @@
 
 #include <arpa/inet.h>
 #include <algorithm>
+#include <filesystem>
 
+#include "device/event_source.h"
 #include "device/store_text.h"
+#include "util/control_paths.h"
 #include "util/text.h"
 
 namespace {
@@ -37,7 +40,7 @@ std::optional<ListenEndpoint> parse_endpoint(const std::string& item) {
   ListenEndpoint endpoint;
   if (!item.empty() && item.front() == '/') {
     if (item.back() == '/') return {};
-    endpoint.path = item;
+    endpoint.path = std::filesystem::path(item).lexically_normal();
     return endpoint;
   }
   if (!parse_address(item, endpoint.address)) return {};
@@ -46,9 +49,13 @@ std::optional<ListenEndpoint> parse_endpoint(const std::string& item) {
   return is_of_a_machine ? std::optional(endpoint) : std::nullopt;
 }
 
-// Whether only one of the two can be open.
+// Whether only one of the two can be open. Unix sockets differ in their locks, and none is another one's lock.
 bool collide(const ListenEndpoint& one, const ListenEndpoint& other) {
-  if (!one.path.empty() || !other.path.empty()) return one.path == other.path;
+  if (one.path.empty() != other.path.empty()) return false;
+  if (!one.path.empty()) {
+    const std::string lock = one.lock_path(), other_lock = other.lock_path();
+    return lock == other_lock || one.path == other_lock || other.path == lock;
+  }
   return one.address == other.address || one.address == INADDR_ANY || other.address == INADDR_ANY;
 }
 
@@ -61,6 +68,14 @@ std::string ListenEndpoint::text() const {
   return text;
 }
 
+// "events.lock" beside "events.sock", so that nobody takes the daemon's other sockets for it.
+std::string ListenEndpoint::lock_path() const {
+  constexpr std::string_view kEnd = ".sock";
+  const std::string_view name = path;
+  const bool has_end = name.size() > kEnd.size() && name.substr(name.size() - kEnd.size()) == kEnd;
+  return std::string(name.substr(0, name.size() - (has_end ? kEnd.size() : 0))) + ".lock";
+}
+
 std::optional<std::vector<ListenEndpoint>> parse_listener_address(std::string_view value) {
   std::vector<ListenEndpoint> endpoints;
   if (without_blanks(value) == "none") return endpoints;
@@ -68,6 +83,8 @@ std::optional<std::vector<ListenEndpoint>> parse_listener_address(std::string_vi
     const std::optional<ListenEndpoint> endpoint = parse_endpoint(item);
     if (!endpoint || endpoints.size() == kListenEndpointsMax) return {};
     const auto in_the_way = [&](const ListenEndpoint& other) { return collide(*endpoint, other); };
+    const ListenEndpoint of_daemon[] = {{kEventSocketPath}, {kControlSocketPath}};
+    if (std::any_of(std::begin(of_daemon), std::end(of_daemon), in_the_way)) return {};
     if (std::any_of(endpoints.begin(), endpoints.end(), in_the_way)) return {};
     endpoints.push_back(*endpoint);
   }
@@ -98,7 +115,8 @@ std::optional<AllowedNetworks::Network> AllowedNetworks::parse(std::string_view 
   if (!parse_address(std::string(entry.substr(0, slash)), network.address)) return {};
   network.mask = length == 0 ? 0 : htonl(~in_addr_t{0} << (kBits - length));
   network.address &= network.mask;
-  return network;
+  const bool is_of_nobody = length >= 8 && ntohl(network.address) >> 24 == 0;  // 0.0.0.0 without /0
+  return is_of_nobody ? std::nullopt : std::optional(network);
 }
 
 bool AllowedNetworks::has(in_addr_t address) const {
@@ -110,7 +128,7 @@ std::string listener_address_problem(std::string_view value) {
   if (parse_listener_address(value)) return "";
   return sstr(
       "listener_address is '%.100s': expected none, or up to %zu different IPv4 addresses and absolute paths of Unix "
-      "sockets with commas between them; no client can connect",
+      "sockets with commas between them, not those of the daemon's other sockets; no client can connect",
       std::string(value).c_str(), kListenEndpointsMax);
 }
 
@@ -124,7 +142,7 @@ std::string listener_allow_problem(std::string_view value) {
   }
   if (bad.size() > kEntriesShown) entries += sstr(" and %zu more", bad.size() - kEntriesShown);
   return sstr(
-      "listener_allow has %s: expected up to %zu networks such as 10.1.0.0/16 or 192.0.2.7 with commas between "
-      "them; these entries let nobody in",
+      "listener_allow has %s: expected up to %zu networks such as 10.1.0.0/16, 192.0.2.7 or 0.0.0.0/0 with commas "
+      "between them; these entries let nobody in",
       entries.c_str(), kAllowedNetworksMax);
 }

@@ -22,10 +22,13 @@ struct ListenEndpoint {
 
   // As in the settings.
   std::string text() const;
+
+  // Of a Unix socket: the lock file beside it, "listener.lock" beside "listener.sock".
+  std::string lock_path() const;
 };
 
 // The endpoints of `value`, such as "127.0.0.1, /run/zelvind/listener.sock"; an empty list for "none". No list when a
-// part of it is not understood, or when two of them cannot be open at the same time.
+// part of it is not understood, or when one of them cannot be open beside another one or the daemon's other sockets.
 std::optional<std::vector<ListenEndpoint>> parse_listener_address(std::string_view value);
 
 // The networks of a list, "10.1.0.0/16, 192.0.2.7".

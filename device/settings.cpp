@@ -50,13 +50,14 @@ bool read_int(econf_handle* handle, const char* key, int& value) try {
   return false;
 }
 
-bool read_text(econf_handle* handle, const char* key, std::string& value) try {
+// Returns what econf_get_str returns.
+int read_text(econf_handle* handle, const char* key, std::string& value) try {
   std::string buffer(kStoreLineMax + 1, '\0');  // longer than a good value, which is then seen to be too long
-  if (econf_get_str(handle, key, buffer.data(), static_cast<int>(buffer.size())) < 0) return false;
-  value = buffer.substr(0, buffer.find('\0'));
-  return true;
+  const int result = econf_get_str(handle, key, buffer.data(), static_cast<int>(buffer.size()));
+  if (result >= 0) value = buffer.substr(0, buffer.find('\0'));
+  return result;
 } catch (const std::exception&) {
-  return false;
+  return ECONF_DAMAGED;
 }
 
 }  // namespace
@@ -77,18 +78,19 @@ int SettingsFile::number(const Setting& setting) {
   if (is_number && value >= setting.least && value <= setting.most) return value;
   std::string written;
   if (is_number) written = std::to_string(value);
-  if (is_number || read_text(handle, setting.key, written)) is_good(setting, written);
+  if (is_number || read_text(handle, setting.key, written) >= 0) is_good(setting, written);
   return setting.absent;
 }
 
 std::string SettingsFile::text(const Setting& setting, const std::string& absent) {
   std::string value;
-  return read_text(handle, setting.key, value) && is_good(setting, value) ? value : absent;
+  return read_text(handle, setting.key, value) >= 0 && is_good(setting, value) ? value : absent;
 }
 
 std::optional<std::string> SettingsFile::written(const Setting& setting) {
   std::string value;
-  if (!read_text(handle, setting.key, value)) return {};
-  is_good(setting, value);
-  return value;
+  const int result = read_text(handle, setting.key, value);
+  if (result >= 0) is_good(setting, value);
+  if (result == ECONF_DAMAGED) elog(1, "econf: %s cannot be read: it lets nobody in", setting.key);
+  return result >= 0 || result == ECONF_DAMAGED ? std::optional(value) : std::nullopt;
 }

@@ -107,7 +107,8 @@ class SettingsFile {
   int number(const Setting& setting);
   std::string text(const Setting& setting) { return text(setting, setting.absent_text); }
 
-  // The value as it is written, also when it is wrong, which is logged; nothing when the key is missing.
+  // The value as it is written, also when it is wrong, and an empty text when it cannot be read; both are logged.
+  // Nothing when the key is missing.
   std::optional<std::string> written(const Setting& setting);
 
   // As text(setting), with the caller's default.

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,9 +27,14 @@ struct StoreComplaint {
 
 struct StoreText {
   std::map<std::string, std::string, std::less<>> values;
-  std::vector<StoreComplaint> complaints;  // at most kStoreComplaintsMax
-  int more_complaints = 0;                 // bad lines beyond those
+  std::set<std::string, std::less<>> damaged;  // keys that a bad line begins with, and no good one after it
+  bool is_text = true;                         // false: any key may have been there
+  std::vector<StoreComplaint> complaints;      // at most kStoreComplaintsMax
+  int more_complaints = 0;                     // bad lines beyond those
 };
+
+// Whether the file sets `key` to something that cannot be read, or may do so. Any thread.
+bool is_damaged(const StoreText& store, std::string_view key);
 
 // Parses a store file's bytes; never fails. A file with a zero byte is not text and gives no keys. Any thread.
 StoreText parse_store(std::string_view bytes);

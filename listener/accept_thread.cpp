@@ -1,4 +1,5 @@
 // The accept thread: admits clients, and when there are too many, decides which one gives up its place.
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -15,23 +16,28 @@
 namespace {
 
 constexpr int kNoDescriptorMs = 300;  // before the next try when descriptors have run out
-constexpr int kNoPlaceMs = 10;        // before it is checked again whether a client that was given up has left
+constexpr int kNoPlaceMs = 1;         // before it is checked again whether a client that was given up has left
 constexpr int kDescriptorsForOthers = 320;
+
+// Whether a client, which was accepted after `other`, gives up its place before that one does.
+bool goes_before(const ListenerClient& client, const ListenerClient& other) {
+  if (!client.type_string || !other.type_string) return other.type_string.has_value();
+  return client.output.owes_since() < other.output.owes_since();
+}
 
 // Whether the next accept is likely to fail as well, at once and for the same reason.
 bool lasts(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EBADF;
 }
 
-// How many clients there may be.
-size_t places() {
+}  // namespace
+
+size_t listener_places() {
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   const size_t for_clients = std::max<rlim_t>(descriptors.rlim_cur, kDescriptorsForOthers) - kDescriptorsForOthers;
   return std::min(for_clients, kClientMax);
 }
-
-}  // namespace
 
 void ManagerListener::accept_loop() {
   std::vector<pollfd> wanted;
@@ -46,7 +52,7 @@ void ManagerListener::accept_loop() {
 
 void ManagerListener::accept_pass(std::vector<pollfd>& wanted) {
   const int timeout_ms = fill(wanted);
-  if (poll(wanted.data(), wanted.size(), timeout_ms) < 0) pause(kNoPlaceMs);
+  if (poll(wanted.data(), wanted.size(), timeout_ms) < 0) pause(kNoDescriptorMs);
   if (!running) return;
   for (size_t i = 0; i < sockets.size(); ++i) {
     if (wanted[2 * i].revents != 0) admit_from(*sockets[i]);
@@ -87,7 +93,7 @@ void ManagerListener::admit_from(const ListenSocket& socket) {
   }
   Descriptor fd(accepted);
   if (!may_connect(peer)) return turn_away(std::move(fd), peer);
-  if (!make_place(PeerText(peer))) return;
+  if (!make_place(peer)) return;
   elog(2, "mlistener: new client : %d - tot:%d", fd.get(), g_accepted_total);
   ++g_accepted_total;
   add_client(fd.get(), peer);
@@ -112,8 +118,8 @@ void ManagerListener::turn_away(Descriptor fd, const Peer& peer) {
 }
 
 // Returns false when every client keeps its place, and at the stop.
-bool ManagerListener::make_place(const PeerText& newcomer) {
-  const size_t most = places();
+bool ManagerListener::make_place(const Peer& newcomer) {
+  const size_t most = listener_places();
   do {
     {
       const MutexLock lock(mutex);
@@ -122,38 +128,41 @@ bool ManagerListener::make_place(const PeerText& newcomer) {
       const auto leaving = static_cast<size_t>(std::count_if(clients.begin(), clients.end(), is_leaving));
       if (clients.size() - leaving < most) return true;
       if (leaving < kLeavingMax) {
-        ListenerClient* const victim = find_victim();
+        ListenerClient* const victim = find_victim(newcomer);
         if (victim != nullptr) {
-          give_up(*victim, newcomer);
+          give_up(*victim, PeerText(newcomer));
           return true;
         }
         ++counted.refused;
         if (const auto left_out = place_limit.allow()) {
-          elog(1, "mlistener: too many clients, %s is refused%s", newcomer.text, left_out->text);
+          elog(1, "mlistener: too many clients, %s is refused%s", PeerText(newcomer).text, left_out->text);
         }
         return false;
       }
     }
+    eventfd_write(leave_event.get(), 1);
   } while (pause(kNoPlaceMs));
   return false;
 }
 
-// Of the address, or the user of this machine, with most connections: the oldest one that has not subscribed, else the
-// one that has owed for longest. Null when all of them read what they have asked for.
-ListenerClient* ManagerListener::find_victim() {
+// Of those that have not subscribed or do not read: one of the address, or the user of this machine, with most
+// connections, the oldest one that has not subscribed first, then the one that has owed for longest. Null when there is
+// none whose address has at least as many connections as the newcomer's: whoever takes up most places gets no more.
+ListenerClient* ManagerListener::find_victim(const Peer& newcomer) {
   std::unordered_map<uint64_t, size_t> connections_of;
-  size_t most = 0;
   for (const auto& client : clients) {
-    if (!client->is_leaving) most = std::max(most, ++connections_of[client->peer.source()]);
+    if (!client->is_leaving) ++connections_of[client->peer.source()];
   }
-  ListenerClient* longest = nullptr;
+  ListenerClient* victim = nullptr;
+  size_t most = connections_of[newcomer.source()];
   for (const auto& client : clients) {
-    if (client->is_leaving || connections_of[client->peer.source()] < most) continue;
-    if (!client->type_string) return client.get();
-    if (!client->output.owes()) continue;
-    if (longest == nullptr || client->output.owes_since() < longest->output.owes_since()) longest = client.get();
+    const bool is_idle = !client->type_string || client->output.owes();
+    const size_t connections = is_idle && !client->is_leaving ? connections_of[client->peer.source()] : 0;
+    if (connections < std::max<size_t>(most, 1)) continue;
+    if (victim == nullptr || connections > most || goes_before(*client, *victim)) victim = client.get();
+    most = connections;
   }
-  return longest;
+  return victim;
 }
 
 // Hangs the victim up; the event_recv thread notices that and removes it.

@@ -24,6 +24,7 @@ ListenerStatus ManagerListener::status() {
   add_endpoints(now);
   now.port = open_number;
   now.wanted_port = port;
+  now.places = listener_places();
   now.denied = denied;
   return now;
 }

@@ -28,6 +28,7 @@ struct ListenerStatus : OutputCounts {
   int wanted_port = 0;      // by the settings
   std::string address;      // listener_address: its endpoints with commas between them, or "none"; empty: it is wrong
   std::string not_open;     // those that are not open
+  size_t places = 0;        // how many clients there may be
   size_t clients = 0;       // connected now: of these
   size_t subscribed = 0;    // have subscribed, and owe nothing,
   size_t owing = 0;         // have not taken all that was sent: later events are skipped for them until they have,

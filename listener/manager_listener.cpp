@@ -65,7 +65,8 @@ int ManagerListener::start() {
   if (sockets.empty()) return parse_listener_address(*address) ? 1 : -1;
   stop_event = wake_up_descriptor();
   if (stop_event.get() >= 0) receive_event = wake_up_descriptor();
-  if (receive_event.get() < 0) {
+  if (receive_event.get() >= 0) leave_event = wake_up_descriptor();
+  if (leave_event.get() < 0) {
     elog(1, "mlistener: Failed to create server socket(errno:%d)", errno);
     return -1;
   }
@@ -92,6 +93,7 @@ void ManagerListener::say_who_may_connect() const {
   if (std::all_of(sockets.begin(), sockets.end(), is_local)) {
     elog(1, "mlistener: only this machine may connect (listener_address)");
   }
+  if (listener_places() == 0) elog(1, "mlistener: the descriptor limit is too low: no client can connect");
 }
 
 // The port at which a socket is to listen: where the kernel chooses, it chooses once for all addresses.

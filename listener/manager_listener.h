@@ -90,8 +90,8 @@ class ManagerListener {
   void admit_from(const ListenSocket& socket);
   bool may_connect(const Peer& peer) const;
   void turn_away(Descriptor fd, const Peer& peer);
-  bool make_place(const PeerText& newcomer);
-  ListenerClient* find_victim() REQUIRES(mutex);
+  bool make_place(const Peer& newcomer);
+  ListenerClient* find_victim(const Peer& newcomer) REQUIRES(mutex);
   void give_up(ListenerClient& victim, const PeerText& newcomer) REQUIRES(mutex);
   void add_client(int fd, const Peer& peer);
 
@@ -102,6 +102,7 @@ class ManagerListener {
   // receive_thread.cpp
   void receive_loop();
   void receive_pass(PollSet& set);
+  void rest(int milliseconds) const;
   bool send_due(PollSet& set);
   int prepare(PollSet& set);
   bool receive(ListenerClient& client, int fd, int64_t tick);
@@ -155,7 +156,8 @@ class ManagerListener {
 
   // Event descriptors, set by start.
   Descriptor stop_event;     // readable from the stop on
-  Descriptor receive_event;  // readable when the event_recv thread has something to do
+  Descriptor receive_event;  // readable when the event_recv thread has something to do,
+  Descriptor leave_event;    // and when it is to do it before its next tick
 
   // Made by the constructor; used by the accept thread while it runs, else by the main thread.
   std::vector<std::unique_ptr<ListenSocket>> sockets;
@@ -168,6 +170,9 @@ class ManagerListener {
   std::atomic<int> open_number{0};   // the port that is open, at one address or more; the user of `sockets` writes it
   std::atomic<uint64_t> denied{0};   // by listener_allow; the accept thread writes it
 };
+
+// How many clients there may be, by the descriptor limit. Any thread.
+size_t listener_places();
 
 // The one listener, or null: set by its constructor, cleared by its destructor. The main thread writes it; the script
 // thread reads it, and ends before the listener does.

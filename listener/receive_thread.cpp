@@ -35,7 +35,8 @@ struct ManagerListener::PollSet {
   // Accounts for a pass. Returns the milliseconds to wait before the next one.
   int pay() {
     const int64_t now = steady_ms();
-    paid_until_ms = std::max(paid_until_ms, now - int64_t{kPassesSaved} * kTickMs) + kTickMs;
+    // No more than one tick ahead: passes for clients that give up their places cost the others nothing.
+    paid_until_ms = std::clamp(paid_until_ms, now - int64_t{kPassesSaved} * kTickMs, now) + kTickMs;
     return static_cast<int>(std::max<int64_t>(paid_until_ms - now, 0));
   }
 
@@ -69,7 +70,15 @@ void ManagerListener::receive_pass(PollSet& set) {
     if ((entry.revents & POLLERR) != 0) elog(1, "mlistener: poll err");
     if (closed || (entry.revents & (POLLHUP | POLLRDHUP)) != 0) remove_client(client);
   }
-  if (const int wait_ms = set.pay()) pause(wait_ms);
+  if (const int wait_ms = set.pay()) rest(wait_ms);
+}
+
+// Waits until the stop, or until newcomers wait for the places of clients that were given up; at most so long.
+void ManagerListener::rest(int milliseconds) const {
+  pollfd wanted[] = {{stop_event.get(), POLLIN, 0}, {leave_event.get(), POLLIN, 0}};
+  poll(wanted, std::size(wanted), milliseconds);
+  eventfd_t ignored = 0;
+  if (wanted[1].revents != 0) eventfd_read(leave_event.get(), &ignored);
 }
 
 // Sends what clients owe and, once a tick during a burst, what is gathered. Returns true when the burst is over:

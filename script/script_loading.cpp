@@ -1,5 +1,7 @@
 #include "script/script_loading.h"
 
+#include <sys/stat.h>
+
 #include "device/log.h"
 #include "script/trial_guards.h"
 #include "util/except.h"
@@ -10,6 +12,10 @@ void load_file(lua_State* L, const std::string& path) {
   elog(2, "lua script:script_load - %s\n", path.c_str());
   bool compiled = false;
   std::string error;
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode)) {  // Lua would wait for somebody to write to it
+    throw except_base("could not load file[%s] -- it is not a regular file", path.c_str());
+  }
   const char* const file = path.c_str();
   const bool done = protect(L, error, [&](lua_State* state) {
     if (luaL_loadfile(state, file) != 0) lua_error(state);

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "control/control_paths.h"
 #include "ctl/control_client.h"
 #include "ctl/failure.h"
 #include "tests/fake_control.h"
 #include "tests/real_daemon.h"
+#include "util/control_paths.h"
 
 namespace {
 
@@ -26,6 +26,8 @@ std::string result_of(Action action) {
 TEST(ControlClient, ReadsAnswersAndSaysHowTheDaemonFails) {
   const RealDaemon root;
   const std::string large(300000, 'x');
+  std::string endless;
+  while (endless.size() < size_t{3} << 20) endless += "event name=a\n";
   const struct {
     std::string request, answer, result;
   } rows[] = {
@@ -36,6 +38,7 @@ TEST(ControlClient, ReadsAnswersAndSaysHowTheDaemonFails) {
       {"cut", "event name=a\nevent na", "the daemon went away in the middle of its answer"},
       {"unended", "event name=a\n", "the daemon went away in the middle of its answer"},
       {"gone", "", "the daemon closed the connection"},
+      {"endless", endless, "the daemon's answer is longer than 2 MiB"},
   };
   std::map<std::string, std::string> answers;
   for (const auto& row : rows) answers[row.request] = row.answer;
@@ -77,6 +80,20 @@ TEST(ControlClient, TellsAbsenceFromRightsAndFromOwners) {
   EXPECT_EQ(connect_as_other(), socket + ": not allowed (group root)");
   root.launch("chmod 700 $ROOT/run/zelvind");
   EXPECT_EQ(connect_as_other(), socket + ": not allowed (group nogroup)");
+}
+
+// A daemon that is not trusted must not send zelvctl's subscription to somebody else's socket.
+TEST(ControlClient, ADaemonNamesItsOwnSocketsOnly) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const RealDaemon root;
+  root.launch("chmod 755 $ROOT; mkdir -p $ROOT/run/zelvind; chmod 777 $ROOT/run/zelvind");
+  const FakeControl of_root(root.path(""), {}, "/root.sock");
+  EXPECT_EQ(seteuid(12345), 0);
+  const FakeControl daemon(root.path(""), {{"stats", "listener port=0 address=/root.sock\n\n"}, {"scripts", "\n"}});
+  EXPECT_EQ(seteuid(0), 0);
+  root.launch("chmod 755 $ROOT/run/zelvind");
+  root.expect_zelvctl("listen door 2>&1 | tail -n 1", 0,
+                      "zelvctl: the daemon of user 12345 names ROOT/root.sock, where user 0 listens\n", "");
 }
 
 // `make` stands in ROOT/a/run/zelvind, the folder of a socket at which user `listener` listens. ROOT is root's.

@@ -167,7 +167,7 @@ TEST(Zelvctl, FindsTheDaemonAtItsUnixSocket) {
                    "umask 0; $ZELVIND -p $ROOT/pid >/dev/null 2>>$ROOT/stderr"));
   daemon.launch(
       "zelvctl listen --count 1 door >$ROOT/out 2>&1 &"
-      "zelvctl listen --count 1 door --socket $ROOT/run/zelvind/l.sock >$ROOT/out2 2>&1 &");
+      "cd $ROOT/run; zelvctl listen --count 1 door --socket zelvind/l.sock >$ROOT/out2 2>&1 &");
   ASSERT_TRUE(daemon.wait_for("set as [door]", 2));
   EXPECT_EQ(daemon.launch("zelvctl status >$ROOT/status"), 0);
   const std::string status = daemon.text_of("status");
@@ -216,6 +216,8 @@ TEST(EventConnection, SaysHowTheDaemonFailed) {
        }},
       {"1 the daemon closed the connection",
        [](Connection& c, Descriptor& d) { d.reset(), c.wait_for_input(d.get()); }},
+      {"1 the event socket has sent something: what listens there is not the daemon",
+       [](Connection& c, Descriptor& d) { c.send("1 a\n"), send(d.get(), "", 1, 0), c.finish(false); }},
   };
   const EventSocket daemon;
   for (const auto& [error, action] : rows) {

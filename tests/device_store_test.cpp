@@ -1,10 +1,13 @@
 #include <lua.hpp>
 
 #include "device/config_store.h"
+#include "device/settings.h"
 #include "device/store_text.h"
 #include "tests/device_root_fixture.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 TEST(StoreText, KeysAndComplaints) {
   const std::string longest(kStoreLineMax - 2, 'v');
@@ -58,6 +61,29 @@ TEST_F(DeviceStore, HandlesGiveValuesOrLeaveTheirPlaceAlone) {
   EXPECT_GE(econf_get_str(store, "four", buffer, 5), 0);
   EXPECT_EQ(buffer + std::to_string(value), "abcd-5");
   econf_close(store);
+}
+
+// What cannot be read does not count as missing where that would open the listener.
+TEST_F(DeviceStore, ADamagedSettingIsNotAMissingOne) {
+  const std::string too_long(kStoreLineMax, 'v');
+  const std::pair<std::string, std::string> rows[] = {
+      {"#listener_allow = 10.0.0.1\nword\n", "missing"},
+      {"listener_allow = 10.0.0.1", "10.0.0.1"},
+      {"listener_allow = 10.0.0.1," + too_long, "damaged"},
+      {"listener_allow = 10.0.0.1\nlistener_allow = " + too_long, "damaged"},
+      {"listener_allow = " + too_long + "\nlistener_allow = 10.0.0.1", "10.0.0.1"},
+      {"\tlistener_allow: 10.0.0.1", "damaged"},
+      {"listener_allowed " + too_long, "missing"},
+      {"listener_address = 127.0.0.1\n"s + '\0', "damaged"},
+  };
+  for (const auto& [text, expected] : rows) {
+    write(text);
+    const size_t lines = logged().size();
+    const std::optional<std::string> value = SettingsFile().written(settings::listener_allow);
+    const bool is_said =
+        logged().find("<1> econf: listener_allow cannot be read: it lets nobody in\n", lines) != std::string::npos;
+    EXPECT_EQ(!value ? "missing" : is_said ? "damaged" + *value : *value, expected) << text.substr(0, 60);
+  }
 }
 
 TEST_F(DeviceStore, ComplaintsComeOnceForEachStateOfAFile) {

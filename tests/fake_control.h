@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "control/control_paths.h"
 #include "ctl/control_client.h"
+#include "util/control_paths.h"
 #include "util/descriptor.h"
 #include "util/unix_socket.h"
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <deque>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -255,7 +256,8 @@ TEST(ListenerAccess, AnAddressIsUnderstoodAsAWholeOrNotAtAll) {
   const std::string bad =
       " ||127.0.0.1,|,/a|none,/a|None|all|*|localhost|::1|127.0.0.1:5512|127.0.0.1/8|127.1|0127.0.0.1|256.0.0.1|"
       "127.0.0.1 127.0.0.2|0.0.0.1|224.0.0.1|255.255.255.255|run/a.sock|/run/|/|/a,/a|127.0.0.1,127.0.0.1|"
-      "0.0.0.0,127.0.0.1|" +
+      "0.0.0.0,127.0.0.1|/a,/b/..//./a|/a,/a.sock|/a.lock,/a.sock|/run/zelvind/events|/run/zelvind/events.lock|"
+      "/run/zelvind/../zelvind/control.sock|" +
       most + ",/a";
   for (std::string_view values = bad; !values.empty();) {
     const std::string_view value = take_item(values, '|');
@@ -272,6 +274,7 @@ TEST(ListenerAccess, OnlyGoodEntriesLetSomebodyIn) {
     std::string bad;
   } rows[] = {{"10.1.0.0/16, 192.0.2.7", {"10.1.255.255", "192.0.2.7"}, {"10.2.0.0", "10.0.255.255", "192.0.2.6"}, ""},
               {"0.0.0.0/0", {"0.0.0.0", "255.255.255.255"}, {}, ""},
+              {"0.0.0.0,0.0.0.0/7", {"1.2.3.4"}, {"10.0.0.1"}, "0.0.0.0|"},
               {"10.1.2.3/32", {"10.1.2.3"}, {"10.1.2.2"}, ""},
               {"10.1.2.3/31\t", {"10.1.2.2", "10.1.2.3"}, {"10.1.2.4"}, ""},
               {"128.0.0.0/1", {"128.0.0.0", "200.0.0.1"}, {"127.255.255.255"}, ""},
@@ -317,11 +320,23 @@ TEST_F(Listener, OnlyTheAllowedMayConnect) {
   EXPECT_EQ(client.read_info(), "for those who may");
   const ListenerStatus status = listener->status();
   EXPECT_EQ(status.denied, 300u);
+  const std::string line = "<1> mlistener: 127.0.0.2:";
+  const std::string why = " is not in listener_allow and is closed";
+  size_t tried = 300;
+  for (size_t said = standin::log_lines_with(line).size(); standin::log_lines_with(line).size() == said; ++tried) {
+    EXPECT_TRUE(EventClient(port, 0, 2).ended());
+  }
   EXPECT_EQ(status.clients, 2u);
   EXPECT_EQ(standin::log_lines_with("new client").size(), 2u);
-  const Lines lines = standin::log_lines_with("<1> mlistener: 127.0.0.2:");
+  const Lines lines = standin::log_lines_with(line);
   EXPECT_LE(lines.size(), static_cast<size_t>(watch.ms() / 1000 + 2));
-  EXPECT_NE(lines.at(0).find(" is not in listener_allow and is closed"), std::string::npos);
+  EXPECT_EQ(lines.at(0).substr(lines[0].size() - why.size()), why);
+  size_t told = 0;
+  for (const std::string& each : lines) {
+    const size_t more = each.find(why + " (and ");
+    told += 1 + (more == std::string::npos ? 0 : strtoul(each.c_str() + more + why.size() + 6, nullptr, 10));
+  }
+  EXPECT_EQ(told, tried);
   limit_descriptors(1024);
 }
 
@@ -621,7 +636,78 @@ TEST_F(Listener, WhoeverDoesNotSubscribeGivesUpHisPlace) {
   limit_descriptors(1024);
 }
 
+// Of an address with fewer connections, too; but nobody gets a place from somebody who has fewer.
+TEST_F(Listener, WhoHasMostPlacesGetsNoMore) {
+  limit_descriptors(320 + 3);
+  EventClient silent(port, 0, 2);
+  ASSERT_TRUE(standin::wait_for_line("new client"));
+  const auto first = subscribed("door,first"), second = subscribed("door,second");
+  EXPECT_TRUE(EventClient(port).ended());
+  EXPECT_EQ(listener->status().refused, 1u);
+  EventClient newcomer(port, 0, 3);
+  EXPECT_TRUE(silent.ended());
+  subscribe(newcomer, "door,newcomer");
+  forward("door", "for all");
+  for (EventClient* client : {first.get(), second.get(), &newcomer}) EXPECT_EQ(client->read_info(), "for all");
+  limit_descriptors(1024);
+}
+
+// Newcomers in great numbers take each other's places without a wait for the event_recv thread's ticks, of which each
+// frees 24 places: 480 take a second then.
+TEST_F(Listener, PlacesAreGivenUpAtOnce) {
+  limit_descriptors(320 + 3);
+  std::deque<EventClient> crowd;
+  const auto come = [&](int number) {
+    const Stopwatch watch;
+    for (int i = 0; i < number; ++i) {
+      crowd.emplace_back(port);
+      if (crowd.size() <= 60) continue;
+      EXPECT_TRUE(crowd.front().ended());
+      crowd.pop_front();
+    }
+    return watch.ms();
+  };
+  come(600);  // after a silence some ticks come early
+  int64_t best_ms = INT64_MAX;
+  for (int i = 0; i < 6 && best_ms > 500; ++i) best_ms = std::min(best_ms, come(480));
+  EXPECT_LT(best_ms, 700);
+  limit_descriptors(1024);
+}
+
+TEST_F(Listener, SaysWhatIsInTheWayOfItsSocket) {
+  const std::string folder = testing::TempDir() + sstr("zelvind-listener-%d", getpid());
+  setenv("DEVICE_ROOT", folder.c_str(), 1);
+  const std::string occupied = " (there is something else, which is not a socket)";
+  const std::pair<std::string, std::string> rows[] = {
+      {"mkfifo l.sock", occupied}, {"ln -s nowhere l.sock", occupied}, {"mkdir l.sock", occupied},
+      {"touch l.sock", occupied},  {"", " (File name too long)"},
+  };
+  for (const auto& [make, reason] : rows) {
+    SCOPED_TRACE(make);
+    standin::reset();
+    ASSERT_EQ(system(("mkdir -p '" + folder + "/run'; cd '" + folder + "/run'; chmod 1777 .; " + make).c_str()), 0);
+    const std::string path = make.empty() ? "/run/" + std::string(120, 'l') : "/run/l.sock";
+    start_at(path, nullptr, -1);
+    const Lines lines = standin::log_lines_with("no client can connect there");
+    EXPECT_EQ(lines, Lines{"<1> mlistener: cannot make " + folder + path + reason + ": no client can connect there"});
+    EXPECT_EQ(standin::log_lines_with("<1> mlistener: all users may write to " + folder +
+                                      "/run: others can put their own sockets in place of ours")
+                  .size(),
+              1u);
+    listener.reset();
+    std::filesystem::remove_all(folder);
+  }
+  unsetenv("DEVICE_ROOT");
+}
+
 TEST_F(Listener, DescriptorsRunShort) {
+  limit_descriptors(320);
+  start_at("0.0.0.0");
+  EXPECT_EQ(standin::log_lines_with("<1> mlistener: the descriptor limit is too low: no client can connect").size(),
+            1u);
+  EXPECT_EQ(listener->status().places, 0u);
+  limit_descriptors(1024);
+  EXPECT_EQ(listener->status().places, 704u);
   limit_descriptors(Descriptor(dup(0)).get() + 1);  // enough for this end of a connection, and none for the daemon's
   const EventClient waiting(port);
   const clock_t used = clock();

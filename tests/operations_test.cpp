@@ -141,8 +141,8 @@ TEST(Check, ReportsEachFaultAndRunsNothing) {
       settings + ":4: warning: the line is not 'key = value'\n" + settings +
           ": warning: the daemon has no setting 'door'\n" + settings +
           ": warning: listener_address is 'eth0': expected none, or up to 16 different IPv4 addresses and absolute "
-          "paths of "
-          "Unix sockets with commas between them; no client can connect\n" +
+          "paths of Unix sockets with commas between them, not those of the daemon's other sockets; no client can "
+          "connect\n" +
           settings + ": warning: listener_port is '5x': expected a whole number from 0 to 65535; it is not used\n" +
           settings +
           ": warning: the daemon has no setting 'scipt_path'; did you mean script_path?\n"
@@ -379,6 +379,11 @@ TEST(RunFolder, TakesNothingThatOthersHavePrepared) {
     daemon.send_signal(SIGHUP);
     EXPECT_TRUE(says(" ready 1\n"));
     EXPECT_EQ(daemon.launch("timeout 20 env PATH=${ZELVIND%/*} zelvctl check >/dev/null"), 0);  // reads locks
+    daemon.launch("rm -f $ROOT/run/zelvind/state.new; mkfifo $ROOT/run/zelvind/state.new");     // for the reload
+    daemon.send_signal(SIGHUP);
+    EXPECT_TRUE(row.line.find("evq: ") == 0 || wait_until([&] {
+                  return read_file(daemon.path("run/zelvind/state")) == std::to_string(daemon.process()) + " ready 1\n";
+                }));
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(read_file(daemon.path("victim")), "precious");
   }

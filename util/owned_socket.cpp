@@ -123,11 +123,18 @@ void OwnedSocket::close() {
   lock.reset();
 }
 
+std::string OwnedSocket::why_replaceable() const {
+  return why_open_to_strangers(folder());
+}
+
+std::string OwnedSocket::folder() const {
+  return path.substr(0, path.rfind('/'));
+}
+
 void OwnedSocket::watch_folder() {
   changes.reset(above_standard_streams(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)));
-  const std::string folder = path.substr(0, path.rfind('/'));
   constexpr uint32_t kGone = IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-  if (changes.get() >= 0 && inotify_add_watch(changes.get(), folder.c_str(), kGone) < 0) changes.reset();
+  if (changes.get() >= 0 && inotify_add_watch(changes.get(), folder().c_str(), kGone) < 0) changes.reset();
 }
 
 bool OwnedSocket::take_change() const {
@@ -164,19 +171,29 @@ bool OwnedSocket::take_lock() {
   return true;
 }
 
-// Whether a program that knows nothing of our lock listens at the path: only a socket that refuses is left over.
-bool OwnedSocket::others_listen() const {
-  if (!names.spares_others) return false;
+// Whether nothing is at the path but a socket that is left over. Says what is.
+bool OwnedSocket::is_free() {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+    say("cannot make " + path + " (there is something else, which is not a socket)");
+    return false;
+  }
+  if (!names.spares_others) return true;
+  // A program that knows nothing of our lock may listen there: only a socket that refuses is left over.
   const Descriptor probe(unix_stream_socket());
-  if (probe.get() < 0 || fcntl(probe.get(), F_SETFL, O_NONBLOCK) != 0) return true;
-  return unix_connect(probe.get(), path) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+  const bool can_ask = probe.get() >= 0 && fcntl(probe.get(), F_SETFL, O_NONBLOCK) == 0;
+  const int error = can_ask && unix_connect(probe.get(), path) == 0 ? 0 : errno;
+  if (error == ECONNREFUSED || error == ENOENT) return true;
+  if (error == 0 || error == EAGAIN || error == EPROTOTYPE) {
+    say(path + " belongs to another program");
+  } else {
+    say_cannot_make(path);
+  }
+  return false;
 }
 
 bool OwnedSocket::make_socket() {
-  if (others_listen()) {
-    say(path + " belongs to another program");
-    return false;
-  }
+  if (!is_free()) return false;
   remove_at_exit_too();
   const MutexLock lock_of_files(g_files);
   struct stat status {};

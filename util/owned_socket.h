@@ -51,6 +51,10 @@ class OwnedSocket {
   // Removes the socket file, if it is still the one that was made, and releases the lock.
   void close();
 
+  // Why users other than root and ours can put their own socket in the place of this one; empty when they cannot, and
+  // before open().
+  std::string why_replaceable() const;
+
   // 0 while this process does not have the socket, otherwise a different number for each one that it makes. Any thread.
   int number() const { return current_number.load(std::memory_order_relaxed); }
 
@@ -68,7 +72,8 @@ class OwnedSocket {
   bool make();
   bool take_lock();
   bool make_socket();
-  bool others_listen() const;
+  bool is_free();
+  std::string folder() const;
   void watch_folder();
   bool is_in_place() const;
   void say_cannot_make(const std::string& file);

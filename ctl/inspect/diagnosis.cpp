@@ -157,6 +157,8 @@ class Notes {
       notes.push_back("no client can connect at " + shown(not_open, kPlacesWidth) + "; the log says why");
     } else if (address == kEveryAddress && listener.has("port") && listener.count("port") == 0) {
       notes.push_back("no client can connect: port " + listener.text("wanted") + " is not open; the log says why");
+    } else if (listener.count("places", 1) == 0 && address != "none") {
+      notes.emplace_back("no client can connect: the daemon's descriptor limit is too low, it needs more than 320");
     }
     const Lines owing = heaviest(answers.clients, "client", [](const AnswerLine& client) {
       return client.text("state") == "owing" ? client.count("waiting") : 0;
