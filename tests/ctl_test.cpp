@@ -273,7 +273,7 @@ TEST(Supervise, KillsWhatDoesNotStop) {
   const std::string program = root.path("zelvind");
   EXPECT_EQ(failure_of([&] { supervise(program, {}); }),
             "1 failed to start " + program + ": No such file or directory");
-  const char* const detached = "(trap '%s' TERM; kill -TERM $1; while :; do sleep 0.02; done) &";
+  const char* const detached = "(trap '%s' TERM; kill -TERM $1; while kill -0 $1; do sleep 0.02; done) &";
   const std::pair<std::string, const char*> rows[] = {
       {sstr(detached, ""), "was ended by signal 9"},
       {sstr(detached, "exit 3"), "has ended with status 3"},
