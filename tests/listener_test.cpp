@@ -315,17 +315,19 @@ TEST_F(Listener, OnlyTheAllowedMayConnect) {
   EventClient silent(port), client(port);
   subscribe(client, "door");
   const Stopwatch watch;
-  for (int i = 0; i < 300; ++i) EXPECT_TRUE(EventClient(port, 0, 2).ended());
+  const auto is_turned_away = [this] {
+    EventClient stranger(port, 0, 2);
+    return !stranger.is_connected() || stranger.ended();  // the reset may come before connect() returns
+  };
+  for (int i = 0; i < 300; ++i) EXPECT_TRUE(is_turned_away());
   forward("door", "for those who may");
   EXPECT_EQ(client.read_info(), "for those who may");
   const ListenerStatus status = listener->status();
   EXPECT_EQ(status.denied, 300u);
   const std::string line = "<1> mlistener: 127.0.0.2:";
   const std::string why = " is not in listener_allow and is closed";
-  size_t tried = 300;
-  for (size_t said = standin::log_lines_with(line).size(); standin::log_lines_with(line).size() == said; ++tried) {
-    EXPECT_TRUE(EventClient(port, 0, 2).ended());
-  }
+  const size_t said = standin::log_lines_with(line).size();
+  while (standin::log_lines_with(line).size() == said && watch.ms() < 9000) ASSERT_TRUE(is_turned_away());
   EXPECT_EQ(status.clients, 2u);
   EXPECT_EQ(standin::log_lines_with("new client").size(), 2u);
   const Lines lines = standin::log_lines_with(line);
@@ -336,7 +338,7 @@ TEST_F(Listener, OnlyTheAllowedMayConnect) {
     const size_t more = each.find(why + " (and ");
     told += 1 + (more == std::string::npos ? 0 : strtoul(each.c_str() + more + why.size() + 6, nullptr, 10));
   }
-  EXPECT_EQ(told, tried);
+  EXPECT_LE(listener->status().denied - told, 1u);  // the last one may have come behind the last line
   limit_descriptors(1024);
 }
 
