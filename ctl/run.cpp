@@ -1,6 +1,6 @@
 #include "ctl/run.h"
 
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 #include <cstdlib>
 #include <cstring>
@@ -30,10 +30,10 @@ bool is_log_shown() {
 // What the daemon keeps for us as device/last_lines.h describes.
 class LastLines {
  public:
-  // Inherited by the daemon; without memory for it, nothing is kept.
-  LastLines() : file(above_standard_streams(memfd_create("last-lines", MFD_CLOEXEC))) {
+  // Without a temporary file, nothing is kept. (Not one of memfd_create: the unit refuses that call, since code can be
+  // written and run in such memory.)
+  LastLines() : file(inherited_file()) {
     if (file.get() < 0) return;
-    fcntl(file.get(), F_SETFD, 0);
     setenv(kLastLinesVariable, std::to_string(file.get()).c_str(), 1);  // NOLINT(concurrency-mt-unsafe): as above
   }
 
@@ -54,6 +54,15 @@ class LastLines {
   }
 
  private:
+  // An unlinked file in /tmp that programs we start inherit, at a number of at least 3, or -1.
+  static int inherited_file() {
+    FILE* const made = tmpfile();
+    if (made == nullptr) return -1;
+    const int copy = fcntl(fileno(made), F_DUPFD, STDERR_FILENO + 1);
+    fclose(made);
+    return copy;
+  }
+
   const Descriptor file;
 };
 
