@@ -18,6 +18,8 @@ namespace {
 constexpr int kNoDescriptorMs = 300;  // before the next try when descriptors have run out
 constexpr int kNoPlaceMs = 1;         // before it is checked again whether a client that was given up has left
 constexpr int kDescriptorsForOthers = 320;
+constexpr size_t kFewClients = 32;
+constexpr int kCrowdSendBuffer = 128 * 1024;  // bytes of packets; the kernel takes twice as much memory
 
 // Whether a client, which was accepted after `other`, gives up its place before that one does.
 bool goes_before(const ListenerClient& client, const ListenerClient& other) {
@@ -177,8 +179,17 @@ void ManagerListener::give_up(ListenerClient& victim, const PeerText& newcomer) 
   shutdown(victim.fd, SHUT_RDWR);
 }
 
+// The kernel lets the data for a client that does not read grow to megabytes. That helps one that pauses, but for a
+// crowd it comes to more than a gigabyte, and filling that delays events: where many are connected, the next ones get
+// little. More does not make bursts faster.
+void ManagerListener::bound_send_buffer(int fd, const Peer& peer) const {
+  if (peer.is_process || clients.size() < kFewClients) return;
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kCrowdSendBuffer, sizeof(kCrowdSendBuffer));  // failed: served without it
+}
+
 void ManagerListener::add_client(int fd, const Peer& peer) {
   const MutexLock lock(mutex);
+  bound_send_buffer(fd, peer);
   std::unique_ptr<ListenerClient> client;
   if (free_clients.empty()) {
     client = std::make_unique<ListenerClient>(memory);

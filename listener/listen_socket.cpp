@@ -15,23 +15,19 @@ namespace {
 
 constexpr int kRetryMs = 1000;
 constexpr int kTries = 60;
-// Bytes of packets for a client that does not read; the kernel takes twice as much memory. Without it, a thousand such
-// clients pin more than a gigabyte, and filling it delays events. More does not make bursts faster.
-constexpr int kSendBuffer = 128 * 1024;
 
 void set_option(int fd, int level, int option, int value) {
   setsockopt(fd, level, option, &value, sizeof(value));  // a failure does no harm: clients are served without it
 }
 
 // Clients' connections inherit these from the listening socket: small packets leave at once, the kernel hangs up a
-// peer that is dead, or takes nothing for two minutes while data waits for it, and holds little for it meanwhile.
+// peer that is dead, or takes nothing for two minutes while data waits for it.
 void set_client_options(int fd) {
   set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
   set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
   set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 20);
   set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
-  set_option(fd, SOL_SOCKET, SO_SNDBUF, kSendBuffer);
 }
 
 // " at 127.0.0.1"; empty for all addresses.

@@ -93,6 +93,7 @@ class ManagerListener {
   bool make_place(const Peer& newcomer);
   ListenerClient* find_victim(const Peer& newcomer) REQUIRES(mutex);
   void give_up(ListenerClient& victim, const PeerText& newcomer) REQUIRES(mutex);
+  void bound_send_buffer(int fd, const Peer& peer) const REQUIRES(mutex);
   void add_client(int fd, const Peer& peer);
 
   // listener_status.cpp
