@@ -63,9 +63,7 @@ TEST(ControlClient, ReadsAnswersAndSaysHowTheDaemonFails) {
 TEST(ControlClient, TellsAbsenceFromRightsAndFromOwners) {
   const RealDaemon root;
   const std::string socket = root.path(kControlSocketPath);
-  const auto connect = [&] {
-    return result_of([&] { return ControlClient(root.path("")).ask("stats"), "done"s; });
-  };
+  const auto connect = [&] { return result_of([&] { return ControlClient(root.path("")).ask("stats"), "done"s; }); };
   EXPECT_EQ(connect(), "no daemon at " + socket + ": No such file or directory");
   const FakeControl daemon(root.path(""), {{"stats", "daemon pid=1\n\n"}});
   EXPECT_EQ(connect(), "done");

@@ -330,14 +330,14 @@ TEST_F(Control, SixteenClients) {
   const std::string whose = process + " of user " + std::to_string(getuid());
   EXPECT_EQ(logged(), "<1> control: refused " + whose + ", since 16 clients are connected\n");
   const std::string info(1000, 'x');
-  Client newcomer(root);
+  std::vector<std::unique_ptr<Client>> newcomers;
   for (int i = 0; i < 2; ++i) {
-    Client before = std::move(newcomer);
+    newcomers.emplace_back();
     ASSERT_TRUE(wait_until([&] {
       add(ring, info);
       clients[4]->put("x");
-      newcomer = Client(root);
-      return newcomer.ask("echo").substr(0, 5) == "echo ";
+      newcomers.back() = std::make_unique<Client>(root);
+      return newcomers.back()->ask("echo").substr(0, 5) == "echo ";
     }));
   }
   EXPECT_EQ(clients[4]->read_to("<no end>"), "<end>");
@@ -345,7 +345,7 @@ TEST_F(Control, SixteenClients) {
             std::string::npos);
   const std::string rest = clients[3]->read_to("<no end>");
   EXPECT_EQ(rest.substr(rest.size() - 5), "<end>");
-  newcomer.put("wait\n");
+  newcomers.back()->put("wait\n");
   ASSERT_TRUE(wait_until([&] { return waiting == 1; }));
   add(ring, "seen", "quiet");
   std::string next = clients[0]->read_to("\n");
