@@ -16,8 +16,9 @@ constexpr int64_t kAtOnce = std::numeric_limits<int64_t>::min();
 // The entry of a line; null when it has none. Another line with its hash, which may be chosen, counts as equal only
 // while none are left out.
 LogRepeats::Entry* LogRepeats::find(size_t hash, int level, std::string_view line) {
-  for (auto at = hashes.begin(); (at = std::find(at, hashes.end(), hash)) != hashes.end(); ++at) {
-    Entry& entry = entries[static_cast<size_t>(at - hashes.begin())];
+  const size_t* const end = hashes.data() + hashes.size();
+  for (const size_t* at = hashes.data(); (at = std::find(at, end, hash)) != end; ++at) {
+    Entry& entry = entries[static_cast<size_t>(at - hashes.data())];
     if (entry.held == nullptr || (entry.held->level == level && entry.held->line == line)) return &entry;
   }
   return nullptr;
