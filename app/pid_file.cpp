@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -77,13 +78,16 @@ int start_shell(pid_t& shell, std::string command, const sigset_t& mask) {
 // As system(3), but returns what went wrong, or an empty text.
 std::string run_in_shell(const std::string& command) {
   SignalsOfTheWait signals;
-  const int64_t start = steady_ms();
+  int64_t end_ms = steady_ms() + kPatienceMs;
   pid_t shell = 0;
   if (const int error = start_shell(shell, command, signals.mask()))
     return sstr("failed to start: %s", strerrordesc_np(error));
   while (waitpid(shell, nullptr, WNOHANG) == 0) {
-    const int64_t left = start + (signals.stop_came() ? kPatienceWhenStoppedMs : kPatienceMs) - steady_ms();
-    if (left > 0 && signals.next(left)) continue;
+    const int64_t left = end_ms - steady_ms();
+    if (left > 0 && signals.next(left)) {
+      if (signals.stop_came()) end_ms = std::min(end_ms, steady_ms() + kPatienceWhenStoppedMs);
+      continue;
+    }
     kill(-shell, SIGKILL);
     waitpid(shell, nullptr, 0);
     return "does not end, and is killed";

@@ -106,6 +106,13 @@ TEST(Daemon, HangUpIsSafeFromTheFirstMomentOn) {
   ASSERT_EQ(daemon.stop(), 0);
 }
 
+TEST(Daemon, AStopGivesTheShellOfThePidFileASecond) {
+  RealDaemon daemon;
+  daemon.launch("$ZELVIND -p '/dev/null; sleep 1.1; kill $PPID; sleep 0.1; echo $PPID >'$ROOT/pid >/dev/null 2>&1");
+  ASSERT_TRUE(daemon.read_pid());
+  EXPECT_EQ(daemon.wait_for_end(), 0);
+}
+
 TEST(Daemon, OptionsNeverKeepItFromStarting) {
   const std::string line = "pid file indicated : ";
   const std::string long_path = "/tmp/" + std::string(1019, 'x');

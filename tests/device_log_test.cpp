@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <semaphore.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,6 +26,7 @@
 #include "tests/device_root_fixture.h"
 #include "util/clock.h"
 #include "util/descriptor.h"
+#include "util/quiet_write.h"
 #include "util/unix_socket.h"
 
 static std::string g_dev_log;                    // the path that stands in for /dev/log
@@ -301,9 +303,9 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
   const struct {
     std::string target, way;
     bool is_opened_anew;
-  } rows[] = {{"file:", "fifo", true},       {"stderr", "pipe", true},     {"stderr", "pipe", false},
-              {"stderr", "socket", true},    {"stderr", "terminal", true}, {"stderr", "terminal", false},
-              {"syslog", "datagrams", true}, {"syslog", "stream", true}};
+  } rows[] = {{"file:", "fifo", true},    {"stderr", "pipe", true},     {"stderr", "pipe", false},
+              {"stderr", "socket", true}, {"stderr", "terminal", true}, {"syslog", "datagrams", true},
+              {"syslog", "stream", true}};
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   const rlimit none{3, descriptors.rlim_max};
@@ -346,6 +348,31 @@ TEST_F(DeviceLog, NobodyHoldsItUp) {
     log_to("file:" + root + "/log");
   }
   alarm(0);
+}
+
+// Another user's may be stopped at any moment, in a write that has begun, too.
+TEST_F(DeviceLog, ATerminalThatCannotBeOpenedAnewGetsNothing) {
+  const std::string head = "<29>DATE zelvind[" + std::to_string(getpid()) + "]: ";
+  const Descriptor standard_error(dup(STDERR_FILENO));
+  for (const char* const target : {"stderr", ""}) {
+    const Descriptor daemon = log_daemon(SOCK_DGRAM);
+    const Ends ends = open_ends("terminal");
+    const int is_locked = 1;
+    ASSERT_EQ(ioctl(ends.reader.get(), TIOCSPTLCK, &is_locked), 0);
+    fcntl(ends.reader.get(), F_SETFL, O_NONBLOCK);
+    setenv("ELOG_TARGET", target, 1);
+    if (*target == 0) unsetenv("ELOG_TARGET");
+    dup2(ends.writer.get(), STDERR_FILENO);
+    LogTarget& log = own_target();
+    log.open(3, "zelvind");
+    log.write(1, true, "one\n");
+    const bool is_written = write_quietly(STDERR_FILENO, "two\n");
+    dup2(standard_error.get(), STDERR_FILENO);
+    EXPECT_FALSE(is_written);
+    EXPECT_EQ(read_records(daemon.get()), head + "log: standard error is a terminal that cannot be opened: " +
+                                              "Input/output error; using syslog" + head + "one");
+    EXPECT_EQ(read_all(ends.reader.get()), "");
+  }
 }
 
 TEST_F(DeviceLog, LinesThatRepeatThemselvesAreSummedUp) {
@@ -457,13 +484,14 @@ TEST_F(LogRepeatsTest, CountsASecondOfEachLine) {
   EXPECT_TRUE(summary.is_last);
   repeats.wrote();
   EXPECT_EQ(left_out("a", 99, 6500), 0);
-  // Many kinds in turns.
+  // As many kinds as are counted, in turns.
+  constexpr int kKinds = 256;
   int kinds_left_out = 0;
   for (int turn = 0; turn < 150; ++turn) {
-    for (int kind = 0; kind < 100; ++kind) kinds_left_out += left_out(std::to_string(kind), 1, 7000);
+    for (int kind = 0; kind < kKinds; ++kind) kinds_left_out += left_out(std::to_string(kind), 1, 7000);
   }
-  EXPECT_EQ(kinds_left_out, 100 * 50);
-  for (int kind = 0; kind < 100; ++kind) EXPECT_EQ(take(8000), 50u);
+  EXPECT_EQ(kinds_left_out, kKinds * 50);
+  for (int kind = 0; kind < kKinds; ++kind) EXPECT_EQ(take(8000), 50u);
   EXPECT_EQ(take(8000), 0u);
   EXPECT_EQ(repeats.due_ms(), LogRepeats::kNever);
 }

@@ -64,23 +64,21 @@ bool write_fully(int fd, const char* data, size_t size) {
   return true;
 }
 
-void QuietOutput::use(int fd) {
+bool QuietOutput::use(int fd) {
   *this = QuietOutput();
   output = fd;
   struct stat status {};
-  if (fstat(fd, &status) != 0) return;
+  if (fstat(fd, &status) != 0) return true;
   is_socket = S_ISSOCK(status.st_mode);
   raises_sigpipe = S_ISFIFO(status.st_mode);
   const bool is_terminal = isatty(fd) != 0;
-  if (!raises_sigpipe && !is_terminal) return;
+  if (!raises_sigpipe && !is_terminal) return true;
   const std::string path = "/proc/self/fd/" + std::to_string(fd);
   const int again = above_standard_streams(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (again < 0) {
-    certain_room = is_terminal ? 1 : PIPE_BUF;
-    return;
-  }
-  output = again;
-  is_own = true;
+  is_own = again >= 0;
+  is_blocking = again < 0 && !is_terminal;
+  if (!is_blocking) output = again;
+  return output >= 0;
 }
 
 void QuietOutput::own(int fd) {
@@ -98,10 +96,10 @@ void QuietOutput::close() {
 
 ssize_t QuietOutput::write(const char* data, size_t size) const {
   if (is_socket) return send(output, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-  if (certain_room == 0) return write_once(data, size);
+  if (!is_blocking) return write_once(data, size);
   size_t done = 0;
   while (done < size && has_room(output, 0)) {
-    const ssize_t taken = write_once(data + done, std::min(size - done, certain_room));
+    const ssize_t taken = write_once(data + done, std::min<size_t>(size - done, PIPE_BUF));
     if (taken <= 0) return done > 0 ? static_cast<ssize_t>(done) : taken;
     done += static_cast<size_t>(taken);
   }
@@ -117,11 +115,15 @@ ssize_t QuietOutput::write_once(const char* data, size_t size) const {
 bool write_quietly(int fd, std::string_view text, int wait_ms) {
   QuietOutput output;
   output.use(fd);
+  bool may_wait = wait_ms > 0;
   while (!text.empty()) {
     const ssize_t written = output.write(text.data(), text.size());
     if (written > 0) {
       text.remove_prefix(static_cast<size_t>(written));
-    } else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !has_room(output.descriptor(), wait_ms)))) {
+      may_wait = wait_ms > 0;
+    } else if (written < 0 && errno == EAGAIN && may_wait && has_room(output.descriptor(), wait_ms)) {
+      may_wait = false;  // a terminal may have room for a byte, but none for a line end, which it makes two
+    } else if (written == 0 || errno != EINTR) {
       break;
     }
   }

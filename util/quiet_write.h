@@ -17,9 +17,10 @@ bool write_fully(int fd, const char* data, size_t size);
 class QuietOutput {
  public:
   // Writes to `fd` from now on, which remains the caller's. A pipe or terminal is opened anew, for us alone: O_NONBLOCK
-  // on `fd` would change it for all who share it. Where that fails, as with another user's terminal, asks for room
-  // before each piece that is certain to fit then; another writer that takes the room in between can still hold us up.
-  void use(int fd);
+  // on `fd` would change it for all who share it. Where that fails with a pipe, asks for room before each piece that is
+  // certain to fit then; another writer that takes the room in between can still hold us up. Where it fails with a
+  // terminal, as with another user's, writes nothing: no room there is certain. Returns false then, with errno set.
+  bool use(int fd);
 
   // Writes to `fd` from now on and owns it. It must be non-blocking unless it is a file.
   void own(int fd);
@@ -40,10 +41,10 @@ class QuietOutput {
   bool is_own = false;
   bool is_socket = false;
   bool raises_sigpipe = false;
-  size_t certain_room = 0;  // bytes that a blocking `output` takes when poll says that there is room; 0: it is not one
+  bool is_blocking = false;  // a pipe, which takes PIPE_BUF bytes when poll says that there is room
 };
 
-// Writes `text` through a QuietOutput to `fd`, usually standard error. Waits for room up to `wait_ms`, each time.
-// Returns false, with errno set, when not everything was taken. A SIGPIPE that was pending before stays pending. Keeps
-// the thread's signal mask. Any thread.
+// Writes `text` through a QuietOutput to `fd`, usually standard error. Waits for room up to `wait_ms`, each time, and
+// gives up when that room does not suffice. Returns false, with errno set, when not everything was taken. A SIGPIPE
+// that was pending before stays pending. Keeps the thread's signal mask. Any thread.
 bool write_quietly(int fd, std::string_view text, int wait_ms = 0);

@@ -11,25 +11,32 @@ constexpr uint32_t kWrittenEach = 100;
 
 constexpr int64_t kAtOnce = std::numeric_limits<int64_t>::min();
 
-// A line stands in one of a few neighbours, so that the search is short.
-constexpr size_t kNeighbours = 8;
-
 }  // namespace
 
-// The entry of a line, perhaps a new one in the place of the oldest; null when all of these have lines to sum up.
-LogRepeats::Entry* LogRepeats::find(size_t hash, int64_t now_ms) {
-  Entry* oldest = nullptr;
-  for (size_t i = 0; i < kNeighbours; ++i) {
-    Entry& entry = entries[(hash + i) % entries.size()];
-    if (entry.hash == hash) return &entry;
-    if (entry.held == nullptr && (oldest == nullptr || entry.since_ms < oldest->since_ms)) oldest = &entry;
+// The entry of a line; null when it has none. Another line with its hash, which may be chosen, counts as equal only
+// while none are left out.
+LogRepeats::Entry* LogRepeats::find(size_t hash, int level, std::string_view line) {
+  const size_t* const end = hashes.data() + hashes.size();
+  for (const size_t* at = hashes.data(); (at = std::find(at, end, hash)) != end; ++at) {
+    Entry& entry = entries[static_cast<size_t>(at - hashes.data())];
+    if (entry.held == nullptr || (entry.held->level == level && entry.held->line == line)) return &entry;
   }
-  if (oldest == nullptr) return nullptr;
-  if (oldest == last) last = nullptr;
-  oldest->hash = hash;
-  oldest->since_ms = now_ms;
-  oldest->count = 0;
-  return oldest;
+  return nullptr;
+}
+
+// A new entry in the place of the oldest without lines to sum up; null when all have some.
+LogRepeats::Entry* LogRepeats::make(size_t hash, int64_t now_ms) {
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const size_t place = next++ % entries.size();
+    Entry& entry = entries[place];
+    if (entry.held != nullptr) continue;
+    if (&entry == last) last = nullptr;
+    hashes[place] = hash;
+    entry.since_ms = now_ms;
+    entry.count = 0;
+    return &entry;
+  }
+  return nullptr;
 }
 
 bool LogRepeats::repeats_itself(Entry& entry, int level, std::string_view line, int64_t now_ms) {
@@ -42,13 +49,14 @@ bool LogRepeats::repeats_itself(Entry& entry, int level, std::string_view line, 
     entry.held = std::make_unique<Held>(Held{level, std::string(line), entry.since_ms + kSecondMs, 0});
     due = std::min(due, entry.held->due_ms);
   }
-  if (entry.held->line != line || entry.held->level != level) return false;  // another line with this hash
   ++entry.held->times;
   return true;
 }
 
 bool LogRepeats::leaves_out(int level, std::string_view line, int64_t now_ms) {
-  current = find(std::hash<std::string_view>()(line) + static_cast<size_t>(level), now_ms);
+  const size_t hash = std::hash<std::string_view>()(line) + static_cast<size_t>(level);
+  current = find(hash, level, line);
+  if (current == nullptr) current = make(hash, now_ms);
   if (current != nullptr && repeats_itself(*current, level, line, now_ms)) return true;
   interrupt();
   return false;

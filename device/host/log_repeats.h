@@ -51,16 +51,20 @@ class LogRepeats {
     uint64_t times;
   };
   struct Entry {
-    size_t hash = 0;       // of line and level
     int64_t since_ms = 0;  // when the second began in which the lines are counted
     uint32_t count = 0;
     std::unique_ptr<Held> held;  // null while none are left out
   };
-  Entry* find(size_t hash, int64_t now_ms);
+  Entry* find(size_t hash, int level, std::string_view line);
+  Entry* make(size_t hash, int64_t now_ms);
   bool repeats_itself(Entry& entry, int level, std::string_view line, int64_t now_ms);
   void interrupt();
 
-  std::array<Entry, 256> entries;
+  static constexpr size_t kEntries = 256;
+  // Of the entries' lines and levels; apart from them, so that a search is quick.
+  std::array<size_t, kEntries> hashes{};
+  std::array<Entry, kEntries> entries;
+  size_t next = 0;  // where the oldest entry is
   int64_t due = kNever;
   Entry* current = nullptr;  // of the line that is to be written; null: it is not counted
   Entry* last = nullptr;     // of the line that was written last

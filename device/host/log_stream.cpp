@@ -15,8 +15,8 @@ bool LogStream::open(const char* path) {
   return true;
 }
 
-void LogStream::use_standard_error() {
-  output.use(STDERR_FILENO);
+bool LogStream::use_standard_error() {
+  return output.use(STDERR_FILENO);
 }
 
 void LogStream::close() {

@@ -12,7 +12,9 @@ class LogStream {
   // Opens the file `path`, to append to it. Returns false, with errno set, when that fails.
   bool open(const char* path);
 
-  void use_standard_error();
+  // Returns false, with errno set, when it is a terminal that cannot be written without waiting.
+  bool use_standard_error();
+
   void close();
   bool is_open() const { return output.descriptor() >= 0; }
 

@@ -30,10 +30,6 @@ std::string lost_text(uint64_t lines) {
   return sstr("log: %llu lines lost", static_cast<unsigned long long>(lines));
 }
 
-void say_on_standard_error(const std::string& what) {
-  write_quietly(STDERR_FILENO, "log: " + escaped(what) + "; using syslog\n");
-}
-
 }  // namespace
 
 void LogTarget::open(int facility, const char* name) {
@@ -87,24 +83,27 @@ void LogTarget::open_held(int facility, const char* name) {
 
 void LogTarget::choose(int facility) {
   const char* target = secure_getenv("ELOG_TARGET");
-  if (target == nullptr) {
-    if (isatty(STDERR_FILENO) != 0) stream.use_standard_error();
-    return syslog.open(facility);
-  }
-  if (strcmp(target, "stderr") == 0) return stream.use_standard_error();
   std::string complaint;
-  if (strncmp(target, kFilePrefix, strlen(kFilePrefix)) == 0) {
+  if (target == nullptr ? isatty(STDERR_FILENO) != 0 : strcmp(target, "stderr") == 0) {
+    const bool is_used = stream.use_standard_error();
+    if (is_used && target != nullptr) return;
+    if (!is_used) complaint = sstr("standard error is a terminal that cannot be opened: %s", strerrordesc_np(errno));
+  } else if (target != nullptr && strncmp(target, kFilePrefix, strlen(kFilePrefix)) == 0) {
     const char* const path = target + strlen(kFilePrefix);
     if (stream.open(path)) return;
     complaint = sstr("failed to open '%s' of ELOG_TARGET: %s", path, strerrordesc_np(errno));
-  } else if (strcmp(target, "syslog") != 0) {
+  } else if (target != nullptr && strcmp(target, "syslog") != 0) {
     complaint = sstr("ELOG_TARGET is '%s': expected stderr, file:PATH or syslog", target);
   }
-  if (!complaint.empty() && !complained) {
-    complained = true;
-    say_on_standard_error(complaint);
-  }
   syslog.open(facility);
+  if (!complaint.empty()) complain(complaint);
+}
+
+// Says once why syslog is used: there, too, when standard error takes nothing.
+void LogTarget::complain(const std::string& what) {
+  if (std::exchange(complained, true)) return;
+  const std::string text = "log: " + escaped(what) + "; using syslog\n";
+  if (!write_quietly(STDERR_FILENO, text)) put_in_syslog(1, text);
 }
 
 // Programs that scripts start must not get at the file.

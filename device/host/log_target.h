@@ -1,6 +1,7 @@
 // Where log lines go: ELOG_TARGET is "stderr", "file:PATH" (appended) or "syslog". Without it, and for set-uid
 // programs, they go to syslog, and to standard error as well when that is a terminal. A target that is not understood
-// or fails to open is reported once on standard error, and syslog is used.
+// or fails to open is reported once on standard error, and syslog is used. Standard error that is a terminal and cannot
+// be opened anew (quiet_write.h) gets nothing: that is reported once to syslog.
 //
 // Whoever reads them cannot hold up the daemon for more than a second in ten (log_patience.h): what nobody takes is
 // lost and counted, and told about where there is room again. Lines that repeat themselves are summed up
@@ -58,6 +59,7 @@ class LogTarget {
  private:
   void open_held(int facility, const char* name) REQUIRES(mutex);
   void choose(int facility) REQUIRES(mutex);
+  void complain(const std::string& what) REQUIRES(mutex);
   void find_last_lines() REQUIRES(mutex);
   void keep_last(std::string_view lines) REQUIRES(mutex);
   bool leaves_out(int level, bool framed, std::string_view lines) REQUIRES(mutex);
