@@ -53,7 +53,12 @@ void run_listen(const Given& given) {
   if (given.has("--socket") && request.socket.empty()) {
     throw Failure(Exit::usage, "--socket is '': expected the path of a Unix socket");
   }
-  if (given.has("--socket")) request.socket = std::filesystem::absolute(request.socket);
+  if (given.has("--socket") && request.socket.front() != '/') {
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::absolute(request.socket, error);
+    if (error) throw Failure(Exit::usage, "--socket is '" + request.socket + "': expected an absolute path");
+    request.socket = path;
+  }
   request.json = given.has("--json");
   request.count = given.number("--count", 0);
   request.reconnect = given.has("--reconnect");

@@ -6,7 +6,8 @@
 struct lua_State;
 struct econf_handle;
 
-// What econf_get_str returns when the file sets the key, or may do so, but its value cannot be read.
+// What econf_get_str returns when the file sets a key that restricts access, or may do so, but its value cannot be
+// read.
 constexpr int ECONF_DAMAGED = -2;
 
 extern "C" {
@@ -20,7 +21,8 @@ econf_handle* econf_open(int type, const char* file, const char* dir);
 int econf_get_int(econf_handle* handle, const char* key, int* value);
 
 // Copies the text at `key`, zero-terminated, into buffer[size]. Negative: no such key, or it does not fit; buffer is
-// then untouched. Where ECONF_DAMAGED is returned instead, a setting that restricts access lets nobody in.
+// then untouched. Where ECONF_DAMAGED is returned instead, listener_address and listener_allow let nobody in; the
+// embedded default returns it for no other key.
 int econf_get_str(econf_handle* handle, const char* key, char* buffer, int size);
 
 // Closes a handle of econf_open.

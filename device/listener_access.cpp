@@ -39,9 +39,8 @@ bool parse_address(const std::string& text, in_addr_t& address) {
 std::optional<ListenEndpoint> parse_endpoint(const std::string& item) {
   ListenEndpoint endpoint;
   if (!item.empty() && item.front() == '/') {
-    if (item.back() == '/') return {};
     endpoint.path = std::filesystem::path(item).lexically_normal();
-    return endpoint;
+    return endpoint.path.back() == '/' ? std::nullopt : std::optional(endpoint);
   }
   if (!parse_address(item, endpoint.address)) return {};
   const in_addr_t first_byte = ntohl(endpoint.address) >> 24;

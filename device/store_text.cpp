@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
+#include "util/safe_text.h"
 #include "util/text.h"
 
 namespace {
 
+// Without them everybody may connect.
+constexpr std::string_view kRestricting[] = {"listener_address", "listener_allow"};
 constexpr char kByteOrderMark[] = "\xef\xbb\xbf";  // some editors put it at the start of a file
 
 std::string_view trimmed(std::string_view text) {
@@ -16,11 +20,50 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// The key with which a line begins, whatever stands behind it.
-std::string_view leading_key(std::string_view line) {
-  const std::string_view text = trimmed(line);
-  const auto is_of_key = [](char c) { return c == '_' || (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z'); };
-  return text.substr(0, static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_of_key) - text.begin()));
+// The bytes of `text` that a key may have, in small letters.
+std::string key_bytes(std::string_view text) {
+  std::string bytes;
+  for (const char c : text) {
+    if (c == '_' || (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z')) bytes += c;
+    if (c >= 'A' && c <= 'Z') bytes += static_cast<char>(c - 'A' + 'a');
+  }
+  return bytes;
+}
+
+bool begins_with(std::string_view text, std::string_view beginning) {
+  return text.substr(0, beginning.size()) == beginning;
+}
+
+// Whether all of `text` is UTF-8 without control characters, except for tabs and line ends.
+bool is_clean(std::string_view text) {
+  while (!text.empty()) {
+    const bool is_blank = text[0] == '\t' || text[0] == '\r' || text[0] == '\n';
+    const size_t length = is_blank ? 1 : harmless_length(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+// Notes what a good line with `key` says about the keys that restrict access.
+void note_key(std::string_view key, StoreText& store) {
+  const std::string bytes = key_bytes(key);
+  for (const std::string_view restricting : kRestricting) {
+    if (key == restricting) {
+      store.damaged.erase(restricting);
+    } else if (bytes == restricting) {
+      store.damaged.insert(restricting);
+    }
+  }
+}
+
+// Notes which of them a bad line may have set. The last one of a file may be torn off.
+void note_bad_line(std::string_view line, bool is_last, StoreText& store) {
+  const std::string bytes = key_bytes(line);
+  for (const std::string_view restricting : kRestricting) {
+    const bool is_torn = is_last && !bytes.empty() && begins_with(restricting, bytes);
+    if (is_torn || begins_with(bytes, restricting)) store.damaged.insert(restricting);
+  }
 }
 
 // Parses one line into `store`; returns what is wrong with it, or null.
@@ -34,7 +77,7 @@ const char* add_line(std::string_view line, StoreText& store) {
   const std::string_view key = trimmed(text.substr(0, equals));
   if (key.empty()) return "the key is missing";
   store.values.insert_or_assign(std::string(key), std::string(trimmed(text.substr(equals + 1))));
-  if (const auto found = store.damaged.find(key); found != store.damaged.end()) store.damaged.erase(found);
+  note_key(key, store);
   return nullptr;
 }
 
@@ -43,27 +86,25 @@ const char* add_line(std::string_view line, StoreText& store) {
 StoreText parse_store(std::string_view bytes) {
   StoreText store;
   if (bytes.find('\0') != std::string_view::npos) {
-    store.is_text = false;
+    store.damaged.insert(std::begin(kRestricting), std::end(kRestricting));
     store.complaints.push_back({0, "it holds a zero byte, so it is not text and has no keys"});
     return store;
   }
+  const bool is_text = is_clean(bytes);
   if (bytes.substr(0, 3) == kByteOrderMark) bytes.remove_prefix(3);
   for (int number = 1; !bytes.empty(); ++number) {
     const std::string_view line = take_item(bytes, '\n');
     const char* const wrong = add_line(line, store);
     if (wrong == nullptr) continue;
-    store.damaged.emplace(leading_key(line));
+    note_bad_line(line, bytes.empty(), store);
     if (store.complaints.size() < kStoreComplaintsMax) {
       store.complaints.push_back({number, wrong});
     } else {
       ++store.more_complaints;
     }
   }
+  if (!is_text) store.damaged.insert(std::begin(kRestricting), std::end(kRestricting));
   return store;
-}
-
-bool is_damaged(const StoreText& store, std::string_view key) {
-  return !store.is_text || store.damaged.find(key) != store.damaged.end();
 }
 
 bool parse_store_int(std::string_view text, int& value) {

@@ -27,16 +27,15 @@ struct StoreComplaint {
 
 struct StoreText {
   std::map<std::string, std::string, std::less<>> values;
-  std::set<std::string, std::less<>> damaged;  // keys that a bad line begins with, and no good one after it
-  bool is_text = true;                         // false: any key may have been there
-  std::vector<StoreComplaint> complaints;      // at most kStoreComplaintsMax
-  int more_complaints = 0;                     // bad lines beyond those
+  std::set<std::string_view> damaged;      // keys that restrict access and may be set to what cannot be read
+  std::vector<StoreComplaint> complaints;  // at most kStoreComplaintsMax
+  int more_complaints = 0;                 // bad lines beyond those
 };
 
-// Whether the file sets `key` to something that cannot be read, or may do so. Any thread.
-bool is_damaged(const StoreText& store, std::string_view key);
-
-// Parses a store file's bytes; never fails. A file with a zero byte is not text and gives no keys. Any thread.
+// Parses a store file's bytes; never fails. A file with a zero byte is not text and gives no keys. A key that restricts
+// access is damaged when the file is not clean text, when a bad line begins with the key or is the last one and the
+// beginning of it, or when the key is misspelt in case or by bytes that no key has; a good line heals all but the
+// first. Any thread.
 StoreText parse_store(std::string_view bytes);
 
 // Reads `text` as a whole decimal number of 32 bits. Returns false, and leaves `value`, when it is not one. Any thread.

@@ -4,8 +4,10 @@
 // It sleeps until there is something to do. A quiet client is read at once; a client that has just been read waits for
 // the next tick, and on average clients cause one pass a tick. So each busy client is read one piece a tick, and no
 // number of busy clients makes the thread do more.
+#include <linux/sockios.h>
 #include <malloc.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <algorithm>
 
@@ -17,9 +19,19 @@
 namespace {
 
 constexpr int kTickMs = 50;
-constexpr int kPassesSaved = 20;    // passes in a row after a silence
-constexpr int kRetryMs = 1000;      // before a "reads again" line over the limit, or memory refused, is tried again
-constexpr size_t kPieceSize = 512;  // bytes read from a client in a pass
+constexpr int kPassesSaved = 20;       // passes in a row after a silence
+constexpr int kRetryMs = 1000;         // before a "reads again" line over the limit, or memory refused, is tried again
+constexpr size_t kPieceSize = 512;     // bytes read from a client in a pass
+constexpr int kUnreadMax = 64 * 1024;  // bytes that the system keeps for a client that is gone
+
+// Lets the close of `fd` reset the connection when much waits for the client. The system would keep that for two
+// minutes, and a client that does not read could come again and again.
+void bound_unread(int fd) {
+  int unread = 0;
+  const linger reset{1, 0};
+  if (ioctl(fd, SIOCOUTQ, &unread) != 0 || unread <= kUnreadMax) return;
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));  // failed: it is kept
+}
 
 }  // namespace
 
@@ -178,6 +190,7 @@ void ManagerListener::set_type_string(ListenerClient& client, const char* text) 
 
 void ManagerListener::remove_client(ListenerClient& client) {
   const MutexLock lock(mutex);
+  if (!client.peer.is_process) bound_unread(client.fd);
   elog(2, "mlistener: delete client : %d", client.fd);
   shutdown(client.fd, SHUT_RDWR);  // ends the script thread's wait for it, which would keep the connection open
   const size_t position = client.position;

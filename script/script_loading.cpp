@@ -13,7 +13,8 @@ void load_file(lua_State* L, const std::string& path) {
   bool compiled = false;
   std::string error;
   struct stat status {};
-  if (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode)) {  // Lua would wait for somebody to write to it
+  const bool is_there = stat(path.c_str(), &status) == 0;
+  if (is_there && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {  // Lua might read it for ever
     throw except_base("could not load file[%s] -- it is not a regular file", path.c_str());
   }
   const char* const file = path.c_str();

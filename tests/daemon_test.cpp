@@ -200,6 +200,7 @@ TEST(Daemon, AFailedTrialChangesNothing) {
       {file("x = = 1"), unread + "ROOT/scripts/x.lua:1: unexpected symbol near '='", ""},
       {"ln -s nowhere x.lua", unread + "cannot open ROOT/scripts/x.lua", ""},
       {"mkfifo x.lua", unread + "it is not a regular file\n", ""},
+      {"ln -s /dev/zero x.lua", unread + "it is not a regular file\n", ""},
       {"mkdir x.lua", unread + "cannot read ROOT/scripts/x.lua: Is a directory", ""},
       {"printf '\\033Lua0123456789' >x.lua", unread + "ROOT/scripts/x.lua: bad header in precompiled chunk", ""},
       {file("on('door', function() error('no') end)") + "echo \"error('second', 0)\" >y.lua",

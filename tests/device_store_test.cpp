@@ -73,8 +73,18 @@ TEST_F(DeviceStore, ADamagedSettingIsNotAMissingOne) {
       {"listener_allow = 10.0.0.1\nlistener_allow = " + too_long, "damaged"},
       {"listener_allow = " + too_long + "\nlistener_allow = 10.0.0.1", "10.0.0.1"},
       {"\tlistener_allow: 10.0.0.1", "damaged"},
-      {"listener_allowed " + too_long, "missing"},
+      {"listener_allowed = 10.0.0.1\n# a \xc3\xa4\t\r\nlistener_a\nno listener_allow\n", "missing"},
       {"listener_address = 127.0.0.1\n"s + '\0', "damaged"},
+      {"listener_allow = 10.0.0.1\n# \xff\xff", "damaged"},
+      {"# \x8alistener_address = 127.0.0.1", "damaged"},
+      {"listener_port = 0\vlistener_allow = 10.0.0.1", "damaged"},
+      {"listener_allow\xc2\xa0= 10.0.0.1", "damaged"},
+      {"listener_allow = 10.0.0.1\n Listener_\"Allow = 10.0.0.2", "damaged"},
+      {"Listener_Allow = 10.0.0.2\nlistener_allow = 10.0.0.1", "10.0.0.1"},
+      {"listener_allow510.0.0.1\n#", "damaged"},
+      {"=listener_allow = 10.0.0.1\n#", "damaged"},
+      {"a = 1\nlistener_a", "damaged"},
+      {"a = 1\n=", "missing"},
   };
   for (const auto& [text, expected] : rows) {
     write(text);
@@ -84,6 +94,8 @@ TEST_F(DeviceStore, ADamagedSettingIsNotAMissingOne) {
         logged().find("<1> econf: listener_allow cannot be read: it lets nobody in\n", lines) != std::string::npos;
     EXPECT_EQ(!value ? "missing" : is_said ? "damaged" + *value : *value, expected) << text.substr(0, 60);
   }
+  write("script_path = /a\nscript_path\nscript_path = "s + too_long + "\n\xff");
+  EXPECT_EQ(SettingsFile().text(settings::script_path, "missing"), "/a");
 }
 
 TEST_F(DeviceStore, ComplaintsComeOnceForEachStateOfAFile) {

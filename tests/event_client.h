@@ -84,6 +84,8 @@ class EventClient {
     return got == 0 || errno == ECONNRESET;
   }
 
+  void stop_sending() { shutdown(fd.get(), SHUT_WR); }
+
   // Closes the connection; the daemon sees a reset instead of an end when `reset`.
   void leave(bool reset = false) {
     if (reset) set(SO_LINGER, linger{1, 0});

@@ -255,7 +255,8 @@ TEST(ListenerAccess, AnAddressIsUnderstoodAsAWholeOrNotAtAll) {
   }
   const std::string bad =
       " ||127.0.0.1,|,/a|none,/a|None|all|*|localhost|::1|127.0.0.1:5512|127.0.0.1/8|127.1|0127.0.0.1|256.0.0.1|"
-      "127.0.0.1 127.0.0.2|0.0.0.1|224.0.0.1|255.255.255.255|run/a.sock|/run/|/|/a,/a|127.0.0.1,127.0.0.1|"
+      "127.0.0.1 "
+      "127.0.0.2|0.0.0.1|224.0.0.1|255.255.255.255|run/a.sock|/run/|/run/.|/run/a/..|/..|/|/a,/a|127.0.0.1,127.0.0.1|"
       "0.0.0.0,127.0.0.1|/a,/b/..//./a|/a,/a.sock|/a.lock,/a.sock|/run/zelvind/events|/run/zelvind/events.lock|"
       "/run/zelvind/../zelvind/control.sock|" +
       most + ",/a";
@@ -497,6 +498,19 @@ TEST_F(Listener, ARecordStartsCleanForTheNextClient) {
   subscribe(second, "mail");
   forward("mail", "asked for");
   EXPECT_EQ(second.read_info(), "asked for");
+}
+
+TEST_F(Listener, MuchThatAClientHasNotReadGoesWithIt) {
+  for (const int events : {3, 30}) {
+    const auto client = subscribed("door" + std::to_string(events), 4096);
+    for (int i = 0; i < events; ++i) forward("door", std::string(10000, '.'));
+    client->stop_sending();
+    ASSERT_TRUE(standin::wait_for_line("delete client", events == 3 ? 1 : 2));
+    EXPECT_TRUE(listener->client_list().empty());
+    int read = 0;
+    for (EventClient::Event event; client->read(event);) ++read;
+    EXPECT_EQ(read == events, events == 3) << read;
+  }
 }
 
 TEST_F(Listener, SlowClientsAreSkippedAndServedAgain) {

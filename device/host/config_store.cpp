@@ -190,7 +190,7 @@ int econf_get_int(econf_handle* handle, const char* key, int* value) {
 }
 
 int econf_get_str(econf_handle* handle, const char* key, char* buffer, int size) {
-  if (is_damaged(handle->store, key)) return ECONF_DAMAGED;
+  if (handle->store.damaged.count(key) > 0) return ECONF_DAMAGED;
   const std::string* text = find_value(handle->store, key);
   if (text == nullptr || size <= 0 || text->size() >= static_cast<size_t>(size)) return -1;
   copy_text(buffer, static_cast<size_t>(size), text->c_str());
