@@ -10,6 +10,7 @@
 #include "uplink/daemon_link.h"
 #include "uplink/event_payload.h"
 #include "uplink/outbox.h"
+#include "uplink/state_message.h"
 #include "uplink/uplink_settings.h"
 
 namespace {
@@ -284,6 +285,21 @@ TEST(UplinkOutbox, EachCourse) {
     if (played.spool->state().records == 0) {
       EXPECT_LE(played.outbox->state().waiting, 4U);
     }
+  }
+}
+
+// A broker that takes and never confirms has the loop sleep, and not try the state's message again and again.
+TEST(UplinkStateMessage, WaitsWhileTheBrokerTakesNothing) {
+  StateMessage message;
+  EXPECT_EQ(message.due({}), 0);
+  message.tell({}, 5000);
+  EXPECT_EQ(message.due({}), -1);
+  EXPECT_EQ(message.due({1, 0, false}), 15000);
+  for (const bool is_new_connection : {false, true}) {
+    message.hold_up();
+    EXPECT_EQ(message.due({2, 0, false}), -1);
+    is_new_connection ? message.begin() : message.go_on();
+    EXPECT_EQ(message.due({2, 0, false}), is_new_connection ? 0 : 15000);
   }
 }
 
