@@ -152,12 +152,13 @@ TEST(UplinkDaemonLink, GoesOnFromAPositionThatTheDaemonDoesNotKnow) {
   const std::string now = followed(daemon, "", "-0> ");  // "<RUN-0> "
   const std::string run = now.substr(1, now.find('-'));
   ASSERT_TRUE(daemon.post("1 door \n1 door \n"));
-  EXPECT_EQ(followed(daemon, run + "5000", "-2 "), "[00000000-5001 " + run + "0 0] " + run + "1 " + run + "2 ");
+  EXPECT_EQ(followed(daemon, run + "5000", "-2 "), "[" + run + "5001 " + run + "0 0] " + run + "1 " + run + "2 ");
 }
 
 // An outbox whose broker and clock the test plays. Events are numbered; a step is
 //   up, down, +MS, =N (confirms N), !N (refuses N), N or N..M (events come), uN (an urgent one), new (killed, started),
-//   aN (an answer to a command), dMS (run() is due in so many ms)
+//   aN (an answer to a command), dMS (run() is due in so many ms), gone (the position's file is), cut (the end of the
+//   spool's last file is)
 class PlayedOutbox {
  public:
   explicit PlayedOutbox(const std::function<void(UplinkSettings&)>& change) {
