@@ -1,6 +1,8 @@
 // The uplink's way from the daemon to the broker: settings, payloads, the daemon link, the outbox.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "tests/fake_control.h"
@@ -191,6 +193,11 @@ class PlayedOutbox {
                                         return static_cast<int>(tokens.size());
                                       });
   }
+  void cut() {
+    std::set<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.file("spool"))) files.insert(entry.path());
+    std::filesystem::resize_file(*files.rbegin(), std::filesystem::file_size(*files.rbegin()) - 1);
+  }
   bool publish_answer() {
     if (answers.empty()) return false;
     published += answers.front() + " ";
@@ -205,6 +212,8 @@ class PlayedOutbox {
       return;
     }
     if (word == "new") return begin();
+    if (word == "gone") return static_cast<void>(std::filesystem::remove(folder.file("position")));
+    if (word == "cut") return cut();
     if (word[0] == '+') return static_cast<void>(now += std::stoi(word.substr(1)));
     if (word[0] == '=') return outbox->confirm(token_of(word.substr(1)));
     if (word[0] == '!') return outbox->refuse(token_of(word.substr(1)));
@@ -267,6 +276,9 @@ TEST(UplinkOutbox, EachCourse) {
       {"what is refused when full is asked for again", full, "1..900 +1000 +1000 new", "", 460, true, "aa-460"},
       {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
        "aa-2"},
+      {"killed at once after a reboot", nothing, "gone new", "", 0, true, "aa-0"},
+      {"a reboot leaves the spool's position", nothing, "up 1..2 =2 +2000 +1000 gone new", "1 2 ", 1, true, "aa-2"},
+      {"the power is cut in a write", nothing, "up u1 u2 +1000 cut new", "1 2 ", 2, true, "aa-1"},
       {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},
   };
   for (const auto& row : rows) {
