@@ -159,8 +159,8 @@ TEST(UplinkDaemonLink, GoesOnFromAPositionThatTheDaemonDoesNotKnow) {
 
 // An outbox whose broker and clock the test plays. Events are numbered; a step is
 //   up, down, +MS, =N (confirms N), !N (refuses N), N or N..M (events come), uN (an urgent one), new (killed, started),
-//   aN (an answer to a command), dMS (run() is due in so many ms), gone (the position's file is), cut (the end of the
-//   spool's last file is)
+//   aN (an answer to a command), dMS (run() is due in so many ms), newboot (a new that has lost the position's
+//   file), cut (the end of the spool's last file is lost)
 class PlayedOutbox {
  public:
   explicit PlayedOutbox(const std::function<void(UplinkSettings&)>& change) {
@@ -211,8 +211,8 @@ class PlayedOutbox {
       EXPECT_EQ(outbox->due() - now, std::stoi(word.substr(1)));
       return;
     }
-    if (word == "new") return begin();
-    if (word == "gone") return static_cast<void>(std::filesystem::remove(folder.file("position")));
+    if (word == "newboot") std::filesystem::remove(folder.file("position"));
+    if (word == "new" || word == "newboot") return begin();
     if (word == "cut") return cut();
     if (word[0] == '+') return static_cast<void>(now += std::stoi(word.substr(1)));
     if (word[0] == '=') return outbox->confirm(token_of(word.substr(1)));
@@ -276,8 +276,8 @@ TEST(UplinkOutbox, EachCourse) {
       {"what is refused when full is asked for again", full, "1..900 +1000 +1000 new", "", 460, true, "aa-460"},
       {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
        "aa-2"},
-      {"killed at once after a reboot", nothing, "gone new", "", 0, true, "aa-0"},
-      {"a reboot leaves the spool's position", nothing, "up 1..2 =2 +2000 +1000 gone new", "1 2 ", 1, true, "aa-2"},
+      {"killed at once after a reboot", nothing, "newboot", "", 0, true, "aa-0"},
+      {"a reboot leaves the spool's position", nothing, "up 1..2 =2 +2000 +1000 newboot", "1 2 ", 1, true, "aa-2"},
       {"the power is cut in a write", nothing, "up u1 u2 +1000 cut new", "1 2 ", 2, true, "aa-1"},
       {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},
   };
