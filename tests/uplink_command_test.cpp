@@ -259,6 +259,28 @@ TEST_F(UplinkCommandTest, RemembersTheLast256) {
   EXPECT_EQ(given(command(1)), "20 unlock cmd_id=q1");  // q0 took its place
 }
 
+// The folder is of a disk that is mounted late: what that one holds and what came before it are both known.
+TEST_F(UplinkCommandTest, KnowsTheIdsOfAFolderThatComesLate) {
+  const std::string late = folder + "-late";
+  const std::string early = folder + "-early";
+  given(R"({"id":"q1"})");
+  given(R"({"id":"q2"})");
+  commands->reply("cmd_id=q1&status=open");
+  std::filesystem::rename(folder, late);
+  std::filesystem::create_directory(folder);
+  start();
+  EXPECT_EQ(given(R"({"id":"q3"})"), "20 unlock cmd_id=q3");
+  std::filesystem::rename(folder, early);
+  std::filesystem::rename(late, folder);
+  for (const bool is_restarted : {false, true}) {
+    if (is_restarted) start();
+    EXPECT_EQ(given(R"({"id":"q1"})"), R"(q1 {"id":"q1","status":"open"})");
+    EXPECT_EQ(given(R"({"id":"q2"})"), R"(q2 {"id":"q2","status":"pending"})");
+    EXPECT_EQ(given(R"({"id":"q3"})"), R"(q3 {"id":"q3","status":"pending"})");
+  }
+  std::filesystem::remove_all(early);
+}
+
 TEST_F(UplinkCommandTest, MoreThanTheRateIsRefused) {
   settings.down_rate = 2;
   start();

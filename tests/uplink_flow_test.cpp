@@ -1,6 +1,8 @@
 // The uplink's way from the daemon to the broker: settings, payloads, the daemon link, the outbox.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "tests/fake_control.h"
@@ -10,6 +12,7 @@
 #include "uplink/daemon_link.h"
 #include "uplink/event_payload.h"
 #include "uplink/outbox.h"
+#include "uplink/state_message.h"
 #include "uplink/uplink_settings.h"
 
 namespace {
@@ -151,12 +154,13 @@ TEST(UplinkDaemonLink, GoesOnFromAPositionThatTheDaemonDoesNotKnow) {
   const std::string now = followed(daemon, "", "-0> ");  // "<RUN-0> "
   const std::string run = now.substr(1, now.find('-'));
   ASSERT_TRUE(daemon.post("1 door \n1 door \n"));
-  EXPECT_EQ(followed(daemon, run + "5000", "-2 "), "[00000000-5001 " + run + "0 0] " + run + "1 " + run + "2 ");
+  EXPECT_EQ(followed(daemon, run + "5000", "-2 "), "[" + run + "5001 " + run + "0 0] " + run + "1 " + run + "2 ");
 }
 
 // An outbox whose broker and clock the test plays. Events are numbered; a step is
 //   up, down, +MS, =N (confirms N), !N (refuses N), N or N..M (events come), uN (an urgent one), new (killed, started),
-//   aN (an answer to a command), dMS (run() is due in so many ms)
+//   aN (an answer to a command), dMS (run() is due in so many ms), newboot (a new that has lost the position's
+//   file), cut (the end of the spool's last file is lost)
 class PlayedOutbox {
  public:
   explicit PlayedOutbox(const std::function<void(UplinkSettings&)>& change) {
@@ -189,6 +193,11 @@ class PlayedOutbox {
                                         return static_cast<int>(tokens.size());
                                       });
   }
+  void cut() {
+    std::set<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.file("spool"))) files.insert(entry.path());
+    std::filesystem::resize_file(*files.rbegin(), std::filesystem::file_size(*files.rbegin()) - 1);
+  }
   bool publish_answer() {
     if (answers.empty()) return false;
     published += answers.front() + " ";
@@ -202,7 +211,9 @@ class PlayedOutbox {
       EXPECT_EQ(outbox->due() - now, std::stoi(word.substr(1)));
       return;
     }
-    if (word == "new") return begin();
+    if (word == "newboot") std::filesystem::remove(folder.file("position"));
+    if (word == "new" || word == "newboot") return begin();
+    if (word == "cut") return cut();
     if (word[0] == '+') return static_cast<void>(now += std::stoi(word.substr(1)));
     if (word[0] == '=') return outbox->confirm(token_of(word.substr(1)));
     if (word[0] == '!') return outbox->refuse(token_of(word.substr(1)));
@@ -265,6 +276,9 @@ TEST(UplinkOutbox, EachCourse) {
       {"what is refused when full is asked for again", full, "1..900 +1000 +1000 new", "", 460, true, "aa-460"},
       {"killed while records wait", nothing, "up 1 =1 +1000 2 down +2000 +1000 3 +100 new up", "1 2 2 ", 1, true,
        "aa-2"},
+      {"killed at once after a reboot", nothing, "newboot", "", 0, true, "aa-0"},
+      {"a reboot leaves the spool's position", nothing, "up 1..2 =2 +2000 +1000 newboot", "1 2 ", 1, true, "aa-2"},
+      {"the power is cut in a write", nothing, "up u1 u2 +1000 cut new", "1 2 ", 2, true, "aa-1"},
       {"a flood while there is no broker", nothing, "1..2000", "", 1138, false, ""},
   };
   for (const auto& row : rows) {
@@ -284,6 +298,21 @@ TEST(UplinkOutbox, EachCourse) {
     if (played.spool->state().records == 0) {
       EXPECT_LE(played.outbox->state().waiting, 4U);
     }
+  }
+}
+
+// A broker that takes and never confirms has the loop sleep, and not try the state's message again and again.
+TEST(UplinkStateMessage, WaitsWhileTheBrokerTakesNothing) {
+  StateMessage message;
+  EXPECT_EQ(message.due({}), 0);
+  message.tell({}, 5000);
+  EXPECT_EQ(message.due({}), -1);
+  EXPECT_EQ(message.due({1, 0, false}), 15000);
+  for (const bool is_new_connection : {false, true}) {
+    message.hold_up();
+    EXPECT_EQ(message.due({2, 0, false}), -1);
+    is_new_connection ? message.begin() : message.go_on();
+    EXPECT_EQ(message.due({2, 0, false}), is_new_connection ? 0 : 15000);
   }
 }
 

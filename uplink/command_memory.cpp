@@ -1,11 +1,13 @@
 #include "uplink/command_memory.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "device/log.h"
 #include "uplink/command_payload.h"
@@ -52,17 +54,37 @@ bool replace_file(const std::string& path, const std::string& text) {
 }  // namespace
 
 std::string CommandMemory::read() {
-  if (is_read) return "";
+  struct stat found {};
+  if (stat(folder.c_str(), &found) != 0) found = {};
+  const Place place{found.st_dev, found.st_ino};
+  if (is_read && place == read_from) return "";
   std::string text;
   const int error = read_file(path, text);
   if (error != 0 && error != ENOENT) return "failed to read " + path + ": " + strerrordesc_np(error);
+  const std::deque<Entry> known = std::exchange(entries, {});
+  if (!text.empty()) take_text(text);
   is_read = true;
-  if (text.empty()) return "";
-  std::string_view rest = text;
+  read_from = place;
+  for (const Entry& entry : known) merge(entry);
+  if (!known.empty()) write();  // if that fails, the next id brings them there
+  return "";
+}
+
+void CommandMemory::take_text(std::string_view rest) {
   int damaged = take_item(rest, '\n') == kHead ? 0 : 1;
   while (!rest.empty()) damaged += take_line(take_item(rest, '\n')) ? 0 : 1;
   if (damaged > 0) elog(1, "uplink: %d lines of %s are damaged: their commands may run again", damaged, path.c_str());
-  return "";
+}
+
+// What this run knows is younger than what another folder holds.
+void CommandMemory::merge(const Entry& known) {
+  Entry* const found = entry_of(known.id);
+  if (found == nullptr) {
+    entries.push_back(known);
+    if (entries.size() > kCommandsRemembered) entries.pop_front();
+  } else if (!known.answer.empty()) {
+    found->answer = known.answer;
+  }
 }
 
 // Takes a line over and returns true, or false when it is damaged. Of a good id with a damaged answer the id counts:
@@ -106,7 +128,8 @@ std::string CommandMemory::set_answer(std::string_view id, const std::string& an
   Entry* const entry = entry_of(id);
   if (entry == nullptr || entry->answer == answer) return "";
   entry->answer = answer;
-  return write();
+  const std::string unread = read();  // the folder may be another one by now
+  return unread.empty() ? write() : unread;
 }
 
 std::string CommandMemory::write() const {

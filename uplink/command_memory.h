@@ -10,10 +10,12 @@
 // few bytes costs the flash as much as one of some KiB.
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <deque>
 #include <string>
 #include <string_view>
+#include <utility>
 
 constexpr size_t kCommandsRemembered = 256;
 constexpr size_t kAnswerRemembered = 1024;  // bytes, the longest answer that is kept whole
@@ -21,12 +23,13 @@ constexpr size_t kAnswerRemembered = 1024;  // bytes, the longest answer that is
 // One thread only. Nothing throws.
 class CommandMemory {
  public:
-  // The file lies in `folder`, which need not exist yet.
-  explicit CommandMemory(const std::string& folder) : path(folder + "/commands") {}
+  // The file lies in `the_folder`, which need not exist yet.
+  explicit CommandMemory(std::string the_folder) : folder(std::move(the_folder)), path(folder + "/commands") {}
 
-  // Reads the file, once that has succeeded never again. Returns an empty text, or why it cannot be read: what came
-  // before is unknown then, and no command may be taken. A file that is not there is an empty one; lines that are
-  // damaged are said in the log.
+  // Reads the file, once that has succeeded only when another folder takes the place of the one before, e.g. a disk
+  // that is mounted late: its ids are then known beside those of this run, and the file there gets them all. Returns an
+  // empty text, or why it cannot be read: what came before is unknown then, and no command may be taken. A file that is
+  // not there is an empty one; lines that are damaged are said in the log.
   std::string read();
 
   // The answer given to `id`, which may be empty; null: the id is not known. Valid until the next call.
@@ -45,11 +48,17 @@ class CommandMemory {
     std::string id, answer;
   };
 
+  using Place = std::pair<dev_t, ino_t>;  // of a folder; of none: zeros
+
   Entry* entry_of(std::string_view id);
+  void take_text(std::string_view rest);
+  void merge(const Entry& known);
   bool take_line(std::string_view line);
   std::string write() const;
 
+  const std::string folder;
   const std::string path;
   bool is_read = false;
+  Place read_from;
   std::deque<Entry> entries;  // the oldest first
 };

@@ -15,7 +15,7 @@ constexpr int kFirstRetryMs = 500;
 constexpr int kLongestRetryMs = 5000;
 constexpr int kLinesAtOnce = 256;
 constexpr char kNotYet[] = "has not come yet";  // within the daemon's sentence
-constexpr char kNoRun[] = "00000000";           // the daemon takes nothing shorter
+constexpr char kNoRun[] = "00000000";           // that never was; the daemon takes nothing shorter
 
 std::string names_argument(const std::vector<std::string>& names) {
   std::string list;
@@ -70,7 +70,8 @@ void DaemonLink::run() {
 
 void DaemonLink::connect() {
   auto made = std::make_unique<ControlClient>(root, kConnectMs);
-  made->send("follow" + (position.run.empty() ? "" : " from=" + position.text()) + request_names);
+  const EventId from{is_position_unknown ? kNoRun : position.run, position.sequence};
+  made->send("follow" + (position.run.empty() ? "" : " from=" + from.text()) + request_names);
   client = std::move(made);
 }
 
@@ -89,7 +90,7 @@ bool DaemonLink::take_line() {
     }
   } catch (const Refused& refused) {
     // The run is the same by chance, or the position is not ours: as if it were of another run.
-    if (std::string_view(refused.what()).find(kNotYet) != std::string_view::npos) position.run = kNoRun;
+    if (std::string_view(refused.what()).find(kNotYet) != std::string_view::npos) is_position_unknown = true;
     throw;
   }
   return true;
@@ -117,6 +118,7 @@ void DaemonLink::begin(const AnswerLine& line) {
   current.since_ms = following_since = steady_ms();
   current.last_error.clear();
   current.run = run;
+  is_position_unknown = false;
   ++current.connects;
   const uint64_t next = line.count("next");
   if (position.run.empty() && next > 0) move_to(EventId{run, next - 1}.text());

@@ -69,7 +69,8 @@ class DaemonLink {
   const std::string request_names;  // " names=...", or empty
   const Events events;
   State current;
-  EventId position;  // of the last event that was seen; no run: none yet
+  EventId position;                  // of the last event that was seen; no run: none yet
+  bool is_position_unknown = false;  // to the daemon, which then takes it for one of another run
   std::unique_ptr<ControlClient> client;
   bool may_have_more = false;  // lines that were received and not taken yet
   int64_t next_try = 0;        // steady_ms(), while there is no client

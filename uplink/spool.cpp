@@ -25,8 +25,9 @@ constexpr size_t kMarkMax = 256;  // bytes
 constexpr uint64_t kOrigin = uint64_t{1} << 62;
 
 // A gap's number is one more than that of the last record in it, which may be in flight: the acknowledgement of the one
-// is not that of the other. A gap may become part of others, in memory, in a damaged file and when that is dropped.
-constexpr uint64_t kStep = 4;
+// is not that of the other. A gap may become part of others: in memory, twice at the damaged end of a file, and when
+// that is dropped.
+constexpr uint64_t kStep = 8;
 
 size_t size_of(const UplinkRecord& record) {
   return kFrameMax + record.id.size() + record.last_id.size() + record.name.size() + record.payload.size();

@@ -22,7 +22,6 @@ namespace {
 
 constexpr char kPositionPath[] = "/run/zelvind-uplink/position";
 constexpr char kReplyName[] = "uplink_reply";
-constexpr int64_t kStateMs = 10000;     // between two messages of the state
 constexpr int kPostMs = 500;            // for a daemon that does not read
 constexpr int64_t kPostAgainMs = 2000;  // after it has not
 constexpr int kFarewellMs = 3000;
@@ -70,7 +69,7 @@ Uplink::Uplink(UplinkSettings all_settings, std::string the_root, uint64_t start
 BrokerLink::Events Uplink::broker_events() {
   BrokerLink::Events events;
   events.on_up = [this] {
-    has_told = false;
+    state_message.begin();
     outbox.set_up(true);
   };
   events.on_down = [this](const std::string&) {
@@ -78,10 +77,12 @@ BrokerLink::Events Uplink::broker_events() {
     answers.begin_again();
   };
   events.on_confirmed = [this](int token) {
+    state_message.go_on();
     outbox.confirm(token);
     answers.forget(token);
   };
   events.on_refused = [this, limit = RateLimit()](int token, const std::string& reason) mutable {
+    state_message.go_on();
     outbox.refuse(token);
     answers.forget(token);
     if (const auto left_out = limit.allow()) {
@@ -151,13 +152,13 @@ bool Uplink::post(const std::string& line) {
 
 // --- The state
 
-Uplink::Told Uplink::telling() const {
+StateMessage::Told Uplink::telling() const {
   const Spool::State state = spool.state();
   return {state.records, state.dropped, state.in_memory};
 }
 
 std::string Uplink::state_text(bool on) const {
-  const Told now = telling();
+  const StateMessage::Told now = telling();
   nlohmann::ordered_json text;
   text["on"] = on;
   text["session"] = session;
@@ -170,19 +171,18 @@ std::string Uplink::state_text(bool on) const {
 
 // When the state is to be told again; -1: not as things stand.
 int64_t Uplink::state_due() const {
-  if (!broker.state().up) return -1;
-  if (!has_told) return 0;
-  return telling() == told ? -1 : told_at + kStateMs;
+  return broker.state().up ? state_message.due(telling()) : -1;
 }
 
 void Uplink::publish_state(int64_t now) {
   const int64_t due = state_due();
   if (due < 0 || due > now) return;
-  const Told telling_now = telling();
-  if (broker.publish(settings.topic("state"), state_text(true), true) == BrokerLink::kNotNow) return;
-  told = telling_now;
-  told_at = now;
-  has_told = true;
+  const StateMessage::Told telling_now = telling();
+  if (broker.publish(settings.topic("state"), state_text(true), true) == BrokerLink::kNotNow) {
+    state_message.hold_up();
+  } else {
+    state_message.tell(telling_now, now);
+  }
 }
 
 // --- The loop

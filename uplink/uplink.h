@@ -15,6 +15,7 @@
 #include "uplink/daemon_link.h"
 #include "uplink/outbox.h"
 #include "uplink/spool.h"
+#include "uplink/state_message.h"
 #include "uplink/uplink_settings.h"
 #include "uplink/uplink_status.h"
 #include "util/rate_limit.h"
@@ -30,15 +31,6 @@ class Uplink {
   void run(int signals);
 
  private:
-  // What the state's message tells beside what never changes.
-  struct Told {
-    uint64_t spooled = 0, dropped = 0;
-    bool in_memory = false;
-    bool operator==(const Told& other) const {
-      return spooled == other.spooled && dropped == other.dropped && in_memory == other.in_memory;
-    }
-  };
-
   BrokerLink::Events broker_events();
   DaemonLink::Events daemon_events();
   std::vector<std::string> followed_names() const;
@@ -46,7 +38,7 @@ class Uplink {
   void take_gap(const std::string& first, const std::string& last, uint64_t count);
   bool post(const std::string& line);
   void publish_state(int64_t now);
-  Told telling() const;
+  StateMessage::Told telling() const;
   std::string state_text(bool on) const;
   int64_t state_due() const;
   int wait_ms() const;
@@ -68,9 +60,7 @@ class Uplink {
   DaemonLink daemon;
   StatusSocket status;
 
-  Told told;  // last
-  int64_t told_at = INT64_MIN / 2;
-  bool has_told = false;       // over this connection
+  StateMessage state_message;
   int64_t no_post_before = 0;  // the daemon has taken in nothing
   uint64_t taken_over = 0;     // that were taken over
   uint64_t lost = 0;
