@@ -34,11 +34,14 @@ bool begins_with(std::string_view text, std::string_view beginning) {
   return text.substr(0, beginning.size()) == beginning;
 }
 
-// Whether all of `text` is UTF-8 without control characters, except for tabs and line ends.
+// Whether all of `text` is text without control characters, except for tabs and line ends. Comments may have letters of
+// another encoding than UTF-8; 0xff is what erased flash holds.
 bool is_clean(std::string_view text) {
   while (!text.empty()) {
-    const bool is_blank = text[0] == '\t' || text[0] == '\r' || text[0] == '\n';
-    const size_t length = is_blank ? 1 : harmless_length(text);
+    const auto first = static_cast<unsigned char>(text[0]);
+    const bool is_blank = first == '\t' || first == '\r' || first == '\n';
+    const bool is_letter = first >= 0xa0 && first < 0xff;
+    const size_t length = is_blank ? 1 : std::max<size_t>(harmless_length(text), is_letter ? 1 : 0);
     if (length == 0) return false;
     text.remove_prefix(length);
   }
@@ -103,7 +106,9 @@ StoreText parse_store(std::string_view bytes) {
       ++store.more_complaints;
     }
   }
-  if (!is_text) store.damaged.insert(std::begin(kRestricting), std::end(kRestricting));
+  for (const std::string_view key : kRestricting) {
+    if (!is_text && store.values.find(key) == store.values.end()) store.damaged.insert(key);
+  }
   return store;
 }
 

@@ -33,9 +33,8 @@ struct StoreText {
 };
 
 // Parses a store file's bytes; never fails. A file with a zero byte is not text and gives no keys. A key that restricts
-// access is damaged when the file is not clean text, when a bad line begins with the key or is the last one and the
-// beginning of it, or when the key is misspelt in case or by bytes that no key has; a good line heals all but the
-// first. Any thread.
+// access is damaged when no good line sets it and the file holds what is not text, when a bad line begins with it or is
+// the last one and its beginning, or when it is misspelt in case or by bytes that no key has. Any thread.
 StoreText parse_store(std::string_view bytes);
 
 // Reads `text` as a whole decimal number of 32 bits. Returns false, and leaves `value`, when it is not one. Any thread.
